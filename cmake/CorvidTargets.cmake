@@ -1,0 +1,66 @@
+# Flags for every target of this project, and functions that declare targets.
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+if(NOT CMAKE_BUILD_TYPE)
+  set(CMAKE_BUILD_TYPE Release)
+endif()
+
+add_library(corvid_flags INTERFACE)
+target_compile_options(corvid_flags INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror
+  $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
+target_include_directories(corvid_flags INTERFACE ${CMAKE_SOURCE_DIR})
+if(CORVID_SANITIZE)
+  target_compile_options(corvid_flags INTERFACE
+    -fsanitize=${CORVID_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  target_link_options(corvid_flags INTERFACE -fsanitize=${CORVID_SANITIZE})
+endif()
+
+find_program(CORVID_CCACHE ccache)
+if(CORVID_CCACHE)
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${CORVID_CCACHE})
+  set(CMAKE_C_COMPILER_LAUNCHER ${CORVID_CCACHE})
+endif()
+
+# corvid_library(name SOURCES a.cpp ... [LINK targets ...] [PRIVATE_LINK targets ...])
+function(corvid_library name)
+  cmake_parse_arguments(arg "" "" "SOURCES;LINK;PRIVATE_LINK" ${ARGN})
+  add_library(${name} STATIC ${arg_SOURCES})
+  target_link_libraries(${name} PUBLIC ${arg_LINK} PRIVATE corvid_flags ${arg_PRIVATE_LINK})
+  target_include_directories(${name} PUBLIC ${CMAKE_SOURCE_DIR})
+  corvid_precompile(${name})
+endfunction()
+
+# corvid_program(name SOURCES main.cpp ... LINK targets ...)
+function(corvid_program name)
+  cmake_parse_arguments(arg "" "" "SOURCES;LINK" ${ARGN})
+  add_executable(${name} ${arg_SOURCES})
+  target_link_libraries(${name} PRIVATE corvid_flags ${arg_LINK})
+endfunction()
+
+# corvid_test(name SOURCES a_test.cpp ... LINK targets ...): one test program, each case a CTest test.
+function(corvid_test name)
+  cmake_parse_arguments(arg "" "TIMEOUT" "SOURCES;LINK" ${ARGN})
+  if(NOT arg_TIMEOUT)
+    set(arg_TIMEOUT 60)
+  endif()
+  add_executable(${name} ${arg_SOURCES})
+  target_link_libraries(${name} PRIVATE corvid_flags corvid_fakes ${arg_LINK} GTest::gmock GTest::gtest_main)
+  corvid_precompile(${name} gtest/gtest.h)
+  include(GoogleTest)
+  gtest_discover_tests(${name} PROPERTIES TIMEOUT ${arg_TIMEOUT} DISCOVERY_TIMEOUT 60)
+endfunction()
+
+function(corvid_precompile name)
+  if(NOT CORVID_PCH)
+    return()
+  endif()
+  set(headers <atomic> <functional> <map> <memory> <optional> <string> <string_view> <vector>
+              <fmt/format.h>)
+  foreach(header IN LISTS ARGN)
+    list(APPEND headers <${header}>)
+  endforeach()
+  target_precompile_headers(${name} PRIVATE ${headers})
+endfunction()

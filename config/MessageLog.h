@@ -1,0 +1,21 @@
+// The local, human-readable record of forwarded messages.
+#pragma once
+
+#include <fmt/format.h>
+
+#include <string_view>
+
+namespace corvid {
+
+// Appends one dated line to the daemon's current message log file, starting a new file each day
+// and removing older ones. Failures are logged and reported to nobody. Any thread.
+void writeToLogFile(std::string_view message);
+
+template <class... A>
+void writeToLogFile(fmt::format_string<const A&...> format, const A&... arguments)
+  requires(sizeof...(A) > 0)
+{
+  writeToLogFile(std::string_view(fmt::format(format, arguments...)));
+}
+
+}  // namespace corvid

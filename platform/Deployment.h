@@ -1,0 +1,19 @@
+// What the deployment sets: hosts of the storebag servers and how they may be reached.
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace corvid {
+
+struct Deployment {
+  // `host[:port]`. The built-in hosts end in ".invalid", so that nothing is reached by default.
+  std::string productionStorebagHost = "storebags.corvid.invalid";
+  std::string internalStorebagHost = "internal-storebags.corvid.invalid";
+  // Certificates to trust instead of the system's, as a PEM file.
+  std::optional<std::string> caFile;
+  // Lets plain http through; for loopback tests.
+  bool allowInsecureHTTP = false;
+};
+
+}  // namespace corvid

@@ -1,0 +1,36 @@
+// The few file operations of the local message log, so that tests can make each one fail.
+//
+// Paths are absolute. Threads: any.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/base/Result.h"
+#include "platform/base/TimeValue.h"
+
+namespace corvid {
+
+class FileSystem {
+ public:
+  virtual ~FileSystem() = default;
+  // Names of the entries, in name order. Failure::code is the system error number (ENOENT where
+  // the directory does not exist).
+  virtual Result<std::vector<std::string>> listDirectory(const std::string& path) = 0;
+  // The directory and all missing parents. False when it does not exist afterwards.
+  virtual bool createDirectories(const std::string& path) = 0;
+  // The earlier of birth and modification time; nothing where neither is known.
+  virtual std::optional<TimeValue> creationDate(const std::string& path) = 0;
+  // An empty file; an existing one is left as it is.
+  virtual void createFile(const std::string& path) = 0;
+  virtual bool exists(const std::string& path) = 0;
+  // Appends the pieces one after the other, one write each, to an existing regular file, never
+  // through a symbolic link. False at the first that fails.
+  virtual bool append(const std::string& path, const std::vector<std::string_view>& pieces) = 0;
+  // Errors are ignored.
+  virtual void remove(const std::string& path) = 0;
+};
+
+}  // namespace corvid

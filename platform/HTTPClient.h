@@ -1,0 +1,71 @@
+// The process's one shared HTTP session.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace corvid {
+
+using HTTPHeaders = std::vector<std::pair<std::string, std::string>>;
+
+struct HTTPRequest {
+  std::string method = "GET";
+  std::string url;
+  HTTPHeaders headers;  // sent as given, in this order as far as the protocol keeps one
+  std::string body;     // sent when the method is POST
+  std::chrono::milliseconds timeout{60'000};  // for the whole exchange
+  // Read and dropped when false: the response then has no body.
+  bool wantsBody = true;
+};
+
+struct HTTPResponse {
+  int status = 0;
+  HTTPHeaders headers;
+  std::string body;
+
+  // The last value of the header, found without regard to case.
+  std::optional<std::string> header(std::string_view name) const;
+};
+
+// Why an exchange did not complete. `code` is the transport's own and never 0.
+struct HTTPError {
+  int code = 0;
+  std::string description;
+};
+
+// One outcome of an exchange: a response or an error. Any status, 5xx included, is a response.
+struct HTTPOutcome {
+  std::optional<HTTPResponse> response;
+  std::optional<HTTPError> error;
+};
+
+using HTTPCompletion = std::function<void(HTTPOutcome)>;
+
+// Starts exchanges and reports each outcome once.
+//
+// TLS is verified; redirects are not followed; nothing is retried. A response body over the
+// client's cap, a redirect loop, plain http where the deployment does not allow it, and a full
+// queue are errors like any other.
+//
+// Threads   start: any thread; returns at once. The completion runs on the client's own thread,
+//           or, where the exchange cannot even be queued, on the caller's before start returns.
+//           A completion must not block.
+// Limits    A bounded number of exchanges waits; past it start fails the new one at once.
+class HTTPClient {
+ public:
+  virtual ~HTTPClient() = default;
+  virtual void start(HTTPRequest request, HTTPCompletion completion) = 0;
+  // Exchanges started and not yet completed.
+  virtual std::size_t exchangesUnderWay() const = 0;
+};
+
+// Starts the exchange and blocks the caller until its completion. Not from a completion.
+HTTPOutcome performAndWait(HTTPClient& client, HTTPRequest request);
+
+}  // namespace corvid

@@ -1,0 +1,87 @@
+// Everything the process gets from its system, in one place. main builds one Platform and installs
+// it before the first thread; a test builds one from fakes. Nothing else is global, so that a new
+// Platform starts as a new process.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "platform/Clock.h"
+#include "platform/Consent.h"
+#include "platform/Deployment.h"
+#include "platform/DeviceInformationService.h"
+#include "platform/FileSystem.h"
+#include "platform/HTTPClient.h"
+#include "platform/KeepAlive.h"
+#include "platform/LocaleInformation.h"
+#include "platform/Paths.h"
+#include "platform/Preferences.h"
+#include "platform/Random.h"
+
+namespace corvid {
+
+// An answer that the process computes once, at its first use. Any thread; others wait for it.
+template <class T>
+class OnceAnswer {
+ public:
+  template <class F>
+  const T& get(F&& compute) {
+    std::call_once(_once, [&] { _value.emplace(compute()); });
+    return *_value;
+  }
+
+ private:
+  std::once_flag _once;
+  std::optional<T> _value;
+};
+
+class Platform {
+ public:
+  // The services, shared so that a test may keep its fakes. All must be set before install.
+  struct Services {
+    std::shared_ptr<Clock> clock;
+    std::shared_ptr<HTTPClient> http;
+    std::shared_ptr<Preferences> preferences;
+    std::shared_ptr<DeviceInformationService> deviceInformation;
+    std::shared_ptr<LocaleInformation> locale;
+    std::shared_ptr<Consent> consent;
+    std::shared_ptr<Random> random;
+    std::shared_ptr<KeepAlive> keepAlive;
+    std::shared_ptr<FileSystem> files;
+    Paths paths;
+    Deployment deployment;
+  };
+
+  explicit Platform(Services services) : _services(std::move(services)) {}
+
+  // The installed Platform. There must be one.
+  static Platform& current();
+  // `platform` is borrowed until the next install; nullptr takes it away.
+  static void install(Platform* platform);
+
+  Clock& clock() { return *_services.clock; }
+  HTTPClient& http() { return *_services.http; }
+  Preferences& preferences() { return *_services.preferences; }
+  DeviceInformationService& deviceInformation() { return *_services.deviceInformation; }
+  LocaleInformation& locale() { return *_services.locale; }
+  Consent& consent() { return *_services.consent; }
+  Random& random() { return *_services.random; }
+  KeepAlive& keepAlive() { return *_services.keepAlive; }
+  FileSystem& files() { return *_services.files; }
+  const Paths& paths() const { return _services.paths; }
+  const Deployment& deployment() const { return _services.deployment; }
+
+  // Answers computed once per process.
+  OnceAnswer<bool> internalBuild;
+  OnceAnswer<std::uint32_t> environmentType;
+  OnceAnswer<std::string> storebagServerURL;
+
+ private:
+  Services _services;
+};
+
+}  // namespace corvid

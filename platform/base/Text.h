@@ -1,0 +1,29 @@
+// Text operations on UTF-8 that do not depend on the process's locale.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace corvid {
+
+// True for well-formed UTF-8 (no overlong forms, no surrogates, at most U+10FFFF).
+bool isValidUTF8(std::string_view text);
+// `text` with each ill-formed byte sequence replaced by U+FFFD.
+std::string replacingInvalidUTF8(std::string_view text);
+// Number of UTF-16 code units of well-formed UTF-8.
+std::size_t utf16Length(std::string_view text);
+
+// Simple (one to one) Unicode lower-case mapping; ill-formed bytes stay.
+std::string lowerCased(std::string_view text);
+// Simple Unicode case folding, for comparison only.
+std::string caseFolded(std::string_view text);
+bool equalsIgnoringCase(std::string_view a, std::string_view b);
+// True when `needle` occurs in `text`, ignoring case. An empty needle occurs nowhere.
+bool containsIgnoringCase(std::string_view text, std::string_view needle);
+
+// Splits at every separator, keeping empty parts: "a,,b" has three, "" has one.
+std::vector<std::string_view> split(std::string_view text, char separator);
+
+}  // namespace corvid

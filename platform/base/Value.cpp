@@ -1,0 +1,124 @@
+#include "platform/base/Value.h"
+
+#include <bit>
+#include <functional>
+#include <utility>
+
+namespace corvid {
+
+Value::Value(Data value) : _storage(std::make_shared<const Data>(std::move(value))) {}
+Value::Value(Array value) : _storage(std::make_shared<const Array>(std::move(value))) {}
+Value::Value(Dictionary value) : _storage(std::make_shared<const Dictionary>(std::move(value))) {}
+
+namespace {
+
+template <class T, class Variant>
+std::optional<T> contentOf(const Variant& storage) {
+  if (const T* value = std::get_if<T>(&storage)) return *value;
+  return std::nullopt;
+}
+
+template <class T, class Variant>
+const T* sharedContentOf(const Variant& storage) {
+  const auto* shared = std::get_if<std::shared_ptr<const T>>(&storage);
+  return shared ? shared->get() : nullptr;
+}
+
+}  // namespace
+
+std::optional<bool> Value::boolean() const { return contentOf<bool>(_storage); }
+std::optional<std::int64_t> Value::integer() const { return contentOf<std::int64_t>(_storage); }
+std::optional<double> Value::real() const { return contentOf<double>(_storage); }
+std::optional<Date> Value::date() const { return contentOf<Date>(_storage); }
+
+const std::string* Value::data() const {
+  const Data* content = sharedContentOf<Data>(_storage);
+  return content ? &content->bytes : nullptr;
+}
+const Array* Value::array() const { return sharedContentOf<Array>(_storage); }
+const Dictionary* Value::dictionary() const { return sharedContentOf<Dictionary>(_storage); }
+
+bool Value::operator==(const Value& other) const {
+  if (type() != other.type()) return false;
+  switch (type()) {
+    case Type::data: return *data() == *other.data();
+    case Type::array: return *array() == *other.array();
+    case Type::dictionary: return *dictionary() == *other.dictionary();
+    default: return _storage == other._storage;
+  }
+}
+
+Dictionary::Dictionary(std::initializer_list<Entry> entries) {
+  reserve(entries.size());
+  for (const Entry& entry : entries) set(entry.key, entry.value);
+}
+
+std::size_t Dictionary::position(std::string_view key) const {
+  if (_index.empty()) {
+    for (std::size_t i = 0; i < _entries.size(); ++i)
+      if (_entries[i].key == key) return i;
+    return _entries.size();
+  }
+  const std::size_t mask = _index.size() - 1;
+  for (std::size_t slot = std::hash<std::string_view>{}(key)&mask;; slot = (slot + 1) & mask) {
+    if (_index[slot] == 0) return _entries.size();
+    if (_entries[_index[slot] - 1].key == key) return _index[slot] - 1;
+  }
+}
+
+const Value* Dictionary::find(std::string_view key) const {
+  const std::size_t at = position(key);
+  return at < _entries.size() ? &_entries[at].value : nullptr;
+}
+
+void Dictionary::set(std::string key, Value value) {
+  const std::size_t at = position(key);
+  if (at < _entries.size()) {
+    _entries[at].value = std::move(value);
+    return;
+  }
+  _entries.push_back({std::move(key), std::move(value)});
+  if (_entries.size() < indexThreshold) return;
+  if (_index.size() < _entries.size() * 2)
+    rebuildIndex();
+  else
+    insertIntoIndex(_entries.size() - 1);
+}
+
+void Dictionary::addEntriesFrom(const Dictionary& other) {
+  reserve(size() + other.size());
+  for (const Entry& entry : other) set(entry.key, entry.value);
+}
+
+bool Dictionary::erase(std::string_view key) {
+  const std::size_t at = position(key);
+  if (at == _entries.size()) return false;
+  _entries.erase(_entries.begin() + static_cast<std::ptrdiff_t>(at));
+  rebuildIndex();
+  return true;
+}
+
+void Dictionary::insertIntoIndex(std::size_t entry) {
+  const std::size_t mask = _index.size() - 1;
+  std::size_t slot = std::hash<std::string_view>{}(_entries[entry].key) & mask;
+  while (_index[slot] != 0) slot = (slot + 1) & mask;
+  _index[slot] = static_cast<std::uint32_t>(entry + 1);
+}
+
+void Dictionary::rebuildIndex() {
+  _index.clear();
+  if (_entries.size() < indexThreshold) return;
+  _index.resize(std::bit_ceil(_entries.size() * 4));
+  for (std::size_t i = 0; i < _entries.size(); ++i) insertIntoIndex(i);
+}
+
+bool Dictionary::operator==(const Dictionary& other) const {
+  if (size() != other.size()) return false;
+  for (const Entry& entry : _entries) {
+    const Value* match = other.find(entry.key);
+    if (match == nullptr || !(*match == entry.value)) return false;
+  }
+  return true;
+}
+
+}  // namespace corvid

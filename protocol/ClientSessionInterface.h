@@ -1,0 +1,47 @@
+// What a client may ask of its session. The transport calls these on the connection's own thread,
+// one after the other in the order in which the client made them; replies may come from any thread.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "platform/base/Value.h"
+#include "protocol/CorvidError.h"
+#include "protocol/Reply.h"
+
+namespace corvid {
+
+// Names of the backends that report; absent where there are no backends.
+using StatesReply = Reply<std::optional<Array>>;
+// The text that dispatching a message gave, absent where it gave none.
+using ResultReply = Reply<std::optional<std::string>>;
+using FlushReply = Reply<std::optional<std::string>, std::optional<CorvidError>>;
+using SuccessReply = Reply<bool>;
+using LogDataReply = Reply<bool, std::optional<CorvidError>>;
+
+class ClientSessionInterface {
+ public:
+  virtual ~ClientSessionInterface() = default;
+
+  virtual void setSessionInfo(Dictionary sessionInfo, std::optional<Dictionary> userInfo,
+                              Array frameworksToCheck, bool hasAggregationBlock) = 0;
+  virtual void startConfigWithCompletionHandler(StatesReply reply) = 0;
+  virtual void fetchStatesWithUserInfo(std::optional<Dictionary> userInfo, StatesReply reply) = 0;
+  virtual void fetchDisplayURL(Reply<std::string> reply) = 0;
+  virtual void sendMessageWithCategory(std::uint16_t category, std::uint16_t type,
+                                       std::optional<Dictionary> payload, ResultReply reply) = 0;
+  virtual void sendMessageWithDictionary(Dictionary message, ResultReply reply) = 0;
+  virtual void flushMessagesWithCompletion(FlushReply completion) = 0;
+  virtual void finishSessionWithReply(ResultReply reply) = 0;
+  // `fileURL` is a file URL, `extensionToken` names what the client granted with it.
+  virtual void uploadFileAtPath(std::string fileURL, std::string extensionToken,
+                                SuccessReply completion) = 0;
+  virtual void uploadLogData(Array logData, LogDataReply completion) = 0;
+  virtual void sendMessageWithSessionInfo(Dictionary sessionInfo, std::optional<Dictionary> userInfo,
+                                          std::uint16_t category, std::uint16_t type,
+                                          std::optional<Dictionary> payload,
+                                          Reply<std::string> reply) = 0;
+};
+
+}  // namespace corvid

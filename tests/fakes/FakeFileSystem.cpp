@@ -1,0 +1,62 @@
+#include "tests/fakes/FakeFileSystem.h"
+
+#include <cerrno>
+
+namespace corvid {
+
+Result<std::vector<std::string>> FakeFileSystem::listDirectory(const std::string& path) {
+  std::lock_guard lock(_mutex);
+  if (listFailure) return *listFailure;
+  if (!directories.contains(path)) return Failure{"No such file or directory", ENOENT};
+  std::vector<std::string> names;
+  const std::string prefix = path + "/";
+  for (const auto& [file, content] : files)
+    if (file.starts_with(prefix) && file.find('/', prefix.size()) == std::string::npos)
+      names.push_back(file.substr(prefix.size()));
+  return names;
+}
+
+bool FakeFileSystem::createDirectories(const std::string& path) {
+  std::lock_guard lock(_mutex);
+  if (failCreateDirectories) return false;
+  directories.insert(path);
+  return true;
+}
+
+std::optional<TimeValue> FakeFileSystem::creationDate(const std::string& path) {
+  std::lock_guard lock(_mutex);
+  const auto found = files.find(path);
+  return found == files.end() ? std::nullopt : found->second.created;
+}
+
+void FakeFileSystem::createFile(const std::string& path) {
+  std::lock_guard lock(_mutex);
+  const std::string folder = path.substr(0, path.rfind('/'));
+  if (failCreateFile || !directories.contains(folder) || files.contains(path)) return;
+  files[path] = {"", _clock->now()};
+}
+
+bool FakeFileSystem::exists(const std::string& path) {
+  std::lock_guard lock(_mutex);
+  return files.contains(path) || directories.contains(path);
+}
+
+bool FakeFileSystem::append(const std::string& path, const std::vector<std::string_view>& pieces) {
+  std::lock_guard lock(_mutex);
+  const auto found = files.find(path);
+  if (found == files.end()) return false;
+  int written = 0;
+  for (const std::string_view piece : pieces) {
+    if (failAppendAfter >= 0 && written >= failAppendAfter) return false;
+    found->second.content += piece;
+    ++written;
+  }
+  return true;
+}
+
+void FakeFileSystem::remove(const std::string& path) {
+  std::lock_guard lock(_mutex);
+  files.erase(path);
+}
+
+}  // namespace corvid

@@ -1,0 +1,48 @@
+// Files in memory, with faults by path.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+
+#include "platform/Clock.h"
+#include "platform/FileSystem.h"
+
+namespace corvid {
+
+class FakeFileSystem final : public FileSystem {
+ public:
+  struct File {
+    std::string content;
+    std::optional<TimeValue> created;
+  };
+
+  // New files take their creation date from `clock`.
+  explicit FakeFileSystem(std::shared_ptr<Clock> clock) : _clock(std::move(clock)) {}
+
+  Result<std::vector<std::string>> listDirectory(const std::string& path) override;
+  bool createDirectories(const std::string& path) override;
+  std::optional<TimeValue> creationDate(const std::string& path) override;
+  void createFile(const std::string& path) override;
+  bool exists(const std::string& path) override;
+  bool append(const std::string& path, const std::vector<std::string_view>& pieces) override;
+  void remove(const std::string& path) override;
+
+  // The whole state, for the test to fill and read while no other thread works.
+  std::map<std::string, File> files;
+  std::set<std::string> directories;
+  // Faults.
+  std::optional<Failure> listFailure;
+  bool failCreateDirectories = false;
+  bool failCreateFile = false;
+  // Appends fail after this many pieces; negative: never.
+  int failAppendAfter = -1;
+
+ private:
+  std::mutex _mutex;
+  std::shared_ptr<Clock> _clock;
+};
+
+}  // namespace corvid

@@ -1,0 +1,117 @@
+// Small fakes of the system services; each is set by the test and says what it was asked.
+#pragma once
+
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <string>
+#include <utility>
+
+#include "platform/Consent.h"
+#include "platform/DeviceInformationService.h"
+#include "platform/KeepAlive.h"
+#include "platform/LocaleInformation.h"
+#include "platform/Preferences.h"
+#include "platform/Random.h"
+
+namespace corvid {
+
+class FakePreferences final : public Preferences {
+ public:
+  std::optional<Value> value(std::string_view suite, std::string_view key) override {
+    std::lock_guard lock(_mutex);
+    const Value* found = _suites[std::string(suite)].find(key);
+    return found ? std::optional<Value>(*found) : std::nullopt;
+  }
+  bool setValue(std::string_view suite, std::string_view key, Value value) override {
+    std::lock_guard lock(_mutex);
+    _suites[std::string(suite)].set(std::string(key), std::move(value));
+    return true;
+  }
+  bool removeValue(std::string_view suite, std::string_view key) override {
+    std::lock_guard lock(_mutex);
+    _suites[std::string(suite)].erase(key);
+    return true;
+  }
+  std::vector<std::string> keys(std::string_view suite) override {
+    std::lock_guard lock(_mutex);
+    std::vector<std::string> keys;
+    for (const auto& entry : _suites[std::string(suite)]) keys.push_back(entry.key);
+    return keys;
+  }
+
+ private:
+  std::mutex _mutex;
+  std::map<std::string, Dictionary> _suites;
+};
+
+class FakeDeviceInformation final : public DeviceInformationService {
+ public:
+  std::optional<std::string> answer(std::string_view key) override {
+    std::lock_guard lock(_mutex);
+    ++_asked[std::string(key)];
+    const auto found = _answers.find(std::string(key));
+    return found == _answers.end() ? std::nullopt : std::optional(found->second);
+  }
+  void set(std::string key, std::string answer) {
+    std::lock_guard lock(_mutex);
+    _answers[std::move(key)] = std::move(answer);
+  }
+  void remove(const std::string& key) {
+    std::lock_guard lock(_mutex);
+    _answers.erase(key);
+  }
+  int timesAsked(const std::string& key) {
+    std::lock_guard lock(_mutex);
+    return _asked[key];
+  }
+
+ private:
+  std::mutex _mutex;
+  std::map<std::string, std::string> _answers;
+  std::map<std::string, int> _asked;
+};
+
+class FakeLocale final : public LocaleInformation {
+ public:
+  std::optional<std::string> countryCode() override { return country; }
+  std::int32_t secondsFromGMT(const TimeValue&) override { return offset; }
+  std::optional<std::string> country = "US";
+  std::int32_t offset = 3600;
+};
+
+class FakeConsent final : public Consent {
+ public:
+  bool diagnosticsSubmissionAllowed() override { return allowed; }
+  std::string getPersistentIdentifierForDNU(bool respectsConsent) override {
+    return respectsConsent ? "RESPECTED-ID" : "OVERRIDE-ID";
+  }
+  bool allowed = true;
+};
+
+// UUIDs count up from 1; draws come from `draw`.
+class FakeRandom final : public Random {
+ public:
+  UUIDBytes uuid() override {
+    UUIDBytes bytes{};
+    const unsigned number = ++_uuids;
+    bytes[15] = static_cast<std::uint8_t>(number);
+    bytes[14] = static_cast<std::uint8_t>(number >> 8);
+    return bytes;
+  }
+  double uniform() override { return draw; }
+  std::atomic<double> draw{0.5};
+
+ private:
+  std::atomic<unsigned> _uuids{0};
+};
+
+class FakeKeepAlive final : public KeepAlive {
+ public:
+  void beginTransaction() override { ++begun; }
+  void endTransaction() override { ++ended; }
+  std::atomic<int> begun{0};
+  std::atomic<int> ended{0};
+};
+
+}  // namespace corvid
