@@ -1,0 +1,44 @@
+// Digests, signature verification and Base64.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace corvid {
+
+using SHA1Digest = std::array<std::uint8_t, 20>;
+using SHA256Digest = std::array<std::uint8_t, 32>;
+
+SHA1Digest sha1(std::string_view bytes);
+SHA256Digest sha256(std::string_view bytes);
+
+// An RSA public key. Immutable; any thread.
+class RSAPublicKey {
+ public:
+  // From a DER SubjectPublicKeyInfo or a bare RSAPublicKey; nothing when it is neither.
+  static std::optional<RSAPublicKey> fromDER(std::string_view der);
+  ~RSAPublicKey();
+  RSAPublicKey(RSAPublicKey&&) noexcept;
+  RSAPublicKey& operator=(RSAPublicKey&&) noexcept;
+
+  // RSA PKCS#1 v1.5 with the SHA-1 digest identifier over a digest made before.
+  bool verifies(const SHA1Digest& digest, std::string_view signature) const;
+  // The key object's address, for log lines.
+  const void* address() const;
+
+ private:
+  struct Key;
+  explicit RSAPublicKey(std::unique_ptr<Key> key);
+  std::unique_ptr<Key> _key;
+};
+
+// Standard alphabet, padded, without line breaks.
+std::string base64Encode(std::string_view bytes);
+// Characters outside the alphabet are skipped. Nothing when what is left is no Base64.
+std::optional<std::string> base64DecodeIgnoringUnknownCharacters(std::string_view text);
+
+}  // namespace corvid

@@ -1,0 +1,23 @@
+// JSON text, written straight from values and read into them.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/base/Result.h"
+#include "platform/base/Value.h"
+
+namespace corvid {
+
+// Compact text. Nothing when a string is not UTF-8 or a number is not finite. Data and dates,
+// which JSON lacks, refuse too: the caller replaces them first.
+std::optional<std::string> writeJSON(const Dictionary& object);
+// The same, indented for people.
+std::optional<std::string> writePrettyJSON(const Dictionary& object);
+
+// Whole numbers that fit 64 signed bits become integers, others reals; null becomes a null value.
+// The failure says what is wrong and at which byte.
+Result<Value> parseJSON(std::string_view text);
+
+}  // namespace corvid
