@@ -1,8 +1,10 @@
-// The few file operations of the local message log, so that tests can make each one fail.
+// The few file operations of the local message log and of the daemon's own resources, so that tests
+// can make each one fail.
 //
 // Paths are absolute. Threads: any.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -29,6 +31,9 @@ class FileSystem {
   // Appends the pieces one after the other, one write each, to an existing regular file, never
   // through a symbolic link. False at the first that fails.
   virtual bool append(const std::string& path, const std::vector<std::string_view>& pieces) = 0;
+  // The whole content of a regular file. One that is longer than `limit` bytes, however long it
+  // says it is, and anything that is no regular file is a failure; nothing blocks the caller.
+  virtual Result<std::string> readFile(const std::string& path, std::size_t limit) = 0;
   // Errors are ignored.
   virtual void remove(const std::string& path) = 0;
 };

@@ -54,6 +54,14 @@ bool FakeFileSystem::append(const std::string& path, const std::vector<std::stri
   return true;
 }
 
+Result<std::string> FakeFileSystem::readFile(const std::string& path, std::size_t limit) {
+  std::lock_guard lock(_mutex);
+  const auto found = files.find(path);
+  if (found == files.end()) return Failure{"No such file or directory", ENOENT};
+  if (found->second.content.size() > limit) return Failure{"File too large", EFBIG};
+  return found->second.content;
+}
+
 void FakeFileSystem::remove(const std::string& path) {
   std::lock_guard lock(_mutex);
   files.erase(path);

@@ -28,6 +28,7 @@ class FakeFileSystem final : public FileSystem {
   void createFile(const std::string& path) override;
   bool exists(const std::string& path) override;
   bool append(const std::string& path, const std::vector<std::string_view>& pieces) override;
+  Result<std::string> readFile(const std::string& path, std::size_t limit) override;
   void remove(const std::string& path) override;
 
   // The whole state, for the test to fill and read while no other thread works.
