@@ -1,0 +1,106 @@
+#include "platform/data/Crypto.h"
+
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/rsa.h>
+#include <openssl/x509.h>
+
+#include <cstdlib>
+#include <utility>
+
+namespace corvid {
+
+namespace {
+
+struct Free {
+  void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
+  void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
+  void operator()(EVP_PKEY_CTX* context) const { EVP_PKEY_CTX_free(context); }
+};
+template <class T>
+using Owned = std::unique_ptr<T, Free>;
+
+const unsigned char* bytesOf(std::string_view text) {
+  return reinterpret_cast<const unsigned char*>(text.data());
+}
+
+// Looking an algorithm up by name costs more than digesting a short text, so each is fetched once
+// and each thread keeps one context. Both can fail only where memory or the library's providers are
+// missing, and nothing could go on from there.
+template <std::size_t length>
+std::array<std::uint8_t, length> digest(const EVP_MD* algorithm, std::string_view bytes) {
+  thread_local const Owned<EVP_MD_CTX> context(EVP_MD_CTX_new());
+  std::array<std::uint8_t, length> result;
+  if (!context || !algorithm || EVP_DigestInit_ex(context.get(), algorithm, nullptr) != 1 ||
+      EVP_DigestUpdate(context.get(), bytes.data(), bytes.size()) != 1 ||
+      EVP_DigestFinal_ex(context.get(), result.data(), nullptr) != 1)
+    std::abort();
+  return result;
+}
+
+const EVP_MD* sha1Algorithm() {
+  static const EVP_MD* const algorithm = EVP_MD_fetch(nullptr, "SHA1", nullptr);
+  return algorithm;
+}
+
+const EVP_MD* sha256Algorithm() {
+  static const EVP_MD* const algorithm = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+  return algorithm;
+}
+
+// Refusals stay out of the thread's error queue, which other users of the library read.
+class ErrorQueueMark {
+ public:
+  ErrorQueueMark() { ERR_set_mark(); }
+  ~ErrorQueueMark() { ERR_pop_to_mark(); }
+  ErrorQueueMark(const ErrorQueueMark&) = delete;
+  ErrorQueueMark& operator=(const ErrorQueueMark&) = delete;
+};
+
+template <class Decode>
+Owned<EVP_PKEY> decodeWhole(std::string_view der, Decode decode) {
+  const unsigned char* at = bytesOf(der);
+  Owned<EVP_PKEY> key(decode(&at, static_cast<long>(der.size())));
+  if (key && (at != bytesOf(der) + der.size() || EVP_PKEY_is_a(key.get(), "RSA") != 1)) key.reset();
+  return key;
+}
+
+}  // namespace
+
+SHA1Digest sha1(std::string_view bytes) { return digest<20>(sha1Algorithm(), bytes); }
+SHA256Digest sha256(std::string_view bytes) { return digest<32>(sha256Algorithm(), bytes); }
+
+struct RSAPublicKey::Key {
+  Owned<EVP_PKEY> pkey;
+};
+
+RSAPublicKey::RSAPublicKey(std::unique_ptr<Key> key) : _key(std::move(key)) {}
+RSAPublicKey::~RSAPublicKey() = default;
+RSAPublicKey::RSAPublicKey(RSAPublicKey&&) noexcept = default;
+RSAPublicKey& RSAPublicKey::operator=(RSAPublicKey&&) noexcept = default;
+
+std::optional<RSAPublicKey> RSAPublicKey::fromDER(std::string_view der) {
+  const ErrorQueueMark mark;
+  Owned<EVP_PKEY> key = decodeWhole(
+      der, [](const unsigned char** at, long length) { return d2i_PUBKEY(nullptr, at, length); });
+  if (!key)
+    key = decodeWhole(der, [](const unsigned char** at, long length) {
+      return d2i_PublicKey(EVP_PKEY_RSA, nullptr, at, length);
+    });
+  if (!key) return std::nullopt;
+  return RSAPublicKey(std::make_unique<Key>(Key{std::move(key)}));
+}
+
+bool RSAPublicKey::verifies(const SHA1Digest& digest, std::string_view signature) const {
+  const ErrorQueueMark mark;
+  const Owned<EVP_PKEY_CTX> context(EVP_PKEY_CTX_new_from_pkey(nullptr, _key->pkey.get(), nullptr));
+  return context && EVP_PKEY_verify_init(context.get()) == 1 &&
+         EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) == 1 &&
+         EVP_PKEY_CTX_set_signature_md(context.get(), sha1Algorithm()) == 1 &&
+         EVP_PKEY_verify(context.get(), bytesOf(signature), signature.size(), digest.data(),
+                         digest.size()) == 1;
+}
+
+const void* RSAPublicKey::address() const { return _key->pkey.get(); }
+
+}  // namespace corvid
