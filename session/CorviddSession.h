@@ -3,14 +3,15 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "backends/BackendSet.h"
 #include "config/DeviceInformation.h"
 #include "platform/base/Mutex.h"
-#include "platform/base/TimeValue.h"
 #include "platform/base/Value.h"
 #include "platform/ipc/Connection.h"
 #include "protocol/ClientSessionInterface.h"
@@ -18,18 +19,28 @@
 
 namespace corvid {
 
+// How a storebag section becomes backends; createBackends in the daemon.
+using BackendSetCreator = std::function<std::optional<BackendTable>(
+    const Dictionary* section, const Dictionary* sessionInfo, const Dictionary* userInfo,
+    const char* udid)>;
+
 // Threads   The client's calls and the destructor's farewell run on the connection's thread. The
-//           agent reads properties and calls updateCombinedSessionID, syncReportingStates,
-//           shutdownSessionAggregation and sendToAggregator from other sessions' threads, with its
-//           own mutex held. `_lock` guards the fields and is never held across a call to the agent,
-//           a backend or the client; the agent's mutex is always taken before it.
+//           agent reads properties and calls updateCombinedSessionID, syncReportingStates and
+//           shutdownSessionAggregation from other sessions' threads, with its own mutex held.
+//           Flush completions come on any thread and never touch the session. `_lock` guards the
+//           fields and is never held across a call to the agent, a backend or the client; the
+//           agent's mutex is always taken before it.
 // Ownership Held by the agent's list and as the connection's exported object; holds agent and
-//           connection. Ends when the last goes, after the connection's invalidation.
+//           connection. Ends when the last goes, after the connection's invalidation, and never
+//           under the agent's mutex.
+// Errors    What the agent throws while it looks for a storebag passes through the client's call,
+//           whose reply is dropped unanswered; the session stays as it was.
 class CorviddSession final : public ClientSessionInterface,
                              public std::enable_shared_from_this<CorviddSession> {
  public:
   static std::shared_ptr<CorviddSession> initWithSessionDelegate(
-      std::shared_ptr<CorviddSessionDelegate> delegate, std::shared_ptr<Connection> connection);
+      std::shared_ptr<CorviddSessionDelegate> delegate, std::shared_ptr<Connection> connection,
+      BackendSetCreator creator = createBackends);
   ~CorviddSession() override;  // sends the end message, flushes, shuts aggregation down, cleans up
 
   // ClientSessionInterface
@@ -51,17 +62,26 @@ class CorviddSession final : public ClientSessionInterface,
                                   std::optional<Dictionary> payload,
                                   Reply<std::string> reply) override;
 
+  // Sends one message through backends that live for it alone: no aggregation, no flush, no start
+  // or end message. Any thread. Only user info and payload may be null.
+  static void sendMessageWithSessionInfo(const Dictionary* sessionInfo, const Dictionary* userInfo,
+                                         const Dictionary* storebag, std::uint16_t category,
+                                         std::uint16_t type, const Dictionary* payload,
+                                         const BackendSetCreator& creator = createBackends);
+
   // Properties that the agent reads.
-  std::uint32_t sessionID() const;
-  void setSessionID(std::uint32_t sessionID);
+  std::uint32_t sessionID() const { return _sessionID.load(std::memory_order_relaxed); }
+  void setSessionID(std::uint32_t sessionID) { _sessionID = sessionID; }
   std::string sessionIDString() const;
   void setSessionIDString(std::string sessionIDString);
   std::optional<std::string> storebagVersion() const;
   void setStorebagVersion(std::optional<std::string> version);
   std::optional<Dictionary> userInfo() const;
-  Dictionary sessionInfo() const;
-  bool hasAggregator() const;
-  void setHasAggregator(bool hasAggregator);
+  Dictionary sessionInfo() const;  // empty before there is one
+  bool hasAggregator() const { return _hasAggregator.load(std::memory_order_relaxed); }
+  void setHasAggregator(bool hasAggregator) { _hasAggregator = hasAggregator; }
+  // The user info without a copy, for what happens once a message; null where there is none.
+  std::shared_ptr<const Dictionary> sharedUserInfo() const;
   // For log lines.
   std::string description() const;
   // Level in the chain: that of the backend httpPost2, else of httpPost, else 0.
@@ -73,8 +93,19 @@ class CorviddSession final : public ClientSessionInterface,
   void shutdownSessionAggregation();
 
  private:
+  // Category and types of the messages in which a session tells of its own life.
+  static constexpr std::uint16_t sessionCategory = 0;
+  enum SessionMessageType : std::uint16_t { sessionStart = 0, sessionEnd = 1, sessionFinish = 2 };
+
+  struct Message {
+    std::uint16_t category;
+    std::uint16_t type;
+    const Dictionary* payload;  // null: absent
+    MessageFlag flag;
+  };
+
   CorviddSession(std::shared_ptr<CorviddSessionDelegate> delegate,
-                 std::shared_ptr<Connection> connection);
+                 std::shared_ptr<Connection> connection, BackendSetCreator creator);
 
   // Life cycle.
   void createBackendsWithStorebag(const Dictionary& storebag);
@@ -82,23 +113,22 @@ class CorviddSession final : public ClientSessionInterface,
   void sendStartMessage();
 
   // Dispatch and flush.
+  void logSendMessage() const;
   std::optional<std::string> sendMessageWithCategory(std::uint16_t category, std::uint16_t type,
-                                                     std::optional<Dictionary> payload);
+                                                     const Dictionary* payload);
   std::optional<std::string> sendMessageWithDictionary(const Dictionary& message);
-  void internalSendMessage(std::optional<Dictionary> payload, const TimeValue& timestamp,
-                           std::uint16_t method, std::uint16_t respCode);
+  std::shared_ptr<const BackendTable> backendsForMessage() const;
+  std::optional<std::string> dispatch(const Message& message, const BackendTable& table);
+  void internalSendMessage(const Dictionary& payload, std::uint16_t method, std::uint16_t respCode);
   void internalFlushMessagesWithCompletion(FlushCompletion completion);
-  static void sendSingleMessage(const Dictionary* sessionInfo, const Dictionary* userInfo,
-                                const Dictionary* storebag, std::uint16_t category,
-                                std::uint16_t type, const Dictionary* payload);
 
   // States and aggregation.
   std::optional<Array> fetchReportingStates() const;
   void updateReportingStates();
   void updateUserInfoForBackends();
-  void receivedUserInfo(std::optional<Dictionary> userInfo);
-  void aggregateMessage(const Dictionary& message, double timestamp, std::uint16_t category,
-                        std::uint16_t type, const Dictionary* payload);
+  void receivedUserInfo(std::shared_ptr<const Dictionary> userInfo);
+  void aggregateMessage(const Message& message, double timestamp);
+  std::optional<Dictionary> payloadWithUserInfo(const Dictionary* payload) const;
   void sendToAggregator(std::optional<Dictionary> message, double timestamp, std::uint16_t category,
                         std::uint16_t type, std::optional<Dictionary> payload);
 
@@ -106,23 +136,28 @@ class CorviddSession final : public ClientSessionInterface,
   void uploadFileWithURL(const std::string& fileURL, const std::string& extensionToken,
                          SuccessReply completion);
 
-  // A copy of the table, so that no lock is held while backends work; nothing before creation.
-  std::optional<BackendTable> backends() const;
+  // Null before there are any. What is shared is replaced as a whole and never changed.
+  std::shared_ptr<const BackendTable> backends() const;
+  // Null where the table, which may be null itself, has none under the key.
+  static const CorvidBackend* backendNamed(std::string_view key, const BackendTable* table);
+  std::shared_ptr<const Dictionary> sharedSessionInfo() const;
 
   // Constant after construction.
   const std::shared_ptr<CorviddSessionDelegate> _sessionDelegate;
   const std::shared_ptr<Connection> _connection;
-  char _deviceid[uniqueDeviceIDCapacity] = {};
+  const BackendSetCreator _createBackends;
+  char _deviceid[uniqueDeviceIDCapacity] = {};  // outlives the backends, which point to it
+
+  std::atomic<std::uint32_t> _sessionID{0};
+  std::atomic<bool> _hasAggregator{false};
 
   mutable Mutex _lock;
-  std::uint32_t _sessionID GUARDED_BY(_lock) = 0;
-  Dictionary _sessionInfo GUARDED_BY(_lock);
-  std::optional<Dictionary> _userInfo GUARDED_BY(_lock);
+  std::shared_ptr<const Dictionary> _sessionInfo GUARDED_BY(_lock);
+  std::shared_ptr<const Dictionary> _userInfo GUARDED_BY(_lock);
   Array _frameworks GUARDED_BY(_lock);
-  std::optional<BackendTable> _backends GUARDED_BY(_lock);
+  std::shared_ptr<const BackendTable> _backends GUARDED_BY(_lock);
   std::string _sessionIDString GUARDED_BY(_lock);
   std::optional<std::string> _storebagVersion GUARDED_BY(_lock);
-  bool _hasAggregator GUARDED_BY(_lock) = false;
 };
 
 }  // namespace corvid

@@ -1,0 +1,93 @@
+// Relaying files and log data to every backend.
+#include <string_view>
+#include <utility>
+
+#include "config/MessageLog.h"
+#include "platform/base/Log.h"
+#include "session/CorviddSession.h"
+
+namespace corvid {
+
+namespace {
+
+int hexValue(char digit) {
+  if (digit >= '0' && digit <= '9') return digit - '0';
+  if (digit >= 'a' && digit <= 'f') return digit - 'a' + 10;
+  if (digit >= 'A' && digit <= 'F') return digit - 'A' + 10;
+  return -1;
+}
+
+// What is no escape stays as it is, and so does "%00", which no path can hold.
+std::string percentDecoded(std::string_view text) {
+  std::string decoded;
+  decoded.reserve(text.size());
+  for (std::size_t at = 0; at < text.size(); ++at) {
+    if (text[at] == '%' && at + 2 < text.size()) {
+      const int high = hexValue(text[at + 1]);
+      const int low = hexValue(text[at + 2]);
+      if (high >= 0 && low >= 0 && high + low > 0) {
+        decoded += static_cast<char>(high * 16 + low);
+        at += 2;
+        continue;
+      }
+    }
+    decoded += text[at];
+  }
+  return decoded;
+}
+
+// The path of "file:///a%20b" is "/a b"; a host, a query and a fragment are no part of it.
+std::string fileSystemPath(std::string_view fileURL) {
+  constexpr std::string_view scheme = "file:";
+  if (fileURL.starts_with(scheme)) fileURL.remove_prefix(scheme.size());
+  fileURL = fileURL.substr(0, fileURL.find_first_of("?#"));
+  if (fileURL.starts_with("//")) {
+    const std::size_t path = fileURL.find('/', 2);
+    fileURL = path == std::string_view::npos ? std::string_view() : fileURL.substr(path);
+  }
+  return percentDecoded(fileURL);
+}
+
+// Every backend is asked, also after one has taken the work.
+template <class Upload>
+bool anyBackendTakes(const BackendTable* table, Upload&& upload) {
+  bool taken = false;
+  if (table)
+    for (const auto& [key, backend] : *table) taken |= upload(*backend);
+  return taken;
+}
+
+}  // namespace
+
+void CorviddSession::uploadFileAtPath(std::string fileURL, std::string extensionToken,
+                                      SuccessReply completion) {
+  logDebug("uploadFileAtPath: Uploading file for session {}", sessionID());
+  uploadFileWithURL(fileURL, extensionToken, std::move(completion));
+}
+
+void CorviddSession::uploadFileWithURL(const std::string& fileURL,
+                                       const std::string& extensionToken, SuccessReply completion) {
+  const std::string path = fileSystemPath(fileURL);
+  const bool success = anyBackendTakes(backends().get(), [&](CorvidBackend& backend) {
+    return backend.uploadFileAtPath(path, extensionToken);
+  });
+  if (success)
+    logDebug("uploadFileWithURL: File upload successful for {}", path);
+  else
+    logError("uploadFileWithURL: File upload failed for {}", path);
+  writeToLogFile("[uploadFileWithURL] Upload {} for file {}", success ? "succeeded" : "failed",
+                 fileURL);
+  completion(success);
+}
+
+void CorviddSession::uploadLogData(Array logData, LogDataReply completion) {
+  const bool success = anyBackendTakes(
+      backends().get(), [&](CorvidBackend& backend) { return backend.uploadLogData(logData); });
+  if (success)
+    logDebug("uploadLogData: Log data array upload successful");
+  else
+    logError("uploadLogData: Log data array upload failed");
+  completion(success, std::nullopt);
+}
+
+}  // namespace corvid
