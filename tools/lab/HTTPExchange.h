@@ -1,0 +1,56 @@
+// What a server of the lab receives and what its handler answers, faults included.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/HTTPClient.h"
+
+namespace corvid::lab {
+
+struct Request {
+  std::string method{};
+  std::string target{};  // path and query, as it came
+  HTTPHeaders headers{};
+  std::string body{};
+  std::size_t connection = 0;  // number of the connection it came on, from 0 in order of acceptance
+
+  // The first value of the header, found without regard to case.
+  std::optional<std::string> header(std::string_view name) const;
+  // How many headers of that name came.
+  std::size_t headerCount(std::string_view name) const;
+};
+
+// An answer, sent as a well-behaved server would unless one of the faults is asked for.
+struct Answer {
+  // Sends `pieceSize` bytes of the body at a time, with a pause before each.
+  struct Drip {
+    std::size_t pieceSize = 1;
+    std::chrono::milliseconds pause{1};
+  };
+
+  int status = 200;
+  // "Content-Length" is added with the right value; one that stands here is sent instead.
+  HTTPHeaders headers{};
+  std::string body{};
+
+  std::chrono::milliseconds delay{0};         // before the first byte
+  std::optional<Drip> drip{};                 // a slow body
+  std::optional<std::size_t> cutHeadAfter{};  // the connection breaks after so many bytes
+  std::optional<std::size_t> cutBodyAfter{};  // the same, counted in the body
+  std::optional<std::string> raw{};           // these bytes instead of all, then the end
+  bool endless = false;  // the body over and over, without a length, until the peer goes
+  bool silent = false;   // nothing at all; the connection stays open until the peer goes
+  bool hangUp = false;   // ends the connection after the answer without having said so
+
+  static Answer redirect(std::string location, int status = 302);
+};
+
+// Runs on a thread of the connection, several connections at once.
+using Handler = std::function<Answer(const Request&)>;
+
+}  // namespace corvid::lab

@@ -1,0 +1,55 @@
+// The bytes of one accepted connection, in the clear or through TLS.
+#pragma once
+
+#include <openssl/ssl.h>
+
+#include <cstddef>
+#include <memory>
+#include <string_view>
+
+#include "tools/lab/TLSIdentity.h"
+
+namespace corvid::lab {
+
+// The server's side of TLS: its certificate. Throws std::runtime_error where that cannot be used.
+class ServerTLS {
+ public:
+  explicit ServerTLS(const TLSCertificate& certificate);
+  SSL_CTX* context() const { return _context.get(); }
+
+ private:
+  struct Free {
+    void operator()(SSL_CTX* context) const { SSL_CTX_free(context); }
+  };
+  std::unique_ptr<SSL_CTX, Free> _context;
+};
+
+// Blocking. One thread reads and writes; any thread may breakOff, which ends whatever blocks. The
+// thread that writes must block SIGPIPE.
+class ServerStream {
+ public:
+  explicit ServerStream(int socket) : _socket(socket) {}  // owned
+  ~ServerStream();
+  ServerStream(const ServerStream&) = delete;
+  ServerStream& operator=(const ServerStream&) = delete;
+
+  // False where the peer's handshake fails.
+  bool acceptTLS(const ServerTLS& tls);
+  // Bytes read; 0 at the end and after a failure.
+  std::size_t read(char* buffer, std::size_t size);
+  // False once the peer is gone.
+  bool write(std::string_view bytes);
+  // Says goodbye as TLS wants it. Nothing is written after it.
+  void finish();
+  // The connection is over for both sides, at once and without a word.
+  void breakOff();
+
+ private:
+  struct Free {
+    void operator()(SSL* ssl) const { SSL_free(ssl); }
+  };
+  const int _socket;
+  std::unique_ptr<SSL, Free> _ssl;  // none: in the clear
+};
+
+}  // namespace corvid::lab
