@@ -1,0 +1,75 @@
+// The service launcher: who started the process, what it wants to know, and when the idle process
+// ends.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string_view>
+
+#include "platform/Clock.h"
+#include "platform/KeepAlive.h"
+#include "platform/base/Mutex.h"
+
+namespace corvid {
+
+// Counts what keeps the process alive and tells the launcher how it is doing.
+//
+// Threads   The constructor: main, before the sandbox and the first thread. runLoop: main, once.
+//           Everything else: any thread, also while runLoop waits.
+// Ownership `clock` is shared. The launcher must outlive all who were given it.
+class Launcher final : public KeepAlive {
+ public:
+  // Reads what the launcher left in the environment and opens the way back to it.
+  explicit Launcher(std::shared_ptr<Clock> clock);
+  ~Launcher() override;
+  Launcher(const Launcher&) = delete;
+  Launcher& operator=(const Launcher&) = delete;
+
+  // The listening Unix stream socket that the process was started with; the caller owns it from
+  // then on. Nothing at the second call, and where the process was started without one.
+  std::optional<int> takeListeningSocket();
+  // Whether the process was started with a listening socket, taken since or not.
+  bool isSocketActivated() const { return _isSocketActivated; }
+
+  // Tells the launcher that the process serves, and one line about what it does. Without a
+  // launcher that listens they do nothing.
+  void notifyReady(std::string_view status);
+  void notifyStatus(std::string_view status);
+
+  void beginTransaction() override EXCLUDES(_mutex);
+  void endTransaction() override EXCLUDES(_mutex);
+  // As beginTransaction; but false, and nothing is begun, when runLoop has decided to return. Who
+  // accepts connections asks first, and leaves the connection in the socket when refused: the
+  // launcher starts the process again for it.
+  [[nodiscard]] bool tryBeginTransaction() EXCLUDES(_mutex);
+  // Work that `busy` speaks for has ended. May be called with locks held that `busy` takes.
+  void workEnded() EXCLUDES(_mutex);
+
+  // Blocks while a transaction is open or `busy` says that there is other work, and then until
+  // `idleExit` has passed since the last moment of either (at first: since the call). Returns the
+  // exit status, 0; with `idleExit` 0 it does not return. `busy` is called without locks.
+  int runLoop(std::chrono::seconds idleExit, const std::function<bool()>& busy) EXCLUDES(_mutex);
+
+ private:
+  void notify(std::string_view message);
+  void changed() REQUIRES(_mutex);
+
+  // Constant after construction.
+  const std::shared_ptr<Clock> _clock;
+  bool _isSocketActivated = false;
+  int _notifySocket = -1;
+  // Main only.
+  std::optional<int> _listeningSocket;
+
+  Mutex _mutex;
+  std::condition_variable_any _wake;  // signalled when `_changes` counts up
+  unsigned _changes GUARDED_BY(_mutex) = 0;
+  unsigned _transactions GUARDED_BY(_mutex) = 0;
+  bool _isEnding GUARDED_BY(_mutex) = false;
+  std::chrono::steady_clock::time_point _lastWork GUARDED_BY(_mutex);
+};
+
+}  // namespace corvid

@@ -1,0 +1,27 @@
+// The process locks itself in.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "platform/Deployment.h"
+#include "platform/Paths.h"
+
+namespace corvid {
+
+// Enters the profile `<profileName>.plist` of the sandbox folder for good: from then on files and
+// TCP sockets are confined by Landlock and system calls by a seccomp filter. Call it on the only
+// thread of the process; all later threads are inside as well.
+//
+// Gives nothing on success, else a text that says what failed and what to do; the process is then
+// partly confined at most and should end. A missing or unusable profile is a failure, and so is a
+// kernel without Landlock or seccomp.
+std::optional<std::string> sandboxInit(const std::string& profileName, const Paths& paths,
+                                       const Deployment& deployment = {});
+
+// Takes from all threads the right to make a socket listen, which is needed once at most. Call it
+// when the listener stands: Landlock refuses to bind a TCP port, but a TCP socket that listens
+// unbound would get one. Errors as in sandboxInit. Only after sandboxInit.
+std::optional<std::string> sandboxRefuseListening();
+
+}  // namespace corvid

@@ -1,0 +1,57 @@
+// What the machine knows about itself.
+#pragma once
+
+#include <map>
+#include <string>
+
+#include "platform/DeviceInformationService.h"
+#include "platform/base/Mutex.h"
+#include "platform/base/Value.h"
+
+namespace corvid {
+
+// Answers from the property list `deviceFile` first: a text answers for its key, an empty one says
+// that there is no answer, anything else is as if it were not there. The file is read again when
+// it has changed; a damaged one is logged once and counts as missing.
+//
+// Where the file has nothing to say, the machine answers, once per key and process:
+//   ProductVersion   VERSION_ID of os-release
+//   BuildVersion     BUILD_ID of os-release, else the kernel's release
+//   ProductType      DMI product name, else the device tree's first "compatible"
+//   HWModelStr       DMI board name, else the device tree's "model"
+//   SerialNumber     DMI product serial (for root only), else the device tree's "serial-number"
+//   DeviceName       CHASSIS of machine-info, else the chassis of DMI or of the device tree, in
+//                    hostnamed's words ("laptop", "handset", ...)
+//   UniqueDeviceID   40 hexadecimal digits made from the machine id, which they do not reveal
+// Everything else, ReleaseType included, comes from the property list only. What board makers put
+// where they had nothing to say ("Default string") is no answer.
+//
+// Threads: any.
+class SystemDeviceInformation final : public DeviceInformationService {
+ public:
+  // `machineRoot` stands before the machine's own files (/etc, /usr, /sys, /proc); for tests.
+  explicit SystemDeviceInformation(std::string deviceFile, std::string machineRoot = {});
+
+  std::optional<std::string> answer(std::string_view key) override EXCLUDES(_mutex);
+
+ private:
+  // Tells one content of a file from another without reading it.
+  struct FileVersion {
+    std::uint64_t device = 0, inode = 0;
+    std::int64_t size = -1;
+    std::int64_t modified = 0, changed = 0;  // nanoseconds since 1970
+    bool operator==(const FileVersion&) const = default;
+  };
+
+  void updateDeviceAnswers() REQUIRES(_mutex);
+
+  const std::string _deviceFile;
+  const std::string _machineRoot;
+
+  Mutex _mutex;
+  FileVersion _deviceFileVersion GUARDED_BY(_mutex);
+  Dictionary _deviceAnswers GUARDED_BY(_mutex);
+  std::map<std::string, std::optional<std::string>, std::less<>> _machineAnswers GUARDED_BY(_mutex);
+};
+
+}  // namespace corvid

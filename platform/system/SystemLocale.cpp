@@ -1,0 +1,58 @@
+#include "platform/system/SystemLocale.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <ctime>
+#include <string_view>
+
+#include "platform/system/SmallFile.h"
+
+namespace corvid {
+
+namespace {
+
+constexpr const char* localeVariables[] = {"LC_ALL", "LC_MESSAGES", "LANG"};
+
+bool isASCIIAlphanumeric(char c) {
+  return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
+
+// Of language[_territory][.codeset][@modifier] the territory, in upper case: two letters, or three
+// digits as in "es_419".
+std::optional<std::string> territory(std::string_view locale) {
+  locale = locale.substr(0, locale.find_first_of(".@"));
+  const auto underscore = locale.find('_');
+  if (underscore == std::string_view::npos) return std::nullopt;
+  std::string name(locale.substr(underscore + 1));
+  if (name.size() < 2 || name.size() > 3 || !std::ranges::all_of(name, isASCIIAlphanumeric))
+    return std::nullopt;
+  for (char& c : name)
+    if (c >= 'a') c = static_cast<char>(c - 'a' + 'A');
+  return name;
+}
+
+}  // namespace
+
+std::optional<std::string> SystemLocale::countryCode() {
+  for (const char* variable : localeVariables)
+    if (const char* locale = std::getenv(variable))
+      if (auto found = territory(locale)) return found;
+
+  const Result<std::string> file = readSmallFile(_localeFile);
+  if (!file) return std::nullopt;
+  for (const char* variable : localeVariables)
+    if (const auto locale = assignedValue(file.value(), variable))
+      if (auto found = territory(*locale)) return found;
+  return std::nullopt;
+}
+
+std::int32_t SystemLocale::secondsFromGMT(const TimeValue& at) {
+  // localtime_r alone would keep the zone of its first call.
+  tzset();
+  const std::time_t time = at.seconds;
+  std::tm local{};
+  if (localtime_r(&time, &local) == nullptr) return 0;
+  return static_cast<std::int32_t>(local.tm_gmtoff);
+}
+
+}  // namespace corvid

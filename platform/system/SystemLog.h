@@ -1,0 +1,22 @@
+// Where the process's log lines end up.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "platform/base/Log.h"
+
+namespace corvid {
+
+enum class LogDestination { syslog, standardError };
+
+// Opens the log of `program`: the system log (facility daemon, with the process's number), or
+// standard error for people, one line a text: time, level and process, then the text and nothing
+// after it. Control characters in a text are written escaped ("\n", "\x1b"), so that no client can
+// forge a line or reach a terminal.
+//
+// Threads: open before the first thread; the sink's write from any. Open one at a time.
+// Errors: none; a line that cannot be delivered is lost.
+std::unique_ptr<LogSink> openSystemLog(std::string program, LogDestination destination);
+
+}  // namespace corvid
