@@ -1,0 +1,54 @@
+#include "config/DeviceInformation.h"
+
+#include <algorithm>
+#include <string_view>
+
+#include "platform/Platform.h"
+#include "platform/base/Reading.h"
+#include "platform/data/PropertyList.h"
+
+namespace corvid {
+
+namespace {
+
+constexpr std::size_t infoFileLimit = std::size_t{256} << 10;
+constexpr std::string_view unknownLibraryVersion = "8.0";
+
+std::optional<std::string> answer(std::string_view key) {
+  return Platform::current().deviceInformation().answer(key);
+}
+
+}  // namespace
+
+std::optional<std::string> productVersion() { return answer("ProductVersion"); }
+std::optional<std::string> buildVersion() { return answer("BuildVersion"); }
+std::optional<std::string> productType() { return answer("ProductType"); }
+std::optional<std::string> deviceName() { return answer("DeviceName"); }
+std::optional<std::string> hardwareModel() { return answer("HWModelStr"); }
+std::optional<std::string> serialNumber() { return answer("SerialNumber"); }
+
+void uniqueDeviceID(std::span<char> buffer) {
+  const std::optional<std::string> identifier = answer("UniqueDeviceID");
+  if (!identifier || buffer.empty()) return;
+  const bool fits = identifier->size() < buffer.size();
+  const std::size_t length = fits ? identifier->size() : 0;
+  std::copy_n(identifier->begin(), length, buffer.begin());
+  buffer[length] = '\0';
+  buffer.back() = '\0';
+}
+
+bool isInternalBuild() {
+  return Platform::current().internalBuild.get([] { return answer("ReleaseType") == "Internal"; });
+}
+
+std::string clientLibraryVersion() {
+  Platform& platform = Platform::current();
+  const auto bytes = platform.files().readFile(platform.paths().infoFile, infoFileLimit);
+  if (!bytes) return std::string(unknownLibraryVersion);
+  const auto information = parsePropertyList(bytes.value());
+  const Dictionary* entries = information ? information.value().dictionary() : nullptr;
+  const std::string* version = entries ? stringAt(*entries, "BundleVersion") : nullptr;
+  return version ? *version : std::string(unknownLibraryVersion);
+}
+
+}  // namespace corvid

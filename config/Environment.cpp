@@ -1,0 +1,151 @@
+#include "config/Environment.h"
+
+#include <algorithm>
+#include <array>
+#include <limits>
+#include <stdexcept>
+
+#include "config/DeviceInformation.h"
+#include "config/StorebagFetch.h"
+#include "platform/Platform.h"
+#include "platform/base/Describe.h"
+#include "platform/base/Log.h"
+#include "platform/base/Reading.h"
+
+namespace corvid {
+
+namespace {
+
+struct ClientType {
+  std::string_view storebagName;  // empty: none
+  std::string_view tag;
+};
+
+constexpr std::array<ClientType, 18> clientTypes{{
+    {"", "ZB"},
+    {"", "ZC"},
+    {"", "ZDN"},
+    {"", "ZF"},
+    {"", "ZG"},
+    {"lumen", "ZH"},
+    {"tessel", "ZJ"},
+    {"parlor", "ZK"},
+    {"orrery", "ZL"},
+    {"cadence", "ZM"},
+    {"quill", "ZN"},
+    {"parlor", "ZP"},
+    {"ledger", "ZQRA"},
+    {"parlor", "ZRSTU"},
+    {"tessel", "ZJ-VWX"},
+    {"tessel", "ZJ-YQBDE"},
+    {"folio", "ZTUVWXY"},
+    {"reel", "ZWXYZB"},
+}};
+
+constexpr std::array<std::string_view, 5> environmentNames{"", "development", "halcyon_internal",
+                                                           "seed", "release"};
+
+constexpr std::int64_t maxRefreshCycle = 86400;
+
+const ClientType* clientTypeAt(std::int32_t clientType) {
+  const auto index = static_cast<std::uint32_t>(clientType);
+  return index < clientTypes.size() ? &clientTypes[index] : nullptr;
+}
+
+std::optional<std::string> unlessEmpty(std::string_view text) {
+  return text.empty() ? std::nullopt : std::optional<std::string>(text);
+}
+
+std::uint32_t userDefaultsEnvironment() {
+  const auto stored = Platform::current().preferences().value(corvidSuite, "environmentType");
+  constexpr auto internal = static_cast<std::uint32_t>(CorvidEnvironmentType::internal);
+  constexpr auto release = static_cast<std::uint32_t>(CorvidEnvironmentType::release);
+  std::uint32_t environment;
+  if (const auto preferred = asInteger(stored ? &*stored : nullptr)) {
+    environment = static_cast<std::uint32_t>(*preferred);
+    if (environment > release) {
+      logError("userDefaultsEnvironment: Invalid environment type {}", environment);
+      environment = internal;
+    }
+  } else {
+    environment = isInternalBuild() ? internal : release;
+  }
+  logInfo("userDefaultsEnvironment: Environment type {}", environment);
+  return environment;
+}
+
+// The current environment's section, or nullptr after one error line.
+const Dictionary* currentSection(const Dictionary& storebag, std::int32_t clientType) {
+  const CorvidEnvironmentType environment = currentEnvironment();
+  std::optional<std::string> key = environmentNameForType(environment);
+  const Dictionary* section = key ? dictionaryAt(storebag, *key) : nullptr;
+  if (section == nullptr && environment == CorvidEnvironmentType::seed) {
+    logWarning(
+        "fetchStorebagForEnvironmentAndClientType: Seed section is missing in the storebag.");
+    key = environmentNameForType(CorvidEnvironmentType::release);
+    section = dictionaryAt(storebag, *key);
+  }
+  if (section == nullptr)
+    logError(
+        "fetchStorebagForEnvironmentAndClientType: Could not find storebag for client type {} with {} environment",
+        clientType, orNull(key));
+  return section;
+}
+
+}  // namespace
+
+std::optional<std::string> storebagNameForClientType(std::int32_t clientType) {
+  const ClientType* type = clientTypeAt(clientType);
+  return type ? unlessEmpty(type->storebagName) : std::nullopt;
+}
+
+std::string_view clientTagForClientType(std::int32_t clientType) {
+  const ClientType* type = clientTypeAt(clientType);
+  return type ? type->tag : std::string_view();
+}
+
+std::optional<std::string> environmentNameForType(CorvidEnvironmentType type) {
+  const auto index = static_cast<std::uint32_t>(type);
+  return index < environmentNames.size() ? unlessEmpty(environmentNames[index]) : std::nullopt;
+}
+
+CorvidEnvironmentType currentEnvironment() {
+  return static_cast<CorvidEnvironmentType>(
+      Platform::current().environmentType.get(userDefaultsEnvironment));
+}
+
+std::optional<Dictionary> fetchStorebagForEnvironmentAndClientType(
+    std::int32_t clientType, std::int32_t& maxAge, std::optional<std::string>& version,
+    bool& notModified, std::optional<std::string>* lastModified) {
+  if (clientType == 0) {
+    logError(
+        "fetchStorebagForEnvironmentAndClientType: Could not find storebag name for client type {}",
+        clientType);
+    return std::nullopt;
+  }
+  // Without a name the server is asked all the same; only client type 0 is known to have nothing.
+  const std::optional<Dictionary> storebag = fetchStorebagWithName(
+      storebagNameForClientType(clientType), maxAge, notModified, lastModified);
+  if (!storebag) {
+    if (!notModified)
+      logError(
+          "fetchStorebagForEnvironmentAndClientType: Could not fetch storebag for client type {}",
+          clientType);
+    return std::nullopt;
+  }
+  const Dictionary* section = currentSection(*storebag, clientType);
+  if (section == nullptr) return std::nullopt;
+
+  const std::string* storebagVersion = stringAt(*storebag, "version");
+  if (storebagVersion == nullptr) throw std::invalid_argument("the storebag has no version");
+  version = *storebagVersion;
+
+  if (const auto refreshCycle = integerAt(*storebag, "refresh_cycle")) {
+    maxAge = static_cast<std::int32_t>(std::clamp<std::int64_t>(
+        *refreshCycle, std::numeric_limits<std::int32_t>::min(), maxRefreshCycle));
+    logInfo("fetchStorebagForEnvironmentAndClientType: Store bag override MaxAge={}", maxAge);
+  }
+  return *section;
+}
+
+}  // namespace corvid

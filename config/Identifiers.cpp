@@ -1,0 +1,56 @@
+#include "config/Identifiers.h"
+
+#include <string_view>
+
+#include "platform/Platform.h"
+#include "platform/base/Log.h"
+#include "platform/base/Mutex.h"
+#include "platform/base/Reading.h"
+#include "platform/base/Text.h"
+#include "protocol/Keys.h"
+
+namespace corvid {
+
+namespace {
+
+// Between the look for an identifier and its making, so that two sessions make only one.
+Mutex makingIdentifier;
+
+std::optional<std::string> storedIdentifier(const std::string& key) {
+  const auto stored = Platform::current().preferences().value(corvidSuite, key);
+  const std::string* identifier = stored ? stored->string() : nullptr;
+  return identifier ? std::optional(*identifier) : std::nullopt;
+}
+
+std::string findOrMakeIdentifier(const std::string& key) {
+  if (auto stored = storedIdentifier(key)) return *std::move(stored);
+  MutexLock lock(makingIdentifier);
+  if (auto stored = storedIdentifier(key)) return *std::move(stored);
+  Platform& platform = Platform::current();
+  std::string identifier = uuidText(platform.random().uuid());
+  platform.preferences().setValue(corvidSuite, key, identifier);
+  return identifier;
+}
+
+std::string lowerCasedAt(const Dictionary* dictionary, std::string_view key) {
+  const std::string* text = dictionary ? stringAt(*dictionary, key) : nullptr;
+  return text ? lowerCased(*text) : std::string();
+}
+
+}  // namespace
+
+std::string getPersistentIdentifierForCustomClientIDSuffix(
+    const std::optional<std::string>& first, const std::optional<std::string>& second) {
+  const std::string key =
+      fmt::format("uuid:{}:{}", first.value_or(std::string()), second.value_or(std::string()));
+  const std::string identifier = findOrMakeIdentifier(key);
+  logInfo("getPersistentIdentifierForCustomClientIDSuffix: The value for {}: {}", key, identifier);
+  return identifier;
+}
+
+std::string clientKey(const Dictionary* userInfo) {
+  return fmt::format("{}:{}", lowerCasedAt(userInfo, kCorvidUserInfoClientName),
+                     lowerCasedAt(userInfo, kCorvidUserInfoServiceName));
+}
+
+}  // namespace corvid

@@ -1,0 +1,106 @@
+#include <gtest/gtest.h>
+
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "config/Identifiers.h"
+#include "tests/fakes/TestPlatform.h"
+
+namespace corvid {
+namespace {
+
+struct Identifiers : testing::Test {
+  TestPlatform platform;
+};
+
+TEST_F(Identifiers, AreRandomUUIDsInCanonicalForm) {
+  EXPECT_EQ(getPersistentIdentifierForCustomClientIDSuffix("a", "b"),
+            "00000000-0000-0000-0000-000000000001");
+}
+
+TEST_F(Identifiers, AreKeptUnderBothParts) {
+  const std::string identifier = getPersistentIdentifierForCustomClientIDSuffix("a", "b");
+  EXPECT_EQ(platform.preferences->value("com.halcyon.corvid", "uuid:a:b"), Value(identifier));
+}
+
+TEST_F(Identifiers, StayTheSameAcrossRestarts) {
+  const std::string identifier = getPersistentIdentifierForCustomClientIDSuffix("a", "b");
+  platform.restart();
+  EXPECT_EQ(getPersistentIdentifierForCustomClientIDSuffix("a", "b"), identifier);
+}
+
+TEST_F(Identifiers, AStoredOneIsUsedAsItStands) {
+  platform.preferences->setValue("com.halcyon.corvid", "uuid:a:b", "anything at all");
+  EXPECT_EQ(getPersistentIdentifierForCustomClientIDSuffix("a", "b"), "anything at all");
+}
+
+TEST_F(Identifiers, AreMadeAnewWhenTheEntryIsRemoved) {
+  const std::string identifier = getPersistentIdentifierForCustomClientIDSuffix("a", "b");
+  platform.preferences->removeValue("com.halcyon.corvid", "uuid:a:b");
+  EXPECT_NE(getPersistentIdentifierForCustomClientIDSuffix("a", "b"), identifier);
+}
+
+TEST_F(Identifiers, AnEntryOfAnotherTypeCountsAsAbsent) {
+  platform.preferences->setValue("com.halcyon.corvid", "uuid:a:b", Array{});
+  EXPECT_EQ(getPersistentIdentifierForCustomClientIDSuffix("a", "b"),
+            "00000000-0000-0000-0000-000000000001");
+}
+
+TEST_F(Identifiers, DifferByTheCaseOfTheirParts) {
+  const std::string identifier = getPersistentIdentifierForCustomClientIDSuffix("A", "b");
+  EXPECT_NE(getPersistentIdentifierForCustomClientIDSuffix("a", "b"), identifier);
+  EXPECT_EQ(getPersistentIdentifierForCustomClientIDSuffix("A", "b"), identifier);
+}
+
+TEST_F(Identifiers, AbsentPartsAreEmptyInTheKey) {
+  const std::string none = getPersistentIdentifierForCustomClientIDSuffix({}, {});
+  const std::string first = getPersistentIdentifierForCustomClientIDSuffix("a", {});
+  const std::string second = getPersistentIdentifierForCustomClientIDSuffix({}, "a");
+  EXPECT_EQ(platform.preferences->value("com.halcyon.corvid", "uuid::"), Value(none));
+  EXPECT_EQ(platform.preferences->value("com.halcyon.corvid", "uuid:a:"), Value(first));
+  EXPECT_EQ(platform.preferences->value("com.halcyon.corvid", "uuid::a"), Value(second));
+}
+
+TEST_F(Identifiers, AreLoggedWithTheirKeyWhetherMadeOrFound) {
+  getPersistentIdentifierForCustomClientIDSuffix("a", "b");
+  getPersistentIdentifierForCustomClientIDSuffix("a", "b");
+  EXPECT_EQ(platform.log.lines().size(), 2u);
+  EXPECT_EQ(platform.log.count(LogLevel::info,
+                               "getPersistentIdentifierForCustomClientIDSuffix: The value for "
+                               "uuid:a:b: 00000000-0000-0000-0000-000000000001"),
+            2);
+}
+
+TEST_F(Identifiers, ThreadsThatMeetAtTheFirstUseGetTheSame) {
+  std::vector<std::string> identifiers(8);
+  std::vector<std::thread> threads;
+  for (std::string& identifier : identifiers)
+    threads.emplace_back(
+        [&identifier] { identifier = getPersistentIdentifierForCustomClientIDSuffix("a", "b"); });
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(std::set(identifiers.begin(), identifiers.end()).size(), 1u);
+  EXPECT_EQ(platform.preferences->value("com.halcyon.corvid", "uuid:a:b"), Value(identifiers[0]));
+}
+
+std::string keyOf(const Dictionary& userInfo) { return clientKey(&userInfo); }
+
+TEST(ClientKey, JoinsTheLowerCasedNames) {
+  EXPECT_EQ(keyOf({{"_clientName", "Foo"}, {"_serviceName", "BAR"}}), "foo:bar");
+  EXPECT_EQ(keyOf({{"_clientName", "\xC3\x84"}, {"_serviceName", "\xCE\xA3"}}),
+            "\xC3\xA4:\xCF\x83");
+}
+
+TEST(ClientKey, AbsentNamesAreEmpty) {
+  EXPECT_EQ(keyOf({{"_clientName", "Foo"}}), "foo:");
+  EXPECT_EQ(keyOf({{"_serviceName", "Bar"}}), ":bar");
+  EXPECT_EQ(keyOf({}), ":");
+  EXPECT_EQ(clientKey(nullptr), ":");
+}
+
+TEST(ClientKey, NamesOfAnotherTypeCountAsAbsent) {
+  EXPECT_EQ(keyOf({{"_clientName", 7}, {"_serviceName", Array{"Bar"}}}), ":");
+}
+
+}  // namespace
+}  // namespace corvid
