@@ -12,24 +12,23 @@
 #include "platform/Clock.h"
 #include "platform/KeepAlive.h"
 #include "platform/base/Mutex.h"
+#include "platform/system/FileDescriptor.h"
 
 namespace corvid {
 
 // Counts what keeps the process alive and tells the launcher how it is doing.
 //
-// Threads   The constructor: main, before the sandbox and the first thread. runLoop: main, once.
-//           Everything else: any thread, also while runLoop waits.
+// Threads   The constructor, takeListeningSocket and runLoop: main, the first before the sandbox
+//           and the first thread. Everything else: any thread, also while runLoop waits.
 // Ownership `clock` is shared. The launcher must outlive all who were given it.
 class Launcher final : public KeepAlive {
  public:
   // Reads what the launcher left in the environment and opens the way back to it.
   explicit Launcher(std::shared_ptr<Clock> clock);
-  ~Launcher() override;
-  Launcher(const Launcher&) = delete;
-  Launcher& operator=(const Launcher&) = delete;
 
-  // The listening Unix stream socket that the process was started with; the caller owns it from
-  // then on. Nothing at the second call, and where the process was started without one.
+  // The listening Unix stream socket that the process was started with, which the launcher has made
+  // non-blocking; the caller owns it from then on. Nothing at the second call, and where the
+  // process was started without one.
   std::optional<int> takeListeningSocket();
   // Whether the process was started with a listening socket, taken since or not.
   bool isSocketActivated() const { return _isSocketActivated; }
@@ -59,14 +58,15 @@ class Launcher final : public KeepAlive {
 
   // Constant after construction.
   const std::shared_ptr<Clock> _clock;
-  bool _isSocketActivated = false;
-  int _notifySocket = -1;
+  const FileDescriptor _launcherSocket;
   // Main only.
-  std::optional<int> _listeningSocket;
+  FileDescriptor _listeningSocket;
+  // Constant after construction.
+  const bool _isSocketActivated;
 
   Mutex _mutex;
-  std::condition_variable_any _wake;  // signalled when `_changes` counts up
-  unsigned _changes GUARDED_BY(_mutex) = 0;
+  std::condition_variable_any _wake;         // signalled when `_changes` counts up
+  unsigned _changes GUARDED_BY(_mutex) = 0;  // calls that may matter to runLoop
   unsigned _transactions GUARDED_BY(_mutex) = 0;
   bool _isEnding GUARDED_BY(_mutex) = false;
   std::chrono::steady_clock::time_point _lastWork GUARDED_BY(_mutex);

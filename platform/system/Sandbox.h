@@ -19,9 +19,10 @@ namespace corvid {
 std::optional<std::string> sandboxInit(const std::string& profileName, const Paths& paths,
                                        const Deployment& deployment = {});
 
-// Takes from all threads the right to make a socket listen, which is needed once at most. Call it
-// when the listener stands: Landlock refuses to bind a TCP port, but a TCP socket that listens
-// unbound would get one. Errors as in sandboxInit. Only after sandboxInit.
-std::optional<std::string> sandboxRefuseListening();
+// Takes from all threads what is needed once at most, to set up the listener: making a socket
+// listen and changing a file's mode by name. Landlock confines neither: it refuses to bind a TCP
+// port, but a TCP socket that listens unbound gets one. Call it when the listener stands, inside
+// the sandbox only. Gives nothing on success, else what failed; the process may go on.
+std::optional<std::string> sandboxSeal();
 
 }  // namespace corvid

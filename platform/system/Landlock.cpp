@@ -1,0 +1,131 @@
+#include "platform/system/Landlock.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <linux/landlock.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <string_view>
+
+#include "platform/system/FileDescriptor.h"
+
+// Younger than the oldest headers this builds with.
+#ifndef LANDLOCK_ACCESS_FS_TRUNCATE
+#define LANDLOCK_ACCESS_FS_TRUNCATE (1ULL << 14)
+#endif
+#ifndef LANDLOCK_ACCESS_FS_IOCTL_DEV
+#define LANDLOCK_ACCESS_FS_IOCTL_DEV (1ULL << 15)
+#endif
+#ifndef LANDLOCK_ACCESS_NET_BIND_TCP
+#define LANDLOCK_ACCESS_NET_BIND_TCP (1ULL << 0)
+#define LANDLOCK_ACCESS_NET_CONNECT_TCP (1ULL << 1)
+#endif
+#ifndef LANDLOCK_SCOPE_ABSTRACT_UNIX_SOCKET
+#define LANDLOCK_SCOPE_ABSTRACT_UNIX_SOCKET (1ULL << 0)
+#define LANDLOCK_SCOPE_SIGNAL (1ULL << 1)
+#endif
+
+namespace corvid {
+
+namespace {
+
+// landlock_ruleset_attr as of the sixth ABI; an older kernel takes a longer one as long as what it
+// does not know is zero.
+struct RulesetAttributes {
+  std::uint64_t handledFiles = 0;
+  std::uint64_t handledNetwork = 0;
+  std::uint64_t scoped = 0;
+};
+
+constexpr std::uint64_t readRights = LANDLOCK_ACCESS_FS_READ_FILE | LANDLOCK_ACCESS_FS_READ_DIR;
+constexpr std::uint64_t writeRights = readRights | LANDLOCK_ACCESS_FS_WRITE_FILE |
+                                      LANDLOCK_ACCESS_FS_TRUNCATE | LANDLOCK_ACCESS_FS_REMOVE_FILE |
+                                      LANDLOCK_ACCESS_FS_REMOVE_DIR | LANDLOCK_ACCESS_FS_MAKE_REG |
+                                      LANDLOCK_ACCESS_FS_MAKE_DIR;
+constexpr std::uint64_t socketRights =
+    LANDLOCK_ACCESS_FS_READ_DIR | LANDLOCK_ACCESS_FS_MAKE_SOCK | LANDLOCK_ACCESS_FS_REMOVE_FILE;
+// The rights that exist for what is no folder.
+constexpr std::uint64_t fileRights =
+    LANDLOCK_ACCESS_FS_READ_FILE | LANDLOCK_ACCESS_FS_WRITE_FILE | LANDLOCK_ACCESS_FS_TRUNCATE;
+
+// Everything that the kernel can refuse; executing and device controls are granted nowhere.
+RulesetAttributes attributes(const SandboxProfile& profile, long abi) {
+  RulesetAttributes ruleset;
+  ruleset.handledFiles = (LANDLOCK_ACCESS_FS_MAKE_SYM << 1) - 1;
+  if (abi >= 2) ruleset.handledFiles |= LANDLOCK_ACCESS_FS_REFER;
+  if (abi >= 3) ruleset.handledFiles |= LANDLOCK_ACCESS_FS_TRUNCATE;
+  if (abi >= 5) ruleset.handledFiles |= LANDLOCK_ACCESS_FS_IOCTL_DEV;
+  if (abi >= 4) {
+    ruleset.handledNetwork = LANDLOCK_ACCESS_NET_BIND_TCP;
+    if (!profile.allowsTCPConnect) ruleset.handledNetwork |= LANDLOCK_ACCESS_NET_CONNECT_TCP;
+  }
+  if (abi >= 6) ruleset.scoped = LANDLOCK_SCOPE_ABSTRACT_UNIX_SOCKET | LANDLOCK_SCOPE_SIGNAL;
+  return ruleset;
+}
+
+std::string systemError(std::string_view what) {
+  return fmt::format("{}: {}", what, std::strerror(errno));
+}
+
+class Ruleset {
+ public:
+  explicit Ruleset(const RulesetAttributes& attributes)
+      : _handled(attributes.handledFiles),
+        _descriptor(static_cast<int>(
+            syscall(SYS_landlock_create_ruleset, &attributes, sizeof attributes, 0))) {}
+
+  explicit operator bool() const { return static_cast<bool>(_descriptor); }
+
+  // False, with errno, when the kernel refuses. A path that does not exist is passed over.
+  bool allow(const std::string& path, std::uint64_t rights) const {
+    const FileDescriptor file(open(path.c_str(), O_PATH | O_CLOEXEC));
+    if (!file) return errno == ENOENT || errno == ENOTDIR || errno == EACCES;
+    struct stat status {};
+    if (fstat(file.get(), &status) != 0) return false;
+    if (!S_ISDIR(status.st_mode)) rights &= fileRights;
+    landlock_path_beneath_attr rule{};
+    rule.allowed_access = rights & _handled;
+    rule.parent_fd = file.get();
+    return syscall(SYS_landlock_add_rule, _descriptor.get(), LANDLOCK_RULE_PATH_BENEATH, &rule,
+                   0) == 0;
+  }
+
+  bool restrictSelf() const {
+    return syscall(SYS_landlock_restrict_self, _descriptor.get(), 0) == 0;
+  }
+
+ private:
+  const std::uint64_t _handled;
+  const FileDescriptor _descriptor;
+};
+
+}  // namespace
+
+std::optional<std::string> enterLandlock(const SandboxProfile& profile) {
+  const long abi =
+      syscall(SYS_landlock_create_ruleset, nullptr, 0, LANDLOCK_CREATE_RULESET_VERSION);
+  if (abi < 1)
+    return "the kernel offers no Landlock; it takes Linux 5.13 or later with \"landlock\" among "
+           "its security modules (boot parameter lsm=)";
+
+  const Ruleset ruleset(attributes(profile, abi));
+  if (!ruleset) return systemError("cannot make Landlock rules");
+  const auto refused = [](const std::string& path) {
+    return systemError(fmt::format("cannot make a Landlock rule for {}", path));
+  };
+  for (const std::string& path : profile.readOnlyPaths)
+    if (!ruleset.allow(path, readRights)) return refused(path);
+  for (const std::string& path : profile.readWritePaths)
+    if (!ruleset.allow(path, writeRights)) return refused(path);
+  if (!profile.socketFolder.empty() && !ruleset.allow(profile.socketFolder, socketRights))
+    return refused(profile.socketFolder);
+  if (!ruleset.restrictSelf()) return systemError("cannot enter the Landlock rules");
+  return std::nullopt;
+}
+
+}  // namespace corvid

@@ -1,0 +1,187 @@
+#include "platform/system/Launcher.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cassert>
+#include <charconv>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "platform/base/Log.h"
+
+// The launcher's two protocols, sockets by LISTEN_FDS and messages to NOTIFY_SOCKET, are spoken
+// here directly: both are documented as stable and small, while loading libsystemd costs 1 MB of
+// resident memory and a millisecond at each start.
+
+namespace corvid {
+
+namespace {
+
+// The first descriptor that a launcher passes.
+constexpr int firstPassedDescriptor = 3;
+constexpr int mostPassedDescriptors = 1024;
+
+std::optional<int> numberInEnvironment(const char* name) {
+  const char* text = std::getenv(name);
+  if (text == nullptr) return std::nullopt;
+  const char* const end = text + std::strlen(text);
+  int number = 0;
+  const auto [stop, error] = std::from_chars(text, end, number);
+  if (error != std::errc() || stop != end) return std::nullopt;
+  return number;
+}
+
+int socketOption(int descriptor, int option) {
+  int value = -1;
+  socklen_t size = sizeof value;
+  return getsockopt(descriptor, SOL_SOCKET, option, &value, &size) == 0 ? value : -1;
+}
+
+bool isListeningUnixStream(int descriptor) {
+  return socketOption(descriptor, SO_DOMAIN) == AF_UNIX &&
+         socketOption(descriptor, SO_TYPE) == SOCK_STREAM &&
+         socketOption(descriptor, SO_ACCEPTCONN) == 1;
+}
+
+// The first listening Unix stream socket among those passed; the others are closed.
+FileDescriptor passedListeningSocket() {
+  FileDescriptor found;
+  if (numberInEnvironment("LISTEN_PID") != getpid()) return found;
+  const int count = std::min(numberInEnvironment("LISTEN_FDS").value_or(0), mostPassedDescriptors);
+  for (int i = 0; i < count; ++i) {
+    FileDescriptor passed(firstPassedDescriptor + i);
+    if (!found && isListeningUnixStream(passed.get()))
+      found = std::move(passed);
+    else
+      logWarning("main: Descriptor {} passed by the launcher is of no use and is closed",
+                 passed.get());
+  }
+  if (found) fcntl(found.get(), F_SETFD, FD_CLOEXEC);
+  return found;
+}
+
+// A socket connected to NOTIFY_SOCKET. It is connected now because the sandbox lets nobody reach an
+// abstract socket of the world outside later.
+FileDescriptor socketToLauncher() {
+  const char* const path = std::getenv("NOTIFY_SOCKET");
+  if (path == nullptr || (path[0] != '/' && path[0] != '@')) return {};
+  sockaddr_un address{};
+  const std::size_t length = std::strlen(path);
+  if (length < 2 || length >= sizeof address.sun_path) return {};
+  address.sun_family = AF_UNIX;
+  std::memcpy(address.sun_path, path, length);
+  // An abstract address begins with a zero byte and ends with its last character.
+  std::size_t size = offsetof(sockaddr_un, sun_path) + length;
+  if (path[0] == '@')
+    address.sun_path[0] = '\0';
+  else
+    ++size;
+  FileDescriptor launcher(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  if (!launcher || connect(launcher.get(), reinterpret_cast<const sockaddr*>(&address),
+                           static_cast<socklen_t>(size)) != 0)
+    return {};
+  return launcher;
+}
+
+// One message is made of lines, so a status stays on its own.
+std::string statusLine(std::string_view status) {
+  std::string line = "STATUS=" + std::string(status);
+  std::ranges::replace(line, '\n', ' ');
+  return line;
+}
+
+}  // namespace
+
+Launcher::Launcher(std::shared_ptr<Clock> clock)
+    : _clock(std::move(clock)),
+      _launcherSocket(socketToLauncher()),
+      _listeningSocket(passedListeningSocket()),
+      _isSocketActivated(_listeningSocket) {}
+
+std::optional<int> Launcher::takeListeningSocket() {
+  if (!_listeningSocket) return std::nullopt;
+  return _listeningSocket.release();
+}
+
+void Launcher::notify(std::string_view message) {
+  if (!_launcherSocket) return;
+  if (send(_launcherSocket.get(), message.data(), message.size(), MSG_NOSIGNAL | MSG_DONTWAIT) < 0)
+    logDebug("main: cannot notify the launcher: {}", std::strerror(errno));
+}
+
+void Launcher::notifyReady(std::string_view status) { notify("READY=1\n" + statusLine(status)); }
+
+void Launcher::notifyStatus(std::string_view status) { notify(statusLine(status)); }
+
+void Launcher::beginTransaction() {
+  const MutexLock lock(_mutex);
+  ++_transactions;
+  changed();
+}
+
+bool Launcher::tryBeginTransaction() {
+  const MutexLock lock(_mutex);
+  if (_isEnding) return false;
+  ++_transactions;
+  changed();
+  return true;
+}
+
+void Launcher::endTransaction() {
+  const MutexLock lock(_mutex);
+  assert(_transactions > 0);
+  --_transactions;
+  _lastWork = _clock->steadyNow();
+  changed();
+}
+
+void Launcher::workEnded() {
+  const MutexLock lock(_mutex);
+  _lastWork = _clock->steadyNow();
+  changed();
+}
+
+void Launcher::changed() {
+  ++_changes;
+  _wake.notify_one();
+}
+
+// A client that connects in the moment of the idle exit is not lost. Its connection waits in the
+// listening socket, which the launcher holds open as well: who accepts has either begun a
+// transaction before it took the connection out, then the decision below sees it, or is refused by
+// tryBeginTransaction, then the connection stays where it is, and the launcher finds the socket
+// readable when the process is gone and starts it again.
+int Launcher::runLoop(std::chrono::seconds idleExit, const std::function<bool()>& busy) {
+  _mutex.lock();
+  _lastWork = _clock->steadyNow();
+  while (!_isEnding) {
+    if (_transactions > 0 || idleExit.count() == 0) {
+      _wake.wait(_mutex);
+      continue;
+    }
+    // Who says that work has ended may hold the lock that `busy` needs.
+    const unsigned changes = _changes;
+    _mutex.unlock();
+    const bool isBusy = busy();
+    _mutex.lock();
+    if (_changes != changes) continue;
+    const auto now = _clock->steadyNow();
+    if (isBusy) _lastWork = now;
+    const auto left = _lastWork + idleExit - now;
+    if (left.count() <= 0)
+      _isEnding = true;
+    else
+      _wake.wait_for(_mutex, left);
+  }
+  _mutex.unlock();
+  notify("STOPPING=1");
+  return 0;
+}
+
+}  // namespace corvid

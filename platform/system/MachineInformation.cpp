@@ -1,0 +1,191 @@
+#include "platform/system/MachineInformation.h"
+
+#include <fmt/format.h>
+#include <sys/utsname.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cstdint>
+
+#include "platform/base/Reading.h"
+#include "platform/base/Text.h"
+#include "platform/data/Crypto.h"
+#include "platform/system/SmallFile.h"
+
+namespace corvid {
+
+namespace {
+
+// What board makers leave in fields that they do not fill.
+constexpr std::string_view fillers[] = {
+    "To Be Filled By O.E.M.",
+    "Default string",
+    "System Product Name",
+    "System Serial Number",
+    "Base Board Product Name",
+    "Not Specified",
+    "Not Applicable",
+    "None",
+    "Unknown",
+};
+
+// The first text in a firmware file; a device tree ends each text with a zero.
+std::optional<std::string> firmwareText(const std::string& path) {
+  const Result<std::string> content = readSmallFile(path);
+  if (!content) return std::nullopt;
+  std::string_view text = content.value();
+  text = text.substr(0, text.find('\0'));
+  while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.remove_suffix(1);
+  const auto isFiller = [&](std::string_view filler) { return equalsIgnoringCase(filler, text); };
+  if (text.empty() || std::ranges::any_of(fillers, isFiller)) return std::nullopt;
+  return replacingInvalidUTF8(text);
+}
+
+class Machine {
+ public:
+  explicit Machine(const std::string& root) : _root(root) {}
+
+  std::optional<std::string> productVersion() const { return osRelease("VERSION_ID"); }
+
+  std::optional<std::string> buildVersion() const {
+    if (auto build = osRelease("BUILD_ID")) return build;
+    utsname kernel{};
+    if (uname(&kernel) != 0) return std::nullopt;
+    return kernel.release;
+  }
+
+  std::optional<std::string> productType() const { return firmware("product_name", "compatible"); }
+  std::optional<std::string> hardwareModel() const { return firmware("board_name", "model"); }
+  std::optional<std::string> serialNumber() const {
+    return firmware("product_serial", "serial-number");
+  }
+
+  std::optional<std::string> deviceName() const {
+    if (auto chassis = assigned("/etc/machine-info", "CHASSIS")) return chassis;
+    if (auto chassis = dmiChassis()) return chassis;
+    return deviceTree("chassis-type");
+  }
+
+  std::optional<std::string> uniqueDeviceID() const;
+
+ private:
+  std::optional<std::string> assigned(const std::string& path, std::string_view name) const {
+    const Result<std::string> content = readSmallFile(_root + path);
+    return content ? assignedValue(content.value(), name) : std::nullopt;
+  }
+  std::optional<std::string> osRelease(std::string_view name) const {
+    const Result<std::string> content = readSmallFile(_root + "/etc/os-release");
+    return content ? assignedValue(content.value(), name) : assigned("/usr/lib/os-release", name);
+  }
+  std::optional<std::string> dmi(std::string_view name) const {
+    return firmwareText(fmt::format("{}/sys/class/dmi/id/{}", _root, name));
+  }
+  std::optional<std::string> deviceTree(std::string_view name) const {
+    return firmwareText(fmt::format("{}/proc/device-tree/{}", _root, name));
+  }
+  std::optional<std::string> firmware(std::string_view dmiName, std::string_view treeName) const {
+    auto text = dmi(dmiName);
+    return text ? text : deviceTree(treeName);
+  }
+  std::optional<std::string> dmiChassis() const;
+
+  const std::string& _root;
+};
+
+// hostnamed's words for the chassis types of the SMBIOS reference.
+std::optional<std::string> Machine::dmiChassis() const {
+  const auto type = dmi("chassis_type");
+  if (!type) return std::nullopt;
+  switch (integerFromText(*type)) {
+    case 0x03:  // desktop
+    case 0x04:  // low-profile desktop
+    case 0x06:  // mini tower
+    case 0x07:  // tower
+    case 0x0d:  // all in one
+    case 0x23:  // mini PC
+    case 0x24:  // stick PC
+      return "desktop";
+    case 0x08:  // portable
+    case 0x09:  // laptop
+    case 0x0a:  // notebook
+    case 0x0e:  // sub-notebook
+      return "laptop";
+    case 0x0b:
+      return "handset";
+    case 0x11:  // main server
+    case 0x1c:  // blade
+    case 0x1d:  // blade enclosure
+      return "server";
+    case 0x1e:
+      return "tablet";
+    case 0x1f:  // convertible
+    case 0x20:  // detachable
+      return "convertible";
+    case 0x21:  // gateway
+    case 0x22:  // embedded
+      return "embedded";
+    default:
+      return std::nullopt;
+  }
+}
+
+// HMAC-SHA256 of `message`; the key fits in one block.
+SHA256Digest hmacSHA256(std::string_view key, std::string_view message) {
+  constexpr std::size_t blockSize = 64;
+  std::string inner(blockSize, '\x36');
+  std::string outer(blockSize, '\x5c');
+  for (std::size_t i = 0; i < key.size(); ++i) {
+    inner[i] = static_cast<char>(inner[i] ^ key[i]);
+    outer[i] = static_cast<char>(outer[i] ^ key[i]);
+  }
+  const auto bytes = [](const SHA256Digest& digest) {
+    return std::string_view(reinterpret_cast<const char*>(digest.data()), digest.size());
+  };
+  const SHA256Digest digest = sha256(inner.append(message));
+  return sha256(outer.append(bytes(digest)));
+}
+
+// The machine id is confidential, so what leaves the device is a keyed hash of this system's own
+// number: others cannot compute it, nor the machine id from it.
+std::optional<std::string> Machine::uniqueDeviceID() const {
+  constexpr std::string_view application(
+      "\x61\xd2\x0c\x7e\x93\x5b\x4f\x1a"
+      "\xa8\x46\x3d\xe0\x57\xb9\x12\xcf",
+      16);
+  constexpr std::size_t machineIDDigits = 32;
+  constexpr std::size_t identifierBytes = 20;
+
+  const auto machineID = firmwareText(_root + "/etc/machine-id");
+  if (!machineID || machineID->size() != machineIDDigits) return std::nullopt;
+  std::string key(machineIDDigits / 2, '\0');
+  for (std::size_t i = 0; i < key.size(); ++i) {
+    const char* const digits = machineID->data() + 2 * i;
+    std::uint8_t byte = 0;
+    if (std::from_chars(digits, digits + 2, byte, 16).ptr != digits + 2) return std::nullopt;
+    key[i] = static_cast<char>(byte);
+  }
+  const SHA256Digest digest = hmacSHA256(key, application);
+  return fmt::format("{:02x}", fmt::join(digest.begin(), digest.begin() + identifierBytes, ""));
+}
+
+struct Question {
+  std::string_view key;
+  std::optional<std::string> (Machine::*answer)() const;
+};
+constexpr Question questions[] = {
+    {"ProductVersion", &Machine::productVersion}, {"BuildVersion", &Machine::buildVersion},
+    {"ProductType", &Machine::productType},       {"HWModelStr", &Machine::hardwareModel},
+    {"SerialNumber", &Machine::serialNumber},     {"DeviceName", &Machine::deviceName},
+    {"UniqueDeviceID", &Machine::uniqueDeviceID},
+};
+
+}  // namespace
+
+std::optional<std::string> machineAnswer(std::string_view key, const std::string& root) {
+  const auto* const question = std::ranges::find(questions, key, &Question::key);
+  if (question == std::end(questions)) return std::nullopt;
+  return (Machine(root).*question->answer)();
+}
+
+}  // namespace corvid

@@ -1,0 +1,86 @@
+#include "platform/system/Sandbox.h"
+
+#include <fmt/format.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+
+#include "platform/system/Landlock.h"
+#include "platform/system/SandboxProfile.h"
+#include "platform/system/SeccompFilter.h"
+
+namespace corvid {
+
+namespace {
+
+// Sanitizers look around in the process and symbolise what they find.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define CORVID_HAS_SANITIZER 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define CORVID_HAS_SANITIZER 1
+#endif
+#endif
+#ifdef CORVID_HAS_SANITIZER
+constexpr bool hasSanitizer = true;
+#else
+constexpr bool hasSanitizer = false;
+#endif
+
+void extendForSanitizers(SandboxProfile& profile) {
+  profile.readOnlyPaths.emplace_back("/proc/self/exe");
+  for (const char* name : {"kill"}) profile.systemCalls.emplace_back(name);
+}
+
+// What /proc does not tell is taken to be well.
+bool isOnlyThread() {
+  struct stat tasks {};
+  constexpr nlink_t linksOfOneTask = 3;
+  return stat("/proc/self/task", &tasks) != 0 || tasks.st_nlink <= linksOfOneTask;
+}
+
+// The text says why the folder is not there afterwards.
+std::optional<std::string> makeFolder(const std::string& path, mode_t mode) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) == 0) return std::nullopt;
+  std::error_code error;
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path(), error);
+  if (mkdir(path.c_str(), mode) == 0 || errno == EEXIST) return std::nullopt;
+  return fmt::format("cannot make the folder {}: {}", path, std::strerror(errno));
+}
+
+std::optional<std::string> makeFolders(const SandboxProfile& profile) {
+  for (const std::string& path : profile.readWritePaths)
+    if (auto error = makeFolder(path, 0700)) return error;
+  return profile.socketFolder.empty() ? std::nullopt : makeFolder(profile.socketFolder, 0755);
+}
+
+}  // namespace
+
+std::optional<std::string> sandboxInit(const std::string& profileName, const Paths& paths,
+                                       const Deployment& deployment) {
+  const std::string file = fmt::format("{}/{}.plist", paths.sandboxFolder, profileName);
+  Result<SandboxProfile> profile = SandboxProfile::fromFile(
+      file, {{"root", paths.root}, {"caFile", deployment.caFile.value_or(std::string())}});
+  if (!profile)
+    return fmt::format("profile {}: {}; install the daemon's own profile there", file,
+                       profile.failure().message);
+  if (hasSanitizer)
+    extendForSanitizers(profile.value());
+  else if (!isOnlyThread())
+    return "the process has other threads already, which would stay outside";
+  if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0)
+    return fmt::format("cannot give up new privileges: {}", std::strerror(errno));
+  if (auto error = makeFolders(profile.value())) return error;
+  if (auto error = enterLandlock(profile.value())) return error;
+  return enterSeccompFilter(profile.value());
+}
+
+std::optional<std::string> sandboxSeal() {
+  return refuseSystemCallsInAllThreads({"listen", "chmod", "fchmodat"});
+}
+
+}  // namespace corvid

@@ -1,0 +1,39 @@
+// What a sandbox profile lets the process do.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "platform/base/Result.h"
+#include "platform/base/Value.h"
+
+namespace corvid {
+
+// The keys of the property list; `systemCalls` must be there. "${name}" in a path stands for the
+// placeholder's value, and a path that comes out empty is left out. What is not allowed is refused.
+struct SandboxProfile {
+  using Placeholders = std::map<std::string, std::string, std::less<>>;
+
+  // Files, and folders with all that is below them. What does not exist when the sandbox is entered
+  // is passed over.
+  std::vector<std::string> readOnlyPaths;
+  // The same, for reading and writing. What does not exist is made, as a folder for the owner only.
+  std::vector<std::string> readWritePaths;
+  // Where Unix sockets may be made and files removed; made where it does not exist. Empty: nowhere.
+  std::string socketFolder;
+  // The keys of `network`: TCP connections out, and UDP sockets.
+  bool allowsTCPConnect = false;
+  bool allowsUDP = false;
+  // System calls by name; some only with harmless arguments (SeccompFilter.cpp).
+  std::vector<std::string> systemCalls;
+  // System calls that look missing, so that libraries quietly do without them.
+  std::vector<std::string> absentSystemCalls;
+
+  // The failure says which key is wrong; an unknown one is.
+  static Result<SandboxProfile> fromPropertyList(const Value& value,
+                                                 const Placeholders& placeholders);
+  static Result<SandboxProfile> fromFile(const std::string& path, const Placeholders& placeholders);
+};
+
+}  // namespace corvid
