@@ -1,0 +1,243 @@
+#include "platform/ipc/IPCListener.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <exception>
+#include <system_error>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "platform/base/Log.h"
+#include "platform/base/Mutex.h"
+#include "platform/ipc/IPCConnection.h"
+#include "platform/ipc/ServiceSocket.h"
+#include "protocol/Limits.h"
+
+namespace corvid {
+
+namespace {
+
+std::string errorText(int error) { return std::generic_category().message(error); }
+
+}  // namespace
+
+// The accept thread and the connections that it brought.
+class IPCListener::Acceptor {
+ public:
+  Acceptor(ServiceSocket socket, Descriptor wakeup, EntitlementReader entitlements)
+      : _entitlements(std::move(entitlements)),
+        _wakeup(std::move(wakeup)),
+        _socket(std::move(socket)) {}
+  ~Acceptor();
+
+  void setDelegate(std::shared_ptr<ListenerDelegate> delegate) { _delegate = std::move(delegate); }
+  void resume() {
+    _thread = std::thread([this] { run(); });
+  }
+  std::size_t connections() const {
+    const MutexLock lock(_mutex);
+    return _connections.size();
+  }
+
+ private:
+  struct Open {
+    std::shared_ptr<IPCConnection> connection;
+    bool ended = false;
+  };
+  enum class Accepted { one, none, starved };
+
+  void run();
+  Accepted acceptOne();
+  void bring(Descriptor socket);
+  bool admits(const IPCConnection::Peer& peer);
+  void connectionEnded(std::uint64_t number);
+  void reap();
+  void wake() const;
+
+  const EntitlementReader _entitlements;
+  const Descriptor _wakeup;
+  ServiceSocket _socket;
+  std::shared_ptr<ListenerDelegate> _delegate;
+  std::uint64_t _lastNumber = 0;
+  bool _starved = false;
+
+  mutable Mutex _mutex;
+  std::vector<Open> _connections GUARDED_BY(_mutex);
+  bool _stopping GUARDED_BY(_mutex) = false;
+  std::thread _thread;
+};
+
+IPCListener::Acceptor::~Acceptor() {
+  {
+    const MutexLock lock(_mutex);
+    _stopping = true;
+  }
+  wake();
+  if (_thread.joinable()) _thread.join();
+  // Nobody else changes the list from here on, only the marks in it.
+  std::vector<std::shared_ptr<IPCConnection>> connections;
+  {
+    const MutexLock lock(_mutex);
+    for (const Open& open : _connections) connections.push_back(open.connection);
+  }
+  for (const auto& connection : connections) connection->close();
+  for (const auto& connection : connections) connection->join();
+}
+
+void IPCListener::Acceptor::wake() const {
+  const std::uint64_t one = 1;
+  [[maybe_unused]] const auto written = write(_wakeup.get(), &one, sizeof one);
+}
+
+void IPCListener::Acceptor::run() {
+  for (;;) {
+    std::array<pollfd, 2> ready{{{_wakeup.get(), POLLIN, 0}, {_socket.get(), POLLIN, 0}}};
+    // Without descriptors a connection that waits keeps the socket readable.
+    constexpr int starvedPause = 100;
+    if (_starved) ready[1].fd = -1;
+    const int found = poll(ready.data(), ready.size(), _starved ? starvedPause : -1);
+    if (found < 0 && errno != EINTR) {
+      logError("IPCListener: Waiting for connections failed: {}", errorText(errno));
+      return;
+    }
+    if (ready[0].revents != 0) {
+      std::uint64_t count = 0;
+      [[maybe_unused]] const auto taken = read(_wakeup.get(), &count, sizeof count);
+    }
+    reap();
+    {
+      const MutexLock lock(_mutex);
+      if (_stopping) return;
+    }
+    if (_starved || ready[1].revents != 0)
+      while (acceptOne() == Accepted::one) continue;
+  }
+}
+
+IPCListener::Acceptor::Accepted IPCListener::Acceptor::acceptOne() {
+  Descriptor socket(accept4(_socket.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+  const int error = errno;
+  if (socket) {
+    _starved = false;
+    bring(std::move(socket));
+    return Accepted::one;
+  }
+  switch (error) {
+    case EAGAIN:
+      _starved = false;
+      return Accepted::none;
+    case EINTR:
+    case ECONNABORTED:
+      return Accepted::one;
+    default:
+      if (!std::exchange(_starved, true))
+        logError("IPCListener: Accepting a connection failed, trying again: {}", errorText(error));
+      return Accepted::starved;
+  }
+}
+
+void IPCListener::Acceptor::bring(Descriptor socket) {
+  ucred credentials{};
+  socklen_t length = sizeof credentials;
+  if (getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) return;
+  const IPCConnection::Peer peer{++_lastNumber, credentials.pid, credentials.uid};
+  if (!admits(peer)) return;
+  std::shared_ptr<IPCConnection> connection;
+  try {
+    Dictionary entitlements = _entitlements(socket.get());
+    connection =
+        std::make_shared<IPCConnection>(std::move(socket), peer, std::move(entitlements),
+                                        [this, number = peer.number] { connectionEnded(number); });
+    const MutexLock lock(_mutex);
+    _connections.push_back({connection});
+  } catch (const std::exception& exception) {
+    logError("IPCListener: Exception while accepting process {}: {}", peer.process,
+             exception.what());
+    return;
+  }
+  bool accepted = false;
+  try {
+    accepted = _delegate->shouldAcceptNewConnection(connection);
+  } catch (const std::exception& exception) {
+    logError("IPCListener: Exception while accepting {}: {}", connection->description(),
+             exception.what());
+  }
+  if (accepted) return;
+  connection->close();
+  connectionEnded(peer.number);
+}
+
+bool IPCListener::Acceptor::admits(const IPCConnection::Peer& peer) {
+  std::size_t all = 0;
+  std::size_t ofUser = 0;
+  {
+    const MutexLock lock(_mutex);
+    all = _connections.size();
+    for (const Open& open : _connections) ofUser += open.connection->peer().user == peer.user;
+  }
+  if (all < limits::connections && ofUser < limits::connectionsPerUser) return true;
+  const bool forUser = all < limits::connections;
+  logWarning("IPCListener: Process {}, user {} opened more than {} connections{}; closing it",
+             peer.process, peer.user, forUser ? limits::connectionsPerUser : limits::connections,
+             forUser ? " of one user" : "");
+  return false;
+}
+
+void IPCListener::Acceptor::connectionEnded(std::uint64_t number) {
+  {
+    const MutexLock lock(_mutex);
+    for (Open& open : _connections)
+      if (open.connection->peer().number == number) open.ended = true;
+  }
+  wake();
+}
+
+void IPCListener::Acceptor::reap() {
+  std::vector<Open> ended;
+  {
+    const MutexLock lock(_mutex);
+    const auto first = std::stable_partition(_connections.begin(), _connections.end(),
+                                             [](const Open& open) { return !open.ended; });
+    std::move(first, _connections.end(), std::back_inserter(ended));
+    _connections.erase(first, _connections.end());
+  }
+  for (const Open& open : ended) open.connection->join();
+}
+
+IPCListener::IPCListener(std::unique_ptr<Acceptor> acceptor) : _acceptor(std::move(acceptor)) {}
+IPCListener::~IPCListener() = default;
+
+Result<std::unique_ptr<IPCListener>> IPCListener::serving(Result<ServiceSocket> socket,
+                                                          EntitlementReader entitlements) {
+  if (!socket) return socket.failure();
+  Descriptor wakeup(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!wakeup) return Failure{"Creating an event failed: " + errorText(errno), errno};
+  return std::unique_ptr<IPCListener>(new IPCListener(std::make_unique<Acceptor>(
+      std::move(socket).value(), std::move(wakeup), std::move(entitlements))));
+}
+
+Result<std::unique_ptr<IPCListener>> IPCListener::bind(const std::string& path,
+                                                       EntitlementReader entitlements) {
+  return serving(ServiceSocket::bind(path), std::move(entitlements));
+}
+
+Result<std::unique_ptr<IPCListener>> IPCListener::adopt(int socket,
+                                                        EntitlementReader entitlements) {
+  return serving(ServiceSocket::adopt(Descriptor(socket)), std::move(entitlements));
+}
+
+void IPCListener::setDelegate(std::shared_ptr<ListenerDelegate> delegate) {
+  _acceptor->setDelegate(std::move(delegate));
+}
+void IPCListener::resume() { _acceptor->resume(); }
+std::size_t IPCListener::connections() const { return _acceptor->connections(); }
+
+}  // namespace corvid

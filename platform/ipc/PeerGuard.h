@@ -1,0 +1,75 @@
+// Stands between a client's message stream and the RPC system and keeps the client to its limits.
+//
+// It hands on one message at a time, after everything that the one before set going has run: a
+// client's calls run one after the other, and what a client sent before it left still runs. Nothing
+// is read while something waits to be written, or while too many calls are unanswered; so a client
+// that does not read cannot make the daemon's memory grow.
+//
+// A rule is broken where a message is malformed, beyond a limit, or no sense at its place. The
+// owner hears of the first breach; the RPC system then tells the client and ends the connection.
+//
+// Threads: the event loop's.
+#pragma once
+
+#include <capnp/rpc.capnp.h>
+#include <capnp/serialize-async.h>
+#include <kj/function.h>
+
+#include <cstddef>
+#include <optional>
+#include <string>
+
+namespace corvid {
+
+class PeerGuard final : public capnp::MessageStream {
+ public:
+  using capnp::MessageStream::writeMessage;
+  using capnp::MessageStream::writeMessages;
+
+  class Owner {
+   public:
+    virtual void ruleBroken(const std::string& rule) = 0;
+    // The socket has taken a message.
+    virtual void written() = 0;
+
+   protected:
+    ~Owner() = default;
+  };
+
+  // Both are borrowed.
+  PeerGuard(capnp::MessageStream& stream, Owner& owner) : _stream(stream), _owner(owner) {}
+
+  // The client broke a rule that only the reader of a call can see.
+  void fail(std::string rule);
+  bool isWriting() const { return _writing; }
+
+  kj::Promise<kj::Maybe<capnp::MessageReaderAndFds>> tryReadMessage(
+      kj::ArrayPtr<kj::AutoCloseFd> descriptorSpace, capnp::ReaderOptions options,
+      kj::ArrayPtr<capnp::word> scratchSpace) override;
+  kj::Promise<void> writeMessage(
+      kj::ArrayPtr<const int> descriptors,
+      kj::ArrayPtr<const kj::ArrayPtr<const capnp::word>> segments) override;
+  kj::Promise<void> writeMessages(
+      kj::ArrayPtr<kj::ArrayPtr<const kj::ArrayPtr<const capnp::word>>> messages) override;
+  kj::Maybe<int> getSendBufferSize() override { return _stream.getSendBufferSize(); }
+  kj::Promise<void> end() override { return _stream.end(); }
+
+ private:
+  using Incoming = kj::Maybe<capnp::MessageReaderAndFds>;
+
+  kj::Promise<Incoming> readWhenAllowed(kj::ArrayPtr<kj::AutoCloseFd> descriptorSpace);
+  kj::Promise<Incoming> refuse(std::string rule);
+  std::optional<std::string> breachOf(capnp::rpc::Message::Reader message);
+  void inspectOutgoing(kj::ArrayPtr<const kj::ArrayPtr<const capnp::word>> segments);
+  void openGate();
+
+  capnp::MessageStream& _stream;
+  Owner& _owner;
+  std::optional<std::string> _breach;
+  std::size_t _unanswered = 0;  // calls begun less calls returned
+  std::size_t _unfinished = 0;  // calls begun less calls that the client has finished with
+  bool _writing = false;
+  kj::Own<kj::PromiseFulfiller<void>> _gate;  // of a read that is held back
+};
+
+}  // namespace corvid

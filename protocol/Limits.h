@@ -1,0 +1,35 @@
+// What a client may do to the daemon, and what the client library keeps to. A client that breaks
+// one of the limits of a message loses its connection; the others hold it back or drop.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace corvid::limits {
+
+// Connections that are open at the same time; one more is closed at once.
+inline constexpr std::size_t connections = 512;
+inline constexpr std::size_t connectionsPerUser = 256;
+
+// One message on the socket, with everything that travels in it.
+inline constexpr std::size_t messageBytes = std::size_t{16} << 20;
+inline constexpr std::size_t segmentsPerMessage = 128;
+inline constexpr std::size_t capabilitiesPerMessage = 4;
+// Arrays and dictionaries within each other; a dictionary of plain values has depth 1.
+inline constexpr std::size_t valueNesting = 32;
+inline constexpr std::size_t valuesPerMessage = 65536;
+// Events that travel in one call.
+inline constexpr std::size_t messagesPerCall = 256;
+
+// Calls that have begun and are not answered; past it nothing more is read from the client.
+inline constexpr std::size_t callsInFlight = 64;
+// Calls that are answered and that the client has not acknowledged.
+inline constexpr std::size_t unfinishedCalls = 1024;
+
+// Aggregator deliveries that wait for a client; past either the oldest are dropped.
+inline constexpr std::size_t deliveriesWaiting = 1024;
+inline constexpr std::size_t deliveryBytesWaiting = std::size_t{4} << 20;
+// Delivery calls that the client has not acknowledged; past it deliveries wait.
+inline constexpr std::size_t deliveriesInFlight = 64;
+
+}  // namespace corvid::limits

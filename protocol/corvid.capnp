@@ -1,0 +1,112 @@
+@0xc5025268cdb85b8f;
+# What crosses the socket between a client library and the daemon: Cap'n Proto RPC over a Unix
+# stream socket. The bootstrap object of the daemon's side is a ClientSession, that of the client's
+# side a ClientSessionReply.
+#
+# A field or union member is only ever added, with the next free number, so that both sides may be
+# of different age. An absent object is a null pointer; an empty list is present.
+
+using Cxx = import "/capnp/c++.capnp";
+$Cxx.namespace("corvid::wire");
+
+struct PropertyValue {
+  # One value of a property list. Text is UTF-8. A value that is an entry of a dictionary carries
+  # its key, so that a dictionary is one flat list.
+
+  union {
+    absent @0 :Void;
+    int64 @1 :Int64;
+    boolean @2 :Bool;
+    float64 @3 :Float64;
+    date @4 :Float64;
+    # Seconds since 1970-01-01 00:00 UTC.
+    text @5 :Text;
+    data @6 :Data;
+    list @7 :List(PropertyValue);
+    dictionary @8 :List(PropertyValue);
+  }
+  key @9 :Text;
+}
+
+struct Message {
+  # One event on its way to the session.
+
+  replyWanted @0 :Bool;
+  # False: the client gave no callback, the session sees none.
+  union {
+    event :group {
+      category @1 :UInt16;
+      type @2 :UInt16;
+      payload @3 :List(PropertyValue);
+    }
+    dictionary @4 :List(PropertyValue);
+  }
+}
+
+struct TextResult {
+  # The outcome of a call that answers with a text or with nothing.
+
+  union {
+    unanswered @0 :Void;
+    # No reply was wanted, or the daemon dropped the reply.
+    none @1 :Void;
+    text @2 :Text;
+  }
+}
+
+struct Error {
+  domain @0 :Text;
+  code @1 :Int64;
+  description @2 :Text;
+}
+
+struct Delivery {
+  # A message for the client's aggregation block. With everything absent or zero it tells the
+  # client's aggregator to shut down.
+
+  message @0 :List(PropertyValue);
+  timestamp @1 :Float64;
+  category @2 :UInt16;
+  type @3 :UInt16;
+  payload @4 :List(PropertyValue);
+}
+
+interface ClientSession {
+  # The calls of one connection run one after the other in the order in which they were made. Each
+  # returns when it has been answered, when its reply was dropped unanswered, or, where no reply is
+  # wanted, when the daemon has finished with it.
+
+  setSessionInfo @0 (sessionInfo :List(PropertyValue), userInfo :List(PropertyValue),
+                     frameworksToCheck :List(PropertyValue), hasAggregationBlock :Bool);
+
+  startConfig @1 (replyWanted :Bool) -> (answered :Bool, states :List(PropertyValue));
+
+  fetchStates @2 (replyWanted :Bool, userInfo :List(PropertyValue))
+              -> (answered :Bool, states :List(PropertyValue));
+
+  fetchDisplayURL @3 (replyWanted :Bool) -> (url :TextResult);
+
+  sendMessages @4 (messages :List(Message)) -> (results :List(TextResult));
+  # What waited in the client library travels together. `results` has one element a message, in
+  # order.
+
+  flush @5 (replyWanted :Bool) -> (result :TextResult, error :Error);
+
+  finish @6 (replyWanted :Bool) -> (result :TextResult);
+
+  uploadFile @7 (replyWanted :Bool, fileURL :Text, extensionToken :Data)
+             -> (answered :Bool, success :Bool);
+
+  uploadLogData @8 (replyWanted :Bool, logData :List(PropertyValue))
+                -> (answered :Bool, success :Bool, error :Error);
+
+  sendSingleMessage @9 (replyWanted :Bool, sessionInfo :List(PropertyValue),
+                        userInfo :List(PropertyValue), category :UInt16, type :UInt16,
+                        payload :List(PropertyValue))
+                    -> (result :TextResult);
+}
+
+interface ClientSessionReply {
+  sendMessagesToClient @0 (deliveries :List(Delivery));
+  # Returns when the client library has taken the deliveries in, not when the block has run.
+}

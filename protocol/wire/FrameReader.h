@@ -1,0 +1,38 @@
+// Cuts the byte stream of a socket into Cap'n Proto messages.
+//
+// The owner reads into space(), says how much came with filled(), and takes messages from next()
+// until there is none. A message announced by its header is checked against protocol/Limits.h
+// before any memory is taken for it.
+//
+// Errors: next() throws BrokenRule; nothing can be read from the stream after that.
+#pragma once
+
+#include <capnp/message.h>
+#include <kj/array.h>
+
+#include <array>
+#include <cstddef>
+
+namespace corvid::wire {
+
+class FrameReader {
+ public:
+  // Where the next bytes of the stream go. Never empty.
+  kj::ArrayPtr<kj::byte> space();
+  void filled(std::size_t bytes);
+  // The next complete message, or null. It owns its memory.
+  kj::Own<capnp::MessageReader> next();
+
+ private:
+  std::size_t staged() const { return _end - _begin; }
+  void begin();
+
+  // Headers and small messages; the rest of a larger message is read in place.
+  std::array<kj::byte, 16384> _staging;
+  std::size_t _begin = 0;
+  std::size_t _end = 0;
+  kj::Array<capnp::word> _message;  // the message under way, null between messages
+  std::size_t _filled = 0;          // bytes of it that are there
+};
+
+}  // namespace corvid::wire

@@ -1,0 +1,213 @@
+#include "protocol/wire/ValueCodec.h"
+
+#include <fmt/format.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <utility>
+
+#include "platform/base/Text.h"
+
+namespace corvid::wire {
+
+namespace {
+
+constexpr std::size_t wordsPerValue = 4;
+
+// Nearly every text is plain ASCII: eight bytes at a time before the full check.
+bool isWellFormed(std::string_view text) {
+  constexpr std::uint64_t highBits = 0x8080808080808080;
+  std::size_t at = 0;
+  for (; at + 8 <= text.size(); at += 8) {
+    std::uint64_t eight;
+    std::memcpy(&eight, text.data() + at, sizeof eight);
+    if ((eight & highBits) != 0) return isValidUTF8(text.substr(at));
+  }
+  return isValidUTF8(text.substr(at));
+}
+
+constexpr std::size_t words(std::size_t bytes) { return (bytes + 7) / 8; }
+
+capnp::Text::Reader textReader(const std::string& text) { return {text.c_str(), text.size()}; }
+
+capnp::Data::Reader dataReader(const std::string& bytes) {
+  return {reinterpret_cast<const capnp::byte*>(bytes.data()), bytes.size()};
+}
+
+capnp::uint count(std::size_t size) { return static_cast<capnp::uint>(size); }
+
+void encodeValue(const Value& value, PropertyValue::Builder target) {
+  switch (value.type()) {
+    case Value::Type::null:
+      target.setAbsent();
+      break;
+    case Value::Type::boolean:
+      target.setBoolean(*value.boolean());
+      break;
+    case Value::Type::integer:
+      target.setInt64(*value.integer());
+      break;
+    case Value::Type::real:
+      target.setFloat64(*value.real());
+      break;
+    case Value::Type::date:
+      target.setDate(value.date()->secondsSince1970);
+      break;
+    case Value::Type::string:
+      target.setText(textReader(*value.string()));
+      break;
+    case Value::Type::data:
+      target.setData(dataReader(*value.data()));
+      break;
+    case Value::Type::array:
+      encode(*value.array(), target.initList(count(value.array()->size())));
+      break;
+    case Value::Type::dictionary:
+      encode(*value.dictionary(), target.initDictionary(count(value.dictionary()->size())));
+      break;
+  }
+}
+
+}  // namespace
+
+void ValueDecoder::enter(std::size_t newValues) {
+  _values += newValues;
+  if (_values > limits::valuesPerMessage)
+    throw BrokenRule(fmt::format("more than {} values in a message", limits::valuesPerMessage));
+  if (++_depth > limits::valueNesting)
+    throw BrokenRule(fmt::format("values nested deeper than {}", limits::valueNesting));
+}
+
+std::string ValueDecoder::text(capnp::Text::Reader text) {
+  const std::string_view content(text.begin(), text.size());
+  if (!isWellFormed(content)) throw BrokenRule("a text that is not UTF-8");
+  return std::string(content);
+}
+
+Dictionary ValueDecoder::dictionary(ValueList::Reader entries) {
+  enter(entries.size());
+  Dictionary dictionary;
+  dictionary.reserve(entries.size());
+  for (const PropertyValue::Reader entry : entries)
+    dictionary.set(text(entry.getKey()), value(entry));
+  leave();
+  return dictionary;
+}
+
+Array ValueDecoder::array(ValueList::Reader elements) {
+  enter(elements.size());
+  Array array;
+  array.reserve(elements.size());
+  for (const PropertyValue::Reader element : elements) array.push_back(value(element));
+  leave();
+  return array;
+}
+
+Value ValueDecoder::value(PropertyValue::Reader value) {
+  switch (value.which()) {
+    case PropertyValue::ABSENT:
+      return {};
+    case PropertyValue::BOOLEAN:
+      return value.getBoolean();
+    case PropertyValue::INT64:
+      return value.getInt64();
+    case PropertyValue::FLOAT64:
+      return value.getFloat64();
+    case PropertyValue::DATE: {
+      const Date date{value.getDate()};
+      if (!std::isfinite(date.secondsSince1970)) throw BrokenRule("a date that is no number");
+      return date;
+    }
+    case PropertyValue::TEXT:
+      return text(value.getText());
+    case PropertyValue::DATA: {
+      const capnp::Data::Reader bytes = value.getData();
+      return Data{{reinterpret_cast<const char*>(bytes.begin()), bytes.size()}};
+    }
+    case PropertyValue::LIST:
+      return array(value.getList());
+    case PropertyValue::DICTIONARY:
+      return dictionary(value.getDictionary());
+  }
+  throw BrokenRule("a value of a type that is not known");
+}
+
+void encode(const Dictionary& dictionary, ValueList::Builder entries) {
+  capnp::uint at = 0;
+  for (const auto& [key, value] : dictionary) {
+    PropertyValue::Builder entry = entries[at++];
+    entry.setKey(textReader(key));
+    encodeValue(value, entry);
+  }
+}
+
+void encode(const Array& array, ValueList::Builder elements) {
+  capnp::uint at = 0;
+  for (const Value& value : array) encodeValue(value, elements[at++]);
+}
+
+void Extent::fail(Fitness reason) {
+  if (fitness == Fitness::fits) fitness = reason;
+}
+
+void Extent::addBytes(std::size_t bytes) {
+  words += wire::words(bytes);
+  if (words > limits::messageBytes / sizeof(capnp::word)) fail(Fitness::tooLarge);
+}
+
+void Extent::addElements(std::size_t newValues, std::size_t depth) {
+  words += 1 + newValues * wordsPerValue;
+  values += newValues;
+  if (values > limits::valuesPerMessage) fail(Fitness::tooLarge);
+  if (depth > limits::valueNesting) fail(Fitness::tooDeep);
+}
+
+void Extent::addText(std::string_view text) {
+  addBytes(text.size() + 1);
+  if (!isWellFormed(text)) fail(Fitness::invalidText);
+}
+
+void Extent::add(const Dictionary& dictionary) { add(dictionary, 1); }
+void Extent::add(const Array& array) { add(array, 1); }
+
+void Extent::add(const Dictionary& dictionary, std::size_t depth) {
+  addElements(dictionary.size(), depth);
+  for (const auto& [key, value] : dictionary) {
+    if (fitness != Fitness::fits) return;
+    addText(key);
+    add(value, depth);
+  }
+}
+
+void Extent::add(const Array& array, std::size_t depth) {
+  addElements(array.size(), depth);
+  for (const Value& value : array) {
+    if (fitness != Fitness::fits) return;
+    add(value, depth);
+  }
+}
+
+void Extent::add(const Value& value, std::size_t depth) {
+  switch (value.type()) {
+    case Value::Type::string:
+      addText(*value.string());
+      break;
+    case Value::Type::data:
+      addBytes(value.data()->size());
+      break;
+    case Value::Type::array:
+      add(*value.array(), depth + 1);
+      break;
+    case Value::Type::dictionary:
+      add(*value.dictionary(), depth + 1);
+      break;
+    case Value::Type::date:
+      if (!std::isfinite(value.date()->secondsSince1970)) fail(Fitness::invalidNumber);
+      break;
+    default:
+      break;
+  }
+}
+
+}  // namespace corvid::wire

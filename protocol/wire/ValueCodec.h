@@ -1,0 +1,71 @@
+// Property values to and from their form on the wire.
+//
+// Decoding is for a peer that is not trusted: it checks everything, reads each part of the message
+// once and builds the result in place. Limits are those of protocol/Limits.h.
+#pragma once
+
+#include <capnp/list.h>
+
+#include <cstddef>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include "platform/base/Value.h"
+#include "protocol/Limits.h"
+#include "protocol/corvid.capnp.h"
+
+namespace corvid::wire {
+
+using ValueList = capnp::List<PropertyValue>;
+
+// The peer's message breaks a rule; what() says which, for people.
+class BrokenRule final : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// Decodes the values of one message, counting them. Throws BrokenRule, and kj::Exception where the
+// message itself is malformed.
+class ValueDecoder {
+ public:
+  Dictionary dictionary(ValueList::Reader entries);
+  Array array(ValueList::Reader elements);
+  std::string text(capnp::Text::Reader text);
+
+ private:
+  Value value(PropertyValue::Reader value);
+  void enter(std::size_t count);
+  void leave() { --_depth; }
+
+  std::size_t _values = 0;
+  std::size_t _depth = 0;
+};
+
+void encode(const Dictionary& dictionary, ValueList::Builder entries);
+void encode(const Array& array, ValueList::Builder elements);
+
+// Whether a value may cross the connection.
+enum class Fitness { fits, tooDeep, tooLarge, invalidText, invalidNumber };
+
+// What a value takes on the wire.
+struct Extent {
+  std::size_t words = 0;
+  std::size_t values = 0;
+  Fitness fitness = Fitness::fits;  // the first rule that the value breaks
+
+  void add(const Dictionary& dictionary);
+  void add(const Array& array);
+  void addText(std::string_view text);
+  std::size_t bytes() const { return words * sizeof(capnp::word); }
+
+ private:
+  void add(const Dictionary& dictionary, std::size_t depth);
+  void add(const Array& array, std::size_t depth);
+  void add(const Value& value, std::size_t depth);
+  void addBytes(std::size_t bytes);
+  void addElements(std::size_t count, std::size_t depth);
+  void fail(Fitness reason);
+};
+
+}  // namespace corvid::wire
