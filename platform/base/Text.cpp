@@ -49,21 +49,6 @@ Decoded decode(std::string_view text, std::size_t at) {
   return {character, length, true};
 }
 
-void append(std::string& text, char32_t character) {
-  const auto byte = [&](char32_t bits) { text.push_back(static_cast<char>(bits)); };
-  if (character < 0x80) {
-    byte(character);
-  } else if (character < 0x800) {
-    byte(0xC0 | (character >> 6)), byte(0x80 | (character & 0x3F));
-  } else if (character < 0x10000) {
-    byte(0xE0 | (character >> 12)), byte(0x80 | ((character >> 6) & 0x3F));
-    byte(0x80 | (character & 0x3F));
-  } else {
-    byte(0xF0 | (character >> 18)), byte(0x80 | ((character >> 12) & 0x3F));
-    byte(0x80 | ((character >> 6) & 0x3F)), byte(0x80 | (character & 0x3F));
-  }
-}
-
 // The C library's Unicode tables, whatever locale the process runs in. C.UTF-8 is part of every
 // Debian system; without it only ASCII letters are mapped.
 locale_t unicodeLocale() {
@@ -95,7 +80,7 @@ std::string mapped(std::string_view text, Mapping mapping) {
   for (std::size_t at = 0; at < text.size();) {
     const Decoded decoded = decode(text, at);
     if (decoded.valid)
-      append(result, mapping(decoded.character));
+      appendUTF8(result, mapping(decoded.character));
     else
       result.append(text, at, decoded.length);
     at += decoded.length;
@@ -110,6 +95,21 @@ bool isASCII(std::string_view text) {
 }
 
 }  // namespace
+
+void appendUTF8(std::string& text, char32_t character) {
+  const auto byte = [&](char32_t bits) { text.push_back(static_cast<char>(bits)); };
+  if (character < 0x80) {
+    byte(character);
+  } else if (character < 0x800) {
+    byte(0xC0 | (character >> 6)), byte(0x80 | (character & 0x3F));
+  } else if (character < 0x10000) {
+    byte(0xE0 | (character >> 12)), byte(0x80 | ((character >> 6) & 0x3F));
+    byte(0x80 | (character & 0x3F));
+  } else {
+    byte(0xF0 | (character >> 18)), byte(0x80 | ((character >> 12) & 0x3F));
+    byte(0x80 | ((character >> 6) & 0x3F)), byte(0x80 | (character & 0x3F));
+  }
+}
 
 bool isValidUTF8(std::string_view text) {
   for (std::size_t at = 0; at < text.size();) {
@@ -129,7 +129,7 @@ std::string replacingInvalidUTF8(std::string_view text) {
   result.reserve(text.size());
   for (std::size_t at = 0; at < text.size();) {
     const Decoded decoded = decode(text, at);
-    append(result, decoded.character);
+    appendUTF8(result, decoded.character);
     at += decoded.length;
   }
   return result;
@@ -141,6 +141,22 @@ std::size_t utf16Length(std::string_view text) {
     const Decoded decoded = decode(text, at);
     units += decoded.character >= 0x10000 ? 2 : 1;
     at += decoded.length;
+  }
+  return units;
+}
+
+std::u16string utf16(std::string_view text) {
+  std::u16string units;
+  units.reserve(text.size());
+  for (std::size_t at = 0; at < text.size();) {
+    const Decoded decoded = decode(text, at);
+    at += decoded.length;
+    if (decoded.character < 0x10000) {
+      units.push_back(static_cast<char16_t>(decoded.character));
+    } else {
+      units.push_back(static_cast<char16_t>(0xD7C0 + (decoded.character >> 10)));
+      units.push_back(static_cast<char16_t>(0xDC00 | (decoded.character & 0x3FF)));
+    }
   }
   return units;
 }

@@ -14,6 +14,10 @@ bool isValidUTF8(std::string_view text);
 std::string replacingInvalidUTF8(std::string_view text);
 // Number of UTF-16 code units of well-formed UTF-8.
 std::size_t utf16Length(std::string_view text);
+// The UTF-16 code units; ill-formed byte sequences become U+FFFD.
+std::u16string utf16(std::string_view text);
+// Appends a character's UTF-8 form. It must be one: at most U+10FFFF and no surrogate.
+void appendUTF8(std::string& text, char32_t character);
 
 // Simple (one to one) Unicode lower-case mapping; ill-formed bytes stay.
 std::string lowerCased(std::string_view text);

@@ -12,16 +12,23 @@ namespace corvid {
 
 // What a property list may ask of its reader. A list past a limit is refused before it is built.
 struct PropertyListLimits {
+  // Of the list itself; also of the text and data it has when what it shares is written out.
   std::size_t bytes = std::size_t{4} << 20;
-  std::size_t depth = 32;
-  // Values in all, counted as the reader would build them: an object that a binary list refers to
-  // twice counts twice.
+  std::size_t depth = 32;  // levels of containers
+  // Values in all, keys not counted: a value that a binary list refers to twice counts twice.
   std::size_t values = 100'000;
 };
 
 // Reads either form. The failure says what is wrong and, where it is known, where.
+//
+// What Value has no type for (null, sets, UIDs) is left out of its container. Of equal keys the
+// last wins. Integers are 64 signed bits: larger unsigned ones wrap. A string that is no Unicode
+// text, a key that is no string, and declarations inside an XML document make the list fail.
 Result<Value> parsePropertyList(std::string_view bytes, const PropertyListLimits& limits = {});
 
+// Both leave null values out, and replace what is not UTF-8 by U+FFFD. XML cannot carry control
+// characters (they become U+FFFD), fractions of a second (cut) or years past 9999 (left out); the
+// binary form carries every value as it is.
 std::string writeXMLPropertyList(const Value& value);
 std::string writeBinaryPropertyList(const Value& value);
 

@@ -1,6 +1,6 @@
-#include "platform/base/Text.h"
-
 #include <gtest/gtest.h>
+
+#include "platform/base/Text.h"
 
 namespace corvid {
 namespace {
@@ -23,8 +23,24 @@ TEST(Text, ReplacesIllFormedSequences) {
 
 TEST(Text, CountsUTF16Units) {
   EXPECT_EQ(utf16Length("abc"), 3u);
-  EXPECT_EQ(utf16Length("\xC3\xA9" "1"), 2u);
+  EXPECT_EQ(utf16Length("\xC3\xA9"
+                        "1"),
+            2u);
   EXPECT_EQ(utf16Length("\xF0\x9F\x98\x80"), 2u);
+}
+
+TEST(Text, BecomesUTF16WithSurrogatePairsAndReplacements) {
+  EXPECT_EQ(utf16("a\u00e9\uffff\U00010000\U0010ffff"), u"a\u00e9\uffff\U00010000\U0010ffff");
+  EXPECT_EQ(utf16("x\xff"
+                  "y"),
+            u"x\ufffdy");
+}
+
+TEST(Text, AppendsCharactersOfEveryLength) {
+  std::string text;
+  for (const char32_t character : {U'a', U'\u00e9', U'\u65e5', U'\U0001F600'})
+    appendUTF8(text, character);
+  EXPECT_EQ(text, "a\u00e9\u65e5\U0001F600");
 }
 
 TEST(Text, LowerCasesBeyondASCIIWhateverTheLocale) {

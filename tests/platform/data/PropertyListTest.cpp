@@ -1,0 +1,141 @@
+// Both forms together: what one side writes the other reads, also where the other side is an
+// independent implementation.
+#include <gtest/gtest.h>
+#include <plist/plist.h>
+
+#include <limits>
+#include <memory>
+
+#include "platform/data/PropertyList.h"
+
+namespace corvid {
+namespace {
+
+using namespace std::string_literals;
+
+Dictionary everyType() {
+  return {{"true", true},
+          {"false", false},
+          {"zero", 0},
+          {"small", 200},
+          {"medium", 60'000},
+          {"large", 4'000'000'000},
+          {"negative", -1},
+          {"least", std::numeric_limits<std::int64_t>::min()},
+          {"most", std::numeric_limits<std::int64_t>::max()},
+          {"real", 1700000000.123456},
+          {"tiny", 5e-324},
+          {"whole", -3.0},
+          {"date", Date{1'700'000'000}},
+          {"early", Date{-2208988800}},
+          {"empty", ""},
+          {"text", " <&> \"quoted\" \n\t"},
+          {"unicode", "gr\u00fc\u00df \u65e5\u672c \U0001F600"},
+          {"data", Data{"\x00\x01\xff"s}},
+          {"no data", Data{}},
+          {"array", Array{1, "two", Array{}, Dictionary{{"three", 3.5}}}},
+          {"dictionary", Dictionary{{"text", "text"}, {"\u00e9", Dictionary{}}}}};
+}
+
+Value read(const std::string& bytes) {
+  Result<Value> result = parsePropertyList(bytes);
+  EXPECT_TRUE(result) << result.failure().message;
+  return result ? std::move(result).value() : Value();
+}
+
+TEST(PropertyList, EveryTypeComesBackFromBothForms) {
+  EXPECT_EQ(read(writeXMLPropertyList(everyType())), Value(everyType()));
+  EXPECT_EQ(read(writeBinaryPropertyList(everyType())), Value(everyType()));
+}
+
+TEST(PropertyList, EveryTypeMayBeTheRoot) {
+  for (const auto& [key, value] : everyType()) {
+    EXPECT_EQ(read(writeXMLPropertyList(value)), value) << key;
+    EXPECT_EQ(read(writeBinaryPropertyList(value)), value) << key;
+  }
+}
+
+TEST(PropertyList, EntriesKeepTheirOrder) {
+  for (const std::string& list :
+       {writeXMLPropertyList(everyType()), writeBinaryPropertyList(everyType())}) {
+    const Value value = read(list);
+    const Dictionary expected = everyType();
+    EXPECT_TRUE(std::equal(expected.begin(), expected.end(), value.dictionary()->begin(),
+                           value.dictionary()->end(),
+                           [](const auto& a, const auto& b) { return a.key == b.key; }));
+  }
+}
+
+TEST(PropertyList, TheBinaryFormKeepsWhatXMLCannot) {
+  const Dictionary values{{"fraction", Date{1'700'000'000.25}},
+                          {"far", Date{1e15}},
+                          {"infinite", std::numeric_limits<double>::infinity()},
+                          {"control", "a\0b\x01"s}};
+  EXPECT_EQ(read(writeBinaryPropertyList(values)), Value(values));
+}
+
+TEST(PropertyList, NullIsLeftOut) {
+  const Value value = Array{Value(), 1, Dictionary{{"a", Value()}, {"b", 2}}};
+  const Value expected = Array{1, Dictionary{{"b", 2}}};
+  EXPECT_EQ(read(writeXMLPropertyList(value)), expected);
+  EXPECT_EQ(read(writeBinaryPropertyList(value)), expected);
+  EXPECT_FALSE(parsePropertyList(writeXMLPropertyList(Value())));
+  EXPECT_FALSE(parsePropertyList(writeBinaryPropertyList(Value())));
+}
+
+TEST(PropertyList, BytesThatAreNotUTF8AreReplaced) {
+  const Value value = Dictionary{{"k\xff", "a\xc0z"}};
+  const Value expected = Dictionary{{"k\ufffd", "a\ufffdz"}};
+  EXPECT_EQ(read(writeXMLPropertyList(value)), expected);
+  EXPECT_EQ(read(writeBinaryPropertyList(value)), expected);
+}
+
+TEST(PropertyList, EqualStringsAreWrittenOnceInTheBinaryForm) {
+  Array records;
+  for (int i = 0; i < 100; ++i)
+    records.push_back(Dictionary{{"a rather long key", "a rather long key"}});
+  const std::string list = writeBinaryPropertyList(records);
+  EXPECT_EQ(list.find("a rather long key"), list.rfind("a rather long key"));
+  EXPECT_EQ(read(list), Value(records));
+}
+
+TEST(PropertyList, LargeBinaryListsUseWiderReferencesAndOffsets) {
+  Array numbers;
+  for (int i = 0; i < 70'000; ++i) numbers.push_back(i);
+  const std::string list = writeBinaryPropertyList(numbers);
+  EXPECT_EQ(list[list.size() - 26], 4);
+  EXPECT_EQ(list[list.size() - 25], 4);
+  EXPECT_EQ(read(list), Value(numbers));
+}
+
+// libplist as the independent implementation.
+using Node = std::unique_ptr<void, decltype(&plist_free)>;
+
+Node readByLibrary(const std::string& bytes) {
+  plist_t node = nullptr;
+  plist_from_memory(bytes.data(), static_cast<std::uint32_t>(bytes.size()), &node);
+  return {node, &plist_free};
+}
+
+std::string writtenByLibrary(const Node& node, bool binary) {
+  char* bytes = nullptr;
+  std::uint32_t length = 0;
+  (binary ? plist_to_bin : plist_to_xml)(node.get(), &bytes, &length);
+  std::string result(bytes, length);
+  binary ? plist_to_bin_free(bytes) : plist_to_xml_free(bytes);
+  return result;
+}
+
+TEST(PropertyList, AnotherImplementationReadsBothFormsAndWritesThemBack) {
+  for (const std::string& list :
+       {writeXMLPropertyList(everyType()), writeBinaryPropertyList(everyType())}) {
+    const Node node = readByLibrary(list);
+    ASSERT_NE(node, nullptr);
+    EXPECT_EQ(plist_dict_get_size(node.get()), everyType().size());
+    EXPECT_EQ(read(writtenByLibrary(node, true)), Value(everyType()));
+    EXPECT_EQ(read(writtenByLibrary(node, false)), Value(everyType()));
+  }
+}
+
+}  // namespace
+}  // namespace corvid
