@@ -1,0 +1,374 @@
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+#include "config/Environment.h"
+#include "tests/config/StorebagSigner.h"
+#include "tests/fakes/TestPlatform.h"
+
+namespace corvid {
+namespace {
+
+TEST(ClientTypes, NameTheirStorebags) {
+  const std::vector<std::pair<std::int32_t, std::string>> table{
+      {5, "lumen"},   {6, "tessel"},  {7, "parlor"},  {8, "orrery"},  {9, "cadence"},
+      {10, "quill"},  {11, "parlor"}, {12, "ledger"}, {13, "parlor"}, {14, "tessel"},
+      {15, "tessel"}, {16, "folio"},  {17, "reel"},
+  };
+  for (const auto& [type, name] : table) EXPECT_EQ(storebagNameForClientType(type), name) << type;
+}
+
+TEST(ClientTypes, WithoutAStorebagHaveNoName) {
+  for (const std::int32_t type : {0, 1, 2, 3, 4, 18, 19, 2147483647, -1, -2147483647 - 1})
+    EXPECT_FALSE(storebagNameForClientType(type)) << type;
+}
+
+TEST(ClientTypes, HaveTheirTags) {
+  const std::vector<std::string_view> tags{
+      "ZB", "ZC", "ZDN", "ZF",   "ZG",    "ZH",     "ZJ",       "ZK",      "ZL",
+      "ZM", "ZN", "ZP",  "ZQRA", "ZRSTU", "ZJ-VWX", "ZJ-YQBDE", "ZTUVWXY", "ZWXYZB"};
+  ASSERT_EQ(tags.size(), 18u);
+  for (std::size_t type = 0; type < tags.size(); ++type)
+    EXPECT_EQ(clientTagForClientType(static_cast<std::int32_t>(type)), tags[type]) << type;
+}
+
+TEST(ClientTypes, OutsideTheTableHaveNoTag) {
+  for (const std::int32_t type : {18, 2147483647, -1, -2147483647 - 1})
+    EXPECT_EQ(clientTagForClientType(type), "") << type;
+}
+
+TEST(EnvironmentNames, AreTheSectionsOfAStorebag) {
+  EXPECT_EQ(environmentNameForType(CorvidEnvironmentType::none), std::nullopt);
+  EXPECT_EQ(environmentNameForType(CorvidEnvironmentType::development), "development");
+  EXPECT_EQ(environmentNameForType(CorvidEnvironmentType::internal), "halcyon_internal");
+  EXPECT_EQ(environmentNameForType(CorvidEnvironmentType::seed), "seed");
+  EXPECT_EQ(environmentNameForType(CorvidEnvironmentType::release), "release");
+  EXPECT_EQ(environmentNameForType(static_cast<CorvidEnvironmentType>(5)), std::nullopt);
+}
+
+struct CurrentEnvironment : testing::Test {
+  CorvidEnvironmentType with(Value preference) {
+    platform.preferences->setValue(corvidSuite, "environmentType", std::move(preference));
+    platform.log.clear();
+    platform.restart();
+    return currentEnvironment();
+  }
+  TestPlatform platform;
+};
+
+TEST_F(CurrentEnvironment, IsReleaseOnAnOrdinaryBuild) {
+  EXPECT_EQ(currentEnvironment(), CorvidEnvironmentType::release);
+  EXPECT_EQ(platform.log.lines().size(), 1u);
+  EXPECT_TRUE(platform.log.has(LogLevel::info, "userDefaultsEnvironment: Environment type 4"));
+}
+
+TEST_F(CurrentEnvironment, IsInternalOnAnInternalBuild) {
+  platform.device->set("ReleaseType", "Internal");
+  EXPECT_EQ(currentEnvironment(), CorvidEnvironmentType::internal);
+  EXPECT_TRUE(platform.log.has(LogLevel::info, "userDefaultsEnvironment: Environment type 2"));
+}
+
+TEST_F(CurrentEnvironment, IsThePreferredOneOnEveryBuild) {
+  platform.device->set("ReleaseType", "Internal");
+  for (std::uint32_t type = 0; type <= 4; ++type) {
+    EXPECT_EQ(with(type), static_cast<CorvidEnvironmentType>(type));
+    EXPECT_EQ(platform.log.texts(LogLevel::info),
+              (std::vector<std::string>{
+                  fmt::format("userDefaultsEnvironment: Environment type {}", type)}));
+    EXPECT_TRUE(platform.log.texts(LogLevel::error).empty());
+  }
+}
+
+TEST_F(CurrentEnvironment, AnInvalidPreferenceIsToldAndMeansInternal) {
+  const std::vector<std::pair<std::int64_t, std::string>> table{
+      {5, "5"}, {7, "7"}, {-1, "4294967295"}, {2147483647, "2147483647"}};
+  for (const auto& [preference, told] : table) {
+    EXPECT_EQ(with(preference), CorvidEnvironmentType::internal) << preference;
+    EXPECT_EQ(platform.log.lines().size(), 2u);
+    EXPECT_TRUE(platform.log.has(LogLevel::error,
+                                 "userDefaultsEnvironment: Invalid environment type " + told));
+    EXPECT_TRUE(platform.log.has(LogLevel::info, "userDefaultsEnvironment: Environment type 2"));
+  }
+}
+
+TEST_F(CurrentEnvironment, ReadsThePreferenceAsAnInteger) {
+  EXPECT_EQ(with("3"), CorvidEnvironmentType::seed);
+  EXPECT_EQ(with("seed"), CorvidEnvironmentType::none);
+  EXPECT_EQ(with(true), CorvidEnvironmentType::development);
+  EXPECT_EQ(with(3.9), CorvidEnvironmentType::seed);
+}
+
+TEST_F(CurrentEnvironment, APreferenceOfAnotherTypeCountsAsAbsent) {
+  EXPECT_EQ(with(Array{3}), CorvidEnvironmentType::release);
+  EXPECT_EQ(with(Dictionary{}), CorvidEnvironmentType::release);
+  EXPECT_EQ(with(Data{"3"}), CorvidEnvironmentType::release);
+}
+
+TEST_F(CurrentEnvironment, IsFoundOncePerProcess) {
+  EXPECT_EQ(currentEnvironment(), CorvidEnvironmentType::release);
+  platform.preferences->setValue(corvidSuite, "environmentType", 3);
+  EXPECT_EQ(currentEnvironment(), CorvidEnvironmentType::release);
+  EXPECT_EQ(platform.log.lines().size(), 1u);
+  platform.restart();
+  EXPECT_EQ(currentEnvironment(), CorvidEnvironmentType::seed);
+}
+
+struct EnvironmentFetch : testing::Test {
+  EnvironmentFetch() {
+    platform.files->files[Paths("/nonexistent/root").publicKeyFile] = {
+        trustedSigner().publicKeyDER(), {}};
+    serve(storebag);
+  }
+  void serve(const Dictionary& content) {
+    const std::string body = trustedSigner().envelope(content);
+    platform.http->answerWith([body](const HTTPRequest&) {
+      return FakeHTTPClient::response(200, body, {{"Cache-Control", "max-age=500"}});
+    });
+  }
+  void serveWithRefreshCycle(Value cycle) {
+    Dictionary content = storebag;
+    content.set("refresh_cycle", std::move(cycle));
+    serve(content);
+  }
+  void setEnvironment(std::uint32_t type) {
+    platform.preferences->setValue(corvidSuite, "environmentType", type);
+  }
+  std::optional<Dictionary> fetch(std::int32_t clientType = 5) {
+    return fetchStorebagForEnvironmentAndClientType(clientType, maxAge, version, notModified,
+                                                    &lastModified);
+  }
+  bool errorIs(const std::string& text) {
+    return platform.log.texts(LogLevel::error) == std::vector{text};
+  }
+
+  static Dictionary section(std::string name) { return {{"httpPost", Dictionary{{"is", name}}}}; }
+  const Dictionary storebag{{"development", section("development")},
+                            {"halcyon_internal", section("internal")},
+                            {"seed", section("seed")},
+                            {"release", section("release")},
+                            {"version", "7.1"}};
+
+  TestPlatform platform;
+  std::int32_t maxAge = -7;
+  std::optional<std::string> version;
+  bool notModified = false;
+  std::optional<std::string> lastModified;
+};
+
+TEST_F(EnvironmentFetch, ReturnsTheSectionOfTheEnvironmentAndTheVersion) {
+  const std::vector<std::string> names{"development", "internal", "seed", "release"};
+  for (std::uint32_t type = 1; type <= 4; ++type) {
+    setEnvironment(type);
+    platform.restart();
+    version.reset();
+    EXPECT_EQ(fetch(), section(names[type - 1]));
+    EXPECT_EQ(version, "7.1");
+    EXPECT_EQ(maxAge, 500);
+  }
+}
+
+TEST_F(EnvironmentFetch, WithoutAPreferenceTheBuildDecides) {
+  EXPECT_EQ(fetch(), section("release"));
+  platform.device->set("ReleaseType", "Internal");
+  platform.restart();
+  EXPECT_EQ(fetch(), section("internal"));
+}
+
+TEST_F(EnvironmentFetch, ClientTypesOfOneNameFetchOneStorebag) {
+  for (const std::int32_t type : {6, 14, 15}) {
+    EXPECT_TRUE(fetch(type));
+    EXPECT_EQ(platform.http->requests().back().url,
+              "https://storebags.corvid.invalid/bags/birch/tessel?version=8.0");
+  }
+}
+
+TEST_F(EnvironmentFetch, ClientTypeZeroIsRefusedWithoutAFetch) {
+  EXPECT_FALSE(fetch(0));
+  EXPECT_TRUE(platform.http->requests().empty());
+  EXPECT_TRUE(
+      errorIs("fetchStorebagForEnvironmentAndClientType: Could not find storebag name for client "
+              "type 0"));
+}
+
+TEST_F(EnvironmentFetch, OtherClientTypesWithoutANameAreFetchedAllTheSame) {
+  for (const std::int32_t type : {1, 2, 3, 4, 18, 1000, -1, -2147483647 - 1}) {
+    EXPECT_EQ(fetch(type), section("release")) << type;
+    EXPECT_EQ(platform.http->requests().back().url,
+              "https://storebags.corvid.invalid/bags/birch/(null)?version=8.0");
+  }
+}
+
+TEST_F(EnvironmentFetch, AFailedFetchIsTold) {
+  platform.http->answerWith(
+      [](const HTTPRequest&) { return FakeHTTPClient::error(7, "no route to host"); });
+  EXPECT_FALSE(fetch(5));
+  EXPECT_TRUE(errorIs(
+      "fetchStorebagForEnvironmentAndClientType: Could not fetch storebag for client type 5"));
+  EXPECT_FALSE(version);
+  EXPECT_EQ(maxAge, -7);
+}
+
+TEST_F(EnvironmentFetch, AnUnchangedStorebagIsSilent) {
+  lastModified = "before";
+  platform.http->answerWith([](const HTTPRequest&) {
+    return FakeHTTPClient::response(304, "", {{"Last-Modified", "before"}});
+  });
+  EXPECT_FALSE(fetch());
+  EXPECT_TRUE(notModified);
+  EXPECT_TRUE(platform.log.texts(LogLevel::error).empty());
+  EXPECT_FALSE(version);
+}
+
+TEST_F(EnvironmentFetch, LastModifiedTravelsThrough) {
+  lastModified = "before";
+  const std::string body = trustedSigner().envelope(storebag);
+  platform.http->answerWith([&](const HTTPRequest& request) {
+    EXPECT_EQ(request.headers, (HTTPHeaders{{"If-Modified-Since", "before"}}));
+    return FakeHTTPClient::response(200, body, {{"Last-Modified", "after"}});
+  });
+  EXPECT_TRUE(fetch());
+  EXPECT_EQ(lastModified, "after");
+}
+
+TEST_F(EnvironmentFetch, ASeedDeviceFallsBackToRelease) {
+  setEnvironment(3);
+  Dictionary content = storebag;
+  content.erase("seed");
+  serve(content);
+  EXPECT_EQ(fetch(), section("release"));
+  EXPECT_EQ(platform.log.texts(LogLevel::warning),
+            (std::vector<std::string>{"fetchStorebagForEnvironmentAndClientType: Seed section is "
+                                      "missing in the storebag."}));
+}
+
+TEST_F(EnvironmentFetch, ASeedDeviceUsesTheFallbackStorebagsRelease) {
+  setEnvironment(3);
+  platform.http->answerWith(
+      [](const HTTPRequest&) { return FakeHTTPClient::error(7, "no route to host"); });
+  EXPECT_EQ(fetch(7), (Dictionary{{"metrix", Dictionary{{"active", true}}}}));
+  EXPECT_EQ(platform.log.texts(LogLevel::warning).size(), 1u);
+  EXPECT_EQ(version, "1.0.0-Parlor-Fallback");
+  EXPECT_EQ(maxAge, 3600);
+}
+
+TEST_F(EnvironmentFetch, AStorebagWithoutTheSectionIsTold) {
+  Dictionary content = storebag;
+  content.erase("release");
+  serve(content);
+  EXPECT_FALSE(fetch(5));
+  EXPECT_TRUE(errorIs(
+      "fetchStorebagForEnvironmentAndClientType: Could not find storebag for client type 5 with "
+      "release environment"));
+  EXPECT_FALSE(version);
+}
+
+TEST_F(EnvironmentFetch, OnlySeedFallsBackToRelease) {
+  setEnvironment(1);
+  Dictionary content = storebag;
+  content.erase("development");
+  serve(content);
+  EXPECT_FALSE(fetch(9));
+  EXPECT_TRUE(errorIs(
+      "fetchStorebagForEnvironmentAndClientType: Could not find storebag for client type 9 with "
+      "development environment"));
+  EXPECT_TRUE(platform.log.texts(LogLevel::warning).empty());
+}
+
+TEST_F(EnvironmentFetch, WithoutSeedAndReleaseTheLastSectionTriedIsNamed) {
+  setEnvironment(3);
+  serve({{"version", "7.1"}});
+  EXPECT_FALSE(fetch(5));
+  EXPECT_TRUE(errorIs(
+      "fetchStorebagForEnvironmentAndClientType: Could not find storebag for client type 5 with "
+      "release environment"));
+}
+
+TEST_F(EnvironmentFetch, EnvironmentNoneHasNoSection) {
+  setEnvironment(0);
+  EXPECT_FALSE(fetch(5));
+  EXPECT_TRUE(errorIs(
+      "fetchStorebagForEnvironmentAndClientType: Could not find storebag for client type 5 with "
+      "(null) environment"));
+}
+
+TEST_F(EnvironmentFetch, ASectionOfAnotherTypeCountsAsMissing) {
+  for (const Value& wrong : {Value("release"), Value(Array{section("release")}), Value(1)}) {
+    platform.log.clear();
+    Dictionary content = storebag;
+    content.set("release", wrong);
+    serve(content);
+    EXPECT_FALSE(fetch());
+    EXPECT_TRUE(platform.log.anyContains("with release environment"));
+  }
+}
+
+TEST_F(EnvironmentFetch, AStorebagWithoutVersionEndsTheCall) {
+  Dictionary content = storebag;
+  content.erase("version");
+  content.set("refresh_cycle", 30);
+  serve(content);
+  EXPECT_THROW(fetch(), std::invalid_argument);
+  EXPECT_FALSE(version);
+  EXPECT_EQ(maxAge, 500) << "the refresh cycle comes after the version";
+  for (const Value& wrong : {Value(7.1), Value(7), Value(Array{"7.1"}), Value(Data{"7.1"})}) {
+    content.set("version", wrong);
+    serve(content);
+    EXPECT_THROW(fetch(), std::invalid_argument);
+  }
+}
+
+TEST_F(EnvironmentFetch, AStorebagWithoutSectionNorVersionIsOnlyTold) {
+  serve({});
+  EXPECT_FALSE(fetch());
+}
+
+TEST_F(EnvironmentFetch, TheRefreshCycleOverridesMaxAge) {
+  serveWithRefreshCycle(30);
+  EXPECT_TRUE(fetch());
+  EXPECT_EQ(maxAge, 30);
+  EXPECT_TRUE(platform.log.has(
+      LogLevel::info, "fetchStorebagForEnvironmentAndClientType: Store bag override MaxAge=30"));
+}
+
+TEST_F(EnvironmentFetch, TheRefreshCycleIsCappedAtADay) {
+  for (const std::int64_t cycle : {86400L, 86401L, 100000L, 5'000'000'000L}) {
+    serveWithRefreshCycle(cycle);
+    EXPECT_TRUE(fetch());
+    EXPECT_EQ(maxAge, 86400) << cycle;
+  }
+  EXPECT_TRUE(platform.log.has(
+      LogLevel::info, "fetchStorebagForEnvironmentAndClientType: Store bag override MaxAge=86400"));
+  serveWithRefreshCycle(86399);
+  EXPECT_TRUE(fetch());
+  EXPECT_EQ(maxAge, 86399);
+}
+
+TEST_F(EnvironmentFetch, TheRefreshCycleHasNoLowerBound) {
+  serveWithRefreshCycle(0);
+  EXPECT_TRUE(fetch());
+  EXPECT_EQ(maxAge, 0);
+  serveWithRefreshCycle(-5);
+  EXPECT_TRUE(fetch());
+  EXPECT_EQ(maxAge, -5);
+}
+
+TEST_F(EnvironmentFetch, TheRefreshCycleIsReadAsAnInteger) {
+  serveWithRefreshCycle("90 seconds");
+  EXPECT_TRUE(fetch());
+  EXPECT_EQ(maxAge, 90);
+  serveWithRefreshCycle(12.9);
+  EXPECT_TRUE(fetch());
+  EXPECT_EQ(maxAge, 12);
+}
+
+TEST_F(EnvironmentFetch, ARefreshCycleOfAnotherTypeCountsAsAbsent) {
+  for (const Value& wrong : {Value(Array{30}), Value(Dictionary{}), Value(Data{"30"})}) {
+    serveWithRefreshCycle(wrong);
+    EXPECT_TRUE(fetch());
+    EXPECT_EQ(maxAge, 500);
+  }
+  EXPECT_FALSE(platform.log.anyContains("override MaxAge"));
+}
+
+}  // namespace
+}  // namespace corvid

@@ -1,0 +1,309 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+
+#include "config/StorebagFetch.h"
+#include "platform/data/PropertyList.h"
+#include "tests/config/StorebagSigner.h"
+#include "tests/fakes/TestPlatform.h"
+
+namespace corvid {
+namespace {
+
+constexpr std::string_view base = "https://storebags.corvid.invalid/bags/birch";
+const Dictionary storebag{{"release", Dictionary{}}, {"version", "7.1"}};
+const std::string signatureMissing = "fetchStorebagWithName: Signature is missing";
+
+struct StorebagFetch : testing::Test {
+  StorebagFetch() {
+    platform.files->files[paths.publicKeyFile] = {trustedSigner().publicKeyDER(), {}};
+    answer(200, trustedSigner().envelope(storebag));
+  }
+  void answer(int status, std::string body, HTTPHeaders headers = {}) {
+    platform.http->answerWith(
+        [=](const HTTPRequest&) { return FakeHTTPClient::response(status, body, headers); });
+  }
+  void answerWithError() {
+    platform.http->answerWith(
+        [](const HTTPRequest&) { return FakeHTTPClient::error(7, "no route to host"); });
+  }
+  std::optional<Dictionary> fetch(const std::optional<std::string>& name = "lumen") {
+    return fetchStorebagWithName(name, maxAge, notModified, &lastModified);
+  }
+  std::string requestedURL() { return platform.http->requests().back().url; }
+
+  TestPlatform platform;
+  const Paths paths{"/nonexistent/root"};
+  std::int32_t maxAge = -7;
+  bool notModified = false;
+  std::optional<std::string> lastModified;
+};
+
+TEST_F(StorebagFetch, TheProductionServerIsAskedByDefault) { EXPECT_EQ(storebagServerURL(), base); }
+
+TEST_F(StorebagFetch, AnInternalBuildAsksTheInternalServer) {
+  platform.device->set("ReleaseType", "Internal");
+  EXPECT_EQ(storebagServerURL(), "https://internal-storebags.corvid.invalid/storebags/birch");
+}
+
+TEST_F(StorebagFetch, TheDeploymentSetsBothHosts) {
+  Deployment deployment;
+  deployment.productionStorebagHost = "bags.example:8443";
+  deployment.internalStorebagHost = "internal.example:9443";
+  platform.restart(paths, deployment);
+  EXPECT_EQ(storebagServerURL(), "https://bags.example:8443/bags/birch");
+  platform.device->set("ReleaseType", "Internal");
+  platform.restart();
+  EXPECT_EQ(storebagServerURL(), "https://internal.example:9443/storebags/birch");
+}
+
+TEST_F(StorebagFetch, ThePreferredURLWinsOnEveryBuild) {
+  platform.device->set("ReleaseType", "Internal");
+  platform.preferences->setValue(corvidSuite, "corvid_storebag_url", "http://127.0.0.1:1/x");
+  EXPECT_EQ(storebagServerURL(), "http://127.0.0.1:1/x");
+  EXPECT_TRUE(fetch());
+  EXPECT_EQ(requestedURL(), "http://127.0.0.1:1/x/lumen?version=8.0");
+}
+
+TEST_F(StorebagFetch, AnEmptyPreferredURLIsPresent) {
+  platform.preferences->setValue(corvidSuite, "corvid_storebag_url", "");
+  EXPECT_EQ(storebagServerURL(), "");
+}
+
+TEST_F(StorebagFetch, APreferredURLOfAnotherTypeCountsAsAbsent) {
+  platform.preferences->setValue(corvidSuite, "corvid_storebag_url", 7);
+  EXPECT_EQ(storebagServerURL(), base);
+}
+
+TEST_F(StorebagFetch, TheServerIsChosenOncePerProcess) {
+  EXPECT_EQ(storebagServerURL(), base);
+  platform.preferences->setValue(corvidSuite, "corvid_storebag_url", "http://127.0.0.1:1");
+  EXPECT_EQ(storebagServerURL(), base);
+  platform.restart();
+  EXPECT_EQ(storebagServerURL(), "http://127.0.0.1:1");
+}
+
+TEST_F(StorebagFetch, AsksByNameAndVersionAndReturnsTheVerifiedStorebag) {
+  platform.files->files[paths.infoFile] = {
+      writeXMLPropertyList(Dictionary{{"BundleVersion", "12.4.1"}}), {}};
+  EXPECT_EQ(fetch(), storebag);
+  const auto requests = platform.http->requests();
+  ASSERT_EQ(requests.size(), 1u);
+  EXPECT_EQ(requests[0].method, "GET");
+  EXPECT_EQ(requests[0].url, std::string(base) + "/lumen?version=12.4.1");
+  EXPECT_TRUE(requests[0].headers.empty());
+  EXPECT_EQ(requests[0].body, "");
+  EXPECT_EQ(requests[0].timeout, std::chrono::milliseconds(15'000));
+  EXPECT_TRUE(requests[0].wantsBody);
+  EXPECT_EQ(platform.log.texts(LogLevel::debug),
+            (std::vector<std::string>{"fetchStorebagWithName: Storebag Server URL: " +
+                                      std::string(base) + "/lumen?version=12.4.1"}));
+  EXPECT_EQ(platform.log.lines().size(), 1u);
+}
+
+TEST_F(StorebagFetch, AnAbsentNameStandsAsNullInTheURL) {
+  EXPECT_EQ(fetch(std::nullopt), storebag);
+  EXPECT_EQ(requestedURL(), std::string(base) + "/(null)?version=8.0");
+}
+
+TEST_F(StorebagFetch, AKnownLastModifiedMakesTheRequestConditional) {
+  lastModified = "Tue, 14 Nov 2023 22:13:20 GMT";
+  EXPECT_TRUE(fetch());
+  EXPECT_EQ(platform.http->requests().back().headers,
+            (HTTPHeaders{{"If-Modified-Since", "Tue, 14 Nov 2023 22:13:20 GMT"}}));
+  EXPECT_EQ(platform.log.texts(LogLevel::debug).at(1),
+            "fetchStorebagWithName: Adding 'Last-Modified: Tue, 14 Nov 2023 22:13:20 GMT' to the "
+            "header");
+}
+
+TEST_F(StorebagFetch, AnEmptyLastModifiedIsAValueToo) {
+  lastModified = "";
+  EXPECT_TRUE(fetch());
+  EXPECT_EQ(platform.http->requests().back().headers, (HTTPHeaders{{"If-Modified-Since", ""}}));
+}
+
+TEST_F(StorebagFetch, WithoutASlotTheRequestIsUnconditionalAndNothingIsKept) {
+  answer(200, trustedSigner().envelope(storebag), {{"Last-Modified", "now"}});
+  EXPECT_EQ(fetchStorebagWithName("lumen", maxAge, notModified, nullptr), storebag);
+  EXPECT_TRUE(platform.http->requests().back().headers.empty());
+  EXPECT_FALSE(notModified);
+  EXPECT_FALSE(platform.log.anyContains("Last-Modified"));
+
+  answer(304, "", {{"Last-Modified", "now"}});
+  EXPECT_FALSE(fetchStorebagWithName("lumen", maxAge, notModified, nullptr));
+  EXPECT_FALSE(notModified);
+}
+
+TEST_F(StorebagFetch, ATransportErrorYieldsNothingAndTouchesNothing) {
+  answerWithError();
+  lastModified = "before";
+  EXPECT_FALSE(fetch());
+  EXPECT_EQ(maxAge, -7);
+  EXPECT_FALSE(notModified);
+  EXPECT_EQ(lastModified, "before");
+  EXPECT_EQ(platform.log.texts(LogLevel::info),
+            (std::vector<std::string>{
+                "fetchStorebagWithName: Error resolving with lookup server " + std::string(base) +
+                "/lumen?version=8.0, sendSynchronousRequest error no route to host"}));
+  EXPECT_TRUE(platform.log.texts(LogLevel::error).empty());
+}
+
+TEST_F(StorebagFetch, ATransportErrorGivesParlorItsFallback) {
+  answerWithError();
+  const Value metrix = Dictionary{{"metrix", Dictionary{{"active", true}}}};
+  const Dictionary fallback{{"halcyon_internal", metrix},
+                            {"development", metrix},
+                            {"release", metrix},
+                            {"version", "1.0.0-Parlor-Fallback"},
+                            {"refresh_cycle", 3600}};
+  EXPECT_EQ(fetch("parlor"), fallback);
+  EXPECT_EQ(maxAge, -7);
+  EXPECT_FALSE(notModified);
+  EXPECT_EQ(platform.log.texts(LogLevel::info).back(),
+            "fetchStorebagWithName: Loading default storebag 'parlor'");
+}
+
+TEST_F(StorebagFetch, OnlyATransportErrorBringsTheFallback) {
+  answer(500, "");
+  EXPECT_FALSE(fetch("parlor"));
+  EXPECT_FALSE(platform.log.anyContains("Loading default storebag"));
+}
+
+TEST_F(StorebagFetch, AnAbsentNameHasNoFallback) {
+  answerWithError();
+  EXPECT_FALSE(fetch(std::nullopt));
+}
+
+TEST_F(StorebagFetch, MaxAgeComesFromCacheControl) {
+  const std::string body = trustedSigner().envelope(storebag);
+  answer(200, body, {{"Cache-Control", "max-age=600"}});
+  EXPECT_TRUE(fetch());
+  EXPECT_EQ(maxAge, 600);
+  answer(200, body, {{"cache-control", "public, max-age=60"}});
+  EXPECT_TRUE(fetch());
+  EXPECT_EQ(maxAge, 60);
+}
+
+TEST_F(StorebagFetch, WithoutCacheControlMaxAgeIsADay) {
+  EXPECT_TRUE(fetch());
+  EXPECT_EQ(maxAge, 86400);
+}
+
+TEST_F(StorebagFetch, MaxAgeIsWrittenForEveryExchangeThatCompleted) {
+  answer(404, "not found", {{"Cache-Control", "max-age=30"}});
+  EXPECT_FALSE(fetch());
+  EXPECT_EQ(maxAge, 30);
+
+  lastModified = "before";
+  answer(304, "", {{"Cache-Control", "max-age=40"}, {"Last-Modified", "before"}});
+  EXPECT_FALSE(fetch());
+  EXPECT_EQ(maxAge, 40);
+}
+
+TEST_F(StorebagFetch, AnEmptyBodyWithLastModifiedMeansUnchanged) {
+  for (const int status : {304, 200}) {
+    platform.log.clear();
+    notModified = false;
+    lastModified = "before";
+    answer(status, "", {{"Last-Modified", "after"}});
+    EXPECT_FALSE(fetch());
+    EXPECT_TRUE(notModified);
+    EXPECT_EQ(lastModified, "before");
+    EXPECT_EQ(platform.log.texts(LogLevel::debug).back(),
+              "fetchStorebagWithName: storebag content has not changed. using its cached version");
+    EXPECT_TRUE(platform.log.texts(LogLevel::error).empty());
+  }
+}
+
+TEST_F(StorebagFetch, OnAFirstFetchAnEmptyBodyStoresTheValueAndFails) {
+  answer(304, "", {{"Last-Modified", "after"}});
+  EXPECT_FALSE(fetch());
+  EXPECT_FALSE(notModified);
+  EXPECT_EQ(lastModified, "after");
+  EXPECT_TRUE(platform.log.has(LogLevel::debug,
+                               "fetchStorebagWithName: New 'Last-Modified: after' received"));
+  const auto errors = platform.log.texts(LogLevel::error);
+  ASSERT_EQ(errors.size(), 2u);
+  EXPECT_TRUE(errors[0].starts_with("fetchStorebagWithName: propertyListWithData error "));
+  EXPECT_EQ(errors[1], signatureMissing);
+}
+
+TEST_F(StorebagFetch, WithoutLastModifiedAnEmptyBodyIsNeverUnchanged) {
+  lastModified = "before";
+  answer(304, "");
+  EXPECT_FALSE(fetch());
+  EXPECT_FALSE(notModified);
+  EXPECT_EQ(lastModified, "before");
+  EXPECT_TRUE(platform.log.has(LogLevel::error, signatureMissing));
+}
+
+TEST_F(StorebagFetch, ANewLastModifiedReplacesTheOldOne) {
+  lastModified = "before";
+  answer(200, trustedSigner().envelope(storebag), {{"Last-Modified", "after"}});
+  EXPECT_EQ(fetch(), storebag);
+  EXPECT_EQ(lastModified, "after");
+  EXPECT_FALSE(notModified);
+}
+
+TEST_F(StorebagFetch, ALaterFailureKeepsTheNewLastModified) {
+  lastModified = "before";
+  answer(200, "garbage", {{"Last-Modified", "after"}});
+  EXPECT_FALSE(fetch());
+  EXPECT_EQ(lastModified, "after");
+}
+
+TEST_F(StorebagFetch, NotModifiedIsNeverCleared) {
+  notModified = true;
+  EXPECT_TRUE(fetch());
+  EXPECT_TRUE(notModified);
+}
+
+TEST_F(StorebagFetch, TheStatusCodeIsNotExamined) {
+  answer(503, trustedSigner().envelope(storebag));
+  EXPECT_EQ(fetch(), storebag);
+}
+
+TEST_F(StorebagFetch, AForgedStorebagIsRefused) {
+  answer(200, strangeSigner().envelope(storebag));
+  EXPECT_FALSE(fetch());
+  const auto errors = platform.log.texts(LogLevel::error);
+  ASSERT_EQ(errors.size(), 1u);
+  EXPECT_TRUE(errors[0].starts_with("fetchStorebagWithName: Signature can not be verified, 0x"));
+}
+
+TEST_F(StorebagFetch, TheKeyFileIsReadAtEachFetch) {
+  EXPECT_TRUE(fetch());
+  platform.files->files[paths.publicKeyFile].content = strangeSigner().publicKeyDER();
+  EXPECT_FALSE(fetch());
+  platform.files->files[paths.publicKeyFile].content = trustedSigner().barePublicKeyDER();
+  EXPECT_TRUE(fetch());
+}
+
+TEST_F(StorebagFetch, AMissingOrUnusableKeyFileIsNotLogged) {
+  platform.files->files[paths.publicKeyFile].content = "garbage";
+  EXPECT_FALSE(fetch());
+  platform.files->files[paths.publicKeyFile].content = std::string(1 << 20, '0');
+  EXPECT_FALSE(fetch());
+  platform.files->files.erase(paths.publicKeyFile);
+  EXPECT_FALSE(fetch());
+  EXPECT_EQ(platform.log.lines().size(), 3u) << "one line with the URL for each fetch";
+  EXPECT_EQ(platform.log.texts(LogLevel::debug).size(), 3u);
+}
+
+TEST_F(StorebagFetch, BlocksItsCallerUntilTheExchangeEnds) {
+  platform.http->hold();
+  std::optional<Dictionary> fetched;
+  std::thread caller([&] { fetched = fetch(); });
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (platform.http->exchangesUnderWay() == 0 && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::yield();
+  ASSERT_EQ(platform.http->exchangesUnderWay(), 1u);
+  platform.http->completeNext(
+      FakeHTTPClient::response(200, trustedSigner().envelope(storebag), {}));
+  caller.join();
+  EXPECT_EQ(fetched, storebag);
+}
+
+}  // namespace
+}  // namespace corvid
