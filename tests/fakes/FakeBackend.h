@@ -45,8 +45,8 @@ class FakeBackend final : public CorvidBackend {
                                          std::uint16_t method, std::uint16_t respCode, EventID,
                                          MessageFlag flag) override {
     note(fmt::format("sendMessage {} {}", method, respCode));
-    sent.push_back({payload ? std::optional(*payload) : std::nullopt, timestamp, method, respCode,
-                    flag});
+    sent.push_back(
+        {payload ? std::optional(*payload) : std::nullopt, timestamp, method, respCode, flag});
     return sendAnswer;
   }
   std::optional<std::string> flushMessagesWithCompletion(FlushCompletion completion) override {
