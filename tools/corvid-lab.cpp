@@ -5,18 +5,21 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <fstream>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "platform/data/JSON.h"
 #include "tools/lab/Lab.h"
+#include "tools/lab/ReceivedSummary.h"
 
 namespace {
 
 constexpr const char* usage =
     "usage: corvid-lab --root DIR [--storebag-port N] [--report-port N] [--control-port N]\n"
     "                  [--max-age SECONDS]\n"
+    "       corvid-lab --root DIR --show\n"
     "\n"
     "Plays every server that corvidd talks to: a storebag server that signs DIR/lab/storebags/*.plist\n"
     "and an event collector, both under a certificate authority of its own. Writes below DIR what\n"
@@ -24,7 +27,8 @@ constexpr const char* usage =
     "appends what it receives to DIR/lab/received.jsonl. Ends on SIGINT or SIGTERM.\n"
     "Ports are free ones unless given. POST a JSON object to the \"control\" address to plan a fault:\n"
     "{\"server\":\"events\",\"status\":503,\"times\":2} (also delay, redirect, cutBodyAfter,\n"
-    "cutHeadAfter, endless, silent, corrupt, truncate; servers: storebags, events, realtime).\n";
+    "cutHeadAfter, endless, silent, corrupt, truncate; servers: storebags, events, realtime).\n"
+    "--show prints what has been received so far, for people, and ends.\n";
 
 [[noreturn]] void refuse(const std::string& why) {
   std::fprintf(stderr, "corvid-lab: %s\n%s", why.c_str(), usage);
@@ -39,13 +43,33 @@ int number(std::string_view option, const char* text, int most) {
   return static_cast<int>(value);
 }
 
+// Prints what stands in received.jsonl.
+int show(const std::string& root) {
+  std::ifstream received(root + "/lab/received.jsonl");
+  if (!received) {
+    std::fprintf(stderr, "corvid-lab: %s holds nothing that a lab received\n", root.c_str());
+    return 1;
+  }
+  for (std::string line; std::getline(received, line);) {
+    const corvid::Result<corvid::Value> entry = corvid::parseJSON(line);
+    if (entry && entry.value().dictionary())
+      std::fputs(corvid::lab::summary(*entry.value().dictionary()).c_str(), stdout);
+  }
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   std::optional<std::string> root;
   corvid::lab::Lab::Options options;
+  bool showOnly = false;
   for (int i = 1; i < argc; ++i) {
     const std::string_view option = argv[i];
+    if (option == "--show") {
+      showOnly = true;
+      continue;
+    }
     if (option == "--help") {
       std::fputs(usage, stdout);
       return 0;
@@ -66,6 +90,7 @@ int main(int argc, char** argv) {
       refuse("unknown option " + std::string(option));
   }
   if (!root) refuse("--root is missing");
+  if (showOnly) return show(*root);
 
   // Blocked before the servers' threads exist, so that only sigwait below receives them.
   sigset_t ending;
