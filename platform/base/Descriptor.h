@@ -22,6 +22,8 @@ class Descriptor {
 
   int get() const { return _descriptor; }
   explicit operator bool() const { return _descriptor >= 0; }
+  // The caller owns it from now on.
+  int release() { return std::exchange(_descriptor, -1); }
   void reset() {
     if (_descriptor >= 0) close(std::exchange(_descriptor, -1));
   }

@@ -12,7 +12,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "platform/system/FileDescriptor.h"
+#include "platform/base/Descriptor.h"
 
 // Younger than the oldest headers this builds with.
 #ifndef LANDLOCK_ACCESS_FS_TRUNCATE
@@ -83,7 +83,7 @@ class Ruleset {
 
   // False, with errno, when the kernel refuses. A path that does not exist is passed over.
   bool allow(const std::string& path, std::uint64_t rights) const {
-    const FileDescriptor file(open(path.c_str(), O_PATH | O_CLOEXEC));
+    const Descriptor file(open(path.c_str(), O_PATH | O_CLOEXEC));
     if (!file) return errno == ENOENT || errno == ENOTDIR || errno == EACCES;
     struct stat status {};
     if (fstat(file.get(), &status) != 0) return false;
@@ -101,7 +101,7 @@ class Ruleset {
 
  private:
   const std::uint64_t _handled;
-  const FileDescriptor _descriptor;
+  const Descriptor _descriptor;
 };
 
 }  // namespace

@@ -50,12 +50,12 @@ bool isListeningUnixStream(int descriptor) {
 }
 
 // The first listening Unix stream socket among those passed; the others are closed.
-FileDescriptor passedListeningSocket() {
-  FileDescriptor found;
+Descriptor passedListeningSocket() {
+  Descriptor found;
   if (numberInEnvironment("LISTEN_PID") != getpid()) return found;
   const int count = std::min(numberInEnvironment("LISTEN_FDS").value_or(0), mostPassedDescriptors);
   for (int i = 0; i < count; ++i) {
-    FileDescriptor passed(firstPassedDescriptor + i);
+    Descriptor passed(firstPassedDescriptor + i);
     if (!found && isListeningUnixStream(passed.get()))
       found = std::move(passed);
     else
@@ -68,12 +68,12 @@ FileDescriptor passedListeningSocket() {
 
 // A socket connected to NOTIFY_SOCKET. It is connected now because the sandbox lets nobody reach an
 // abstract socket of the world outside later.
-FileDescriptor socketToLauncher() {
+Descriptor socketToLauncher() {
   const char* const path = std::getenv("NOTIFY_SOCKET");
-  if (path == nullptr || (path[0] != '/' && path[0] != '@')) return {};
+  if (path == nullptr || (path[0] != '/' && path[0] != '@')) return Descriptor();
   sockaddr_un address{};
   const std::size_t length = std::strlen(path);
-  if (length < 2 || length >= sizeof address.sun_path) return {};
+  if (length < 2 || length >= sizeof address.sun_path) return Descriptor();
   address.sun_family = AF_UNIX;
   std::memcpy(address.sun_path, path, length);
   // An abstract address begins with a zero byte and ends with its last character.
@@ -82,10 +82,10 @@ FileDescriptor socketToLauncher() {
     address.sun_path[0] = '\0';
   else
     ++size;
-  FileDescriptor launcher(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  Descriptor launcher(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   if (!launcher || connect(launcher.get(), reinterpret_cast<const sockaddr*>(&address),
                            static_cast<socklen_t>(size)) != 0)
-    return {};
+    return Descriptor();
   return launcher;
 }
 
@@ -122,34 +122,25 @@ void Launcher::notifyStatus(std::string_view status) { notify(statusLine(status)
 void Launcher::beginTransaction() {
   const MutexLock lock(_mutex);
   ++_transactions;
-  changed();
 }
 
 bool Launcher::tryBeginTransaction() {
   const MutexLock lock(_mutex);
   if (_isEnding) return false;
   ++_transactions;
-  changed();
   return true;
 }
 
 void Launcher::endTransaction() {
   const MutexLock lock(_mutex);
   assert(_transactions > 0);
-  --_transactions;
   _lastWork = _clock->steadyNow();
-  changed();
+  if (--_transactions == 0) _noTransactions.notify_one();
 }
 
 void Launcher::workEnded() {
   const MutexLock lock(_mutex);
   _lastWork = _clock->steadyNow();
-  changed();
-}
-
-void Launcher::changed() {
-  ++_changes;
-  _wake.notify_one();
 }
 
 // A client that connects in the moment of the idle exit is not lost. Its connection waits in the
@@ -162,22 +153,21 @@ int Launcher::runLoop(std::chrono::seconds idleExit, const std::function<bool()>
   _lastWork = _clock->steadyNow();
   while (!_isEnding) {
     if (_transactions > 0 || idleExit.count() == 0) {
-      _wake.wait(_mutex);
+      _noTransactions.wait(_mutex);
       continue;
     }
     // Who says that work has ended may hold the lock that `busy` needs.
-    const unsigned changes = _changes;
     _mutex.unlock();
     const bool isBusy = busy();
     _mutex.lock();
-    if (_changes != changes) continue;
+    if (_transactions > 0) continue;
     const auto now = _clock->steadyNow();
     if (isBusy) _lastWork = now;
     const auto left = _lastWork + idleExit - now;
     if (left.count() <= 0)
       _isEnding = true;
     else
-      _wake.wait_for(_mutex, left);
+      _noTransactions.wait_for(_mutex, left);
   }
   _mutex.unlock();
   notify("STOPPING=1");

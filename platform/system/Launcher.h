@@ -11,8 +11,8 @@
 
 #include "platform/Clock.h"
 #include "platform/KeepAlive.h"
+#include "platform/base/Descriptor.h"
 #include "platform/base/Mutex.h"
-#include "platform/system/FileDescriptor.h"
 
 namespace corvid {
 
@@ -44,29 +44,29 @@ class Launcher final : public KeepAlive {
   // accepts connections asks first, and leaves the connection in the socket when refused: the
   // launcher starts the process again for it.
   [[nodiscard]] bool tryBeginTransaction() EXCLUDES(_mutex);
-  // Work that `busy` speaks for has ended. May be called with locks held that `busy` takes.
+  // Work that `busy` speaks for has ended: the idle time counts from here. May be called with locks
+  // held that `busy` takes.
   void workEnded() EXCLUDES(_mutex);
 
   // Blocks while a transaction is open or `busy` says that there is other work, and then until
   // `idleExit` has passed since the last moment of either (at first: since the call). Returns the
-  // exit status, 0; with `idleExit` 0 it does not return. `busy` is called without locks.
+  // exit status, 0; with `idleExit` 0 it does not return. `busy` is called without locks. Nothing
+  // polls: the thread sleeps through open transactions and wakes once in an idle time otherwise.
   int runLoop(std::chrono::seconds idleExit, const std::function<bool()>& busy) EXCLUDES(_mutex);
 
  private:
   void notify(std::string_view message);
-  void changed() REQUIRES(_mutex);
 
   // Constant after construction.
   const std::shared_ptr<Clock> _clock;
-  const FileDescriptor _launcherSocket;
+  const Descriptor _launcherSocket;
   // Main only.
-  FileDescriptor _listeningSocket;
+  Descriptor _listeningSocket;
   // Constant after construction.
   const bool _isSocketActivated;
 
   Mutex _mutex;
-  std::condition_variable_any _wake;         // signalled when `_changes` counts up
-  unsigned _changes GUARDED_BY(_mutex) = 0;  // calls that may matter to runLoop
+  std::condition_variable_any _noTransactions;  // signalled when their number falls to 0
   unsigned _transactions GUARDED_BY(_mutex) = 0;
   bool _isEnding GUARDED_BY(_mutex) = false;
   std::chrono::steady_clock::time_point _lastWork GUARDED_BY(_mutex);

@@ -8,9 +8,9 @@
 #include <cerrno>
 #include <cstring>
 
+#include "platform/base/Descriptor.h"
 #include "platform/system/ControlGroup.h"
 #include "platform/system/Entitlements.h"
-#include "platform/system/FileDescriptor.h"
 #include "platform/system/SmallFile.h"
 
 // Newer than the oldest headers this builds with.
@@ -54,26 +54,27 @@ std::string peerLabel(int socket) {
 // A descriptor of the process that connected. Kernels before 6.5 cannot tell; there it is the
 // process that has its number now, provided that it is the same user's: processes of one user are
 // not safe from each other anyway.
-FileDescriptor processDescriptor(int socket, pid_t pid, uid_t uid) {
+Descriptor processDescriptor(int socket, pid_t pid, uid_t uid) {
   int descriptor = -1;
   socklen_t size = sizeof descriptor;
   if (getsockopt(socket, SOL_SOCKET, SO_PEERPIDFD, &descriptor, &size) == 0)
-    return FileDescriptor(descriptor);
-  if (errno != ENOPROTOOPT) return {};
-  FileDescriptor process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+    return Descriptor(descriptor);
+  if (errno != ENOPROTOOPT) return Descriptor();
+  Descriptor process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
   struct stat owner {};
-  if (stat(fmt::format("/proc/{}", pid).c_str(), &owner) != 0 || owner.st_uid != uid) return {};
+  if (stat(fmt::format("/proc/{}", pid).c_str(), &owner) != 0 || owner.st_uid != uid)
+    return Descriptor();
   return process;
 }
 
-bool isAlive(const FileDescriptor& process) {
+bool isAlive(const Descriptor& process) {
   pollfd ended{process.get(), POLLIN, 0};
   return poll(&ended, 1, 0) == 0;
 }
 
 // Read while the process is known to live, so that its number cannot be another's.
 std::string unitOfProcess(int socket, pid_t pid, uid_t uid) {
-  const FileDescriptor process = processDescriptor(socket, pid, uid);
+  const Descriptor process = processDescriptor(socket, pid, uid);
   if (!process) return {};
   const Result<std::string> groups = readSmallFile(fmt::format("/proc/{}/cgroup", pid));
   return groups && isAlive(process) ? unitOfControlGroups(groups.value()) : std::string();

@@ -42,7 +42,7 @@ void addSockets(const SandboxProfile& profile, std::vector<HarmlessForm>& forms)
   // confined like these.
   constexpr std::uint64_t typeMask = 0xf;
   const auto internet = [&](std::uint64_t type, std::initializer_list<std::uint64_t> protocols) {
-    for (const std::uint64_t family : {AF_INET, AF_INET6})
+    for (const std::uint64_t family : {std::uint64_t{AF_INET}, std::uint64_t{AF_INET6}})
       for (const std::uint64_t protocol : protocols)
         forms.push_back({"socket", {is(0, family), has(1, typeMask, type), is(2, protocol)}});
   };
@@ -107,9 +107,13 @@ class Filter {
   }
 
   std::optional<std::string> load() {
-    if (_error.empty()) check(seccomp_load(_context));
-    if (_error.empty()) return std::nullopt;
-    return fmt::format("cannot enter the system-call filter: {}", _error);
+    if (!_error.empty()) return "cannot make the system-call filter: " + _error;
+    if (seccomp_load(_context) == 0) return std::nullopt;
+    // The library's own code does not tell what the kernel said.
+    return fmt::format(
+        "cannot enter the system-call filter: {}; the kernel must have seccomp filters "
+        "(CONFIG_SECCOMP_FILTER)",
+        std::strerror(errno));
   }
 
  private:

@@ -6,8 +6,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "platform/base/Descriptor.h"
 #include "platform/base/Text.h"
-#include "platform/system/FileDescriptor.h"
 
 namespace corvid {
 
@@ -41,7 +41,7 @@ std::string unquoted(std::string_view word) {
 }  // namespace
 
 Result<std::string> readSmallFile(const std::string& path, std::size_t limit) {
-  const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
   if (!file) return systemFailure(errno);
   struct stat status {};
   if (fstat(file.get(), &status) != 0) return systemFailure(errno);

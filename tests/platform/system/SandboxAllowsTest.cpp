@@ -1,0 +1,314 @@
+// What must go on working inside the sandbox.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <link.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <pwd.h>
+#include <resolv.h>
+#include <signal.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/timerfd.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <thread>
+
+#include "platform/base/Descriptor.h"
+#include "platform/system/Entitlements.h"
+#include "platform/system/SmallFile.h"
+#include "platform/system/SystemDeviceInformation.h"
+#include "platform/system/SystemLocale.h"
+#include "tests/platform/system/SandboxFixture.h"
+
+namespace corvid {
+namespace {
+
+class SandboxAllows : public SandboxFixture {};
+
+template <class Address>
+const sockaddr* generic(const Address& address) {
+  return reinterpret_cast<const sockaddr*>(&address);
+}
+
+sockaddr_in loopback() {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return address;
+}
+
+// A socket bound to a free port of the loopback, and its address.
+Descriptor boundSocket(int type, sockaddr_in& address) {
+  address = loopback();
+  Descriptor bound(socket(AF_INET, type, 0));
+  socklen_t size = sizeof address;
+  if (bind(bound.get(), generic(address), size) != 0 ||
+      getsockname(bound.get(), reinterpret_cast<sockaddr*>(&address), &size) != 0)
+    return Descriptor();
+  return bound;
+}
+
+TEST_F(SandboxAllows, Threads) {
+  EXPECT_EQ(inSandbox([] {
+              int sum = 0;
+              std::thread([&] { std::thread([&] { sum = 42; }).join(); }).join();
+              return sum;
+            }),
+            42);
+}
+
+TEST_F(SandboxAllows, TheProcessToEndByItsOwnSignal) {
+  EXPECT_EQ(inSandbox([] {
+              signal(SIGABRT, SIG_DFL);
+              std::abort();
+              return 0;
+            }),
+            -SIGABRT);
+}
+
+TEST_F(SandboxAllows, PreferencesToBeRewritten) {
+  EXPECT_EQ(
+      inSandbox([&] {
+        namespace fs = std::filesystem;
+        std::error_code error;
+        fs::create_directories(paths.preferencesFolder, error);
+        if (error) return 1;
+        const std::string file = paths.preferencesFolder + "/suite.plist";
+        const std::string draft = file + ".new";
+        for (const char* text : {"one", "two"}) {
+          const Descriptor output(open(draft.c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600));
+          if (write(output.get(), text, 3) != 3 || fsync(output.get()) != 0) return 2;
+          if (rename(draft.c_str(), file.c_str()) != 0) return 3;
+          const Descriptor folder(open(paths.preferencesFolder.c_str(), O_RDONLY | O_DIRECTORY));
+          if (fsync(folder.get()) != 0) return 4;
+          if (readSmallFile(file).value() != text) return 5;
+        }
+        return unlink(file.c_str()) == 0 && rmdir(paths.preferencesFolder.c_str()) == 0 ? 0 : 6;
+      }),
+      0);
+}
+
+TEST_F(SandboxAllows, TheServiceSocketToBeMadeAndClientsToBeIdentified) {
+  EXPECT_EQ(inSandbox([&] {
+              sockaddr_un address{};
+              address.sun_family = AF_UNIX;
+              std::strcpy(address.sun_path, paths.socket.c_str());
+              for (int round = 0; round < 2; ++round) {  // the second replaces a stale file
+                unlink(paths.socket.c_str());
+                const Descriptor listener(socket(AF_UNIX, SOCK_STREAM, 0));
+                if (bind(listener.get(), generic(address), sizeof address) != 0) return 1;
+                if (chmod(paths.socket.c_str(), 0666) != 0) return 2;
+                if (listen(listener.get(), 4) != 0) return 3;
+                const Descriptor client(socket(AF_UNIX, SOCK_STREAM, 0));
+                if (connect(client.get(), generic(address), sizeof address) != 0) return 4;
+                const Descriptor accepted(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+                const auto peer = peerIdentity(accepted.get());
+                if (!peer || peer.value().pid != getpid()) return 5;
+              }
+              return 0;
+            }),
+            0);
+}
+
+TEST_F(SandboxAllows, ControlGroupsOfOtherProcessesToBeRead) {
+  const std::string file = "/proc/" + std::to_string(getpid()) + "/cgroup";
+  const auto outside = readSmallFile(file);
+  ASSERT_TRUE(outside);
+  EXPECT_EQ(inSandbox([&] {
+              const auto inside = readSmallFile(file);
+              return inside && inside.value() == outside.value() ? 0 : 1;
+            }),
+            0);
+}
+
+TEST_F(SandboxAllows, EntitlementsToBeReadAndUsersToBeLookedUp) {
+  root.write("etc/corvid/entitlements.d/a.plist",
+             "<plist><dict><key>match</key><dict><key>user</key><string>root</string></dict>"
+             "<key>entitlements</key><dict><key>a</key><true/></dict></dict></plist>");
+  EXPECT_EQ(inSandbox([&] {
+              return entitlementsForPeer(PeerIdentity{}, paths.entitlementsFolder).contains("a");
+            }),
+            1);
+}
+
+TEST_F(SandboxAllows, DeviceAndLocaleToBeAsked) {
+  root.write("etc/corvid/device.plist",
+             "<plist><dict><key>ProductType</key><string>Robin5,2</string></dict></plist>");
+  root.write("etc/locale.conf", "LANG=pt_BR.UTF-8\n");
+  const auto version = SystemDeviceInformation("").answer("ProductVersion");
+  const auto identifier = SystemDeviceInformation("").answer("UniqueDeviceID");
+  const TimeValue now{1'720'000'000, 0};
+  const std::int32_t offset = SystemLocale("").secondsFromGMT(now);
+  EXPECT_EQ(inSandbox([&] {
+              SystemDeviceInformation device(paths.deviceFile);
+              if (device.answer("ProductType") != "Robin5,2") return 1;
+              if (device.answer("ProductVersion") != version) return 2;
+              if (device.answer("UniqueDeviceID") != identifier) return 3;
+              for (const char* name : {"LC_ALL", "LC_MESSAGES", "LANG"}) unsetenv(name);
+              SystemLocale locale(paths.localeFile);
+              if (locale.countryCode() != "BR") return 4;
+              return locale.secondsFromGMT(now) == offset ? 0 : 5;
+            }),
+            0);
+}
+
+TEST_F(SandboxAllows, TimeZonesToBeRead) {
+  if (!std::filesystem::exists("/usr/share/zoneinfo/Asia/Tokyo"))
+    GTEST_SKIP() << "no time zones installed";
+  EXPECT_EQ(inSandbox([] {
+              setenv("TZ", "Asia/Tokyo", 1);
+              return SystemLocale("").secondsFromGMT({}) / 3600;
+            }),
+            9);
+}
+
+TEST_F(SandboxAllows, CertificatesToBeRead) {
+  deployment.caFile = root.write("lab/ca.pem", "certificate");
+  const bool hasSystemCertificates = std::filesystem::exists("/etc/ssl/certs/ca-certificates.crt");
+  EXPECT_EQ(inSandbox([&] {
+              if (!readSmallFile(*deployment.caFile)) return 1;
+              if (!hasSystemCertificates) return 0;
+              return readSmallFile("/etc/ssl/certs/ca-certificates.crt") ? 0 : 2;
+            }),
+            0);
+}
+
+TEST_F(SandboxAllows, TCPConnections) {
+  sockaddr_in address{};
+  const Descriptor listener = boundSocket(SOCK_STREAM, address);
+  ASSERT_EQ(listen(listener.get(), 1), 0);
+  EXPECT_EQ(inSandbox([&] {
+              const Descriptor client(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
+              return errorOf(connect(client.get(), generic(address), sizeof address));
+            }),
+            0);
+}
+
+TEST_F(SandboxAllows, Datagrams) {
+  EXPECT_EQ(inSandbox([] {
+              sockaddr_in address{};
+              const Descriptor server = boundSocket(SOCK_DGRAM, address);
+              sockaddr_in clientAddress{};
+              const Descriptor client = boundSocket(SOCK_DGRAM, clientAddress);
+              if (connect(client.get(), generic(address), sizeof address) != 0) return 1;
+              if (send(client.get(), "packet", 6, 0) != 6) return 2;
+              char packet[16];
+              return recv(server.get(), packet, sizeof packet, 0) == 6 ? 0 : 3;
+            }),
+            0);
+}
+
+TEST_F(SandboxAllows, Waiting) {
+  EXPECT_EQ(inSandbox([] {
+              const Descriptor queue(epoll_create1(EPOLL_CLOEXEC));
+              const Descriptor event(eventfd(0, EFD_CLOEXEC));
+              const Descriptor timer(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC));
+              const itimerspec soon{{0, 0}, {0, 1}};
+              if (timerfd_settime(timer.get(), 0, &soon, nullptr) != 0) return 1;
+              if (eventfd_write(event.get(), 1) != 0) return 2;
+              for (const int descriptor : {event.get(), timer.get()}) {
+                epoll_event wanted{};
+                wanted.events = EPOLLIN;
+                if (epoll_ctl(queue.get(), EPOLL_CTL_ADD, descriptor, &wanted) != 0) return 3;
+              }
+              epoll_event ready[2];
+              return epoll_wait(queue.get(), ready, 2, 10'000) > 0 ? 0 : 4;
+            }),
+            0);
+}
+
+// The file of a library that comes with the C library and that nobody has loaded.
+std::string unloadedLibrary() {
+  void* const handle = dlopen("libnss_compat.so.2", RTLD_NOW);
+  if (handle == nullptr) return {};
+  link_map* map = nullptr;
+  std::string file;
+  if (dlinfo(handle, RTLD_DI_LINKMAP, &map) == 0) file = map->l_name;
+  dlclose(handle);
+  return file;
+}
+
+TEST_F(SandboxAllows, LibrariesAndTheBundleToBeLoaded) {
+  std::string library;
+  ASSERT_EQ(inChild([&] { return unloadedLibrary().empty(); }), 0);
+  std::filesystem::create_directories(std::filesystem::path(paths.performanceBundle).parent_path());
+  EXPECT_EQ(inChild([&] {
+              std::filesystem::copy_file(unloadedLibrary(), paths.performanceBundle);
+              if (sandboxInit(profileName, paths)) return notEntered;
+              if (dlopen(paths.performanceBundle.c_str(), RTLD_NOW) == nullptr) return 1;
+              return dlopen("libanl.so.1", RTLD_NOW) == nullptr ? 2 : 0;
+            }),
+            0);
+}
+
+int lookUp(const char* name, sockaddr_in& found) {
+  addrinfo hints{};
+  hints.ai_family = AF_INET;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* list = nullptr;
+  const int error = getaddrinfo(name, "443", &hints, &list);
+  if (error != 0) return error;
+  std::memcpy(&found, list->ai_addr, sizeof found);
+  freeaddrinfo(list);
+  return 0;
+}
+
+TEST_F(SandboxAllows, TheLocalHostToBeLookedUp) {
+  EXPECT_EQ(inSandbox([] {
+              sockaddr_in found{};
+              if (lookUp("localhost", found) != 0) return 1;
+              return found.sin_addr.s_addr == htonl(INADDR_LOOPBACK) ? 0 : 2;
+            }),
+            0);
+}
+
+// Answers queries: "known.test" is 127.0.0.7, anything else does not exist. Ends with the process.
+void serveNames(int server) {
+  for (;;) {
+    unsigned char packet[512];
+    sockaddr_in client{};
+    socklen_t size = sizeof client;
+    const ssize_t received = recvfrom(server, packet, sizeof packet - 16, 0,
+                                      reinterpret_cast<sockaddr*>(&client), &size);
+    if (received < 12) continue;
+    auto length = static_cast<std::size_t>(received);
+    const bool isKnown = std::memcmp(packet + 12, "\5known\4test", 11) == 0;
+    packet[2] = 0x81;
+    packet[3] = isKnown ? 0x80 : 0x83;
+    packet[7] = isKnown;
+    packet[11] = 0;
+    if (isKnown) {
+      constexpr char answer[] = "\xc0\x0c\0\1\0\1\0\0\0\0\0\4\x7f\0\0\7";
+      std::memcpy(packet + length, answer, sizeof answer - 1);
+      length += sizeof answer - 1;
+    }
+    sendto(server, packet, length, 0, generic(client), size);
+  }
+}
+
+TEST_F(SandboxAllows, NamesToBeLookedUpWithAServer) {
+  EXPECT_EQ(inSandbox([] {
+              sockaddr_in address{};
+              Descriptor server = boundSocket(SOCK_DGRAM, address);
+              std::thread([descriptor = server.release()] { serveNames(descriptor); }).detach();
+              if (res_init() != 0) return 1;
+              _res.nscount = 1;
+              _res.nsaddr_list[0] = address;
+              _res.dnsrch[0] = nullptr;
+              sockaddr_in found{};
+              if (lookUp("known.test", found) != 0) return 2;
+              if (found.sin_addr.s_addr != htonl(0x7f000007)) return 3;
+              return lookUp("unknown.test", found) == EAI_NONAME ? 0 : 4;
+            }),
+            0);
+}
+
+}  // namespace
+}  // namespace corvid

@@ -1,0 +1,183 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "platform/system/SandboxProfile.h"
+#include "tests/platform/system/Scratch.h"
+
+namespace corvid {
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Not;
+
+const SandboxProfile::Placeholders placeholders = {
+    {"root", "/tmp/root"}, {"caFile", ""}, {"name", "x"}};
+
+Dictionary smallest() { return {{"systemCalls", Array{"read"}}}; }
+
+Result<SandboxProfile> profileWith(std::string key, Value value) {
+  Dictionary dictionary = smallest();
+  dictionary.set(std::move(key), std::move(value));
+  return SandboxProfile::fromPropertyList(dictionary, placeholders);
+}
+
+std::string refusal(std::string key, Value value) {
+  const auto profile = profileWith(std::move(key), std::move(value));
+  return profile ? "(taken)" : profile.failure().message;
+}
+
+TEST(SandboxProfile, AllowsNothingThatItDoesNotName) {
+  const auto profile = SandboxProfile::fromPropertyList(smallest(), {});
+  ASSERT_TRUE(profile);
+  EXPECT_THAT(profile.value().readOnlyPaths, IsEmpty());
+  EXPECT_THAT(profile.value().readWritePaths, IsEmpty());
+  EXPECT_EQ(profile.value().socketFolder, "");
+  EXPECT_FALSE(profile.value().allowsTCPConnect);
+  EXPECT_FALSE(profile.value().allowsUDP);
+  EXPECT_THAT(profile.value().systemCalls, ElementsAre("read"));
+  EXPECT_THAT(profile.value().absentSystemCalls, IsEmpty());
+}
+
+TEST(SandboxProfile, TakesEachOfItsKeys) {
+  const Dictionary network{{"tcpConnect", true}, {"udp", false}};
+  const auto profile =
+      SandboxProfile::fromPropertyList(Dictionary{{"readOnlyPaths", Array{"/a", "${root}/b"}},
+                                                  {"readWritePaths", Array{"${root}/var"}},
+                                                  {"socketFolder", "${root}/run"},
+                                                  {"network", network},
+                                                  {"systemCalls", Array{"read", "write"}},
+                                                  {"absentSystemCalls", Array{"clone3"}}},
+                                       placeholders);
+  ASSERT_TRUE(profile);
+  EXPECT_THAT(profile.value().readOnlyPaths, ElementsAre("/a", "/tmp/root/b"));
+  EXPECT_THAT(profile.value().readWritePaths, ElementsAre("/tmp/root/var"));
+  EXPECT_EQ(profile.value().socketFolder, "/tmp/root/run");
+  EXPECT_TRUE(profile.value().allowsTCPConnect);
+  EXPECT_FALSE(profile.value().allowsUDP);
+  EXPECT_THAT(profile.value().systemCalls, ElementsAre("read", "write"));
+  EXPECT_THAT(profile.value().absentSystemCalls, ElementsAre("clone3"));
+}
+
+TEST(SandboxProfile, PutsPlaceholdersIntoItsPaths) {
+  const auto profile =
+      profileWith("readOnlyPaths", Array{"${root}", "/a/${name}/${name}.b", "${caFile}", "/$x"});
+  ASSERT_TRUE(profile);
+  EXPECT_THAT(profile.value().readOnlyPaths, ElementsAre("/tmp/root", "/a/x/x.b", "/$x"));
+}
+
+TEST(SandboxProfile, WithAnUnknownKeyIsRefused) {
+  EXPECT_EQ(refusal("readPaths", Array{}), "unknown key 'readPaths'");
+  EXPECT_EQ(refusal("network", Dictionary{{"bind", true}}), "'network' has an unknown key 'bind'");
+}
+
+TEST(SandboxProfile, WithAValueOfAnotherTypeIsRefused) {
+  EXPECT_EQ(refusal("readOnlyPaths", "/a"),
+            "the value of 'readOnlyPaths' is not an array of texts");
+  EXPECT_EQ(refusal("readWritePaths", Array{"/a", 5}),
+            "the value of 'readWritePaths' is not an array of texts");
+  EXPECT_EQ(refusal("readOnlyPaths", Array{""}),
+            "the value of 'readOnlyPaths' is not an array of texts");
+  EXPECT_EQ(refusal("systemCalls", true), "the value of 'systemCalls' is not an array of texts");
+  EXPECT_EQ(refusal("socketFolder", 1), "the value of 'socketFolder' is not a text");
+  EXPECT_EQ(refusal("network", true), "the value of 'network' is not a dictionary");
+  EXPECT_EQ(refusal("network", Dictionary{{"udp", 1}}), "the value of 'udp' is not a boolean");
+  const auto array = SandboxProfile::fromPropertyList(Array{}, placeholders);
+  ASSERT_FALSE(array);
+  EXPECT_EQ(array.failure().message, "not a dictionary");
+}
+
+TEST(SandboxProfile, WithoutSystemCallsIsRefused) {
+  const auto none = SandboxProfile::fromPropertyList(Dictionary{}, placeholders);
+  ASSERT_FALSE(none);
+  EXPECT_EQ(none.failure().message, "'systemCalls' is missing or empty");
+  EXPECT_EQ(refusal("systemCalls", Array{}), "'systemCalls' is missing or empty");
+}
+
+TEST(SandboxProfile, WithARelativePathOrAnUnknownPlaceholderIsRefused) {
+  EXPECT_EQ(refusal("readOnlyPaths", Array{"etc"}),
+            "the path 'etc' of 'readOnlyPaths' is not absolute");
+  EXPECT_EQ(refusal("socketFolder", "run"), "the path 'run' of 'socketFolder' is not absolute");
+  for (const std::string path : {"${home}/x", "/${", "/a${root"})
+    EXPECT_EQ(refusal("readOnlyPaths", Array{path}),
+              "the path '" + path + "' of 'readOnlyPaths' has an unknown placeholder");
+}
+
+TEST(SandboxProfile, IsReadFromItsFile) {
+  const Scratch scratch;
+  const auto profile = SandboxProfile::fromFile(
+      scratch.write("p.plist",
+                    "<plist version=\"1.0\"><dict><!-- Calls. --><key>systemCalls</key><array>"
+                    "<!-- Reading. --><string>read</string></array></dict></plist>"),
+      {});
+  ASSERT_TRUE(profile) << profile.failure().message;
+  EXPECT_THAT(profile.value().systemCalls, ElementsAre("read"));
+  EXPECT_FALSE(SandboxProfile::fromFile(scratch.write("q.plist", "<plist><dict>"), {}));
+  const auto missing = SandboxProfile::fromFile(scratch.path() + "/missing", {});
+  ASSERT_FALSE(missing);
+  EXPECT_EQ(missing.failure().message, "No such file or directory");
+}
+
+TEST(SandboxProfile, OfTheDaemonNamesNothingDangerous) {
+  const auto profile = SandboxProfile::fromFile(
+      CORVID_PACKAGING_FOLDER "/sandbox/com.halcyon.corvidd.plist", placeholders);
+  ASSERT_TRUE(profile) << profile.failure().message;
+  for (const char* call : {"execve",
+                           "execveat",
+                           "fork",
+                           "vfork",
+                           "clone3",
+                           "ptrace",
+                           "process_vm_readv",
+                           "process_vm_writev",
+                           "mount",
+                           "umount2",
+                           "unshare",
+                           "setns",
+                           "chroot",
+                           "pivot_root",
+                           "bpf",
+                           "perf_event_open",
+                           "keyctl",
+                           "add_key",
+                           "kexec_load",
+                           "init_module",
+                           "finit_module",
+                           "delete_module",
+                           "reboot",
+                           "swapon",
+                           "userfaultfd",
+                           "io_uring_setup",
+                           "kill",
+                           "tkill",
+                           "setuid",
+                           "setgid",
+                           "capset",
+                           "chown",
+                           "fchown",
+                           "lchown",
+                           "fchownat",
+                           "fchmod",
+                           "truncate",
+                           "link",
+                           "linkat",
+                           "symlink",
+                           "symlinkat",
+                           "mknod",
+                           "mknodat",
+                           "setxattr",
+                           "acct",
+                           "sethostname",
+                           "settimeofday",
+                           "clock_settime",
+                           "personality",
+                           "iopl",
+                           "ioperm"})
+    EXPECT_THAT(profile.value().systemCalls, Not(Contains(call)));
+  EXPECT_THAT(profile.value().readWritePaths, ElementsAre("/tmp/root/var/lib/corvidd"));
+  EXPECT_EQ(profile.value().socketFolder, "/tmp/root/run/corvidd");
+}
+
+}  // namespace
+}  // namespace corvid

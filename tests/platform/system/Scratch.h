@@ -1,0 +1,58 @@
+// A folder of its own for a test, and children that look at the process from inside.
+#pragma once
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace corvid {
+
+// Exists for the object's lifetime.
+class Scratch {
+ public:
+  Scratch() {
+    std::string path = std::filesystem::temp_directory_path() / "corvid-XXXXXX";
+    if (mkdtemp(path.data()) == nullptr) throw std::runtime_error("mkdtemp");
+    _path = path;
+  }
+  ~Scratch() { std::filesystem::remove_all(_path); }
+  Scratch(const Scratch&) = delete;
+  Scratch& operator=(const Scratch&) = delete;
+
+  const std::string& path() const { return _path; }
+  // The file below the folder, with its folders.
+  std::string write(const std::string& name, std::string_view content) const {
+    const std::filesystem::path file = std::filesystem::path(_path) / name;
+    std::filesystem::create_directories(file.parent_path());
+    std::ofstream(file, std::ios::binary | std::ios::trunc) << content;
+    return file;
+  }
+
+ private:
+  std::string _path;
+};
+
+// Runs `work` in a child process and gives its exit status, or minus the signal that ended it; one
+// that hangs is ended.
+inline int inChild(const std::function<int()>& work) {
+  std::fflush(nullptr);
+  const pid_t child = fork();
+  if (child < 0) throw std::runtime_error("fork");
+  if (child == 0) {
+    alarm(30);
+    _exit(work());
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+}  // namespace corvid

@@ -1,0 +1,181 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <syslog.h>
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "platform/system/SystemLog.h"
+#include "tests/platform/system/Scratch.h"
+
+namespace {
+
+// The C library's system log, as the sink under test calls it.
+struct SystemLogCalls {
+  std::string identity;
+  int options = -1;
+  int facility = -1;
+  bool isOpen = false;
+  std::vector<std::pair<int, std::string>> lines;
+} calls;
+
+void record(int priority, const char* format, va_list arguments) {
+  char line[65536];
+  std::vsnprintf(line, sizeof line, format, arguments);
+  calls.lines.emplace_back(priority, line);
+}
+
+}  // namespace
+
+extern "C" {
+void openlog(const char* identity, int options, int facility) noexcept {
+  calls.identity = identity;
+  calls.options = options;
+  calls.facility = facility;
+  calls.isOpen = true;
+}
+void closelog() noexcept { calls.isOpen = false; }
+void syslog(int priority, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  record(priority, format, arguments);
+  va_end(arguments);
+}
+// The name that optimised builds call.
+void __syslog_chk(int priority, int, const char* format, ...);
+void __syslog_chk(int priority, int, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  record(priority, format, arguments);
+  va_end(arguments);
+}
+}
+
+namespace corvid {
+namespace {
+
+using testing::ElementsAre;
+using testing::MatchesRegex;
+using testing::Pair;
+
+// What `work` writes to standard error, in lines.
+std::vector<std::string> standardError(const std::function<void()>& work) {
+  testing::internal::CaptureStderr();
+  work();
+  std::istringstream text(testing::internal::GetCapturedStderr());
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(text, line);) lines.push_back(line);
+  return lines;
+}
+
+TEST(SystemLog, OnTheSystemLogNamesProgramAndFacility) {
+  calls = {};
+  const auto sink = openSystemLog("corvidd", LogDestination::syslog);
+  EXPECT_TRUE(calls.isOpen);
+  EXPECT_EQ(calls.identity, "corvidd");
+  EXPECT_EQ(calls.facility, LOG_DAEMON);
+  EXPECT_NE(calls.options & LOG_PID, 0);
+}
+
+TEST(SystemLog, OnTheSystemLogWritesTheTextAloneAtItsLevel) {
+  calls = {};
+  const auto sink = openSystemLog("corvidd", LogDestination::syslog);
+  sink->write(LogLevel::error, "main: one");
+  sink->write(LogLevel::warning, "two");
+  sink->write(LogLevel::info, "three %s%n");
+  sink->write(LogLevel::debug, "four");
+  EXPECT_THAT(calls.lines, ElementsAre(Pair(3, "main: one"), Pair(4, "two"), Pair(6, "three %s%n"),
+                                       Pair(7, "four")));
+}
+
+TEST(SystemLog, OnTheSystemLogIsClosedWithTheSink) {
+  calls = {};
+  openSystemLog("corvidd", LogDestination::syslog).reset();
+  EXPECT_FALSE(calls.isOpen);
+}
+
+TEST(SystemLog, OnTheSystemLogEscapesControlCharacters) {
+  calls = {};
+  const auto sink = openSystemLog("corvidd", LogDestination::syslog);
+  sink->write(LogLevel::info, "a\nb\tc\rd\x1b[31me\x7f");
+  sink->write(LogLevel::info, std::string_view("x\0y", 3));
+  EXPECT_THAT(calls.lines,
+              ElementsAre(Pair(6, "a\\nb\\tc\\x0dd\\x1b[31me\\x7f"), Pair(6, "x\\x00y")));
+}
+
+TEST(SystemLog, OnStandardErrorPutsTimeLevelAndProcessBeforeTheTextAndNothingAfter) {
+  const auto lines = standardError([] {
+    const auto sink = openSystemLog("corvidd", LogDestination::standardError);
+    sink->write(LogLevel::error, "one");
+    sink->write(LogLevel::warning, "two");
+    sink->write(LogLevel::info, "three {} %v");
+    sink->write(LogLevel::debug, "");
+  });
+  const std::string time = "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} ";
+  const std::string process = " corvidd\\[" + std::to_string(getpid()) + "\\]: ";
+  EXPECT_THAT(lines, ElementsAre(MatchesRegex(time + "error" + process + "one"),
+                                 MatchesRegex(time + "warning" + process + "two"),
+                                 MatchesRegex(time + "info" + process + "three \\{\\} %v"),
+                                 MatchesRegex(time + "debug" + process)));
+}
+
+TEST(SystemLog, OnStandardErrorCannotBeForgedByAText) {
+  const auto lines = standardError([] {
+    const auto sink = openSystemLog("corvidd", LogDestination::standardError);
+    sink->write(LogLevel::info, "a\n2026-01-01 00:00:00.000 error corvidd[1]: forged");
+    sink->write(LogLevel::info, "\x9b is no text, \xc2\x9b is a control, \xc3\xa4 is not");
+  });
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_THAT(lines[0],
+              testing::EndsWith(": a\\n2026-01-01 00:00:00.000 error corvidd[1]: forged"));
+  EXPECT_THAT(lines[1],
+              testing::EndsWith(": \x9b is no text, \\x9b is a control, \xc3\xa4 is not"));
+}
+
+TEST(SystemLog, TakesAProgramNameAsItIs) {
+  const auto lines = standardError([] {
+    openSystemLog("100%v%", LogDestination::standardError)->write(LogLevel::info, "text");
+  });
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_THAT(lines[0], testing::EndsWith(" 100%v%[" + std::to_string(getpid()) + "]: text"));
+}
+
+TEST(SystemLog, KeepsTheLinesOfThreadsApart) {
+  constexpr int threads = 4;
+  constexpr int linesPerThread = 200;
+  const auto lines = standardError([] {
+    const auto sink = openSystemLog("corvidd", LogDestination::standardError);
+    std::vector<std::thread> writers;
+    for (int i = 0; i < threads; ++i)
+      writers.emplace_back([&sink, i] {
+        const std::string text(100, static_cast<char>('a' + i));
+        for (int n = 0; n < linesPerThread; ++n) sink->write(LogLevel::info, text);
+      });
+    for (std::thread& writer : writers) writer.join();
+  });
+  ASSERT_EQ(lines.size(), std::size_t{threads} * linesPerThread);
+  for (int i = 0; i < threads; ++i) {
+    const std::string ending = "]: " + std::string(100, static_cast<char>('a' + i));
+    EXPECT_EQ(
+        std::ranges::count_if(lines, [&](const auto& line) { return line.ends_with(ending); }),
+        linesPerThread);
+  }
+}
+
+TEST(SystemLog, SurvivesAStandardErrorThatTakesNothing) {
+  const int status = inChild([] {
+    if (std::freopen("/dev/full", "w", stderr) == nullptr) return 2;
+    const auto sink = openSystemLog("corvidd", LogDestination::standardError);
+    sink->write(LogLevel::error, "lost");
+    sink->write(LogLevel::error, "lost as well");
+    return 7;
+  });
+  EXPECT_EQ(status, 7);
+}
+
+}  // namespace
+}  // namespace corvid
