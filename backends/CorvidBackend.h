@@ -48,11 +48,11 @@ class CorvidBackend : public std::enable_shared_from_this<CorvidBackend> {
   CorvidBackend& operator=(const CorvidBackend&) = delete;
 
   // The concrete backend for one entry of a storebag section. Nothing for an unknown name (logged)
-  // or a profile that the backend refuses. `productFamily` is absent where the device has no answer.
-  static std::shared_ptr<CorvidBackend> newBackendWithName(const std::string& name,
-                                                           const Dictionary& profile,
-                                                           const std::optional<std::string>& productFamily,
-                                                           std::int32_t clientType);
+  // or a profile that the backend refuses. `profile` is null where the entry is no dictionary;
+  // `productFamily` is absent where the device has no answer.
+  static std::shared_ptr<CorvidBackend> newBackendWithName(
+      const std::string& name, const Dictionary* profile,
+      const std::optional<std::string>& productFamily, std::int32_t clientType);
 
   // 64 lower-case hexadecimal digits: SHA-256 over as many of the text's UTF-8 bytes as it has
   // UTF-16 code units (all of them for ASCII text).
@@ -66,9 +66,10 @@ class CorvidBackend : public std::enable_shared_from_this<CorvidBackend> {
   virtual void updateState() { setState(BackendState::sending); }
 
   // Sends one event; answers with the text for the local message log, where there is one.
-  virtual std::optional<std::string> sendMessage(const Dictionary* payload, const TimeValue& timestamp,
-                                                 std::uint16_t method, std::uint16_t respCode,
-                                                 EventID eventID, MessageFlag flag);
+  virtual std::optional<std::string> sendMessage(const Dictionary* payload,
+                                                 const TimeValue& timestamp, std::uint16_t method,
+                                                 std::uint16_t respCode, EventID eventID,
+                                                 MessageFlag flag);
   void setStartTimestamp(const TimeValue& timestamp);
   // The session's entry: numbers the event and sends it. `payload` may be null.
   std::optional<std::string> sendMessage(const Dictionary* payload, const TimeValue& timestamp,

@@ -16,6 +16,7 @@
 #define REQUIRES(...) CORVID_THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))
 #define ACQUIRE(...) CORVID_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
 #define RELEASE(...) CORVID_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
+#define RETURN_CAPABILITY(lock) CORVID_THREAD_ATTRIBUTE(lock_returned(lock))
 #define EXCLUDES(...) CORVID_THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))
 #define NO_THREAD_SAFETY_ANALYSIS CORVID_THREAD_ATTRIBUTE(no_thread_safety_analysis)
 

@@ -2,7 +2,6 @@
 
 #include <capnp/rpc-twoparty.h>
 #include <fmt/format.h>
-#include <kj/exception.h>
 
 #include <exception>
 #include <stdexcept>
@@ -14,20 +13,12 @@
 #include "platform/ipc/PeerGuard.h"
 #include "platform/ipc/SessionServer.h"
 #include "protocol/wire/MessageSocket.h"
+#include "protocol/wire/QuietLibrary.h"
 #include "protocol/wire/SocketPort.h"
 
 namespace corvid {
 
 namespace {
-
-// What the RPC library would write to standard error.
-class QuietLibrary final : public kj::ExceptionCallback {
- public:
-  void logMessage(kj::LogSeverity, const char*, int, int, kj::String&& text) override {
-    logDebug("IPCConnection: RPC library: {}", text.cStr());
-  }
-  StackTraceMode stackTraceMode() override { return StackTraceMode::NONE; }
-};
 
 class Proxy final : public ClientSessionReplyInterface {
  public:
@@ -160,7 +151,7 @@ void IPCConnection::invalidate(std::string_view reason) {
 }
 
 void IPCConnection::run() {
-  const QuietLibrary quiet;
+  const wire::QuietLibrary quiet;
   try {
     wire::SocketPort port(_socket.get());
     kj::EventLoop loop(port);

@@ -9,9 +9,9 @@
 #include <string>
 #include <thread>
 
+#include "platform/base/Descriptor.h"
 #include "platform/base/Mutex.h"
 #include "platform/ipc/Connection.h"
-#include "platform/ipc/Descriptor.h"
 #include "platform/ipc/Outbox.h"
 
 namespace corvid {

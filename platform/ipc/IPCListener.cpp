@@ -39,6 +39,7 @@ class IPCListener::Acceptor {
   ~Acceptor();
 
   void setDelegate(std::shared_ptr<ListenerDelegate> delegate) { _delegate = std::move(delegate); }
+  void setGate(AcceptGate gate) { _gate = std::move(gate); }
   void resume() {
     _thread = std::thread([this] { run(); });
   }
@@ -52,9 +53,10 @@ class IPCListener::Acceptor {
     std::shared_ptr<IPCConnection> connection;
     bool ended = false;
   };
-  enum class Accepted { one, none, starved };
+  enum class Accepted { one, none, starved, refused };
 
   void run();
+  Accepted acceptThroughGate();
   Accepted acceptOne();
   void bring(Descriptor socket);
   bool admits(const IPCConnection::Peer& peer);
@@ -66,8 +68,10 @@ class IPCListener::Acceptor {
   const Descriptor _wakeup;
   ServiceSocket _socket;
   std::shared_ptr<ListenerDelegate> _delegate;
+  AcceptGate _gate;
   std::uint64_t _lastNumber = 0;
   bool _starved = false;
+  bool _refused = false;  // by the gate
 
   mutable Mutex _mutex;
   std::vector<Open> _connections GUARDED_BY(_mutex);
@@ -102,7 +106,7 @@ void IPCListener::Acceptor::run() {
     std::array<pollfd, 2> ready{{{_wakeup.get(), POLLIN, 0}, {_socket.get(), POLLIN, 0}}};
     // Without descriptors a connection that waits keeps the socket readable.
     constexpr int starvedPause = 100;
-    if (_starved) ready[1].fd = -1;
+    if (_starved || _refused) ready[1].fd = -1;
     const int found = poll(ready.data(), ready.size(), _starved ? starvedPause : -1);
     if (found < 0 && errno != EINTR) {
       logError("IPCListener: Waiting for connections failed: {}", errorText(errno));
@@ -117,9 +121,18 @@ void IPCListener::Acceptor::run() {
       const MutexLock lock(_mutex);
       if (_stopping) return;
     }
-    if (_starved || ready[1].revents != 0)
-      while (acceptOne() == Accepted::one) continue;
+    if (!_refused && (_starved || ready[1].revents != 0))
+      while (acceptThroughGate() == Accepted::one) continue;
   }
+}
+
+IPCListener::Acceptor::Accepted IPCListener::Acceptor::acceptThroughGate() {
+  if (!_gate.enter) return acceptOne();
+  _refused = !_gate.enter();
+  if (_refused) return Accepted::refused;
+  const Accepted accepted = acceptOne();
+  _gate.leave();
+  return accepted;
 }
 
 IPCListener::Acceptor::Accepted IPCListener::Acceptor::acceptOne() {
@@ -237,6 +250,7 @@ Result<std::unique_ptr<IPCListener>> IPCListener::adopt(int socket,
 void IPCListener::setDelegate(std::shared_ptr<ListenerDelegate> delegate) {
   _acceptor->setDelegate(std::move(delegate));
 }
+void IPCListener::setAcceptGate(AcceptGate gate) { _acceptor->setGate(std::move(gate)); }
 void IPCListener::resume() { _acceptor->resume(); }
 std::size_t IPCListener::connections() const { return _acceptor->connections(); }
 

@@ -18,11 +18,19 @@ class ServiceSocket;
 // What the process at the other end of a connected socket is entitled to.
 using EntitlementReader = std::function<Dictionary(int socket)>;
 
+// Says whether a connection may be taken out of the socket. `enter` is asked on the accept thread
+// before each; once it has refused, what waits stays in the socket for whoever serves it next, and
+// nothing is accepted any more. `leave` follows each `enter` that agreed, after the delegate.
+struct AcceptGate {
+  std::function<bool()> enter;
+  std::function<void()> leave;
+};
+
 // Accepts connections on one Unix socket.
 //
 // Threads   One accept thread, which asks the delegate, and one thread a connection, on which that
-//           client's calls run one after the other. setDelegate before resume; resume once. A
-//           connection thread may block without holding up anyone else.
+//           client's calls run one after the other. setDelegate and setAcceptGate before resume;
+//           resume once. A connection thread may block without holding up anyone else.
 // Limits    limits::connections and limits::connectionsPerUser; one connection more is closed with
 //           a log line. Without file descriptors left, clients wait until there are some again.
 // Stop      The destructor accepts nothing more, closes every connection and waits for the threads,
@@ -40,6 +48,8 @@ class IPCListener {
   IPCListener& operator=(const IPCListener&) = delete;
 
   void setDelegate(std::shared_ptr<ListenerDelegate> delegate);
+  // Without a gate every connection is taken.
+  void setAcceptGate(AcceptGate gate);
   void resume();
 
   // Connections that are open or being closed. Any thread.

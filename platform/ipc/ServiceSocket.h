@@ -8,8 +8,8 @@
 
 #include <string>
 
+#include "platform/base/Descriptor.h"
 #include "platform/base/Result.h"
-#include "platform/ipc/Descriptor.h"
 
 namespace corvid {
 

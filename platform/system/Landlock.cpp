@@ -12,7 +12,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "platform/ipc/Descriptor.h"
+#include "platform/base/Descriptor.h"
 
 // Younger than the oldest headers this builds with.
 #ifndef LANDLOCK_ACCESS_FS_TRUNCATE

@@ -11,8 +11,8 @@
 
 #include "platform/Clock.h"
 #include "platform/KeepAlive.h"
+#include "platform/base/Descriptor.h"
 #include "platform/base/Mutex.h"
-#include "platform/ipc/Descriptor.h"
 
 namespace corvid {
 

@@ -6,8 +6,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "platform/base/Descriptor.h"
 #include "platform/base/Text.h"
-#include "platform/ipc/Descriptor.h"
 
 namespace corvid {
 

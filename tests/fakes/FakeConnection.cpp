@@ -11,6 +11,7 @@ struct FakeConnection::Proxy final : ClientSessionReplyInterface {
   void sendMessageToClient(std::optional<Dictionary> message, double timestamp,
                            std::uint16_t category, std::uint16_t type,
                            std::optional<Dictionary> payload) override {
+    if (connection.onDelivery) connection.onDelivery();
     if (connection.deliveryError) {
       onError(*connection.deliveryError);
       return;

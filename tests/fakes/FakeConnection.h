@@ -39,6 +39,8 @@ class FakeConnection final : public Connection {
   Dictionary entitlements;
   std::shared_ptr<ClientSessionInterface> exportedObject;
   bool resumed = false;
+  // Runs at each delivery, on the thread that makes it.
+  std::function<void()> onDelivery;
   // When set, the next calls to the client fail with this text.
   std::optional<std::string> deliveryError;
 

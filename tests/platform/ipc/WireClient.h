@@ -13,7 +13,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/ipc/Descriptor.h"
+#include "platform/base/Descriptor.h"
 #include "platform/ipc/Outbox.h"
 #include "protocol/corvid.capnp.h"
 #include "protocol/wire/MessageSocket.h"

@@ -20,7 +20,7 @@
 #include <cstring>
 #include <thread>
 
-#include "platform/ipc/Descriptor.h"
+#include "platform/base/Descriptor.h"
 #include "platform/system/Entitlements.h"
 #include "platform/system/SmallFile.h"
 #include "platform/system/SystemDeviceInformation.h"

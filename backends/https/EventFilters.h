@@ -1,0 +1,56 @@
+// The filters of a storebag entry: which keys of a record leave the device, and in which form.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/base/Value.h"
+
+namespace corvid {
+
+enum class FilterAction : std::int32_t { keep = 0, remove = 1, digest = 2 };
+
+// What one filter asks for; negative numbers apply to every method or status.
+struct FilterTag {
+  std::int32_t method = -1;
+  std::int32_t status = -1;
+  FilterAction action = FilterAction::keep;
+
+  bool appliesTo(std::int32_t eventMethod, std::int32_t eventStatus) const {
+    return (method < 0 || method == eventMethod) && (status < 0 || status == eventStatus);
+  }
+};
+
+// A set of filters, looked up by key without regard to case: the cost of a record does not grow
+// with the number of filters. Of the filters that apply to a key only the first counts.
+//
+// Threads: reading from any thread; not synchronised against assignment.
+class EventFilters {
+ public:
+  EventFilters() = default;
+  // One filter an item, in the array's order; an item without a key matches nothing.
+  explicit EventFilters(const Array& filters);
+
+  // Removes and replaces values of `record` in place. The record's "_method" and "_status" decide
+  // which filters apply; they are 0 where they are missing.
+  void apply(Dictionary& record) const;
+
+ private:
+  struct FoldingHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view key) const;
+  };
+  struct FoldingEqual {
+    using is_transparent = void;
+    bool operator()(std::string_view a, std::string_view b) const;
+  };
+
+  FilterAction actionFor(std::string_view key, std::int32_t method, std::int32_t status) const;
+
+  std::unordered_map<std::string, std::vector<FilterTag>, FoldingHash, FoldingEqual> _filters;
+};
+
+}  // namespace corvid

@@ -1,0 +1,40 @@
+// Bounds how many HTTP exchanges of one owner are under way.
+//
+// Why: a client may produce events faster than their server takes them. The HTTP client refuses
+// what its queue cannot hold, so an owner waits here, on its own thread, before that happens.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <memory>
+
+#include "platform/base/Mutex.h"
+
+namespace corvid {
+
+// Threads   Any. enter blocks; never call it with a lock held that a completion could want.
+// Ownership Passes keep the gate alive, so an owner may go while exchanges are under way.
+class ExchangeGate : public std::enable_shared_from_this<ExchangeGate> {
+ public:
+  // Leaves the gate when its last copy goes.
+  using Pass = std::shared_ptr<void>;
+
+  // `limit`: 1 or more.
+  explicit ExchangeGate(std::size_t limit) : _limit(limit) {}
+
+  // Waits until fewer than `limit` passes are out, at most `patience`; after that the pass is given
+  // all the same, so that a stuck exchange costs its owner time and never an event.
+  Pass enter(std::chrono::milliseconds patience) EXCLUDES(_lock);
+  std::size_t passesOut() const EXCLUDES(_lock);
+
+ private:
+  void leave() EXCLUDES(_lock);
+
+  const std::size_t _limit;
+  mutable Mutex _lock;
+  std::condition_variable_any _left;
+  std::size_t _passesOut GUARDED_BY(_lock) = 0;
+};
+
+}  // namespace corvid

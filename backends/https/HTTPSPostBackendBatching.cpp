@@ -1,0 +1,161 @@
+// What becomes of an event: dropped, posted at once or held in the batch until a flush.
+#include <fmt/format.h>
+
+#include <utility>
+
+#include "backends/https/HTTPSPostBackend.h"
+#include "platform/base/Describe.h"
+#include "platform/base/Log.h"
+#include "platform/base/Reading.h"
+
+namespace corvid {
+
+namespace {
+
+constexpr std::uint16_t sessionStop = 1;
+
+}  // namespace
+
+std::optional<std::string> HTTPSPostBackend::sendMessage(const Dictionary* payload,
+                                                         const TimeValue& timestamp,
+                                                         std::uint16_t method,
+                                                         std::uint16_t respCode, EventID,
+                                                         MessageFlag flag) {
+  if (state() == BackendState::disabled) return std::nullopt;
+  if (respCode == sessionStop) {
+    logDebug(
+        "HTTPSPostBackend(sendMessage): Adding dnu type and sampling threshold to SESSION_TYPE_STOP message dictionary");
+    if (payload == nullptr)
+      logError("HTTPSPostBackend(sendMessage): SESSION_TYPE_STOP message dictionary is nil");
+  }
+  const bool realtime = isRealtime(flag);
+  Dictionary record;
+  bool batchEvents = false;
+  bool requireUserInfo = false;
+  bool atOnce = false;
+  bool flushFirst = false;
+  BackendState now{};
+  {
+    RecursiveLock lock(_lock);
+    if (respCode == sessionStop && payload != nullptr) {
+      Dictionary summarised = *payload;
+      addStopEventSummary(summarised);
+      record = createEventDictfromPayload(&summarised, timestamp, method, respCode);
+    } else {
+      record = createEventDictfromPayload(payload, timestamp, method, respCode);
+    }
+    prepareEventForMessage(record);
+    if (liftsHeld(flag)) {
+      // A server's answer may disable the backend at the same time and must not be overwritten.
+      BackendState held = BackendState::held;
+      _state.compare_exchange_strong(held, BackendState::sending);
+    }
+    now = state();
+    batchEvents = _batchEvents;
+    requireUserInfo = _requireUserInfo;
+    atOnce = now != BackendState::waiting && now != BackendState::held &&
+             (realtime || !_batchEvents) && (!_requireUserInfo || _userInfoDict);
+    flushFirst = now == BackendState::sending && realtime && _batchedEvents;
+  }
+  logDebug("HTTPSPostBackend(sendMessage): realtime is {}", static_cast<int>(realtime));
+  if (atOnce) return sendAtOnce(std::move(record), {method, respCode}, flag, flushFirst);
+  logDebug("HTTPSPostBackend(sendMessage): Batching {}, {}, {}", static_cast<int>(now),
+           static_cast<int>(batchEvents), static_cast<int>(requireUserInfo));
+  return batchEvent(std::move(record));
+}
+
+std::optional<std::string> HTTPSPostBackend::sendAtOnce(Dictionary record, EventCodes codes,
+                                                        MessageFlag flag, bool flushFirst) {
+  std::optional<std::string> flushed;
+  if (flushFirst) {
+    logDebug(
+        "HTTPSPostBackend(sendMessage): Got a realtime event and some events have already been batched. Forcing Flush here to keep events in order.");
+    flushed = flushMessagesWithCompletion(nullptr);
+  }
+  logDebug("HTTPSPostBackend(sendMessage): Sending {}, {}, {}", static_cast<int>(state()),
+           static_cast<int>(batchEvents()), static_cast<int>(requireUserInfo()));
+  Records records;
+  records.push_back(std::move(record));
+  std::optional<std::string> text;
+  std::optional<std::string> message = createMessageForPostAndLogging(std::move(records), text);
+  if (!message) return std::nullopt;
+  if (flushed)
+    text = fmt::format("Flushed events:\n{}\nStandalone event:\n{}", *flushed, orNull(text));
+  postJSONMessage(std::move(*message), flag, codes, nullptr);
+  return text;
+}
+
+std::optional<std::string> HTTPSPostBackend::batchEvent(Dictionary record) {
+  const std::int32_t method = int32At(record, "_method");
+  {
+    RecursiveLock lock(_lock);
+    if (!_batchedEvents) _batchedEvents.emplace();
+    std::int32_t& count = _eventMethodCounts[method];
+    if (count <= _eventThreshold) {
+      _batchedEvents->push_back(std::move(record));
+      ++count;
+      return std::nullopt;
+    }
+  }
+  logDebug(
+      "HTTPSPostBackend(batchEvent): Flushing all batched events as we reached event threshold for method {}",
+      method);
+  std::optional<std::string> text = flushMessagesWithCompletion(nullptr);
+  RecursiveLock lock(_lock);
+  // A flush leaves no batch, except where it refuses; the event that forced it goes with the batch.
+  if (_batchedEvents) _batchedEvents->push_back(std::move(record));
+  _eventMethodCounts[method] = 1;
+  return text;
+}
+
+std::optional<std::string> HTTPSPostBackend::flushMessagesWithCompletion(
+    FlushCompletion completion) {
+  Records records;
+  if (std::optional<CorvidError> refusal = takeBatch(records)) {
+    if (completion) completion(std::nullopt, std::move(refusal));
+    return std::nullopt;
+  }
+  std::optional<std::string> text;
+  std::optional<std::string> message = createMessageForPostAndLogging(std::move(records), text);
+  if (!message) {
+    if (completion) completion(std::nullopt, nothingToFlush());
+    return std::nullopt;
+  }
+  FlushCompletion posted;
+  if (completion)
+    posted = [completion = std::move(completion), text](std::optional<std::string>,
+                                                        std::optional<CorvidError> error) {
+      completion(text, std::move(error));
+    };
+  postJSONMessage(std::move(*message), MessageFlag{0}, std::nullopt, std::move(posted));
+  return text;
+}
+
+std::optional<CorvidError> HTTPSPostBackend::takeBatch(Records& records) {
+  RecursiveLock lock(_lock);
+  if (!_batchedEvents || state() != BackendState::sending) {
+    _batchedEvents.reset();
+    return nothingToFlush();
+  }
+  if (_requireUserInfo && !_userInfoDict)
+    return CorvidError::of(-1, "Can not flush: userInfo is required");
+  logDebug("HTTPSPostBackend(flushMessagesWithCompletion): called");
+  if (_userInfoDict) {
+    Dictionary userInfo = *_userInfoDict;
+    _filters.apply(userInfo);
+    for (Dictionary& record : *_batchedEvents) record.addEntriesFrom(userInfo);
+  }
+  records = std::move(*_batchedEvents);
+  _batchedEvents.reset();
+  _eventMethodCounts.clear();
+  return std::nullopt;
+}
+
+void HTTPSPostBackend::setCorrelatedSessionID(std::string sessionID) {
+  RecursiveLock lock(_lock);
+  if (_batchedEvents)
+    for (Dictionary& record : *_batchedEvents) record.set("_sessionID", sessionID);
+  _combinedSessionIDString = std::move(sessionID);
+}
+
+}  // namespace corvid

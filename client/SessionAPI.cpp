@@ -1,0 +1,265 @@
+// The functions of a session for C.
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+#include "client/Call.h"
+#include "client/FileURL.h"
+#include "client/Opaque.h"
+#include "client/Session.h"
+#include "protocol/Keys.h"
+#include "protocol/Limits.h"
+
+struct corvid_session {
+  std::shared_ptr<corvid::library::Session> session;
+};
+
+namespace {
+
+using corvid::Array;
+using corvid::Dictionary;
+using corvid::library::guarded;
+using corvid::library::inside;
+using corvid::library::Session;
+using corvid::wire::Extent;
+using corvid::wire::Fitness;
+
+namespace library = corvid::library;
+
+// Room for what travels around the values of a call.
+constexpr std::size_t mostBytes = corvid::limits::messageBytes - 4096;
+
+int fitnessOf(const Extent& extent) {
+  switch (extent.fitness) {
+    case Fitness::fits:
+      return extent.bytes() <= mostBytes ? CORVID_OK : CORVID_ERROR_TOO_LARGE;
+    case Fitness::tooDeep:
+      return CORVID_ERROR_TOO_DEEP;
+    case Fitness::tooLarge:
+      return CORVID_ERROR_TOO_LARGE;
+    case Fitness::invalidText:
+      return CORVID_ERROR_INVALID_TEXT;
+    case Fitness::invalidNumber:
+      return CORVID_ERROR_INVALID_ARGUMENT;
+  }
+  return CORVID_ERROR_INVALID_ARGUMENT;
+}
+
+template <class... Content>
+Extent extentOf(const Content*... content) {
+  Extent extent;
+  const auto add = [&](const auto* each) {
+    if (each != nullptr) extent.add(inside(each));
+  };
+  (add(content), ...);
+  return extent;
+}
+
+std::optional<Dictionary> copyOf(const corvid_dictionary_t* dictionary) {
+  if (dictionary == nullptr) return std::nullopt;
+  return inside(dictionary);
+}
+
+// Hands the call that `make` gives to the session, where what it carries may travel.
+template <class Make>
+int submit(corvid_session_t* session, const Extent& extent, Make make) {
+  if (session == nullptr) return CORVID_ERROR_INVALID_ARGUMENT;
+  if (!session->session->isInItsProcess()) return CORVID_ERROR_FORKED;
+  if (const int fitness = fitnessOf(extent); fitness != CORVID_OK) return fitness;
+  return guarded([&] { return session->session->submit(make()); });
+}
+
+std::string socketPath(const char* root) {
+  if (root == nullptr) root = std::getenv("CORVID_ROOT");
+  std::string path = root ? root : "";
+  while (path.ends_with('/')) path.pop_back();
+  return path.append("/run/corvidd/").append(corvid::kCorvidServiceName);
+}
+
+}  // namespace
+
+const char* corvid_version() { return CORVID_LIBRARY_VERSION; }
+
+const char* corvid_error_text(int code) {
+  switch (code) {
+    case CORVID_OK:
+      return "no error";
+    case CORVID_ERROR_INVALID_ARGUMENT:
+      return "invalid argument";
+    case CORVID_ERROR_INVALID_TEXT:
+      return "text is not UTF-8";
+    case CORVID_ERROR_TOO_DEEP:
+      return "values nested too deeply";
+    case CORVID_ERROR_TOO_LARGE:
+      return "too large for one message";
+    case CORVID_ERROR_WRONG_TYPE:
+      return "value of another type";
+    case CORVID_ERROR_QUEUE_FULL:
+      return "queue full";
+    case CORVID_ERROR_NOT_CONNECTED:
+      return "daemon cannot be reached";
+    case CORVID_ERROR_CONNECTION_LOST:
+      return "connection lost";
+    case CORVID_ERROR_CLOSED:
+      return "session destroyed";
+    case CORVID_ERROR_NOT_SUPPORTED:
+      return "operation unknown to the daemon";
+    case CORVID_ERROR_BAD_REPLY:
+      return "reply cannot be understood";
+    case CORVID_ERROR_FORKED:
+      return "session of the parent process";
+    case CORVID_ERROR_NO_MEMORY:
+      return "out of memory";
+    case CORVID_ERROR_SYSTEM:
+      return "out of threads or descriptors";
+    default:
+      return "unknown error";
+  }
+}
+
+int corvid_session_create(const corvid_options_t* options, corvid_session_t** session) {
+  if (session == nullptr) return CORVID_ERROR_INVALID_ARGUMENT;
+  if (options != nullptr && options->size != sizeof *options) return CORVID_ERROR_INVALID_ARGUMENT;
+  return guarded([&] {
+    Session::Options chosen;
+    if (options != nullptr) {
+      chosen.deadline = std::chrono::milliseconds(options->deadline_ms);
+      chosen.handlers = *options;
+    }
+    chosen.socketPath = socketPath(options ? options->root : nullptr);
+    chosen.handlers.root = nullptr;
+    auto created = std::make_unique<corvid_session>();
+    created->session = std::make_shared<Session>(std::move(chosen));
+    created->session->start();
+    *session = created.release();
+    return CORVID_OK;
+  });
+}
+
+void corvid_session_destroy(corvid_session_t* session) {
+  if (session == nullptr || !session->session->isInItsProcess()) return;
+  const std::unique_ptr<corvid_session> owned(session);
+  guarded([&] { return owned->session->close(), CORVID_OK; });
+}
+
+int corvid_session_connect(corvid_session_t* session) {
+  if (session == nullptr) return CORVID_ERROR_INVALID_ARGUMENT;
+  if (!session->session->isInItsProcess()) return CORVID_ERROR_FORKED;
+  return guarded([&] { return session->session->connect(); });
+}
+
+int corvid_session_set_session_info(corvid_session_t* session,
+                                    const corvid_dictionary_t* session_info,
+                                    const corvid_dictionary_t* user_info,
+                                    const corvid_array_t* frameworks, bool has_aggregation_block,
+                                    corvid_finished_callback_t finished, void* context) {
+  if (session_info == nullptr) return CORVID_ERROR_INVALID_ARGUMENT;
+  const Extent extent = extentOf(session_info, user_info, frameworks);
+  return submit(session, extent, [&] {
+    auto info = std::make_shared<library::SessionInfo>();
+    info->sessionInfo = inside(session_info);
+    info->userInfo = copyOf(user_info);
+    if (frameworks != nullptr) info->frameworksToCheck = inside(frameworks);
+    info->hasAggregationBlock = has_aggregation_block;
+    return library::setSessionInfo(std::move(info), extent, {nullptr, finished, context});
+  });
+}
+
+int corvid_session_start_config(corvid_session_t* session, corvid_states_callback_t callback,
+                                corvid_finished_callback_t finished, void* context) {
+  return submit(session, {}, [&] { return library::startConfig({callback, finished, context}); });
+}
+
+int corvid_session_fetch_states(corvid_session_t* session, const corvid_dictionary_t* user_info,
+                                corvid_states_callback_t callback,
+                                corvid_finished_callback_t finished, void* context) {
+  const Extent extent = extentOf(user_info);
+  return submit(session, extent, [&] {
+    return library::fetchStates(copyOf(user_info), extent, {callback, finished, context});
+  });
+}
+
+int corvid_session_fetch_display_url(corvid_session_t* session, corvid_text_callback_t callback,
+                                     corvid_finished_callback_t finished, void* context) {
+  return submit(session, {}, [&] {
+    return library::fetchDisplayURL({callback, finished, context});
+  });
+}
+
+int corvid_session_send_message(corvid_session_t* session, uint16_t category, uint16_t type,
+                                const corvid_dictionary_t* payload, corvid_text_callback_t callback,
+                                corvid_finished_callback_t finished, void* context) {
+  const Extent extent = extentOf(payload);
+  return submit(session, extent, [&] {
+    return std::make_unique<library::Event>(category, type, copyOf(payload), extent,
+                                            library::TextHandler{callback, finished, context});
+  });
+}
+
+int corvid_session_send_message_with_dictionary(corvid_session_t* session,
+                                                const corvid_dictionary_t* message,
+                                                corvid_text_callback_t callback,
+                                                corvid_finished_callback_t finished,
+                                                void* context) {
+  if (message == nullptr) return CORVID_ERROR_INVALID_ARGUMENT;
+  const Extent extent = extentOf(message);
+  return submit(session, extent, [&] {
+    return std::make_unique<library::Event>(inside(message), extent,
+                                            library::TextHandler{callback, finished, context});
+  });
+}
+
+int corvid_session_flush(corvid_session_t* session, corvid_flush_callback_t callback,
+                         corvid_finished_callback_t finished, void* context) {
+  return submit(session, {}, [&] { return library::flush({callback, finished, context}); });
+}
+
+int corvid_session_finish(corvid_session_t* session, corvid_text_callback_t callback,
+                          corvid_finished_callback_t finished, void* context) {
+  return submit(session, {}, [&] { return library::finish({callback, finished, context}); });
+}
+
+int corvid_session_upload_file(corvid_session_t* session, const char* path,
+                               corvid_success_callback_t callback,
+                               corvid_finished_callback_t finished, void* context) {
+  if (path == nullptr || *path == '\0') return CORVID_ERROR_INVALID_ARGUMENT;
+  return guarded([&] {
+    std::error_code error;
+    const std::filesystem::path absolute = std::filesystem::absolute(path, error);
+    if (error) return static_cast<int>(CORVID_ERROR_SYSTEM);
+    std::string url = library::fileURL(absolute.native());
+    Extent extent;
+    extent.addText(url);
+    return submit(session, extent, [&] {
+      return library::uploadFile(std::move(url), extent, {callback, finished, context});
+    });
+  });
+}
+
+int corvid_session_upload_log_data(corvid_session_t* session, const corvid_array_t* log_data,
+                                   corvid_success_callback_t callback,
+                                   corvid_finished_callback_t finished, void* context) {
+  if (log_data == nullptr) return CORVID_ERROR_INVALID_ARGUMENT;
+  const Extent extent = extentOf(log_data);
+  return submit(session, extent, [&] {
+    return library::uploadLogData(inside(log_data), extent, {callback, finished, context});
+  });
+}
+
+int corvid_session_send_single_message(corvid_session_t* session,
+                                       const corvid_dictionary_t* session_info,
+                                       const corvid_dictionary_t* user_info, uint16_t category,
+                                       uint16_t type, const corvid_dictionary_t* payload,
+                                       corvid_text_callback_t callback,
+                                       corvid_finished_callback_t finished, void* context) {
+  if (session_info == nullptr) return CORVID_ERROR_INVALID_ARGUMENT;
+  const Extent extent = extentOf(session_info, user_info, payload);
+  return submit(session, extent, [&] {
+    return library::sendSingleMessage(inside(session_info), copyOf(user_info), category, type,
+                                      copyOf(payload), extent, {callback, finished, context});
+  });
+}

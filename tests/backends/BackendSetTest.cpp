@@ -1,0 +1,149 @@
+#include <gtest/gtest.h>
+
+#include "backends/BackendSet.h"
+#include "backends/https/HTTPSPostBackend.h"
+#include "protocol/Keys.h"
+#include "tests/fakes/TestPlatform.h"
+
+namespace corvid {
+namespace {
+
+constexpr const char* udid = "0123456789abcdef0123456789abcdef01234567";
+
+struct BackendSetTest : testing::Test {
+  static Dictionary postProfile() { return {{"clients", Array{Dictionary{}}}}; }
+  std::shared_ptr<CorvidBackend> make(const std::string& name, const Dictionary* profile,
+                                      std::optional<std::string> family = "Robin") {
+    return CorvidBackend::newBackendWithName(name, profile, family, 5);
+  }
+  std::vector<std::string> errors() const { return platform.log.texts(LogLevel::error); }
+
+  TestPlatform platform;
+  Dictionary sessionInfo{{"ClientType", 5},
+                         {"ClientVersion", 70000},
+                         {"SessionID", 4000000000},
+                         {"RequireUserInfo", true},
+                         {"BatchEvent", true}};
+};
+
+TEST_F(BackendSetTest, BothPostNamesMakeAPostBackendOfThatName) {
+  const Dictionary profile = postProfile();
+  for (const char* name : {"httpPost", "httpPost2"}) {
+    const auto backend = make(name, &profile);
+    ASSERT_TRUE(std::dynamic_pointer_cast<HTTPSPostBackend>(backend)) << name;
+    EXPECT_EQ(backend->name(), name);
+    EXPECT_EQ(backend->productFamily(), "Robin");
+  }
+}
+
+TEST_F(BackendSetTest, NamesAreComparedExactly) {
+  const Dictionary profile = postProfile();
+  EXPECT_EQ(make("HTTPPost", &profile), nullptr);
+  EXPECT_EQ(make("", &profile), nullptr);
+  EXPECT_EQ(errors(), (std::vector<std::string>{"CorvidBackend(newBackendWithName): HTTPPost",
+                                                "CorvidBackend(newBackendWithName): "}));
+}
+
+TEST_F(BackendSetTest, ARefusedProfileYieldsNothingWithoutAFurtherLine) {
+  EXPECT_EQ(make("httpPost", nullptr), nullptr);
+  const Dictionary profile = postProfile();
+  EXPECT_EQ(make("httpPost", &profile, std::nullopt), nullptr);
+  EXPECT_EQ(errors(), std::vector<std::string>{});
+  const Dictionary empty;
+  EXPECT_EQ(make("httpPost", &empty), nullptr);
+  EXPECT_EQ(errors(), std::vector<std::string>{
+                          "HTTPSPostBackend(initWithName): can't find the client list."});
+}
+
+TEST_F(BackendSetTest, NeedsASection) {
+  EXPECT_EQ(createBackends(nullptr, &sessionInfo, nullptr, udid), std::nullopt);
+  EXPECT_EQ(errors(), std::vector<std::string>{
+                          "createBackends: Attempted to create backends with nil storebag"});
+}
+
+TEST_F(BackendSetTest, NeedsASessionInfo) {
+  const Dictionary section;
+  EXPECT_EQ(createBackends(&section, nullptr, nullptr, udid), std::nullopt);
+  EXPECT_EQ(errors(), std::vector<std::string>{
+                          "createBackends: Attempted to create backends with nil session info"});
+}
+
+TEST_F(BackendSetTest, AnEmptySectionYieldsAnEmptySet) {
+  const Dictionary section;
+  const auto backends = createBackends(&section, &sessionInfo, nullptr, udid);
+  ASSERT_TRUE(backends);
+  EXPECT_TRUE(backends->empty());
+  EXPECT_TRUE(errors().empty());
+}
+
+TEST_F(BackendSetTest, FillsEveryBackendWithSessionAndDevice) {
+  platform.device->set("ReleaseType", "Internal");
+  const Dictionary section{{"httpPost", postProfile()}, {"httpPost2", postProfile()}};
+  const Dictionary userInfo{{"_clientName", "player"}};
+  const auto backends = createBackends(&section, &sessionInfo, &userInfo, udid);
+  ASSERT_TRUE(backends);
+  ASSERT_EQ(backends->size(), 2u);
+  for (const auto& [name, backend] : *backends) {
+    EXPECT_EQ(backend->name(), name);
+    EXPECT_EQ(backend->sessionID(), 4000000000u);
+    EXPECT_EQ(backend->compType(), 5);
+    EXPECT_EQ(backend->clientVersion(), 4464) << "70000 in 16 bits";
+    EXPECT_EQ(backend->udid(), udid);
+    EXPECT_EQ(backend->productVersion(), "12.3");
+    EXPECT_EQ(backend->buildVersion(), "20F71");
+    EXPECT_EQ(backend->hardwareType(), "Robin5,2") << "the product type";
+    EXPECT_EQ(backend->productFamily(), "Robin") << "the device name";
+    EXPECT_TRUE(backend->isInternal());
+    EXPECT_TRUE(backend->requireUserInfo());
+    EXPECT_TRUE(backend->batchEvents());
+    EXPECT_EQ(backend->userInfoDict(), userInfo);
+    EXPECT_EQ(backend->state(), BackendState::waiting);
+    EXPECT_EQ(backend.use_count(), 1) << "the set alone holds its backends";
+  }
+}
+
+TEST_F(BackendSetTest, AbsentSessionValuesReadAsZeroAndFalse) {
+  const Dictionary section{{"httpPost", postProfile()}};
+  const Dictionary empty;
+  const auto backends = createBackends(&section, &empty, nullptr, udid);
+  ASSERT_TRUE(backends);
+  const auto& backend = backends->at("httpPost");
+  EXPECT_EQ(backend->sessionID(), 0u);
+  EXPECT_EQ(backend->compType(), 0);
+  EXPECT_EQ(backend->clientVersion(), 0);
+  EXPECT_FALSE(backend->isInternal());
+  EXPECT_FALSE(backend->requireUserInfo());
+  EXPECT_FALSE(backend->batchEvents());
+  EXPECT_EQ(backend->userInfoDict(), std::nullopt);
+}
+
+TEST_F(BackendSetTest, SkipsWhatCannotBeMadeAndMakesTheRest) {
+  const Dictionary section{
+      {"carrierPigeon", Dictionary{}}, {"httpPost2", Dictionary{}}, {"httpPost", postProfile()}};
+  const auto backends = createBackends(&section, &sessionInfo, nullptr, udid);
+  ASSERT_TRUE(backends);
+  ASSERT_EQ(backends->size(), 1u);
+  EXPECT_TRUE(backends->contains("httpPost"));
+  EXPECT_EQ(errors(), (std::vector<std::string>{
+                          "CorvidBackend(newBackendWithName): carrierPigeon",
+                          "HTTPSPostBackend(initWithName): can't find the client list."}));
+}
+
+TEST_F(BackendSetTest, AProfileThatIsNoDictionaryIsAbsent) {
+  const Dictionary section{{"httpPost", "text"}, {"carrierPigeon", 7}};
+  const auto backends = createBackends(&section, &sessionInfo, nullptr, udid);
+  ASSERT_TRUE(backends);
+  EXPECT_TRUE(backends->empty());
+  EXPECT_EQ(errors(), std::vector<std::string>{"CorvidBackend(newBackendWithName): carrierPigeon"});
+}
+
+TEST_F(BackendSetTest, WithoutADeviceNameThereIsNoPostBackend) {
+  platform.device->remove("DeviceName");
+  const Dictionary section{{"httpPost", postProfile()}};
+  const auto backends = createBackends(&section, &sessionInfo, nullptr, udid);
+  ASSERT_TRUE(backends);
+  EXPECT_TRUE(backends->empty());
+}
+
+}  // namespace
+}  // namespace corvid

@@ -1,0 +1,87 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <thread>
+#include <vector>
+
+#include "backends/https/ExchangeGate.h"
+
+namespace corvid {
+namespace {
+
+using std::chrono::milliseconds;
+constexpr milliseconds longPatience{20'000};
+
+TEST(ExchangeGate, LetsAsManyInAsItsLimit) {
+  const auto gate = std::make_shared<ExchangeGate>(3);
+  std::vector<ExchangeGate::Pass> passes;
+  for (int i = 0; i < 3; ++i) passes.push_back(gate->enter(longPatience));
+  EXPECT_EQ(gate->passesOut(), 3u);
+}
+
+TEST(ExchangeGate, APassLeavesOnceWhenItsLastCopyGoes) {
+  const auto gate = std::make_shared<ExchangeGate>(1);
+  ExchangeGate::Pass pass = gate->enter(longPatience);
+  ExchangeGate::Pass copy = pass;
+  pass.reset();
+  EXPECT_EQ(gate->passesOut(), 1u);
+  copy.reset();
+  EXPECT_EQ(gate->passesOut(), 0u);
+}
+
+TEST(ExchangeGate, AtTheLimitTheNextWaitsUntilOneLeaves) {
+  const auto gate = std::make_shared<ExchangeGate>(1);
+  ExchangeGate::Pass first = gate->enter(longPatience);
+  auto second = std::async(std::launch::async, [&] { return gate->enter(longPatience); });
+  EXPECT_EQ(second.wait_for(milliseconds(20)), std::future_status::timeout);
+  first.reset();
+  ASSERT_EQ(second.wait_for(longPatience), std::future_status::ready);
+  const ExchangeGate::Pass pass = second.get();
+  EXPECT_EQ(gate->passesOut(), 1u);
+}
+
+TEST(ExchangeGate, WhenPatienceEndsThePassIsGivenAllTheSame) {
+  const auto gate = std::make_shared<ExchangeGate>(1);
+  const ExchangeGate::Pass first = gate->enter(longPatience);
+  const ExchangeGate::Pass second = gate->enter(milliseconds(0));
+  EXPECT_TRUE(second);
+  EXPECT_EQ(gate->passesOut(), 2u);
+}
+
+TEST(ExchangeGate, PassesOutliveTheOwnersHold) {
+  auto gate = std::make_shared<ExchangeGate>(1);
+  ExchangeGate::Pass pass = gate->enter(longPatience);
+  const std::weak_ptr<ExchangeGate> watched = gate;
+  gate.reset();
+  EXPECT_FALSE(watched.expired());
+  pass.reset();
+  EXPECT_TRUE(watched.expired());
+}
+
+TEST(ExchangeGate, ManyThreadsNeverExceedTheLimit) {
+  constexpr int limit = 4;
+  const auto gate = std::make_shared<ExchangeGate>(limit);
+  std::atomic<int> inside{0};
+  std::atomic<int> most{0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 8; ++i)
+    threads.emplace_back([&] {
+      for (int round = 0; round < 200; ++round) {
+        const ExchangeGate::Pass pass = gate->enter(longPatience);
+        const int now = ++inside;
+        int seen = most;
+        while (now > seen && !most.compare_exchange_weak(seen, now)) {
+        }
+        std::this_thread::yield();
+        --inside;
+      }
+    });
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_GT(most, 0);
+  EXPECT_LE(most, limit);
+  EXPECT_EQ(gate->passesOut(), 0u);
+}
+
+}  // namespace
+}  // namespace corvid

@@ -1,0 +1,113 @@
+#include "tests/backends/https/PostBackendFixture.h"
+
+#include <zlib.h>
+
+#include "backends/BackendSet.h"
+#include "platform/base/Describe.h"
+#include "platform/base/Reading.h"
+#include "platform/data/JSON.h"
+
+namespace corvid {
+
+Dictionary PostBackendFixture::openEntry() {
+  return {{"post_url", batchURL},
+          {"realtime_post_url", realtimeURL},
+          {"locale_whitelist", Array{"US"}},
+          {"filters", Array{Dictionary{{"key", "secret"}, {"action", "remove"}}}},
+          {"sampling_threshold", 1.0},
+          {"event_threshold", 49}};
+}
+
+Dictionary PostBackendFixture::openEntryWith(std::string key, Value value) {
+  Dictionary entry = openEntry();
+  entry.set(std::move(key), std::move(value));
+  return entry;
+}
+
+Dictionary PostBackendFixture::openEntryWithout(std::string_view key) {
+  Dictionary entry = openEntry();
+  entry.erase(key);
+  return entry;
+}
+
+std::shared_ptr<HTTPSPostBackend> PostBackendFixture::make(const Dictionary& profile) {
+  const Dictionary section{{"httpPost", profile}};
+  const auto backends =
+      createBackends(&section, &sessionInfo, userInfo ? &*userInfo : nullptr, udid);
+  const auto found = backends->find("httpPost");
+  if (found == backends->end()) return nullptr;
+  found->second->setCombinedSessionIDString("TOP.OWN");
+  return std::dynamic_pointer_cast<HTTPSPostBackend>(found->second);
+}
+
+std::shared_ptr<HTTPSPostBackend> PostBackendFixture::makeFor(const Dictionary& entry) {
+  return makeFor(Array{entry});
+}
+
+std::shared_ptr<HTTPSPostBackend> PostBackendFixture::makeFor(const Array& entries) {
+  auto backend = make({{"clients", entries}});
+  backend->updateState();
+  return backend;
+}
+
+std::optional<std::string> PostBackendFixture::send(HTTPSPostBackend& backend,
+                                                    const Dictionary& payload, int flag,
+                                                    std::uint16_t method, std::uint16_t respCode) {
+  return backend.sendMessage(&payload, platform.clock->now(), method, respCode, MessageFlag{flag});
+}
+
+std::string PostBackendFixture::messageOf(const HTTPRequest& request) {
+  if (headerOf(request, "Content-Encoding") != "gzip") return request.body;
+  constexpr int gzipWindow = 31;
+  z_stream stream{};
+  EXPECT_EQ(inflateInit2(&stream, gzipWindow), Z_OK);
+  std::string output(std::size_t{1} << 20, '\0');
+  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(request.body.data()));
+  stream.avail_in = static_cast<uInt>(request.body.size());
+  stream.next_out = reinterpret_cast<Bytef*>(output.data());
+  stream.avail_out = static_cast<uInt>(output.size());
+  EXPECT_EQ(inflate(&stream, Z_FINISH), Z_STREAM_END);
+  output.resize(stream.total_out);
+  inflateEnd(&stream);
+  return output;
+}
+
+std::optional<std::string> PostBackendFixture::headerOf(const HTTPRequest& request,
+                                                        std::string_view name) {
+  for (const auto& [key, value] : request.headers)
+    if (key == name) return value;
+  return std::nullopt;
+}
+
+std::vector<Dictionary> PostBackendFixture::eventsOf(const HTTPRequest& request) {
+  std::vector<Dictionary> events;
+  const Result<Value> message = parseJSON(messageOf(request));
+  const Dictionary* object = message ? message.value().dictionary() : nullptr;
+  const Array* records = object ? arrayAt(*object, "events") : nullptr;
+  if (records == nullptr) {
+    ADD_FAILURE() << "no events in " << messageOf(request);
+    return events;
+  }
+  for (const Value& record : *records) events.push_back(*record.dictionary());
+  return events;
+}
+
+std::vector<std::string> PostBackendFixture::posted(std::string_view key) const {
+  std::vector<std::string> values;
+  for (const HTTPRequest& request : requests()) {
+    for (const Dictionary& event : eventsOf(request)) {
+      const Value* value = event.find(key);
+      values.push_back(value ? description(*value) : "missing");
+    }
+  }
+  return values;
+}
+
+std::vector<std::string> PostBackendFixture::linesOf(std::string_view prefix) const {
+  std::vector<std::string> texts;
+  for (const auto& [level, text] : platform.log.lines())
+    if (text.starts_with(prefix)) texts.push_back(text);
+  return texts;
+}
+
+}  // namespace corvid

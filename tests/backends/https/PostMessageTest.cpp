@@ -1,0 +1,279 @@
+// The message, its headers, its log text and what an exchange's end does.
+#include <limits>
+
+#include "platform/data/JSON.h"
+#include "tests/backends/https/PostBackendFixture.h"
+
+namespace corvid {
+namespace {
+
+struct PostMessageTest : PostBackendFixture {
+  // The client identifier of the next message of the backend.
+  std::string clientIdOf(HTTPSPostBackend& backend) {
+    send(backend, {});
+    const Result<Value> message = parseJSON(messageOf(requests().back()));
+    const Value* identifier = message.value().dictionary()->find("clientId");
+    return identifier ? *identifier->string() : "missing";
+  }
+  // Whether the next event's answer holds the log text.
+  bool logsMessages(HTTPSPostBackend& backend) { return send(backend, {}).has_value(); }
+  void setEnvironment(int type) {
+    platform.preferences->setValue(corvidSuite, "environmentType", type);
+    platform.preferences->setValue(corvidSuite, "forceEventLogging", true);
+    platform.restart();
+  }
+};
+
+// Value rules
+
+TEST_F(PostMessageTest, DatesBecomeSecondsAndWhatJSONLacksIsRemoved) {
+  const auto backend = makeFor(openEntry());
+  send(*backend, {{"when", Date{1700000000.25}},
+                  {"list", Array{1, "a"}},
+                  {"table", Dictionary{{"k", 2}}},
+                  {"bytes", Data{"\x01\xAB"}},
+                  {"none", Value()},
+                  {"flag", false},
+                  {"x", 1}});
+  const Dictionary record = eventsOf(requests().at(0)).at(0);
+  EXPECT_EQ(*record.find("when"), Value(1700000000.25));
+  EXPECT_EQ(*record.find("flag"), Value(false));
+  EXPECT_EQ(*record.find("x"), Value(1));
+  for (const char* key : {"list", "table", "bytes", "none"})
+    EXPECT_EQ(record.find(key), nullptr) << key;
+  const std::string prefix =
+      "HTTPSPostBackend(createMessageForPostAndLogging): JSONSerializer unable to handle key: ";
+  EXPECT_EQ(platform.log.texts(LogLevel::warning),
+            (std::vector<std::string>{
+                prefix + "list, value: [1,\"a\"]", prefix + "table, value: {\"k\":2}",
+                prefix + "bytes, value: 01ab", prefix + "none, value: (null)"}));
+}
+
+TEST_F(PostMessageTest, DatesThatAreNoFiniteNumberBecomeMinusOne) {
+  const auto backend = makeFor(openEntry());
+  send(*backend, {{"a", Date{std::numeric_limits<double>::infinity()}},
+                  {"b", Date{std::numeric_limits<double>::quiet_NaN()}}});
+  EXPECT_EQ(posted("a"), std::vector<std::string>{"-1"});
+  EXPECT_EQ(posted("b"), std::vector<std::string>{"-1"});
+}
+
+TEST_F(PostMessageTest, NumbersThatAreNotFiniteMakeNoMessage) {
+  const auto backend = makeFor(openEntry());
+  EXPECT_EQ(send(*backend, {{"a", std::numeric_limits<double>::infinity()}}), std::nullopt);
+  EXPECT_EQ(send(*backend, {{"\xC3", 1}}), std::nullopt);
+  EXPECT_TRUE(requests().empty());
+}
+
+// Client identifier
+
+TEST_F(PostMessageTest, TheIdentifierFollowsConsent) {
+  EXPECT_EQ(clientIdOf(*makeFor(openEntry())), "RESPECTED-ID");
+  EXPECT_EQ(clientIdOf(*makeFor(openEntryWith("override_dnu", 1))), "OVERRIDE-ID") << "type 2";
+  platform.consent->allowed = false;
+  EXPECT_EQ(clientIdOf(*makeFor(openEntryWith("override_dnu", 1))), "OVERRIDE-ID") << "type 1";
+}
+
+TEST_F(PostMessageTest, ACustomIdentifierComesBeforeThem) {
+  Dictionary entry = openEntryWith("custom_clientId", 1);
+  EXPECT_EQ(clientIdOf(*makeFor(entry)), "00000000-0000-0000-0000-000000000001");
+  entry.set("override_dnu", 1);
+  EXPECT_EQ(clientIdOf(*makeFor(entry)), "00000000-0000-0000-0000-000000000001");
+}
+
+TEST_F(PostMessageTest, ACustomIdentifierStaysWhenALaterEntryAsksForNone) {
+  Dictionary custom = openEntryWith("custom_clientId", 1);
+  custom.set("client", "player");
+  const auto backend = makeFor(Array{custom, openEntry()});
+  backend->setUserInfoDict(Dictionary{{"_clientName", "other"}});
+  backend->updateState();
+  EXPECT_EQ(clientIdOf(*backend), "00000000-0000-0000-0000-000000000001");
+}
+
+TEST_F(PostMessageTest, ExtrasOnAnInternalBuildSendTheDeviceIdentifier) {
+  Dictionary entry = openEntryWith("extras_on_internal", 1);
+  entry.set("custom_clientId", 1);
+  EXPECT_EQ(clientIdOf(*makeFor(entry)), "00000000-0000-0000-0000-000000000001") << "not internal";
+  platform.device->set("ReleaseType", "Internal");
+  platform.restart();
+  EXPECT_EQ(clientIdOf(*makeFor(entry)), udid);
+  EXPECT_EQ(clientIdOf(*makeFor(openEntry())), "RESPECTED-ID") << "no extras";
+}
+
+TEST_F(PostMessageTest, WithoutAnIdentifierTheMessageEndsAfterTheTime) {
+  const auto backend = makeFor(openEntryWith("extras_on_internal", 1));
+  backend->setIsInternal(true);
+  backend->setUdid(nullptr);
+  send(*backend, {{"x", 1}});
+  ASSERT_EQ(requests().size(), 1u);
+  EXPECT_EQ(messageOf(requests()[0]), R"({"postTime":1700000000.0})");
+}
+
+// Log text
+
+TEST_F(PostMessageTest, WithConsentTheLogTextIsThePrettyMessage) {
+  const auto backend = makeFor(openEntry());
+  const auto text = send(*backend, {{"x", 1}});
+  const Result<Value> message = parseJSON(messageOf(requests().at(0)));
+  EXPECT_EQ(text, writePrettyJSON(*message.value().dictionary()));
+}
+
+TEST_F(PostMessageTest, WithConsentOverriddenThereIsNoLogText) {
+  EXPECT_FALSE(logsMessages(*makeFor(openEntryWith("override_dnu", 1))));
+  platform.consent->allowed = false;
+  EXPECT_FALSE(logsMessages(*makeFor(openEntryWith("override_dnu", 1))));
+  sessionInfo.set("RequireUserInfo", false);
+  EXPECT_FALSE(logsMessages(*makeFor(openEntry()))) << "type 0, but no consent";
+}
+
+TEST_F(PostMessageTest, ForcedLoggingWorksInDevelopmentAndInternalEnvironments) {
+  const Dictionary entry = openEntryWith("override_dnu", 1);
+  for (const int type : {1, 2}) {
+    setEnvironment(type);
+    EXPECT_TRUE(logsMessages(*makeFor(entry))) << type;
+  }
+  for (const int type : {0, 3, 4}) {
+    setEnvironment(type);
+    EXPECT_FALSE(logsMessages(*makeFor(entry))) << type;
+  }
+}
+
+TEST_F(PostMessageTest, ForcedLoggingIsReadAtCreationAndMustBeSet) {
+  const Dictionary entry = openEntryWith("override_dnu", 1);
+  setEnvironment(1);
+  const auto backend = makeFor(entry);
+  platform.preferences->setValue(corvidSuite, "forceEventLogging", false);
+  EXPECT_TRUE(logsMessages(*backend));
+  EXPECT_FALSE(logsMessages(*makeFor(entry)));
+}
+
+// Request
+
+TEST_F(PostMessageTest, HeadersOfASingleEventInTheirOrder) {
+  platform.device->set("ReleaseType", "Internal");
+  const auto backend = makeFor(openEntry());
+  send(*backend, {{"text", std::string(200, 'a')}}, 0, 65535, 12);
+  const HTTPRequest request = requests().at(0);
+  EXPECT_EQ(request.method, "POST");
+  EXPECT_EQ(request.url, batchURL);
+  EXPECT_EQ(request.timeout, std::chrono::milliseconds(60'000));
+  EXPECT_FALSE(request.wantsBody);
+  EXPECT_EQ(request.headers, (HTTPHeaders{{"X-CVD-Client-Name", "player"},
+                                          {"X-CVD-Service-Name", "radio"},
+                                          {"X-CVD-Internal-Build", "1"},
+                                          {"User-Agent", "Corvid/8.0 (Robin5,2; 12.3)"},
+                                          {"X-CVD-Client-Version", "7"},
+                                          {"X-CVD-Sender", "ZH"},
+                                          {"X-CVD-Event-Map", "65535 12"},
+                                          {"Accept", "application/json"},
+                                          {"Content-Type", "application/json"},
+                                          {"Content-Length", std::to_string(request.body.size())},
+                                          {"Content-Encoding", "gzip"}}));
+  EXPECT_EQ(request.body.substr(0, 2), "\x1F\x8B");
+  EXPECT_LT(request.body.size(), messageOf(request).size());
+}
+
+TEST_F(PostMessageTest, HeadersOfAFlushNameNoEvent) {
+  sessionInfo.set("BatchEvent", true);
+  userInfo = Dictionary{};
+  const auto backend = makeFor(openEntry());
+  send(*backend, {{"text", std::string(200, 'a')}});
+  backend->flushMessagesWithCompletion(nullptr);
+  const HTTPRequest request = requests().at(0);
+  EXPECT_EQ(request.headers, (HTTPHeaders{{"User-Agent", "Corvid/8.0 (Robin5,2; 12.3)"},
+                                          {"X-CVD-Client-Version", "7"},
+                                          {"X-CVD-Sender", "ZH"},
+                                          {"Accept", "application/json"},
+                                          {"Content-Type", "application/json"},
+                                          {"Content-Length", std::to_string(request.body.size())},
+                                          {"Content-Encoding", "gzip"}}));
+}
+
+TEST_F(PostMessageTest, AbsentDeviceValuesShowAsNullInTheUserAgent) {
+  platform.device->remove("ProductType");
+  platform.device->remove("ProductVersion");
+  send(*makeFor(openEntry()), {});
+  EXPECT_EQ(headerOf(requests().at(0), "User-Agent"), "Corvid/8.0 ((null); (null))");
+}
+
+TEST_F(PostMessageTest, NamesOfAnotherTypeAreNoHeaders) {
+  userInfo = Dictionary{{"_clientName", 5}, {"_serviceName", true}};
+  send(*makeFor(openEntry()), {});
+  EXPECT_EQ(requests().at(0).headers.at(0).first, "User-Agent");
+}
+
+TEST_F(PostMessageTest, AMessageThatDoesNotShrinkTravelsPlain) {
+  const auto backend = makeFor(openEntryWith("extras_on_internal", 1));
+  backend->setIsInternal(true);
+  backend->setUdid(nullptr);  // leaves a message too short to shrink
+  send(*backend, {});
+  const HTTPRequest request = requests().at(0);
+  EXPECT_EQ(request.body, R"({"postTime":1700000000.0})");
+  EXPECT_EQ(headerOf(request, "Content-Length"), std::to_string(request.body.size()));
+  EXPECT_EQ(headerOf(request, "Content-Encoding"), std::nullopt);
+}
+
+// Answers
+
+TEST_F(PostMessageTest, ServerErrorsDisableTheBackendAndNothingElseDoes) {
+  for (const auto& [status, state] : {std::pair{500, BackendState::disabled},
+                                      {503, BackendState::disabled},
+                                      {599, BackendState::disabled},
+                                      {499, BackendState::sending},
+                                      {600, BackendState::sending},
+                                      {200, BackendState::sending},
+                                      {404, BackendState::sending}}) {
+    const auto backend = makeFor(openEntry());
+    send(*backend, {});
+    platform.log.clear();
+    platform.http->completeNext(FakeHTTPClient::response(status));
+    EXPECT_EQ(backend->state(), state) << status;
+    const std::string line = "postJSONMessage: backend httpPost disabled by server " +
+                             std::to_string(status) + " return code";
+    EXPECT_EQ(platform.log.has(LogLevel::info, line), state == BackendState::disabled) << status;
+    EXPECT_EQ(platform.log.lines().size(), state == BackendState::disabled ? 1u : 0u) << status;
+  }
+}
+
+TEST_F(PostMessageTest, ADisabledBackendReportsAgainOnceItsStateIsComputedAnew) {
+  const auto backend = makeFor(openEntry());
+  send(*backend, {});
+  platform.http->completeNext(FakeHTTPClient::response(500));
+  EXPECT_EQ(send(*backend, {}), std::nullopt);
+  EXPECT_EQ(requests().size(), 1u);
+  backend->updateState();
+  send(*backend, {});
+  EXPECT_EQ(requests().size(), 2u);
+}
+
+TEST_F(PostMessageTest, ATransportErrorIsLoggedAndChangesNothing) {
+  const auto backend = makeFor(openEntry());
+  send(*backend, {});
+  platform.http->completeNext(FakeHTTPClient::error(7, "could not connect"));
+  EXPECT_TRUE(platform.log.has(LogLevel::error,
+                               "HTTPSPostBackend(postJsonMessage): post error: could not connect"));
+  EXPECT_EQ(backend->state(), BackendState::sending);
+  EXPECT_EQ(requests().size(), 1u) << "no retry";
+}
+
+TEST_F(PostMessageTest, WithoutAnAddressNothingIsSent) {
+  const auto backend = makeFor(openEntry());
+  backend->setPostURL(std::nullopt);
+  EXPECT_NE(send(*backend, {}), std::nullopt) << "the log text is answered all the same";
+  EXPECT_TRUE(requests().empty());
+}
+
+TEST_F(PostMessageTest, ABackendMayGoWhileItsExchangesAreUnderWay) {
+  auto backend = makeFor(openEntry());
+  send(*backend, {});
+  send(*backend, {});
+  const std::weak_ptr<HTTPSPostBackend> watched = backend;
+  backend.reset();
+  EXPECT_TRUE(watched.expired()) << "exchanges do not hold it";
+  platform.http->completeNext(FakeHTTPClient::response(500));
+  platform.http->completeNext(FakeHTTPClient::error(7, "lost"));
+  EXPECT_TRUE(platform.log.has(
+      LogLevel::info, "postJSONMessage: backend httpPost disabled by server 500 return code"));
+}
+
+}  // namespace
+}  // namespace corvid

@@ -1,0 +1,74 @@
+// Flow control, and other threads at work while events pass.
+#include <future>
+#include <thread>
+
+#include "tests/backends/https/PostBackendFixture.h"
+
+namespace corvid {
+namespace {
+
+struct PostThreadsTest : PostBackendFixture {
+  static constexpr int limit = static_cast<int>(HTTPSPostBackend::exchangeLimit);
+};
+
+TEST_F(PostThreadsTest, PastItsLimitASendWaitsForAnExchangeToEnd) {
+  const auto backend = makeFor(openEntry());
+  for (int i = 0; i < limit; ++i) send(*backend, {{"x", i}}, 1);
+  ASSERT_EQ(platform.http->exchangesUnderWay(), HTTPSPostBackend::exchangeLimit);
+  auto next = std::async(std::launch::async, [&] { send(*backend, {{"x", limit}}, 1); });
+  EXPECT_EQ(next.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+  EXPECT_EQ(requests().size(), HTTPSPostBackend::exchangeLimit);
+  backend->setCorrelatedSessionID("NOT.BLOCKED");  // no lock is held meanwhile
+  platform.http->completeNext(FakeHTTPClient::response(200));
+  ASSERT_EQ(next.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+  EXPECT_EQ(requests().size(), HTTPSPostBackend::exchangeLimit + 1);
+}
+
+TEST_F(PostThreadsTest, ExchangesThatEndedMakeRoomWithoutWaiting) {
+  platform.http->answerWith([](const HTTPRequest&) { return FakeHTTPClient::error(1, "refused"); });
+  const auto backend = makeFor(openEntry());
+  for (int i = 0; i < 3 * limit; ++i) send(*backend, {{"x", i}}, 1);
+  EXPECT_EQ(requests().size(), 3 * HTTPSPostBackend::exchangeLimit);
+}
+
+TEST_F(PostThreadsTest, EachBackendHasItsOwnLimit) {
+  const auto first = makeFor(openEntry());
+  const auto second = makeFor(openEntry());
+  for (int i = 0; i < limit; ++i) send(*first, {}, 1);
+  send(*second, {}, 1);
+  EXPECT_EQ(requests().size(), HTTPSPostBackend::exchangeLimit + 1);
+}
+
+TEST_F(PostThreadsTest, OtherSessionsMayChangeABackendWhileItBatches) {
+  sessionInfo.set("BatchEvent", true);
+  platform.http->answerWith([](const HTTPRequest&) { return FakeHTTPClient::response(200); });
+  const auto backend = makeFor(openEntryWith("event_threshold", 1000));
+  std::atomic<bool> done{false};
+  std::thread other([&] {
+    for (int i = 0; !done; ++i) {
+      backend->setCorrelatedSessionID("ID." + std::to_string(i % 10));
+      backend->setSamplingThreshold(i);
+      backend->setState(BackendState::sending);
+    }
+  });
+  constexpr int events = 1500;
+  for (int i = 0; i < events; ++i) {
+    send(*backend, {{"x", i}});
+    if (i % 100 == 99) backend->flushMessagesWithCompletion(nullptr);
+  }
+  done = true;
+  other.join();
+  std::vector<std::string> expected;
+  for (int i = 0; i < events; ++i) expected.push_back(std::to_string(i));
+  EXPECT_EQ(posted("x"), expected);
+}
+
+TEST_F(PostThreadsTest, AnAnswerFromAnotherThreadDisablesTheBackend) {
+  const auto backend = makeFor(openEntry());
+  send(*backend, {});
+  std::thread([&] { platform.http->completeNext(FakeHTTPClient::response(500)); }).join();
+  EXPECT_EQ(backend->state(), BackendState::disabled);
+}
+
+}  // namespace
+}  // namespace corvid

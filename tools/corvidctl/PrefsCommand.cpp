@@ -1,0 +1,75 @@
+#include "tools/corvidctl/PrefsCommand.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "platform/Paths.h"
+#include "platform/base/Describe.h"
+#include "platform/data/FilePreferences.h"
+#include "platform/data/JSON.h"
+#include "tools/corvidctl/CommandLine.h"
+#include "tools/corvidctl/JSONValues.h"
+
+namespace corvid::ctl {
+
+namespace {
+
+std::string rootFolder(const std::optional<std::string>& root) {
+  const char* environment = std::getenv("CORVID_ROOT");
+  std::string folder = root ? *root : environment ? environment : "";
+  while (folder.ends_with('/')) folder.pop_back();
+  return folder;
+}
+
+// JSON where the text is JSON (true, 4, "text", {"$date":0}), else the text itself.
+Value preferenceValue(const std::string& text) {
+  const Result<Value> json = parseJSON("[" + text + "]");
+  if (!json || json.value().array()->size() != 1) return text;
+  Result<Value> value = valueFromJSON(json.value().array()->front());
+  if (!value) throw UsageError(value.failure().message);
+  if (value.value().isNull()) return text;
+  return std::move(value).value();
+}
+
+std::string shown(const Value& value) {
+  const std::string text = description(Array{jsonFromValue(value)});
+  return text.substr(1, text.size() - 2);
+}
+
+}  // namespace
+
+int runPrefsCommand(const std::optional<std::string>& root,
+                    const std::vector<std::string>& arguments) {
+  const CommandLine line(arguments, {"--suite"}, {});
+  const std::string suite = line.text("--suite").value_or(std::string(corvidSuite));
+  const std::vector<std::string>& words = line.words();
+  const std::string verb = words.empty() ? "" : words[0];
+  const std::size_t wanted = verb == "set" ? 3 : verb == "list" ? 1 : 2;
+  if (verb != "get" && verb != "set" && verb != "delete" && verb != "list")
+    throw UsageError("prefs takes get KEY, set KEY VALUE, delete KEY or list");
+  if (words.size() != wanted)
+    throw UsageError("prefs " + verb + (wanted == 1 ? " takes nothing more" : wanted == 2 ? " takes a KEY" : " takes a KEY and a VALUE"));
+
+  FilePreferences preferences(Paths(rootFolder(root)).preferencesFolder);
+  if (verb == "list") {
+    for (const std::string& key : preferences.keys(suite))
+      if (const auto value = preferences.value(suite, key))
+        std::printf("%s = %s\n", key.c_str(), shown(*value).c_str());
+    return 0;
+  }
+  const std::string& key = words[1];
+  if (verb == "get") {
+    const auto value = preferences.value(suite, key);
+    if (!value) {
+      std::fprintf(stderr, "corvidctl: %s has no key %s\n", suite.c_str(), key.c_str());
+      return 1;
+    }
+    std::puts(shown(*value).c_str());
+    return 0;
+  }
+  const bool done = verb == "set" ? preferences.setValue(suite, key, preferenceValue(words[2]))
+                                  : preferences.removeValue(suite, key);
+  return done ? 0 : 1;
+}
+
+}  // namespace corvid::ctl

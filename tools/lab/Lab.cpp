@@ -1,0 +1,73 @@
+#include "tools/lab/Lab.h"
+
+#include <fmt/format.h>
+
+#include <utility>
+
+#include "platform/data/JSON.h"
+
+namespace corvid::lab {
+
+namespace {
+
+std::string localURL(std::string_view scheme, const HTTPServer& server, std::string_view path) {
+  return fmt::format("{}://localhost:{}{}", scheme, server.port(), path);
+}
+
+}  // namespace
+
+Lab::Lab(const std::string& root, Options options)
+    : _rootFolder(root),
+      _root(root),
+      _identity(_root.tlsFolder()),
+      _signer(_root.signingKeyFile()),
+      _received(_root.receivedFile()),
+      _events("events", _received),
+      _realtime("realtime", _received),
+      _storebagFolder(_root.storebagFolder(), _signer, options.maxAge,
+                      [this](std::string_view name) {
+                        return localURL("https", *_reportServer, "/" + std::string(name));
+                      }) {
+  _root.writeFiles(_signer.publicKeyDER());
+  _reportServer =
+      std::make_unique<HTTPServer>([this](const Request& request) { return report(request); },
+                                   HTTPServer::Options{_identity.server(), options.reportPort});
+  _storebagServer = std::make_unique<HTTPServer>(
+      [this](const Request& request) {
+        return _faults.apply("storebags", _storebagFolder.answer(request));
+      },
+      HTTPServer::Options{_identity.server(), options.storebagPort});
+  _controlServer =
+      std::make_unique<HTTPServer>([this](const Request& request) { return control(request); },
+                                   HTTPServer::Options{std::nullopt, options.controlPort});
+  _root.writeDeployment(_storebagServer->port(), _identity.caFile());
+}
+
+Answer Lab::report(const Request& request) {
+  const std::string_view path = std::string_view(request.target).substr(0, request.target.find('?'));
+  if (path == "/events") return _faults.apply("events", _events.answer(request));
+  if (path == "/realtime") return _faults.apply("realtime", _realtime.answer(request));
+  return {.status = 404, .body = "this server has /events and /realtime\n"};
+}
+
+Answer Lab::control(const Request& request) {
+  if (request.method != "POST" || request.target != "/fault")
+    return {.status = 404, .body = "this server has POST /fault\n"};
+  const Result<Value> plan = parseJSON(request.body);
+  const Dictionary* fault = plan ? plan.value().dictionary() : nullptr;
+  if (fault == nullptr) return {.status = 400, .body = "the body is no JSON object\n"};
+  const Result<bool> planned = _faults.set(*fault);
+  if (!planned) return {.status = 400, .body = planned.failure().message + "\n"};
+  return {.status = 200, .body = "planned\n"};
+}
+
+Dictionary Lab::addresses() const {
+  return {{"root", _rootFolder},
+          {"storebags", localURL("https", *_storebagServer, "")},
+          {"events", localURL("https", *_reportServer, "/events")},
+          {"realtime", localURL("https", *_reportServer, "/realtime")},
+          {"control", localURL("http", *_controlServer, "/fault")},
+          {"received", _root.receivedFile()}};
+}
+
+}  // namespace corvid::lab

@@ -1,0 +1,66 @@
+// Every server that corvidd talks to, on one machine.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "platform/base/Value.h"
+#include "tools/lab/EventCollector.h"
+#include "tools/lab/FaultPlan.h"
+#include "tools/lab/HTTPServer.h"
+#include "tools/lab/LabRoot.h"
+#include "tools/lab/ReceivedLog.h"
+#include "tools/lab/StorebagServer.h"
+#include "tools/lab/StorebagSigner.h"
+#include "tools/lab/TLSIdentity.h"
+
+namespace corvid::lab {
+
+// Lays out a root, starts the servers, writes what arrives to DIR/lab/received.jsonl.
+//
+// The storebag server ("storebags") and the report server with its collectors ("events" and
+// "realtime") speak TLS under the lab's own authority. A third server speaks plain HTTP: POST
+// /fault with a JSON object plans a fault (FaultPlan).
+//
+// Threads   construction and destruction by the owner; the rest from any thread.
+// Errors    std::runtime_error where a file cannot be written or a port is taken.
+class Lab {
+ public:
+  struct Options {
+    std::uint16_t storebagPort = 0;
+    std::uint16_t reportPort = 0;
+    std::uint16_t controlPort = 0;
+    int maxAge = 86400;  // seconds, of the storebags
+  };
+
+  explicit Lab(const std::string& root) : Lab(root, Options{}) {}
+  Lab(const std::string& root, Options options);
+
+  // {"root":…,"storebags":URL,"events":URL,"realtime":URL,"control":URL,"received":FILE}
+  Dictionary addresses() const;
+  FaultPlan& faults() { return _faults; }
+  HTTPServer& storebags() { return *_storebagServer; }
+  HTTPServer& reports() { return *_reportServer; }
+  const LabRoot& root() const { return _root; }
+
+ private:
+  Answer report(const Request& request);
+  Answer control(const Request& request);
+
+  const std::string _rootFolder;
+  const LabRoot _root;
+  const TLSIdentity _identity;
+  const StorebagSigner _signer;
+  ReceivedLog _received;
+  FaultPlan _faults;
+  const EventCollector _events;
+  const EventCollector _realtime;
+  const StorebagServer _storebagFolder;
+  // The servers come last: they stop before what their handlers use.
+  std::unique_ptr<HTTPServer> _reportServer;
+  std::unique_ptr<HTTPServer> _storebagServer;
+  std::unique_ptr<HTTPServer> _controlServer;
+};
+
+}  // namespace corvid::lab

@@ -1,0 +1,94 @@
+#include "tools/lab/LabRoot.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+
+#include "platform/Paths.h"
+#include "platform/data/PropertyList.h"
+#include "tools/lab/SandboxProfile.h"
+
+namespace corvid::lab {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// Lets every country code pass: an entry's list is searched for items that occur inside the code.
+Array everyLetter() {
+  Array letters;
+  for (char letter = 'A'; letter <= 'Z'; ++letter) letters.push_back(Value(std::string(1, letter)));
+  return letters;
+}
+
+// Every client may report, in batches of up to 50 of a method, realtime events at once.
+Dictionary sampleSection() {
+  const Dictionary entry{{"post_url", "${events}"},
+                         {"realtime_post_url", "${realtime}"},
+                         {"expedite", 0},
+                         {"event_threshold", 49},
+                         {"override_dnu", 1},
+                         {"locale_whitelist", everyLetter()},
+                         {"filters", Array{Dictionary{{"key", "secret"}, {"action", "remove"}},
+                                           Dictionary{{"key", "account"}, {"action", "sha256"}}}},
+                         {"sampling_threshold", 1.0}};
+  return {{"httpPost", Dictionary{{"display_url", "${events}"}, {"clients", Array{entry}}}}};
+}
+
+Dictionary sampleStorebag(const std::string& name) {
+  Dictionary storebag{{"version", "1.0.0-" + name}, {"refresh_cycle", 3600}};
+  for (const char* environment : {"development", "halcyon_internal", "seed", "release"})
+    storebag.set(environment, sampleSection());
+  return storebag;
+}
+
+}  // namespace
+
+LabRoot::LabRoot(std::string root) : _root(fs::absolute(std::move(root)).lexically_normal().string()) {
+  const Paths paths(_root);
+  for (const std::string& folder :
+       {tlsFolder(), storebagFolder(), paths.entitlementsFolder, paths.sandboxFolder,
+        paths.preferencesFolder, fs::path(paths.socket).parent_path().string()}) {
+    std::error_code error;
+    fs::create_directories(folder, error);
+    if (error) throw std::runtime_error("cannot make the folder " + folder + ": " + error.message());
+  }
+}
+
+void LabRoot::write(const std::string& path, const std::string& bytes) const {
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  file << bytes << std::flush;
+  if (!file) throw std::runtime_error("cannot write " + path);
+}
+
+void LabRoot::writeIfMissing(const std::string& path, const std::string& bytes) const {
+  if (!fs::exists(path)) write(path, bytes);
+}
+
+void LabRoot::writeFiles(const std::string& publicKeyDER) const {
+  const Paths paths(_root);
+  write(paths.publicKeyFile, publicKeyDER);
+  writeIfMissing(paths.infoFile, writeXMLPropertyList(Value(Dictionary{{"BundleVersion", "8.1"}})));
+  write(paths.sandboxFolder + "/com.halcyon.corvidd.plist", std::string(sandboxProfile));
+  writeIfMissing(paths.entitlementsFolder + "/lab.plist",
+                 writeXMLPropertyList(Value(Dictionary{
+                     {"match", Dictionary{{"user", fmt::format("{}", getuid())}}},
+                     {"entitlements", Dictionary{{"com.halcyon.private.corvidd", true}}}})));
+  for (const char* name :
+       {"lumen", "tessel", "parlor", "orrery", "cadence", "quill", "ledger", "folio", "reel"})
+    writeIfMissing(fmt::format("{}/{}.plist", storebagFolder(), name),
+                   writeXMLPropertyList(Value(sampleStorebag(name))));
+}
+
+void LabRoot::writeDeployment(std::uint16_t storebagPort, const std::string& caFile) const {
+  const std::string host = fmt::format("localhost:{}", storebagPort);
+  write(Paths(_root).deploymentFile,
+        writeXMLPropertyList(Value(Dictionary{{"ProductionStorebagHost", host},
+                                              {"InternalStorebagHost", host},
+                                              {"CAFile", caFile}})));
+}
+
+}  // namespace corvid::lab

@@ -1,0 +1,28 @@
+// What the lab received, one JSON object a line.
+#pragma once
+
+#include <fstream>
+#include <string>
+
+#include "platform/base/Mutex.h"
+#include "platform/base/Value.h"
+
+namespace corvid::lab {
+
+// Appends to a file; each line is written and flushed whole.
+//
+// Threads   any.
+class ReceivedLog {
+ public:
+  // std::runtime_error where the file cannot be written.
+  explicit ReceivedLog(const std::string& path);
+
+  // Something that JSON cannot hold is written as {"error":...}.
+  void append(const Dictionary& entry) EXCLUDES(_mutex);
+
+ private:
+  Mutex _mutex;
+  std::ofstream _file GUARDED_BY(_mutex);
+};
+
+}  // namespace corvid::lab

@@ -1,0 +1,46 @@
+#include "tools/lab/ReceivedSummary.h"
+
+#include <fmt/format.h>
+
+#include "platform/base/Describe.h"
+#include "platform/base/Reading.h"
+
+namespace corvid::lab {
+
+namespace {
+
+std::string described(const Dictionary& dictionary, std::string_view key) {
+  const Value* value = dictionary.find(key);
+  return value ? description(*value) : "-";
+}
+
+std::string eventLine(const Dictionary& event) {
+  std::string payload;
+  for (const auto& [key, value] : event)
+    if (!key.starts_with('_') && key != "eventTime")
+      payload += fmt::format(" {}={}", key, description(value));
+  return fmt::format("    event {} method {} status {}:{}\n", described(event, "_eventNumber"),
+                     described(event, "_method"), described(event, "_status"), payload);
+}
+
+}  // namespace
+
+std::string summary(const Dictionary& entry) {
+  std::string text = fmt::format("{} received {} bytes", described(entry, "server"),
+                                 described(entry, "bytes"));
+  if (const Dictionary* headers = dictionaryAt(entry, "headers")) {
+    if (headers->contains("Content-Encoding"))
+      text += fmt::format(", {}", described(*headers, "Content-Encoding"));
+    text += fmt::format(", from sender {}", described(*headers, "X-CVD-Sender"));
+  }
+  text += '\n';
+  if (const std::string* error = stringAt(entry, "error")) text += "    error: " + *error + "\n";
+  const Dictionary* message = dictionaryAt(entry, "message");
+  const Array* events = message ? arrayAt(*message, "events") : nullptr;
+  if (events)
+    for (const Value& event : *events)
+      if (const Dictionary* record = event.dictionary()) text += eventLine(*record);
+  return text;
+}
+
+}  // namespace corvid::lab
