@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <set>
+#include <atomic>
+#include <barrier>
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -72,15 +74,40 @@ TEST_F(Identifiers, AreLoggedWithTheirKeyWhetherMadeOrFound) {
             2);
 }
 
+// Holds the first readers back until there are two of them: both find nothing.
+class MeetingPreferences final : public Preferences {
+ public:
+  std::optional<Value> value(std::string_view suite, std::string_view key) override {
+    auto found = kept.value(suite, key);
+    if (readers++ < 2) meeting.arrive_and_wait();
+    return found;
+  }
+  bool setValue(std::string_view suite, std::string_view key, Value value) override {
+    return kept.setValue(suite, key, std::move(value));
+  }
+  bool removeValue(std::string_view suite, std::string_view key) override {
+    return kept.removeValue(suite, key);
+  }
+  std::vector<std::string> keys(std::string_view suite) override { return kept.keys(suite); }
+
+  FakePreferences kept;
+  std::atomic<int> readers{0};
+  std::barrier<> meeting{2};
+};
+
 TEST_F(Identifiers, ThreadsThatMeetAtTheFirstUseGetTheSame) {
-  std::vector<std::string> identifiers(8);
-  std::vector<std::thread> threads;
-  for (std::string& identifier : identifiers)
-    threads.emplace_back(
-        [&identifier] { identifier = getPersistentIdentifierForCustomClientIDSuffix("a", "b"); });
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(std::set(identifiers.begin(), identifiers.end()).size(), 1u);
-  EXPECT_EQ(platform.preferences->value("com.halcyon.corvid", "uuid:a:b"), Value(identifiers[0]));
+  const auto preferences = std::make_shared<MeetingPreferences>();
+  Platform::Services services;
+  services.preferences = preferences;
+  services.random = platform.random;
+  Platform meeting(std::move(services));
+  Platform::install(&meeting);
+  std::string other;
+  std::thread thread([&] { other = getPersistentIdentifierForCustomClientIDSuffix("a", "b"); });
+  const std::string mine = getPersistentIdentifierForCustomClientIDSuffix("a", "b");
+  thread.join();
+  EXPECT_EQ(mine, other);
+  EXPECT_EQ(preferences->kept.value(corvidSuite, "uuid:a:b"), Value(mine));
 }
 
 std::string keyOf(const Dictionary& userInfo) { return clientKey(&userInfo); }
