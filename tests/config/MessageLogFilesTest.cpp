@@ -1,0 +1,109 @@
+// The message log on the machine's own files.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <set>
+
+#include "config/MessageLog.h"
+#include "platform/data/LocalFileSystem.h"
+#include "tests/fakes/TestPlatform.h"
+
+namespace corvid {
+namespace {
+
+namespace fs = std::filesystem;
+
+class MessageLogFiles : public testing::Test {
+ protected:
+  MessageLogFiles() {
+    std::string pattern = testing::TempDir() + "message-log-XXXXXX";
+    _root = ::mkdtemp(pattern.data());
+    folder = _root / "var/lib/corvidd/Library/Logs/Faultline/Retired";
+    const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
+    fakes.clock->set({std::chrono::duration_cast<std::chrono::seconds>(sinceEpoch).count() + 1, 0});
+    Platform::Services services;
+    services.clock = fakes.clock;
+    services.files = std::make_shared<LocalFileSystem>();
+    services.paths = Paths(_root.string());
+    _platform = std::make_unique<Platform>(std::move(services));
+    Platform::install(_platform.get());
+  }
+  ~MessageLogFiles() override { fs::remove_all(_root); }
+
+  std::set<std::string> names() const {
+    std::set<std::string> found;
+    for (const auto& entry : fs::directory_iterator(folder)) found.insert(entry.path().filename());
+    return found;
+  }
+  std::string currentName() const {
+    return fmt::format("corvidd_{}_messageLog.diag", fakes.clock->now().seconds);
+  }
+  static std::string content(const fs::path& file) {
+    std::ifstream stream(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), {}};
+  }
+  static void write(const fs::path& file, std::string_view text) {
+    fs::create_directories(file.parent_path());
+    std::ofstream(file, std::ios::binary) << text;
+  }
+
+  TestPlatform fakes;
+  fs::path folder;
+
+ private:
+  fs::path _root;
+  std::unique_ptr<Platform> _platform;
+};
+
+TEST_F(MessageLogFiles, TheFirstMessageMakesFoldersAndFile) {
+  writeToLogFile("one");
+  writeToLogFile("two");
+  EXPECT_EQ(names(), std::set{currentName()});
+  const std::string text = content(folder / currentName());
+  EXPECT_TRUE(text.starts_with("(20")) << text;
+  EXPECT_NE(text.find(" +0000) one\n("), std::string::npos) << text;
+  EXPECT_TRUE(text.ends_with(" +0000) two\n")) << text;
+  EXPECT_TRUE(fakes.log.texts(LogLevel::error).empty());
+}
+
+TEST_F(MessageLogFiles, ADayLaterANewFileReplacesTheOld) {
+  writeToLogFile("one");
+  fakes.clock->advance(std::chrono::seconds(86400 + 60));
+  writeToLogFile("two");
+  EXPECT_EQ(names(), std::set{currentName()});
+  EXPECT_EQ(content(folder / currentName()).find("one"), std::string::npos);
+}
+
+TEST_F(MessageLogFiles, AFileCopiedFromEarlierCountsByItsModification) {
+  const fs::path copied = folder / "corvidd_1_messageLog.diag";
+  write(copied, "old\n");
+  fs::last_write_time(copied, fs::file_time_type::clock::now() - std::chrono::hours(25));
+  writeToLogFile("new");
+  EXPECT_EQ(names(), std::set{currentName()});
+}
+
+TEST_F(MessageLogFiles, ALinkIsRemovedAndItsTargetLeftAlone) {
+  const fs::path target = folder.parent_path() / "precious";
+  write(target, "precious\n");
+  fs::create_directories(folder);
+  fs::create_symlink(target, folder / "corvidd_1_messageLog.diag");
+  writeToLogFile("lost");
+  EXPECT_TRUE(names().empty());
+  EXPECT_EQ(content(target), "precious\n");
+  writeToLogFile("kept");
+  EXPECT_EQ(names(), std::set{currentName()});
+}
+
+TEST_F(MessageLogFiles, OtherFilesStay) {
+  write(folder / "corvidd_1_2_messageLog.diag", "other\n");
+  writeToLogFile("one");
+  EXPECT_EQ(names(), (std::set<std::string>{"corvidd_1_2_messageLog.diag", currentName()}));
+  EXPECT_EQ(content(folder / "corvidd_1_2_messageLog.diag"), "other\n");
+}
+
+}  // namespace
+}  // namespace corvid
