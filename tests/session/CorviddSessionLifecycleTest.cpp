@@ -109,6 +109,11 @@ TEST_F(CorviddSessionLifecycleTest, UserInfoThatWasNotAnnouncedIsKeptWithAWarnin
   EXPECT_EQ(session->userInfo(), (Dictionary{{"_clientName", "a"}}));
 }
 
+TEST_F(CorviddSessionLifecycleTest, WithoutUserInfoThereIsNothingToWarnAbout) {
+  session->setSessionInfo({{"RequireUserInfo", false}}, std::nullopt, {}, false);
+  EXPECT_THAT(platform.log.texts(LogLevel::warning), IsEmpty());
+}
+
 TEST_F(CorviddSessionLifecycleTest, AnEmptyUserInfoIsAlsoUserInfo) {
   session->setSessionInfo({}, Dictionary{}, {}, false);
   EXPECT_EQ(platform.log.texts(LogLevel::warning).size(), 1u);

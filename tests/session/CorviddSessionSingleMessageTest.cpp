@@ -141,6 +141,13 @@ TEST_F(CorviddSessionSingleMessageTest, UserInfoThatWasNotAnnouncedIsSentWithAWa
               ElementsAre("sendMessageWithSessionInfo: user info provided without requiring it."));
 }
 
+TEST_F(CorviddSessionSingleMessageTest, WithoutUserInfoThereIsNothingToWarnAbout) {
+  add(kCorvidBackendHTTPPost);
+  agent->storebag = Dictionary{};
+  sendSingle(identifiers);
+  EXPECT_THAT(platform.log.texts(LogLevel::warning), IsEmpty());
+}
+
 TEST_F(CorviddSessionSingleMessageTest, WithoutBackendsIsStillFinished) {
   agent->storebag = Dictionary{};
   EXPECT_EQ(sendSingle(identifiers).result(), "finished");
