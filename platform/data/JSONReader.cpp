@@ -3,10 +3,12 @@
 #include <rapidjson/memorystream.h>
 #include <rapidjson/reader.h>
 
-#include <limits>
+#include <charconv>
+#include <cstdint>
 #include <utility>
 #include <vector>
 
+#include "platform/base/Text.h"
 #include "platform/data/JSON.h"
 
 namespace corvid {
@@ -15,24 +17,35 @@ namespace {
 
 constexpr std::size_t greatestDepth = 64;
 
-// Builds the value from the reader's events. False ends the reading.
+// Builds the value from the reader's events. An event that is refused ends the reading.
 class ValueBuilder {
  public:
   using Size = rapidjson::SizeType;
 
   bool Null() { return add({}); }
   bool Bool(bool value) { return add(value); }
-  bool Int(int value) { return add(value); }
-  bool Uint(unsigned value) { return add(value); }
-  bool Int64(std::int64_t value) { return add(value); }
-  bool Uint64(std::uint64_t value) {
-    constexpr std::uint64_t most = std::numeric_limits<std::int64_t>::max();
-    return value > most ? add(static_cast<double>(value)) : add(value);
+  // Numbers come as text: the library's own reading of them is not exact at the edges.
+  bool RawNumber(const char* text, Size length, bool) {
+    const char* end = text + length;
+    std::int64_t integer = 0;
+    if (const auto [stop, error] = std::from_chars(text, end, integer);
+        error == std::errc() && stop == end)
+      return add(integer);
+    double real = 0;
+    if (std::from_chars(text, end, real).ec != std::errc()) return refuse("Number out of range");
+    return add(real);
   }
-  bool Double(double value) { return add(value); }
-  bool RawNumber(const char*, Size, bool) { return false; }  // not asked for
-  bool String(const char* text, Size length, bool) { return add(std::string_view(text, length)); }
+  // Not asked for, but named by the library.
+  bool Int(int) { return false; }
+  bool Uint(unsigned) { return false; }
+  bool Int64(std::int64_t) { return false; }
+  bool Uint64(std::uint64_t) { return false; }
+  bool Double(double) { return false; }
+  bool String(const char* text, Size length, bool) {
+    return isText(text, length) && add(std::string_view(text, length));
+  }
   bool Key(const char* text, Size length, bool) {
+    if (!isText(text, length)) return false;
     _open.back().key.assign(text, length);
     return true;
   }
@@ -50,6 +63,7 @@ class ValueBuilder {
   }
 
   Value take() { return std::move(_root); }
+  const std::string& refusal() const { return _refusal; }
 
  private:
   struct Container {
@@ -60,7 +74,8 @@ class ValueBuilder {
   };
 
   bool open(bool isObject) {
-    if (_open.size() == greatestDepth) return false;
+    if (_open.size() == greatestDepth)
+      return refuse(fmt::format("Nested deeper than {} levels", greatestDepth));
     _open.push_back({isObject, {}, {}, {}});
     return true;
   }
@@ -75,8 +90,20 @@ class ValueBuilder {
     return true;
   }
 
+  // The library lets an escaped low surrogate pass that has no high one before it.
+  bool isText(const char* text, Size length) {
+    return isValidUTF8({text, length}) ||
+           refuse(GetParseError_En(rapidjson::kParseErrorStringUnicodeSurrogateInvalid));
+  }
+
+  bool refuse(std::string reason) {
+    _refusal = std::move(reason);
+    return false;
+  }
+
   std::vector<Container> _open;
   Value _root;
+  std::string _refusal;
 };
 
 Failure failureAt(std::size_t byte, std::string_view reason) {
@@ -92,9 +119,8 @@ Result<Value> parseJSON(std::string_view text) {
   ValueBuilder builder;
   Reader reader;
   const ParseResult result =
-      reader.Parse<kParseFullPrecisionFlag | kParseValidateEncodingFlag>(stream, builder);
-  if (result.Code() == kParseErrorTermination)
-    return failureAt(result.Offset(), fmt::format("Nested deeper than {} levels", greatestDepth));
+      reader.Parse<kParseNumbersAsStringsFlag | kParseValidateEncodingFlag>(stream, builder);
+  if (result.Code() == kParseErrorTermination) return failureAt(result.Offset(), builder.refusal());
   if (result.IsError()) return failureAt(result.Offset(), GetParseError_En(result.Code()));
   // The library takes a zero byte for the end.
   if (stream.Tell() < text.size())
