@@ -1,0 +1,95 @@
+#include "bench/Bench.h"
+
+#include <fmt/format.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <stdexcept>
+#include <thread>
+
+#include "platform/Paths.h"
+#include "platform/data/PropertyList.h"
+
+namespace corvid::bench {
+
+namespace {
+
+bool acceptsConnection(const std::string& path) {
+  const int probe = socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  const bool connected =
+      connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  close(probe);
+  return connected;
+}
+
+}  // namespace
+
+Bench::Bench(const std::string& folder)
+    : _folder(folder),
+      _root(folder),
+      _identity(_root.tlsFolder()),
+      _signer(_root.signingKeyFile()),
+      _storebags(_root.storebagFolder(), _signer, 86400,
+                 [](std::string_view name) { return std::string(name); }) {
+  _root.writeFiles(_signer.publicKeyDER());
+  _nginx = std::make_unique<NginxSink>(folder, _identity.server());
+  _localSink = std::make_unique<lab::HTTPServer>(
+      [this](const lab::Request& request) {
+        const Clock::time_point now = Clock::now();
+        const std::lock_guard lock(_mutex);
+        _arrivals.push_back({now, request.body});
+        return lab::Answer{};
+      },
+      lab::HTTPServer::Options{_identity.server(), 0});
+  _storebagServer = std::make_unique<lab::HTTPServer>(
+      [this](const lab::Request& request) { return _storebags.answer(request); },
+      lab::HTTPServer::Options{_identity.server(), 0});
+  _root.writeDeployment(_storebagServer->port(), _identity.caFile());
+  writeStorebag("lumen", _nginx->url("/events"));
+  writeStorebag("orrery", fmt::format("https://localhost:{}/events", _localSink->port()));
+}
+
+void Bench::writeStorebag(const std::string& name, const std::string& url) const {
+  Array everyLetter;
+  for (char letter = 'A'; letter <= 'Z'; ++letter) everyLetter.push_back(std::string(1, letter));
+  const Dictionary entry{
+      {"post_url", url},
+      {"expedite", 0},
+      {"override_dnu", 1},
+      {"event_threshold", 1000000},  // flushes are asked for
+      {"locale_whitelist", everyLetter},
+      {"filters", Array{Dictionary{{"key", "secret"}, {"action", "remove"}},
+                        Dictionary{{"key", "account"}, {"action", "sha256"}}}},
+      {"sampling_threshold", 1.0}};
+  const Dictionary section{{"httpPost", Dictionary{{"clients", Array{entry}}}}};
+  const Dictionary storebag{{"version", "1"}, {"release", section}, {"halcyon_internal", section}};
+  std::ofstream(fmt::format("{}/{}.plist", _root.storebagFolder(), name))
+      << writeXMLPropertyList(Value(storebag));
+}
+
+std::unique_ptr<ChildProcess> Bench::startDaemon(const std::string& program) {
+  auto daemon = std::make_unique<ChildProcess>(
+      std::vector<std::string>{program, "--root", _folder, "--log-level", "warning"},
+      _folder + "/corvidd.log");
+  const std::string socketPath = Paths(_folder).socket;
+  while (!acceptsConnection(socketPath)) {
+    if (!daemon->isRunning() || Clock::now() - daemon->started() > std::chrono::seconds(10))
+      throw std::runtime_error("corvidd did not come up; see " + _folder + "/corvidd.log");
+    std::this_thread::sleep_for(std::chrono::microseconds(100));
+  }
+  _readyMillis =
+      std::chrono::duration<double, std::milli>(Clock::now() - daemon->started()).count();
+  return daemon;
+}
+
+std::vector<Arrival> Bench::takeArrivals() {
+  const std::lock_guard lock(_mutex);
+  return std::exchange(_arrivals, {});
+}
+
+}  // namespace corvid::bench
