@@ -19,8 +19,7 @@
 #include "platform/base/Log.h"
 #include "platform/base/Mutex.h"
 #include "platform/base/Reading.h"
-#include "platform/data/PropertyList.h"
-#include "platform/system/SmallFile.h"
+#include "platform/system/SettingsFile.h"
 
 namespace corvid {
 
@@ -34,11 +33,12 @@ template <class Entry>
 std::optional<AccountID> lookedUp(const std::string& name,
                                   int (*lookUp)(const char*, Entry*, char*, std::size_t, Entry**),
                                   AccountID Entry::*id) {
+  constexpr std::size_t largestEntry = std::size_t{1} << 20;
   std::vector<char> buffer(1024);
   Entry entry{};
   Entry* found = nullptr;
   while (lookUp(name.c_str(), &entry, buffer.data(), buffer.size(), &found) == ERANGE &&
-         buffer.size() < smallFileLimit)
+         buffer.size() < largestEntry)
     buffer.resize(buffer.size() * 4);
   if (found == nullptr) return std::nullopt;
   return found->*id;
@@ -133,26 +133,18 @@ std::vector<std::string> propertyListsIn(const std::string& folder) {
   return paths;
 }
 
-Result<Value> readPropertyList(const std::string& path) {
-  const Result<std::string> content = readSmallFile(path);
-  if (!content) return content.failure();
-  return parsePropertyList(content.value());
-}
-
 }  // namespace
 
 Dictionary entitlementsForPeer(const PeerIdentity& peer, const std::string& folder) {
   Dictionary entitlements;
   for (const std::string& path : propertyListsIn(folder)) {
-    const Result<Value> file = readPropertyList(path);
-    const Dictionary* content = file ? file.value().dictionary() : nullptr;
-    if (content == nullptr) {
-      logError("entitlementsForPeer: {} is passed over: {}", path,
-               file ? "Not a dictionary" : file.failure().message);
+    const Result<Dictionary> file = readDictionaryFile(path);
+    if (!file) {
+      logError("entitlementsForPeer: {}; going on without it", file.failure().message);
       continue;
     }
-    const Dictionary* entitled = dictionaryAt(*content, "entitlements");
-    if (entitled != nullptr && matches(*content, peer)) entitlements.addEntriesFrom(*entitled);
+    const Dictionary* entitled = dictionaryAt(file.value(), "entitlements");
+    if (entitled != nullptr && matches(file.value(), peer)) entitlements.addEntriesFrom(*entitled);
   }
   return entitlements;
 }

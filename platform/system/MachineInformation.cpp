@@ -11,7 +11,7 @@
 #include "platform/base/Reading.h"
 #include "platform/base/Text.h"
 #include "platform/data/Crypto.h"
-#include "platform/system/SmallFile.h"
+#include "platform/system/SettingsFile.h"
 
 namespace corvid {
 
@@ -32,7 +32,7 @@ constexpr std::string_view fillers[] = {
 
 // The first text in a firmware file; a device tree ends each text with a zero.
 std::optional<std::string> firmwareText(const std::string& path) {
-  const Result<std::string> content = readSmallFile(path);
+  const Result<std::string> content = readSettingsFile(path);
   if (!content) return std::nullopt;
   std::string_view text = content.value();
   text = text.substr(0, text.find('\0'));
@@ -71,11 +71,11 @@ class Machine {
 
  private:
   std::optional<std::string> assigned(const std::string& path, std::string_view name) const {
-    const Result<std::string> content = readSmallFile(_root + path);
+    const Result<std::string> content = readSettingsFile(_root + path);
     return content ? assignedValue(content.value(), name) : std::nullopt;
   }
   std::optional<std::string> osRelease(std::string_view name) const {
-    const Result<std::string> content = readSmallFile(_root + "/etc/os-release");
+    const Result<std::string> content = readSettingsFile(_root + "/etc/os-release");
     return content ? assignedValue(content.value(), name) : assigned("/usr/lib/os-release", name);
   }
   std::optional<std::string> dmi(std::string_view name) const {

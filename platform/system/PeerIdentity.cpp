@@ -11,7 +11,7 @@
 #include "platform/base/Descriptor.h"
 #include "platform/system/ControlGroup.h"
 #include "platform/system/Entitlements.h"
-#include "platform/system/SmallFile.h"
+#include "platform/system/SettingsFile.h"
 
 // Newer than the oldest headers this builds with.
 #ifndef SO_PEERPIDFD
@@ -76,7 +76,7 @@ bool isAlive(const Descriptor& process) {
 std::string unitOfProcess(int socket, pid_t pid, uid_t uid) {
   const Descriptor process = processDescriptor(socket, pid, uid);
   if (!process) return {};
-  const Result<std::string> groups = readSmallFile(fmt::format("/proc/{}/cgroup", pid));
+  const Result<std::string> groups = readSettingsFile(fmt::format("/proc/{}/cgroup", pid));
   return groups && isAlive(process) ? unitOfControlGroups(groups.value()) : std::string();
 }
 

@@ -66,7 +66,7 @@ std::optional<std::string> sandboxInit(const std::string& profileName, const Pat
   Result<SandboxProfile> profile = SandboxProfile::fromFile(
       file, {{"root", paths.root}, {"caFile", deployment.caFile.value_or(std::string())}});
   if (!profile)
-    return fmt::format("profile {}: {}; install the daemon's own profile there", file,
+    return fmt::format("profile {}; install the daemon's own profile there",
                        profile.failure().message);
   if (hasSanitizer)
     extendForSanitizers(profile.value());

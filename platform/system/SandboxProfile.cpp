@@ -6,8 +6,7 @@
 #include <string_view>
 #include <utility>
 
-#include "platform/data/PropertyList.h"
-#include "platform/system/SmallFile.h"
+#include "platform/system/SettingsFile.h"
 
 namespace corvid {
 
@@ -96,12 +95,10 @@ Refusal readKey(std::string_view key, const Value& value, const Placeholders& pl
 
 }  // namespace
 
-Result<SandboxProfile> SandboxProfile::fromPropertyList(const Value& value,
-                                                        const Placeholders& placeholders) {
-  const Dictionary* dictionary = value.dictionary();
-  if (dictionary == nullptr) return Failure{"not a dictionary"};
+Result<SandboxProfile> SandboxProfile::fromDictionary(const Dictionary& dictionary,
+                                                      const Placeholders& placeholders) {
   SandboxProfile profile;
-  for (const auto& [key, content] : *dictionary)
+  for (const auto& [key, content] : dictionary)
     if (Refusal refusal = readKey(key, content, placeholders, profile)) return std::move(*refusal);
   if (profile.systemCalls.empty()) return Failure{"'systemCalls' is missing or empty"};
   return profile;
@@ -109,11 +106,11 @@ Result<SandboxProfile> SandboxProfile::fromPropertyList(const Value& value,
 
 Result<SandboxProfile> SandboxProfile::fromFile(const std::string& path,
                                                 const Placeholders& placeholders) {
-  const Result<std::string> content = readSmallFile(path);
-  if (!content) return content.failure();
-  const Result<Value> value = parsePropertyList(content.value());
-  if (!value) return value.failure();
-  return fromPropertyList(value.value(), placeholders);
+  const Result<Dictionary> dictionary = readDictionaryFile(path);
+  if (!dictionary) return dictionary.failure();
+  Result<SandboxProfile> profile = fromDictionary(dictionary.value(), placeholders);
+  if (!profile) return Failure{path + ": " + profile.failure().message};
+  return profile;
 }
 
 }  // namespace corvid

@@ -31,8 +31,9 @@ struct SandboxProfile {
   std::vector<std::string> absentSystemCalls;
 
   // The failure says which key is wrong; an unknown one is.
-  static Result<SandboxProfile> fromPropertyList(const Value& value,
-                                                 const Placeholders& placeholders);
+  static Result<SandboxProfile> fromDictionary(const Dictionary& dictionary,
+                                               const Placeholders& placeholders);
+  // The failure names the file as well.
   static Result<SandboxProfile> fromFile(const std::string& path, const Placeholders& placeholders);
 };
 

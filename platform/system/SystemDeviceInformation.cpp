@@ -6,9 +6,8 @@
 
 #include "platform/base/Log.h"
 #include "platform/base/Reading.h"
-#include "platform/data/PropertyList.h"
 #include "platform/system/MachineInformation.h"
-#include "platform/system/SmallFile.h"
+#include "platform/system/SettingsFile.h"
 
 namespace corvid {
 
@@ -16,15 +15,6 @@ namespace {
 
 std::int64_t nanoseconds(const timespec& time) {
   return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
-}
-
-Result<Dictionary> readDictionary(const std::string& path) {
-  const Result<std::string> content = readSmallFile(path);
-  if (!content) return content.failure();
-  const Result<Value> value = parsePropertyList(content.value());
-  if (!value) return value.failure();
-  if (const Dictionary* dictionary = value.value().dictionary()) return *dictionary;
-  return Failure{"Not a dictionary"};
 }
 
 }  // namespace
@@ -53,11 +43,11 @@ void SystemDeviceInformation::updateDeviceAnswers() {
   _deviceFileVersion = version;
   _deviceAnswers = {};
   if (version == FileVersion{}) return;
-  Result<Dictionary> answers = readDictionary(_deviceFile);
+  Result<Dictionary> answers = readDictionaryFile(_deviceFile);
   if (answers)
     _deviceAnswers = std::move(answers).value();
   else
-    logError("deviceInformation: {} is passed over: {}", _deviceFile, answers.failure().message);
+    logError("deviceInformation: {}; going on without it", answers.failure().message);
 }
 
 }  // namespace corvid

@@ -5,7 +5,7 @@
 #include <ctime>
 #include <string_view>
 
-#include "platform/system/SmallFile.h"
+#include "platform/system/SettingsFile.h"
 
 namespace corvid {
 
@@ -38,7 +38,7 @@ std::optional<std::string> SystemLocale::countryCode() {
     if (const char* locale = std::getenv(variable))
       if (auto found = territory(locale)) return found;
 
-  const Result<std::string> file = readSmallFile(_localeFile);
+  const Result<std::string> file = readSettingsFile(_localeFile);
   if (!file) return std::nullopt;
   for (const char* variable : localeVariables)
     if (const auto locale = assignedValue(file.value(), variable))

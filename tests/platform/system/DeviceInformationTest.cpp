@@ -76,8 +76,8 @@ TEST_F(DeviceInformationTest, DamagedDeviceFileIsLoggedOnceAndCountsAsMissing) {
 TEST_F(DeviceInformationTest, DeviceFileThatIsNoDictionaryIsDamaged) {
   machine.write("device.plist", "<plist><array/></plist>");
   EXPECT_EQ(answer("ReleaseType"), std::nullopt);
-  EXPECT_TRUE(log.has(LogLevel::error,
-                      "deviceInformation: " + deviceFile + " is passed over: Not a dictionary"));
+  EXPECT_TRUE(log.has(LogLevel::error, "deviceInformation: " + deviceFile +
+                                           ": not a dictionary; going on without it"));
 }
 
 TEST_F(DeviceInformationTest, DamageOfAFormerDeviceFileDoesNotLast) {

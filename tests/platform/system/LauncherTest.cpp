@@ -21,14 +21,11 @@ using namespace std::chrono_literals;
 
 constexpr auto patience = 20s;
 
-const auto idle = [] { return false; };
-
 class LauncherTest : public testing::Test {
  protected:
-  std::future<int> runLoop(std::chrono::seconds idleExit, std::function<bool()> busy = idle) {
-    return std::async(std::launch::async, [this, idleExit, busy = std::move(busy)] {
-      return launcher.runLoop(idleExit, busy);
-    });
+  std::future<int> runLoop(std::chrono::seconds idleExit, const std::function<bool()>& busy) {
+    return std::async(std::launch::async,
+                      [this, idleExit, busy] { return launcher.runLoop(idleExit, busy); });
   }
 
   static bool hasEnded(const std::future<int>& loop) {

@@ -10,7 +10,7 @@
 #include "platform/base/Descriptor.h"
 #include "platform/system/ControlGroup.h"
 #include "platform/system/Entitlements.h"
-#include "platform/system/SmallFile.h"
+#include "platform/system/SettingsFile.h"
 #include "tests/platform/system/Scratch.h"
 
 namespace corvid {
@@ -90,7 +90,7 @@ TEST_F(PeerIdentityTest, TellsUserAndGroupsAtTheTimeOfTheConnection) {
 }
 
 TEST_F(PeerIdentityTest, TellsTheUnitOfALivingProcessOnly) {
-  const auto groups = readSmallFile("/proc/self/cgroup");
+  const auto groups = readSettingsFile("/proc/self/cgroup");
   ASSERT_TRUE(groups);
   const std::string ownUnit = unitOfControlGroups(groups.value());
   Client client = connectClient();

@@ -22,7 +22,7 @@
 
 #include "platform/base/Descriptor.h"
 #include "platform/system/Entitlements.h"
-#include "platform/system/SmallFile.h"
+#include "platform/system/SettingsFile.h"
 #include "platform/system/SystemDeviceInformation.h"
 #include "platform/system/SystemLocale.h"
 #include "tests/platform/system/SandboxFixture.h"
@@ -88,7 +88,7 @@ TEST_F(SandboxAllows, PreferencesToBeRewritten) {
           if (rename(draft.c_str(), file.c_str()) != 0) return 3;
           const Descriptor folder(open(paths.preferencesFolder.c_str(), O_RDONLY | O_DIRECTORY));
           if (fsync(folder.get()) != 0) return 4;
-          if (readSmallFile(file).value() != text) return 5;
+          if (readSettingsFile(file).value() != text) return 5;
         }
         return unlink(file.c_str()) == 0 && rmdir(paths.preferencesFolder.c_str()) == 0 ? 0 : 6;
       }),
@@ -119,10 +119,10 @@ TEST_F(SandboxAllows, TheServiceSocketToBeMadeAndClientsToBeIdentified) {
 
 TEST_F(SandboxAllows, ControlGroupsOfOtherProcessesToBeRead) {
   const std::string file = "/proc/" + std::to_string(getpid()) + "/cgroup";
-  const auto outside = readSmallFile(file);
+  const auto outside = readSettingsFile(file);
   ASSERT_TRUE(outside);
   EXPECT_EQ(inSandbox([&] {
-              const auto inside = readSmallFile(file);
+              const auto inside = readSettingsFile(file);
               return inside && inside.value() == outside.value() ? 0 : 1;
             }),
             0);
@@ -173,9 +173,9 @@ TEST_F(SandboxAllows, CertificatesToBeRead) {
   deployment.caFile = root.write("lab/ca.pem", "certificate");
   const bool hasSystemCertificates = std::filesystem::exists("/etc/ssl/certs/ca-certificates.crt");
   EXPECT_EQ(inSandbox([&] {
-              if (!readSmallFile(*deployment.caFile)) return 1;
+              if (!readSettingsFile(*deployment.caFile)) return 1;
               if (!hasSystemCertificates) return 0;
-              return readSmallFile("/etc/ssl/certs/ca-certificates.crt") ? 0 : 2;
+              return readSettingsFile("/etc/ssl/certs/ca-certificates.crt") ? 0 : 2;
             }),
             0);
 }

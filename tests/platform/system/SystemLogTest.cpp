@@ -32,13 +32,13 @@ void record(int priority, const char* format, va_list arguments) {
 }  // namespace
 
 extern "C" {
-void openlog(const char* identity, int options, int facility) noexcept {
+void openlog(const char* identity, int options, int facility) {
   calls.identity = identity;
   calls.options = options;
   calls.facility = facility;
   calls.isOpen = true;
 }
-void closelog() noexcept { calls.isOpen = false; }
+void closelog() { calls.isOpen = false; }
 void syslog(int priority, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);

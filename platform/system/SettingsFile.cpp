@@ -1,19 +1,12 @@
-#include "platform/system/SmallFile.h"
+#include "platform/system/SettingsFile.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-
-#include <cerrno>
-#include <cstring>
-
-#include "platform/base/Descriptor.h"
 #include "platform/base/Text.h"
+#include "platform/data/LocalFileSystem.h"
+#include "platform/data/PropertyList.h"
 
 namespace corvid {
 
 namespace {
-
-Failure systemFailure(int error) { return {std::strerror(error), error}; }
 
 std::string_view trimmed(std::string_view text) {
   const auto first = text.find_first_not_of(" \t\r");
@@ -40,27 +33,18 @@ std::string unquoted(std::string_view word) {
 
 }  // namespace
 
-Result<std::string> readSmallFile(const std::string& path, std::size_t limit) {
-  const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-  if (!file) return systemFailure(errno);
-  struct stat status {};
-  if (fstat(file.get(), &status) != 0) return systemFailure(errno);
-  if (S_ISDIR(status.st_mode)) return systemFailure(EISDIR);
-  if (!S_ISREG(status.st_mode)) return Failure{"Not a regular file", EINVAL};
+Result<std::string> readSettingsFile(const std::string& path) {
+  constexpr std::size_t limit = std::size_t{1} << 20;
+  return LocalFileSystem().readFile(path, limit);
+}
 
-  // The size is no help: the kernel's own files say 0 or a page.
-  std::string content;
-  for (;;) {
-    char buffer[4096];
-    const ssize_t count = read(file.get(), buffer, sizeof buffer);
-    if (count == 0) return content;
-    if (count < 0) {
-      if (errno == EINTR) continue;
-      return systemFailure(errno);
-    }
-    content.append(buffer, static_cast<std::size_t>(count));
-    if (content.size() > limit) return systemFailure(EFBIG);
-  }
+Result<Dictionary> readDictionaryFile(const std::string& path) {
+  const Result<std::string> content = readSettingsFile(path);
+  if (!content) return content.failure();
+  const Result<Value> value = parsePropertyList(content.value());
+  if (!value) return Failure{path + ": " + value.failure().message};
+  if (const Dictionary* dictionary = value.value().dictionary()) return *dictionary;
+  return Failure{path + ": not a dictionary"};
 }
 
 std::optional<std::string> assignedValue(std::string_view text, std::string_view name) {

@@ -1,20 +1,20 @@
-// Reads small configuration files and what the kernel shows as files.
+// Reads property lists of settings, and the machine's own small files.
 #pragma once
 
-#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "platform/base/Result.h"
+#include "platform/base/Value.h"
 
 namespace corvid {
 
-inline constexpr std::size_t smallFileLimit = std::size_t{1} << 20;
+// The whole content of a regular file of moderate size; failures as in FileSystem::readFile.
+Result<std::string> readSettingsFile(const std::string& path);
 
-// The whole content of a regular file of at most `limit` bytes. Anything else is a failure, whose
-// code is the system error number. Never blocks on what is no regular file.
-Result<std::string> readSmallFile(const std::string& path, std::size_t limit = smallFileLimit);
+// The dictionary in a property list. The failure names the file and what is wrong with it.
+Result<Dictionary> readDictionaryFile(const std::string& path);
 
 // The value of `name` in a text of shell-like assignments such as os-release or locale.conf: the
 // last one counts, quotes and backslashes are taken away. Nothing where it is missing or empty.
