@@ -53,7 +53,20 @@ Dictionary::Dictionary(std::initializer_list<Entry> entries) {
   for (const Entry& entry : entries) set(entry.key, entry.value);
 }
 
+namespace {
+
+// One of 64 bits: short keys differ in length, middle and end most of all.
+std::uint64_t markOf(std::string_view key) {
+  if (key.empty()) return 1;
+  const std::size_t middle = static_cast<unsigned char>(key[key.size() / 2]);
+  const std::size_t end = static_cast<unsigned char>(key.back());
+  return std::uint64_t{1} << ((key.size() * 5 + middle * 11 + end * 3) % 64);
+}
+
+}  // namespace
+
 std::size_t Dictionary::position(std::string_view key) const {
+  if ((_marks & markOf(key)) == 0) return _entries.size();
   if (_index.empty()) {
     for (std::size_t i = 0; i < _entries.size(); ++i)
       if (_entries[i].key == key) return i;
@@ -77,6 +90,7 @@ void Dictionary::set(std::string key, Value value) {
     _entries[at].value = std::move(value);
     return;
   }
+  _marks |= markOf(key);
   _entries.push_back({std::move(key), std::move(value)});
   if (_entries.size() < indexThreshold) return;
   if (_index.size() < _entries.size() * 2)

@@ -124,6 +124,7 @@ class Dictionary {
   void insertIntoIndex(std::size_t entry);
 
   std::vector<Entry> _entries;
+  std::uint64_t _marks = 0;  // a bit for each key that is or was there: most misses end at it
   std::vector<std::uint32_t> _index;  // open addressing, entry number + 1; empty below the threshold
 };
 

@@ -64,6 +64,15 @@ TEST(Dictionary, ErasesAndStillFindsTheRest) {
   for (int i = 0; i < 200; ++i) EXPECT_EQ(dictionary.contains(std::to_string(i)), i % 2 == 1);
 }
 
+TEST(Dictionary, AnEmptyKeyIsAKeyLikeAnyOther) {
+  Dictionary dictionary{{"a", 1}};
+  EXPECT_FALSE(dictionary.contains(""));
+  dictionary.set("", 2);
+  EXPECT_EQ(*dictionary.find(""), Value(2));
+  EXPECT_TRUE(dictionary.erase(""));
+  EXPECT_FALSE(dictionary.contains(""));
+}
+
 TEST(Dictionary, TransformChangesAndDropsEntries) {
   Dictionary dictionary{{"keep", 1}, {"drop", 2}};
   dictionary.transformEntries([](const std::string& key, Value& value) {
