@@ -24,29 +24,63 @@ FilterTag tagFor(const Dictionary& filter) {
           .action = actionNamed(stringAt(filter, "action"))};
 }
 
-bool isASCII(std::string_view text) {
-  return std::none_of(text.begin(), text.end(),
-                      [](char c) { return static_cast<unsigned char>(c) >= 0x80; });
+constexpr std::uint64_t everyByte(std::uint8_t byte) { return 0x0101010101010101u * byte; }
+
+template <class Word>
+std::uint64_t wordAt(const char* from) {
+  Word word;
+  std::memcpy(&word, from, sizeof word);
+  return word;
 }
 
-// A hash of the length and the two ends. Setting bit 5 makes both cases of an ASCII letter the
-// same; that it takes a few other characters together too costs a comparison at most.
-std::size_t hashOfEnds(std::string_view text) {
-  constexpr std::uint64_t caseBits = 0x2020202020202020;
+// The first and the last eight bytes, which overlap in between; of fewer than eight bytes a mix
+// that holds each of them.
+struct Ends {
+  explicit Ends(std::string_view text) {
+    const char* const end = text.data() + text.size();
+    if (text.size() >= 8) {
+      first = wordAt<std::uint64_t>(text.data());
+      last = wordAt<std::uint64_t>(end - 8);
+    } else if (text.size() >= 4) {
+      first = wordAt<std::uint32_t>(text.data());
+      last = wordAt<std::uint32_t>(end - 4);
+    } else {
+      for (const char c : text) first = first << 8 | static_cast<unsigned char>(c);
+    }
+  }
   std::uint64_t first = 0;
   std::uint64_t last = 0;
-  const std::size_t length = std::min(text.size(), sizeof first);
-  std::memcpy(&first, text.data(), length);
-  std::memcpy(&last, text.data() + text.size() - length, length);
-  std::uint64_t hash = ((first | caseBits) + text.size()) * 0x9E3779B97F4A7C15;
-  hash = (hash ^ (hash >> 32) ^ (last | caseBits)) * 0xC2B2AE3D27D4EB4F;
+};
+
+bool isASCII(std::string_view text, const Ends& ends) {
+  std::uint64_t bytes = ends.first | ends.last;
+  for (std::size_t at = 8; at + 8 < text.size(); at += 8)
+    bytes |= wordAt<std::uint64_t>(text.data() + at);
+  return (bytes & everyByte(0x80)) == 0;
+}
+
+// Setting bit 5 makes both cases of an ASCII letter the same; that it takes a few other characters
+// together too costs a comparison at most.
+std::size_t hashOf(std::string_view text, const Ends& ends) {
+  constexpr std::uint64_t caseBits = everyByte(0x20);
+  std::uint64_t hash = ((ends.first | caseBits) + text.size()) * 0x9E3779B97F4A7C15;
+  hash = (hash ^ (hash >> 32) ^ (ends.last | caseBits)) * 0xC2B2AE3D27D4EB4F;
   return static_cast<std::size_t>(hash ^ (hash >> 29));
+}
+
+// Equal for keys that are equal ignoring case.
+std::size_t foldingHash(std::string_view key) {
+  const Ends ends(key);
+  if (isASCII(key, ends)) [[likely]]
+    return hashOf(key, ends);
+  const std::string folded = caseFolded(key);
+  return hashOf(folded, Ends(folded));
 }
 
 }  // namespace
 
 std::size_t EventFilters::FoldingHash::operator()(std::string_view key) const {
-  return isASCII(key) ? hashOfEnds(key) : hashOfEnds(caseFolded(key));
+  return foldingHash(key);
 }
 
 bool EventFilters::FoldingEqual::operator()(std::string_view a, std::string_view b) const {
@@ -57,12 +91,15 @@ EventFilters::EventFilters(const Array& filters) {
   for (const Value& item : filters) {
     const Dictionary* filter = item.dictionary();
     const std::string* key = filter ? stringAt(*filter, "key") : nullptr;
-    if (key != nullptr) _filters[*key].push_back(tagFor(*filter));
+    if (key == nullptr) continue;
+    _filters[*key].push_back(tagFor(*filter));
+    _mayHave.set(foldingHash(*key) % _mayHave.size());
   }
 }
 
 FilterAction EventFilters::actionFor(std::string_view key, std::int32_t method,
                                      std::int32_t status) const {
+  if (!_mayHave[foldingHash(key) % _mayHave.size()]) return FilterAction::keep;
   const auto found = _filters.find(key);
   if (found == _filters.end()) return FilterAction::keep;
   for (const FilterTag& tag : found->second)

@@ -1,6 +1,7 @@
 // The filters of a storebag entry: which keys of a record leave the device, and in which form.
 #pragma once
 
+#include <bitset>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -51,6 +52,8 @@ class EventFilters {
   FilterAction actionFor(std::string_view key, std::int32_t method, std::int32_t status) const;
 
   std::unordered_map<std::string, std::vector<FilterTag>, FoldingHash, FoldingEqual> _filters;
+  // By hash: keys that no filter names, which most are, need no look-up.
+  std::bitset<256> _mayHave;
 };
 
 }  // namespace corvid
