@@ -39,7 +39,7 @@ Result<std::string> socketOption(int socket, int option) {
 
 std::vector<gid_t> peerGroups(int socket) {
   const Result<std::string> bytes = socketOption(socket, SO_PEERGROUPS);
-  if (!bytes) return {};
+  if (!bytes || bytes.value().empty()) return {};
   std::vector<gid_t> groups(bytes.value().size() / sizeof(gid_t));
   std::memcpy(groups.data(), bytes.value().data(), groups.size() * sizeof(gid_t));
   return groups;

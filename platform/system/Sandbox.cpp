@@ -16,23 +16,20 @@ namespace corvid {
 
 namespace {
 
-// Sanitizers look around in the process and symbolise what they find.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define CORVID_HAS_SANITIZER 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define CORVID_HAS_SANITIZER 1
-#endif
-#endif
-#ifdef CORVID_HAS_SANITIZER
 constexpr bool hasSanitizer = true;
+#elif defined(__has_feature)
+constexpr bool hasSanitizer = __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
 #else
 constexpr bool hasSanitizer = false;
 #endif
 
-void extendForSanitizers(SandboxProfile& profile) {
+// A sanitizer reads the program's file to name what it found, and searches for leaks from a process
+// of its own. This is a matter of the build, so that no profile can give these rights by mistake.
+void extendForSanitizer(SandboxProfile& profile) {
+  profile.hasSanitizer = true;
   profile.readOnlyPaths.emplace_back("/proc/self/exe");
-  for (const char* name : {"kill"}) profile.systemCalls.emplace_back(name);
+  for (const char* name : {"getdents", "ptrace", "wait4"}) profile.systemCalls.emplace_back(name);
 }
 
 // What /proc does not tell is taken to be well.
@@ -69,7 +66,7 @@ std::optional<std::string> sandboxInit(const std::string& profileName, const Pat
     return fmt::format("profile {}; install the daemon's own profile there",
                        profile.failure().message);
   if (hasSanitizer)
-    extendForSanitizers(profile.value());
+    extendForSanitizer(profile.value());
   else if (!isOnlyThread())
     return "the process has other threads already, which would stay outside";
   if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0)

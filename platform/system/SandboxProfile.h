@@ -29,6 +29,8 @@ struct SandboxProfile {
   std::vector<std::string> systemCalls;
   // System calls that look missing, so that libraries quietly do without them.
   std::vector<std::string> absentSystemCalls;
+  // No key: a sanitizer is built in, whose search for leaks starts a process that traces this one.
+  bool hasSanitizer = false;
 
   // The failure says which key is wrong; an unknown one is.
   static Result<SandboxProfile> fromDictionary(const Dictionary& dictionary,

@@ -71,6 +71,10 @@ std::vector<HarmlessForm> harmlessForms(const SandboxProfile& profile) {
       {"ioctl", {is(1, TCGETS)}},
   };
   addSockets(profile, forms);
+  if (profile.hasSanitizer) {
+    forms.push_back({"clone", {has(0, newNamespaces, 0)}});
+    forms.push_back({"prctl", {}});
+  }
   return forms;
 }
 

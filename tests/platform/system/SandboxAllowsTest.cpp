@@ -20,6 +20,10 @@
 #include <cstring>
 #include <thread>
 
+#ifdef __SANITIZE_ADDRESS__
+#include <sanitizer/lsan_interface.h>
+#endif
+
 #include "platform/base/Descriptor.h"
 #include "platform/system/Entitlements.h"
 #include "platform/system/SettingsFile.h"
@@ -309,6 +313,16 @@ TEST_F(SandboxAllows, NamesToBeLookedUpWithAServer) {
             }),
             0);
 }
+
+#ifdef __SANITIZE_ADDRESS__
+TEST_F(SandboxAllows, TheSanitizerToSearchForLeaks) {
+  EXPECT_EQ(inSandbox([] {
+              std::thread([] { [[maybe_unused]] volatile const auto* lost = new int[100]; }).join();
+              return __lsan_do_recoverable_leak_check() != 0 ? 0 : 1;
+            }),
+            0);
+}
+#endif
 
 }  // namespace
 }  // namespace corvid
