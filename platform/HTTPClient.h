@@ -16,9 +16,9 @@ using HTTPHeaders = std::vector<std::pair<std::string, std::string>>;
 
 struct HTTPRequest {
   std::string method = "GET";
-  std::string url;
-  HTTPHeaders headers;  // sent as given, in this order as far as the protocol keeps one
-  std::string body;     // sent when the method is POST
+  std::string url{};
+  HTTPHeaders headers{};  // sent as given, in this order as far as the protocol keeps one
+  std::string body{};     // sent when the method is POST
   std::chrono::milliseconds timeout{60'000};  // for the whole exchange
   // Read and dropped when false: the response then has no body.
   bool wantsBody = true;
@@ -26,8 +26,8 @@ struct HTTPRequest {
 
 struct HTTPResponse {
   int status = 0;
-  HTTPHeaders headers;
-  std::string body;
+  HTTPHeaders headers{};
+  std::string body{};
 
   // The last value of the header, found without regard to case.
   std::optional<std::string> header(std::string_view name) const;

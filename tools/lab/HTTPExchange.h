@@ -45,7 +45,7 @@ struct Answer {
   std::optional<std::string> raw{};           // these bytes instead of all, then the end
   bool endless = false;  // the body over and over, without a length, until the peer goes
   bool silent = false;   // nothing at all; the connection stays open until the peer goes
-  bool hangUp = false;   // ends the connection after the answer without having said so
+  bool hangUp = false;   // ends the connection properly after the answer, without announcing it
 
   static Answer redirect(std::string location, int status = 302);
 };

@@ -101,9 +101,10 @@ bool HTTPServerConnection::misbehave() {
 void HTTPServerConnection::serve() {
   while (const auto request = readRequest()) {
     ++_surroundings.requests;
-    if (!send(_surroundings.handler(*request))) return;
+    const Answer answer = _surroundings.handler(*request);
+    if (!send(answer)) return;
     const auto wish = request->header("Connection");
-    if (wish && equalsIgnoringCase(*wish, "close")) return _stream.finish();
+    if (answer.hangUp || (wish && equalsIgnoringCase(*wish, "close"))) return _stream.finish();
   }
 }
 
@@ -183,8 +184,8 @@ bool HTTPServerConnection::send(const Answer& answer) {
     return false;
   }
   const bool isPlain = !answer.drip && !answer.cutBodyAfter && !answer.endless;
-  if (isPlain) return _stream.write(head += answer.body) && !answer.hangUp;
-  return _stream.write(head) && sendBody(answer) && !answer.cutBodyAfter && !answer.hangUp;
+  if (isPlain) return _stream.write(head += answer.body);
+  return _stream.write(head) && sendBody(answer) && !answer.cutBodyAfter;
 }
 
 bool HTTPServerConnection::sendBody(const Answer& answer) {

@@ -32,6 +32,12 @@ void require(bool done, const std::string& what) {
   if (!done) throw std::runtime_error("cannot make a TLS identity: " + what);
 }
 
+std::uint32_t randomNumber() {
+  std::uint32_t number = 0;
+  require(RAND_bytes(reinterpret_cast<unsigned char*>(&number), sizeof number) == 1, "number");
+  return number;
+}
+
 struct Subject {
   const char* commonName;
   const char* hosts = nullptr;  // none: a certificate authority
@@ -58,10 +64,8 @@ Pair makePair(const Subject& subject, const Pair* authority) {
   X509* certificate = pair.certificate.get();
   require(pair.key && certificate, "key");
 
-  std::uint32_t serial = 0;
-  require(RAND_bytes(reinterpret_cast<unsigned char*>(&serial), sizeof serial) == 1, "serial");
   X509_set_version(certificate, X509_VERSION_3);
-  ASN1_INTEGER_set_uint64(X509_get_serialNumber(certificate), serial);
+  ASN1_INTEGER_set_uint64(X509_get_serialNumber(certificate), randomNumber());
   X509_gmtime_adj(X509_getm_notBefore(certificate), subject.validFrom);
   X509_gmtime_adj(X509_getm_notAfter(certificate), subject.validUntil);
   X509_NAME_add_entry_by_txt(X509_get_subject_name(certificate), "CN", MBSTRING_UTF8,
@@ -129,7 +133,9 @@ bool TLSIdentity::isComplete() const {
 
 void TLSIdentity::make() const {
   std::filesystem::create_directories(_folder);
-  const Pair authority = makePair({.commonName = "corvid-lab authority"}, nullptr);
+  // Authorities of one name would be taken for each other.
+  const std::string name = "corvid-lab authority " + std::to_string(randomNumber());
+  const Pair authority = makePair({.commonName = name.c_str()}, nullptr);
   writePair(makePair({"localhost", kLoopbackNames}, &authority), server());
   writePair(makePair({"localhost", kLoopbackNames, -2 * kDay, -kDay}, &authority), expired());
   writePair(makePair({"elsewhere.invalid", "DNS:elsewhere.invalid"}, &authority), wrongHost());

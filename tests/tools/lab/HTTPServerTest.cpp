@@ -26,9 +26,13 @@ struct Got {
   std::string body;
 };
 
+constexpr std::size_t kBodyLimit = 8'000'000;
+
+// Goes away after the limit.
 std::size_t append(char* data, std::size_t, std::size_t size, void* text) {
-  static_cast<std::string*>(text)->append(data, size);
-  return size;
+  auto& whole = *static_cast<std::string*>(text);
+  whole.append(data, size);
+  return whole.size() > kBodyLimit ? 0 : size;
 }
 
 // A client that keeps its connection from one transfer to the next.
@@ -194,17 +198,16 @@ TEST_P(HTTPServerTest, AnswersWithoutABodyWhereTheStatusHasNone) {
 
 TEST_P(HTTPServerTest, NeverAnswersWhenSilent) {
   serve(Answer{.silent = true});
-  peer->timeout = 100ms;
+  peer->timeout = 1s;
   EXPECT_EQ(peer->get(server->url()).code, CURLE_OPERATION_TIMEDOUT);
   EXPECT_EQ(server->requestsReceived(), 1u);
 }
 
 TEST_P(HTTPServerTest, SendsAnEndlessBodyUntilThePeerGoes) {
   serve(Answer{.endless = true});
-  peer->timeout = 100ms;
   const Got got = peer->get(server->url());
-  EXPECT_EQ(got.code, CURLE_OPERATION_TIMEDOUT);
-  EXPECT_GT(got.body.size(), 64u * 1024);
+  EXPECT_EQ(got.code, CURLE_WRITE_ERROR);
+  EXPECT_GT(got.body.size(), kBodyLimit);
 }
 
 TEST_P(HTTPServerTest, HangsUpUnannouncedAfterAnAnswer) {
@@ -215,14 +218,15 @@ TEST_P(HTTPServerTest, HangsUpUnannouncedAfterAnAnswer) {
 
 TEST_P(HTTPServerTest, MisbehavesBeforeTheFirstRequest) {
   serve(Answer{});
-  peer->timeout = 200ms;
   for (const auto fault :
        {ConnectionFault::hangUp, ConnectionFault::garbage, ConnectionFault::neverSpeaks}) {
     server->setConnectionFault(fault);
+    peer->timeout = fault == ConnectionFault::neverSpeaks ? 200ms : 20s;
     EXPECT_NE(peer->get(server->url()).status, 200) << static_cast<int>(fault);
   }
   EXPECT_EQ(server->requestsReceived(), 0u);
   server->setConnectionFault(ConnectionFault::none);
+  peer->timeout = 20s;
   EXPECT_EQ(peer->get(server->url()).status, 200);
 }
 

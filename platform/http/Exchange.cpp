@@ -1,0 +1,114 @@
+#include "platform/http/Exchange.h"
+
+#include <curl/curl.h>
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "platform/base/Text.h"
+
+namespace corvid {
+namespace {
+
+using namespace std::literals;
+
+constexpr std::chrono::milliseconds kLongestTimeout = std::chrono::hours(24);
+
+struct URLParts {
+  std::string_view scheme;
+  std::string_view authority;
+};
+
+std::optional<URLParts> partsOf(std::string_view url) {
+  const auto separator = url.find("://");
+  if (separator == url.npos) return std::nullopt;
+  std::string_view authority = url.substr(separator + 3);
+  authority = authority.substr(0, authority.find_first_of("/?#"));
+  if (authority.empty()) return std::nullopt;
+  return URLParts{url.substr(0, separator), authority};
+}
+
+// These names are known to belong to nobody, so the resolver need not be asked.
+bool isInvalidName(std::string_view authority) {
+  constexpr auto ending = ".invalid"sv;
+  const std::string_view name = authority.substr(0, authority.find(':'));
+  return name.size() > ending.size() &&
+         equalsIgnoringCase(name.substr(name.size() - ending.size()), ending);
+}
+
+bool isHeaderName(std::string_view name) {
+  return !name.empty() && std::ranges::all_of(name, [](unsigned char c) {
+    return c > ' ' && c < 0x7f && c != ':' && c != ';';
+  });
+}
+
+bool isHeaderValue(std::string_view value) { return value.find_first_of("\r\n\0"sv) == value.npos; }
+
+bool isBlank(std::string_view value) { return value.find_first_not_of(" \t") == value.npos; }
+
+void appendLine(std::string& lines, std::string_view name, std::string_view separator,
+                std::string_view value) {
+  lines.append(name).append(separator).append(value).push_back('\0');
+}
+
+bool contains(const HTTPHeaders& headers, std::string_view name) {
+  return std::ranges::any_of(headers, [name](const auto& header) {
+    return header.first.size() == name.size() &&
+           curl_strnequal(header.first.data(), name.data(), name.size());
+  });
+}
+
+std::string headerLinesFor(const HTTPHeaders& headers) {
+  constexpr std::string_view kAddedByLibrary[] = {"Accept", "Content-Type", "Expect"};
+  std::string lines;
+  std::size_t size = 64;
+  for (const auto& [name, value] : headers) size += name.size() + value.size() + 3;
+  lines.reserve(size);
+  for (const auto& [name, value] : headers)
+    isBlank(value) ? appendLine(lines, name, ";", "") : appendLine(lines, name, ": ", value);
+  for (const auto name : kAddedByLibrary)
+    if (!contains(headers, name)) appendLine(lines, name, ":", "");
+  return lines;
+}
+
+}  // namespace
+
+HTTPOutcome failedOutcome(int code, std::string description) {
+  return {std::nullopt, HTTPError{code, std::move(description)}};
+}
+
+std::variant<Exchange, HTTPError> makeExchange(HTTPRequest request, bool allowInsecureHTTP,
+                                               Exchange::Time now) {
+  const auto parts = partsOf(request.url);
+  if (!parts) return HTTPError{CURLE_URL_MALFORMAT, "not a URL of a host"};
+  const auto refuse = [&](CURLcode code, std::string_view why) {
+    return HTTPError{code, fmt::format("{}: {}", parts->authority, why)};
+  };
+  if (parts->authority.find('@') != std::string_view::npos)
+    return HTTPError{CURLE_LOGIN_DENIED, "a URL with a user name is not sent"};
+  if (equalsIgnoringCase(parts->scheme, "http")) {
+    if (!allowInsecureHTTP)
+      return refuse(CURLE_UNSUPPORTED_PROTOCOL, "plain http is not allowed, only https");
+  } else if (!equalsIgnoringCase(parts->scheme, "https")) {
+    return refuse(CURLE_UNSUPPORTED_PROTOCOL, "the URL is neither https nor http");
+  }
+  if (request.method != "GET" && request.method != "POST")
+    return refuse(CURLE_BAD_FUNCTION_ARGUMENT, "the method is neither GET nor POST");
+  for (const auto& [name, value] : request.headers)
+    if (!isHeaderName(name) || !isHeaderValue(value))
+      return refuse(CURLE_BAD_FUNCTION_ARGUMENT, "a header cannot be sent as given");
+  if (isInvalidName(parts->authority))
+    return refuse(CURLE_COULDNT_RESOLVE_HOST, "the name belongs to no host");
+
+  Exchange exchange;
+  exchange.host = parts->authority;
+  exchange.url = std::move(request.url);
+  exchange.headerLines = headerLinesFor(request.headers);
+  exchange.isPost = request.method == "POST";
+  if (exchange.isPost) exchange.body = std::move(request.body);
+  exchange.wantsBody = request.wantsBody;
+  exchange.deadline = now + std::min(request.timeout, kLongestTimeout);
+  return exchange;
+}
+
+}  // namespace corvid

@@ -1,0 +1,37 @@
+// A request on its way, packed so that many can wait.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <variant>
+
+#include "platform/HTTPClient.h"
+
+namespace corvid {
+
+struct Exchange {
+  using Time = std::chrono::steady_clock::time_point;
+
+  std::string url;
+  std::string host;  // with the port, where the URL names one
+  // Header lines, each ended by a NUL: those given and, without a value, those that libcurl would
+  // add unasked.
+  std::string headerLines;
+  std::string body;
+  bool isPost = false;
+  bool wantsBody = true;
+  Time deadline;
+  HTTPCompletion completion;
+
+  std::size_t size() const { return url.size() + headerLines.size() + body.size(); }
+};
+
+// The exchange for `request`, without a completion; or why the request cannot be sent at all.
+std::variant<Exchange, HTTPError> makeExchange(HTTPRequest request, bool allowInsecureHTTP,
+                                               Exchange::Time now);
+
+HTTPOutcome failedOutcome(int code, std::string description);
+
+}  // namespace corvid

@@ -1,0 +1,74 @@
+#include "platform/http/ExchangeQueue.h"
+
+#include <algorithm>
+#include <iterator>
+
+namespace corvid {
+
+void ExchangeQueue::add(Exchange exchange) {
+  _nextDeadline = std::min(_nextDeadline, exchange.deadline);
+  ++_waiting;
+  _bytes += exchange.size();
+  auto& waiting = _hosts[exchange.host].waiting;
+  waiting.push_back(std::move(exchange));
+}
+
+std::optional<Exchange> ExchangeQueue::next() {
+  if (_waiting == 0) return std::nullopt;
+  const auto hasTurn = [this](const Hosts::value_type& entry) {
+    return !entry.second.waiting.empty() && entry.second.active < _limits.activePerHost;
+  };
+  const auto start = _hosts.upper_bound(_servedLast);
+  auto found = std::find_if(start, _hosts.end(), hasTurn);
+  if (found == _hosts.end()) {
+    found = std::find_if(_hosts.begin(), start, hasTurn);
+    if (found == start) return std::nullopt;
+  }
+  _servedLast = found->first;
+  ++found->second.active;
+  return takeFirst(found->second);
+}
+
+void ExchangeQueue::finished(const std::string& host) {
+  const auto found = _hosts.find(host);
+  if (--found->second.active == 0 && found->second.waiting.empty()) _hosts.erase(found);
+}
+
+std::vector<Exchange> ExchangeQueue::removeExpired(Exchange::Time now) {
+  std::vector<Exchange> expired;
+  if (_nextDeadline > now) return expired;
+  _nextDeadline = Exchange::Time::max();
+  for (auto entry = _hosts.begin(); entry != _hosts.end();) {
+    auto& waiting = entry->second.waiting;
+    for (auto exchange = waiting.begin(); exchange != waiting.end();) {
+      if (exchange->deadline > now) {
+        _nextDeadline = std::min(_nextDeadline, exchange->deadline);
+        ++exchange;
+      } else {
+        --_waiting;
+        _bytes -= exchange->size();
+        expired.push_back(std::move(*exchange));
+        exchange = waiting.erase(exchange);
+      }
+    }
+    const bool isDone = waiting.empty() && entry->second.active == 0;
+    entry = isDone ? _hosts.erase(entry) : std::next(entry);
+  }
+  return expired;
+}
+
+std::optional<Exchange::Time> ExchangeQueue::nextDeadline() const {
+  if (_waiting == 0) return std::nullopt;
+  return _nextDeadline;
+}
+
+Exchange ExchangeQueue::takeFirst(Host& host) {
+  Exchange exchange = std::move(host.waiting.front());
+  host.waiting.pop_front();
+  --_waiting;
+  _bytes -= exchange.size();
+  if (_waiting == 0) _nextDeadline = Exchange::Time::max();
+  return exchange;
+}
+
+}  // namespace corvid

@@ -1,0 +1,60 @@
+// Exchanges that wait for a connection.
+#pragma once
+
+#include <cstddef>
+#include <list>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/http/Exchange.h"
+
+namespace corvid {
+
+// First come, first served for each host; the hosts take turns, so that one which does not answer
+// holds up nobody else. A value class without a clock or a lock of its own.
+class ExchangeQueue {
+ public:
+  struct Limits {
+    std::size_t exchanges;
+    std::size_t bytes;  // an exchange that finds less waiting is let in whatever its size
+    std::size_t activePerHost;
+  };
+
+  explicit ExchangeQueue(Limits limits) : _limits(limits) {}
+
+  bool isFull() const { return _waiting >= _limits.exchanges || _bytes >= _limits.bytes; }
+  // Only when not full.
+  void add(Exchange exchange);
+
+  // The next one whose host has room; it counts as active until finished(host).
+  std::optional<Exchange> next();
+  void finished(const std::string& host);
+
+  // Takes those out whose deadline is not after `now`.
+  std::vector<Exchange> removeExpired(Exchange::Time now);
+  std::vector<Exchange> removeAll() { return removeExpired(Exchange::Time::max()); }
+  // No deadline of a waiting exchange is before it; absent when none waits.
+  std::optional<Exchange::Time> nextDeadline() const;
+
+  std::size_t waiting() const { return _waiting; }
+
+ private:
+  struct Host {
+    std::size_t active = 0;
+    std::list<Exchange> waiting;
+  };
+  using Hosts = std::map<std::string, Host>;
+
+  Exchange takeFirst(Host& host);
+
+  const Limits _limits;
+  Hosts _hosts;  // those with something active or waiting
+  std::string _servedLast;
+  std::size_t _waiting = 0;
+  std::size_t _bytes = 0;
+  Exchange::Time _nextDeadline = Exchange::Time::max();
+};
+
+}  // namespace corvid

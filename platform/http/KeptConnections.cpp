@@ -1,0 +1,40 @@
+#include "platform/http/KeptConnections.h"
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+
+namespace corvid {
+
+void KeptConnections::add(CURL* handle) {
+  curl_socket_t socket = CURL_SOCKET_BAD;
+  const char* serverAddress = nullptr;
+  long serverPort = 0;
+  long localPort = 0;
+  curl_easy_getinfo(handle, CURLINFO_ACTIVESOCKET, &socket);
+  curl_easy_getinfo(handle, CURLINFO_PRIMARY_IP, &serverAddress);
+  curl_easy_getinfo(handle, CURLINFO_PRIMARY_PORT, &serverPort);
+  curl_easy_getinfo(handle, CURLINFO_LOCAL_PORT, &localPort);
+  if (socket == CURL_SOCKET_BAD || !serverAddress) return;  // not kept
+
+  const auto known = std::ranges::find(_connections, socket, &Connection::socket);
+  auto& connection = known != _connections.end() ? *known : _connections.emplace_back();
+  connection.socket = socket;
+  connection.serverAddress = serverAddress;
+  connection.serverPort = serverPort;
+  connection.localPort = localPort;
+}
+
+bool KeptConnections::isClosed(const char* serverAddress, int serverPort, int localPort) const {
+  const auto known = std::ranges::find_if(_connections, [&](const Connection& connection) {
+    return connection.localPort == localPort && connection.serverPort == serverPort &&
+           connection.serverAddress == serverAddress;
+  });
+  if (known == _connections.end()) return false;
+  char byte;
+  const auto count = ::recv(known->socket, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+  return count >= 0 || (errno != EAGAIN && errno != EINTR);
+}
+
+}  // namespace corvid

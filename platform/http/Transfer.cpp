@@ -1,0 +1,197 @@
+#include "platform/http/Transfer.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <new>
+
+#include "platform/http/CurlHTTPClient.h"
+
+namespace corvid {
+namespace {
+
+// Options are set with constants of the right type, so that only the lack of memory can fail.
+template <class T>
+void set(CURL* handle, CURLoption option, T value) {
+  if (curl_easy_setopt(handle, option, value) == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
+}
+
+std::string_view withoutBlanks(std::string_view text) {
+  const auto first = text.find_first_not_of(" \t\r\n");
+  if (first == text.npos) return {};
+  return text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
+}
+
+}  // namespace
+
+Transfer::Transfer(const std::optional<std::string>& caFile, KeptConnections& keptConnections)
+    : _keptConnections(keptConnections), _handle(curl_easy_init()) {
+  CURL* const handle = _handle.get();
+  if (!handle) throw std::bad_alloc();
+  set(handle, CURLOPT_PRIVATE, static_cast<void*>(this));
+  set(handle, CURLOPT_NOSIGNAL, 1L);
+  set(handle, CURLOPT_ERRORBUFFER, _errorText.data());
+  set(handle, CURLOPT_PROTOCOLS_STR, "https,http");
+  set(handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+  set(handle, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
+  set(handle, CURLOPT_PROXY, "");
+  set(handle, CURLOPT_MAXFILESIZE_LARGE,
+      static_cast<curl_off_t>(CurlHTTPClient::kResponseBodyBytes));
+
+  // One kind of source only: libcurl keeps a file's certificates from one connection to the next
+  // only where there is no folder, and a folder alone loads just the certificates that are used.
+  const char* const systemFolder = curl_version_info(CURLVERSION_NOW)->capath;
+  if (caFile) {
+    set(handle, CURLOPT_CAINFO, caFile->c_str());
+    set(handle, CURLOPT_CAPATH, nullptr);
+  } else if (systemFolder) {
+    set(handle, CURLOPT_CAINFO, nullptr);
+    set(handle, CURLOPT_CAPATH, systemFolder);
+  }
+
+  using Data = std::size_t (*)(char*, std::size_t, std::size_t, void*);
+  const Data header = [](char* data, std::size_t, std::size_t size, void* self) {
+    return static_cast<Transfer*>(self)->takeHeader({data, size});
+  };
+  const Data body = [](char* data, std::size_t, std::size_t size, void* self) {
+    return static_cast<Transfer*>(self)->takeBody({data, size});
+  };
+  const curl_prereq_callback prerequest = [](void* self, char* serverAddress, char*, int serverPort,
+                                             int localPort) {
+    return static_cast<Transfer*>(self)->beforeSending(serverAddress, serverPort, localPort);
+  };
+  set(handle, CURLOPT_HEADERFUNCTION, header);
+  set(handle, CURLOPT_HEADERDATA, static_cast<void*>(this));
+  set(handle, CURLOPT_WRITEFUNCTION, body);
+  set(handle, CURLOPT_WRITEDATA, static_cast<void*>(this));
+  set(handle, CURLOPT_PREREQFUNCTION, prerequest);
+  set(handle, CURLOPT_PREREQDATA, static_cast<void*>(this));
+}
+
+Transfer* Transfer::of(CURL* handle) {
+  void* self = nullptr;
+  curl_easy_getinfo(handle, CURLINFO_PRIVATE, &self);
+  return static_cast<Transfer*>(self);
+}
+
+void Transfer::begin(Exchange exchange, Exchange::Time now) {
+  _exchange = std::move(exchange);
+  _response = {};
+  _hasWholeHead = false;
+  _headerBytes = _bodyBytes = 0;
+  CURL* const handle = _handle.get();
+  set(handle, CURLOPT_URL, _exchange.url.c_str());
+  if (_exchange.isPost) {
+    set(handle, CURLOPT_POST, 1L);
+    set(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(_exchange.body.size()));
+    set(handle, CURLOPT_POSTFIELDS, _exchange.body.data());
+  } else {
+    set(handle, CURLOPT_HTTPGET, 1L);
+  }
+  setHeaderList();
+  startAgain(now);
+}
+
+void Transfer::startAgain(Exchange::Time now) {
+  using std::chrono::milliseconds;
+  _wasSent = false;
+  _refusal = Refusal::none;
+  _errorText[0] = '\0';
+  // 0 would mean none.
+  const auto rest = std::chrono::ceil<milliseconds>(_exchange.deadline - now);
+  set(_handle.get(), CURLOPT_TIMEOUT_MS,
+      static_cast<long>(std::max(rest, milliseconds(1)).count()));
+}
+
+void Transfer::setHeaderList() {
+  _headerList.clear();
+  std::string& lines = _exchange.headerLines;
+  for (std::size_t start = 0; start < lines.size(); start += std::strlen(&lines[start]) + 1)
+    _headerList.push_back({&lines[start], nullptr});
+  for (std::size_t i = 1; i < _headerList.size(); ++i) _headerList[i - 1].next = &_headerList[i];
+  set(_handle.get(), CURLOPT_HTTPHEADER, _headerList.data());
+}
+
+HTTPOutcome Transfer::end(CURLcode result) {
+  // libcurl takes an answer that ends within its head for a whole one.
+  if (result == CURLE_OK && !_hasWholeHead) result = CURLE_RECV_ERROR;
+  if (result != CURLE_OK) return {std::nullopt, errorFor(result)};
+  _keptConnections.add(_handle.get());
+  long status = 0;
+  curl_easy_getinfo(_handle.get(), CURLINFO_RESPONSE_CODE, &status);
+  _response.status = static_cast<int>(status);
+  return {std::move(_response), std::nullopt};
+}
+
+HTTPCompletion Transfer::release() {
+  HTTPCompletion completion = std::move(_exchange.completion);
+  _exchange = {};
+  _response = {};
+  return completion;
+}
+
+HTTPError Transfer::errorFor(CURLcode result) const {
+  const auto error = [this](CURLcode code, std::string_view text) {
+    return HTTPError{code, fmt::format("{}: {}", _exchange.host, text)};
+  };
+  switch (_refusal) {
+    case Refusal::sentOnce:
+      return error(CURLE_GOT_NOTHING, "the server closed the connection without an answer");
+    case Refusal::body:
+      return error(CURLE_FILESIZE_EXCEEDED, "the answer is too large");
+    case Refusal::headers:
+      return error(CURLE_FILESIZE_EXCEEDED, "the head of the answer is too large");
+    case Refusal::none:
+    case Refusal::closedConnection:
+      break;
+  }
+  return error(result, _errorText[0] ? _errorText.data() : curl_easy_strerror(result));
+}
+
+int Transfer::beforeSending(const char* serverAddress, int serverPort, int localPort) {
+  long newConnections = 0;
+  curl_easy_getinfo(_handle.get(), CURLINFO_NUM_CONNECTS, &newConnections);
+  if (_wasSent) {
+    _refusal = Refusal::sentOnce;
+  } else if (newConnections == 0 &&
+             _keptConnections.isClosed(serverAddress, serverPort, localPort)) {
+    _refusal = Refusal::closedConnection;
+  } else {
+    _wasSent = true;
+    return CURL_PREREQFUNC_OK;
+  }
+  return CURL_PREREQFUNC_ABORT;
+}
+
+std::size_t Transfer::takeHeader(std::string_view line) {
+  _headerBytes += line.size();
+  if (_headerBytes > CurlHTTPClient::kResponseHeaderBytes) {
+    _refusal = Refusal::headers;
+    return 0;
+  }
+  const auto colon = line.find(':');
+  if (line.starts_with("HTTP/")) {
+    _response.headers.clear();  // those before belong to an interim answer
+    _hasWholeHead = false;
+  } else if (line == "\r\n" || line == "\n") {
+    _hasWholeHead = true;
+  } else if (colon != line.npos) {
+    _response.headers.emplace_back(withoutBlanks(line.substr(0, colon)),
+                                   withoutBlanks(line.substr(colon + 1)));
+  }
+  return line.size();
+}
+
+std::size_t Transfer::takeBody(std::string_view bytes) {
+  _bodyBytes += bytes.size();
+  if (_bodyBytes > CurlHTTPClient::kResponseBodyBytes) {
+    _refusal = Refusal::body;
+    return 0;
+  }
+  if (_exchange.wantsBody) _response.body.append(bytes);
+  return bytes.size();
+}
+
+}  // namespace corvid

@@ -1,0 +1,68 @@
+// One libcurl transfer, used for one exchange after another.
+#pragma once
+
+#include <curl/curl.h>
+
+#include <array>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/http/Exchange.h"
+#include "platform/http/KeptConnections.h"
+
+namespace corvid {
+
+// Used on the client's thread only. What never changes is set once; begin() sets the rest.
+class Transfer {
+ public:
+  // `keptConnections` is borrowed; all transfers of one multi handle share it.
+  Transfer(const std::optional<std::string>& caFile, KeptConnections& keptConnections);
+  Transfer(const Transfer&) = delete;
+  Transfer& operator=(const Transfer&) = delete;
+
+  CURL* handle() const { return _handle.get(); }
+  static Transfer* of(CURL* handle);
+
+  // Prepares for `exchange`, which is kept until end().
+  void begin(Exchange exchange, Exchange::Time now);
+  void startAgain(Exchange::Time now);
+  const Exchange& exchange() const { return _exchange; }
+  // True when it was ended because the connection it got was closed by the server, before anything
+  // was sent; startAgain() then lets it take another.
+  bool metClosedConnection() const { return _refusal == Refusal::closedConnection; }
+  // The outcome, once the transfer has ended with `result` and before it is taken from its multi
+  // handle, which alone knows the connection.
+  HTTPOutcome end(CURLcode result);
+  // Gives up the exchange's completion and its memory.
+  HTTPCompletion release();
+
+ private:
+  struct Cleanup {
+    void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
+  };
+  // Why a callback of ours ended the transfer.
+  enum class Refusal { none, closedConnection, sentOnce, body, headers };
+
+  void setHeaderList();
+  HTTPError errorFor(CURLcode result) const;
+
+  int beforeSending(const char* serverAddress, int serverPort, int localPort);
+  std::size_t takeHeader(std::string_view line);
+  std::size_t takeBody(std::string_view bytes);
+
+  KeptConnections& _keptConnections;
+  std::unique_ptr<CURL, Cleanup> _handle;
+  Exchange _exchange;
+  std::vector<curl_slist> _headerList;  // points into _exchange.headerLines
+  bool _wasSent = false;
+  Refusal _refusal = Refusal::none;
+  HTTPResponse _response;
+  bool _hasWholeHead = false;
+  std::size_t _headerBytes = 0;
+  std::size_t _bodyBytes = 0;
+  std::array<char, CURL_ERROR_SIZE> _errorText{};
+};
+
+}  // namespace corvid

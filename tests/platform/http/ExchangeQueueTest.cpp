@@ -1,0 +1,130 @@
+#include <gtest/gtest.h>
+
+#include "platform/http/ExchangeQueue.h"
+
+namespace corvid {
+namespace {
+
+using namespace std::chrono_literals;
+constexpr Exchange::Time kStart{};
+
+Exchange exchange(std::string host, std::string url, std::chrono::seconds deadline = 60s) {
+  Exchange made;
+  made.host = std::move(host);
+  made.url = std::move(url);
+  made.deadline = kStart + deadline;
+  return made;
+}
+
+class ExchangeQueueTest : public testing::Test {
+ protected:
+  // The URL of the next one, "" where none has its turn.
+  std::string next() {
+    const auto found = queue.next();
+    return found ? found->url : "";
+  }
+  std::vector<std::string> expired(std::chrono::seconds now) {
+    std::vector<std::string> urls;
+    for (const auto& one : queue.removeExpired(kStart + now)) urls.push_back(one.url);
+    return urls;
+  }
+
+  ExchangeQueue queue{{.exchanges = 4, .bytes = 100, .activePerHost = 2}};
+};
+
+TEST_F(ExchangeQueueTest, ServesAHostInOrder) {
+  queue.add(exchange("a", "a1"));
+  queue.add(exchange("a", "a2"));
+  EXPECT_EQ(queue.waiting(), 2u);
+  EXPECT_EQ(next(), "a1");
+  EXPECT_EQ(next(), "a2");
+  EXPECT_EQ(next(), "");
+  EXPECT_EQ(queue.waiting(), 0u);
+}
+
+TEST_F(ExchangeQueueTest, ServesHostsInTurn) {
+  for (const char* url : {"a1", "a2"}) queue.add(exchange("a", url));
+  for (const char* url : {"b1", "b2"}) queue.add(exchange("b", url));
+  EXPECT_EQ(next(), "a1");
+  EXPECT_EQ(next(), "b1");
+  EXPECT_EQ(next(), "a2");
+  EXPECT_EQ(next(), "b2");
+}
+
+TEST_F(ExchangeQueueTest, AHostHasOnlySoManyActive) {
+  for (const char* url : {"a1", "a2", "a3"}) queue.add(exchange("a", url));
+  queue.add(exchange("b", "b1"));
+  EXPECT_EQ(next(), "a1");
+  EXPECT_EQ(next(), "b1");
+  EXPECT_EQ(next(), "a2");
+  EXPECT_EQ(next(), "");
+  queue.finished("b");
+  EXPECT_EQ(next(), "");
+  queue.finished("a");
+  EXPECT_EQ(next(), "a3");
+}
+
+TEST_F(ExchangeQueueTest, IsFullByCount) {
+  for (int i = 0; i < 4; ++i) {
+    EXPECT_FALSE(queue.isFull());
+    queue.add(exchange("a", "a"));
+  }
+  EXPECT_TRUE(queue.isFull());
+  next();
+  EXPECT_FALSE(queue.isFull());
+}
+
+TEST_F(ExchangeQueueTest, IsFullByBytes) {
+  queue.add(exchange("a", std::string(99, 'x')));
+  EXPECT_FALSE(queue.isFull());
+  queue.add(exchange("a", std::string(500, 'x')));
+  EXPECT_TRUE(queue.isFull());
+  next();
+  EXPECT_TRUE(queue.isFull());
+  next();
+  EXPECT_FALSE(queue.isFull());
+}
+
+TEST_F(ExchangeQueueTest, GivesUpThoseWhoseTimeIsOver) {
+  queue.add(exchange("a", "a60", 60s));
+  queue.add(exchange("a", "a15", 15s));
+  queue.add(exchange("b", "b20", 20s));
+  EXPECT_EQ(queue.nextDeadline(), kStart + 15s);
+  EXPECT_TRUE(expired(14s).empty());
+  EXPECT_EQ(expired(15s), std::vector<std::string>{"a15"});
+  EXPECT_EQ(queue.nextDeadline(), kStart + 20s);
+  EXPECT_EQ(expired(60s), (std::vector<std::string>{"a60", "b20"}));
+  EXPECT_EQ(queue.nextDeadline(), std::nullopt);
+  EXPECT_EQ(queue.waiting(), 0u);
+  EXPECT_FALSE(queue.isFull());
+}
+
+TEST_F(ExchangeQueueTest, ADeadlineThatIsServedIsNoLongerWaitedFor) {
+  queue.add(exchange("a", "a1", 15s));
+  EXPECT_EQ(next(), "a1");
+  EXPECT_EQ(queue.nextDeadline(), std::nullopt);
+  queue.add(exchange("a", "a2", 60s));
+  EXPECT_EQ(queue.nextDeadline(), kStart + 60s);
+}
+
+TEST_F(ExchangeQueueTest, AnExpiredExchangeLeavesItsHostsCountAlone) {
+  for (const char* url : {"a1", "a2"}) queue.add(exchange("a", url));
+  next();
+  next();
+  queue.add(exchange("a", "a3", 1s));
+  EXPECT_EQ(expired(1s), std::vector<std::string>{"a3"});
+  queue.add(exchange("a", "a4"));
+  EXPECT_EQ(next(), "");
+  queue.finished("a");
+  EXPECT_EQ(next(), "a4");
+}
+
+TEST_F(ExchangeQueueTest, RemovesAll) {
+  queue.add(exchange("a", "a1"));
+  queue.add(exchange("b", "b1"));
+  EXPECT_EQ(queue.removeAll().size(), 2u);
+  EXPECT_EQ(queue.waiting(), 0u);
+}
+
+}  // namespace
+}  // namespace corvid

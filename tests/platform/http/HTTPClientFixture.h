@@ -1,0 +1,112 @@
+// A client and a misbehaving server on loopback, in the clear and through TLS.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <condition_variable>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "platform/http/CurlHTTPClient.h"
+#include "tools/lab/HTTPServer.h"
+
+namespace corvid {
+
+using namespace std::chrono_literals;
+
+// Outcomes in the order of their completion.
+class Outcomes {
+ public:
+  HTTPCompletion completion() {
+    return [this](HTTPOutcome outcome) {
+      std::lock_guard lock(_mutex);
+      _all.push_back(std::move(outcome));
+      _changed.notify_all();
+    };
+  }
+  // False where they do not come.
+  bool waitFor(std::size_t count) {
+    std::unique_lock lock(_mutex);
+    return _changed.wait_for(lock, 30s, [&] { return _all.size() >= count; });
+  }
+  std::vector<HTTPOutcome> all() const {
+    std::lock_guard lock(_mutex);
+    return _all;
+  }
+
+ private:
+  mutable std::mutex _mutex;
+  std::condition_variable _changed;
+  std::vector<HTTPOutcome> _all;
+};
+
+class HTTPClientFixture {
+ protected:
+  explicit HTTPClientFixture(bool withTLS) : _withTLS(withTLS) {
+    std::string name = testing::TempDir() + "/http-client-XXXXXX";
+    folder = ::mkdtemp(name.data());
+    identity = std::make_unique<lab::TLSIdentity>(folder);
+    restartClient();
+  }
+  ~HTTPClientFixture() {
+    client.reset();
+    server.reset();
+    std::filesystem::remove_all(folder);
+  }
+
+  CurlHTTPClient::Options defaultOptions() const {
+    return {.caFile = identity->caFile(), .allowInsecureHTTP = !_withTLS};
+  }
+  void restartClient() { restartClient(defaultOptions()); }
+  void restartClient(CurlHTTPClient::Options options) {
+    client.reset();
+    client = std::make_unique<CurlHTTPClient>(std::move(options));
+  }
+
+  void serve(lab::Handler handler) {
+    lab::HTTPServer::Options options;
+    if (_withTLS) options.tls = identity->server();
+    serve(std::move(handler), options);
+  }
+  void serve(lab::Handler handler, lab::HTTPServer::Options options) {
+    server = std::make_unique<lab::HTTPServer>(std::move(handler), options);
+  }
+  void serve(lab::Answer answer) {
+    serve([answer = std::move(answer)](const lab::Request&) { return answer; });
+  }
+
+  HTTPRequest get(std::string_view target = "/") const { return {.url = server->url(target)}; }
+  HTTPRequest post(std::string body, std::string_view target = "/") const {
+    return {.method = "POST", .url = server->url(target), .body = std::move(body)};
+  }
+  HTTPOutcome perform(HTTPRequest request) { return performAndWait(*client, std::move(request)); }
+  // The error's code; 0 where there was a response.
+  int codeOf(HTTPRequest request) {
+    const HTTPOutcome outcome = perform(std::move(request));
+    return outcome.error ? outcome.error->code : 0;
+  }
+
+  std::string folder;
+  std::unique_ptr<lab::TLSIdentity> identity;
+  std::unique_ptr<lab::HTTPServer> server;
+  std::unique_ptr<CurlHTTPClient> client;
+
+ private:
+  const bool _withTLS;
+};
+
+// Each case runs in the clear and through TLS.
+class HTTPClientTest : public HTTPClientFixture, public testing::TestWithParam<bool> {
+ protected:
+  HTTPClientTest() : HTTPClientFixture(GetParam()) {}
+};
+
+inline std::string transportName(const testing::TestParamInfo<bool>& test) {
+  return test.param ? "TLS" : "Plain";
+}
+
+}  // namespace corvid
