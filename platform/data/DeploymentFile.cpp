@@ -1,32 +1,39 @@
 #include "platform/data/DeploymentFile.h"
 
+#include <fmt/format.h>
+
 #include <cerrno>
-#include <cstddef>
 
 #include "platform/base/Reading.h"
-#include "platform/data/LocalFileSystem.h"
 #include "platform/data/PropertyList.h"
+#include "platform/data/RegularFile.h"
 
 namespace corvid {
 
+namespace {
+
+void take(const Dictionary& settings, std::string_view key, auto& into) {
+  if (const std::string* text = stringAt(settings, key); text && !text->empty()) into = *text;
+}
+
+}  // namespace
+
 Result<Deployment> readDeployment(const std::string& path) {
-  constexpr std::size_t limit = std::size_t{1} << 20;
+  const Result<std::string> bytes = readRegularFile(path, PropertyListLimits().bytes);
   Deployment deployment;
-  const Result<std::string> bytes = LocalFileSystem().readFile(path, limit);
-  if (!bytes) {
-    if (bytes.failure().code == ENOENT) return deployment;
-    return bytes.failure();
-  }
+  if (!bytes && bytes.failure().code == ENOENT) return deployment;
+  if (!bytes) return bytes.failure();
   const Result<Value> list = parsePropertyList(bytes.value());
-  if (!list) return Failure{path + ": " + list.failure().message, EINVAL};
+  if (!list) return Failure{fmt::format("{}: {}", path, list.failure().message)};
   const Dictionary* settings = list.value().dictionary();
-  if (settings == nullptr) return Failure{path + ": the property list is no dictionary", EINVAL};
-  if (const std::string* host = stringAt(*settings, "ProductionStorebagHost"))
-    deployment.productionStorebagHost = *host;
-  if (const std::string* host = stringAt(*settings, "InternalStorebagHost"))
-    deployment.internalStorebagHost = *host;
-  if (const std::string* file = stringAt(*settings, "CAFile")) deployment.caFile = *file;
-  deployment.allowInsecureHTTP = booleanAt(*settings, "AllowInsecureHTTP");
+  if (!settings) return Failure{fmt::format("{}: The property list is no dictionary", path)};
+
+  take(*settings, "ProductionStorebagHost", deployment.productionStorebagHost);
+  take(*settings, "InternalStorebagHost", deployment.internalStorebagHost);
+  take(*settings, "CAFile", deployment.caFile);
+  // Nothing but a plain yes lowers the guard.
+  if (const Value* allow = settings->find("AllowInsecureHTTP"))
+    deployment.allowInsecureHTTP = allow->boolean().value_or(false);
   return deployment;
 }
 

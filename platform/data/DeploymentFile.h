@@ -1,4 +1,4 @@
-// Reads what the deployment sets.
+// Reads etc/corvid/deployment.plist.
 #pragma once
 
 #include <string>
@@ -8,8 +8,10 @@
 
 namespace corvid {
 
-// A missing file gives the defaults; one that is damaged or cannot be read a failure that says what
-// and where.
+// The property list's "ProductionStorebagHost", "InternalStorebagHost" and "CAFile" (texts that are
+// not empty) and "AllowInsecureHTTP" (a boolean). Whatever is missing or of another type stays at
+// its default, and so does everything where there is no file. A file that cannot be read, or is no
+// dictionary, is a failure that names it.
 Result<Deployment> readDeployment(const std::string& path);
 
 }  // namespace corvid

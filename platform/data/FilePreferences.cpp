@@ -1,162 +1,206 @@
 #include "platform/data/FilePreferences.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/file.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <cstdio>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
+#include <system_error>
+#include <utility>
 
+#include "platform/base/Descriptor.h"
 #include "platform/base/Log.h"
-#include "platform/data/LocalFileSystem.h"
 #include "platform/data/PropertyList.h"
+#include "platform/data/RegularFile.h"
 
 namespace corvid {
 
 namespace {
 
-constexpr std::size_t suiteLimit = std::size_t{1} << 20;
+constexpr std::size_t longestSuiteName = 200;  // leaves room for what is put behind it
 
-class Descriptor {
- public:
-  explicit Descriptor(int number) : _number(number) {}
-  ~Descriptor() {
-    if (_number >= 0) ::close(_number);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int number() const { return _number; }
-
- private:
-  const int _number;
-};
-
-bool isPlainName(std::string_view suite) {
-  return !suite.empty() && suite.size() < 200 && suite.front() != '.' &&
-         suite.find('/') == std::string_view::npos && suite.find('\0') == std::string_view::npos;
+bool isSuiteName(std::string_view name) {
+  const auto isAllowed = [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
+           c == '_' || c == '.';
+  };
+  if (!name.empty() && name.size() <= longestSuiteName && name.front() != '.' &&
+      std::all_of(name.begin(), name.end(), isAllowed))
+    return true;
+  logError("FilePreferences: \"{}\" is no name of a preference suite", name);
+  return false;
 }
 
-bool looksTheSame(const struct stat& a, const struct stat& b) {
-  return a.st_ino == b.st_ino && a.st_size == b.st_size && a.st_mtim.tv_sec == b.st_mtim.tv_sec &&
-         a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
+std::int64_t nanoseconds(const timespec& time) {
+  return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
 }
 
-bool writeDurably(const std::string& path, const std::string& bytes) {
-  const Descriptor file(
-      ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
-  if (file.number() < 0) return false;
-  std::string_view rest = bytes;
-  while (!rest.empty()) {
-    const ssize_t written = ::write(file.number(), rest.data(), rest.size());
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return false;
-    rest.remove_prefix(static_cast<std::size_t>(written));
-  }
-  return ::fsync(file.number()) == 0;
+void createFolder(const std::string& folder) {
+  std::error_code ignored;  // what is missing then shows in the next step
+  std::filesystem::create_directories(std::filesystem::path(folder).parent_path(), ignored);
+  mkdir(folder.c_str(), 0700);
 }
 
 }  // namespace
 
-std::string FilePreferences::pathOf(std::string_view suite) const {
-  return _folder + "/" + std::string(suite) + ".plist";
-}
+// Keeps other writers, of this process and others, from the folder for a scope.
+class FilePreferences::FolderLock {
+ public:
+  explicit FolderLock(const std::string& folder)
+      : _descriptor(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+    if (_descriptor) {
+      int result = 0;
+      do result = flock(_descriptor.get(), LOCK_EX);
+      while (result != 0 && errno == EINTR);
+      _isHeld = result == 0;
+    }
+    if (!_isHeld) logError("FilePreferences: cannot lock {}: {}", folder, std::strerror(errno));
+  }
+  explicit operator bool() const { return _isHeld; }
 
-Dictionary FilePreferences::load(const std::string& path) {
-  const Result<std::string> bytes = LocalFileSystem().readFile(path, suiteLimit);
-  if (!bytes && bytes.failure().code == ENOENT) return {};
-  std::string reason;
-  if (!bytes) {
-    reason = bytes.failure().message;
-  } else {
-    Result<Value> list = parsePropertyList(bytes.value());
-    if (list && list.value().dictionary()) return *list.value().dictionary();
-    reason = list ? "the property list is no dictionary" : list.failure().message;
-  }
-  for (int number = 1; number < 1000; ++number) {
-    const std::string aside = path + ".damaged-" + std::to_string(number);
-    if (LocalFileSystem().exists(aside)) continue;
-    const bool moved = std::rename(path.c_str(), aside.c_str()) == 0;
-    logError("FilePreferences: {} is damaged ({}); {}, the preferences count as empty", path, reason,
-             moved ? "it is kept as " + aside : "it cannot be set aside");
-    break;
-  }
-  return {};
-}
-
-const Dictionary* FilePreferences::read(std::string_view suite) {
-  if (!isPlainName(suite)) {
-    logError("FilePreferences: \"{}\" is no name of a suite; it holds nothing", suite);
-    return nullptr;
-  }
-  const std::string path = pathOf(suite);
-  struct stat now {};
-  const bool there = ::stat(path.c_str(), &now) == 0;
-  const auto known = _suites.find(suite);
-  if (known != _suites.end() && (there ? looksTheSame(known->second.seen, now)
-                                       : known->second.seen.st_ino == 0))
-    return &known->second.values;
-  if (!there) now = {};
-  Dictionary values = there ? load(path) : Dictionary();
-  return &_suites.insert_or_assign(std::string(suite), Suite{now, std::move(values)})
-              .first->second.values;
-}
-
-bool FilePreferences::write(const std::string& path, const Dictionary& values) {
-  const std::string beside = path + ".new";
-  if (!writeDurably(beside, writeXMLPropertyList(Value(values))) ||
-      std::rename(beside.c_str(), path.c_str()) != 0) {
-    logError("FilePreferences: {} cannot be written ({}); the change is lost", path,
-             std::strerror(errno));
-    ::unlink(beside.c_str());
-    return false;
-  }
-  const Descriptor folder(::open(_folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (folder.number() >= 0) ::fsync(folder.number());
-  return true;
-}
-
-template <class Change>
-bool FilePreferences::change(std::string_view suite, Change change) {
-  const MutexLock lock(_mutex);
-  if (!isPlainName(suite)) return read(suite) != nullptr;
-  std::error_code ignored;
-  std::filesystem::create_directories(_folder, ignored);
-  // Other processes change the same files; the lock goes with the descriptor.
-  const Descriptor guard(
-      ::open((_folder + "/.lock").c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
-  if (guard.number() < 0 || ::flock(guard.number(), LOCK_EX) != 0) {
-    logError("FilePreferences: {} cannot be locked ({}); the change is lost", _folder,
-             std::strerror(errno));
-    return false;
-  }
-  Dictionary values = *read(suite);
-  change(values);
-  return write(pathOf(suite), values);
-}
+ private:
+  Descriptor _descriptor;
+  bool _isHeld = false;
+};
 
 std::optional<Value> FilePreferences::value(std::string_view suite, std::string_view key) {
+  if (!isSuiteName(suite)) return std::nullopt;
   const MutexLock lock(_mutex);
-  const Dictionary* values = read(suite);
-  const Value* found = values ? values->find(key) : nullptr;
+  const Value* found = current(suite).entries.find(key);
   return found ? std::optional(*found) : std::nullopt;
 }
 
+std::vector<std::string> FilePreferences::keys(std::string_view suite) {
+  if (!isSuiteName(suite)) return {};
+  const MutexLock lock(_mutex);
+  std::vector<std::string> keys;
+  for (const auto& entry : current(suite).entries) keys.push_back(entry.key);
+  return keys;
+}
+
 bool FilePreferences::setValue(std::string_view suite, std::string_view key, Value value) {
-  return change(suite, [&](Dictionary& values) { values.set(std::string(key), std::move(value)); });
+  return change(suite, [&](Dictionary& entries) {
+    const Value* old = entries.find(key);
+    if (old != nullptr && *old == value) return false;
+    entries.set(std::string(key), std::move(value));
+    return true;
+  });
 }
 
 bool FilePreferences::removeValue(std::string_view suite, std::string_view key) {
-  return change(suite, [&](Dictionary& values) { values.erase(key); });
+  return change(suite, [&](Dictionary& entries) { return entries.erase(key); });
 }
 
-std::vector<std::string> FilePreferences::keys(std::string_view suite) {
+// `apply` changes the entries and says whether it did.
+template <class Change>
+bool FilePreferences::change(std::string_view suite, Change apply) {
+  if (!isSuiteName(suite)) return false;
   const MutexLock lock(_mutex);
-  std::vector<std::string> keys;
-  if (const Dictionary* values = read(suite))
-    for (const auto& entry : *values) keys.push_back(entry.key);
-  return keys;
+  createFolder(_folder);
+  const FolderLock folderLock(_folder);
+  if (!folderLock) return false;
+  const Suite& before = current(suite, &folderLock);
+  if (!before.isUsable) {
+    logError("FilePreferences: {} is left as it is, and a change of it is lost", pathOf(suite));
+    return false;
+  }
+  Dictionary entries = before.entries;
+  return !apply(entries) || write(suite, entries);
+}
+
+bool FilePreferences::write(std::string_view suite, const Dictionary& entries) {
+  const std::string path = pathOf(suite);
+  const std::string text = writeXMLPropertyList(entries);
+  const Result<Value> readBack = parsePropertyList(text);
+  if (!readBack) {
+    logError("FilePreferences: a change of {} is refused: {}", path, readBack.failure().message);
+    return false;
+  }
+  if (const std::optional<Failure> failure = replaceRegularFile(path, text)) {
+    logError("FilePreferences: a change of {} is lost: {}", path, failure->message);
+    return false;
+  }
+  _suites.find(suite)->second = {stampOf(path), true, *readBack.value().dictionary()};
+  return true;
+}
+
+const FilePreferences::Suite& FilePreferences::current(std::string_view name,
+                                                       const FolderLock* lock) {
+  const std::string path = pathOf(name);
+  Suite& suite = _suites[std::string(name)];
+  // Taken before the file is read: one that changes meanwhile is read again next time.
+  const Stamp stamp = stampOf(path);
+  const bool isKnown = suite.stamp == stamp && !(suite.isUsable && isFresh(stamp));
+  if (isKnown) return suite;
+  suite = {stamp, true, {}};
+  load(suite, path, lock);
+  return suite;
+}
+
+void FilePreferences::load(Suite& suite, const std::string& path, const FolderLock* lock) {
+  const Result<std::string> bytes = readRegularFile(path, PropertyListLimits().bytes);
+  if (!bytes) {
+    if (bytes.failure().code == ENOENT) return;
+    suite.isUsable = false;
+    logError("FilePreferences: cannot read {}; its preferences count as absent",
+             bytes.failure().message);
+    return;
+  }
+  const Result<Value> list = parsePropertyList(bytes.value());
+  if (list && list.value().dictionary()) {
+    suite.entries = *list.value().dictionary();
+    return;
+  }
+  if (lock == nullptr) {
+    // Another process may be putting a sound file in its place: look again when none can.
+    const FolderLock ownLock(_folder);
+    if (ownLock) return load(suite, path, &ownLock);
+  }
+  setAside(suite, path, list ? "The property list is no dictionary" : list.failure().message);
+}
+
+void FilePreferences::setAside(Suite& suite, const std::string& path, const std::string& reason) {
+  std::string aside;
+  for (int n = 1; aside.empty() || stampOf(aside).error != ENOENT; ++n)
+    aside = fmt::format("{}.damaged-{}", path, n);
+  if (rename(path.c_str(), aside.c_str()) == 0) {
+    suite.stamp = stampOf(path);
+    logError(
+        "FilePreferences: {} is damaged ({}); it is kept as {}, and its preferences start anew",
+        path, reason, aside);
+    return;
+  }
+  suite.isUsable = false;
+  logError(
+      "FilePreferences: {} is damaged ({}) and cannot be set aside ({}); its preferences count as "
+      "absent",
+      path, reason, std::strerror(errno));
+}
+
+FilePreferences::Stamp FilePreferences::stampOf(const std::string& path) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0) return {.error = errno};
+  return {.device = status.st_dev,
+          .inode = status.st_ino,
+          .size = status.st_size,
+          .modified = nanoseconds(status.st_mtim),
+          .changed = nanoseconds(status.st_ctim)};
+}
+
+bool FilePreferences::isFresh(const Stamp& stamp) {
+  // Times of files move in steps of some milliseconds.
+  constexpr std::chrono::nanoseconds step = std::chrono::milliseconds(100);
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  return stamp.error == 0 && std::chrono::nanoseconds(stamp.changed) + step > now;
+}
+
+std::string FilePreferences::pathOf(std::string_view suite) const {
+  return fmt::format("{}/{}.plist", _folder, suite);
 }
 
 }  // namespace corvid

@@ -1,7 +1,5 @@
-// Preference suites as property lists in a folder.
+// Preference suites as property lists in one folder.
 #pragma once
-
-#include <sys/stat.h>
 
 #include <map>
 #include <string>
@@ -11,36 +9,60 @@
 
 namespace corvid {
 
-// FOLDER/<suite>.plist, mode 0600. A change is written beside the file and renamed over it, both made
-// durable, under a lock that other processes take too. A file is read again when it has changed. A
-// damaged one is set aside as <suite>.plist.damaged-N with one error line, and the suite is empty.
+// Suite "a.b" is the file "a.b.plist" (XML as written here, binary as well as read).
 //
-// Threads   any.
-// Errors    A suite name that could lead out of the folder (a "/", a leading ".") has no values and
-//           takes none, with one error line a call.
+// Threads    Any.
+// Processes  Others may read and write the same folder through this class at the same time: writers
+//            take turns by a lock on the folder, readers see a whole old file or a whole new one. A
+//            file changed from outside, by whatever means, counts from the next read on. A read of
+//            an unchanged file costs one look at its attributes.
+// Files      For their owner only (mode 0600 in a folder 0700), replaced in one step and durably.
+// Damage     A file that is no property list, or no dictionary, is renamed to
+//            "<suite>.plist.damaged-<n>", logged as an error, and the suite starts empty. A file
+//            that cannot be read, or not be set aside, is logged and stays: the suite counts as
+//            empty and refuses changes.
+// Limits     Suite names are up to 200 letters, digits, "-", "_" and "." (not first); others are
+//            refused and logged. So are values that would make a file that cannot be read again.
 class FilePreferences final : public Preferences {
  public:
+  // `folder` and its parents are made at the first change.
   explicit FilePreferences(std::string folder) : _folder(std::move(folder)) {}
 
-  std::optional<Value> value(std::string_view suite, std::string_view key) override EXCLUDES(_mutex);
-  bool setValue(std::string_view suite, std::string_view key, Value value) override EXCLUDES(_mutex);
-  bool removeValue(std::string_view suite, std::string_view key) override EXCLUDES(_mutex);
-  std::vector<std::string> keys(std::string_view suite) override EXCLUDES(_mutex);
+  std::optional<Value> value(std::string_view suite, std::string_view key) override;
+  bool setValue(std::string_view suite, std::string_view key, Value value) override;
+  bool removeValue(std::string_view suite, std::string_view key) override;
+  std::vector<std::string> keys(std::string_view suite) override;
 
  private:
-  // What a suite held when its file looked like this.
-  struct Suite {
-    struct stat seen {};
-    Dictionary values;
+  // What tells one state of a file from another.
+  struct Stamp {
+    int error = 0;  // why there is no file to see
+    std::uint64_t device = 0;
+    std::uint64_t inode = 0;
+    std::int64_t size = 0;
+    std::int64_t modified = 0;  // nanoseconds since 1970
+    std::int64_t changed = 0;   // of the attributes
+    bool operator==(const Stamp&) const = default;
   };
+  struct Suite {
+    std::optional<Stamp> stamp;  // of the file that `entries` were read from; nothing before
+    bool isUsable = true;
+    Dictionary entries;
+  };
+  class FolderLock;
 
-  std::string pathOf(std::string_view suite) const;
-  // The suite as its file stands now; nullptr for a name that is refused.
-  const Dictionary* read(std::string_view suite) REQUIRES(_mutex);
-  Dictionary load(const std::string& path) REQUIRES(_mutex);
+  // Reads the file unless it is the one that was read before. `lock` where the caller holds it.
+  const Suite& current(std::string_view suite, const FolderLock* lock = nullptr) REQUIRES(_mutex);
+  void load(Suite& suite, const std::string& path, const FolderLock* lock) REQUIRES(_mutex);
+  void setAside(Suite& suite, const std::string& path, const std::string& reason) REQUIRES(_mutex);
   template <class Change>
-  bool change(std::string_view suite, Change change) EXCLUDES(_mutex);
-  bool write(const std::string& path, const Dictionary& values) REQUIRES(_mutex);
+  bool change(std::string_view suite, Change apply) EXCLUDES(_mutex);
+  bool write(std::string_view suite, const Dictionary& entries) REQUIRES(_mutex);
+
+  static Stamp stampOf(const std::string& path);
+  // Whether a file may have changed again since, and its times not show it.
+  static bool isFresh(const Stamp& stamp);
+  std::string pathOf(std::string_view suite) const;
 
   const std::string _folder;
   Mutex _mutex;

@@ -1,10 +1,11 @@
-// The machine's files.
+// The machine's file system.
 #pragma once
 
 #include "platform/FileSystem.h"
 
 namespace corvid {
 
+// Without state; files it makes are for their owner only.
 class LocalFileSystem final : public FileSystem {
  public:
   Result<std::vector<std::string>> listDirectory(const std::string& path) override;

@@ -1,7 +1,10 @@
-// The consent as the user's answer in a preference suite, and identifiers kept in the daemon's own.
+// The consent as the preferences keep it.
 #pragma once
 
+#include <array>
 #include <memory>
+#include <string>
+#include <utility>
 
 #include "platform/Consent.h"
 #include "platform/Preferences.h"
@@ -10,19 +13,27 @@
 
 namespace corvid {
 
+inline constexpr std::string_view diagnosticsSuite = "com.halcyon.diagnostics";
+
+// The answer is the boolean "SubmitDiagnostics" of suite "com.halcyon.diagnostics": only true is a
+// yes. The two identifiers are UUIDs in the daemon's suite, made at first use; where they cannot be
+// stored they last as long as the process.
+//
+// Threads: any.
 class StoredConsent final : public Consent {
  public:
-  StoredConsent(std::shared_ptr<Preferences> preferences, std::shared_ptr<Random> random);
+  StoredConsent(std::shared_ptr<Preferences> preferences, std::shared_ptr<Random> random)
+      : _preferences(std::move(preferences)), _random(std::move(random)) {}
 
   bool diagnosticsSubmissionAllowed() override;
-  // Made at first use. Where it cannot be stored (logged by the preferences) the identifier is good
-  // for this call only.
   std::string getPersistentIdentifierForDNU(bool respectsConsent) override EXCLUDES(_mutex);
 
  private:
   const std::shared_ptr<Preferences> _preferences;
   const std::shared_ptr<Random> _random;
-  Mutex _mutex;  // two sessions must not make the same identifier twice
+  Mutex _mutex;
+  // Made and not stored: the one that overrides, the one that respects the consent.
+  std::array<std::string, 2> _unstored GUARDED_BY(_mutex);
 };
 
 }  // namespace corvid

@@ -1,0 +1,74 @@
+#include <gtest/gtest.h>
+
+#include "platform/data/DeploymentFile.h"
+#include "platform/data/PropertyList.h"
+#include "tests/platform/system/Scratch.h"
+
+namespace corvid {
+namespace {
+
+class DeploymentFileTest : public testing::Test {
+ protected:
+  Deployment read(const Dictionary& settings) {
+    const auto deployment =
+        readDeployment(scratch.write("deployment.plist", writeXMLPropertyList(settings)));
+    EXPECT_TRUE(deployment);
+    return deployment ? deployment.value() : Deployment();
+  }
+  std::string failureOf(std::string_view content) {
+    const auto deployment = readDeployment(scratch.write("deployment.plist", content));
+    EXPECT_FALSE(deployment);
+    return deployment ? "" : deployment.failure().message;
+  }
+  static void expectDefaults(const Deployment& deployment) {
+    EXPECT_EQ(deployment.productionStorebagHost, Deployment().productionStorebagHost);
+    EXPECT_EQ(deployment.internalStorebagHost, Deployment().internalStorebagHost);
+    EXPECT_EQ(deployment.caFile, std::nullopt);
+    EXPECT_FALSE(deployment.allowInsecureHTTP);
+  }
+
+  Scratch scratch;
+};
+
+TEST_F(DeploymentFileTest, EverySettingIsRead) {
+  const Deployment deployment = read({{"ProductionStorebagHost", "bags.example:8443"},
+                                      {"InternalStorebagHost", "internal.example"},
+                                      {"CAFile", "/etc/ca.pem"},
+                                      {"AllowInsecureHTTP", true}});
+  EXPECT_EQ(deployment.productionStorebagHost, "bags.example:8443");
+  EXPECT_EQ(deployment.internalStorebagHost, "internal.example");
+  EXPECT_EQ(deployment.caFile, "/etc/ca.pem");
+  EXPECT_TRUE(deployment.allowInsecureHTTP);
+}
+
+TEST_F(DeploymentFileTest, WithoutTheFileOrTheKeysTheDefaultsHold) {
+  const auto missing = readDeployment(scratch.path() + "/missing.plist");
+  ASSERT_TRUE(missing);
+  expectDefaults(missing.value());
+  expectDefaults(read({}));
+}
+
+TEST_F(DeploymentFileTest, SettingsOfAnotherTypeAndEmptyTextsCountAsAbsent) {
+  expectDefaults(read({{"ProductionStorebagHost", 5},
+                       {"InternalStorebagHost", ""},
+                       {"CAFile", Array{}},
+                       {"AllowInsecureHTTP", "true"}}));
+  expectDefaults(read({{"AllowInsecureHTTP", 1}}));
+}
+
+TEST_F(DeploymentFileTest, ADamagedFileIsAFailureThatSaysWhatAndWhere) {
+  const std::string path = scratch.path() + "/deployment.plist";
+  EXPECT_EQ(failureOf("<dict>\n<key>CAFile</key>\n</dict>"),
+            path + ": A key without a value at line 3");
+  EXPECT_EQ(failureOf(""), path + ": The property list is empty");
+  EXPECT_EQ(failureOf("<array/>"), path + ": The property list is no dictionary");
+}
+
+TEST_F(DeploymentFileTest, WhatCannotBeReadIsAFailureToo) {
+  const auto folder = readDeployment(scratch.path());
+  ASSERT_FALSE(folder);
+  EXPECT_EQ(folder.failure().message, scratch.path() + ": Is a directory");
+}
+
+}  // namespace
+}  // namespace corvid

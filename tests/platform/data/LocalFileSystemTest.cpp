@@ -1,0 +1,141 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <ctime>
+
+#include "platform/data/LocalFileSystem.h"
+#include "tests/platform/system/Scratch.h"
+
+namespace corvid {
+namespace {
+
+class LocalFileSystemTest : public testing::Test {
+ protected:
+  std::string at(const std::string& name) const { return scratch.path() + "/" + name; }
+  std::string contentOf(const std::string& path) {
+    const auto read = files.readFile(path, 1 << 20);
+    return read ? read.value() : "(unreadable)";
+  }
+
+  Scratch scratch;
+  LocalFileSystem files;
+};
+
+TEST_F(LocalFileSystemTest, ListsEveryEntryInNameOrder) {
+  for (const char* name : {"b", "a", "C", ".hidden", "d/inner"}) scratch.write(name, "");
+  const auto names = files.listDirectory(scratch.path());
+  ASSERT_TRUE(names);
+  EXPECT_EQ(names.value(), (std::vector<std::string>{".hidden", "C", "a", "b", "d"}));
+}
+
+TEST_F(LocalFileSystemTest, AListingThatFailsSaysTheSystemsReason) {
+  const auto missing = files.listDirectory(at("missing"));
+  ASSERT_FALSE(missing);
+  EXPECT_EQ(missing.failure().code, ENOENT);
+  EXPECT_EQ(missing.failure().message, "No such file or directory");
+  const auto noFolder = files.listDirectory(scratch.write("file", ""));
+  ASSERT_FALSE(noFolder);
+  EXPECT_EQ(noFolder.failure().code, ENOTDIR);
+}
+
+TEST_F(LocalFileSystemTest, DirectoriesAreMadeWithTheirParents) {
+  EXPECT_TRUE(files.createDirectories(at("a/b/c")));
+  EXPECT_TRUE(files.createDirectories(at("a/b/c")));
+  EXPECT_TRUE(std::filesystem::is_directory(at("a/b/c")));
+  EXPECT_FALSE(files.createDirectories(scratch.write("file", "") + "/below"));
+  EXPECT_FALSE(files.createDirectories(at("file")));
+}
+
+TEST_F(LocalFileSystemTest, TheCreationDateOfANewFileIsNow) {
+  const auto before = std::time(nullptr);
+  const auto date = files.creationDate(scratch.write("file", ""));
+  ASSERT_TRUE(date);
+  EXPECT_GE(date->seconds, before - 1);
+  EXPECT_LE(date->seconds, std::time(nullptr) + 1);
+  EXPECT_FALSE(files.creationDate(at("missing")));
+}
+
+TEST_F(LocalFileSystemTest, TheCreationDateIsTheEarlierOfBirthAndModification) {
+  const std::string file = scratch.write("file", "");
+  const auto born = files.creationDate(file);
+  ASSERT_TRUE(born);
+  const timespec earlier[2] = {{1'000'000'000, 0}, {1'000'000'000, 250'000'999}};
+  ASSERT_EQ(utimensat(AT_FDCWD, file.c_str(), earlier, 0), 0);
+  EXPECT_EQ(files.creationDate(file), (TimeValue{1'000'000'000, 250'000}));
+  const timespec later[2] = {{4'000'000'000, 0}, {4'000'000'000, 0}};
+  ASSERT_EQ(utimensat(AT_FDCWD, file.c_str(), later, 0), 0);
+  struct statx status {};
+  ASSERT_EQ(statx(AT_FDCWD, file.c_str(), 0, STATX_BTIME, &status), 0);
+  if (!(status.stx_mask & STATX_BTIME)) GTEST_SKIP() << "this file system keeps no birth times";
+  EXPECT_EQ(files.creationDate(file)->seconds, status.stx_btime.tv_sec);
+}
+
+TEST_F(LocalFileSystemTest, CreatesEmptyFilesForTheirOwnerAndLeavesExistingOnesAlone) {
+  files.createFile(at("new"));
+  EXPECT_TRUE(files.exists(at("new")));
+  EXPECT_EQ(contentOf(at("new")), "");
+  struct stat status {};
+  ASSERT_EQ(stat(at("new").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777, 0600u);
+  scratch.write("old", "content");
+  files.createFile(at("old"));
+  EXPECT_EQ(contentOf(at("old")), "content");
+  files.createFile(at("missing/folder"));
+  EXPECT_FALSE(files.exists(at("missing/folder")));
+}
+
+TEST_F(LocalFileSystemTest, CreatesNothingBehindASymbolicLink) {
+  std::filesystem::create_symlink(at("elsewhere"), at("link"));
+  files.createFile(at("link"));
+  EXPECT_FALSE(files.exists(at("elsewhere")));
+}
+
+TEST_F(LocalFileSystemTest, AppendsThePiecesInOrder) {
+  scratch.write("file", "before ");
+  EXPECT_TRUE(files.append(at("file"), {"one", " ", "two"}));
+  EXPECT_EQ(contentOf(at("file")), "before one two");
+}
+
+TEST_F(LocalFileSystemTest, AppendsOnlyToRegularFilesThatExist) {
+  EXPECT_FALSE(files.append(at("missing"), {"x"}));
+  EXPECT_FALSE(files.exists(at("missing")));
+  EXPECT_FALSE(files.append(scratch.path(), {"x"}));
+  EXPECT_FALSE(files.append("/dev/null", {"x"}));
+  ASSERT_EQ(mkfifo(at("pipe").c_str(), 0600), 0);
+  EXPECT_FALSE(files.append(at("pipe"), {"x"}));
+}
+
+TEST_F(LocalFileSystemTest, AppendsNothingThroughASymbolicLink) {
+  const std::string target = scratch.write("target", "");
+  std::filesystem::create_symlink(target, at("link"));
+  EXPECT_FALSE(files.append(at("link"), {"x"}));
+  EXPECT_EQ(contentOf(target), "");
+}
+
+TEST_F(LocalFileSystemTest, ReadsWholeRegularFilesUpToTheLimit) {
+  const std::string content = std::string(10'000, 'x') + '\0' + "end";
+  scratch.write("file", content);
+  const auto whole = files.readFile(at("file"), content.size());
+  ASSERT_TRUE(whole);
+  EXPECT_EQ(whole.value(), content);
+  const auto tooLong = files.readFile(at("file"), content.size() - 1);
+  ASSERT_FALSE(tooLong);
+  EXPECT_EQ(tooLong.failure().code, EFBIG);
+  EXPECT_EQ(files.readFile(at("missing"), 1).failure().code, ENOENT);
+  EXPECT_EQ(files.readFile(scratch.path(), 1).failure().code, EISDIR);
+  EXPECT_FALSE(files.readFile("/dev/zero", 1));
+}
+
+TEST_F(LocalFileSystemTest, RemovesFilesAndIgnoresWhatIsMissing) {
+  scratch.write("file", "");
+  files.remove(at("file"));
+  EXPECT_FALSE(files.exists(at("file")));
+  files.remove(at("file"));
+  files.remove(scratch.path());
+  EXPECT_TRUE(files.exists(scratch.path()));
+}
+
+}  // namespace
+}  // namespace corvid
