@@ -1,0 +1,131 @@
+#include "daemon/Daemon.h"
+
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "daemon/CorviddAgent.h"
+#include "daemon/SystemServices.h"
+#include "platform/Platform.h"
+#include "platform/base/Log.h"
+#include "platform/data/DeploymentFile.h"
+#include "platform/ipc/IPCListener.h"
+#include "platform/system/Entitlements.h"
+#include "platform/system/Launcher.h"
+#include "platform/system/QualityOfService.h"
+#include "platform/system/Sandbox.h"
+#include "platform/system/SystemClock.h"
+#include "platform/system/SystemLog.h"
+#include "protocol/Keys.h"
+
+namespace corvid {
+
+namespace {
+
+constexpr int socketFailure = 1;
+constexpr int sandboxFailure = -1;
+
+constexpr std::chrono::seconds idleExitWhenSocketActivated{60};
+
+// The process's log, from here to the end of the scope.
+class Logging {
+ public:
+  explicit Logging(const Options& options) : _sink(openSystemLog("corvidd", options.log)) {
+    installLog(_sink.get(), options.logLevel);
+  }
+  ~Logging() { installLog(nullptr, LogLevel::error); }
+  Logging(const Logging&) = delete;
+  Logging& operator=(const Logging&) = delete;
+
+ private:
+  const std::unique_ptr<LogSink> _sink;
+};
+
+// Without a usable file the defaults hold, which reach nothing.
+Deployment deploymentAt(const std::string& path) {
+  Result<Deployment> deployment = readDeployment(path);
+  if (deployment) return std::move(deployment).value();
+  logError("main: The deployment cannot be used, so no storebag server is reached: {}",
+           deployment.failure().message);
+  return {};
+}
+
+bool enterSandbox(const Options& options, const Paths& paths, const Deployment& deployment) {
+  if (!options.enforcesSandbox) {
+    logWarning("main: The sandbox is off: corvidd may do whatever its user may");
+    return true;
+  }
+  const auto failure = sandboxInit(std::string(kCorvidServiceName), paths, deployment);
+  if (failure) logError("main: sandbox_init() fails: {}\n", *failure);
+  return !failure;
+}
+
+// What only setting up the listener needed. Not being able to give it up is no reason to end.
+void sealSandbox(const Options& options) {
+  if (!options.enforcesSandbox) return;
+  if (const auto failure = sandboxSeal())
+    logWarning("main: The sandbox stays unsealed: {}", *failure);
+}
+
+Result<std::unique_ptr<IPCListener>> createListener(const Paths& paths, Launcher& launcher) {
+  EntitlementReader entitlements = [folder = paths.entitlementsFolder](int socket) {
+    const Result<PeerIdentity> peer = peerIdentity(socket);
+    return peer ? entitlementsForPeer(peer.value(), folder) : Dictionary();
+  };
+  if (const auto socket = launcher.takeListeningSocket())
+    return IPCListener::adopt(*socket, std::move(entitlements));
+  return IPCListener::bind(paths.socket, std::move(entitlements));
+}
+
+std::chrono::seconds idleExit(const Options& options, const Launcher& launcher) {
+  if (options.idleExit) return *options.idleExit;
+  return launcher.isSocketActivated() ? idleExitWhenSocketActivated : std::chrono::seconds(0);
+}
+
+}  // namespace
+
+Paths pathsFor(const Options& options) {
+  if (options.root.empty()) return Paths();
+  std::string root = std::filesystem::absolute(options.root).lexically_normal().string();
+  while (root.ends_with('/')) root.pop_back();
+  return Paths(std::move(root));
+}
+
+int runDaemon(const Options& options) {
+  const Paths paths = pathsFor(options);
+  const auto clock = std::make_shared<SystemClock>();
+  // A peer that is gone is an error of the write, not the end of the process.
+  std::signal(SIGPIPE, SIG_IGN);
+
+  setMainThreadQualityOfService(QualityOfServiceClass::utility, 0);
+  const Logging logging(options);
+  const auto launcher = std::make_shared<Launcher>(clock);
+  const Deployment deployment = deploymentAt(paths.deploymentFile);
+  if (!enterSandbox(options, paths, deployment)) return sandboxFailure;
+
+  // Before the listener, so that it outlives the sessions.
+  Platform platform(systemServices(paths, deployment, clock, launcher));
+  Platform::install(&platform);
+  auto created = createListener(paths, *launcher);
+  if (!created) {
+    logError("main: Cannot listen for clients: {}", created.failure().message);
+    return socketFailure;
+  }
+  const std::unique_ptr<IPCListener> listener = std::move(created).value();
+  listener->setDelegate(CorviddAgent::create());
+  listener->setAcceptGate({[launcher] { return launcher->tryBeginTransaction(); },
+                           [launcher] { launcher->endTransaction(); }});
+  listener->resume();
+  logInfo("main: Listener resumes with sandbox, start loop.");
+  sealSandbox(options);
+  launcher->notifyReady("Serving");
+  return launcher->runLoop(idleExit(options, *launcher), [&] {
+    return platform.http().exchangesUnderWay() > 0 || listener->connections() > 0;
+  });
+}
+
+}  // namespace corvid

@@ -1,0 +1,38 @@
+#include "daemon/SystemServices.h"
+
+#include "platform/data/FilePreferences.h"
+#include "platform/data/LocalFileSystem.h"
+#include "platform/data/StoredConsent.h"
+#include "platform/data/SystemRandom.h"
+#include "platform/http/CurlHTTPClient.h"
+#include "platform/system/SystemDeviceInformation.h"
+#include "platform/system/SystemLocale.h"
+
+namespace corvid {
+
+Platform::Services systemServices(const Paths& paths, const Deployment& deployment,
+                                  const std::shared_ptr<Clock>& clock,
+                                  const std::shared_ptr<Launcher>& launcher) {
+  const auto http = std::make_shared<CurlHTTPClient>(CurlHTTPClient::Options{
+      .caFile = deployment.caFile,
+      .allowInsecureHTTP = deployment.allowInsecureHTTP,
+      .onIdle = [launcher] { launcher->workEnded(); },
+  });
+  const auto preferences = std::make_shared<FilePreferences>(paths.preferencesFolder);
+  const auto random = std::make_shared<SystemRandom>();
+  return {
+      .clock = clock,
+      .http = http,
+      .preferences = preferences,
+      .deviceInformation = std::make_shared<SystemDeviceInformation>(paths.deviceFile),
+      .locale = std::make_shared<SystemLocale>(paths.localeFile),
+      .consent = std::make_shared<StoredConsent>(preferences, random),
+      .random = random,
+      .keepAlive = launcher,
+      .files = std::make_shared<LocalFileSystem>(),
+      .paths = paths,
+      .deployment = deployment,
+  };
+}
+
+}  // namespace corvid

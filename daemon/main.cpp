@@ -1,0 +1,31 @@
+#include <fmt/format.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "daemon/CheckConfig.h"
+#include "daemon/Daemon.h"
+#include "daemon/Options.h"
+
+int main(int argc, char** argv) {
+  using corvid::Options;
+  const auto options =
+      corvid::parseOptions({argv + (argc > 0), argv + argc}, std::getenv("CORVID_ROOT"));
+  if (!options) {
+    fmt::print(stderr, "corvidd: {}\n", options.failure().message);
+    return corvid::exitUsage;
+  }
+  switch (options.value().action) {
+    case Options::Action::printHelp:
+      fmt::print("{}", corvid::optionsHelp);
+      return 0;
+    case Options::Action::printVersion:
+      fmt::print("corvidd {}\n", CORVID_VERSION);
+      return 0;
+    case Options::Action::checkConfig:
+      return corvid::printConfigCheck(corvid::pathsFor(options.value()));
+    case Options::Action::run:
+      break;
+  }
+  return corvid::runDaemon(options.value());
+}

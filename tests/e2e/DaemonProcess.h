@@ -1,0 +1,54 @@
+// The real corvidd as a child process.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tests/fakes/ScratchRoot.h"
+
+namespace corvid {
+
+// Runs from construction until it ends by itself or the object goes; then it is killed. Its
+// arguments are `--root` of the scratch root and what the test adds; its output goes to files below
+// the root.
+//
+// Every wait ends after `patience`, so that a broken daemon fails a test and never hangs it.
+class DaemonProcess {
+ public:
+  static constexpr std::chrono::seconds patience{20};
+
+  // With a `listeningSocket` the daemon is started as if by its socket; the descriptor stays the
+  // caller's.
+  DaemonProcess(const ScratchRoot& root, std::vector<std::string> arguments,
+                std::optional<int> listeningSocket = std::nullopt);
+  ~DaemonProcess();
+  DaemonProcess(const DaemonProcess&) = delete;
+  DaemonProcess& operator=(const DaemonProcess&) = delete;
+
+  pid_t pid() const { return _pid; }
+  // Until the daemon has reported that it serves; false when it ended or did not in time.
+  bool waitUntilReady();
+  // Until a line with that fragment is in the log (standard error).
+  bool waitForLog(std::string_view fragment) const;
+  // The exit status, or the negative number of the signal that ended it; nothing when it goes on.
+  std::optional<int> waitForExit(std::chrono::milliseconds limit = patience);
+
+  std::string standardOutput() const;
+  std::string standardError() const;
+
+ private:
+  void run(const std::vector<std::string>& arguments, std::optional<int> listeningSocket);
+
+  const ScratchRoot& _root;
+  int _notifySocket = -1;
+  pid_t _pid = -1;
+  int _process = -1;  // descriptor that becomes readable when the process ends
+  std::optional<int> _status;
+};
+
+}  // namespace corvid
