@@ -9,6 +9,9 @@
 
 #include <capnp/serialize-async.h>
 
+#include <cstddef>
+#include <vector>
+
 #include "protocol/wire/FrameReader.h"
 #include "protocol/wire/SocketPort.h"
 
@@ -34,16 +37,31 @@ class MessageSocket final : public capnp::MessageStream {
   // No more will be written; the peer sees an end of stream.
   kj::Promise<void> end() override;
 
+  // Hands to the socket what waits to leave.
+  void flush();
+
  private:
   class Outgoing;
-
   enum class Received { something, nothing, end };
+
   Received receive();
-  kj::Promise<void> write(kj::Own<Outgoing> outgoing);
+  bool sendOutput();
+  void gather(kj::ArrayPtr<const kj::ArrayPtr<const capnp::word>> segments);
+  void unblock();
+  kj::Promise<void> untilOutputSent();
+  kj::Promise<void> untilSent(kj::Own<Outgoing> outgoing);
 
   SocketPort& _port;
   FrameReader _frames;
   bool _drained = true;  // the socket had less than was asked for
+
+  std::vector<kj::byte> _output;  // what waits to leave
+  std::size_t _sent = 0;          // bytes of it that have left
+  bool _blocked = false;          // the socket takes no more
+  bool _flushesLater = false;
+  kj::Own<kj::PromiseFulfiller<void>> _unblocked;  // of a write that waits
+  kj::Promise<void> _writing = nullptr;
+  kj::Promise<void> _laterFlush = nullptr;
 };
 
 }  // namespace corvid::wire
