@@ -1,5 +1,6 @@
-// What an event costs the daemon from the socket to the session: CPU time of the connection's thread
-// for each event, with a session that does nothing, by the number of events that travel together.
+// What an event costs the daemon from the socket to the session: CPU time of the connection's
+// thread for each event, with a session that does nothing, by the number of events that travel
+// together.
 #include <fmt/format.h>
 #include <time.h>
 

@@ -11,6 +11,15 @@ namespace corvid {
 
 using capnp::rpc::Message;
 
+namespace {
+
+// What the RPC system tells the client when it ends the connection.
+kj::Exception failure(const std::string& rule) {
+  return {kj::Exception::Type::FAILED, __FILE__, __LINE__, kj::heapString(rule.c_str())};
+}
+
+}  // namespace
+
 void PeerGuard::fail(std::string rule) {
   if (_breach) return;
   _breach = std::move(rule);
@@ -24,7 +33,7 @@ void PeerGuard::openGate() {
 
 kj::Promise<PeerGuard::Incoming> PeerGuard::refuse(std::string rule) {
   fail(std::move(rule));
-  return KJ_EXCEPTION(FAILED, *_breach);
+  return failure(*_breach);
 }
 
 kj::Promise<PeerGuard::Incoming> PeerGuard::tryReadMessage(
@@ -35,7 +44,7 @@ kj::Promise<PeerGuard::Incoming> PeerGuard::tryReadMessage(
 
 kj::Promise<PeerGuard::Incoming> PeerGuard::readWhenAllowed(
     kj::ArrayPtr<kj::AutoCloseFd> descriptorSpace) {
-  if (_breach) return KJ_EXCEPTION(FAILED, *_breach);
+  if (_breach) return failure(*_breach);
   if (_writing || _unanswered >= limits::callsInFlight) {
     auto pair = kj::newPromiseAndFulfiller<void>();
     _gate = kj::mv(pair.fulfiller);

@@ -124,7 +124,8 @@ kj::Promise<kj::Maybe<capnp::MessageReaderAndFds>> MessageSocket::tryReadMessage
       if (kj::Own<capnp::MessageReader> message = _frames.next(); message.get() != nullptr)
         return Incoming(capnp::MessageReaderAndFds{kj::mv(message), nullptr});
     } catch (const BrokenRule& rule) {
-      return KJ_EXCEPTION(FAILED, rule.what());
+      return kj::Exception(kj::Exception::Type::FAILED, __FILE__, __LINE__,
+                           kj::heapString(rule.what()));
     }
     if (_drained) break;
   } while (receive() == Received::something);

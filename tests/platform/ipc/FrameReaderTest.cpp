@@ -1,5 +1,3 @@
-#include "protocol/wire/FrameReader.h"
-
 #include <capnp/message.h>
 #include <capnp/serialize.h>
 #include <gtest/gtest.h>
@@ -10,6 +8,7 @@
 #include <vector>
 
 #include "protocol/Limits.h"
+#include "protocol/wire/FrameReader.h"
 #include "protocol/wire/ValueCodec.h"
 
 namespace corvid::wire {

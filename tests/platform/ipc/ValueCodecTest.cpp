@@ -1,10 +1,10 @@
-#include "protocol/wire/ValueCodec.h"
-
 #include <capnp/message.h>
 #include <gtest/gtest.h>
 
 #include <limits>
 #include <string>
+
+#include "protocol/wire/ValueCodec.h"
 
 namespace corvid::wire {
 namespace {
@@ -149,8 +149,7 @@ TEST(ValueCodec, ForeseesTheSpaceThatAValueTakes) {
 }
 
 TEST(ValueCodec, FindsWhatIsTooLargeForAMessage) {
-  EXPECT_EQ(fitnessOf({{"data", Data{std::string(limits::messageBytes, 'x')}}}),
-            Fitness::tooLarge);
+  EXPECT_EQ(fitnessOf({{"data", Data{std::string(limits::messageBytes, 'x')}}}), Fitness::tooLarge);
   EXPECT_EQ(fitnessOf({{"text", std::string(limits::messageBytes, 'x')}}), Fitness::tooLarge);
 }
 
