@@ -29,7 +29,8 @@ inline constexpr std::size_t unfinishedCalls = 1024;
 // Aggregator deliveries that wait for a client; past either the oldest are dropped.
 inline constexpr std::size_t deliveriesWaiting = 1024;
 inline constexpr std::size_t deliveryBytesWaiting = std::size_t{4} << 20;
-// Delivery calls that the client has not acknowledged; past it deliveries wait.
-inline constexpr std::size_t deliveriesInFlight = 64;
+// Delivery calls that the client has not acknowledged; past it deliveries wait. As many as calls,
+// so that each call of a client that keeps to its limit may cause one.
+inline constexpr std::size_t deliveriesInFlight = unfinishedCalls;
 
 }  // namespace corvid::limits

@@ -41,12 +41,13 @@ void DeliverySender::flush() {
   auto list = request.initDeliveries(count(deliveries.size()));
   for (std::size_t i = 0; i < deliveries.size(); ++i) encode(deliveries[i], list[count(i)]);
   ++_inFlight;
-  const auto acknowledged = [this] {
-    --_inFlight;
-    flushIfClientReads();
-  };
-  _calls.add(request.send().ignoreResult().then(
-      acknowledged, [acknowledged](kj::Exception&&) { acknowledged(); }));
+  _calls.add(request.send().ignoreResult().then([this] { acknowledged(); },
+                                                [this](kj::Exception&&) { acknowledged(); }));
+}
+
+void DeliverySender::acknowledged() {
+  --_inFlight;
+  flushIfClientReads();
 }
 
 void DeliverySender::flushIfClientReads() {

@@ -33,6 +33,7 @@ class DeliverySender final : private kj::TaskSet::ErrorHandler {
 
  private:
   void taskFailed(kj::Exception&&) override {}
+  void acknowledged();
 
   Outbox& _outbox;
   const PeerGuard& _guard;

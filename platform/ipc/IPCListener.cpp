@@ -8,8 +8,10 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <exception>
+#include <string_view>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -24,6 +26,8 @@
 namespace corvid {
 
 namespace {
+
+constexpr int starvedPause = 100;  // milliseconds
 
 std::string errorText(int error) { return std::generic_category().message(error); }
 
@@ -58,6 +62,7 @@ class IPCListener::Acceptor {
   void run();
   Accepted acceptThroughGate();
   Accepted acceptOne();
+  void starve(std::string_view action, int error);
   void bring(Descriptor socket);
   bool admits(const IPCConnection::Peer& peer);
   void connectionEnded(std::uint64_t number);
@@ -104,13 +109,11 @@ void IPCListener::Acceptor::wake() const {
 void IPCListener::Acceptor::run() {
   for (;;) {
     std::array<pollfd, 2> ready{{{_wakeup.get(), POLLIN, 0}, {_socket.get(), POLLIN, 0}}};
-    // Without descriptors a connection that waits keeps the socket readable.
-    constexpr int starvedPause = 100;
+    // What is refused or cannot be accepted keeps the socket readable.
     if (_starved || _refused) ready[1].fd = -1;
-    const int found = poll(ready.data(), ready.size(), _starved ? starvedPause : -1);
-    if (found < 0 && errno != EINTR) {
-      logError("IPCListener: Waiting for connections failed: {}", errorText(errno));
-      return;
+    if (poll(ready.data(), ready.size(), _starved ? starvedPause : -1) < 0 && errno != EINTR) {
+      starve("Waiting for connections", errno);
+      std::this_thread::sleep_for(std::chrono::milliseconds(starvedPause));
     }
     if (ready[0].revents != 0) {
       std::uint64_t count = 0;
@@ -151,10 +154,15 @@ IPCListener::Acceptor::Accepted IPCListener::Acceptor::acceptOne() {
     case ECONNABORTED:
       return Accepted::one;
     default:
-      if (!std::exchange(_starved, true))
-        logError("IPCListener: Accepting a connection failed, trying again: {}", errorText(error));
+      starve("Accepting a connection", error);
       return Accepted::starved;
   }
+}
+
+// One line for the whole time in which the system lacks something.
+void IPCListener::Acceptor::starve(std::string_view action, int error) {
+  if (!std::exchange(_starved, true))
+    logError("IPCListener: {} failed, trying again: {}", action, errorText(error));
 }
 
 void IPCListener::Acceptor::bring(Descriptor socket) {

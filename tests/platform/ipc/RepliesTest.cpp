@@ -231,7 +231,7 @@ TEST_F(Replies, AClientThatVanishesInMidCallIsInvalidatedOnceAfterIt) {
   std::atomic<int> destroyed{0};
   delegate->onSession = [&](RecordingSession& session, auto&) {
     session.onMessage = [&](std::uint16_t, ResultReply reply) {
-      inCall = true;
+      notice.change([&] { inCall = true; });
       notice.await([&] { return !replies.empty(); });
       inCall = false;
       reply("nobody hears this");
@@ -246,7 +246,7 @@ TEST_F(Replies, AClientThatVanishesInMidCallIsInvalidatedOnceAfterIt) {
     WireClient client(path);
     auto promise = begin(client, 1);
     client.scope.poll();
-    ASSERT_TRUE(delegate->notice.await([&] { return inCall.load(); }));
+    ASSERT_TRUE(notice.await([&] { return inCall.load(); }));
   }
   notice.change([&] { replies.emplace_back(); });
   ASSERT_TRUE(notice.await([&] { return destroyed == 1; }));
