@@ -2,7 +2,7 @@
 
 #include <zlib.h>
 
-#include <algorithm>
+#include <array>
 
 namespace corvid::lab {
 
@@ -12,18 +12,16 @@ std::optional<std::string> gunzip(std::string_view stream, std::size_t limit) {
   inflater.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(stream.data()));
   inflater.avail_in = static_cast<uInt>(stream.size());
   std::string content;
+  std::array<Bytef, 16384> piece;
   int result = Z_OK;
-  while (result == Z_OK && content.size() < limit) {
-    const std::size_t had = content.size();
-    content.resize(std::min(limit, std::max<std::size_t>(4096, had * 2)));
-    inflater.next_out = reinterpret_cast<Bytef*>(content.data() + had);
-    inflater.avail_out = static_cast<uInt>(content.size() - had);
+  do {
+    inflater.next_out = piece.data();
+    inflater.avail_out = piece.size();
     result = inflate(&inflater, Z_NO_FLUSH);
-    content.resize(content.size() - inflater.avail_out);
-    if (inflater.avail_in == 0 && result == Z_OK && inflater.avail_out > 0) break;
-  }
+    content.append(reinterpret_cast<const char*>(piece.data()), piece.size() - inflater.avail_out);
+  } while (result == Z_OK && content.size() <= limit);
   inflateEnd(&inflater);
-  if (result != Z_STREAM_END) return std::nullopt;
+  if (result != Z_STREAM_END || content.size() > limit) return std::nullopt;
   return content;
 }
 

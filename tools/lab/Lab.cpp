@@ -26,7 +26,7 @@ Lab::Lab(const std::string& root, Options options)
       _realtime("realtime", _received),
       _storebagFolder(_root.storebagFolder(), _signer, options.maxAge,
                       [this](std::string_view name) {
-                        return localURL("https", *_reportServer, "/" + std::string(name));
+                        return localURL("https", *_reportServer, fmt::format("/{}", name));
                       }) {
   _root.writeFiles(_signer.publicKeyDER());
   _reportServer =
