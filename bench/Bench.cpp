@@ -74,7 +74,7 @@ void Bench::writeStorebag(const std::string& name, const std::string& url) const
 
 std::unique_ptr<ChildProcess> Bench::startDaemon(const std::string& program) {
   auto daemon = std::make_unique<ChildProcess>(
-      std::vector<std::string>{program, "--root", _folder, "--log-level", "warning"},
+      std::vector<std::string>{program, "--root", _folder, "--log", "stderr", "--log-level", "warning"},
       _folder + "/corvidd.log");
   const std::string socketPath = Paths(_folder).socket;
   while (!acceptsConnection(socketPath)) {

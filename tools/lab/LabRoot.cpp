@@ -77,6 +77,11 @@ void LabRoot::writeFiles(const std::string& publicKeyDER) const {
                  writeXMLPropertyList(Value(Dictionary{
                      {"match", Dictionary{{"user", fmt::format("{}", getuid())}}},
                      {"entitlements", Dictionary{{"com.halcyon.private.corvidd", true}}}})));
+  // A virtual machine may not know what it is, and without a product family nothing reports.
+  writeIfMissing(paths.deviceFile,
+                 writeXMLPropertyList(Value(Dictionary{{"DeviceName", "Workbench"},
+                                                       {"ProductType", "Workbench1,1"},
+                                                       {"HWModelStr", "W11"}})));
   for (const char* name :
        {"lumen", "tessel", "parlor", "orrery", "cadence", "quill", "ledger", "folio", "reel"})
     writeIfMissing(fmt::format("{}/{}.plist", storebagFolder(), name),

@@ -19,8 +19,8 @@ class LabRoot {
   std::string storebagFolder() const { return _root + "/lab/storebags"; }
   std::string receivedFile() const { return _root + "/lab/received.jsonl"; }
 
-  // Public key, Info.plist and sandbox profile; an entitlement for the user who runs the lab; a
-  // storebag for every storebag name.
+  // Public key, Info.plist and sandbox profile; an entitlement for the user who runs the lab;
+  // device answers; a storebag for every storebag name.
   void writeFiles(const std::string& publicKeyDER) const;
   // deployment.plist; it changes with the port.
   void writeDeployment(std::uint16_t storebagPort, const std::string& caFile) const;
