@@ -1,9 +1,12 @@
 // Locale and time zone of the machine.
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
 
 #include "platform/LocaleInformation.h"
+#include "platform/base/Mutex.h"
 
 namespace corvid {
 
@@ -17,10 +20,18 @@ class SystemLocale final : public LocaleInformation {
   explicit SystemLocale(std::string localeFile) : _localeFile(std::move(localeFile)) {}
 
   std::optional<std::string> countryCode() override;
-  std::int32_t secondsFromGMT(const TimeValue& at) override;
+  std::int32_t secondsFromGMT(const TimeValue& at) override EXCLUDES(_mutex);
 
  private:
+  struct Offset {
+    std::int64_t second = 0;
+    std::optional<std::string> zone;  // TZ
+    std::int32_t secondsFromGMT = 0;
+  };
+
   const std::string _localeFile;
+  Mutex _mutex;
+  std::optional<Offset> _latest GUARDED_BY(_mutex);
 };
 
 }  // namespace corvid
