@@ -18,7 +18,7 @@ FilterAction actionNamed(const std::string* name) {
   return FilterAction::keep;
 }
 
-FilterTag tagFor(const Dictionary& filter) {
+filterTag tagFor(const Dictionary& filter) {
   return {.method = static_cast<std::int32_t>(integerAt(filter, "method").value_or(-1)),
           .status = static_cast<std::int32_t>(integerAt(filter, "status").value_or(-1)),
           .action = actionNamed(stringAt(filter, "action"))};
@@ -102,7 +102,7 @@ FilterAction EventFilters::actionFor(std::string_view key, std::int32_t method,
   if (!_mayHave[foldingHash(key) % _mayHave.size()]) return FilterAction::keep;
   const auto found = _filters.find(key);
   if (found == _filters.end()) return FilterAction::keep;
-  for (const FilterTag& tag : found->second)
+  for (const filterTag& tag : found->second)
     if (tag.appliesTo(method, status)) return tag.action;
   return FilterAction::keep;
 }

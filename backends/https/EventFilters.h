@@ -15,7 +15,7 @@ namespace corvid {
 enum class FilterAction : std::int32_t { keep = 0, remove = 1, digest = 2 };
 
 // What one filter asks for; negative numbers apply to every method or status.
-struct FilterTag {
+struct filterTag {
   std::int32_t method = -1;
   std::int32_t status = -1;
   FilterAction action = FilterAction::keep;
@@ -51,7 +51,7 @@ class EventFilters {
 
   FilterAction actionFor(std::string_view key, std::int32_t method, std::int32_t status) const;
 
-  std::unordered_map<std::string, std::vector<FilterTag>, FoldingHash, FoldingEqual> _filters;
+  std::unordered_map<std::string, std::vector<filterTag>, FoldingHash, FoldingEqual> _filters;
   // By hash: keys that no filter names, which most are, need no look-up.
   std::bitset<256> _mayHave;
 };

@@ -47,8 +47,10 @@ int Deflater::begin(DeflateFormat format) {
   _stream->fed = false;
   if (_stream->initialised && _stream->format == format) return deflateReset(&_stream->zlib);
   _stream->release();
-  const int result = deflateInit2(&_stream->zlib, Z_DEFAULT_COMPRESSION, Z_DEFLATED,
-                                  windowBits(format), memoryLevel, Z_DEFAULT_STRATEGY);
+  // The version that this code was written against; the library refuses one it cannot stand in for.
+  const int result =
+      deflateInit2_(&_stream->zlib, Z_DEFAULT_COMPRESSION, Z_DEFLATED, windowBits(format),
+                    memoryLevel, Z_DEFAULT_STRATEGY, "1.2.8", static_cast<int>(sizeof(z_stream)));
   _stream->initialised = result == Z_OK;
   _stream->format = format;
   return result;
