@@ -1,0 +1,218 @@
+// Real events from the real client through the real daemon, in its sandbox, to real servers.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "platform/base/Reading.h"
+#include "platform/data/JSON.h"
+#include "platform/data/PropertyList.h"
+#include "tests/e2e/DaemonProcess.h"
+#include "tools/lab/Lab.h"
+
+namespace corvid {
+namespace {
+
+constexpr const char* describe =
+    R"({"call":"setSessionInfo","sessionInfo":{"ClientType":5,"ClientVersion":3,"SessionID":42,"RequireUserInfo":true,"BatchEvent":true},"userInfo":{"_clientName":"Player","_serviceName":"Film"}})";
+constexpr const char* start = R"({"call":"startConfig"})";
+constexpr const char* flush = R"({"call":"flush"})";
+constexpr const char* play =
+    R"({"call":"sendMessage","category":7,"type":2,"payload":{"action":"play","account":"alice","secret":"hidden"}})";
+
+class Events : public testing::Test {
+ protected:
+  Events() : _lab(_root.path()) {}
+
+  void startDaemon() {
+    _daemon.emplace(_root, std::vector<std::string>{"--log", "stderr", "--log-level", "debug"});
+    ASSERT_TRUE(_daemon->waitUntilReady()) << _daemon->standardError();
+  }
+
+  // Makes the calls in one session and returns what corvidctl printed, line by line.
+  std::vector<std::string> session(const std::vector<std::string>& calls) {
+    _root.write("calls", "");
+    {
+      std::ofstream file(_root.path("calls"));
+      for (const std::string& call : calls) file << call << '\n';
+    }
+    const std::string command = "timeout 40 " CORVIDCTL_PROGRAM " --root " + _root.path() +
+                                " session < " + _root.path("calls");
+    std::vector<std::string> lines;
+    std::FILE* output = popen(command.c_str(), "r");
+    std::string line;
+    for (int c = std::fgetc(output); c != EOF; c = std::fgetc(output)) {
+      if (c != '\n') {
+        line.push_back(static_cast<char>(c));
+        continue;
+      }
+      lines.push_back(std::exchange(line, {}));
+    }
+    pclose(output);
+    return lines;
+  }
+
+  std::vector<Dictionary> received() const {
+    std::vector<Dictionary> entries;
+    std::ifstream file(_lab.root().receivedFile());
+    for (std::string line; std::getline(file, line);) {
+      const Result<Value> entry = parseJSON(line);
+      if (entry && entry.value().dictionary()) entries.push_back(*entry.value().dictionary());
+    }
+    return entries;
+  }
+
+  // Every record that has arrived, in order of arrival.
+  std::vector<Dictionary> records() const {
+    std::vector<Dictionary> records;
+    for (const Dictionary& entry : received())
+      if (const Dictionary* message = dictionaryAt(entry, "message"))
+        if (const Array* events = arrayAt(*message, "events"))
+          for (const Value& event : *events) records.push_back(*event.dictionary());
+    return records;
+  }
+
+  static bool waitFor(const std::function<bool()>& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + DaemonProcess::patience;
+    while (!condition()) {
+      if (std::chrono::steady_clock::now() > deadline) return false;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+  }
+
+  void publish(const std::string& name, const Dictionary& storebag) {
+    _root.write("lab/storebags/" + name + ".plist", writeXMLPropertyList(Value(storebag)));
+  }
+
+  ScratchRoot _root;
+  lab::Lab _lab;
+  std::optional<DaemonProcess> _daemon;
+};
+
+TEST_F(Events, ABatchArrivesFilteredWithStartAndEndMessages) {
+  startDaemon();
+  const auto lines = session({describe, start, play, flush});
+  EXPECT_EQ(lines, (std::vector<std::string>{
+                       R"({"call":"setSessionInfo"})",
+                       R"({"call":"startConfig","states":["httpPost"]})",
+                       R"({"call":"sendMessage","result":null})",
+                       R"({"call":"flush","result":null,"error":null})"}));
+  ASSERT_TRUE(waitFor([&] { return records().size() == 3; })) << _daemon->standardError();
+  const auto arrived = records();
+  EXPECT_EQ(integerAt(arrived[0], "_method"), 0);  // the start message
+  EXPECT_TRUE(arrived[0].contains("AutomaticTimeSet"));
+  EXPECT_EQ(*stringAt(arrived[1], "action"), "play");
+  EXPECT_EQ(stringAt(arrived[1], "account")->size(), 64u);
+  EXPECT_FALSE(arrived[1].contains("secret"));
+  EXPECT_EQ(*stringAt(arrived[1], "_clientName"), "Player");
+  EXPECT_EQ(*stringAt(arrived[2], "StorebagVersion"), "1.0.0-lumen");  // the end message
+  const Dictionary& headers = *dictionaryAt(received()[0], "headers");
+  EXPECT_EQ(*stringAt(headers, "X-CVD-Sender"), "ZH");
+  EXPECT_EQ(*stringAt(headers, "Content-Encoding"), "gzip");
+}
+
+TEST_F(Events, ARealtimeEventOvertakesNothing) {
+  startDaemon();
+  session({describe, start, play,
+           R"({"call":"sendMessageWithDictionary","message":{"Category":8,"Type":2,"Flag":1}})"});
+  ASSERT_TRUE(waitFor([&] { return records().size() == 4; }));
+  std::vector<std::string> servers;
+  for (const Dictionary& entry : received()) servers.push_back(*stringAt(entry, "server"));
+  std::sort(servers.begin(), servers.end());
+  EXPECT_EQ(servers, (std::vector<std::string>{"events", "events", "realtime"}));
+}
+
+TEST_F(Events, AServerErrorDisablesTheBackend) {
+  startDaemon();
+  _lab.faults().set("events", {.status = 503});
+  const auto lines = session({describe, start, play, flush, play, flush});
+  ASSERT_EQ(lines.size(), 6u);
+  EXPECT_EQ(lines[3],
+            R"({"call":"flush","result":null,"error":{"domain":"com.halcyon.corvid.error",)"
+            R"("code":503,"description":"backend httpPost disabled by server 503 return code"}})");
+  EXPECT_NE(lines[5].find("Nothing to flush"), std::string::npos);
+}
+
+TEST_F(Events, ATamperedStorebagIsRefusedAndNothingLeaves) {
+  _lab.faults().set("storebags", {.times = -1, .corrupt = true});
+  startDaemon();
+  const auto lines = session({describe, start, play});
+  ASSERT_EQ(lines.size(), 3u);
+  EXPECT_EQ(lines[1], R"({"call":"startConfig","states":null})");
+  EXPECT_EQ(lines[2], R"({"call":"sendMessage","result":null})");
+  EXPECT_TRUE(_daemon->waitForLog("fetchAndCacheStorebag: Unable to fetch storebag"));
+  EXPECT_TRUE(received().empty());
+}
+
+TEST_F(Events, AFailedFetchIsNotRepeatedAtOnce) {
+  _lab.faults().set("storebags", {.times = -1, .status = 500});
+  startDaemon();
+  session({describe, start});
+  const std::size_t asked = _lab.storebags().requestsReceived();
+  session({describe, start});
+  EXPECT_EQ(_lab.storebags().requestsReceived(), asked);
+  EXPECT_TRUE(_daemon->waitForLog(
+      "storebagForSession: Not fetching storebag for client type 5 - must wait 900 seconds"));
+}
+
+TEST_F(Events, ASecondSessionUsesTheCachedStorebag) {
+  startDaemon();
+  session({describe, start});
+  session({describe, start});
+  EXPECT_EQ(_lab.storebags().requestsReceived(), 1u);
+  EXPECT_TRUE(_daemon->waitForLog("storebagForSession: Cached storebag found for client type 5"));
+}
+
+TEST_F(Events, ASingleMessageIsAnsweredOrNotAsItsIdentifiersSay) {
+  startDaemon();
+  const auto lines = session(
+      {R"({"call":"sendSingleMessage","sessionInfo":{"SessionID":1},"category":1,"type":2})",
+       R"({"call":"sendSingleMessage","sessionInfo":{"ClientType":5,"SessionID":7},"category":1,"type":2,"payload":{"single":1}})",
+       R"({"call":"sendSingleMessage","sessionInfo":{"ClientType":3,"SessionID":7},"category":1,"type":2})"});
+  EXPECT_EQ(lines, (std::vector<std::string>{
+                       R"({"call":"sendSingleMessage","answered":false})",
+                       R"({"call":"sendSingleMessage","result":"finished"})",
+                       R"({"call":"sendSingleMessage","result":"storebag not available"})"}));
+  ASSERT_TRUE(waitFor([&] { return records().size() == 1; }));
+  EXPECT_EQ(integerAt(records()[0], "single"), 1);
+}
+
+TEST_F(Events, LinesThatCannotBeUsedAreNamedAndTheNextIsRead) {
+  startDaemon();
+  const auto lines = session({"nonsense", R"({"call":"dance"})",
+                              R"({"call":"sendMessage","category":65536,"type":1})",
+                              R"({"call":"fetchDisplayURL"})"});
+  ASSERT_EQ(lines.size(), 4u);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(lines[static_cast<std::size_t>(i)].find("{\"error\":"), 0u);
+  EXPECT_EQ(lines[3], R"({"call":"fetchDisplayURL","url":"URL not available"})");
+}
+
+TEST_F(Events, AClientOutsideTheCountryListReportsNothing) {
+  const Dictionary entry{{"post_url", "${events}"},
+                         {"override_dnu", 1},
+                         {"locale_whitelist", Array{}},
+                         {"filters", Array{}},
+                         {"sampling_threshold", 1.0}};
+  const Dictionary section{{"httpPost", Dictionary{{"clients", Array{entry}}}}};
+  publish("lumen", {{"version", "2"}, {"release", section}});
+  ASSERT_EQ(setenv("LANG", "de_DE.UTF-8", 1), 0);
+  startDaemon();
+  unsetenv("LANG");
+  const auto lines = session({describe, start, play, flush});
+  EXPECT_EQ(lines.at(1), R"({"call":"startConfig","states":[]})");
+  EXPECT_TRUE(_daemon->waitForLog(
+      "HTTPSPostBackend(updateBackendState): (DE) isn't in country code list []"));
+  EXPECT_TRUE(received().empty());
+}
+
+}  // namespace
+}  // namespace corvid
