@@ -115,7 +115,8 @@ TEST_F(Events, ABatchArrivesFilteredWithStartAndEndMessages) {
   EXPECT_FALSE(arrived[1].contains("secret"));
   EXPECT_EQ(*stringAt(arrived[1], "_clientName"), "Player");
   EXPECT_EQ(*stringAt(arrived[2], "StorebagVersion"), "1.0.0-lumen");  // the end message
-  const Dictionary& headers = *dictionaryAt(received()[0], "headers");
+  const auto posts = received();
+  const Dictionary& headers = *dictionaryAt(posts.at(0), "headers");
   EXPECT_EQ(*stringAt(headers, "X-CVD-Sender"), "ZH");
   EXPECT_EQ(*stringAt(headers, "Content-Encoding"), "gzip");
 }
