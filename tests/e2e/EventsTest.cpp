@@ -174,6 +174,10 @@ TEST_F(Events, ASecondSessionUsesTheCachedStorebag) {
 }
 
 TEST_F(Events, ASingleMessageIsAnsweredOrNotAsItsIdentifiersSay) {
+  // Sent at once: what the backends of a single message hold goes with them.
+  const Dictionary entry{{"post_url", "${events}"}, {"expedite", 1}};
+  const Dictionary section{{"httpPost", Dictionary{{"clients", Array{entry}}}}};
+  publish("lumen", {{"version", "2"}, {"release", section}});
   startDaemon();
   const auto lines = session(
       {R"({"call":"sendSingleMessage","sessionInfo":{"SessionID":1},"category":1,"type":2})",
