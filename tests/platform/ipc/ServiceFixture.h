@@ -27,10 +27,9 @@ inline constexpr std::chrono::seconds patience{20};
 class Notice {
  public:
   void change(const std::function<void()>& change) {
-    {
-      std::lock_guard lock(_mutex);
-      change();
-    }
+    std::lock_guard lock(_mutex);
+    change();
+    // With the lock held, so that whoever waits may end the notice's life.
     _changed.notify_all();
   }
   bool await(const std::function<bool()>& condition) {
