@@ -34,10 +34,10 @@ DeliverySender::DeliverySender(Outbox& outbox, const PeerGuard& guard,
 
 void DeliverySender::flush() {
   if (!_outbox.hasDeliveries() || _inFlight >= limits::deliveriesInFlight) return;
-  if (_client == nullptr) _client = _getClient();
+  if (!_client) _client = _getClient();
   const std::deque<Delivery> deliveries = _outbox.takeDeliveries();
   if (deliveries.empty()) return;
-  auto request = KJ_ASSERT_NONNULL(_client).sendMessagesToClientRequest();
+  auto request = _client->sendMessagesToClientRequest();
   auto list = request.initDeliveries(count(deliveries.size()));
   for (std::size_t i = 0; i < deliveries.size(); ++i) encode(deliveries[i], list[count(i)]);
   ++_inFlight;

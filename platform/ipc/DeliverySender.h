@@ -11,6 +11,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <optional>
 
 #include "platform/ipc/Outbox.h"
 #include "platform/ipc/PeerGuard.h"
@@ -39,7 +40,7 @@ class DeliverySender final : private kj::TaskSet::ErrorHandler {
   const PeerGuard& _guard;
   capnp::TwoPartyVatNetwork& _network;
   const std::function<Client()> _getClient;
-  kj::Maybe<Client> _client;
+  std::optional<Client> _client;
   std::size_t _inFlight = 0;
   kj::TaskSet _calls;
 };
