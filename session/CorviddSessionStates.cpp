@@ -12,11 +12,11 @@ namespace corvid {
 
 namespace {
 
-// A name that the new user info does not hold counts as changed, even where the old had none.
-bool nameChanged(std::string_view key, const Dictionary& oldInfo, const Dictionary* newInfo) {
-  const Value* newName = newInfo ? newInfo->find(key) : nullptr;
-  const Value* oldName = oldInfo.find(key);
-  return !newName || !oldName || !(*newName == *oldName);
+// A name that both lack, or that is no text in both, is the same.
+bool nameChanged(std::string_view key, const Dictionary& oldInfo, const Dictionary& newInfo) {
+  const std::string* oldName = stringAt(oldInfo, key);
+  const std::string* newName = stringAt(newInfo, key);
+  return oldName && newName ? *oldName != *newName : oldName != newName;
 }
 
 void followParent(CorvidBackend& backend, const CorvidBackend* parent) {
@@ -70,8 +70,8 @@ void CorviddSession::receivedUserInfo(std::shared_ptr<const Dictionary> userInfo
   if (const auto oldInfo = sharedUserInfo()) {
     const auto info = sharedSessionInfo();
     if (!userInfo && info && booleanAt(*info, kCorvidSessionInfoRequireUserInfo)) return;
-    changed = nameChanged(kCorvidUserInfoClientName, *oldInfo, userInfo.get()) ||
-              nameChanged(kCorvidUserInfoServiceName, *oldInfo, userInfo.get());
+    changed = !userInfo || nameChanged(kCorvidUserInfoClientName, *oldInfo, *userInfo) ||
+              nameChanged(kCorvidUserInfoServiceName, *oldInfo, *userInfo);
   } else if (!userInfo) {
     return;
   }

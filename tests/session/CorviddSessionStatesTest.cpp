@@ -124,11 +124,45 @@ TEST_F(CorviddSessionStatesTest, NamesAreComparedWithRegardToCase) {
   EXPECT_TRUE(countsAsChanged(Dictionary{{"_clientName", "Alice"}, {"_serviceName", "calls"}}));
 }
 
-TEST_F(CorviddSessionStatesTest, ANameThatTheNewUserInfoLacksIsAChange) {
+TEST_F(CorviddSessionStatesTest, ANameThatOnlyOneOfThemHasIsAChange) {
   startWith(true, alice);
   EXPECT_TRUE(countsAsChanged(Dictionary{{"_clientName", "alice"}}));
-  EXPECT_TRUE(countsAsChanged(Dictionary{{"_clientName", "alice"}}));  // also where it was missing
   EXPECT_TRUE(countsAsChanged(alice));
+}
+
+TEST_F(CorviddSessionStatesTest, ANameThatBothLackIsNoChange) {
+  startWith(true, Dictionary{{"_clientName", "alice"}});
+  EXPECT_FALSE(countsAsChanged(Dictionary{{"_clientName", "alice"}, {"other", "data"}}));
+  EXPECT_TRUE(countsAsChanged(Dictionary{}));
+  EXPECT_FALSE(countsAsChanged(Dictionary{}));
+}
+
+TEST_F(CorviddSessionStatesTest, ANameThatIsNoTextCountsAsLacking) {
+  startWith(true, Dictionary{{"_clientName", "alice"}, {"_serviceName", 1}});
+  EXPECT_FALSE(countsAsChanged(Dictionary{{"_clientName", "alice"}, {"_serviceName", 2}}));
+  EXPECT_FALSE(countsAsChanged(Dictionary{{"_clientName", "alice"}}));
+  EXPECT_TRUE(countsAsChanged(alice));
+}
+
+TEST_F(CorviddSessionStatesTest, UserInfoWithoutNamesMayGoAwayToo) {
+  startWith(false, Dictionary{{"other", "data"}});
+  EXPECT_TRUE(countsAsChanged(std::nullopt));
+}
+
+TEST_F(CorviddSessionStatesTest, EveryBackendGetsTheUserInfoBeforeAnyComputesItsState) {
+  add(kCorvidBackendDashboard);
+  startWith(true, std::nullopt);
+  fetch(alice);
+  EXPECT_THAT(journal->entries(),
+              ElementsAre("dashboard setUserInfoDict", "httpPost setUserInfoDict",
+                          "agent userInfoUpdatedForSession", "dashboard updateState",
+                          "httpPost updateState", "agent updateDownstreamSessions"));
+}
+
+TEST_F(CorviddSessionStatesTest, TheAnswerTellsTheStatesAfterTheNewUserInfo) {
+  FakeBackend& backend = startWith(true, std::nullopt);
+  backend.stateAfterUpdate = BackendState::disabled;
+  EXPECT_EQ(fetch(alice), Array{});
 }
 
 class CorviddSessionCombinedIDTest : public SessionTest {};
