@@ -73,6 +73,30 @@ TEST_F(Hierarchy, ASessionWhoseClientNameChangesMovesToTheNewGroup) {
   EXPECT_EQ(parentOf(newChild).get(), &parent);
 }
 
+TEST_F(Hierarchy, ASessionThatLostItsUserInfoStaysInItsGroup) {
+  CorviddSession& parent = join(1, 0);
+  CorviddSession& child = join(2, 1);
+  pretend(parent, std::nullopt);
+  agent->userInfoUpdatedForSession(parent);
+  EXPECT_EQ(parentOf(child).get(), &parent);
+}
+
+TEST_F(Hierarchy, ASessionIsInItsGroupOnceHoweverOftenItJoins) {
+  CorviddSession& parent = join(1, 0);
+  CorviddSession& child = join(2, 1);
+  agent->userInfoUpdatedForSession(parent);
+  agent->userInfoUpdatedForSession(parent);
+  connectionOf(parent).clientVanishes();
+  EXPECT_EQ(parentOf(child), nullptr);
+}
+
+TEST_F(Hierarchy, ASessionWithoutBackendsIsAtLevelZero) {
+  CorviddSession& unstarted = connectAs(1, 8, userInfo("Player", "Feed"));
+  agent->userInfoUpdatedForSession(unstarted);
+  CorviddSession& child = join(2, 1);
+  EXPECT_EQ(parentOf(child).get(), &unstarted);
+}
+
 TEST_F(Hierarchy, EmptyGroupsAreKeptUpToTheirLimit) {
   CorviddSession& session = connectAs(1, 8, userInfo("first", ""));
   const std::string longName(CorviddAgent::keptGroupBytes / 4, 'n');
