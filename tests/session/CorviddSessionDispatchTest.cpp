@@ -131,6 +131,13 @@ TEST_F(CorviddSessionDispatchTest, FlagAndPayloadOfAWrongTypeCountAsAbsent) {
   EXPECT_EQ(backend.sent.back().flag, MessageFlag{3});
 }
 
+TEST_F(CorviddSessionDispatchTest, TheFlagKeepsItsLow32Bits) {
+  FakeBackend& backend = add(kCorvidBackendHTTPPost);
+  configureAndStart();
+  send({{"Category", 1}, {"Type", 2}, {"Flag", 0x1'0000'0003}});
+  EXPECT_EQ(backend.sent.back().flag, MessageFlag{3});
+}
+
 TEST_F(CorviddSessionDispatchTest, EveryBackendGetsTheSameTime) {
   FakeBackend& first = add(kCorvidBackendDashboard);
   FakeBackend& second = add(kCorvidBackendHTTPPost);
@@ -166,6 +173,22 @@ TEST_F(CorviddSessionDispatchTest, AnEmptyHTTPAnswerReplacesNothing) {
   EXPECT_EQ(send(1, 2), std::nullopt);
   dashboard.sendAnswer = "dashboard text";
   EXPECT_EQ(send(1, 2), "dashboard text");
+}
+
+TEST_F(CorviddSessionDispatchTest, AnEmptyDashboardAnswerIsTakenUntilTheHTTPAnswerComes) {
+  add(kCorvidBackendDashboard).sendAnswer = "";
+  FakeBackend& http = add(kCorvidBackendHTTPPost);
+  configureAndStart();
+  EXPECT_EQ(send(1, 2), "");
+  http.sendAnswer = "http text";
+  EXPECT_EQ(send(1, 2), "http text");
+}
+
+TEST_F(CorviddSessionDispatchTest, AnEmptyAnswerIsWrittenToTheMessageLogToo) {
+  add(kCorvidBackendHTTPPost).sendAnswer = "";
+  configureAndStart();
+  send(1, 2);
+  EXPECT_THAT(messageLog(), ElementsAre("[httpPost -> sendMessageWithDictionary] "));
 }
 
 TEST_F(CorviddSessionDispatchTest, AnswersOfOtherBackendsNeverReachTheReply) {

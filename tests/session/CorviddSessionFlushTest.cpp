@@ -134,6 +134,13 @@ TEST_F(CorviddSessionFlushTest, WithoutAnAnswerNothingIsWrittenToTheMessageLog) 
   EXPECT_THAT(messageLog(), ElementsAre());
 }
 
+TEST_F(CorviddSessionFlushTest, AnEmptyAnswerIsWrittenToTheMessageLogToo) {
+  add(kCorvidBackendHTTPPost).flushAnswer = FakeBackend::FlushAnswer{"", std::nullopt};
+  configureAndStart();
+  session->flushMessagesWithCompletion({});
+  EXPECT_THAT(messageLog(), ElementsAre("[httpPost -> flushMessages] "));
+}
+
 TEST_F(CorviddSessionFlushTest, LogsTheBackendsNameAndFilesUnderTheTableKey) {
   addAs("key", kCorvidBackendHTTPPost).flushAnswer = FakeBackend::FlushAnswer{"t", std::nullopt};
   configureAndStart();
@@ -162,6 +169,30 @@ TEST_F(CorviddSessionFlushTest, TwoFlushesCountTheirBackendsApart) {
   answer(1, "second flush");
   EXPECT_EQ(first.answers(), 0u);
   EXPECT_EQ(second.answers(), 1u);
+}
+
+// Whoever answers meanwhile, for whatever session, waits until the caller's completion has run.
+TEST_F(CorviddSessionFlushTest, TheCallersCompletionKeepsOtherAnswersWaiting) {
+  startWithHeldFlushes({kCorvidBackendHTTPPost});
+  RecordedFlush second;
+  std::thread other;
+  std::size_t answersMeanwhile = 1;
+  session->flushMessagesWithCompletion(FlushReply([&](auto, auto) {
+    std::latch begun(1);
+    other = std::thread([&] {
+      begun.count_down();
+      answer(0, "second");
+    });
+    begun.wait();
+    for (int round = 0; round < 1000; ++round) std::this_thread::yield();
+    answersMeanwhile = second.answers();
+  }));
+  FlushCompletion first = std::move(held[0]->heldFlushes.back());
+  session->flushMessagesWithCompletion(second.reply());
+  first("first", std::nullopt);
+  other.join();
+  EXPECT_EQ(answersMeanwhile, 0u);
+  EXPECT_EQ(second.result(), "second");
 }
 
 TEST_F(CorviddSessionFlushTest, ACallbackMayFlushAgain) {

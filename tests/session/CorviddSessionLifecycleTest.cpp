@@ -1,7 +1,7 @@
 #include <set>
 #include <stdexcept>
 
-#include "platform/data/Crypto.h"
+#include "platform/data/PropertyList.h"
 #include "tests/session/SessionTest.h"
 
 namespace corvid {
@@ -264,6 +264,14 @@ TEST_F(CorviddSessionLifecycleTest, OnAnInternalBuildTheStartMessageDescribesThe
                                         {"ReportVers", "8.0"},
                                         {"Locale", "US"},
                                         {"AutomaticTimeSet", true}}));
+}
+
+TEST_F(CorviddSessionLifecycleTest, TheStartMessageNamesTheVersionOfTheClientLibrary) {
+  platform.device->set("ReleaseType", "Internal");
+  platform.restart();
+  platform.files->files[Platform::current().paths().infoFile].content =
+      writeXMLPropertyList(Dictionary{{"BundleVersion", "12.1"}});
+  EXPECT_EQ(*startMessage().find("ReportVers"), Value("12.1"));
 }
 
 TEST_F(CorviddSessionLifecycleTest, EachMissingDeviceAnswerBecomesUnknown) {

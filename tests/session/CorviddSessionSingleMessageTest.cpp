@@ -179,6 +179,40 @@ TEST_F(CorviddSessionSingleMessageTest, LogsTheSessionIDAsASignedNumberBeforeAny
       "sendMessageWithSessionInfo: Sending single message with sessionID 4294967297"));
 }
 
+TEST_F(CorviddSessionSingleMessageTest, WithoutAnswersNothingIsWrittenToTheMessageLog) {
+  add(kCorvidBackendDashboard);
+  add(kCorvidBackendHTTPPost).sendAnswer = "";
+  agent->storebag = Dictionary{};
+  sendSingle(identifiers);
+  EXPECT_THAT(messageLog(), IsEmpty());
+}
+
+TEST_F(CorviddSessionSingleMessageTest, AnswersAreLoggedUnderTheTableKey) {
+  addAs("key", kCorvidBackendHTTPPost).sendAnswer = "text";
+  agent->storebag = Dictionary{};
+  sendSingle(identifiers);
+  EXPECT_THAT(messageLog(), ElementsAre("[key -> sendMessageWithSessionInfo] text"));
+}
+
+TEST_F(CorviddSessionSingleMessageTest, ReplacesTheSessionInfoOfAConfiguredSessionNotItsBackends) {
+  FakeBackend& kept = add(kCorvidBackendHTTPPost);
+  configureAndStart();
+  agent->storebag = std::nullopt;
+  sendSingle(identifiers);
+  EXPECT_EQ(session->sessionInfo(), identifiers);
+  send(3, 4);
+  EXPECT_EQ(kept.sent.back().method, 3);
+}
+
+TEST_F(CorviddSessionSingleMessageTest, ANewUserInfoOfNoneKeepsOneThatIsRequired) {
+  const Dictionary user{{"_clientName", "a"}};
+  Dictionary info = identifiers;
+  info.set("RequireUserInfo", true);
+  sendSingle(info, user);
+  sendSingle(info);
+  EXPECT_EQ(session->userInfo(), user);
+}
+
 TEST_F(CorviddSessionSingleMessageTest, WithoutSessionInfoOrStorebagNothingIsMade) {
   add(kCorvidBackendHTTPPost);
   const Dictionary storebag;
