@@ -31,9 +31,22 @@ TEST(Keys, OfTheLibraryAreThoseOfTheDaemon) {
 
 TEST(Keys, HaveTheTextsThatClientsRelyOn) {
   EXPECT_STREQ(kCorvidSessionInfoClientType, "ClientType");
+  EXPECT_STREQ(kCorvidSessionInfoClientVersion, "ClientVersion");
+  EXPECT_STREQ(kCorvidSessionInfoSessionID, "SessionID");
+  EXPECT_STREQ(kCorvidSessionInfoRequireUserInfo, "RequireUserInfo");
+  EXPECT_STREQ(kCorvidSessionInfoBatchEvent, "BatchEvent");
+  EXPECT_STREQ(kCorvidUserInfoClientName, "_clientName");
   EXPECT_STREQ(kCorvidUserInfoServiceName, "_serviceName");
+  EXPECT_STREQ(kCorvidMessageParametersCategory, "Category");
+  EXPECT_STREQ(kCorvidMessageParametersType, "Type");
+  EXPECT_STREQ(kCorvidMessageParametersPayload, "Payload");
   EXPECT_STREQ(kCorvidMessageParametersFlag, "Flag");
+  EXPECT_STREQ(kCorvidBackendHTTPPost, "httpPost");
   EXPECT_STREQ(kCorvidBackendHTTPPost2, "httpPost2");
+  EXPECT_STREQ(kCorvidBackendDashboard, "dashboard");
+  EXPECT_STREQ(kCorvidBackendUploadServer, "uploadServer");
+  EXPECT_STREQ(kCorvidBackendMetrix, "metrix");
+  EXPECT_STREQ(kCorvidBackendWattbook, "wattbook");
   EXPECT_STREQ(kCorvidErrorDomain, "com.halcyon.corvid.error");
 }
 
