@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <future>
+#include <thread>
 #include <utility>
 
 #include "tests/daemon/AgentFixture.h"
@@ -76,6 +77,27 @@ TEST_F(Acceptance, ExportsANewSessionAndResumesTheConnection) {
                           agent->description())));
 }
 
+TEST_F(Acceptance, EverythingIsSetUpBeforeTheConnectionIsResumed) {
+  const auto connection = newConnection();
+  bool wasReady = false;
+  connection->onResume = [&] {
+    wasReady = connection->exportedObject && connection->hasHandlers() &&
+               platform.keepAlive->begun == 1;
+  };
+  EXPECT_TRUE(agent->shouldAcceptNewConnection(connection));
+  EXPECT_TRUE(wasReady);
+}
+
+TEST_F(Acceptance, TheSessionReachesTheClientOfItsOwnConnection) {
+  const auto other = connect();
+  CorviddSession& session = join(1, 0, true);
+  const std::size_t before = connectionOf(session).deliveries().size();
+  session.sendMessageWithCategory(3, 4, std::nullopt, {});
+  ASSERT_EQ(connectionOf(session).deliveries().size(), before + 1);
+  EXPECT_EQ(connectionOf(session).deliveries().back().category, 3);
+  EXPECT_TRUE(other->deliveries().empty());
+}
+
 TEST_F(Acceptance, GivesEachConnectionASessionOfItsOwn) {
   EXPECT_NE(&sessionOf(*connect()), &sessionOf(*connect()));
 }
@@ -137,6 +159,23 @@ TEST_F(Acceptance, InvalidationOfASessionThatJoinedNoGroupLeavesTheGroups) {
   connectionOf(connectAs(3, 8, userInfo("Nobody", "Else"))).clientVanishes();
   connectionOf(connectAs(4, 8, userInfo("Player", "Feed"))).clientVanishes();
   EXPECT_EQ(agent->parentSessionIDStringForSession(child), parent.sessionIDString());
+}
+
+// The list of sessions is done with before the groups are waited for: the two locks never nest.
+TEST_F(Acceptance, InvalidationEndsTheTransactionBeforeItLocksTheGroups) {
+  const auto connection = connect();
+  std::future<void> invalidated;
+  {
+    const RecursiveLock lock(agent->mutex());
+    invalidated = std::async(std::launch::async, [&] { connection->clientVanishes(); });
+    for (int tries = 0; tries < 3000 && platform.keepAlive->ended == 0; ++tries)
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(platform.keepAlive->ended, 1);
+    auto accepted = std::async(std::launch::async, [this] { connect(); });
+    EXPECT_EQ(accepted.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    EXPECT_NE(connection->exportedObject, nullptr);
+  }
+  EXPECT_EQ(invalidated.wait_for(std::chrono::seconds(30)), std::future_status::ready);
 }
 
 TEST_F(Acceptance, ASessionWhoseUserInfoWasReplacedLeavesNothingBehind) {

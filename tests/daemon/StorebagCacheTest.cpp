@@ -92,6 +92,17 @@ TEST_F(StorebagCache, AStorebagAsOldAsItsMaxAgeIsFetchedAnew) {
   EXPECT_EQ(fetches.size(), 2u);
 }
 
+TEST_F(StorebagCache, TheAgeCountsFromTheEndOfTheFetch) {
+  answerFetch = [this](std::int32_t) {
+    platform.clock->advance(seconds(10));
+    return Fetched{.storebag = bag("slow"), .maxAge = 600, .version = "1"};
+  };
+  storebag();
+  platform.clock->advance(seconds(599));
+  storebag();
+  EXPECT_EQ(fetches.size(), 1u);
+}
+
 TEST_F(StorebagCache, AnExpiredStorebagIsFetchedAtOnceWithoutAMinimumWait) {
   serve("one", 1);
   storebag();
@@ -186,6 +197,30 @@ TEST_F(StorebagCache, AFailureKeepsTheOlderStorebagAndItsVersion) {
   platform.clock->advance(seconds(2));
   EXPECT_EQ(storebag(), bag("two"));
   EXPECT_EQ(version(), "version of two");
+}
+
+TEST_F(StorebagCache, WhileAFailureLastsTheOlderStorebagIsServedWithTheWaitLogged) {
+  serve("one", 600);
+  storebag();
+  fail();
+  platform.clock->advance(seconds(601));
+  storebag();
+  log.clear();
+  EXPECT_EQ(storebag(), bag("one"));
+  EXPECT_EQ(
+      log.texts(info),
+      std::vector<std::string>{
+          "storebagForSession: Not fetching storebag for client type 5 - must wait 900 seconds between attempts"});
+  EXPECT_FALSE(log.has(debug, "storebagForSession: Cached storebag found for client type 5"));
+}
+
+TEST_F(StorebagCache, NotModifiedWithoutAnEarlierStorebagIsASuccessWithNothing) {
+  answerNotModified(600);
+  log.clear();
+  EXPECT_EQ(storebag(), std::nullopt);
+  EXPECT_TRUE(log.texts(error).empty());
+  EXPECT_EQ(storebag(), std::nullopt);
+  EXPECT_EQ(fetches.size(), 1u);
 }
 
 TEST_F(StorebagCache, NotModifiedKeepsTheStorebagAndRestartsItsFreshness) {

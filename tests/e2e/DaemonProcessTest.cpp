@@ -1,9 +1,13 @@
 // The real program from its command line to its exit status.
+#include <fmt/format.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
+
+#include <algorithm>
 
 #include "platform/base/Descriptor.h"
 #include "tests/e2e/DaemonProcess.h"
@@ -65,6 +69,23 @@ TEST_F(DaemonProcessTest, ListensInItsSandboxAndReportsReadiness) {
   ASSERT_TRUE(daemon.waitUntilReady()) << daemon.standardError();
   EXPECT_TRUE(daemon.waitForLog(listening));
   EXPECT_TRUE(connectTo(socketPath()));
+}
+
+TEST_F(DaemonProcessTest, TellsOfItsStartAtInfoAndNothingElse) {
+  DaemonProcess daemon(root, {"--log", "stderr"});
+  ASSERT_TRUE(daemon.waitUntilReady()) << daemon.standardError();
+  ASSERT_TRUE(daemon.waitForLog(listening));
+  const std::string log = daemon.standardError();
+  EXPECT_NE(log.find(fmt::format(" info corvidd[{}]: {}\n", daemon.pid(), listening)),
+            std::string::npos)
+      << log;
+  EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 1) << log;
+}
+
+TEST_F(DaemonProcessTest, ItsMainThreadDoesUtilityWork) {
+  DaemonProcess daemon(root, logging());
+  ASSERT_TRUE(daemon.waitUntilReady()) << daemon.standardError();
+  EXPECT_GE(getpriority(PRIO_PROCESS, static_cast<id_t>(daemon.pid())), 5);
 }
 
 TEST_F(DaemonProcessTest, LetsEverybodyTryTheSocket) {

@@ -42,7 +42,10 @@ void FakeConnection::setInvalidationHandler(std::function<void()> handler) {
   _invalidationHandler = std::move(handler);
 }
 
-void FakeConnection::resume() { resumed = true; }
+void FakeConnection::resume() {
+  resumed = true;
+  if (onResume) onResume();
+}
 
 std::shared_ptr<ClientSessionReplyInterface> FakeConnection::remoteObjectProxyWithErrorHandler(
     std::function<void(const std::string&)> onError) {

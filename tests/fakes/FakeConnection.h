@@ -34,11 +34,13 @@ class FakeConnection final : public Connection {
   // The client goes away: runs the invalidation handler and drops object and handlers.
   void clientVanishes();
   void interrupt();
+  bool hasHandlers() const { return _interruptionHandler && _invalidationHandler; }
   std::vector<Delivery> deliveries() const;
 
   Dictionary entitlements;
   std::shared_ptr<ClientSessionInterface> exportedObject;
   bool resumed = false;
+  std::function<void()> onResume;
   // Runs at each delivery, on the thread that makes it.
   std::function<void()> onDelivery;
   // When set, the next calls to the client fail with this text.
