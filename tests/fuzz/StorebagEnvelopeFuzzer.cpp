@@ -11,11 +11,11 @@ namespace {
 
 // The key that the corpus was signed with; its private half is gone.
 constexpr std::string_view publicKey =
-    "MIIBCgKCAQEA/vvCoplFOvDC7vyL5OHYbvDWrpupX7DHV5XGI8ovWlCajWAk1CoEwevtWhk6HHGvSZf2ygouGPsO"
-    "6gEfR90aVPro93a+5FBc073tlKh7X3Z7crR5AoX8bCc78oC0yi2Uow5fNcrWt5g0+O7LbQl4gScLiiaUmztvA/FN"
-    "BRd8eLeTRE9D6yhoJvTRUaSa1Ho70Dau8Khxl1IVgDftbdkqpozlrWy5kkYrDMqCS4YoPE3aIQnNuLlQbRDfzln8"
-    "NxFYZNUMLDn9iB85dNfRSstQ0/Qo8AsfdZU0HJ5KifbnNnrLpaFGbv4URWy/Dhj96zISeCdDkcLq8bGVTfCq1tc0"
-    "SQIDAQAB";
+    "MIIBCgKCAQEAlSm0nhZLkyOz7JYDB2AYSHIdaFZePYZU15evq4OQMl7yyRq6UH3i0FpvX8LViYiGqpuaz2DfHgN/"
+    "mp9OxNSyi16jQ/NhhaLHmA9RJx4CFbm/7W1qODMJcw0BLD/T3DIoP/pMd6kZjp+v8g1zUW/0wEdoMJTrr4F8FcNt"
+    "x7LOLamnuW7DZyZ5z8oVTUdvXD9SxCuThhmcCWNcsdmi1ecxyDMGZgFdq9EHDcqgpYOe8PWDzVP9lRBBZ++vQVEE"
+    "eii+S/dBs9AVCM2JrcGjv747Z1Vb+haW0iVUTY9t9ksxCUO6HdQm9x4zCgW/qE8iYprC5HKFAMRXZrPPqlzsIPjX"
+    "KwIDAQAB";
 
 const corvid::Dictionary& signedStorebag() {
   using corvid::Dictionary;
