@@ -104,7 +104,10 @@ class HTTPSPostBackend final : public CorvidBackend {
   void prepareEventForMessage(Dictionary& record) const REQUIRES(_lock);
   std::optional<std::string> sendAtOnce(Dictionary record, EventCodes codes, MessageFlag flag,
                                         bool flushFirst);
-  std::optional<std::string> batchEvent(Dictionary record);
+  // Appends the record to the batch; false, leaving it, where its method has reached the threshold.
+  bool batchEvent(Dictionary& record) REQUIRES(_lock);
+  // Posts the batch that is in the way of a record, which itself is lost with it.
+  std::optional<std::string> flushAtThreshold(Dictionary record);
   // Moves the batch into `records` with the filtered user info added, or says why not.
   std::optional<CorvidError> takeBatch(Records& records);
 

@@ -30,12 +30,10 @@ std::optional<std::string> HTTPSPostBackend::sendMessage(const Dictionary* paylo
   }
   const bool realtime = isRealtime(flag);
   Dictionary record;
-  bool batchEvents = false;
-  bool requireUserInfo = false;
   bool atOnce = false;
   bool flushFirst = false;
-  BackendState now{};
   {
+    // Held until the record is in the batch: a new combined session ID reaches every record.
     RecursiveLock lock(_lock);
     if (respCode == sessionStop && payload != nullptr) {
       Dictionary summarised = *payload;
@@ -50,18 +48,19 @@ std::optional<std::string> HTTPSPostBackend::sendMessage(const Dictionary* paylo
       BackendState held = BackendState::held;
       _state.compare_exchange_strong(held, BackendState::sending);
     }
-    now = state();
-    batchEvents = _batchEvents;
-    requireUserInfo = _requireUserInfo;
+    logDebug("HTTPSPostBackend(sendMessage): realtime is {}", static_cast<int>(realtime));
+    const BackendState now = state();
     atOnce = now != BackendState::waiting && now != BackendState::held &&
              (realtime || !_batchEvents) && (!_requireUserInfo || _userInfoDict);
     flushFirst = now == BackendState::sending && realtime && _batchedEvents;
+    if (!atOnce) {
+      logDebug("HTTPSPostBackend(sendMessage): Batching {}, {}, {}", static_cast<int>(now),
+               static_cast<int>(_batchEvents), static_cast<int>(_requireUserInfo));
+      if (batchEvent(record)) return std::nullopt;
+    }
   }
-  logDebug("HTTPSPostBackend(sendMessage): realtime is {}", static_cast<int>(realtime));
-  if (atOnce) return sendAtOnce(std::move(record), {method, respCode}, flag, flushFirst);
-  logDebug("HTTPSPostBackend(sendMessage): Batching {}, {}, {}", static_cast<int>(now),
-           static_cast<int>(batchEvents), static_cast<int>(requireUserInfo));
-  return batchEvent(std::move(record));
+  return atOnce ? sendAtOnce(std::move(record), {method, respCode}, flag, flushFirst)
+                : flushAtThreshold(std::move(record));
 }
 
 std::optional<std::string> HTTPSPostBackend::sendAtOnce(Dictionary record, EventCodes codes,
@@ -85,18 +84,17 @@ std::optional<std::string> HTTPSPostBackend::sendAtOnce(Dictionary record, Event
   return text;
 }
 
-std::optional<std::string> HTTPSPostBackend::batchEvent(Dictionary record) {
+bool HTTPSPostBackend::batchEvent(Dictionary& record) {
+  if (!_batchedEvents) _batchedEvents.emplace();
+  std::int32_t& count = _eventMethodCounts[int32At(record, "_method")];
+  if (count > _eventThreshold) return false;
+  _batchedEvents->push_back(std::move(record));
+  ++count;
+  return true;
+}
+
+std::optional<std::string> HTTPSPostBackend::flushAtThreshold(Dictionary record) {
   const std::int32_t method = int32At(record, "_method");
-  {
-    RecursiveLock lock(_lock);
-    if (!_batchedEvents) _batchedEvents.emplace();
-    std::int32_t& count = _eventMethodCounts[method];
-    if (count <= _eventThreshold) {
-      _batchedEvents->push_back(std::move(record));
-      ++count;
-      return std::nullopt;
-    }
-  }
   logDebug(
       "HTTPSPostBackend(batchEvent): Flushing all batched events as we reached event threshold for method {}",
       method);

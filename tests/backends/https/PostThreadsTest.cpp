@@ -63,6 +63,33 @@ TEST_F(PostThreadsTest, OtherSessionsMayChangeABackendWhileItBatches) {
   EXPECT_EQ(posted("x"), expected);
 }
 
+// Has another thread change the combined ID as soon as an event is on its way into the batch.
+struct IDChanger final : LogSink {
+  explicit IDChanger(HTTPSPostBackend& watched) : backend(watched) {
+    installLog(this, LogLevel::debug);
+  }
+  ~IDChanger() override { installLog(nullptr, LogLevel::error); }
+  void write(LogLevel, std::string_view text) override {
+    if (!text.starts_with("HTTPSPostBackend(sendMessage): Batching")) return;
+    change = std::async(std::launch::async, [this] { backend.setCorrelatedSessionID("NEW"); });
+    change.wait_for(std::chrono::milliseconds(50));
+  }
+  HTTPSPostBackend& backend;
+  std::future<void> change;
+};
+
+TEST_F(PostThreadsTest, ACombinedIDThatChangesMeanwhileReachesTheRecordToo) {
+  sessionInfo.set("BatchEvent", true);
+  const auto backend = makeFor(openEntry());
+  {
+    IDChanger changer(*backend);
+    send(*backend, {{"x", 1}});
+    changer.change.get();
+  }
+  backend->flushMessagesWithCompletion(nullptr);
+  EXPECT_EQ(posted("_sessionID"), std::vector<std::string>{"NEW"});
+}
+
 TEST_F(PostThreadsTest, AnAnswerFromAnotherThreadDisablesTheBackend) {
   const auto backend = makeFor(openEntry());
   send(*backend, {});
