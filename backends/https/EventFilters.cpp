@@ -87,7 +87,7 @@ bool EventFilters::FoldingEqual::operator()(std::string_view a, std::string_view
   return equalsIgnoringCase(a, b);
 }
 
-EventFilters::EventFilters(const Array& filters) {
+EventFilters::EventFilters(const Array& filters) : _numberOfFilters(filters.size()) {
   for (const Value& item : filters) {
     const Dictionary* filter = item.dictionary();
     const std::string* key = filter ? stringAt(*filter, "key") : nullptr;
@@ -108,7 +108,7 @@ FilterAction EventFilters::actionFor(std::string_view key, std::int32_t method,
 }
 
 void EventFilters::apply(Dictionary& record) const {
-  if (_filters.empty()) return;
+  if (_numberOfFilters == 0) return;
   const std::int32_t method = int32At(record, "_method");
   const std::int32_t status = int32At(record, "_status");
   record.transformEntries([&](const std::string& key, Value& value) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <bitset>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -35,6 +36,9 @@ class EventFilters {
   // One filter an item, in the array's order; an item without a key matches nothing.
   explicit EventFilters(const Array& filters);
 
+  // As many as the array had items.
+  std::size_t numberOfFilters() const { return _numberOfFilters; }
+
   // Removes and replaces values of `record` in place. The record's "_method" and "_status" decide
   // which filters apply; they are 0 where they are missing.
   void apply(Dictionary& record) const;
@@ -51,6 +55,7 @@ class EventFilters {
 
   FilterAction actionFor(std::string_view key, std::int32_t method, std::int32_t status) const;
 
+  std::size_t _numberOfFilters = 0;
   std::unordered_map<std::string, std::vector<filterTag>, FoldingHash, FoldingEqual> _filters;
   // By hash: keys that no filter names, which most are, need no look-up.
   std::bitset<256> _mayHave;

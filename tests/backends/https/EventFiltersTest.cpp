@@ -33,6 +33,14 @@ TEST(EventFilters, WithoutFiltersARecordStaysAsItIs) {
   EXPECT_EQ(record, event(1, 2));
 }
 
+TEST(EventFilters, AreAsManyAsTheArrayHasItems) {
+  EXPECT_EQ(EventFilters().numberOfFilters(), 0u);
+  EXPECT_EQ(EventFilters(Array{}).numberOfFilters(), 0u);
+  EXPECT_EQ(
+      EventFilters(Array{filter("a", "keep"), filter("A", "remove"), "none"}).numberOfFilters(),
+      3u);
+}
+
 TEST(EventFilters, RemoveTakesTheKeyAway) {
   EXPECT_EQ(filtered({filter("a", "remove")}, event(1, 2)),
             (Dictionary{{"_method", 1}, {"_status", 2}, {"b", "2"}}));
