@@ -1,7 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <limits>
+
 #include "backends/BackendSet.h"
 #include "backends/https/HTTPSPostBackend.h"
+#include "platform/data/PropertyList.h"
 #include "protocol/Keys.h"
 #include "tests/fakes/TestPlatform.h"
 
@@ -115,6 +119,59 @@ TEST_F(BackendSetTest, AbsentSessionValuesReadAsZeroAndFalse) {
   EXPECT_FALSE(backend->requireUserInfo());
   EXPECT_FALSE(backend->batchEvents());
   EXPECT_EQ(backend->userInfoDict(), std::nullopt);
+}
+
+TEST_F(BackendSetTest, SessionValuesOfAnotherTypeReadAsZeroAndFalse) {
+  const Dictionary section{{"httpPost", postProfile()}};
+  for (const Value& wrong :
+       {Value(), Value(Date{1}), Value(Data{"1"}), Value(Array{1}), Value(Dictionary{{"1", 1}})}) {
+    Dictionary info;
+    for (const auto& [key, value] : sessionInfo) info.set(key, wrong);
+    const auto backends = createBackends(&section, &info, nullptr, udid);
+    ASSERT_TRUE(backends);
+    const auto& backend = backends->at("httpPost");
+    EXPECT_EQ(backend->sessionID(), 0u);
+    EXPECT_EQ(backend->compType(), 0);
+    EXPECT_EQ(backend->clientVersion(), 0);
+    EXPECT_FALSE(backend->requireUserInfo());
+    EXPECT_FALSE(backend->batchEvents());
+  }
+}
+
+TEST_F(BackendSetTest, SessionNumbersKeepTheirLowBits) {
+  const Dictionary section{{"httpPost", postProfile()}};
+  const auto made = [&](Value number) {
+    const Dictionary info{
+        {"SessionID", number}, {"ClientType", number}, {"ClientVersion", number}};
+    return createBackends(&section, &info, nullptr, udid)->at("httpPost");
+  };
+  const auto negative = made(-1);
+  EXPECT_EQ(negative->sessionID(), 4294967295u);
+  EXPECT_EQ(negative->compType(), -1);
+  EXPECT_EQ(negative->clientVersion(), 65535);
+  const auto wide = made(std::int64_t{0x7'0001'0002});
+  EXPECT_EQ(wide->sessionID(), 65538u);
+  EXPECT_EQ(wide->compType(), 65538);
+  EXPECT_EQ(wide->clientVersion(), 2);
+  EXPECT_EQ(made(1e300)->sessionID(), 4294967295u);
+  EXPECT_EQ(made(std::numeric_limits<double>::quiet_NaN())->sessionID(), 0u);
+}
+
+TEST_F(BackendSetTest, TheOwnVersionIsTheLibrarys) {
+  platform.files->files[Paths("/nonexistent/root").infoFile] = {
+      writeXMLPropertyList(Dictionary{{"BundleVersion", "300.1.9"}}), {}};
+  const Dictionary profile{{"clients", Array{Dictionary{{"post_url", "https://events.test"}}}}};
+  const Dictionary section{{"httpPost", profile}};
+  const Dictionary info;
+  const auto backends = createBackends(&section, &info, nullptr, udid);
+  const auto& backend = backends->at("httpPost");
+  backend->updateState();
+  backend->sendMessage(nullptr, {}, 1, 2, MessageFlag{0});
+  const auto requests = platform.http->requests();
+  ASSERT_EQ(requests.size(), 1u);
+  EXPECT_TRUE(std::ranges::count(requests[0].headers,
+                                 std::pair<std::string, std::string>(
+                                     "User-Agent", "Corvid/44.1 (Robin5,2; 12.3)")));
 }
 
 TEST_F(BackendSetTest, SkipsWhatCannotBeMadeAndMakesTheRest) {

@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <atomic>
+#include <barrier>
+#include <thread>
 #include <vector>
 
 #include "config/DeviceInformation.h"
@@ -96,6 +99,22 @@ TEST_F(DeviceInformation, TheBuildIsAskedForOncePerProcess) {
   EXPECT_EQ(platform.device->timesAsked("ReleaseType"), 1);
   platform.restart();
   EXPECT_TRUE(isInternalBuild());
+}
+
+TEST_F(DeviceInformation, ThreadsThatMeetAtTheFirstQuestionAskOnce) {
+  platform.device->set("ReleaseType", "Internal");
+  constexpr int count = 8;
+  std::barrier meeting{count};
+  std::atomic<int> internal{0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < count; ++i)
+    threads.emplace_back([&] {
+      meeting.arrive_and_wait();
+      internal += isInternalBuild();
+    });
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(internal, count);
+  EXPECT_EQ(platform.device->timesAsked("ReleaseType"), 1);
 }
 
 TEST_F(DeviceInformation, TheLibraryVersionComesFromItsInformation) {

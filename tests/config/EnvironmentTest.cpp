@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <stdexcept>
 
 #include "config/Environment.h"
@@ -81,7 +82,12 @@ TEST_F(CurrentEnvironment, IsThePreferredOneOnEveryBuild) {
 
 TEST_F(CurrentEnvironment, AnInvalidPreferenceIsToldAndMeansInternal) {
   const std::vector<std::pair<std::int64_t, std::string>> table{
-      {5, "5"}, {7, "7"}, {-1, "4294967295"}, {2147483647, "2147483647"}};
+      {5, "5"},
+      {7, "7"},
+      {-1, "4294967295"},
+      {2147483647, "2147483647"},
+      {0x1'0000'0005, "5"},
+      {std::numeric_limits<std::int64_t>::max(), "4294967295"}};
   for (const auto& [preference, told] : table) {
     EXPECT_EQ(with(preference), CorvidEnvironmentType::internal) << preference;
     EXPECT_EQ(platform.log.lines().size(), 2u);
@@ -96,12 +102,18 @@ TEST_F(CurrentEnvironment, ReadsThePreferenceAsAnInteger) {
   EXPECT_EQ(with("seed"), CorvidEnvironmentType::none);
   EXPECT_EQ(with(true), CorvidEnvironmentType::development);
   EXPECT_EQ(with(3.9), CorvidEnvironmentType::seed);
+  EXPECT_EQ(with(-0.9), CorvidEnvironmentType::none);
+  EXPECT_EQ(with(std::numeric_limits<double>::quiet_NaN()), CorvidEnvironmentType::none);
+  EXPECT_EQ(with(1e300), CorvidEnvironmentType::internal) << "invalid";
+  EXPECT_EQ(with(-1e300), CorvidEnvironmentType::none) << "the low bits of the least integer";
+  EXPECT_EQ(with(std::int64_t{0x1'0000'0003}), CorvidEnvironmentType::seed) << "the low bits";
 }
 
 TEST_F(CurrentEnvironment, APreferenceOfAnotherTypeCountsAsAbsent) {
   EXPECT_EQ(with(Array{3}), CorvidEnvironmentType::release);
   EXPECT_EQ(with(Dictionary{}), CorvidEnvironmentType::release);
   EXPECT_EQ(with(Data{"3"}), CorvidEnvironmentType::release);
+  EXPECT_EQ(with(Date{3}), CorvidEnvironmentType::release);
 }
 
 TEST_F(CurrentEnvironment, IsFoundOncePerProcess) {
@@ -292,7 +304,9 @@ TEST_F(EnvironmentFetch, EnvironmentNoneHasNoSection) {
 }
 
 TEST_F(EnvironmentFetch, ASectionOfAnotherTypeCountsAsMissing) {
-  for (const Value& wrong : {Value("release"), Value(Array{section("release")}), Value(1)}) {
+  for (const Value& wrong :
+       {Value("release"), Value(Array{section("release")}), Value(1), Value(0.5), Value(true),
+        Value(Date{1}), Value(Data{"release"})}) {
     platform.log.clear();
     Dictionary content = storebag;
     content.set("release", wrong);
@@ -310,7 +324,8 @@ TEST_F(EnvironmentFetch, AStorebagWithoutVersionEndsTheCall) {
   EXPECT_THROW(fetch(), std::invalid_argument);
   EXPECT_FALSE(version);
   EXPECT_EQ(maxAge, 500) << "the refresh cycle comes after the version";
-  for (const Value& wrong : {Value(7.1), Value(7), Value(Array{"7.1"}), Value(Data{"7.1"})}) {
+  for (const Value& wrong : {Value(7.1), Value(7), Value(true), Value(Date{7}), Value(Array{"7.1"}),
+                             Value(Data{"7.1"}), Value(Dictionary{{"7.1", 1}})}) {
     content.set("version", wrong);
     serve(content);
     EXPECT_THROW(fetch(), std::invalid_argument);
@@ -350,19 +365,31 @@ TEST_F(EnvironmentFetch, TheRefreshCycleHasNoLowerBound) {
   serveWithRefreshCycle(-5);
   EXPECT_TRUE(fetch());
   EXPECT_EQ(maxAge, -5);
+  serveWithRefreshCycle(-5'000'000'000L);
+  EXPECT_TRUE(fetch());
+  EXPECT_EQ(maxAge, std::numeric_limits<std::int32_t>::min()) << "but that of its type";
 }
 
 TEST_F(EnvironmentFetch, TheRefreshCycleIsReadAsAnInteger) {
   serveWithRefreshCycle("90 seconds");
   EXPECT_TRUE(fetch());
   EXPECT_EQ(maxAge, 90);
-  serveWithRefreshCycle(12.9);
-  EXPECT_TRUE(fetch());
-  EXPECT_EQ(maxAge, 12);
+  for (const auto& [cycle, age] : std::vector<std::pair<Value, std::int32_t>>{
+           {12.9, 12},
+           {-12.9, -12},
+           {true, 1},
+           {std::numeric_limits<double>::quiet_NaN(), 0},
+           {std::numeric_limits<double>::infinity(), 86400},
+           {-1e300, std::numeric_limits<std::int32_t>::min()}}) {
+    serveWithRefreshCycle(cycle);
+    EXPECT_TRUE(fetch());
+    EXPECT_EQ(maxAge, age);
+  }
 }
 
 TEST_F(EnvironmentFetch, ARefreshCycleOfAnotherTypeCountsAsAbsent) {
-  for (const Value& wrong : {Value(Array{30}), Value(Dictionary{}), Value(Data{"30"})}) {
+  for (const Value& wrong :
+       {Value(Array{30}), Value(Dictionary{}), Value(Data{"30"}), Value(Date{30})}) {
     serveWithRefreshCycle(wrong);
     EXPECT_TRUE(fetch());
     EXPECT_EQ(maxAge, 500);

@@ -44,9 +44,13 @@ TEST_F(Identifiers, AreMadeAnewWhenTheEntryIsRemoved) {
 }
 
 TEST_F(Identifiers, AnEntryOfAnotherTypeCountsAsAbsent) {
-  platform.preferences->setValue("com.halcyon.corvid", "uuid:a:b", Array{});
-  EXPECT_EQ(getPersistentIdentifierForCustomClientIDSuffix("a", "b"),
-            "00000000-0000-0000-0000-000000000001");
+  for (const Value& wrong : {Value(7), Value(0.5), Value(true), Value(Date{7}), Value(Data{"x"}),
+                             Value(Array{"x"}), Value(Dictionary{{"x", "x"}})}) {
+    platform.preferences->setValue("com.halcyon.corvid", "uuid:a:b", wrong);
+    const std::string made = getPersistentIdentifierForCustomClientIDSuffix("a", "b");
+    EXPECT_EQ(made.size(), 36u);
+    EXPECT_EQ(platform.preferences->value("com.halcyon.corvid", "uuid:a:b"), Value(made));
+  }
 }
 
 TEST_F(Identifiers, DifferByTheCaseOfTheirParts) {

@@ -2,11 +2,14 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <barrier>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <set>
+#include <thread>
+#include <vector>
 
 #include "config/MessageLog.h"
 #include "platform/data/LocalFileSystem.h"
@@ -96,6 +99,27 @@ TEST_F(MessageLogFiles, ALinkIsRemovedAndItsTargetLeftAlone) {
   EXPECT_EQ(content(target), "precious\n");
   writeToLogFile("kept");
   EXPECT_EQ(names(), std::set{currentName()});
+}
+
+TEST_F(MessageLogFiles, SessionsThatLogAtOnceShareTheFileAndLoseNothing) {
+  constexpr int threads = 4, messages = 25;
+  std::barrier meeting{threads};
+  std::vector<std::thread> sessions;
+  for (int session = 0; session < threads; ++session)
+    sessions.emplace_back([&, session] {
+      meeting.arrive_and_wait();
+      for (int i = 0; i < messages; ++i) writeToLogFile("<{}.{}>", session, i);
+    });
+  for (std::thread& session : sessions) session.join();
+  ASSERT_EQ(names(), std::set{currentName()});
+  const std::string text = content(folder / currentName());
+  for (int session = 0; session < threads; ++session)
+    for (int i = 0; i < messages; ++i) {
+      const std::string message = fmt::format("<{}.{}>", session, i);
+      const std::size_t at = text.find(message);
+      EXPECT_NE(at, std::string::npos) << message;
+      EXPECT_EQ(text.find(message, at + 1), std::string::npos) << message << " twice";
+    }
 }
 
 TEST_F(MessageLogFiles, OtherFilesStay) {

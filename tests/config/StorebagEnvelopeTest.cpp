@@ -102,8 +102,9 @@ TEST_F(StorebagEnvelope, ASignatureThatIsMissingOrOfAnotherTypeIsTold) {
   EXPECT_FALSE(open(fields));
   EXPECT_EQ(log.count(LogLevel::error, signatureMissing), 1);
 
-  for (const Value& wrong : {Value(7), Value(true), Value(Array{"x"}), Value(Dictionary{}),
-                             Value(Data{signer.signature(bag)})}) {
+  for (const Value& wrong :
+       {Value(7), Value(0.5), Value(true), Value(Date{7}), Value(Array{fields}), Value(fields),
+        Value(Data{signer.signature(bag)})}) {
     log.clear();
     fields.set("signature", wrong);
     EXPECT_FALSE(open(fields));
@@ -137,7 +138,8 @@ TEST_F(StorebagEnvelope, ABagThatIsMissingOrOfAnotherTypeYieldsNothing) {
   fields.erase("bag");
   EXPECT_FALSE(open(fields));
   for (const Value& wrong :
-       {Value(7), Value(Data{bag}), Value(storebag), Value(Array{base64Encode(bag)})}) {
+       {Value(7), Value(0.5), Value(true), Value(Date{7}), Value(Data{bag}), Value(storebag),
+        Value(Array{base64Encode(bag)})}) {
     fields.set("bag", wrong);
     EXPECT_FALSE(open(fields));
   }

@@ -72,8 +72,12 @@ TEST_F(StorebagFetch, AnEmptyPreferredURLIsPresent) {
 }
 
 TEST_F(StorebagFetch, APreferredURLOfAnotherTypeCountsAsAbsent) {
-  platform.preferences->setValue(corvidSuite, "corvid_storebag_url", 7);
-  EXPECT_EQ(storebagServerURL(), base);
+  for (const Value& wrong : {Value(7), Value(0.5), Value(true), Value(Date{7}), Value(Data{"x"}),
+                             Value(Array{"x"}), Value(Dictionary{{"x", "x"}})}) {
+    platform.preferences->setValue(corvidSuite, "corvid_storebag_url", wrong);
+    platform.restart();
+    EXPECT_EQ(storebagServerURL(), base);
+  }
 }
 
 TEST_F(StorebagFetch, TheServerIsChosenOncePerProcess) {
@@ -100,6 +104,13 @@ TEST_F(StorebagFetch, AsksByNameAndVersionAndReturnsTheVerifiedStorebag) {
             (std::vector<std::string>{"fetchStorebagWithName: Storebag Server URL: " +
                                       std::string(base) + "/lumen?version=12.4.1"}));
   EXPECT_EQ(platform.log.lines().size(), 1u);
+}
+
+TEST_F(StorebagFetch, EveryFetchAsksTheServerHoweverFreshTheLastAnswer) {
+  answer(200, trustedSigner().envelope(storebag), {{"Cache-Control", "max-age=86400"}});
+  EXPECT_TRUE(fetch());
+  EXPECT_TRUE(fetch());
+  EXPECT_EQ(platform.http->requests().size(), 2u);
 }
 
 TEST_F(StorebagFetch, AnAbsentNameStandsAsNullInTheURL) {

@@ -95,6 +95,16 @@ TEST_F(BatchingTest, ARealtimeEventPostsTheBatchFirst) {
                    "HTTPSPostBackend(sendMessage): Sending 2, 1, 1"}));
 }
 
+TEST_F(BatchingTest, TheStateIsLoggedAsTheFlushLeftIt) {
+  const auto backend = makeInState(BackendState::sending);
+  send(*backend, {{"x", 1}});
+  platform.http->answerWith([](const HTTPRequest&) { return FakeHTTPClient::response(503); });
+  send(*backend, {{"x", 2}}, 1);
+  EXPECT_EQ(linesOf("HTTPSPostBackend(sendMessage): Sending"),
+            Lines{"HTTPSPostBackend(sendMessage): Sending 1, 1, 1"});
+  EXPECT_EQ(posted("x"), (Lines{"1", "2"})) << "decided before";
+}
+
 TEST_F(BatchingTest, WithoutLoggingARealtimeEventOverABatchAnswersNothing) {
   const auto backend = makeInState(BackendState::sending, openEntryWith("override_dnu", 1));
   send(*backend, {{"x", 1}});
@@ -193,6 +203,20 @@ TEST_F(BatchingTest, TheThresholdCountsEachMethodAlone) {
   EXPECT_TRUE(platform.log.anyContains("threshold for method 5"));
 }
 
+TEST_F(BatchingTest, TheThresholdCountsTheMethodThatTheUserInfoLeaves) {
+  userInfo->set("_method", "9 lives");
+  const auto backend = makeInState(BackendState::sending, openEntryWith("event_threshold", 0));
+  send(*backend, {{"x", 1}}, 0, 3);
+  send(*backend, {{"x", 2}}, 0, 5);
+  EXPECT_EQ(posted("x"), Lines{"1"});
+  EXPECT_TRUE(platform.log.anyContains("threshold for method 9"));
+  userInfo->set("_method", Array{9});
+  backend->setUserInfoDict(userInfo);
+  send(*backend, {{"x", 3}}, 0, 3);
+  send(*backend, {{"x", 4}}, 0, 5);
+  EXPECT_TRUE(platform.log.anyContains("threshold for method 0"));
+}
+
 TEST_F(BatchingTest, ByDefaultTheFiftyFirstEventOfAMethodFlushes) {
   const auto backend = make({{"clients", Array{}}});
   backend->setState(BackendState::sending);
@@ -252,6 +276,18 @@ TEST_F(BatchingTest, ANewCombinedIDRewritesTheBatchToo) {
   send(*backend, {{"x", 2}});
   backend->flushMessagesWithCompletion(nullptr);
   EXPECT_EQ(posted("_sessionID"), (Lines{"A.B.C", "A.B.C"}));
+}
+
+TEST_F(BatchingTest, ANewCombinedIDReplacesANumberInTheBatchToo) {
+  platform.device->set("ReleaseType", "Internal");
+  platform.restart();
+  sessionInfo.set("ClientType", 7);
+  const auto backend = makeInState(BackendState::sending);
+  send(*backend, {{"x", 1}});
+  backend->setCorrelatedSessionID("A.B.C");
+  send(*backend, {{"x", 2}});
+  backend->flushMessagesWithCompletion(nullptr);
+  EXPECT_EQ(posted("_sessionID"), (Lines{"A.B.C", "99"}));
 }
 
 TEST_F(BatchingTest, WithoutABatchANewCombinedIDIsJustKept) {

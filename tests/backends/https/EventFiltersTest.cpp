@@ -117,6 +117,27 @@ TEST(EventFilters, WithoutMethodAndStatusOnlyFiltersForZeroOrAnyFit) {
   EXPECT_EQ(filtered({filter("a", "remove", 0, 1)}, userInfo), userInfo);
 }
 
+TEST(EventFilters, MethodsAndStatusesAreThirtyTwoBitIntegers) {
+  const Dictionary without{{"_method", 3}, {"_status", 4}, {"b", "2"}};
+  const auto removesFor = [](Value method) {
+    return Array{Dictionary{{"key", "a"}, {"action", "remove"}, {"method", std::move(method)}}};
+  };
+  EXPECT_EQ(filtered(removesFor(std::int64_t{0x1'0000'0003}), event(3, 4)), without);
+  EXPECT_EQ(filtered(removesFor(3.9), event(3, 4)), without);
+  EXPECT_EQ(filtered(removesFor("3"), event(3, 4)), without);
+  EXPECT_EQ(filtered(removesFor(true), event(3, 4)), event(3, 4));
+  EXPECT_EQ(filtered(removesFor(-0.5), event(3, 4)), event(3, 4)) << "0, not any";
+}
+
+TEST(EventFilters, ARecordsMethodOfAnotherTypeIsZero) {
+  const Array filters{filter("a", "remove", 0)};
+  for (const Value& method : {Value("x"), Value(Array{3}), Value(Date{3}), Value()})
+    EXPECT_EQ(filtered(filters, {{"_method", method}, {"a", "1"}}),
+              (Dictionary{{"_method", method}}));
+  EXPECT_EQ(filtered(filters, {{"_method", "3"}, {"a", "1"}}),
+            (Dictionary{{"_method", "3"}, {"a", "1"}}));
+}
+
 TEST(EventFilters, OnlyTheFirstFilterThatFitsCounts) {
   const Dictionary without{{"_method", 1}, {"_status", 2}, {"b", "2"}};
   EXPECT_EQ(filtered({filter("A", "keep"), filter("a", "remove")}, event(1, 2)), event(1, 2));

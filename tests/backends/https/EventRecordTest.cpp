@@ -1,6 +1,7 @@
 // What an event becomes.
 #include <limits>
 
+#include "backends/BackendSet.h"
 #include "tests/backends/https/PostBackendFixture.h"
 
 namespace corvid {
@@ -85,6 +86,42 @@ TEST_F(EventRecordTest, EventsBeforeTheStartHaveTheirOwnTime) {
   const Dictionary payload;
   backend->sendMessage(&payload, {1699999990, 0}, 3, 4, MessageFlag{0});
   EXPECT_EQ(posted("_clientTS"), std::vector<std::string>{"1699999970"});
+}
+
+// Each reading is a minute and a second later than the one before.
+class HurryingClock final : public Clock {
+ public:
+  TimeValue now() override { return {_seconds += 61, 0}; }
+  std::chrono::steady_clock::time_point steadyNow() override { return {}; }
+
+ private:
+  std::int64_t _seconds = 1'700'000'000;
+};
+
+TEST_F(EventRecordTest, BackendsMadeTogetherHaveOneStart) {
+  Platform hurrying({.clock = std::make_shared<HurryingClock>(),
+                     .http = platform.http,
+                     .preferences = platform.preferences,
+                     .deviceInformation = platform.device,
+                     .locale = platform.locale,
+                     .consent = platform.consent,
+                     .random = platform.random,
+                     .keepAlive = platform.keepAlive,
+                     .files = platform.files,
+                     .paths = Paths("/nonexistent/root"),
+                     .deployment = {}});
+  Platform::install(&hurrying);
+  const Dictionary profile{{"clients", Array{openEntry()}}};
+  const Dictionary section{{"httpPost", profile}, {"httpPost2", profile}};
+  const auto backends = createBackends(&section, &sessionInfo, &*userInfo, udid);
+  for (const auto& [name, backend] : *backends) {
+    backend->updateState();
+    backend->sendMessage(nullptr, {1'700'000'100, 0}, 3, 4, MessageFlag{0});
+  }
+  // The first reading was 1700000061, in the minute from 1700000040 on.
+  EXPECT_EQ(posted("_startTS"), std::vector<std::string>(2, "1700000040"));
+  EXPECT_EQ(posted("_clientTS"), std::vector<std::string>(2, "1700000079"));
+  platform.restart();
 }
 
 TEST_F(EventRecordTest, EventNumbersCountUpFromOne) {

@@ -202,6 +202,29 @@ TEST_F(ReportingStateTest, AnUnknownHardwareTypeCountsAsBlacklisted) {
   EXPECT_EQ(stateFor(openEntry()), BackendState::sending) << "without a list there is no hit";
 }
 
+TEST_F(ReportingStateTest, RulesAreTriedInTheirOrderAndTheFirstRefusalEndsIt) {
+  platform.consent->allowed = false;
+  Dictionary entry{{"device_whitelist", Array{"Wren"}}, {"device_blacklist", Array{"Robin"}}};
+  const auto refusal = [&] {
+    platform.log.clear();
+    EXPECT_EQ(stateFor(entry), BackendState::disabled);
+    const auto lines = linesOf("HTTPSPostBackend(updateBackendState): ");
+    return lines.size() == 1 ? lines[0].substr(38) : fmt::format("{} lines", lines.size());
+  };
+  EXPECT_EQ(refusal(), "reporting disabled by DNU: 0.");
+  entry.set("override_dnu", 1);
+  EXPECT_EQ(refusal(), "(US) isn't in country code list (null)");
+  entry.set("locale_whitelist", Array{"US"});
+  EXPECT_EQ(refusal(), "(Robin) isn't in device whitelist [\"Wren\"]");
+  entry.erase("device_whitelist");
+  EXPECT_EQ(refusal(), "(Robin5,2) is in device blacklist [\"Robin\"]");
+  entry.erase("device_blacklist");
+  EXPECT_EQ(refusal(), "filters are required.");
+  entry.set("filters", Array{});
+  EXPECT_EQ(refusal(),
+            "httpPost: client found player:radio, state=1, samplingFactor=0.500000, hierarchy=0");
+}
+
 // Filters
 
 TEST_F(ReportingStateTest, FiltersAreRequired) {

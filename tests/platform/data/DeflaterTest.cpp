@@ -2,6 +2,7 @@
 #include <zlib.h>
 
 #include <string>
+#include <utility>
 
 #include "platform/data/Deflater.h"
 
@@ -46,6 +47,31 @@ TEST(Deflater, ZlibStreamsStartWithTheirHeaderAndInflateToTheInput) {
   const std::string stream = deflated(deflater, DeflateFormat::zlib, "some text, some text");
   EXPECT_EQ(stream[0], '\x78');
   EXPECT_EQ(inflated(stream), "some text, some text");
+}
+
+TEST(Deflater, StreamsAreThoseOfTheDefaultLevelAndStrategyAndMemoryLevelEight) {
+  // Long and varied enough that any other setting gives other bytes.
+  std::string input;
+  unsigned state = 1;
+  while (input.size() < 200'000) {
+    state = state * 1664525u + 1013904223u;
+    input += std::to_string(state % 5000) + (state >> 30 ? " " : "some words between ");
+  }
+  for (const auto& [format, windowBits] :
+       {std::pair{DeflateFormat::gzip, 31}, {DeflateFormat::zlib, 15}}) {
+    z_stream stream{};
+    ASSERT_EQ(deflateInit2(&stream, -1, 8, windowBits, 8, 0), Z_OK);
+    std::string expected(deflateBound(&stream, static_cast<uLong>(input.size())), '\0');
+    stream.next_in = reinterpret_cast<Bytef*>(input.data());
+    stream.avail_in = static_cast<uInt>(input.size());
+    stream.next_out = reinterpret_cast<Bytef*>(expected.data());
+    stream.avail_out = static_cast<uInt>(expected.size());
+    ASSERT_EQ(deflate(&stream, Z_FINISH), Z_STREAM_END);
+    expected.resize(stream.total_out);
+    deflateEnd(&stream);
+    Deflater deflater;
+    EXPECT_TRUE(deflated(deflater, format, input) == expected) << windowBits;
+  }
 }
 
 TEST(Deflater, LaterStreamsAreIndependentOfEarlierOnes) {

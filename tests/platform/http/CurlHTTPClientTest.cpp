@@ -96,6 +96,13 @@ TEST_P(HTTPClientTest, RequestsOnOneConnectionDoNotColourEachOther) {
   EXPECT_EQ(server->connectionsAccepted(), 1u);
 }
 
+TEST_P(HTTPClientTest, AsksAgainHoweverLongAnAnswerMayBeKept) {
+  serve(lab::Answer{.headers = {{"Cache-Control", "max-age=86400"}}, .body = "x"});
+  ASSERT_EQ(codeOf(get()), 0);
+  ASSERT_EQ(codeOf(get()), 0);
+  EXPECT_EQ(server->requestsReceived(), 2u);
+}
+
 TEST_P(HTTPClientTest, CarriesLargeBodiesBothWays) {
   serve([](const lab::Request& request) { return lab::Answer{.body = request.body}; });
   std::string large;
