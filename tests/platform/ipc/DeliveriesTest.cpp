@@ -41,6 +41,28 @@ class HearingClient final : public wire::ClientSessionReply::Server {
   Heard& _heard;
 };
 
+// Hears everything and acknowledges nothing until it is told to.
+class SilentClient final : public wire::ClientSessionReply::Server {
+ public:
+  explicit SilentClient(Heard& heard) : _hearing(heard) {}
+  kj::Promise<void> sendMessagesToClient(SendMessagesToClientContext context) override {
+    auto heard = _hearing.sendMessagesToClient(context);
+    if (_acknowledging) return heard;
+    auto pair = kj::newPromiseAndFulfiller<void>();
+    _held.push_back(kj::mv(pair.fulfiller));
+    return kj::mv(pair.promise);
+  }
+  void acknowledge() {
+    _acknowledging = true;
+    for (auto& each : _held) each->fulfill();
+  }
+
+ private:
+  HearingClient _hearing;
+  bool _acknowledging = false;
+  std::vector<kj::Own<kj::PromiseFulfiller<void>>> _held;
+};
+
 class Deliveries : public ServiceFixture {
  protected:
   // Each event is delivered to the client's own block before it is answered.
@@ -183,6 +205,31 @@ TEST_F(Deliveries, ToAClientThatDoesNotReadAreBoundedAndTheOldestAreDropped) {
   EXPECT_EQ(connection->droppedDeliveries(), dropped);
 }
 
+TEST_F(Deliveries, ToAClientThatAcknowledgesNothingWaitPastTheLimit) {
+  start();
+  auto silent = kj::heap<SilentClient>(heard);
+  SilentClient& replies = *silent;
+  WireClient client(path, kj::mv(silent));
+  sendEvent(client, 1, 1);
+  const auto connection = std::dynamic_pointer_cast<IPCConnection>(delegate->at(0).connection);
+  const auto proxy = proxyOf(0);
+  for (std::size_t i = 1; i <= limits::deliveriesInFlight; ++i) {
+    proxy->sendMessageToClient(std::nullopt, static_cast<double>(i), 0, 0, std::nullopt);
+    hear(client, heard, i);  // each in a call of its own
+  }
+  const std::size_t extra = limits::deliveriesWaiting + 10;
+  for (std::size_t i = 0; i < extra; ++i)
+    proxy->sendMessageToClient(std::nullopt, -static_cast<double>(i), 0, 0, std::nullopt);
+  for (int rounds = 0; rounds < 10; ++rounds) sendEvent(client, 1, 1);
+  EXPECT_EQ(heard.deliveries.size(), limits::deliveriesInFlight);
+  EXPECT_EQ(connection->droppedDeliveries(), 10u);
+  EXPECT_EQ(log.texts(LogLevel::warning).size(), 1u);
+  replies.acknowledge();
+  hear(client, heard, limits::deliveriesInFlight + limits::deliveriesWaiting);
+  EXPECT_EQ(heard.deliveries[limits::deliveriesInFlight].timestamp, -10);
+  EXPECT_EQ(heard.deliveries.back().timestamp, 1 - static_cast<double>(extra));
+}
+
 TEST_F(Deliveries, WaitInTheOutboxUpToTheirLimits) {
   Outbox outbox("a client");
   for (std::size_t i = 0; i < limits::deliveriesWaiting; ++i)
@@ -230,6 +277,22 @@ TEST_F(Deliveries, ToAConnectionThatIsGoneGiveAnErrorAtEachCall) {
       ->remoteObjectProxyWithErrorHandler([this](const std::string& e) { errors.push_back(e); })
       ->sendMessageToClient(std::nullopt, 0, 1, 0, std::nullopt);
   EXPECT_EQ(errors.size(), 2u);
+}
+
+TEST_F(Deliveries, ThatWaitForAClientThatVanishesDoNotHoldItsConnectionBack) {
+  start();
+  std::shared_ptr<ClientSessionReplyInterface> proxy;
+  {
+    WireClient client(path, kj::heap<HearingClient>(heard));
+    sendEvent(client, 1, 1);
+    proxy = proxyOf(0);
+    const Dictionary payload{{"data", Data{std::string(100000, 'x')}}};
+    for (int i = 0; i < 100; ++i) proxy->sendMessageToClient(std::nullopt, 0, 1, 0, payload);
+  }
+  ASSERT_TRUE(delegate->awaitInvalidated(0));
+  EXPECT_TRUE(errors.empty());
+  proxy->sendMessageToClient(std::nullopt, 0, 1, 0, std::nullopt);
+  EXPECT_EQ(errors, std::vector<std::string>{"the connection is gone"});
 }
 
 TEST_F(Deliveries, ToAClientWithoutAnInterfaceHarmNothing) {
