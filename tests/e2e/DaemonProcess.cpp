@@ -2,9 +2,11 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <linux/capability.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
@@ -13,6 +15,7 @@
 
 #include <array>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
@@ -71,9 +74,26 @@ DaemonProcess::~DaemonProcess() {
   close(_notifySocket);
 }
 
+void DaemonProcess::signal(int number) const { kill(_pid, number); }
+
+std::size_t DaemonProcess::descriptors() const {
+  const std::filesystem::directory_iterator open(fmt::format("/proc/{}/fd", _pid)), end;
+  return static_cast<std::size_t>(std::distance(open, end));
+}
+
+std::size_t DaemonProcess::peakMemory() const {
+  std::ifstream status(fmt::format("/proc/{}/status", _pid));
+  for (std::string line; std::getline(status, line);)
+    if (line.starts_with("VmHWM:")) return std::stoul(line.substr(6)) * 1024;
+  throw std::runtime_error("no memory is known of the daemon");
+}
+
 // In the child.
 void DaemonProcess::run(const std::vector<std::string>& arguments,
                         std::optional<int> listeningSocket) {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE);
+  prctl(PR_CAPBSET_DROP, CAP_DAC_READ_SEARCH);
   redirect(STDOUT_FILENO, _root.path(outputFile));
   redirect(STDERR_FILENO, _root.path(errorFile));
   setenv("NOTIFY_SOCKET", _root.path(notifyFile).c_str(), 1);

@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -13,9 +14,10 @@
 
 namespace corvid {
 
-// Runs from construction until it ends by itself or the object goes; then it is killed. Its
-// arguments are `--root` of the scratch root and what the test adds; its output goes to files below
-// the root.
+// Runs from construction until it ends by itself, or the object or the test's process goes; then
+// it is killed. Its arguments are `--root` of the scratch root and what the test adds; its output
+// goes to files below the root, behind what daemons before it wrote. Where the test runs as the
+// superuser, the daemon has no right to pass over the permissions of files all the same.
 //
 // Every wait ends after `patience`, so that a broken daemon fails a test and never hangs it.
 class DaemonProcess {
@@ -31,6 +33,11 @@ class DaemonProcess {
   DaemonProcess& operator=(const DaemonProcess&) = delete;
 
   pid_t pid() const { return _pid; }
+  void signal(int number) const;
+  // How many descriptors it has open.
+  std::size_t descriptors() const;
+  // The most memory that it ever had resident, in bytes.
+  std::size_t peakMemory() const;
   // Until the daemon has reported that it serves; false when it ended or did not in time.
   bool waitUntilReady();
   // Until a line with that fragment is in the log (standard error).

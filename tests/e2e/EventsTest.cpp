@@ -2,21 +2,15 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <functional>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include "platform/base/Reading.h"
-#include "platform/data/JSON.h"
-#include "platform/data/PropertyList.h"
-#include "tests/e2e/DaemonProcess.h"
-#include "tools/lab/Lab.h"
+#include "tests/e2e/LabFixture.h"
 
 namespace corvid {
 namespace {
@@ -28,15 +22,8 @@ constexpr const char* flush = R"({"call":"flush"})";
 constexpr const char* play =
     R"({"call":"sendMessage","category":7,"type":2,"payload":{"action":"play","account":"alice","secret":"hidden"}})";
 
-class Events : public testing::Test {
+class Events : public LabFixture {
  protected:
-  Events() : _lab(_root.path()) {}
-
-  void startDaemon() {
-    _daemon.emplace(_root, std::vector<std::string>{"--log", "stderr", "--log-level", "debug"});
-    ASSERT_TRUE(_daemon->waitUntilReady()) << _daemon->standardError();
-  }
-
   // Makes the calls in one session and returns what corvidctl printed, line by line.
   std::vector<std::string> session(const std::vector<std::string>& calls) {
     _root.write("calls", "");
@@ -59,53 +46,15 @@ class Events : public testing::Test {
     pclose(output);
     return lines;
   }
-
-  std::vector<Dictionary> received() const {
-    std::vector<Dictionary> entries;
-    std::ifstream file(_lab.root().receivedFile());
-    for (std::string line; std::getline(file, line);) {
-      const Result<Value> entry = parseJSON(line);
-      if (entry && entry.value().dictionary()) entries.push_back(*entry.value().dictionary());
-    }
-    return entries;
-  }
-
-  // Every record that has arrived, in order of arrival.
-  std::vector<Dictionary> records() const {
-    std::vector<Dictionary> records;
-    for (const Dictionary& entry : received())
-      if (const Dictionary* message = dictionaryAt(entry, "message"))
-        if (const Array* events = arrayAt(*message, "events"))
-          for (const Value& event : *events) records.push_back(*event.dictionary());
-    return records;
-  }
-
-  static bool waitFor(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + DaemonProcess::patience;
-    while (!condition()) {
-      if (std::chrono::steady_clock::now() > deadline) return false;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return true;
-  }
-
-  void publish(const std::string& name, const Dictionary& storebag) {
-    _root.write("lab/storebags/" + name + ".plist", writeXMLPropertyList(Value(storebag)));
-  }
-
-  ScratchRoot _root;
-  lab::Lab _lab;
-  std::optional<DaemonProcess> _daemon;
 };
 
 TEST_F(Events, ABatchArrivesFilteredWithStartAndEndMessages) {
   startDaemon();
   const auto lines = session({describe, start, play, flush});
-  EXPECT_EQ(lines, (std::vector<std::string>{
-                       R"({"call":"setSessionInfo"})",
-                       R"({"call":"startConfig","states":["httpPost"]})",
-                       R"({"call":"sendMessage","result":null})",
-                       R"({"call":"flush","result":null,"error":null})"}));
+  EXPECT_EQ(lines, (std::vector<std::string>{R"({"call":"setSessionInfo"})",
+                                             R"({"call":"startConfig","states":["httpPost"]})",
+                                             R"({"call":"sendMessage","result":null})",
+                                             R"({"call":"flush","result":null,"error":null})"}));
   ASSERT_TRUE(waitFor([&] { return records().size() == 3; })) << _daemon->standardError();
   const auto arrived = records();
   EXPECT_EQ(integerAt(arrived[0], "_method"), 0);  // the start message

@@ -1,0 +1,86 @@
+#include "tests/e2e/LabFixture.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <fstream>
+#include <utility>
+
+#include "platform/base/Reading.h"
+#include "platform/data/JSON.h"
+#include "platform/data/PropertyList.h"
+
+namespace corvid {
+
+void LabFixture::startDaemon(std::vector<std::string> arguments) {
+  arguments.insert(arguments.end(), {"--log", "stderr", "--log-level", "debug"});
+  _daemon.emplace(_root, std::move(arguments));
+  ASSERT_TRUE(_daemon->waitUntilReady()) << _daemon->standardError();
+}
+
+std::size_t LabFixture::timesLogged(std::string_view fragment) const {
+  const std::string log = _daemon->standardError();
+  std::size_t count = 0;
+  for (std::size_t at = log.find(fragment); at != std::string::npos;
+       at = log.find(fragment, at + 1))
+    ++count;
+  return count;
+}
+
+std::string LabFixture::urlOf(std::string_view server) const {
+  return *stringAt(_lab.addresses(), server);
+}
+
+void LabFixture::publish(const std::string& name, const Dictionary& storebag) const {
+  _root.write("lab/storebags/" + name + ".plist", writeXMLPropertyList(Value(storebag)));
+}
+
+Dictionary LabFixture::storebagPostingTo(const std::string& url, const Dictionary& more) {
+  Dictionary entry{{"post_url", url}, {"expedite", 1}};
+  entry.addEntriesFrom(more);
+  return {{"version", "7"},
+          {"refresh_cycle", 3600},
+          {"release", Dictionary{{"httpPost", Dictionary{{"clients", Array{entry}}}}}}};
+}
+
+const std::vector<Dictionary>& LabFixture::received() {
+  std::ifstream file(_lab.root().receivedFile());
+  file.seekg(static_cast<std::streamoff>(_bytesRead));
+  for (std::string line; std::getline(file, line) && !file.eof();) {
+    _bytesRead += line.size() + 1;
+    const Result<Value> entry = parseJSON(line);
+    if (entry && entry.value().dictionary()) _received.push_back(*entry.value().dictionary());
+  }
+  return _received;
+}
+
+std::vector<Dictionary> LabFixture::records() {
+  std::vector<Dictionary> records;
+  for (const Dictionary& entry : received())
+    if (const Dictionary* message = dictionaryAt(entry, "message"))
+      if (const Array* events = arrayAt(*message, "events"))
+        for (const Value& event : *events) records.push_back(*event.dictionary());
+  return records;
+}
+
+std::size_t LabFixture::arrivals(std::string_view mark) {
+  const std::vector<Dictionary> all = records();
+  return static_cast<std::size_t>(std::ranges::count_if(all, [&](const Dictionary& record) {
+    const std::string* text = stringAt(record, "mark");
+    return text != nullptr && *text == mark;
+  }));
+}
+
+void LabFixture::admitBystander() {
+  publish("tessel", storebagPostingTo(urlOf("realtime")));
+  _bystander.emplace(_root.path());
+  ASSERT_EQ(_bystander->configure({.clientType = 6}).text(), "httpPost");
+  ASSERT_TRUE(bystanderReports());
+}
+
+bool LabFixture::bystanderReports() {
+  const std::string mark = fmt::format("bystander {}", ++_bystanderEvents);
+  return _bystander->send(mark).text() == "none" && waitFor([&] { return arrivals(mark) == 1; });
+}
+
+}  // namespace corvid
