@@ -1,0 +1,69 @@
+#include <gtest/gtest.h>
+
+#include "tools/corvidctl/CommandLine.h"
+
+namespace corvid::ctl {
+namespace {
+
+CommandLine parse(std::vector<std::string> arguments) {
+  return CommandLine(arguments, {"--name", "--number"}, {"--flag"});
+}
+
+// What the person is told.
+std::string refusalOf(std::vector<std::string> arguments) {
+  try {
+    parse(std::move(arguments)).number("--number", -5, 5);
+  } catch (const UsageError& error) {
+    return error.what();
+  }
+  return "none";
+}
+
+TEST(CommandLine, TellsOptionsFlagsAndWordsApartInWhateverOrder) {
+  const CommandLine line = parse({"one", "--name", "text", "two", "--flag", "three"});
+  EXPECT_EQ(line.words(), (std::vector<std::string>{"one", "two", "three"}));
+  EXPECT_EQ(line.text("--name"), "text");
+  EXPECT_TRUE(line.has("--flag"));
+}
+
+TEST(CommandLine, WhatIsNotGivenIsAbsent) {
+  const CommandLine line = parse({});
+  EXPECT_TRUE(line.words().empty());
+  EXPECT_EQ(line.text("--name"), std::nullopt);
+  EXPECT_EQ(line.number("--number", 0, 9), std::nullopt);
+  EXPECT_FALSE(line.has("--flag"));
+}
+
+TEST(CommandLine, OfSeveralOptionsOfOneKindTheLastCounts) {
+  EXPECT_EQ(parse({"--name", "a", "--name", "b"}).text("--name"), "b");
+}
+
+TEST(CommandLine, TakesWhateverWordAsAValue) {
+  EXPECT_EQ(parse({"--name", ""}).text("--name"), "");
+  EXPECT_EQ(parse({"--name", "--flag"}).text("--name"), "--flag");
+  EXPECT_EQ(parse({"--name", "a=b \"c\" \u00fc"}).text("--name"), "a=b \"c\" \u00fc");
+}
+
+TEST(CommandLine, WordsMayBeEmptyOrStartWithOneDash) {
+  EXPECT_EQ(parse({"", "-", "-5"}).words(), (std::vector<std::string>{"", "-", "-5"}));
+}
+
+TEST(CommandLine, ReadsWholeNumbersWithinTheirBounds) {
+  EXPECT_EQ(parse({"--number", "-5"}).number("--number", -5, 5), -5);
+  EXPECT_EQ(parse({"--number", "5"}).number("--number", -5, 5), 5);
+}
+
+TEST(CommandLine, RefusesWhatIsNoNumberWithinTheBounds) {
+  EXPECT_EQ(refusalOf({"--number", "6"}), "--number takes a whole number from -5 to 5, not 6");
+  for (const char* text : {"-6", "1.5", "1x", " 1", "", "+1", "0x1", "99999999999999999999"})
+    EXPECT_EQ(refusalOf({"--number", text}),
+              std::string("--number takes a whole number from -5 to 5, not ") + text);
+}
+
+TEST(CommandLine, RefusesUnknownOptionsAndMissingValues) {
+  EXPECT_EQ(refusalOf({"--nonsense"}), "unknown option --nonsense");
+  EXPECT_EQ(refusalOf({"word", "--name"}), "--name lacks its value");
+}
+
+}  // namespace
+}  // namespace corvid::ctl
