@@ -81,10 +81,11 @@ SessionServer::SessionServer(std::shared_ptr<ClientSessionInterface> session,
       _sender(sender),
       _client(std::move(client)) {}
 
-template <class Decode>
-void SessionServer::decoding(Decode decode) {
+template <class Context, class Decode>
+void SessionServer::decoding(Context& context, Decode decode) {
   try {
-    decode();
+    decode(context.getParams());
+    context.releaseParams();
     return;
   } catch (const wire::BrokenRule& rule) {
     _guard.fail(rule.what());
@@ -97,7 +98,7 @@ void SessionServer::decoding(Decode decode) {
 template <class Context>
 bool SessionServer::wantsReply(Context& context) {
   bool wanted = false;
-  decoding([&] { wanted = context.getParams().getReplyWanted(); });
+  decoding(context, [&](auto parameters) { wanted = parameters.getReplyWanted(); });
   return wanted;
 }
 
@@ -132,9 +133,8 @@ kj::Promise<void> SessionServer::setSessionInfo(SetSessionInfoContext context) {
   std::optional<Dictionary> userInfo;
   Array frameworks;
   bool hasAggregationBlock = false;
-  decoding([&] {
+  decoding(context, [&](auto parameters) {
     ValueDecoder decoder;
-    const auto parameters = context.getParams();
     sessionInfo = decoder.dictionary(parameters.getSessionInfo());
     userInfo = userInfoOf(decoder, parameters);
     frameworks = decoder.array(parameters.getFrameworksToCheck());
@@ -160,10 +160,10 @@ kj::Promise<void> SessionServer::startConfig(StartConfigContext context) {
 kj::Promise<void> SessionServer::fetchStates(FetchStatesContext context) {
   bool replyWanted = false;
   std::optional<Dictionary> userInfo;
-  decoding([&] {
+  decoding(context, [&](auto parameters) {
     ValueDecoder decoder;
-    replyWanted = context.getParams().getReplyWanted();
-    userInfo = userInfoOf(decoder, context.getParams());
+    replyWanted = parameters.getReplyWanted();
+    userInfo = userInfoOf(decoder, parameters);
   });
   return perform<std::optional<Array>>(
       "fetchStates", replyWanted,
@@ -186,9 +186,9 @@ kj::Promise<void> SessionServer::fetchDisplayURL(FetchDisplayURLContext context)
 
 kj::Promise<void> SessionServer::sendMessages(SendMessagesContext context) {
   std::shared_ptr<MessagesCall> call;
-  decoding([&] {
+  decoding(context, [&](auto parameters) {
     ValueDecoder decoder;
-    const auto messages = context.getParams().getMessages();
+    const auto messages = parameters.getMessages();
     if (messages.size() > limits::messagesPerCall)
       throw wire::BrokenRule(fmt::format("{} events in a call", messages.size()));
     call = std::make_shared<MessagesCall>(_outbox, messages.size());
@@ -220,7 +220,6 @@ kj::Promise<void> SessionServer::sendMessages(SendMessagesContext context) {
       }
     }
   });
-  context.releaseParams();
   _sender.flush();
   auto finish = [call, context]() mutable {
     auto results = context.getResults().initResults(count(call->slots.size()));
@@ -254,9 +253,8 @@ kj::Promise<void> SessionServer::uploadFile(UploadFileContext context) {
   bool replyWanted = false;
   std::string fileURL;
   std::string extensionToken;
-  decoding([&] {
+  decoding(context, [&](auto parameters) {
     ValueDecoder decoder;
-    const auto parameters = context.getParams();
     replyWanted = parameters.getReplyWanted();
     fileURL = decoder.text(parameters.getFileURL());
     extensionToken = bytesOf(parameters.getExtensionToken());
@@ -276,12 +274,11 @@ kj::Promise<void> SessionServer::uploadFile(UploadFileContext context) {
 kj::Promise<void> SessionServer::uploadLogData(UploadLogDataContext context) {
   bool replyWanted = false;
   Array logData;
-  decoding([&] {
+  decoding(context, [&](auto parameters) {
     ValueDecoder decoder;
-    replyWanted = context.getParams().getReplyWanted();
-    logData = decoder.array(context.getParams().getLogData());
+    replyWanted = parameters.getReplyWanted();
+    logData = decoder.array(parameters.getLogData());
   });
-  context.releaseParams();
   return perform<bool, std::optional<CorvidError>>(
       "uploadLogData", replyWanted,
       [&](LogDataReply completion) {
@@ -301,9 +298,8 @@ kj::Promise<void> SessionServer::sendSingleMessage(SendSingleMessageContext cont
   std::uint16_t category = 0;
   std::uint16_t type = 0;
   std::optional<Dictionary> payload;
-  decoding([&] {
+  decoding(context, [&](auto parameters) {
     ValueDecoder decoder;
-    const auto parameters = context.getParams();
     replyWanted = parameters.getReplyWanted();
     sessionInfo = decoder.dictionary(parameters.getSessionInfo());
     userInfo = userInfoOf(decoder, parameters);

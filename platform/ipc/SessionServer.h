@@ -33,9 +33,10 @@ class SessionServer final : public wire::ClientSession::Server {
   kj::Promise<void> uploadLogData(UploadLogDataContext context) override;
   kj::Promise<void> sendSingleMessage(SendSingleMessageContext context) override;
 
-  // Runs `decode`, which reads the call's arguments; what breaks a rule ends the connection.
-  template <class Decode>
-  void decoding(Decode decode);
+  // Runs `decode` on the call's parameters, which are gone afterwards: a call may wait long for its
+  // answer, and for the client to take note of it. What breaks a rule ends the connection.
+  template <class Context, class Decode>
+  void decoding(Context& context, Decode decode);
   template <class Context>
   bool wantsReply(Context& context);
   // Runs an operation of the session.

@@ -1,6 +1,4 @@
 // What a client that keeps to no rule can do: lose its own connection, with one log line.
-#include <capnp/rpc.capnp.h>
-#include <capnp/serialize.h>
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -9,6 +7,7 @@
 #include <vector>
 
 #include "protocol/Limits.h"
+#include "tests/platform/ipc/RawMessages.h"
 #include "tests/platform/ipc/ServiceFixture.h"
 #include "tests/platform/ipc/WireClient.h"
 
@@ -16,41 +15,6 @@ namespace corvid {
 namespace {
 
 using capnp::rpc::Message;
-
-std::string bytesOf(capnp::MessageBuilder& message) {
-  const auto words = capnp::messageToFlatArray(message);
-  const auto bytes = words.asBytes();
-  return {reinterpret_cast<const char*>(bytes.begin()), bytes.size()};
-}
-
-std::string numbers(const std::vector<std::uint32_t>& content) {
-  return {reinterpret_cast<const char*>(content.data()), content.size() * 4};
-}
-
-// A message of the RPC protocol.
-template <class Fill>
-std::string envelope(Fill fill) {
-  capnp::MallocMessageBuilder message;
-  fill(message.initRoot<Message>());
-  return bytesOf(message);
-}
-
-std::string bootstrap(std::uint32_t question) {
-  return envelope([&](Message::Builder m) { m.initBootstrap().setQuestionId(question); });
-}
-
-// A call of the first exported object.
-template <class Fill>
-std::string call(std::uint32_t question, std::uint16_t method, Fill fill) {
-  return envelope([&](Message::Builder m) {
-    auto call = m.initCall();
-    call.setQuestionId(question);
-    call.initTarget().setImportedCap(0);
-    call.setInterfaceId(capnp::typeId<wire::ClientSession>());
-    call.setMethodId(method);
-    fill(call.initParams());
-  });
-}
 
 class Limits : public ServiceFixture {
  protected:
