@@ -11,13 +11,15 @@
 #include "backends/CorvidBackend.h"
 #include "backends/https/EventFilters.h"
 #include "backends/https/ExchangeGate.h"
+#include "backends/https/HeldRecords.h"
 #include "platform/HTTPClient.h"
 
 namespace corvid {
 
 // The first entry of the profile's "clients" that matches the session's client and service decides
 // where records go, whether they may leave the device, and in which form. A record is posted at
-// once or held in a batch, oldest first, until a flush.
+// once or held in a batch, oldest first, until a flush. A batch that is full is flushed before its
+// time; where it may not be flushed it drops its oldest records (HeldRecords says when it is full).
 //
 // Threads   As the base says. Sends, flushes and updates of one backend do not overlap;
 //           setCorrelatedSessionID and the properties may come in between from any thread.
@@ -105,11 +107,18 @@ class HTTPSPostBackend final : public CorvidBackend {
   std::optional<std::string> sendAtOnce(Dictionary record, EventCodes codes, MessageFlag flag,
                                         bool flushFirst);
   // Appends the record to the batch; false, leaving it, where its method has reached the threshold.
-  bool batchEvent(Dictionary& record) REQUIRES(_lock);
+  // Where the batch is full and may be posted, its records move to `displaced` first.
+  bool batchEvent(Dictionary& record, Records& displaced) REQUIRES(_lock);
   // Posts the batch that is in the way of a record, which itself is lost with it.
   std::optional<std::string> flushAtThreshold(Dictionary record);
+  bool canFlush() const REQUIRES(_lock);
+  // Adds to the batch, which drops its oldest records where it is full.
+  void hold(Dictionary record) REQUIRES(_lock);
+  // Forgets the batch, having said what it dropped.
+  void closeBatch() REQUIRES(_lock);
   // Moves the batch into `records` with the filtered user info added, or says why not.
   std::optional<CorvidError> takeBatch(Records& records);
+  std::optional<std::string> postBatch(Records records, FlushCompletion completion);
 
   // Post.
   std::optional<std::string> createMessageForPostAndLogging(
@@ -139,7 +148,7 @@ class HTTPSPostBackend final : public CorvidBackend {
   std::optional<double> _overrideSampling GUARDED_BY(_lock);
   std::optional<std::string> _uuidCustom GUARDED_BY(_lock);
   // Absent between a flush and the next batched event.
-  std::optional<Records> _batchedEvents GUARDED_BY(_lock);
+  std::optional<HeldRecords> _batchedEvents GUARDED_BY(_lock);
   // How many events of each method the batch has got, and how many it takes.
   std::unordered_map<std::int32_t, std::int32_t> _eventMethodCounts GUARDED_BY(_lock);
   std::int32_t _eventThreshold GUARDED_BY(_lock) = 49;

@@ -5,6 +5,7 @@
 
 #include "backends/https/HTTPSPostBackend.h"
 #include "platform/base/Describe.h"
+#include "platform/base/Footprint.h"
 #include "platform/base/Log.h"
 #include "platform/base/Reading.h"
 
@@ -32,6 +33,8 @@ std::optional<std::string> HTTPSPostBackend::sendMessage(const Dictionary* paylo
   Dictionary record;
   bool atOnce = false;
   bool flushFirst = false;
+  bool held = false;
+  Records displaced;
   {
     // Held until the record is in the batch: a new combined session ID reaches every record.
     RecursiveLock lock(_lock);
@@ -45,8 +48,8 @@ std::optional<std::string> HTTPSPostBackend::sendMessage(const Dictionary* paylo
     prepareEventForMessage(record);
     if (liftsHeld(flag)) {
       // A server's answer may disable the backend at the same time and must not be overwritten.
-      BackendState held = BackendState::held;
-      _state.compare_exchange_strong(held, BackendState::sending);
+      BackendState before = BackendState::held;
+      _state.compare_exchange_strong(before, BackendState::sending);
     }
     logDebug("HTTPSPostBackend(sendMessage): realtime is {}", static_cast<int>(realtime));
     const BackendState now = state();
@@ -56,11 +59,13 @@ std::optional<std::string> HTTPSPostBackend::sendMessage(const Dictionary* paylo
     if (!atOnce) {
       logDebug("HTTPSPostBackend(sendMessage): Batching {}, {}, {}", static_cast<int>(now),
                static_cast<int>(_batchEvents), static_cast<int>(_requireUserInfo));
-      if (batchEvent(record)) return std::nullopt;
+      held = batchEvent(record, displaced);
     }
   }
-  return atOnce ? sendAtOnce(std::move(record), {method, respCode}, flag, flushFirst)
-                : flushAtThreshold(std::move(record));
+  if (atOnce) return sendAtOnce(std::move(record), {method, respCode}, flag, flushFirst);
+  if (!held) return flushAtThreshold(std::move(record));
+  if (!displaced.empty()) return postBatch(std::move(displaced), nullptr);
+  return std::nullopt;
 }
 
 std::optional<std::string> HTTPSPostBackend::sendAtOnce(Dictionary record, EventCodes codes,
@@ -84,12 +89,16 @@ std::optional<std::string> HTTPSPostBackend::sendAtOnce(Dictionary record, Event
   return text;
 }
 
-bool HTTPSPostBackend::batchEvent(Dictionary& record) {
+bool HTTPSPostBackend::batchEvent(Dictionary& record, Records& displaced) {
+  const std::int32_t method = int32At(record, "_method");
   if (!_batchedEvents) _batchedEvents.emplace();
-  std::int32_t& count = _eventMethodCounts[int32At(record, "_method")];
-  if (count > _eventThreshold) return false;
-  _batchedEvents->push_back(std::move(record));
-  ++count;
+  if (_eventMethodCounts[method] > _eventThreshold) return false;
+  if (canFlush() && _batchedEvents->overflowsWith(record)) {
+    logDebug("HTTPSPostBackend(batchEvent): Flushing all batched events as the batch is full");
+    takeBatch(displaced);
+  }
+  hold(std::move(record));
+  ++_eventMethodCounts[method];
   return true;
 }
 
@@ -101,9 +110,30 @@ std::optional<std::string> HTTPSPostBackend::flushAtThreshold(Dictionary record)
   std::optional<std::string> text = flushMessagesWithCompletion(nullptr);
   RecursiveLock lock(_lock);
   // A flush leaves no batch, except where it refuses; the event that forced it goes with the batch.
-  if (_batchedEvents) _batchedEvents->push_back(std::move(record));
+  if (_batchedEvents) hold(std::move(record));
   _eventMethodCounts[method] = 1;
   return text;
+}
+
+bool HTTPSPostBackend::canFlush() const {
+  return state() == BackendState::sending && (!_requireUserInfo || _userInfoDict);
+}
+
+void HTTPSPostBackend::hold(Dictionary record) {
+  if (!_batchedEvents) _batchedEvents.emplace();
+  const bool droppedBefore = _batchedEvents->dropped() > 0;
+  _batchedEvents->add(std::move(record));
+  if (!droppedBefore && _batchedEvents->dropped() > 0)
+    logError(
+        "HTTPSPostBackend(batchEvent): backend {} holds {} events and may not flush them; the oldest are dropped until it may",
+        _name, _batchedEvents->size());
+}
+
+void HTTPSPostBackend::closeBatch() {
+  if (_batchedEvents->dropped() > 0)
+    logError("HTTPSPostBackend(batchEvent): backend {} dropped {} events of a full batch", _name,
+             _batchedEvents->dropped());
+  _batchedEvents.reset();
 }
 
 std::optional<std::string> HTTPSPostBackend::flushMessagesWithCompletion(
@@ -113,6 +143,11 @@ std::optional<std::string> HTTPSPostBackend::flushMessagesWithCompletion(
     if (completion) completion(std::nullopt, std::move(refusal));
     return std::nullopt;
   }
+  return postBatch(std::move(records), std::move(completion));
+}
+
+std::optional<std::string> HTTPSPostBackend::postBatch(Records records,
+                                                       FlushCompletion completion) {
   std::optional<std::string> text;
   std::optional<std::string> message = createMessageForPostAndLogging(std::move(records), text);
   if (!message) {
@@ -131,8 +166,9 @@ std::optional<std::string> HTTPSPostBackend::flushMessagesWithCompletion(
 
 std::optional<CorvidError> HTTPSPostBackend::takeBatch(Records& records) {
   RecursiveLock lock(_lock);
-  if (!_batchedEvents || state() != BackendState::sending) {
-    _batchedEvents.reset();
+  if (!_batchedEvents) return nothingToFlush();
+  if (state() != BackendState::sending) {
+    closeBatch();
     return nothingToFlush();
   }
   if (_requireUserInfo && !_userInfoDict)
@@ -141,18 +177,20 @@ std::optional<CorvidError> HTTPSPostBackend::takeBatch(Records& records) {
   if (_userInfoDict) {
     Dictionary userInfo = *_userInfoDict;
     _filters.apply(userInfo);
-    for (Dictionary& record : *_batchedEvents) record.addEntriesFrom(userInfo);
+    _batchedEvents->makeRoomToGrowBy(footprint(userInfo));
+    records = std::move(*_batchedEvents).take();
+    for (Dictionary& record : records) record.addEntriesFrom(userInfo);
+  } else {
+    records = std::move(*_batchedEvents).take();
   }
-  records = std::move(*_batchedEvents);
-  _batchedEvents.reset();
+  closeBatch();
   _eventMethodCounts.clear();
   return std::nullopt;
 }
 
 void HTTPSPostBackend::setCorrelatedSessionID(std::string sessionID) {
   RecursiveLock lock(_lock);
-  if (_batchedEvents)
-    for (Dictionary& record : *_batchedEvents) record.set("_sessionID", sessionID);
+  if (_batchedEvents) _batchedEvents->setForAll("_sessionID", sessionID);
   _combinedSessionIDString = std::move(sessionID);
 }
 

@@ -297,5 +297,70 @@ TEST_F(BatchingTest, WithoutABatchANewCombinedIDIsJustKept) {
   EXPECT_EQ(backend->combinedSessionIDString(), "A.B.C");
 }
 
+// Many methods, so that no method's own threshold comes first.
+struct FullBatchTest : BatchingTest {
+  static constexpr std::size_t textBytes = HeldRecords::byteLimit / 4;
+
+  void sendLarge(HTTPSPostBackend& backend, int number) {
+    send(backend, {{"n", number}, {"text", std::string(textBytes, 'x')}}, 0,
+         static_cast<std::uint16_t>(number));
+  }
+  std::vector<std::string> errors() const { return platform.log.texts(LogLevel::error); }
+};
+
+TEST_F(FullBatchTest, IsFlushedBeforeItsTimeAndLosesNothing) {
+  const auto backend = makeInState(BackendState::sending);
+  for (int i = 1; i <= 7; ++i) sendLarge(*backend, i);
+  EXPECT_EQ(requests().size(), 2u);
+  EXPECT_EQ(linesOf("HTTPSPostBackend(batchEvent)"),
+            Lines(2,
+                  "HTTPSPostBackend(batchEvent): Flushing all batched events as the batch is "
+                  "full"));
+  backend->flushMessagesWithCompletion(nullptr);
+  EXPECT_EQ(posted("n"), (Lines{"1", "2", "3", "4", "5", "6", "7"}));
+  EXPECT_TRUE(errors().empty());
+}
+
+TEST_F(FullBatchTest, DropsItsOldestEventsWhileItMayNotBeFlushedAndSaysSoOnce) {
+  const auto backend = makeInState(BackendState::waiting);
+  for (int i = 1; i <= 7; ++i) sendLarge(*backend, i);
+  EXPECT_EQ(errors(),
+            Lines{"HTTPSPostBackend(batchEvent): backend httpPost holds 3 events and may not flush "
+                  "them; the oldest are dropped until it may"});
+  backend->setState(BackendState::sending);
+  backend->flushMessagesWithCompletion(nullptr);
+  EXPECT_EQ(posted("n"), (Lines{"5", "6", "7"}));
+  ASSERT_EQ(errors().size(), 2u);
+  EXPECT_EQ(errors()[1],
+            "HTTPSPostBackend(batchEvent): backend httpPost dropped 4 events of a full batch");
+}
+
+TEST_F(FullBatchTest, StaysBoundedWhileUserInfoIsAwaited) {
+  userInfo.reset();
+  const auto backend = makeInState(BackendState::sending, openEntryWith("event_threshold", 1));
+  backend->setState(BackendState::sending);
+  for (int i = 1; i <= 20; ++i) {
+    send(*backend, {{"n", i}, {"text", std::string(textBytes, 'x')}});
+  }
+  EXPECT_TRUE(requests().empty());
+  backend->setUserInfoDict(Dictionary{{"_clientName", "player"}});
+  backend->updateState();
+  backend->flushMessagesWithCompletion(nullptr);
+  EXPECT_EQ(posted("n"), (Lines{"18", "19", "20"}));
+}
+
+TEST_F(FullBatchTest, ALargeUserInfoInEveryRecordDoesNotMultiplyWithoutBound) {
+  const auto backend = makeInState(BackendState::sending);
+  for (int i = 1; i <= 40; ++i) send(*backend, {{"n", i}}, 0, static_cast<std::uint16_t>(i));
+  backend->setUserInfoDict(Dictionary{
+      {"_clientName", "player"}, {"text", std::string(HeldRecords::messageByteLimit / 20, 'x')}});
+  backend->flushMessagesWithCompletion(nullptr);
+  ASSERT_EQ(requests().size(), 1u);
+  const Lines numbers = posted("n");
+  EXPECT_LE(numbers.size(), 20u);
+  EXPECT_EQ(numbers.back(), "40") << "the newest are kept";
+  EXPECT_EQ(errors().size(), 1u);
+}
+
 }  // namespace
 }  // namespace corvid

@@ -61,12 +61,17 @@ std::string PostBackendFixture::messageOf(const HTTPRequest& request) {
   constexpr int gzipWindow = 31;
   z_stream stream{};
   EXPECT_EQ(inflateInit2(&stream, gzipWindow), Z_OK);
-  std::string output(std::size_t{1} << 20, '\0');
+  std::string output;
   stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(request.body.data()));
   stream.avail_in = static_cast<uInt>(request.body.size());
-  stream.next_out = reinterpret_cast<Bytef*>(output.data());
-  stream.avail_out = static_cast<uInt>(output.size());
-  EXPECT_EQ(inflate(&stream, Z_FINISH), Z_STREAM_END);
+  int status = Z_OK;
+  while (status == Z_OK) {
+    output.resize(2 * output.size() + (std::size_t{1} << 20));
+    stream.next_out = reinterpret_cast<Bytef*>(output.data()) + stream.total_out;
+    stream.avail_out = static_cast<uInt>(output.size() - stream.total_out);
+    status = inflate(&stream, Z_NO_FLUSH);
+  }
+  EXPECT_EQ(status, Z_STREAM_END);
   output.resize(stream.total_out);
   inflateEnd(&stream);
   return output;
@@ -85,7 +90,7 @@ std::vector<Dictionary> PostBackendFixture::eventsOf(const HTTPRequest& request)
   const Dictionary* object = message ? message.value().dictionary() : nullptr;
   const Array* records = object ? arrayAt(*object, "events") : nullptr;
   if (records == nullptr) {
-    ADD_FAILURE() << "no events in " << messageOf(request);
+    ADD_FAILURE() << "no events in " << messageOf(request).substr(0, 1000);
     return events;
   }
   for (const Value& record : *records) events.push_back(*record.dictionary());
