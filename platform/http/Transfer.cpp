@@ -147,6 +147,10 @@ HTTPError Transfer::errorFor(CURLcode result) const {
     case Refusal::closedConnection:
       break;
   }
+  // libcurl has a limit of its own for a line and calls it a lack of memory.
+  if (result == CURLE_OUT_OF_MEMORY && _wasSent && !_hasWholeHead)
+    return error(CURLE_FILESIZE_EXCEEDED, "the head of the answer is too large");
+  if (result == CURLE_FILESIZE_EXCEEDED) return error(result, "the answer is too large");
   return error(result, _errorText[0] ? _errorText.data() : curl_easy_strerror(result));
 }
 

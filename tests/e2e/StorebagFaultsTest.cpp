@@ -13,6 +13,7 @@
 #include "platform/data/Crypto.h"
 #include "platform/data/PropertyList.h"
 #include "tests/e2e/LabFixture.h"
+#include "tests/e2e/Limits.h"
 #include "tests/platform/data/BinaryListBuilder.h"
 #include "tools/lab/HTTPServer.h"
 #include "tools/lab/StorebagSigner.h"
@@ -23,12 +24,6 @@ namespace {
 using lab::Answer;
 
 constexpr std::string_view keyFile = "usr/share/corvid/publicKey.der";
-// The daemon needs some 20 MB; sanitizers take several times as much.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr std::size_t mostMemory = std::size_t{1} << 30;
-#else
-constexpr std::size_t mostMemory = std::size_t{96} << 20;
-#endif
 
 class StorebagFaults : public LabFixture {
  protected:

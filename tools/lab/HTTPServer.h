@@ -22,9 +22,10 @@ class ServerTLS;
 // What becomes of a connection before its first request.
 enum class ConnectionFault {
   none,
-  hangUp,      // closed as soon as it is accepted
-  garbage,     // bytes that are neither TLS nor HTTP, then the end
-  neverSpeaks  // accepted, then silence
+  hangUp,       // closed as soon as it is accepted
+  garbage,      // bytes that are neither TLS nor HTTP, then the end
+  neverSpeaks,  // accepted, then silence
+  resets        // reset after the peer's first words, so in the middle of a handshake
 };
 
 // One thread accepts, each connection has its own; connections are kept alive.

@@ -94,6 +94,10 @@ bool HTTPServerConnection::misbehave() {
     case ConnectionFault::neverSpeaks:
       waitForPeerToGo();
       return true;
+    case ConnectionFault::resets:
+      fillBuffer();
+      _stream.reset();
+      return true;
   }
   return false;
 }

@@ -56,4 +56,10 @@ void ServerStream::finish() {
 
 void ServerStream::breakOff() { ::shutdown(_socket, SHUT_RDWR); }
 
+void ServerStream::reset() {
+  sockaddr nobody{};
+  nobody.sa_family = AF_UNSPEC;
+  ::connect(_socket, &nobody, sizeof nobody);
+}
+
 }  // namespace corvid::lab

@@ -43,6 +43,8 @@ class ServerStream {
   void finish();
   // The connection is over for both sides, at once and without a word.
   void breakOff();
+  // As breakOff, and the peer is told of an error.
+  void reset();
 
  private:
   struct Free {

@@ -59,6 +59,14 @@ TEST_P(HTTPClientFaultTest, AnEndlessHeadIsCut) {
   EXPECT_EQ(codeOf(get()), CURLE_FILESIZE_EXCEEDED);
 }
 
+TEST_P(HTTPClientFaultTest, AnEndlessLineOfTheHeadIsCut) {
+  serve(lab::Answer{.raw = "HTTP/1.1 200 OK\r\nX-Filler: " + std::string(1 << 20, 'x')});
+  const HTTPOutcome outcome = perform(get());
+  ASSERT_TRUE(outcome.error);
+  EXPECT_EQ(outcome.error->code, CURLE_FILESIZE_EXCEEDED);
+  EXPECT_THAT(outcome.error->description, HasSubstr("the head of the answer is too large"));
+}
+
 TEST_P(HTTPClientFaultTest, TheTimeOutHoldsForTheWholeExchange) {
   serve([](const lab::Request& request) {
     if (request.target == "/silent") return lab::Answer{.silent = true};
