@@ -25,6 +25,8 @@ inline constexpr std::size_t messagesPerCall = 256;
 inline constexpr std::size_t callsInFlight = 64;
 // Calls that are answered and that the client has not acknowledged.
 inline constexpr std::size_t unfinishedCalls = 1024;
+// Texts in one answer; one that finds no room is left out.
+inline constexpr std::size_t answerTextBytes = messageBytes - 16384;
 
 // Aggregator deliveries that wait for a client; past either the oldest are dropped.
 inline constexpr std::size_t deliveriesWaiting = 1024;

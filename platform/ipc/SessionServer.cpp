@@ -22,12 +22,28 @@ capnp::uint count(std::size_t size) { return static_cast<capnp::uint>(size); }
 
 capnp::Text::Reader textReader(const std::string& text) { return {text.c_str(), text.size()}; }
 
-void write(wire::TextResult::Builder result, const std::optional<std::string>& text) {
-  if (text)
-    result.setText(textReader(*text));
-  else
+// Writes the texts of one answer as far as the answer has room for them.
+class TextWriter {
+ public:
+  // `client` is borrowed and names the client in log lines.
+  explicit TextWriter(const std::string& client) : _client(client) {}
+
+  void write(wire::TextResult::Builder result, const std::optional<std::string>& text) {
     result.setNone();
-}
+    if (!text) return;
+    if (text->size() > _room) {
+      logWarning("SessionServer: A text of {} bytes for {} is too large and is left out",
+                 text->size(), _client);
+      return;
+    }
+    _room -= text->size();
+    result.setText(textReader(*text));
+  }
+
+ private:
+  const std::string& _client;
+  std::size_t _room = limits::answerTextBytes;
+};
 
 // The builder keeps the error absent where there is none.
 template <class Results>
@@ -179,8 +195,8 @@ kj::Promise<void> SessionServer::fetchDisplayURL(FetchDisplayURLContext context)
   return perform<std::string>(
       "fetchDisplayURL", wantsReply(context),
       [&](Reply<std::string> reply) { _session->fetchDisplayURL(std::move(reply)); },
-      [context](const std::string& url) mutable {
-        context.getResults().initUrl().setText(textReader(url));
+      [this, context](const std::string& url) mutable {
+        TextWriter(_client).write(context.getResults().initUrl(), url);
       });
 }
 
@@ -221,10 +237,11 @@ kj::Promise<void> SessionServer::sendMessages(SendMessagesContext context) {
     }
   });
   _sender.flush();
-  auto finish = [call, context]() mutable {
+  auto finish = [this, call, context]() mutable {
     auto results = context.getResults().initResults(count(call->slots.size()));
+    TextWriter writer(_client);
     for (capnp::uint i = 0; i < results.size(); ++i)
-      if (const auto& slot = call->slots[i]) write(results[i], std::get<0>(*slot));
+      if (const auto& slot = call->slots[i]) writer.write(results[i], std::get<0>(*slot));
   };
   return whenSettled(*call, kj::mv(finish));
 }
@@ -233,9 +250,9 @@ kj::Promise<void> SessionServer::flush(FlushContext context) {
   return perform<std::optional<std::string>, std::optional<CorvidError>>(
       "flush", wantsReply(context),
       [&](FlushReply completion) { _session->flushMessagesWithCompletion(std::move(completion)); },
-      [context](const std::optional<std::string>& text,
-                const std::optional<CorvidError>& error) mutable {
-        write(context.getResults().initResult(), text);
+      [this, context](const std::optional<std::string>& text,
+                      const std::optional<CorvidError>& error) mutable {
+        TextWriter(_client).write(context.getResults().initResult(), text);
         writeError(context.getResults(), error);
       });
 }
@@ -244,8 +261,8 @@ kj::Promise<void> SessionServer::finish(FinishContext context) {
   return perform<std::optional<std::string>>(
       "finish", wantsReply(context),
       [&](ResultReply reply) { _session->finishSessionWithReply(std::move(reply)); },
-      [context](const std::optional<std::string>& text) mutable {
-        write(context.getResults().initResult(), text);
+      [this, context](const std::optional<std::string>& text) mutable {
+        TextWriter(_client).write(context.getResults().initResult(), text);
       });
 }
 
@@ -313,8 +330,8 @@ kj::Promise<void> SessionServer::sendSingleMessage(SendSingleMessageContext cont
         _session->sendMessageWithSessionInfo(std::move(sessionInfo), std::move(userInfo), category,
                                              type, std::move(payload), std::move(reply));
       },
-      [context](const std::string& text) mutable {
-        context.getResults().initResult().setText(textReader(text));
+      [this, context](const std::string& text) mutable {
+        TextWriter(_client).write(context.getResults().initResult(), text);
       });
 }
 

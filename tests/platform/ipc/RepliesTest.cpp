@@ -6,6 +6,7 @@
 #include <thread>
 #include <vector>
 
+#include "protocol/Limits.h"
 #include "tests/platform/ipc/ServiceFixture.h"
 #include "tests/platform/ipc/WireClient.h"
 
@@ -139,6 +140,34 @@ TEST_F(Replies, AfterTheConnectionIsGoneReachNobody) {
   next.scope.poll();
   takeReply(2)("in time");
   EXPECT_EQ(promise.wait(next.scope), "in time");
+}
+
+// A client takes no message that is larger.
+TEST_F(Replies, ATextThatIsTooLargeForAMessageIsLeftOut) {
+  delegate->onSession = [](RecordingSession& session, auto&) {
+    session.onMessage = [](std::uint16_t category, ResultReply reply) {
+      reply(std::string(category == 0 ? limits::answerTextBytes : std::size_t{category}, 't'));
+    };
+  };
+  start();
+  WireClient client(path);
+  EXPECT_EQ(sendEvent(client, 0, 0).size(), limits::answerTextBytes);
+  EXPECT_TRUE(log.texts(LogLevel::warning).empty());
+
+  auto request = client.session.sendMessagesRequest();
+  auto messages = request.initMessages(3);
+  for (capnp::uint i = 0; i < 3; ++i) {
+    messages[i].setReplyWanted(true);
+    messages[i].initEvent().setCategory(i == 1 ? 0 : 5);
+  }
+  auto response = request.send().wait(client.scope);
+  EXPECT_STREQ(response.getResults()[0].getText().cStr(), "ttttt");
+  EXPECT_TRUE(response.getResults()[1].isNone());
+  EXPECT_STREQ(response.getResults()[2].getText().cStr(), "ttttt");
+  EXPECT_EQ(log.texts(LogLevel::warning),
+            std::vector<std::string>{"SessionServer: A text of 16760832 bytes for " +
+                                     delegate->at(0).connection->description() +
+                                     " is too large and is left out"});
 }
 
 TEST_F(Replies, AnExceptionEndsItsCallOnlyWithOneErrorLine) {
