@@ -1,7 +1,7 @@
 #include "tools/corvidctl/Client.h"
 
+#include <chrono>
 #include <semaphore>
-#include <stdexcept>
 #include <utility>
 
 #include "tools/corvidctl/ClientValues.h"
@@ -13,6 +13,7 @@ namespace {
 // The context of one call, on the caller's stack: `finished` is the last that touches it.
 struct Call {
   CallOutcome outcome;
+  int error = CORVID_OK;
   std::binary_semaphore done{0};
 };
 
@@ -24,15 +25,15 @@ std::optional<CorvidError> errorFrom(const corvid_error_t* failure) {
 }
 
 void textAnswered(void* context, int error, const char* text, std::size_t length) {
-  CallOutcome& outcome = callOf(context).outcome;
-  outcome.error = error;
-  if (text != nullptr) outcome.text.emplace(text, length);
+  Call& call = callOf(context);
+  call.error = error;
+  if (text != nullptr) call.outcome.text.emplace(text, length);
 }
 
 void statesAnswered(void* context, int error, const corvid_array_t* states) {
-  CallOutcome& outcome = callOf(context).outcome;
-  outcome.error = error;
-  if (states != nullptr) outcome.states = arrayFrom(states);
+  Call& call = callOf(context);
+  call.error = error;
+  if (states != nullptr) call.outcome.states = arrayFrom(states);
 }
 
 void flushAnswered(void* context, int error, const char* text, std::size_t length,
@@ -42,25 +43,15 @@ void flushAnswered(void* context, int error, const char* text, std::size_t lengt
 }
 
 void successAnswered(void* context, int error, bool success, const corvid_error_t* failure) {
-  CallOutcome& outcome = callOf(context).outcome;
-  outcome.error = error;
-  outcome.success = success;
-  outcome.failure = errorFrom(failure);
+  Call& call = callOf(context);
+  call.error = error;
+  call.outcome.success = success;
+  call.outcome.failure = errorFrom(failure);
 }
 
 void finished(void* context, corvid_outcome_t outcome) {
-  callOf(context).outcome.outcome = outcome;
+  callOf(context).outcome.end = outcome;
   callOf(context).done.release();
-}
-
-// Makes the call through `make(call)` and waits for its end.
-template <class Make>
-CallOutcome perform(Make make) {
-  Call call;
-  if (const int refused = make(&call); refused != CORVID_OK)
-    throw std::runtime_error(corvid_error_text(refused));
-  call.done.acquire();
-  return std::move(call.outcome);
 }
 
 ClientDictionary dictionaryOrNull(const std::optional<Dictionary>& dictionary) {
@@ -82,18 +73,48 @@ Client::Client(const std::optional<std::string>& root, Handlers handlers)
     handler(message ? std::optional(dictionaryFrom(message)) : std::nullopt, timestamp, category,
             type, payload ? std::optional(dictionaryFrom(payload)) : std::nullopt);
   };
-  options.invalidated = [](void* context) {
-    if (const auto& handler = static_cast<Client*>(context)->_handlers.invalidated) handler();
-  };
+  options.invalidated = [](void* context) { static_cast<Client*>(context)->invalidated(); };
   if (const int error = corvid_session_create(&options, &_session); error != CORVID_OK)
-    throw std::runtime_error(corvid_error_text(error));
+    throw CallError(corvid_error_text(error));
   if (const int error = corvid_session_connect(_session); error != CORVID_OK) {
     corvid_session_destroy(_session);
-    throw std::runtime_error(corvid_error_text(error));
+    throw CallError(corvid_error_text(error));
   }
 }
 
 Client::~Client() { corvid_session_destroy(_session); }
+
+void Client::invalidated() {
+  if (_handlers.invalidated) _handlers.invalidated();
+  const MutexLock lock(_mutex);
+  _isInvalidated = true;
+  _changed.notify_all();
+}
+
+void Client::failWithConnection() {
+  // The library tells calls first; a connection that breaks ends its session soon after.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  const MutexLock lock(_mutex);
+  while (!_isInvalidated && _changed.wait_until(_mutex, deadline) == std::cv_status::no_timeout) {
+  }
+  throw CallError(corvid_error_text(CORVID_ERROR_CONNECTION_LOST));
+}
+
+// Makes the call through `make(call)` and waits for its end.
+template <class Make>
+CallOutcome Client::perform(Make make) {
+  Call call;
+  const int refused = make(&call);
+  if (refused == CORVID_ERROR_NOT_CONNECTED) failWithConnection();  // there was one
+  if (refused != CORVID_OK) throw CallError(corvid_error_text(refused));
+  call.done.acquire();
+  if (call.outcome.end == CORVID_OUTCOME_FAILED) {
+    // A call without a callback is not told why it failed.
+    if (call.error == CORVID_OK || call.error == CORVID_ERROR_CONNECTION_LOST) failWithConnection();
+    throw CallError(corvid_error_text(call.error));
+  }
+  return std::move(call.outcome);
+}
 
 CallOutcome Client::setSessionInfo(const Dictionary& sessionInfo,
                                    const std::optional<Dictionary>& userInfo,
@@ -135,9 +156,8 @@ CallOutcome Client::sendMessage(std::uint16_t category, std::uint16_t type,
 
 CallOutcome Client::sendMessageWithDictionary(const Dictionary& message, bool reply) {
   return perform([&](Call* call) {
-    return corvid_session_send_message_with_dictionary(_session, clientDictionary(message).get(),
-                                                       reply ? textAnswered : nullptr, finished,
-                                                       call);
+    return corvid_session_send_message_with_dictionary(
+        _session, clientDictionary(message).get(), reply ? textAnswered : nullptr, finished, call);
   });
 }
 
@@ -172,10 +192,9 @@ CallOutcome Client::sendSingleMessage(const Dictionary& sessionInfo,
                                       std::uint16_t category, std::uint16_t type,
                                       const std::optional<Dictionary>& payload, bool reply) {
   return perform([&](Call* call) {
-    return corvid_session_send_single_message(_session, clientDictionary(sessionInfo).get(),
-                                              dictionaryOrNull(userInfo).get(), category, type,
-                                              dictionaryOrNull(payload).get(),
-                                              reply ? textAnswered : nullptr, finished, call);
+    return corvid_session_send_single_message(
+        _session, clientDictionary(sessionInfo).get(), dictionaryOrNull(userInfo).get(), category,
+        type, dictionaryOrNull(payload).get(), reply ? textAnswered : nullptr, finished, call);
   });
 }
 

@@ -3,28 +3,36 @@
 
 #include <corvid/corvid.h>
 
+#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 
+#include "platform/base/Mutex.h"
 #include "platform/base/Value.h"
 #include "protocol/CorvidError.h"
 
 namespace corvid::ctl {
 
-// What became of a call. `error` is what the library says of a call that failed on the way.
+// What the daemon made of a call.
 struct CallOutcome {
-  corvid_outcome_t outcome = CORVID_OUTCOME_DONE;
-  int error = CORVID_OK;
+  corvid_outcome_t end = CORVID_OUTCOME_DONE;  // never CORVID_OUTCOME_FAILED
   std::optional<std::string> text;
   std::optional<Array> states;
   bool success = false;
   std::optional<CorvidError> failure;
 };
 
+// A call, or the connection before it, that failed; what() says why.
+struct CallError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
 // Threads   One caller. The handlers run on the library's thread.
-// Errors    A call that the library refuses is a std::runtime_error that says why.
+// Errors    CallError, from every operation. Where the connection was lost, `invalidated` has
+//           returned before.
 class Client {
  public:
   struct Handlers {
@@ -60,8 +68,17 @@ class Client {
                                 bool reply);
 
  private:
+  template <class Make>
+  CallOutcome perform(Make make) EXCLUDES(_mutex);
+  void invalidated() EXCLUDES(_mutex);
+  [[noreturn]] void failWithConnection() EXCLUDES(_mutex);
+
   const Handlers _handlers;
   corvid_session_t* _session = nullptr;
+
+  Mutex _mutex;
+  std::condition_variable_any _changed;
+  bool _isInvalidated GUARDED_BY(_mutex) = false;
 };
 
 }  // namespace corvid::ctl

@@ -36,8 +36,8 @@ std::optional<std::int64_t> CommandLine::number(const std::string& option, std::
   std::int64_t value = 0;
   const auto [end, error] = std::from_chars(given->data(), given->data() + given->size(), value);
   if (error != std::errc() || end != given->data() + given->size() || value < least || value > most)
-    throw UsageError(fmt::format("{} takes a whole number from {} to {}, not {}", option, least,
-                                 most, *given));
+    throw UsageError(
+        fmt::format("{} takes a whole number from {} to {}, not {}", option, least, most, *given));
   return value;
 }
 

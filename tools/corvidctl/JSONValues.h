@@ -1,4 +1,5 @@
-// Property-list values in JSON: what JSON lacks is written {"$date":SECONDS} and {"$data":"BASE64"}.
+// Property-list values in JSON: what JSON lacks is written {"$date":SECONDS} and
+// {"$data":"BASE64"}.
 #pragma once
 
 #include "platform/base/Result.h"

@@ -48,7 +48,10 @@ int runPrefsCommand(const std::optional<std::string>& root,
   if (verb != "get" && verb != "set" && verb != "delete" && verb != "list")
     throw UsageError("prefs takes get KEY, set KEY VALUE, delete KEY or list");
   if (words.size() != wanted)
-    throw UsageError("prefs " + verb + (wanted == 1 ? " takes nothing more" : wanted == 2 ? " takes a KEY" : " takes a KEY and a VALUE"));
+    throw UsageError("prefs " + verb +
+                     (wanted == 1   ? " takes nothing more"
+                      : wanted == 2 ? " takes a KEY"
+                                    : " takes a KEY and a VALUE"));
 
   FilePreferences preferences(Paths(rootFolder(root)).preferencesFolder);
   if (verb == "list") {

@@ -8,7 +8,8 @@
 namespace corvid::ctl {
 
 // Describes a session, sends one event and flushes unless the event is realtime. The exit status.
-int runSendCommand(const std::optional<std::string>& root, const std::vector<std::string>& arguments);
+int runSendCommand(const std::optional<std::string>& root,
+                   const std::vector<std::string>& arguments);
 
 // Describes a session and says which backends report. The exit status.
 int runStatesCommand(const std::optional<std::string>& root,

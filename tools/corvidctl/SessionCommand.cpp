@@ -1,266 +1,85 @@
 #include "tools/corvidctl/SessionCommand.h"
 
+#include <fmt/format.h>
+
 #include <cstdio>
 #include <cstdlib>
-#include <istream>
-#include <limits>
-#include <map>
 #include <mutex>
-#include <stdexcept>
 #include <thread>
 
-#include "platform/base/Reading.h"
 #include "platform/data/JSON.h"
 #include "tools/corvidctl/Client.h"
 #include "tools/corvidctl/JSONValues.h"
+#include "tools/corvidctl/LineReader.h"
+#include "tools/corvidctl/SessionCalls.h"
 
 namespace corvid::ctl {
 
 namespace {
 
-// A line that asks for something impossible.
-struct InputError : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
+// The largest message, with every byte of it written as an escape, would take more; as Base64 or
+// plain text it takes a third of this.
+constexpr std::size_t longestLine = std::size_t{64} << 20;
 
-void print(const Dictionary& line) {
-  static std::mutex oneLineAtATime;
-  const std::string text =
-      writeJSON(line).value_or("{\"error\":\"the outcome cannot be written as JSON\"}");
-  const std::lock_guard lock(oneLineAtATime);
-  std::printf("%s\n", text.c_str());
-  std::fflush(stdout);
-}
-
-Value orNull(const std::optional<Dictionary>& dictionary) {
-  return dictionary ? jsonFromValue(*dictionary) : Value();
-}
-Value orNull(const std::optional<std::string>& text) { return text ? Value(*text) : Value(); }
-Value orNull(const std::optional<Array>& array) { return array ? jsonFromValue(*array) : Value(); }
-Value orNull(const std::optional<CorvidError>& error) {
-  if (!error) return {};
-  return Dictionary{{"domain", error->domain},
-                    {"code", error->code},
-                    {"description", error->localizedDescription}};
-}
-
-// The arguments of one line. A key that is left out, or null, is an absent argument.
-class Arguments {
+// Standard output, which the library's thread writes to as well.
+class Output {
  public:
-  explicit Arguments(const Dictionary& line) : _line(line) {}
-
-  std::optional<Dictionary> dictionary(std::string_view key) const {
-    const Value* value = find(key);
-    if (!value) return std::nullopt;
-    if (!value->dictionary()) throw wrong(key, "an object");
-    return *value->dictionary();
+  void print(const Dictionary& line) {
+    const std::lock_guard lock(_mutex);
+    write(line);
   }
-  Dictionary dictionaryOrEmpty(std::string_view key) const {
-    return dictionary(key).value_or(Dictionary());
-  }
-  Array array(std::string_view key) const {
-    const Value* value = find(key);
-    if (!value) return {};
-    if (!value->array()) throw wrong(key, "an array");
-    return *value->array();
-  }
-  bool boolean(std::string_view key, bool absent) const {
-    const Value* value = find(key);
-    if (!value) return absent;
-    if (!value->boolean()) throw wrong(key, "true or false");
-    return *value->boolean();
-  }
-  std::uint16_t number16(std::string_view key) const {
-    const Value* value = find(key);
-    if (!value) return 0;
-    const auto number = value->integer();
-    if (!number || *number < 0 || *number > std::numeric_limits<std::uint16_t>::max())
-      throw wrong(key, "a whole number from 0 to 65535");
-    return static_cast<std::uint16_t>(*number);
-  }
-  double seconds(std::string_view key) const {
-    const Value* value = find(key);
-    const auto number = asNumber(value);
-    if (!number || value->boolean() || !(*number >= 0) || *number > 3600)
-      throw wrong(key, "a number of seconds from 0 to 3600");
-    return *number;
-  }
-  std::string string(std::string_view key) const {
-    const Value* value = find(key);
-    if (!value || !value->string()) throw wrong(key, "a text");
-    return *value->string();
+  // Nothing comes after this line.
+  [[noreturn]] void printAndExit(const Dictionary& line, int status) {
+    const std::lock_guard lock(_mutex);
+    write(line);
+    std::_Exit(status);
   }
 
  private:
-  const Value* find(std::string_view key) const {
-    const Value* value = _line.find(key);
-    return value && !value->isNull() ? value : nullptr;
-  }
-  static InputError wrong(std::string_view key, const char* wanted) {
-    return InputError("\"" + std::string(key) + "\" must be " + wanted);
+  static void write(const Dictionary& line) {
+    const std::string text =
+        writeJSON(line).value_or("{\"error\":\"the outcome cannot be written as JSON\"}");
+    std::printf("%s\n", text.c_str());
+    std::fflush(stdout);
   }
 
-  const Dictionary& _line;
+  std::mutex _mutex;
 };
 
-using Answer = void (*)(const CallOutcome&, Dictionary& line);
-
-void noAnswer(const CallOutcome&, Dictionary&) {}
-void statesAnswer(const CallOutcome& outcome, Dictionary& line) {
-  line.set("states", orNull(outcome.states));
-}
-void urlAnswer(const CallOutcome& outcome, Dictionary& line) {
-  line.set("url", orNull(outcome.text));
-}
-void resultAnswer(const CallOutcome& outcome, Dictionary& line) {
-  line.set("result", orNull(outcome.text));
-}
-void flushAnswer(const CallOutcome& outcome, Dictionary& line) {
-  line.set("result", orNull(outcome.text));
-  line.set("error", orNull(outcome.failure));
-}
-void fileAnswer(const CallOutcome& outcome, Dictionary& line) {
-  line.set("success", outcome.success);
-}
-void logDataAnswer(const CallOutcome& outcome, Dictionary& line) {
-  line.set("success", outcome.success);
-  line.set("error", orNull(outcome.failure));
-}
-
-struct Operation {
-  CallOutcome (*call)(Client&, const Arguments&, bool reply);
-  Answer answer;
-};
-
-const std::map<std::string, Operation, std::less<>>& operations() {
-  static const std::map<std::string, Operation, std::less<>> table{
-      {"setSessionInfo",
-       {[](Client& client, const Arguments& in, bool) {
-          return client.setSessionInfo(in.dictionaryOrEmpty("sessionInfo"),
-                                       in.dictionary("userInfo"), in.array("frameworksToCheck"),
-                                       in.boolean("hasAggregationBlock", false));
-        },
-        noAnswer}},
-      {"startConfig",
-       {[](Client& client, const Arguments&, bool reply) { return client.startConfig(reply); },
-        statesAnswer}},
-      {"fetchStates",
-       {[](Client& client, const Arguments& in, bool reply) {
-          return client.fetchStates(in.dictionary("userInfo"), reply);
-        },
-        statesAnswer}},
-      {"fetchDisplayURL",
-       {[](Client& client, const Arguments&, bool reply) { return client.fetchDisplayURL(reply); },
-        urlAnswer}},
-      {"sendMessage",
-       {[](Client& client, const Arguments& in, bool reply) {
-          return client.sendMessage(in.number16("category"), in.number16("type"),
-                                    in.dictionary("payload"), reply);
-        },
-        resultAnswer}},
-      {"sendMessageWithDictionary",
-       {[](Client& client, const Arguments& in, bool reply) {
-          return client.sendMessageWithDictionary(in.dictionaryOrEmpty("message"), reply);
-        },
-        resultAnswer}},
-      {"flush",
-       {[](Client& client, const Arguments&, bool reply) { return client.flush(reply); },
-        flushAnswer}},
-      {"finish",
-       {[](Client& client, const Arguments&, bool reply) { return client.finish(reply); },
-        resultAnswer}},
-      {"uploadFile",
-       {[](Client& client, const Arguments& in, bool reply) {
-          return client.uploadFile(in.string("path"), reply);
-        },
-        fileAnswer}},
-      {"uploadLogData",
-       {[](Client& client, const Arguments& in, bool reply) {
-          return client.uploadLogData(in.array("logData"), reply);
-        },
-        logDataAnswer}},
-      {"sendSingleMessage",
-       {[](Client& client, const Arguments& in, bool reply) {
-          return client.sendSingleMessage(in.dictionaryOrEmpty("sessionInfo"),
-                                          in.dictionary("userInfo"), in.number16("category"),
-                                          in.number16("type"), in.dictionary("payload"), reply);
-        },
-        resultAnswer}},
-      {"sleep",
-       {[](Client&, const Arguments& in, bool) {
-          std::this_thread::sleep_for(std::chrono::duration<double>(in.seconds("seconds")));
-          return CallOutcome{};
-        },
-        noAnswer}},
-  };
-  return table;
-}
-
-Dictionary parsed(const std::string& line) {
-  const Result<Value> json = parseJSON(line);
-  if (!json) throw InputError("the line is not JSON: " + json.failure().message);
-  if (!json.value().dictionary()) throw InputError("the line is not a JSON object");
+Dictionary parsed(const std::string& text) {
+  const Result<Value> json = parseJSON(text);
+  if (!json) throw InputError("it is not JSON: " + json.failure().message);
   const Result<Value> value = valueFromJSON(json.value());
   if (!value) throw InputError(value.failure().message);
-  if (!value.value().dictionary()) throw InputError("the line is not a JSON object");
+  if (!value.value().dictionary()) throw InputError("it is not a JSON object");
   return *value.value().dictionary();
 }
 
-void perform(Client& client, const std::string& text) {
-  const Dictionary line = parsed(text);
-  const Arguments arguments(line);
-  const std::string name = arguments.string("call");
-  const auto operation = operations().find(name);
-  if (operation == operations().end()) throw InputError("there is no call \"" + name + "\"");
-  const CallOutcome outcome =
-      operation->second.call(client, arguments, arguments.boolean("reply", true));
-
-  Dictionary answer{{"call", name}};
-  switch (outcome.outcome) {
-    case CORVID_OUTCOME_ANSWERED: operation->second.answer(outcome, answer); break;
-    case CORVID_OUTCOME_UNANSWERED: answer.set("answered", false); break;
-    case CORVID_OUTCOME_DONE: break;
-    case CORVID_OUTCOME_FAILED:
-      // The handler of the lost connection says so and ends the process.
-      if (outcome.error == CORVID_ERROR_CONNECTION_LOST)
-        std::this_thread::sleep_for(std::chrono::seconds(10));
-      throw std::runtime_error(name + ": " + corvid_error_text(outcome.error));
+Dictionary outcomeOf(Client& client, const LineReader& input) {
+  try {
+    if (input.isTooLong()) throw InputError(fmt::format("it is longer than {} bytes", longestLine));
+    return performCall(client, parsed(input.line()));
+  } catch (const InputError& error) {
+    return {{"error", fmt::format("line {} is passed over: {}", input.number(), error.what())}};
+  } catch (const std::exception& error) {
+    return {{"error", fmt::format("line {} failed: {}", input.number(), error.what())}};
   }
-  print(answer);
 }
 
 }  // namespace
 
 int runSessionCommand(const std::optional<std::string>& root, std::istream& input) {
+  Output output;
   Client::Handlers handlers;
-  handlers.message = [](auto message, double timestamp, auto category, auto type, auto payload) {
-    print({{"event", "message"},
-           {"message", orNull(message)},
-           {"timestamp", timestamp == 0 ? Value(0) : Value(timestamp)},
-           {"category", category},
-           {"type", type},
-           {"payload", orNull(payload)}});
+  handlers.message = [&](auto message, double timestamp, auto category, auto type, auto payload) {
+    output.print(messageEvent(message, timestamp, category, type, payload));
   };
-  handlers.invalidated = [] {
-    print({{"event", "invalidated"}});
-    std::_Exit(1);
-  };
+  handlers.invalidated = [&] { output.printAndExit({{"event", "invalidated"}}, 1); };
 
-  std::optional<Client> client;
-  try {
-    client.emplace(root, std::move(handlers));
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "corvidctl: %s\n", error.what());
-    return 1;
-  }
-  for (std::string line; std::getline(input, line);) {
-    if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
-    try {
-      perform(*client, line);
-    } catch (const std::exception& error) {
-      print({{"error", error.what()}});
-    }
-  }
+  Client client(root, std::move(handlers));
+  for (LineReader lines(input, longestLine); lines.next();)
+    if (lines.isTooLong() || lines.line().find_first_not_of(" \t\r") != std::string::npos)
+      output.print(outcomeOf(client, lines));
   return 0;
 }
 
