@@ -20,6 +20,8 @@ T* notNull(T* made) {
 
 void set(corvid_dictionary_t* target, const std::string& key, const Value& value) {
   const char* name = key.c_str();
+  // The library would take what stands before it for the key.
+  if (key.find('\0') != std::string::npos) throw std::runtime_error("a key has a zero byte");
   switch (value.type()) {
     case Value::Type::null:
       return check(corvid_dictionary_set_null(target, name));

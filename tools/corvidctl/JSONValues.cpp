@@ -16,7 +16,8 @@ Result<Value> specialValue(const std::string& key, const Value& content) {
   }
   const std::string* text = content.string();
   const auto bytes = text ? base64DecodeIgnoringUnknownCharacters(*text) : std::nullopt;
-  if (!bytes) return Failure{"\"$data\" takes Base64, not " + description(content)};
+  if (!bytes || base64Encode(*bytes) != *text)
+    return Failure{"\"$data\" takes Base64, not " + description(content)};
   return Value(Data{*bytes});
 }
 

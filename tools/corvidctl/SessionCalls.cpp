@@ -70,6 +70,12 @@ class Arguments {
     if (!value || !value->string()) throw wrong(key, "a text");
     return *value->string();
   }
+  std::string path(std::string_view key) const {
+    const std::string text = string(key);
+    if (text.empty() || text.find('\0') != std::string::npos)
+      throw wrong(key, "the path of a file");
+    return text;
+  }
 
  private:
   const Value* find(std::string_view key) const {
@@ -151,7 +157,7 @@ const std::map<std::string, Operation, std::less<>>& operations() {
         resultAnswer}},
       {"uploadFile",
        {[](Client& client, const Arguments& in, bool reply) {
-          return client.uploadFile(in.string("path"), reply);
+          return client.uploadFile(in.path("path"), reply);
         },
         fileAnswer}},
       {"uploadLogData",

@@ -62,5 +62,10 @@ TEST(ClientValues, WhatTheLibraryRefusesIsAnErrorWithItsReason) {
             "invalid argument");
 }
 
+TEST(ClientValues, AKeyWithAZeroByteIsNotCutShort) {
+  EXPECT_EQ(refusalOf({{"inner", Dictionary{{std::string("a\0b", 3), 1}}}}),
+            "a key has a zero byte");
+}
+
 }  // namespace
 }  // namespace corvid::ctl

@@ -53,6 +53,8 @@ TEST(JSONValues, RefusesDatesThatAreNoNumbers) {
 
 TEST(JSONValues, RefusesDataThatIsNoBase64) {
   EXPECT_EQ(refusalOf(R"([{"$data":"abc"}])"), R"("$data" takes Base64, not abc)");
+  EXPECT_EQ(refusalOf(R"({"$data":"AP8=!"})"), R"("$data" takes Base64, not AP8=!)");
+  EXPECT_EQ(refusalOf(R"({"$data":"AP9="})"), R"("$data" takes Base64, not AP9=)");
   EXPECT_EQ(refusalOf(R"({"$data":5})"), R"("$data" takes Base64, not 5)");
 }
 

@@ -102,6 +102,8 @@ TEST_F(SessionInput, AnArgumentOfAWrongTypeIsNamed) {
       {R"("sendMessageWithDictionary","message":"x")", R"(\"message\" must be an object)"},
       {R"("uploadFile")", R"(\"path\" must be a text)"},
       {R"("uploadFile","path":5)", R"(\"path\" must be a text)"},
+      {R"("uploadFile","path":"")", R"(\"path\" must be the path of a file)"},
+      {R"("uploadFile","path":"/tmp/a\u0000b")", R"(\"path\" must be the path of a file)"},
       {R"("uploadLogData","logData":"x")", R"(\"logData\" must be an array)"},
       {R"("sendSingleMessage","sessionInfo":1)", R"(\"sessionInfo\" must be an object)"},
       {R"("sleep")", R"(\"seconds\" must be a number of seconds from 0 to 3600)"},
