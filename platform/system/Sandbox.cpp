@@ -8,6 +8,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "platform/base/Sanitizer.h"
 #include "platform/system/Landlock.h"
 #include "platform/system/SandboxProfile.h"
 #include "platform/system/SeccompFilter.h"
@@ -15,14 +16,6 @@
 namespace corvid {
 
 namespace {
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool hasSanitizer = true;
-#elif defined(__has_feature)
-constexpr bool hasSanitizer = __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
-#else
-constexpr bool hasSanitizer = false;
-#endif
 
 // A sanitizer reads the program's file to name what it found, and searches for leaks from a process
 // of its own. This is a matter of the build, so that no profile can give these rights by mistake.

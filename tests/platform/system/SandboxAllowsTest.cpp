@@ -317,7 +317,7 @@ TEST_F(SandboxAllows, NamesToBeLookedUpWithAServer) {
 #ifdef __SANITIZE_ADDRESS__
 TEST_F(SandboxAllows, TheSanitizerToSearchForLeaks) {
   EXPECT_EQ(inSandbox([] {
-              std::thread([] { [[maybe_unused]] volatile const auto* lost = new int[100]; }).join();
+              std::thread([] { [[maybe_unused]] int* volatile lost = new int[100]; }).join();
               return __lsan_do_recoverable_leak_check() != 0 ? 0 : 1;
             }),
             0);

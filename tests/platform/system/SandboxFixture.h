@@ -8,22 +8,11 @@
 #include <functional>
 #include <string>
 
+#include "platform/base/Sanitizer.h"
 #include "platform/system/Sandbox.h"
 #include "tests/platform/system/Scratch.h"
 
 namespace corvid {
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-inline constexpr bool hasSanitizer = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-inline constexpr bool hasSanitizer = true;
-#else
-inline constexpr bool hasSanitizer = false;
-#endif
-#else
-inline constexpr bool hasSanitizer = false;
-#endif
 
 // 0, or the error number, of a system call that gives -1 on failure.
 inline int errorOf(long result) { return result < 0 ? errno : 0; }
