@@ -49,6 +49,11 @@ int fitnessOf(const Extent& extent) {
   return CORVID_ERROR_INVALID_ARGUMENT;
 }
 
+// Infos, which the daemon keeps for the session's life.
+bool isTooLargeToKeep(const Extent& infos) {
+  return infos.bytes() > corvid::limits::sessionInfoBytes;
+}
+
 template <class... Content>
 Extent extentOf(const Content*... content) {
   Extent extent;
@@ -95,7 +100,7 @@ const char* corvid_error_text(int code) {
     case CORVID_ERROR_TOO_DEEP:
       return "values nested too deeply";
     case CORVID_ERROR_TOO_LARGE:
-      return "too large for one message";
+      return "too large";
     case CORVID_ERROR_WRONG_TYPE:
       return "value of another type";
     case CORVID_ERROR_QUEUE_FULL:
@@ -159,6 +164,7 @@ int corvid_session_set_session_info(corvid_session_t* session,
                                     corvid_finished_callback_t finished, void* context) {
   if (session_info == nullptr) return CORVID_ERROR_INVALID_ARGUMENT;
   const Extent extent = extentOf(session_info, user_info, frameworks);
+  if (isTooLargeToKeep(extent)) return CORVID_ERROR_TOO_LARGE;
   return submit(session, extent, [&] {
     auto info = std::make_shared<library::SessionInfo>();
     info->sessionInfo = inside(session_info);
@@ -178,6 +184,7 @@ int corvid_session_fetch_states(corvid_session_t* session, const corvid_dictiona
                                 corvid_states_callback_t callback,
                                 corvid_finished_callback_t finished, void* context) {
   const Extent extent = extentOf(user_info);
+  if (isTooLargeToKeep(extent)) return CORVID_ERROR_TOO_LARGE;
   return submit(session, extent, [&] {
     return library::fetchStates(copyOf(user_info), extent, {callback, finished, context});
   });
@@ -232,6 +239,7 @@ int corvid_session_upload_file(corvid_session_t* session, const char* path,
     const std::filesystem::path absolute = std::filesystem::absolute(path, error);
     if (error) return static_cast<int>(CORVID_ERROR_SYSTEM);
     std::string url = library::fileURL(absolute.native());
+    if (url.size() > corvid::limits::fileURLBytes) return static_cast<int>(CORVID_ERROR_TOO_LARGE);
     Extent extent;
     extent.addText(url);
     return submit(session, extent, [&] {
@@ -257,6 +265,7 @@ int corvid_session_send_single_message(corvid_session_t* session,
                                        corvid_text_callback_t callback,
                                        corvid_finished_callback_t finished, void* context) {
   if (session_info == nullptr) return CORVID_ERROR_INVALID_ARGUMENT;
+  if (isTooLargeToKeep(extentOf(session_info, user_info))) return CORVID_ERROR_TOO_LARGE;
   const Extent extent = extentOf(session_info, user_info, payload);
   return submit(session, extent, [&] {
     return library::sendSingleMessage(inside(session_info), copyOf(user_info), category, type,

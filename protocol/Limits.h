@@ -21,6 +21,12 @@ inline constexpr std::size_t valuesPerMessage = 65536;
 // Events that travel in one call.
 inline constexpr std::size_t messagesPerCall = 256;
 
+// Session info, user info and frameworks that one call brings. A session keeps them, each of its
+// backends has a copy, and every record carries the user info.
+inline constexpr std::size_t sessionInfoBytes = std::size_t{256} << 10;
+// URL of a file: the longest path with every byte of it escaped.
+inline constexpr std::size_t fileURLBytes = 16384;
+
 // Calls that have begun and are not answered; past it nothing more is read from the client.
 inline constexpr std::size_t callsInFlight = 64;
 // Calls that are answered and that the client has not acknowledged.

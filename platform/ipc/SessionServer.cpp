@@ -73,6 +73,17 @@ std::optional<Dictionary> payloadOf(ValueDecoder& decoder, Parameters parameters
   return decoder.dictionary(parameters.getPayload());
 }
 
+// What a session is to keep of the client's infos.
+void checkInfos(const Dictionary& sessionInfo, const std::optional<Dictionary>& userInfo,
+                const Array& frameworks = {}) {
+  wire::Extent extent;
+  if (!sessionInfo.empty()) extent.add(sessionInfo);
+  if (userInfo) extent.add(*userInfo);
+  if (!frameworks.empty()) extent.add(frameworks);
+  if (extent.bytes() > limits::sessionInfoBytes)
+    throw wire::BrokenRule(fmt::format("infos of {} bytes", extent.bytes()));
+}
+
 std::string bytesOf(capnp::Data::Reader data) {
   return {reinterpret_cast<const char*>(data.begin()), data.size()};
 }
@@ -155,6 +166,7 @@ kj::Promise<void> SessionServer::setSessionInfo(SetSessionInfoContext context) {
     userInfo = userInfoOf(decoder, parameters);
     frameworks = decoder.array(parameters.getFrameworksToCheck());
     hasAggregationBlock = parameters.getHasAggregationBlock();
+    checkInfos(sessionInfo, userInfo, frameworks);
   });
   run("setSessionInfo", [&] {
     _session->setSessionInfo(std::move(sessionInfo), std::move(userInfo), std::move(frameworks),
@@ -180,6 +192,7 @@ kj::Promise<void> SessionServer::fetchStates(FetchStatesContext context) {
     ValueDecoder decoder;
     replyWanted = parameters.getReplyWanted();
     userInfo = userInfoOf(decoder, parameters);
+    checkInfos({}, userInfo);
   });
   return perform<std::optional<Array>>(
       "fetchStates", replyWanted,
@@ -274,6 +287,8 @@ kj::Promise<void> SessionServer::uploadFile(UploadFileContext context) {
     ValueDecoder decoder;
     replyWanted = parameters.getReplyWanted();
     fileURL = decoder.text(parameters.getFileURL());
+    if (fileURL.size() > limits::fileURLBytes)
+      throw wire::BrokenRule(fmt::format("a file URL of {} bytes", fileURL.size()));
     extensionToken = bytesOf(parameters.getExtensionToken());
   });
   return perform<bool>(
@@ -323,6 +338,7 @@ kj::Promise<void> SessionServer::sendSingleMessage(SendSingleMessageContext cont
     category = parameters.getCategory();
     type = parameters.getType();
     payload = payloadOf(decoder, parameters);
+    checkInfos(sessionInfo, userInfo);
   });
   return perform<std::string>(
       "sendSingleMessage", replyWanted,

@@ -186,6 +186,37 @@ TEST_F(ClientConnection, RefusesWhatMayNotTravelWithoutSendingIt) {
   EXPECT_EQ(delegate->at(0).session->calls().size(), 2u);
 }
 
+TEST_F(ClientConnection, RefusesInfosAndPathsThatTheDaemonWouldNotTake) {
+  start();
+  Session session(options());
+  const auto infoOf = [](std::size_t bytes) {
+    client::Dictionary info;
+    const std::string filling(bytes, 'x');
+    EXPECT_TRUE(info.set("filling", client::Data{filling}));
+    return info;
+  };
+  // A dictionary of one entry takes five words and its key one.
+  const client::Dictionary most = infoOf(limits::sessionInfoBytes - 6 * 8);
+  const client::Dictionary more = infoOf(limits::sessionInfoBytes - 6 * 8 + 1);
+  const client::ArrayView none(nullptr);
+  EXPECT_TRUE(session.setSessionInfo(most, Session::none(), none, false));
+  EXPECT_TRUE(session.fetchStates(most));
+  EXPECT_TRUE(session.sendSingleMessage(most, Session::none(), 1, 1, more));
+  EXPECT_EQ(session.setSessionInfo(more, Session::none(), none, false).code(),
+            CORVID_ERROR_TOO_LARGE);
+  EXPECT_EQ(session.setSessionInfo(most, client::Dictionary(), none, false).code(),
+            CORVID_ERROR_TOO_LARGE);
+  EXPECT_EQ(session.fetchStates(more).code(), CORVID_ERROR_TOO_LARGE);
+  EXPECT_EQ(session.sendSingleMessage(more, Session::none(), 1, 1, Session::none()).code(),
+            CORVID_ERROR_TOO_LARGE);
+  const std::string longest = "/" + std::string(limits::fileURLBytes - 8, 'x');
+  EXPECT_TRUE(session.uploadFile(longest.c_str()));
+  EXPECT_EQ(session.uploadFile((longest + "x").c_str()).code(), CORVID_ERROR_TOO_LARGE);
+  ASSERT_TRUE(session.sendMessage(3, 1, Session::none(), nullptr, finished()));
+  ASSERT_TRUE(awaitEnded(1));
+  EXPECT_EQ(delegate->at(0).session->calls().size(), 5u);
+}
+
 TEST_F(ClientConnection, CallbacksRunOnOneThreadOfTheLibraryAndMayCallIt) {
   start();
   Session session(options());

@@ -50,7 +50,8 @@ enum {
   CORVID_ERROR_INVALID_ARGUMENT = 1, /* a missing object, or a date that is no number */
   CORVID_ERROR_INVALID_TEXT = 2,     /* a text or key that is not UTF-8 */
   CORVID_ERROR_TOO_DEEP = 3,         /* values nested deeper than the daemon takes */
-  CORVID_ERROR_TOO_LARGE = 4,        /* more than travels in one message */
+  CORVID_ERROR_TOO_LARGE = 4,        /* more than travels in one message, or infos or a path of
+                                        more than the daemon takes */
   CORVID_ERROR_WRONG_TYPE = 5,       /* the value is of another type */
   CORVID_ERROR_QUEUE_FULL = 6,       /* no room for the call before the deadline */
   CORVID_ERROR_NOT_CONNECTED = 7,    /* the daemon cannot be reached; a later call tries again */
@@ -251,7 +252,8 @@ CORVID_API void corvid_session_destroy(corvid_session_t* session);
 CORVID_API int corvid_session_connect(corvid_session_t* session);
 
 /* The operations. Calls of one session reach the daemon in the order in which they are made. Any
- * callback may be NULL: without one the daemon is told that no answer is wanted. */
+ * callback may be NULL: without one the daemon is told that no answer is wanted. Session info, user
+ * info and frameworks may take 256 KiB together. */
 CORVID_API int corvid_session_set_session_info(corvid_session_t* session,
                                                const corvid_dictionary_t* session_info,
                                                const corvid_dictionary_t* user_info, /* or NULL */

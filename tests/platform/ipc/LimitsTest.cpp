@@ -119,6 +119,54 @@ TEST_F(Limits, TooManyEventsInACall) {
             "257 events in a call");
 }
 
+// Of infos with one entry, so that they take so many bytes together.
+Dictionary infoOf(std::size_t bytes) {
+  return {{"filling", Data{std::string(bytes - 6 * sizeof(capnp::word), 'x')}}};
+}
+
+TEST_F(Limits, InfosThatTakeMoreThanASessionKeeps) {
+  const auto setSessionInfo = [](WireClient& client, std::size_t bytes) {
+    auto request = client.session.setSessionInfoRequest();
+    fill(request.initSessionInfo(1), infoOf(bytes / 2));
+    fill(request.initUserInfo(1), infoOf(bytes / 4));
+    wire::encode(Array{Value(infoOf(bytes / 4 - 5 * sizeof(capnp::word)))},
+                 request.initFrameworksToCheck(1));
+    request.send().wait(client.scope);
+  };
+  const auto fetchStates = [](WireClient& client, std::size_t bytes) {
+    auto request = client.session.fetchStatesRequest();
+    fill(request.initUserInfo(1), infoOf(bytes));
+    request.send().wait(client.scope);
+  };
+  const auto sendSingleMessage = [](WireClient& client, std::size_t bytes) {
+    auto request = client.session.sendSingleMessageRequest();
+    fill(request.initSessionInfo(1), infoOf(bytes / 2));
+    fill(request.initUserInfo(1), infoOf(bytes / 2));
+    fill(request.initPayload(1), infoOf(2 * limits::sessionInfoBytes));
+    request.send().wait(client.scope);
+  };
+  const std::vector<std::function<void(WireClient&, std::size_t)>> calls{
+      setSessionInfo, fetchStates, sendSingleMessage};
+  for (const auto& infosTake : calls) {
+    infosTake(*bystander, limits::sessionInfoBytes);
+    EXPECT_EQ(ruleAgainst([&](WireClient& client) {
+                infosTake(client, limits::sessionInfoBytes + 4 * sizeof(capnp::word));
+              }),
+              "infos of 262176 bytes");
+  }
+}
+
+TEST_F(Limits, AFileURLThatIsLongerThanAnyPath) {
+  const auto upload = [](WireClient& client, std::size_t bytes) {
+    auto request = client.session.uploadFileRequest();
+    request.setFileURL(std::string(bytes, 'x'));
+    request.send().wait(client.scope);
+  };
+  upload(*bystander, limits::fileURLBytes);
+  EXPECT_EQ(ruleAgainst([&](WireClient& client) { upload(client, limits::fileURLBytes + 1); }),
+            "a file URL of 16385 bytes");
+}
+
 TEST_F(Limits, ATextThatIsNotUTF8) {
   EXPECT_EQ(ruleAgainst([](WireClient& client) {
               sendEvent(client, 1, 1, Dictionary{{"text", "\xff\xfe"}});
@@ -287,7 +335,8 @@ TEST_F(Limits, PastTheCallsInFlightTheSocketIsNotRead) {
       calls[answered].wait(client.scope);
       ASSERT_TRUE(session->awaitCalls(limits::callsInFlight + answered));
     }
-    // A call counts a moment before its reply is kept; one kept after the clearing is never answered.
+    // A call counts a moment before its reply is kept; one kept after the clearing is never
+    // answered.
     ASSERT_TRUE(notice.await([&] { return replies.size() == calls.size(); }));
     notice.change([&] { replies.clear(); });
     for (std::size_t i = 11; i < calls.size(); ++i) calls[i].wait(client.scope);
