@@ -88,6 +88,12 @@ std::shared_ptr<const BackendTable> CorviddSession::backends() const {
   return _backends;
 }
 
+std::shared_ptr<const BackendTable> CorviddSession::exchangeBackends(
+    std::shared_ptr<const BackendTable> table) {
+  const MutexLock lock(_lock);
+  return std::exchange(_backends, std::move(table));
+}
+
 std::string CorviddSession::description() const {
   return fmt::format("<CorviddSession: {} {}>", sessionID(), sessionIDString());
 }

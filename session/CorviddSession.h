@@ -108,7 +108,7 @@ class CorviddSession final : public ClientSessionInterface,
                  std::shared_ptr<Connection> connection, BackendSetCreator creator);
 
   // Life cycle.
-  void createBackendsWithStorebag(const Dictionary& storebag);
+  std::shared_ptr<const BackendTable> createBackendsWithStorebag(const Dictionary& storebag) const;
   void updateSessionWithDefaultSessionInfo();
   void sendStartMessage();
 
@@ -138,6 +138,8 @@ class CorviddSession final : public ClientSessionInterface,
 
   // Null before there are any. What is shared is replaced as a whole and never changed.
   std::shared_ptr<const BackendTable> backends() const;
+  // Gives the old ones.
+  std::shared_ptr<const BackendTable> exchangeBackends(std::shared_ptr<const BackendTable> table);
   // Null where the table, which may be null itself, has none under the key.
   static const CorvidBackend* backendNamed(std::string_view key, const BackendTable* table);
   std::shared_ptr<const Dictionary> sharedSessionInfo() const;

@@ -54,35 +54,41 @@ void CorviddSession::startConfigWithCompletionHandler(StatesReply reply) {
     return;
   }
   setStorebagVersion(_sessionDelegate->storebagVersionForSession(*this));
-  createBackendsWithStorebag(*storebag);
-  updateSessionWithDefaultSessionInfo();
+  auto table = createBackendsWithStorebag(*storebag);
+  {
+    // Nobody may meet the new backends before they know their level.
+    CorviddSessionDelegate& agent = *_sessionDelegate;
+    const RecursiveLock lock(agent.mutex());
+    table = exchangeBackends(std::move(table));
+    updateSessionWithDefaultSessionInfo();
+  }
+  // A second configuration replaces the backends of the first, which are cleaned up unflushed.
+  if (table)
+    for (const auto& [key, backend] : *table) backend->cleanup();
+  table = nullptr;
   sendStartMessage();
   reply(fetchReportingStates());
 }
 
-// A second configuration replaces the backends of the first, which are cleaned up unflushed.
-void CorviddSession::createBackendsWithStorebag(const Dictionary& storebag) {
+std::shared_ptr<const BackendTable> CorviddSession::createBackendsWithStorebag(
+    const Dictionary& storebag) const {
   logDebug("createBackendsWithStorebag: Creating backends for session {}", sessionID());
   auto created =
       _createBackends(&storebag, sharedSessionInfo().get(), sharedUserInfo().get(), _deviceid);
-  std::shared_ptr<const BackendTable> table;
-  if (created) {
-    for (const auto& [key, backend] : *created)
-      backend->setCombinedSessionIDString(sessionIDString());
-    table = std::make_shared<const BackendTable>(*std::move(created));
-  }
-  {
-    const MutexLock lock(_lock);
-    std::swap(_backends, table);
-  }
-  if (table)
-    for (const auto& [key, backend] : *table) backend->cleanup();
+  if (!created) return nullptr;
+  for (const auto& [key, backend] : *created)
+    backend->setCombinedSessionIDString(sessionIDString());
+  return std::make_shared<const BackendTable>(*std::move(created));
 }
 
+// The mutex is held throughout: a session that is in its new group but still has its old level
+// would be taken for another's parent.
 void CorviddSession::updateSessionWithDefaultSessionInfo() {
-  _sessionDelegate->userInfoUpdatedForSession(*this);
+  CorviddSessionDelegate& agent = *_sessionDelegate;
+  const RecursiveLock lock(agent.mutex());
+  agent.userInfoUpdatedForSession(*this);
   updateReportingStates();
-  _sessionDelegate->updateDownstreamSessions(*this);
+  agent.updateDownstreamSessions(*this);
 }
 
 void CorviddSession::sendStartMessage() {

@@ -6,6 +6,7 @@
 
 #include <fmt/format.h>
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -38,6 +39,7 @@ class FakeBackend final : public CorvidBackend {
   void cleanup() override { note("cleanup"); }
   void updateState() override {
     note("updateState");
+    if (onUpdateState) onUpdateState();
     setState(stateAfterUpdate);
   }
   using CorvidBackend::sendMessage;
@@ -80,6 +82,8 @@ class FakeBackend final : public CorvidBackend {
   bool uploadAnswer = false;
   // Given at once when set; otherwise the flush is held for the test to complete.
   std::optional<FlushAnswer> flushAnswer = FlushAnswer{};
+  // Run when the state is computed.
+  std::function<void()> onUpdateState;
 
   std::vector<Sent> sent;
   std::vector<FlushCompletion> heldFlushes;

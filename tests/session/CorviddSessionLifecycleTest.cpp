@@ -2,6 +2,7 @@
 #include <stdexcept>
 
 #include "platform/data/PropertyList.h"
+#include "tests/session/LockProbe.h"
 #include "tests/session/SessionTest.h"
 
 namespace corvid {
@@ -216,10 +217,25 @@ TEST_F(CorviddSessionLifecycleTest, ASecondConfigurationCleansTheOldBackendsUpUn
   EXPECT_EQ(states.result(), (Array{"dashboard"}));
   EXPECT_THAT(
       journal->entries(),
-      ElementsAre("agent storebagForSession", "agent storebagVersionForSession", "httpPost cleanup",
-                  "httpPost gone", "agent userInfoUpdatedForSession", "dashboard updateState",
-                  "agent updateDownstreamSessions", "agent getAncestorWithAggregatorForSession",
-                  "dashboard sendMessage 0 0"));
+      ElementsAre("agent storebagForSession", "agent storebagVersionForSession",
+                  "agent userInfoUpdatedForSession", "dashboard updateState",
+                  "agent updateDownstreamSessions", "httpPost cleanup", "httpPost gone",
+                  "agent getAncestorWithAggregatorForSession", "dashboard sendMessage 0 0"));
+}
+
+TEST_F(CorviddSessionLifecycleTest, NobodyMeetsBackendsThatDoNotKnowTheirLevelYet) {
+  LockProbe probe(agent->mutex());
+  bool held = false;
+  FakeBackend& backend = add(kCorvidBackendHTTPPost);
+  backend.onUpdateState = [&] { held = probe.isHeld(); };
+  configureAndStart();
+  EXPECT_TRUE(held);
+  EXPECT_TRUE(probe.isFree());
+  held = false;
+  session->fetchStatesWithUserInfo(Dictionary{{"_clientName", "a"}}, {});
+  EXPECT_TRUE(held);
+  EXPECT_TRUE(probe.isFree());
+  backend.onUpdateState = nullptr;
 }
 
 TEST_F(CorviddSessionLifecycleTest, AnExceptionOfTheAgentLeavesReplyUnansweredAndSessionUsable) {
