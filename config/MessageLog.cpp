@@ -43,7 +43,7 @@ bool isLater(const LogFile& a, const LogFile& b) {
   return !b.creationDate || a.creationDate->asDouble() > b.creationDate->asDouble();
 }
 
-// One line for expired, superseded and half-written files alike.
+// One line for expired, superseded, full and half-written files alike.
 void deleteLogFile(FileSystem& files, const LogFile& file) {
   files.remove(file.path);
   logInfo("writeToLogFile: Deleted expired corvidd log file {} ({})", file.path,
@@ -106,6 +106,10 @@ void writeToLogFile(std::string_view message) {
   const TimeValue now = platform.clock().now();
 
   std::optional<LogFile> file = keepNewestLogFile(files, directory, now);
+  if (file && files.size(file->path) >= mostMessageLogBytes) {
+    deleteLogFile(files, *file);
+    file.reset();
+  }
   if (!file) file = createLogFile(files, directory, now);
   if (!file) return;
 

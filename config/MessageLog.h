@@ -3,9 +3,14 @@
 
 #include <fmt/format.h>
 
+#include <cstddef>
 #include <string_view>
 
 namespace corvid {
+
+// A file that has grown to this gives way to a new one before its day is over: clients decide how
+// much is written.
+inline constexpr std::size_t mostMessageLogBytes = std::size_t{64} << 20;
 
 // Appends one dated line to the daemon's current message log file, starting a new file each day
 // and removing older ones. Failures are logged and reported to nobody. Any thread.

@@ -25,6 +25,8 @@ class FileSystem {
   virtual bool createDirectories(const std::string& path) = 0;
   // The earlier of birth and modification time; nothing where neither is known.
   virtual std::optional<TimeValue> creationDate(const std::string& path) = 0;
+  // Bytes of a file; 0 where there is none.
+  virtual std::size_t size(const std::string& path) = 0;
   // An empty file; an existing one is left as it is.
   virtual void createFile(const std::string& path) = 0;
   virtual bool exists(const std::string& path) = 0;

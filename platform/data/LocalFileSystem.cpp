@@ -55,6 +55,11 @@ std::optional<TimeValue> LocalFileSystem::creationDate(const std::string& path) 
   return earliest;
 }
 
+std::size_t LocalFileSystem::size(const std::string& path) {
+  struct stat status {};
+  return lstat(path.c_str(), &status) == 0 ? static_cast<std::size_t>(status.st_size) : 0;
+}
+
 void LocalFileSystem::createFile(const std::string& path) {
   const Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
 }

@@ -160,6 +160,24 @@ TEST_F(MessageLog, AFileOfExactlyADayStays) {
   EXPECT_EQ(platform.files->files.size(), 1u);
 }
 
+TEST_F(MessageLog, AFullFileGivesWayToANewOne) {
+  const std::string file = add("corvidd_1_messageLog.diag", TimeValue{now - 100, 0});
+  platform.files->files[file].content.assign(mostMessageLogBytes - 1, 'x');
+  writeToLogFile("last");
+  EXPECT_GT(content(file).size(), mostMessageLogBytes);
+  writeToLogFile("first");
+  EXPECT_FALSE(exists(file));
+  EXPECT_TRUE(deletionLogged(file, "2023-11-14 22:11:40 +0000"));
+  EXPECT_EQ(content(newFile), "(2023-11-14 22:13:20 +0000) first\n");
+}
+
+TEST_F(MessageLog, AFullFileOfThisSecondStartsAnew) {
+  writeToLogFile("one");
+  platform.files->files[newFile].content.assign(mostMessageLogBytes, 'x');
+  writeToLogFile("two");
+  EXPECT_EQ(content(newFile), "(2023-11-14 22:13:20 +0000) two\n");
+}
+
 TEST_F(MessageLog, AgeCountsMicroseconds) {
   platform.clock->set({now, 300000});
   const std::string expired = add("corvidd_1_messageLog.diag", TimeValue{now - 86400, 299999});

@@ -29,6 +29,12 @@ std::optional<TimeValue> FakeFileSystem::creationDate(const std::string& path) {
   return found == files.end() ? std::nullopt : found->second.created;
 }
 
+std::size_t FakeFileSystem::size(const std::string& path) {
+  std::lock_guard lock(_mutex);
+  const auto found = files.find(path);
+  return found == files.end() ? 0 : found->second.content.size();
+}
+
 void FakeFileSystem::createFile(const std::string& path) {
   std::lock_guard lock(_mutex);
   const std::string folder = path.substr(0, path.rfind('/'));

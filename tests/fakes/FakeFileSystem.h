@@ -25,6 +25,7 @@ class FakeFileSystem final : public FileSystem {
   Result<std::vector<std::string>> listDirectory(const std::string& path) override;
   bool createDirectories(const std::string& path) override;
   std::optional<TimeValue> creationDate(const std::string& path) override;
+  std::size_t size(const std::string& path) override;
   void createFile(const std::string& path) override;
   bool exists(const std::string& path) override;
   bool append(const std::string& path, const std::vector<std::string_view>& pieces) override;

@@ -72,6 +72,11 @@ TEST_F(LocalFileSystemTest, TheCreationDateIsTheEarlierOfBirthAndModification) {
   EXPECT_EQ(files.creationDate(file)->seconds, status.stx_btime.tv_sec);
 }
 
+TEST_F(LocalFileSystemTest, TellsTheSizeOfAFileAndZeroOfNone) {
+  EXPECT_EQ(files.size(scratch.write("file", "seven b")), 7u);
+  EXPECT_EQ(files.size(at("missing")), 0u);
+}
+
 TEST_F(LocalFileSystemTest, CreatesEmptyFilesForTheirOwnerAndLeavesExistingOnesAlone) {
   files.createFile(at("new"));
   EXPECT_TRUE(files.exists(at("new")));
