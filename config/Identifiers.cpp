@@ -13,6 +13,8 @@ namespace corvid {
 
 namespace {
 
+constexpr std::string_view keyPrefix = "uuid:";
+
 // Between the look for an identifier and its making, so that two sessions make only one.
 Mutex makingIdentifier;
 
@@ -22,13 +24,28 @@ std::optional<std::string> storedIdentifier(const std::string& key) {
   return identifier ? std::optional(*identifier) : std::nullopt;
 }
 
+std::size_t costOfIdentifier(const std::string& key) {
+  constexpr std::size_t besidesTheKey = 96;  // the identifier, and what a property list puts around
+  return key.size() + besidesTheKey;
+}
+
+bool hasRoomFor(const std::string& newKey, Preferences& preferences) {
+  std::size_t bytes = costOfIdentifier(newKey);
+  for (const std::string& key : preferences.keys(corvidSuite))
+    if (key.starts_with(keyPrefix)) bytes += costOfIdentifier(key);
+  return bytes <= keptIdentifierBytes;
+}
+
 std::string findOrMakeIdentifier(const std::string& key) {
   if (auto stored = storedIdentifier(key)) return *std::move(stored);
   MutexLock lock(makingIdentifier);
   if (auto stored = storedIdentifier(key)) return *std::move(stored);
   Platform& platform = Platform::current();
   std::string identifier = uuidText(platform.random().uuid());
-  platform.preferences().setValue(corvidSuite, key, identifier);
+  if (hasRoomFor(key, platform.preferences()))
+    platform.preferences().setValue(corvidSuite, key, identifier);
+  else
+    logWarning("findOrMakeIdentifier: Too many identifiers are kept; that of {} is not", key);
   return identifier;
 }
 

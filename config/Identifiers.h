@@ -1,6 +1,7 @@
 // Stable names for things.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 
@@ -8,7 +9,11 @@
 
 namespace corvid {
 
+// What kept identifiers may cost together, about: the names that they belong to come from clients.
+inline constexpr std::size_t keptIdentifierBytes = std::size_t{256} << 10;
+
 // The identifier kept under "uuid:<first>:<second>" in the daemon's preferences, made at first use.
+// Where there is no room for another, a new one at each call, which is logged.
 std::string getPersistentIdentifierForCustomClientIDSuffix(
     const std::optional<std::string>& first, const std::optional<std::string>& second);
 

@@ -78,6 +78,32 @@ TEST_F(Identifiers, AreLoggedWithTheirKeyWhetherMadeOrFound) {
             2);
 }
 
+TEST_F(Identifiers, AreKeptAsLongAsThereIsRoom) {
+  const std::string name(4000, 'n');
+  std::string last;
+  int kept = 0;
+  for (; kept < 1000; ++kept) {
+    last = getPersistentIdentifierForCustomClientIDSuffix(name, std::to_string(kept));
+    if (!platform.log.texts(LogLevel::warning).empty()) break;
+  }
+  const std::size_t cost = ("uuid:" + name + ":00").size() + 96;
+  EXPECT_EQ(kept, keptIdentifierBytes / cost);
+  const std::string key = "uuid:" + name + ":" + std::to_string(kept);
+  EXPECT_EQ(platform.log.texts(LogLevel::warning),
+            std::vector<std::string>{
+                "findOrMakeIdentifier: Too many identifiers are kept; that of " + key + " is not"});
+  EXPECT_EQ(platform.preferences->value("com.halcyon.corvid", key), std::nullopt);
+  EXPECT_NE(getPersistentIdentifierForCustomClientIDSuffix(name, std::to_string(kept)), last);
+  EXPECT_EQ(getPersistentIdentifierForCustomClientIDSuffix(name, "0"),
+            "00000000-0000-0000-0000-000000000001");
+}
+
+TEST_F(Identifiers, ShareTheirRoomWithNoOtherPreference) {
+  platform.preferences->setValue("com.halcyon.corvid", std::string(keptIdentifierBytes, 'x'), 1);
+  const std::string identifier = getPersistentIdentifierForCustomClientIDSuffix("a", "b");
+  EXPECT_EQ(platform.preferences->value("com.halcyon.corvid", "uuid:a:b"), Value(identifier));
+}
+
 // Holds the first readers back until there are two of them: both find nothing.
 class MeetingPreferences final : public Preferences {
  public:
