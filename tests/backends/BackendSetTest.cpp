@@ -141,8 +141,7 @@ TEST_F(BackendSetTest, SessionValuesOfAnotherTypeReadAsZeroAndFalse) {
 TEST_F(BackendSetTest, SessionNumbersKeepTheirLowBits) {
   const Dictionary section{{"httpPost", postProfile()}};
   const auto made = [&](Value number) {
-    const Dictionary info{
-        {"SessionID", number}, {"ClientType", number}, {"ClientVersion", number}};
+    const Dictionary info{{"SessionID", number}, {"ClientType", number}, {"ClientVersion", number}};
     return createBackends(&section, &info, nullptr, udid)->at("httpPost");
   };
   const auto negative = made(-1);
@@ -169,9 +168,9 @@ TEST_F(BackendSetTest, TheOwnVersionIsTheLibrarys) {
   backend->sendMessage(nullptr, {}, 1, 2, MessageFlag{0});
   const auto requests = platform.http->requests();
   ASSERT_EQ(requests.size(), 1u);
-  EXPECT_TRUE(std::ranges::count(requests[0].headers,
-                                 std::pair<std::string, std::string>(
-                                     "User-Agent", "Corvid/44.1 (Robin5,2; 12.3)")));
+  EXPECT_TRUE(std::ranges::count(
+      requests[0].headers,
+      std::pair<std::string, std::string>("User-Agent", "Corvid/44.1 (Robin5,2; 12.3)")));
 }
 
 TEST_F(BackendSetTest, SkipsWhatCannotBeMadeAndMakesTheRest) {

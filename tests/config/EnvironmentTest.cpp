@@ -304,9 +304,8 @@ TEST_F(EnvironmentFetch, EnvironmentNoneHasNoSection) {
 }
 
 TEST_F(EnvironmentFetch, ASectionOfAnotherTypeCountsAsMissing) {
-  for (const Value& wrong :
-       {Value("release"), Value(Array{section("release")}), Value(1), Value(0.5), Value(true),
-        Value(Date{1}), Value(Data{"release"})}) {
+  for (const Value& wrong : {Value("release"), Value(Array{section("release")}), Value(1),
+                             Value(0.5), Value(true), Value(Date{1}), Value(Data{"release"})}) {
     platform.log.clear();
     Dictionary content = storebag;
     content.set("release", wrong);

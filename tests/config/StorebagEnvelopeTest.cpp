@@ -137,9 +137,8 @@ TEST_F(StorebagEnvelope, ABagThatIsMissingOrOfAnotherTypeYieldsNothing) {
   Dictionary fields = signer.envelopeFields(bag);
   fields.erase("bag");
   EXPECT_FALSE(open(fields));
-  for (const Value& wrong :
-       {Value(7), Value(0.5), Value(true), Value(Date{7}), Value(Data{bag}), Value(storebag),
-        Value(Array{base64Encode(bag)})}) {
+  for (const Value& wrong : {Value(7), Value(0.5), Value(true), Value(Date{7}), Value(Data{bag}),
+                             Value(storebag), Value(Array{base64Encode(bag)})}) {
     fields.set("bag", wrong);
     EXPECT_FALSE(open(fields));
   }

@@ -1,4 +1,5 @@
-// A value of a type that cannot stand for the wanted one counts as absent, whatever key it is under.
+// A value of a type that cannot stand for the wanted one counts as absent, whatever key it is
+// under.
 #include <limits>
 
 #include "tests/backends/https/PostBackendFixture.h"
@@ -9,12 +10,12 @@ namespace {
 const double infinity = std::numeric_limits<double>::infinity();
 const double nan = std::numeric_limits<double>::quiet_NaN();
 
-const std::vector<Value> noStrings{Value(), true, 7, 0.5, Date{5}, Data{"x"}, Array{"x"},
-                                   Dictionary{{"x", "x"}}};
-const std::vector<Value> noArrays{Value(), true, 7, 0.5, Date{5}, Data{"US"}, "US",
-                                  Dictionary{{"US", "US"}}};
-const std::vector<Value> noNumbers{Value(), "1", Date{1}, Data{"1"}, Array{1},
-                                   Dictionary{{"1", 1}}};
+const std::vector<Value> noStrings{Value(), true,      7,          0.5,
+                                   Date{5}, Data{"x"}, Array{"x"}, Dictionary{{"x", "x"}}};
+const std::vector<Value> noArrays{Value(), true,       7,    0.5,
+                                  Date{5}, Data{"US"}, "US", Dictionary{{"US", "US"}}};
+const std::vector<Value> noNumbers{Value(),   "1",      Date{1},
+                                   Data{"1"}, Array{1}, Dictionary{{"1", 1}}};
 const std::vector<Value> noIntegers{Value(), Date{1}, Data{"1"}, Array{1}, Dictionary{{"1", 1}}};
 
 // Everything that a profile's values decide about.
@@ -40,13 +41,13 @@ struct WrongTypesTest : PostBackendFixture {
     send(*backend, {{"x", "abc"}});
     send(*backend, {{"x", "abc"}}, 1);
     backend->flushMessagesWithCompletion(nullptr);
-    Outcome outcome{{fmt::format("{}", static_cast<int>(backend->state())),
-                     fmt::format("{}", backend->hierarchy()),
-                     fmt::format("{}", backend->batchEvents()),
-                     fmt::format("{}", backend->samplingThreshold().value_or(-1)),
-                     backend->displayURL().value_or("none"), backend->postURL().value_or("none")},
-                    platform.log.lines(),
-                    {}};
+    Outcome outcome{
+        {fmt::format("{}", static_cast<int>(backend->state())),
+         fmt::format("{}", backend->hierarchy()), fmt::format("{}", backend->batchEvents()),
+         fmt::format("{}", backend->samplingThreshold().value_or(-1)),
+         backend->displayURL().value_or("none"), backend->postURL().value_or("none")},
+        platform.log.lines(),
+        {}};
     const auto all = requests();
     for (std::size_t i = before; i < all.size(); ++i)
       outcome.requests.push_back(all[i].url + " " + messageOf(all[i]));
@@ -222,9 +223,8 @@ TEST_F(WrongTypesTest, InfiniteThresholdsAdmitEveryoneOrNoOne) {
 TEST_F(WrongTypesTest, ThresholdsOfAnySizeCanBeLogged) {
   const auto told = [&](double threshold) {
     platform.log.clear();
-    makeFor(openEntryWith(
-        "per_country_sampling_thresholds",
-        Array{Dictionary{{"country", Array{"US"}}, {"threshold", threshold}}}));
+    makeFor(openEntryWith("per_country_sampling_thresholds",
+                          Array{Dictionary{{"country", Array{"US"}}, {"threshold", threshold}}}));
     const auto lines = linesOf("HTTPSPostBackend(updateBackendState): sampling threshold for US");
     return lines.empty() ? "nothing" : lines[0].substr(lines[0].rfind(' ') + 1);
   };
