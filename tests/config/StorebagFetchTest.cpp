@@ -255,6 +255,8 @@ TEST_F(StorebagFetch, ANewLastModifiedReplacesTheOldOne) {
   EXPECT_EQ(fetch(), storebag);
   EXPECT_EQ(lastModified, "after");
   EXPECT_FALSE(notModified);
+  EXPECT_EQ(platform.log.texts(LogLevel::debug).back(),
+            "fetchStorebagWithName: New 'Last-Modified: after' received");
 }
 
 TEST_F(StorebagFetch, ALaterFailureKeepsTheNewLastModified) {

@@ -75,9 +75,13 @@ class FakeDeviceInformation final : public DeviceInformationService {
 class FakeLocale final : public LocaleInformation {
  public:
   std::optional<std::string> countryCode() override { return country; }
-  std::int32_t secondsFromGMT(const TimeValue&) override { return offset; }
+  std::int32_t secondsFromGMT(const TimeValue& at) override {
+    askedFor = at.seconds;
+    return offset;
+  }
   std::optional<std::string> country = "US";
   std::int32_t offset = 3600;
+  std::atomic<std::int64_t> askedFor{0};  // the last moment whose offset was wanted
 };
 
 class FakeConsent final : public Consent {

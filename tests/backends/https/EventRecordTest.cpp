@@ -178,6 +178,9 @@ TEST_F(EventRecordTest, ReportVersionAndTimeZoneAreThoseOfNow) {
   const Dictionary record = recordOf(*backend);
   EXPECT_EQ(*record.find("_reportVers"), Value("255.17"));
   EXPECT_EQ(*record.find("_timezoneOffset"), Value(-12600));
+  platform.clock->advance(std::chrono::hours(5000));
+  recordOf(*backend);
+  EXPECT_EQ(platform.locale->askedFor, platform.clock->now().seconds);
 }
 
 TEST_F(EventRecordTest, NumbersOfAnEventKeepTheirWholeRange) {
@@ -262,6 +265,20 @@ TEST_F(EventRecordTest, TheOverrideThresholdStaysWhenALaterEntryLacksIt) {
   backend->setUserInfoDict(Dictionary{{"_clientName", "other"}});
   backend->updateState();
   ASSERT_EQ(backend->state(), BackendState::sending);
+  const Dictionary payload;
+  EXPECT_EQ(*recordOf(*backend, &payload, 0, 1).find("OverrideSampling"), Value(0.75));
+}
+
+TEST_F(EventRecordTest, TheOverrideThresholdStaysWhenALaterEntryThatHoldsLacksIt) {
+  platform.random->draw = 0.5;
+  Dictionary first = openEntryWith("client", "player");
+  first.set("sampling_threshold", 0.25);
+  first.set("override_sampling", 0.75);
+  const auto backend = makeFor(Array{first, openEntryWith("sampling_threshold", 0.25)});
+  backend->setUserInfoDict(Dictionary{{"_clientName", "other"}});
+  backend->updateState();
+  ASSERT_EQ(backend->state(), BackendState::held);
+  backend->setState(BackendState::sending);
   const Dictionary payload;
   EXPECT_EQ(*recordOf(*backend, &payload, 0, 1).find("OverrideSampling"), Value(0.75));
 }

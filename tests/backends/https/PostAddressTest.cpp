@@ -134,6 +134,9 @@ TEST_F(PostAddressTest, AUserDefaultThatWasClearedGivesWayToTheStorebag) {
   backend->setPostURL(std::nullopt);
   backend->updateState();
   EXPECT_EQ(backend->postURL(), batchURL);
+  backend->setPostURL("https://other.test");
+  backend->updateState();
+  EXPECT_EQ(backend->postURL(), batchURL) << "from then on at every update";
 }
 
 TEST_F(PostAddressTest, WithoutRequiredUserInfoTheFirstEntryWithABatchAddressServes) {

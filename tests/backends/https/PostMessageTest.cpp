@@ -1,6 +1,8 @@
 // The message, its headers, its log text and what an exchange's end does.
+#include <algorithm>
 #include <limits>
 
+#include "config/Gzip.h"
 #include "platform/data/JSON.h"
 #include "tests/backends/https/PostBackendFixture.h"
 
@@ -210,6 +212,34 @@ TEST_F(PostMessageTest, AMessageThatDoesNotShrinkTravelsPlain) {
   EXPECT_EQ(request.body, R"({"postTime":1700000000.0})");
   EXPECT_EQ(headerOf(request, "Content-Length"), std::to_string(request.body.size()));
   EXPECT_EQ(headerOf(request, "Content-Encoding"), std::nullopt);
+}
+
+TEST_F(PostMessageTest, AMessageIsCompressedOnlyWhereThatIsShorter) {
+  // Nothing but "x" stays in the record, so that messages grow byte by byte from a size that does
+  // not shrink to one that does.
+  Array filters{Dictionary{{"key", "x"}}};
+  for (const char* key :
+       {"_startTS", "_sender", "_clientVersion", "_sessionID", "_eventNumber", "_method", "_status",
+        "_clientTS", "eventTime", "_productFamily", "_productModel", "_osVersion", "_build",
+        "_internal", "_reportVers", "_timezoneOffset", "_clientName", "_serviceName"})
+    filters.emplace_back(Dictionary{{"key", key}, {"action", "remove"}});
+  const auto backend = makeFor(openEntryWith("filters", filters));
+  platform.http->answerWith([](const HTTPRequest&) { return FakeHTTPClient::response(200); });
+  int longer = 0, equal = 0, shorter = 0;
+  for (std::size_t length = 0; length < 200; ++length) {
+    send(*backend, {{"x", std::string(length, 'a')}});
+    const HTTPRequest request = requests().back();
+    const std::string message = messageOf(request);
+    const std::size_t compressed = gzipDeflate(message)->size();
+    ++(compressed > message.size() ? longer : compressed < message.size() ? shorter : equal);
+    const bool isCompressed = headerOf(request, "Content-Encoding") == "gzip";
+    EXPECT_EQ(isCompressed, compressed < message.size()) << length;
+    EXPECT_EQ(request.body.size(), std::min(compressed, message.size())) << length;
+    EXPECT_EQ(headerOf(request, "Content-Length"), std::to_string(request.body.size())) << length;
+  }
+  EXPECT_GT(longer, 0);
+  EXPECT_GT(equal, 0);
+  EXPECT_GT(shorter, 0);
 }
 
 // Answers

@@ -81,6 +81,11 @@ TEST_F(ReportingStateTest, WaitsForRequiredUserInfo) {
   EXPECT_EQ(backend->state(), BackendState::sending);
 }
 
+TEST_F(ReportingStateTest, WaitsForUserInfoEvenWhereNoEntryMatchesWithoutIt) {
+  userInfo.reset();
+  EXPECT_EQ(stateWith("client", "player"), BackendState::waiting);
+}
+
 TEST_F(ReportingStateTest, WithoutRequiredUserInfoNoOtherRuleApplies) {
   sessionInfo.set("RequireUserInfo", false);
   platform.consent->allowed = false;
