@@ -19,7 +19,8 @@ struct HTTPRequest {
   std::string url{};
   HTTPHeaders headers{};  // sent as given, in this order as far as the protocol keeps one
   std::string body{};     // sent when the method is POST
-  std::chrono::milliseconds timeout{60'000};  // for the whole exchange
+  std::chrono::milliseconds timeout{60'000};  // for the whole exchange, once it is queued
+  std::chrono::milliseconds patience{0};      // for which start waits where the queue is full
   // Read and dropped when false: the response then has no body.
   bool wantsBody = true;
 };
@@ -53,10 +54,12 @@ using HTTPCompletion = std::function<void(HTTPOutcome)>;
 // client's cap, a redirect loop, plain http where the deployment does not allow it, and a full
 // queue are errors like any other.
 //
-// Threads   start: any thread; returns at once. The completion runs on the client's own thread,
-//           or, where the exchange cannot even be queued, on the caller's before start returns.
-//           A completion must not block.
-// Limits    A bounded number of exchanges waits; past it start fails the new one at once.
+// Threads   start: any thread; returns at once, save that it waits for room in the queue as long as
+//           the request has patience (not in a completion). The completion runs on the client's own
+//           thread, or, where the exchange cannot even be queued, on the caller's before start
+//           returns. A completion must not block.
+// Limits    A bounded number of exchanges waits, in all and for each host; past it start fails the
+//           new one.
 class HTTPClient {
  public:
   virtual ~HTTPClient() = default;

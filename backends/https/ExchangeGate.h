@@ -1,7 +1,7 @@
 // Bounds how many HTTP exchanges of one owner are under way.
 //
-// Why: a client may produce events faster than their server takes them. The HTTP client refuses
-// what its queue cannot hold, so an owner waits here, on its own thread, before that happens.
+// Why: a client may produce events faster than their server takes them. It waits here, on its own
+// thread, before it fills the HTTP client's queue, which many owners share.
 #pragma once
 
 #include <chrono>

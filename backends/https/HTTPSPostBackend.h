@@ -23,8 +23,9 @@ namespace corvid {
 //
 // Threads   As the base says. Sends, flushes and updates of one backend do not overlap;
 //           setCorrelatedSessionID and the properties may come in between from any thread.
-//           A send or a flush blocks while `exchangeLimit` of this backend's exchanges are under
-//           way. Completions of exchanges set `state` only, and only while the backend lives.
+//           A send or a flush blocks, for a minute at most, while `exchangeLimit` of this backend's
+//           exchanges are under way or the HTTP client's queue is full. Completions of exchanges
+//           set `state` only, and only while the backend lives.
 // Locks     `_lock` for the fields below; taken once a step, never across a post or a completion.
 class HTTPSPostBackend final : public CorvidBackend {
   struct Token {

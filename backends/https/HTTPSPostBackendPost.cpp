@@ -1,6 +1,7 @@
 // The JSON message around records, and the exchange that carries it.
 #include <fmt/format.h>
 
+#include <chrono>
 #include <utility>
 
 #include "backends/https/HTTPSPostBackend.h"
@@ -112,7 +113,11 @@ void HTTPSPostBackend::postJSONMessage(std::string message, MessageFlag flag,
   request->headers.emplace_back("Content-Length", fmt::format("{}", request->body.size()));
   if (smaller) request->headers.emplace_back("Content-Encoding", "gzip");
 
+  // The time at the gate and that in front of a full queue count together.
+  const auto start = std::chrono::steady_clock::now();
   ExchangeGate::Pass pass = _exchanges->enter(request->timeout);
+  request->patience = request->timeout - std::chrono::duration_cast<std::chrono::milliseconds>(
+                                             std::chrono::steady_clock::now() - start);
   Platform::current().http().start(
       std::move(*request), [sender = weak_from_this(), name = _name, pass = std::move(pass),
                             completion = std::move(completion)](HTTPOutcome outcome) mutable {

@@ -25,8 +25,9 @@ class HTTPWorker;
 //           No cookies, no stored credentials, no proxy: what stands in the environment does not
 //           matter. Names that end in ".invalid" fail without asking the resolver.
 // Threads   As HTTPClient says. `onIdle` runs on the client's thread.
-// Limits    The constants below. Past kWaitingExchanges or kWaitingBytes a new exchange fails at
-//           once; one that waits too long for a connection times out like any other.
+// Limits    The constants below. Past what may wait, in all or for its host, a new exchange fails,
+//           which is counted and logged once until there is room again; one that waits too long for
+//           a connection times out like any other.
 // Errors    Codes are libcurl's (CURLcode), the texts name the host, never the rest of the URL.
 //           A method other than GET and POST, a URL that is neither https nor http, one that holds
 //           a user name, and headers that hold line breaks are refused.
@@ -39,6 +40,8 @@ class CurlHTTPClient final : public HTTPClient {
   static constexpr std::size_t kWaitingExchanges = 8192;
   // Of what waits; one that finds less waiting is let in whatever its size.
   static constexpr std::size_t kWaitingBytes = 8 * 1024 * 1024;
+  // The share of a host in both, as in connections: hosts that do not answer leave room for others.
+  static constexpr std::size_t kHostsThatFillTheQueue = kConnections / kConnectionsPerHost;
   static constexpr std::size_t kResponseBodyBytes = 8 * 1024 * 1024;
   static constexpr std::size_t kResponseHeaderBytes = 64 * 1024;
 

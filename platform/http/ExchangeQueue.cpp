@@ -5,12 +5,21 @@
 
 namespace corvid {
 
+bool ExchangeQueue::isFull(const std::string& host) const {
+  if (_waiting >= _limits.exchanges || _bytes >= _limits.bytes) return true;
+  const auto found = _hosts.find(host);
+  return found != _hosts.end() &&
+         (found->second.waiting.size() >= _limits.exchanges / _limits.hosts ||
+          found->second.bytes >= _limits.bytes / _limits.hosts);
+}
+
 void ExchangeQueue::add(Exchange exchange) {
   _nextDeadline = std::min(_nextDeadline, exchange.deadline);
   ++_waiting;
   _bytes += exchange.size();
-  auto& waiting = _hosts[exchange.host].waiting;
-  waiting.push_back(std::move(exchange));
+  Host& host = _hosts[exchange.host];
+  host.bytes += exchange.size();
+  host.waiting.push_back(std::move(exchange));
 }
 
 std::optional<Exchange> ExchangeQueue::next() {
@@ -47,6 +56,7 @@ std::vector<Exchange> ExchangeQueue::removeExpired(Exchange::Time now) {
       } else {
         --_waiting;
         _bytes -= exchange->size();
+        entry->second.bytes -= exchange->size();
         expired.push_back(std::move(*exchange));
         exchange = waiting.erase(exchange);
       }
@@ -67,6 +77,7 @@ Exchange ExchangeQueue::takeFirst(Host& host) {
   host.waiting.pop_front();
   --_waiting;
   _bytes -= exchange.size();
+  host.bytes -= exchange.size();
   if (_waiting == 0) _nextDeadline = Exchange::Time::max();
   return exchange;
 }

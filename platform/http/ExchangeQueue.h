@@ -19,12 +19,14 @@ class ExchangeQueue {
   struct Limits {
     std::size_t exchanges;
     std::size_t bytes;  // an exchange that finds less waiting is let in whatever its size
+    std::size_t hosts;  // so many hosts fill the queue, each with its share
     std::size_t activePerHost;
   };
 
   explicit ExchangeQueue(Limits limits) : _limits(limits) {}
 
-  bool isFull() const { return _waiting >= _limits.exchanges || _bytes >= _limits.bytes; }
+  // Whether there is no room for one more exchange with this host.
+  bool isFull(const std::string& host) const;
   // Only when not full.
   void add(Exchange exchange);
 
@@ -44,6 +46,7 @@ class ExchangeQueue {
   struct Host {
     std::size_t active = 0;
     std::list<Exchange> waiting;
+    std::size_t bytes = 0;  // of those that wait
   };
   using Hosts = std::map<std::string, Host>;
 

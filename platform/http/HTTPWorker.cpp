@@ -7,7 +7,9 @@
 #include <chrono>
 #include <csignal>
 #include <new>
+#include <utility>
 
+#include "platform/base/Log.h"
 #include "platform/http/CurlHTTPClient.h"
 
 namespace corvid {
@@ -41,6 +43,7 @@ HTTPWorker::HTTPWorker(Options options)
     : _options(std::move(options)),
       _queue({.exchanges = CurlHTTPClient::kWaitingExchanges,
               .bytes = CurlHTTPClient::kWaitingBytes,
+              .hosts = CurlHTTPClient::kHostsThatFillTheQueue,
               .activePerHost = CurlHTTPClient::kConnectionsPerHost}) {}
 
 void HTTPWorker::stop() {
@@ -54,16 +57,23 @@ void HTTPWorker::stop() {
   if (thread.joinable()) thread.join();
 }
 
-void HTTPWorker::add(Exchange exchange) {
+void HTTPWorker::add(Exchange exchange, milliseconds patience) {
   HTTPOutcome refusal;
   {
     MutexLock lock(_mutex);
+    const bool hasRoom = awaitRoom(exchange, patience);
     if (_stopping) {
       refusal = failed(exchange, CURLE_ABORTED_BY_CALLBACK, kEnded);
-    } else if (_queue.isFull()) {
+    } else if (!hasRoom) {
       refusal = failed(exchange, CURLE_AGAIN, "too many exchanges wait");
       ++_refused;
+      if (_refusedWithoutRoom++ == 0)
+        logWarning(
+            "HTTPClient: too many exchanges wait, among them for {}; new ones fail until there is room",
+            exchange.host);
     } else {
+      if (const std::size_t refused = std::exchange(_refusedWithoutRoom, 0))
+        logWarning("HTTPClient: there is room for exchanges again; {} have failed", refused);
       ++_underWay;
       _queue.add(std::move(exchange));
       _hasNews = true;
@@ -73,6 +83,19 @@ void HTTPWorker::add(Exchange exchange) {
     }
   }
   exchange.completion(std::move(refusal));
+}
+
+bool HTTPWorker::awaitRoom(Exchange& exchange, milliseconds patience) {
+  const auto hasRoom = [&]() NO_THREAD_SAFETY_ANALYSIS { return !_queue.isFull(exchange.host); };
+  if (hasRoom()) return true;
+  if (patience <= milliseconds(0) || _thread.get_id() == std::this_thread::get_id()) return false;
+  const auto start = steady_clock::now();
+  ++_waitingForRoom;
+  const bool inTime = _room.wait_for(_mutex, patience, hasRoom);
+  --_waitingForRoom;
+  // The time-out is for the exchange itself.
+  exchange.deadline += steady_clock::now() - start;
+  return inTime;
 }
 
 void HTTPWorker::wake() {
@@ -121,6 +144,7 @@ bool HTTPWorker::takeWork() {
     if (!exchange) break;
     _toBegin.push_back(std::move(*exchange));
   }
+  if (_waitingForRoom > 0 && (!_toBegin.empty() || !_expired.empty())) _room.notify_all();
   return !_stopping;
 }
 

@@ -32,8 +32,9 @@ class HTTPWorker {
   HTTPWorker(const HTTPWorker&) = delete;
   HTTPWorker& operator=(const HTTPWorker&) = delete;
 
-  // Completes `exchange` at once where it finds the queue full or the worker at its end.
-  void add(Exchange exchange) EXCLUDES(_mutex);
+  // Waits for room in the queue, at most `patience` and not on the worker's thread. Completes
+  // `exchange` at once where there is none then, or the worker is at its end.
+  void add(Exchange exchange, std::chrono::milliseconds patience) EXCLUDES(_mutex);
   // Completes everything with an error and ends the thread. From now on add() completes at once.
   void stop() EXCLUDES(_mutex);
   std::size_t underWay() const { return _underWay; }
@@ -46,6 +47,8 @@ class HTTPWorker {
   };
 
   void run();
+  // False where there is no room in good time.
+  bool awaitRoom(Exchange& exchange, std::chrono::milliseconds patience) REQUIRES(_mutex);
   // False when there was none for so long.
   bool waitForWork(std::optional<std::chrono::milliseconds> longest) EXCLUDES(_mutex);
   // Takes the exchanges to begin and those that waited too long; where there is nothing under way
@@ -75,6 +78,10 @@ class HTTPWorker {
   Mutex _mutex;
   std::condition_variable_any _condition;
   ExchangeQueue _queue GUARDED_BY(_mutex);
+  std::condition_variable_any
+      _room;  // signalled when some leave the queue and others wait to enter
+  std::size_t _waitingForRoom GUARDED_BY(_mutex) = 0;
+  std::size_t _refusedWithoutRoom GUARDED_BY(_mutex) = 0;  // since there was room last
   Sleep _sleep GUARDED_BY(_mutex) = Sleep::none;
   bool _hasNews GUARDED_BY(_mutex) = false;  // since work was taken last
   bool _stopping GUARDED_BY(_mutex) = false;

@@ -5,11 +5,15 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <future>
+#include <list>
 #include <memory>
+#include <random>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "platform/data/Crypto.h"
 #include "tests/e2e/LabFixture.h"
 #include "tests/e2e/Limits.h"
 #include "tools/lab/HTTPServer.h"
@@ -24,6 +28,13 @@ using lab::Request;
 using testing::HasSubstr;
 
 constexpr std::string_view postError = "HTTPSPostBackend(postJsonMessage): post error: ";
+
+std::string randomBytes(std::size_t size) {
+  std::mt19937 random(1);
+  std::string bytes(size, '\0');
+  for (char& byte : bytes) byte = static_cast<char>(random());
+  return bytes;
+}
 
 class ServerFaults : public LabFixture {
  protected:
@@ -216,6 +227,33 @@ TEST_F(ServerFaults, ASlowAnswerHoldsUpItsOwnFlushOnly) {
   ASSERT_TRUE(waitFor([&] { return arrivals("slow") == 1; }));
   EXPECT_TRUE(bystanderReports());
   EXPECT_EQ(flushed.text(), "flushed");
+}
+
+// Together they have more for the server than may wait for it.
+TEST_F(ServerFaults, ManyClientsOfAStalledServerWaitAndLoseNothing) {
+  constexpr std::size_t clients = 48, events = 16;
+  std::promise<void> release;
+  serveAnswers([released = release.get_future().share()](Answer answer) {
+    released.wait();
+    return answer;
+  });
+  publish("lumen", storebagPostingTo(url()));
+  client::Dictionary payload;
+  (void)payload.set("filler", std::string_view(base64Encode(randomBytes(std::size_t{15} << 10))));
+  std::list<TestClient> all;
+  for (std::size_t i = 0; i < clients; ++i) {
+    TestClient& client = all.emplace_back(_root.path());
+    ASSERT_EQ(client.configure({.clientType = 5}).text(), "httpPost");
+  }
+  for (TestClient& client : all)
+    for (std::size_t n = 0; n < events; ++n) client.send(payload);
+  ASSERT_TRUE(waitFor([&] { return _server->requestsReceived() == 8; }));
+  EXPECT_TRUE(bystanderReports());
+  release.set_value();
+  // Each has sent a start message too.
+  EXPECT_TRUE(waitFor([&] { return _server->requestsReceived() == clients * (events + 1); }))
+      << _server->requestsReceived();
+  EXPECT_EQ(timesLogged(postError), 0u);
 }
 
 // The client waits once so many exchanges are under way, and nothing is lost or said of it while

@@ -1,13 +1,18 @@
 // Waiting, limits and the end.
 #include <curl/curl.h>
+#include <gmock/gmock.h>
 
 #include <atomic>
 #include <semaphore>
+#include <thread>
 
+#include "tests/fakes/CapturedLog.h"
 #include "tests/platform/http/HTTPClientFixture.h"
 
 namespace corvid {
 namespace {
+
+using testing::HasSubstr;
 
 class HTTPClientQueueTest : public HTTPClientTest {
  protected:
@@ -26,16 +31,26 @@ class HTTPClientQueueTest : public HTTPClientTest {
     });
   }
 
+  // One exchange that is as large as all that may wait for a host.
+  void fillTheShare() {
+    client->start(post(std::string(bytesOfAHost, 'b')), outcomes.completion());
+  }
+
+  static constexpr std::size_t exchangesOfAHost =
+      CurlHTTPClient::kWaitingExchanges / CurlHTTPClient::kHostsThatFillTheQueue;
+  static constexpr std::size_t bytesOfAHost =
+      CurlHTTPClient::kWaitingBytes / CurlHTTPClient::kHostsThatFillTheQueue;
+
   Outcomes silent;
   Outcomes outcomes;
 };
 
 INSTANTIATE_TEST_SUITE_P(Transport, HTTPClientQueueTest, testing::Bool(), transportName);
 
-TEST_P(HTTPClientQueueTest, OneThatFindsTheQueueFullFailsAtOnce) {
+TEST_P(HTTPClientQueueTest, OneThatFindsTheShareOfItsHostFullFailsAtOnce) {
   serveSilence();
   occupyConnections();
-  for (std::size_t i = 0; i < CurlHTTPClient::kWaitingExchanges; ++i)
+  for (std::size_t i = 0; i < exchangesOfAHost; ++i)
     client->start(post("waits"), outcomes.completion());
   EXPECT_EQ(outcomes.all().size(), 0u);
   EXPECT_EQ(client->exchangesRefused(), 0u);
@@ -45,17 +60,86 @@ TEST_P(HTTPClientQueueTest, OneThatFindsTheQueueFullFailsAtOnce) {
   ASSERT_TRUE(refused.error) << "completed before start returned";
   EXPECT_EQ(refused.error->code, CURLE_AGAIN);
   EXPECT_EQ(client->exchangesRefused(), 1u);
-  EXPECT_EQ(client->exchangesUnderWay(),
-            CurlHTTPClient::kConnectionsPerHost + CurlHTTPClient::kWaitingExchanges);
+  EXPECT_EQ(client->exchangesUnderWay(), CurlHTTPClient::kConnectionsPerHost + exchangesOfAHost);
 }
 
-TEST_P(HTTPClientQueueTest, ManyBytesFillTheQueueToo) {
+TEST_P(HTTPClientQueueTest, ManyBytesFillTheShareOfAHostAndNotTheQueue) {
   serveSilence();
   occupyConnections();
-  client->start(post(std::string(CurlHTTPClient::kWaitingBytes + 1, 'b')), outcomes.completion());
+  fillTheShare();
   EXPECT_EQ(client->exchangesRefused(), 0u);
   EXPECT_EQ(codeOf(post("x")), CURLE_AGAIN);
   EXPECT_EQ(client->exchangesRefused(), 1u);
+  lab::HTTPServer::Options options;
+  if (GetParam()) options.tls = identity->server();
+  lab::HTTPServer other([](const lab::Request&) { return lab::Answer{}; }, options);
+  EXPECT_EQ(codeOf({.url = other.url("/")}), 0);
+}
+
+TEST_P(HTTPClientQueueTest, ThoseWithPatienceWaitForRoom) {
+  constexpr std::size_t threads = 3, posts = 12;
+  serve(lab::Answer{});
+  std::vector<std::thread> clients;
+  for (std::size_t i = 0; i < threads; ++i)
+    clients.emplace_back([&] {
+      for (std::size_t n = 0; n < posts; ++n) {
+        HTTPRequest patient = post(std::string(bytesOfAHost, 'b'));
+        patient.patience = 20s;
+        client->start(std::move(patient), outcomes.completion());
+      }
+    });
+  for (std::thread& thread : clients) thread.join();
+  ASSERT_TRUE(outcomes.waitFor(threads * posts));
+  for (const HTTPOutcome& outcome : outcomes.all()) EXPECT_TRUE(outcome.response);
+  EXPECT_EQ(client->exchangesRefused(), 0u);
+}
+
+TEST_P(HTTPClientQueueTest, WithoutRoomInGoodTimeItFailsAndTheLogSaysSoOnce) {
+  CapturedLog log;
+  std::counting_semaphore<> gate(0);
+  serve([&](const lab::Request& request) {
+    if (request.target == "/silent") gate.acquire();
+    return lab::Answer{};
+  });
+  occupyConnections();
+  fillTheShare();
+  HTTPRequest request = post("patient");
+  request.patience = 20ms;
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(codeOf(request), CURLE_AGAIN);
+  EXPECT_EQ(client->exchangesRefused(), 3u);
+  ASSERT_EQ(log.texts(LogLevel::warning).size(), 1u);
+  EXPECT_THAT(log.texts(LogLevel::warning)[0], HasSubstr("too many exchanges wait"));
+  gate.release(CurlHTTPClient::kConnectionsPerHost);
+  ASSERT_TRUE(outcomes.waitFor(1));
+  EXPECT_EQ(codeOf(request), 0);
+  ASSERT_EQ(log.texts(LogLevel::warning).size(), 2u);
+  EXPECT_EQ(log.texts(LogLevel::warning)[1],
+            "HTTPClient: there is room for exchanges again; 3 have failed");
+}
+
+TEST_P(HTTPClientQueueTest, ACompletionNeverWaitsForRoom) {
+  std::counting_semaphore<> gate(0);
+  serve([&](const lab::Request& request) {
+    if (request.target == "/gate") gate.acquire();
+    return lab::Answer{.silent = request.target == "/silent"};
+  });
+  std::atomic<int> code = 0;
+  client->start(get("/gate"), [&](HTTPOutcome) {
+    // No exchange leaves the queue before the completion returns.
+    fillTheShare();
+    HTTPRequest patient = post("patient");
+    patient.patience = 20s;
+    client->start(patient, [&](HTTPOutcome outcome) { code = outcome.error->code; });
+  });
+  for (std::size_t i = 1; i < CurlHTTPClient::kConnectionsPerHost; ++i)
+    client->start(get("/silent"), silent.completion());
+  while (server->requestsReceived() < CurlHTTPClient::kConnectionsPerHost)
+    std::this_thread::yield();
+  const auto before = std::chrono::steady_clock::now();
+  gate.release();
+  ASSERT_TRUE(outcomes.waitFor(1));
+  EXPECT_EQ(code, CURLE_AGAIN);
+  EXPECT_LT(std::chrono::steady_clock::now() - before, 15s);
 }
 
 TEST_P(HTTPClientQueueTest, AHostThatDoesNotAnswerHoldsUpNoOther) {

@@ -29,7 +29,7 @@ class ExchangeQueueTest : public testing::Test {
     return urls;
   }
 
-  ExchangeQueue queue{{.exchanges = 4, .bytes = 100, .activePerHost = 2}};
+  ExchangeQueue queue{{.exchanges = 4, .bytes = 100, .hosts = 1, .activePerHost = 2}};
 };
 
 TEST_F(ExchangeQueueTest, ServesAHostInOrder) {
@@ -66,23 +66,46 @@ TEST_F(ExchangeQueueTest, AHostHasOnlySoManyActive) {
 
 TEST_F(ExchangeQueueTest, IsFullByCount) {
   for (int i = 0; i < 4; ++i) {
-    EXPECT_FALSE(queue.isFull());
+    EXPECT_FALSE(queue.isFull("a"));
     queue.add(exchange("a", "a"));
   }
-  EXPECT_TRUE(queue.isFull());
+  EXPECT_TRUE(queue.isFull("a"));
   next();
-  EXPECT_FALSE(queue.isFull());
+  EXPECT_FALSE(queue.isFull("a"));
 }
 
 TEST_F(ExchangeQueueTest, IsFullByBytes) {
   queue.add(exchange("a", std::string(99, 'x')));
-  EXPECT_FALSE(queue.isFull());
+  EXPECT_FALSE(queue.isFull("a"));
   queue.add(exchange("a", std::string(500, 'x')));
-  EXPECT_TRUE(queue.isFull());
+  EXPECT_TRUE(queue.isFull("a"));
   next();
-  EXPECT_TRUE(queue.isFull());
+  EXPECT_TRUE(queue.isFull("a"));
   next();
-  EXPECT_FALSE(queue.isFull());
+  EXPECT_FALSE(queue.isFull("a"));
+}
+
+TEST_F(ExchangeQueueTest, AHostFillsItsShareOnly) {
+  ExchangeQueue shared{{.exchanges = 8, .bytes = 100, .hosts = 4, .activePerHost = 2}};
+  shared.add(exchange("a", "a1"));
+  EXPECT_FALSE(shared.isFull("a"));
+  shared.add(exchange("a", "a2"));
+  EXPECT_TRUE(shared.isFull("a"));
+  EXPECT_FALSE(shared.isFull("b"));
+  shared.add(exchange("b", std::string(25, 'x')));
+  EXPECT_TRUE(shared.isFull("b"));
+  EXPECT_FALSE(shared.isFull("c"));
+  EXPECT_TRUE(shared.next());
+  EXPECT_FALSE(shared.isFull("a"));
+  EXPECT_EQ(shared.removeExpired(kStart + 60s).size(), 2u);
+  EXPECT_FALSE(shared.isFull("b"));
+}
+
+TEST_F(ExchangeQueueTest, ManyHostsFillTheQueueTogether) {
+  ExchangeQueue shared{{.exchanges = 8, .bytes = 1000, .hosts = 4, .activePerHost = 2}};
+  for (const char* host : {"a", "b", "c", "d"})
+    for (int i = 0; i < 2; ++i) shared.add(exchange(host, "x"));
+  EXPECT_TRUE(shared.isFull("e"));
 }
 
 TEST_F(ExchangeQueueTest, GivesUpThoseWhoseTimeIsOver) {
@@ -96,7 +119,7 @@ TEST_F(ExchangeQueueTest, GivesUpThoseWhoseTimeIsOver) {
   EXPECT_EQ(expired(60s), (std::vector<std::string>{"a60", "b20"}));
   EXPECT_EQ(queue.nextDeadline(), std::nullopt);
   EXPECT_EQ(queue.waiting(), 0u);
-  EXPECT_FALSE(queue.isFull());
+  EXPECT_FALSE(queue.isFull("a"));
 }
 
 TEST_F(ExchangeQueueTest, ADeadlineThatIsServedIsNoLongerWaitedFor) {
