@@ -52,10 +52,8 @@ void appendLine(std::string& lines, std::string_view name, std::string_view sepa
 }
 
 bool contains(const HTTPHeaders& headers, std::string_view name) {
-  return std::ranges::any_of(headers, [name](const auto& header) {
-    return header.first.size() == name.size() &&
-           curl_strnequal(header.first.data(), name.data(), name.size());
-  });
+  return std::ranges::any_of(
+      headers, [name](const auto& header) { return equalsIgnoringCase(header.first, name); });
 }
 
 std::string headerLinesFor(const HTTPHeaders& headers) {

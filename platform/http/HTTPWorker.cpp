@@ -28,11 +28,6 @@ void blockSignals() {
   pthread_sigmask(SIG_BLOCK, &all, nullptr);
 }
 
-struct CurlLibrary {
-  CurlLibrary() { curl_global_init(CURL_GLOBAL_DEFAULT); }
-  ~CurlLibrary() { curl_global_cleanup(); }
-};
-
 HTTPOutcome failed(const Exchange& exchange, CURLcode code, std::string_view why) {
   return failedOutcome(code, fmt::format("{}: {}", exchange.host, why));
 }
@@ -100,20 +95,19 @@ bool HTTPWorker::awaitRoom(Exchange& exchange, milliseconds patience) {
 
 void HTTPWorker::wake() {
   if (_sleep == Sleep::untilWork) _condition.notify_one();
-  if (_sleep == Sleep::untilTransfer) curl_multi_wakeup(_multi.get());
+  if (_sleep == Sleep::untilTransfer) curl().multi_wakeup(_multi.get());
   _sleep = Sleep::none;
 }
 
 void HTTPWorker::run() {
   blockSignals();
   pthread_setname_np(pthread_self(), "corvid-http");
-  const CurlLibrary library;
   while (takeWork()) {
     failExpired();
     beginTransfers();
     if (_active == 0) continue;
     int running = 0;
-    curl_multi_perform(_multi.get(), &running);
+    curl().multi_perform(_multi.get(), &running);
     if (!completeEnded()) sleepUntilTransfer();
   }
   abandonAll();
@@ -156,7 +150,9 @@ void HTTPWorker::failExpired() {
 }
 
 void HTTPWorker::beginTransfers() {
-  if (!_multi && !_toBegin.empty()) openMulti();
+  if (_toBegin.empty()) return;
+  if (!curlLibrary()) return refuseTransfers(curlLibrary().failure().message);
+  if (!_multi) openMulti();
   for (auto& exchange : _toBegin) {
     if (_unused.empty()) {
       _transfers.push_back(std::make_unique<Transfer>(_options.caFile, _keptConnections));
@@ -165,19 +161,29 @@ void HTTPWorker::beginTransfers() {
     Transfer* const transfer = _unused.back();
     _unused.pop_back();
     transfer->begin(std::move(exchange), steady_clock::now());
-    curl_multi_add_handle(_multi.get(), transfer->handle());
+    curl().multi_add_handle(_multi.get(), transfer->handle());
     ++_active;
   }
   _toBegin.clear();
 }
 
+void HTTPWorker::refuseTransfers(const std::string& why) {
+  {
+    MutexLock lock(_mutex);
+    for (const auto& exchange : _toBegin) _queue.finished(exchange.host);
+  }
+  for (auto& exchange : _toBegin)
+    complete(std::move(exchange.completion), failed(exchange, CURLE_FAILED_INIT, why));
+  _toBegin.clear();
+}
+
 void HTTPWorker::openMulti() {
-  _multi.reset(curl_multi_init());
+  _multi.reset(curl().multi_init());
   if (!_multi) throw std::bad_alloc();
   constexpr long connections = CurlHTTPClient::kConnections;
-  curl_multi_setopt(_multi.get(), CURLMOPT_PIPELINING, static_cast<long>(CURLPIPE_NOTHING));
-  curl_multi_setopt(_multi.get(), CURLMOPT_MAXCONNECTS, connections);
-  curl_multi_setopt(_multi.get(), CURLMOPT_MAX_TOTAL_CONNECTIONS, connections);
+  curl().multi_setopt(_multi.get(), CURLMOPT_PIPELINING, static_cast<long>(CURLPIPE_NOTHING));
+  curl().multi_setopt(_multi.get(), CURLMOPT_MAXCONNECTS, connections);
+  curl().multi_setopt(_multi.get(), CURLMOPT_MAX_TOTAL_CONNECTIONS, connections);
 }
 
 void HTTPWorker::dropConnections() {
@@ -190,18 +196,18 @@ void HTTPWorker::dropConnections() {
 bool HTTPWorker::completeEnded() {
   bool hasEnded = false;
   int left = 0;
-  while (const CURLMsg* const message = curl_multi_info_read(_multi.get(), &left)) {
+  while (const CURLMsg* const message = curl().multi_info_read(_multi.get(), &left)) {
     if (message->msg != CURLMSG_DONE) continue;
     hasEnded = true;
     const CURLcode result = message->data.result;
     Transfer& transfer = *Transfer::of(message->easy_handle);
     if (transfer.metClosedConnection()) {
-      curl_multi_remove_handle(_multi.get(), transfer.handle());
+      curl().multi_remove_handle(_multi.get(), transfer.handle());
       transfer.startAgain(steady_clock::now());
-      curl_multi_add_handle(_multi.get(), transfer.handle());
+      curl().multi_add_handle(_multi.get(), transfer.handle());
     } else {
       HTTPOutcome outcome = transfer.end(result);
-      curl_multi_remove_handle(_multi.get(), transfer.handle());
+      curl().multi_remove_handle(_multi.get(), transfer.handle());
       finish(transfer, std::move(outcome));
     }
   }
@@ -218,14 +224,14 @@ void HTTPWorker::sleepUntilTransfer() {
                                                                 *deadline - steady_clock::now())));
     _sleep = Sleep::untilTransfer;
   }
-  curl_multi_poll(_multi.get(), nullptr, 0, static_cast<int>(longest.count()), nullptr);
+  curl().multi_poll(_multi.get(), nullptr, 0, static_cast<int>(longest.count()), nullptr);
 }
 
 void HTTPWorker::abandonAll() {
   for (const auto& transfer : _transfers) {
     const Exchange& exchange = transfer->exchange();
     if (!exchange.completion) continue;
-    curl_multi_remove_handle(_multi.get(), transfer->handle());
+    curl().multi_remove_handle(_multi.get(), transfer->handle());
     finish(*transfer, failed(exchange, CURLE_ABORTED_BY_CALLBACK, kEnded));
   }
   std::vector<Exchange> waiting;

@@ -1,8 +1,6 @@
 // The thread that carries the exchanges of a CurlHTTPClient.
 #pragma once
 
-#include <curl/curl.h>
-
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -14,15 +12,15 @@
 
 #include "platform/base/Mutex.h"
 #include "platform/http/CurlHTTPClient.h"
+#include "platform/http/CurlLibrary.h"
 #include "platform/http/ExchangeQueue.h"
 #include "platform/http/Transfer.h"
 
 namespace corvid {
 
 // Threads   add, underWay, refused: any. stop: any but its own. Everything else runs on the
-// worker's thread, which sleeps
-//           on a condition while there is nothing to do and in libcurl while transfers run. It is
-//           woken from either only while it sleeps.
+//           worker's thread, which sleeps on a condition while there is nothing to do and in
+//           libcurl while transfers run. It is woken from either only while it sleeps.
 class HTTPWorker {
  public:
   using Options = CurlHTTPClient::Options;
@@ -43,7 +41,7 @@ class HTTPWorker {
  private:
   enum class Sleep { none, untilWork, untilTransfer };
   struct Cleanup {
-    void operator()(CURLM* multi) const { curl_multi_cleanup(multi); }
+    void operator()(CURLM* multi) const { curl().multi_cleanup(multi); }
   };
 
   void run();
@@ -55,6 +53,7 @@ class HTTPWorker {
   // it waits for some. False at the end.
   bool takeWork() EXCLUDES(_mutex);
   void beginTransfers();
+  void refuseTransfers(const std::string& why) EXCLUDES(_mutex);
   void failExpired();
   void openMulti();
   void dropConnections();

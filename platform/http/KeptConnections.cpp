@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "platform/http/CurlLibrary.h"
+
 namespace corvid {
 
 void KeptConnections::add(CURL* handle) {
@@ -12,10 +14,10 @@ void KeptConnections::add(CURL* handle) {
   const char* serverAddress = nullptr;
   long serverPort = 0;
   long localPort = 0;
-  curl_easy_getinfo(handle, CURLINFO_ACTIVESOCKET, &socket);
-  curl_easy_getinfo(handle, CURLINFO_PRIMARY_IP, &serverAddress);
-  curl_easy_getinfo(handle, CURLINFO_PRIMARY_PORT, &serverPort);
-  curl_easy_getinfo(handle, CURLINFO_LOCAL_PORT, &localPort);
+  curl().easy_getinfo(handle, CURLINFO_ACTIVESOCKET, &socket);
+  curl().easy_getinfo(handle, CURLINFO_PRIMARY_IP, &serverAddress);
+  curl().easy_getinfo(handle, CURLINFO_PRIMARY_PORT, &serverPort);
+  curl().easy_getinfo(handle, CURLINFO_LOCAL_PORT, &localPort);
   if (socket == CURL_SOCKET_BAD || !serverAddress) return;  // not kept
 
   const auto known = std::ranges::find(_connections, socket, &Connection::socket);

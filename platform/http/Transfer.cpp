@@ -15,7 +15,7 @@ namespace {
 // Options are set with constants of the right type, so that only the lack of memory can fail.
 template <class T>
 void set(CURL* handle, CURLoption option, T value) {
-  if (curl_easy_setopt(handle, option, value) == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
+  if (curl().easy_setopt(handle, option, value) == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
 }
 
 std::string_view withoutBlanks(std::string_view text) {
@@ -27,7 +27,7 @@ std::string_view withoutBlanks(std::string_view text) {
 }  // namespace
 
 Transfer::Transfer(const std::optional<std::string>& caFile, KeptConnections& keptConnections)
-    : _keptConnections(keptConnections), _handle(curl_easy_init()) {
+    : _keptConnections(keptConnections), _handle(curl().easy_init()) {
   CURL* const handle = _handle.get();
   if (!handle) throw std::bad_alloc();
   set(handle, CURLOPT_PRIVATE, static_cast<void*>(this));
@@ -42,7 +42,7 @@ Transfer::Transfer(const std::optional<std::string>& caFile, KeptConnections& ke
 
   // One kind of source only: libcurl keeps a file's certificates from one connection to the next
   // only where there is no folder, and a folder alone loads just the certificates that are used.
-  const char* const systemFolder = curl_version_info(CURLVERSION_NOW)->capath;
+  const char* const systemFolder = curl().version_info(CURLVERSION_NOW)->capath;
   if (caFile) {
     set(handle, CURLOPT_CAINFO, caFile->c_str());
     set(handle, CURLOPT_CAPATH, nullptr);
@@ -72,7 +72,7 @@ Transfer::Transfer(const std::optional<std::string>& caFile, KeptConnections& ke
 
 Transfer* Transfer::of(CURL* handle) {
   void* self = nullptr;
-  curl_easy_getinfo(handle, CURLINFO_PRIVATE, &self);
+  curl().easy_getinfo(handle, CURLINFO_PRIVATE, &self);
   return static_cast<Transfer*>(self);
 }
 
@@ -120,7 +120,7 @@ HTTPOutcome Transfer::end(CURLcode result) {
   if (result != CURLE_OK) return {std::nullopt, errorFor(result)};
   _keptConnections.add(_handle.get());
   long status = 0;
-  curl_easy_getinfo(_handle.get(), CURLINFO_RESPONSE_CODE, &status);
+  curl().easy_getinfo(_handle.get(), CURLINFO_RESPONSE_CODE, &status);
   _response.status = static_cast<int>(status);
   return {std::move(_response), std::nullopt};
 }
@@ -151,12 +151,12 @@ HTTPError Transfer::errorFor(CURLcode result) const {
   if (result == CURLE_OUT_OF_MEMORY && _wasSent && !_hasWholeHead)
     return error(CURLE_FILESIZE_EXCEEDED, "the head of the answer is too large");
   if (result == CURLE_FILESIZE_EXCEEDED) return error(result, "the answer is too large");
-  return error(result, _errorText[0] ? _errorText.data() : curl_easy_strerror(result));
+  return error(result, _errorText[0] ? _errorText.data() : curl().easy_strerror(result));
 }
 
 int Transfer::beforeSending(const char* serverAddress, int serverPort, int localPort) {
   long newConnections = 0;
-  curl_easy_getinfo(_handle.get(), CURLINFO_NUM_CONNECTS, &newConnections);
+  curl().easy_getinfo(_handle.get(), CURLINFO_NUM_CONNECTS, &newConnections);
   if (_wasSent) {
     _refusal = Refusal::sentOnce;
   } else if (newConnections == 0 &&

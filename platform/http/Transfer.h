@@ -1,14 +1,13 @@
 // One libcurl transfer, used for one exchange after another.
 #pragma once
 
-#include <curl/curl.h>
-
 #include <array>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "platform/http/CurlLibrary.h"
 #include "platform/http/Exchange.h"
 #include "platform/http/KeptConnections.h"
 
@@ -40,7 +39,7 @@ class Transfer {
 
  private:
   struct Cleanup {
-    void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
+    void operator()(CURL* handle) const { curl().easy_cleanup(handle); }
   };
   // Why a callback of ours ended the transfer.
   enum class Refusal { none, closedConnection, sentOnce, body, headers };
