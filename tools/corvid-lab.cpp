@@ -74,7 +74,8 @@ int main(int argc, char** argv) {
       std::fputs(usage, stdout);
       return 0;
     }
-    if (i + 1 == argc) refuse("unknown option, or one that lacks its value: " + std::string(option));
+    if (i + 1 == argc)
+      refuse("unknown option, or one that lacks its value: " + std::string(option));
     const char* value = argv[++i];
     if (option == "--root")
       root = value;

@@ -60,10 +60,9 @@ ClientDictionary dictionaryOrNull(const std::optional<Dictionary>& dictionary) {
 
 }  // namespace
 
-Client::Client(const std::optional<std::string>& root, Handlers handlers)
-    : _handlers(std::move(handlers)) {
+Client::Client(const std::string& root, Handlers handlers) : _handlers(std::move(handlers)) {
   corvid_options_t options = CORVID_OPTIONS_INIT;
-  if (root) options.root = root->c_str();
+  options.root = root.c_str();
   options.context = this;
   options.message = [](void* context, const corvid_dictionary_t* message, double timestamp,
                        std::uint16_t category, std::uint16_t type,

@@ -42,8 +42,8 @@ class Client {
     std::function<void()> invalidated;
   };
 
-  // `root` is absent for the library's own choice. Connects.
-  Client(const std::optional<std::string>& root, Handlers handlers);
+  // Connects to the daemon below `root`; empty for the machine itself.
+  Client(const std::string& root, Handlers handlers);
   ~Client();
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;

@@ -1,25 +1,20 @@
 #include "tools/corvidctl/PrefsCommand.h"
 
 #include <cstdio>
-#include <cstdlib>
 
 #include "platform/Paths.h"
 #include "platform/base/Describe.h"
 #include "platform/data/FilePreferences.h"
 #include "platform/data/JSON.h"
-#include "tools/corvidctl/CommandLine.h"
+#include "tools/CommandLine.h"
 #include "tools/corvidctl/JSONValues.h"
 
 namespace corvid::ctl {
 
-namespace {
+using tools::CommandLine;
+using tools::UsageError;
 
-std::string rootFolder(const std::optional<std::string>& root) {
-  const char* environment = std::getenv("CORVID_ROOT");
-  std::string folder = root ? *root : environment ? environment : "";
-  while (folder.ends_with('/')) folder.pop_back();
-  return folder;
-}
+namespace {
 
 // JSON where the text is JSON (true, 4, "text", {"$date":0}), else the text itself.
 Value preferenceValue(const std::string& text) {
@@ -38,8 +33,7 @@ std::string shown(const Value& value) {
 
 }  // namespace
 
-int runPrefsCommand(const std::optional<std::string>& root,
-                    const std::vector<std::string>& arguments) {
+int runPrefsCommand(const std::string& root, const std::vector<std::string>& arguments) {
   const CommandLine line(arguments, {"--suite"}, {});
   const std::string suite = line.text("--suite").value_or(std::string(corvidSuite));
   const std::vector<std::string>& words = line.words();
@@ -53,7 +47,7 @@ int runPrefsCommand(const std::optional<std::string>& root,
                       : wanted == 2 ? " takes a KEY"
                                     : " takes a KEY and a VALUE"));
 
-  FilePreferences preferences(Paths(rootFolder(root)).preferencesFolder);
+  FilePreferences preferences(Paths(root).preferencesFolder);
   if (verb == "list") {
     for (const std::string& key : preferences.keys(suite))
       if (const auto value = preferences.value(suite, key))

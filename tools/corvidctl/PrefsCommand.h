@@ -1,14 +1,12 @@
 // `corvidctl prefs`: the daemon's preferences, from outside.
 #pragma once
 
-#include <optional>
 #include <string>
 #include <vector>
 
 namespace corvid::ctl {
 
 // get KEY, set KEY VALUE, delete KEY, list; the exit status.
-int runPrefsCommand(const std::optional<std::string>& root,
-                    const std::vector<std::string>& arguments);
+int runPrefsCommand(const std::string& root, const std::vector<std::string>& arguments);
 
 }  // namespace corvid::ctl

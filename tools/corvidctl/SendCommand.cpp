@@ -6,10 +6,13 @@
 
 #include "platform/base/Describe.h"
 #include "protocol/Keys.h"
+#include "tools/CommandLine.h"
 #include "tools/corvidctl/Client.h"
-#include "tools/corvidctl/CommandLine.h"
 
 namespace corvid::ctl {
+
+using tools::CommandLine;
+using tools::UsageError;
 
 namespace {
 
@@ -81,8 +84,7 @@ bool start(Client& client, const CommandLine& line) {
 
 }  // namespace
 
-int runSendCommand(const std::optional<std::string>& root,
-                   const std::vector<std::string>& arguments) {
+int runSendCommand(const std::string& root, const std::vector<std::string>& arguments) {
   std::set<std::string> valued = sessionOptions;
   valued.merge(std::set<std::string>{"--category", "--type", "--flag"});
   const CommandLine line(arguments, valued, {"--realtime"});
@@ -110,8 +112,7 @@ int runSendCommand(const std::optional<std::string>& root,
   return 0;
 }
 
-int runStatesCommand(const std::optional<std::string>& root,
-                     const std::vector<std::string>& arguments) {
+int runStatesCommand(const std::string& root, const std::vector<std::string>& arguments) {
   const CommandLine line(arguments, sessionOptions, {});
   if (!line.words().empty()) throw UsageError("unexpected " + line.words().front());
   Client client(root, {});

@@ -68,7 +68,7 @@ Dictionary outcomeOf(Client& client, const LineReader& input) {
 
 }  // namespace
 
-int runSessionCommand(const std::optional<std::string>& root, std::istream& input) {
+int runSessionCommand(const std::string& root, std::istream& input) {
   Output output;
   Client::Handlers handlers;
   handlers.message = [&](auto message, double timestamp, auto category, auto type, auto payload) {

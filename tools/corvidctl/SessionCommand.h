@@ -3,7 +3,6 @@
 #pragma once
 
 #include <iosfwd>
-#include <optional>
 #include <string>
 
 namespace corvid::ctl {
@@ -11,6 +10,6 @@ namespace corvid::ctl {
 // Reads `input` to its end. The exit status: 0, or 1 where there is no daemon. A lost connection
 // prints {"event":"invalidated"} and ends the process with status 1 at once, since the loop may be
 // waiting for input that never comes.
-int runSessionCommand(const std::optional<std::string>& root, std::istream& input);
+int runSessionCommand(const std::string& root, std::istream& input);
 
 }  // namespace corvid::ctl

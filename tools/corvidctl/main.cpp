@@ -1,21 +1,23 @@
 // corvidctl: a client of corvidd on the command line.
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <iostream>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
-#include "platform/Paths.h"
 #include "platform/base/Log.h"
 #include "platform/system/SystemLog.h"
-#include "tools/corvidctl/CommandLine.h"
+#include "tools/CommandLine.h"
 #include "tools/corvidctl/PrefsCommand.h"
 #include "tools/corvidctl/SendCommand.h"
 #include "tools/corvidctl/SessionCommand.h"
 
 namespace {
+
+using corvid::tools::CommandLine;
+using corvid::tools::UsageError;
 
 constexpr const char* usage =
     R"(usage: corvidctl [--root DIR] COMMAND ...
@@ -36,35 +38,29 @@ DIR, or $CORVID_ROOT, is the folder that the daemon's socket and files hang belo
 Exit status: 0 done, 1 it did not work (standard error says why), 64 wrong usage.
 )";
 
-int run(std::vector<std::string> arguments) {
-  std::optional<std::string> root;
-  while (!arguments.empty() && arguments.front().starts_with("--")) {
-    const std::string option = arguments.front();
-    arguments.erase(arguments.begin());
-    if (option == "--help") {
-      std::fputs(usage, stdout);
-      return 0;
-    }
-    if (option != "--root") throw corvid::ctl::UsageError("unknown option " + option);
-    if (arguments.empty()) throw corvid::ctl::UsageError("--root lacks its value");
-    root = arguments.front();
-    arguments.erase(arguments.begin());
-  }
-  if (arguments.empty()) throw corvid::ctl::UsageError("a command is missing");
-  const std::string command = arguments.front();
-  arguments.erase(arguments.begin());
-  if (!arguments.empty() && arguments.front() == "--help") {
-    std::fputs(usage, stdout);
-    return 0;
-  }
+// From the option or else the environment, without a slash at its end; empty for "/".
+std::string rootOf(const CommandLine& line) {
+  const char* environment = std::getenv("CORVID_ROOT");
+  std::string root = line.folder("--root").value_or(environment ? environment : "");
+  while (root.ends_with('/')) root.pop_back();
+  return root;
+}
+
+int run(const std::vector<std::string>& arguments) {
+  const CommandLine line(arguments, {"--root"}, {}, CommandLine::Options::beforeFirstWord);
+  if (line.words().empty()) throw UsageError("a command is missing");
+  const std::string root = rootOf(line);
+  const std::string& command = line.words().front();
+  const std::vector<std::string> rest(line.words().begin() + 1, line.words().end());
   if (command == "session") {
-    if (!arguments.empty()) throw corvid::ctl::UsageError("unexpected " + arguments.front());
+    if (const CommandLine none(rest, {}, {}); !none.words().empty())
+      throw UsageError("unexpected " + none.words().front());
     return corvid::ctl::runSessionCommand(root, std::cin);
   }
-  if (command == "send") return corvid::ctl::runSendCommand(root, arguments);
-  if (command == "states") return corvid::ctl::runStatesCommand(root, arguments);
-  if (command == "prefs") return corvid::ctl::runPrefsCommand(root, arguments);
-  throw corvid::ctl::UsageError("there is no command " + command);
+  if (command == "send") return corvid::ctl::runSendCommand(root, rest);
+  if (command == "states") return corvid::ctl::runStatesCommand(root, rest);
+  if (command == "prefs") return corvid::ctl::runPrefsCommand(root, rest);
+  throw UsageError("there is no command " + command);
 }
 
 }  // namespace
@@ -76,9 +72,12 @@ int main(int argc, char** argv) {
   int status = 1;
   try {
     status = run(std::vector<std::string>(argv + 1, argv + argc));
-  } catch (const corvid::ctl::UsageError& error) {
+  } catch (const corvid::tools::HelpRequest&) {
+    std::fputs(usage, stdout);
+    status = 0;
+  } catch (const UsageError& error) {
     std::fprintf(stderr, "corvidctl: %s\nTry corvidctl --help.\n", error.what());
-    status = 64;
+    status = corvid::tools::exitUsage;
   } catch (const std::exception& error) {
     std::fprintf(stderr, "corvidctl: %s\n", error.what());
   }

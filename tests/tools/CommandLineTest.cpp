@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
-#include "tools/corvidctl/CommandLine.h"
+#include "tools/CommandLine.h"
 
-namespace corvid::ctl {
+namespace corvid::tools {
 namespace {
 
 CommandLine parse(std::vector<std::string> arguments) {
@@ -54,10 +54,10 @@ TEST(CommandLine, ReadsWholeNumbersWithinTheirBounds) {
 }
 
 TEST(CommandLine, RefusesWhatIsNoNumberWithinTheBounds) {
-  EXPECT_EQ(refusalOf({"--number", "6"}), "--number takes a whole number from -5 to 5, not 6");
+  EXPECT_EQ(refusalOf({"--number", "6"}), "--number takes a whole number from -5 to 5, not \"6\"");
   for (const char* text : {"-6", "1.5", "1x", " 1", "", "+1", "0x1", "99999999999999999999"})
     EXPECT_EQ(refusalOf({"--number", text}),
-              std::string("--number takes a whole number from -5 to 5, not ") + text);
+              std::string("--number takes a whole number from -5 to 5, not \"") + text + "\"");
 }
 
 TEST(CommandLine, RefusesUnknownOptionsAndMissingValues) {
@@ -65,5 +65,36 @@ TEST(CommandLine, RefusesUnknownOptionsAndMissingValues) {
   EXPECT_EQ(refusalOf({"word", "--name"}), "--name lacks its value");
 }
 
+TEST(CommandLine, AValueMayFollowAnEqualsSign) {
+  EXPECT_EQ(parse({"--name=a=b"}).text("--name"), "a=b");
+  EXPECT_EQ(parse({"--name="}).text("--name"), "");
+  EXPECT_EQ(parse({"--number=3"}).number("--number", 0, 9), 3);
+  EXPECT_EQ(refusalOf({"--flag=1"}), "--flag takes no value");
+  EXPECT_EQ(refusalOf({"--nonsense=1"}), "unknown option --nonsense");
+}
+
+TEST(CommandLine, TwoDashesEndTheOptions) {
+  EXPECT_EQ(parse({"--name", "n", "--", "--flag", "--", "--help"}).words(),
+            (std::vector<std::string>{"--flag", "--", "--help"}));
+}
+
+TEST(CommandLine, OptionsMayEndAtTheFirstWord) {
+  const CommandLine line({"--name", "n", "word", "--name", "--unknown", "--help"}, {"--name"}, {},
+                         CommandLine::Options::beforeFirstWord);
+  EXPECT_EQ(line.text("--name"), "n");
+  EXPECT_EQ(line.words(), (std::vector<std::string>{"word", "--name", "--unknown", "--help"}));
+}
+
+TEST(CommandLine, HelpIsARequestWhereverAnOptionMayStand) {
+  EXPECT_THROW(parse({"word", "--help"}), HelpRequest);
+  EXPECT_EQ(parse({"--name", "--help"}).text("--name"), "--help");
+}
+
+TEST(CommandLine, AFolderIsNotAnEmptyText) {
+  EXPECT_EQ(parse({"--name", "a b"}).folder("--name"), "a b");
+  EXPECT_EQ(parse({}).folder("--name"), std::nullopt);
+  EXPECT_THROW(parse({"--name="}).folder("--name"), UsageError);
+}
+
 }  // namespace
-}  // namespace corvid::ctl
+}  // namespace corvid::tools

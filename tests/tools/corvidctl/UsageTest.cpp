@@ -1,0 +1,63 @@
+// The command line of corvidctl, from its words to its exit status.
+#include <gtest/gtest.h>
+
+#include "tests/fakes/ScratchRoot.h"
+#include "tests/tools/ToolProcess.h"
+
+namespace corvid {
+namespace {
+
+ToolResult ctl(std::vector<std::string> arguments) {
+  return runTool(CORVIDCTL_PROGRAM, std::move(arguments));
+}
+
+void expectUsageError(std::vector<std::string> arguments, const std::string& message) {
+  const ToolResult result = ctl(std::move(arguments));
+  EXPECT_EQ(result.status, 64) << message;
+  EXPECT_EQ(result.errors, "corvidctl: " + message + "\nTry corvidctl --help.\n");
+  EXPECT_EQ(result.output, "");
+}
+
+TEST(Usage, HelpDescribesEveryCommand) {
+  const ToolResult result = ctl({"--help"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.errors, "");
+  for (const char* text : {"usage: corvidctl [--root DIR] COMMAND", "\n  session\n", "\n  send ",
+                           "\n  states ", "\n  prefs ", "$CORVID_ROOT", "Exit status"})
+    EXPECT_NE(result.output.find(text), std::string::npos) << text;
+}
+
+TEST(Usage, EveryCommandHasHelp) {
+  const std::string help = ctl({"--help"}).output;
+  for (const char* command : {"session", "send", "states", "prefs"})
+    EXPECT_EQ(ctl({command, "--help"}).output, help) << command;
+  EXPECT_EQ(ctl({"send", "--client-type", "5", "a=b", "--help"}).status, 0);
+}
+
+TEST(Usage, WrongUsesOfTheProgramAreNamed) {
+  expectUsageError({}, "a command is missing");
+  expectUsageError({"--root", "/x"}, "a command is missing");
+  expectUsageError({"dance"}, "there is no command dance");
+  expectUsageError({""}, "there is no command ");
+  expectUsageError({"--nonsense"}, "unknown option --nonsense");
+  expectUsageError({"--root"}, "--root lacks its value");
+  expectUsageError({"--root", "", "session"}, "--root takes a folder, not an empty text");
+  expectUsageError({"session", "now"}, "unexpected now");
+  expectUsageError({"session", "--fast"}, "unknown option --fast");
+}
+
+TEST(Usage, TheRootComesFromTheOptionElseFromTheEnvironment) {
+  const ScratchRoot root;
+  const ScratchRoot other;
+  const auto prefs = [&](std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), {"CORVID_ROOT=" + root.path() + "/", CORVIDCTL_PROGRAM});
+    return runTool("env", std::move(arguments)).output;
+  };
+  ASSERT_EQ(prefs({"prefs", "set", "key", "1"}), "");
+  EXPECT_EQ(prefs({"prefs", "get", "key"}), "1\n");
+  EXPECT_EQ(prefs({"--root=" + other.path(), "prefs", "get", "key"}), "");
+  EXPECT_EQ(ctl({"--root", root.path(), "prefs", "get", "key"}).output, "1\n");
+}
+
+}  // namespace
+}  // namespace corvid
