@@ -1,9 +1,13 @@
 #include "tools/corvidctl/Client.h"
 
+#include <fmt/format.h>
+#include <sys/un.h>
+
 #include <chrono>
 #include <semaphore>
 #include <utility>
 
+#include "platform/Paths.h"
 #include "tools/corvidctl/ClientValues.h"
 
 namespace corvid::ctl {
@@ -54,6 +58,17 @@ void finished(void* context, corvid_outcome_t outcome) {
   callOf(context).done.release();
 }
 
+// Why there is no connection to the daemon below `root`.
+std::string reasonOf(int error, const std::string& root) {
+  const std::string socket = Paths(root).socket;
+  if (error != CORVID_ERROR_NOT_CONNECTED) return corvid_error_text(error);
+  if (socket.size() >= sizeof(sockaddr_un::sun_path))
+    return fmt::format("the path of the daemon's socket, {}, is longer than the system takes",
+                       socket);
+  return fmt::format("no daemon serves {} (corvidd does not run, or runs with another --root)",
+                     socket);
+}
+
 ClientDictionary dictionaryOrNull(const std::optional<Dictionary>& dictionary) {
   return dictionary ? clientDictionary(*dictionary) : nullptr;
 }
@@ -77,7 +92,7 @@ Client::Client(const std::string& root, Handlers handlers) : _handlers(std::move
     throw CallError(corvid_error_text(error));
   if (const int error = corvid_session_connect(_session); error != CORVID_OK) {
     corvid_session_destroy(_session);
-    throw CallError(corvid_error_text(error));
+    throw CallError(reasonOf(error, root));
   }
 }
 
@@ -96,7 +111,8 @@ void Client::failWithConnection() {
   const MutexLock lock(_mutex);
   while (!_isInvalidated && _changed.wait_until(_mutex, deadline) == std::cv_status::no_timeout) {
   }
-  throw CallError(corvid_error_text(CORVID_ERROR_CONNECTION_LOST));
+  throw CallError(
+      "the daemon closed the connection (it ended, or this user is not entitled; its log says why)");
 }
 
 // Makes the call through `make(call)` and waits for its end.

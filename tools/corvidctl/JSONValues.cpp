@@ -3,6 +3,7 @@
 #include "platform/base/Describe.h"
 #include "platform/base/Reading.h"
 #include "platform/data/Crypto.h"
+#include "platform/data/JSON.h"
 
 namespace corvid::ctl {
 
@@ -47,6 +48,11 @@ Result<Value> valueFromJSON(const Value& json) {
     return Value(std::move(result));
   }
   return json;
+}
+
+Result<Value> valueFromWord(const std::string& word) {
+  const Result<Value> json = parseJSON(word);
+  return json ? valueFromJSON(json.value()) : Value(word);
 }
 
 Value jsonFromValue(const Value& value) {

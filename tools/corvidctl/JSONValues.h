@@ -2,6 +2,8 @@
 // {"$data":"BASE64"}.
 #pragma once
 
+#include <string>
+
 #include "platform/base/Result.h"
 #include "platform/base/Value.h"
 
@@ -10,6 +12,10 @@ namespace corvid::ctl {
 // `json` with every {"$date":…} and {"$data":…} replaced by what it stands for. A failure names the
 // one that cannot be read.
 Result<Value> valueFromJSON(const Value& json);
+
+// What a word of a command line means: JSON where it is JSON (true, 4, "4", {"$date":0}), else the
+// word itself as a text.
+Result<Value> valueFromWord(const std::string& word);
 
 // `value` with dates and data replaced by their JSON forms.
 Value jsonFromValue(const Value& value);

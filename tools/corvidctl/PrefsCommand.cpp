@@ -5,7 +5,6 @@
 #include "platform/Paths.h"
 #include "platform/base/Describe.h"
 #include "platform/data/FilePreferences.h"
-#include "platform/data/JSON.h"
 #include "tools/CommandLine.h"
 #include "tools/corvidctl/JSONValues.h"
 
@@ -16,13 +15,11 @@ using tools::UsageError;
 
 namespace {
 
-// JSON where the text is JSON (true, 4, "text", {"$date":0}), else the text itself.
-Value preferenceValue(const std::string& text) {
-  const Result<Value> json = parseJSON("[" + text + "]");
-  if (!json || json.value().array()->size() != 1) return text;
-  Result<Value> value = valueFromJSON(json.value().array()->front());
+Value preferenceValue(const std::string& word) {
+  Result<Value> value = valueFromWord(word);
   if (!value) throw UsageError(value.failure().message);
-  if (value.value().isNull()) return text;
+  if (value.value().isNull())
+    throw UsageError("null is no value of a preference; prefs delete removes the key");
   return std::move(value).value();
 }
 

@@ -1,4 +1,4 @@
-// `corvidctl send` and `corvidctl states`: one session for a person.
+// `corvidctl send` and `states`: one session for a person.
 #pragma once
 
 #include <string>
@@ -6,10 +6,13 @@
 
 namespace corvid::ctl {
 
-// Describes a session, sends one event and flushes unless the event is realtime. The exit status.
+// Each describes a session and gives the exit status of the program; what went wrong on the way is
+// a UsageError or a CallError.
+
+// Sends one event and flushes.
 int runSendCommand(const std::string& root, const std::vector<std::string>& arguments);
 
-// Describes a session and says which backends report. The exit status.
+// Says which backends report.
 int runStatesCommand(const std::string& root, const std::vector<std::string>& arguments);
 
 }  // namespace corvid::ctl

@@ -27,7 +27,7 @@ constexpr const char* usage =
       a line each: {"call":"startConfig"}, {"call":"sendMessage","category":1,"type":2,"payload":{}}.
   send --client-type N [--client-name TEXT] [--service-name TEXT] [--session-id N]
        [--client-version N] [--category N] [--type N] [--flag 0..3 | --realtime] [KEY=VALUE ...]
-      Describes a session, sends one event and flushes.
+      Describes a session, sends one event and flushes. VALUE is JSON, or a text where it is none.
   states --client-type N [--client-name TEXT] [--service-name TEXT] [--session-id N]
          [--client-version N]
       Says which backends report for such a session.

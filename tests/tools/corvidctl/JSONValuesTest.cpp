@@ -70,5 +70,25 @@ TEST(JSONValues, WritesDatesAndDataAsTheyAreRead) {
   EXPECT_EQ(valueFromJSON(json).value(), value);
 }
 
+TEST(JSONValues, AWordIsJSONOrElseItself) {
+  const std::pair<const char*, Value> cases[] = {{"true", true},
+                                                 {"4", 4},
+                                                 {"-0.5", -0.5},
+                                                 {"\"4\"", "4"},
+                                                 {"[1]", Array{1}},
+                                                 {"null", Value()},
+                                                 {"{\"$date\":0}", Date{0}},
+                                                 {"007", "007"},
+                                                 {"nan", "nan"},
+                                                 {"inf", "inf"},
+                                                 {"1,2", "1,2"},
+                                                 {"", ""},
+                                                 {"+1", "+1"},
+                                                 {"{", "{"},
+                                                 {"two words", "two words"}};
+  for (const auto& [word, value] : cases) EXPECT_EQ(valueFromWord(word).value(), value) << word;
+  EXPECT_FALSE(valueFromWord("{\"$data\":5}"));
+}
+
 }  // namespace
 }  // namespace corvid::ctl

@@ -111,6 +111,8 @@ TEST_F(Prefs, WrongUsesAreNamed) {
   expectUsageError({"set", "a"}, "prefs set takes a KEY and a VALUE");
   expectUsageError({"list", "a"}, "prefs list takes nothing more");
   expectUsageError({"list", "--suite"}, "--suite lacks its value");
+  expectUsageError({"set", "a", "null"},
+                   "null is no value of a preference; prefs delete removes the key");
   expectUsageError({"set", "a", "{\"$date\":\"x\"}"}, "\"$date\" takes a number of seconds, not x");
 }
 

@@ -154,7 +154,16 @@ TEST_F(SessionInput, WithoutADaemonThereIsNothingButAnError) {
   const ToolResult result = ctl({"session"}, "{\"call\":\"finish\"}\n");
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.output, "");
-  EXPECT_EQ(linesOf(result.errors).size(), 1u) << result.errors;
+  EXPECT_EQ(result.errors, "corvidctl: no daemon serves " + path +
+                               " (corvidd does not run, or runs with another --root)\n");
+}
+
+TEST_F(SessionInput, ARootThatIsTooLongForASocketIsNamed) {
+  const ToolResult result =
+      runTool(CORVIDCTL_PROGRAM, {"--root", folder.path + "/" + std::string(100, 'x'), "session"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_NE(result.errors.find("is longer than the system takes\n"), std::string::npos)
+      << result.errors;
 }
 
 TEST_F(SessionInput, ALostConnectionEndsAProcessThatWaitsForInput) {

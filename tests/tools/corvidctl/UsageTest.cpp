@@ -46,6 +46,27 @@ TEST(Usage, WrongUsesOfTheProgramAreNamed) {
   expectUsageError({"session", "--fast"}, "unknown option --fast");
 }
 
+TEST(Usage, WrongUsesOfTheCommandsForPeopleAreNamed) {
+  expectUsageError({"send"}, "--client-type is missing: which storebag should decide?");
+  expectUsageError({"send", "--client-type", "x"},
+                   "--client-type takes a whole number from 0 to 1000, not \"x\"");
+  expectUsageError({"send", "--client-type", "5", "colour"},
+                   "a payload entry is written key=value, not colour");
+  expectUsageError({"send", "--client-type", "5", "=blue"},
+                   "a payload entry is written key=value, not =blue");
+  expectUsageError({"send", "--client-type", "5", "--flag", "4"},
+                   "--flag takes a whole number from 0 to 3, not \"4\"");
+  expectUsageError({"send", "--client-type", "5", "--type", "65536"},
+                   "--type takes a whole number from 0 to 65535, not \"65536\"");
+  expectUsageError({"send", "--client-type", "5", "--flag", "2", "--realtime"},
+                   "--realtime is --flag 1; give one of them");
+  expectUsageError({"send", "--client-type", "5", "a={\"$data\":\"?\"}"},
+                   "a={\"$data\":\"?\"}: \"$data\" takes Base64, not ?");
+  expectUsageError({"states"}, "--client-type is missing: which storebag should decide?");
+  expectUsageError({"states", "--client-type", "5", "a=b"}, "unexpected a=b");
+  expectUsageError({"states", "--client-type", "5", "--realtime"}, "unknown option --realtime");
+}
+
 TEST(Usage, TheRootComesFromTheOptionElseFromTheEnvironment) {
   const ScratchRoot root;
   const ScratchRoot other;

@@ -1,0 +1,191 @@
+// The commands for people that talk to the daemon: send and states.
+#include "tests/tools/corvidctl/SessionProcess.h"
+
+namespace corvid {
+namespace {
+
+class Send : public CtlFixture {
+ protected:
+  void serveStates(
+      std::optional<Array> states,
+      std::function<void(RecordingSession&)> prepare = [](RecordingSession& session) {
+        session.onFlush = [](FlushReply reply) { reply(std::nullopt, std::nullopt); };
+      }) {
+    serve([states = std::move(states), prepare = std::move(prepare)](RecordingSession& session,
+                                                                     auto&) {
+      session.states = states;
+      prepare(session);
+    });
+  }
+  ToolResult send(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), {"send", "--client-type", "5"});
+    return ctl(std::move(arguments));
+  }
+  std::vector<std::string> names() {
+    std::vector<std::string> names;
+    for (const auto& call : calls()) names.push_back(call.name);
+    return names;
+  }
+  // Status 1, nothing on standard output that claims success, and this reason.
+  static void expectFailure(const ToolResult& result, const std::string& reason) {
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.errors, "corvidctl: " + reason + "\n");
+    EXPECT_EQ(result.output.find("flush"), std::string::npos) << result.output;
+  }
+};
+
+TEST_F(Send, DescribesASessionSendsOneEventAndFlushes) {
+  serveStates(Array{"httpPost", "metrix"});
+  const ToolResult result =
+      send({"--client-version", "3", "--session-id", "42", "--client-name", "Pl\u00e4yer",
+            "--service-name", "Film", "--category", "7", "--type", "2", "--flag", "2", "n=5"});
+  EXPECT_EQ(result.status, 0) << result.errors;
+  EXPECT_EQ(result.errors, "");
+  EXPECT_EQ(result.output,
+            "reporting through: httpPost metrix\nsent:\nsent 0\n"
+            "flushed: the backends have handed over what they held\n");
+  EXPECT_EQ(names(), (std::vector<std::string>{"setSessionInfo", "startConfig",
+                                               "sendMessageWithDictionary", "flush"}));
+  const auto made = calls();
+  EXPECT_EQ(made[0].dictionary, (Dictionary{{"ClientType", 5},
+                                            {"SessionID", 42},
+                                            {"ClientVersion", 3},
+                                            {"BatchEvent", true},
+                                            {"RequireUserInfo", true}}));
+  EXPECT_EQ(made[0].userInfo,
+            (Dictionary{{"_clientName", "Pl\u00e4yer"}, {"_serviceName", "Film"}}));
+  EXPECT_EQ(
+      made[2].dictionary,
+      (Dictionary{{"Category", 7}, {"Type", 2}, {"Flag", 2}, {"Payload", Dictionary{{"n", 5}}}}));
+}
+
+TEST_F(Send, WhatIsNotGivenHasADefault) {
+  serveStates(Array{"httpPost"});
+  EXPECT_EQ(send({}).status, 0);
+  const auto made = calls();
+  EXPECT_EQ(
+      made[0].dictionary,
+      (Dictionary{
+          {"ClientType", 5}, {"SessionID", 1}, {"BatchEvent", true}, {"RequireUserInfo", false}}));
+  EXPECT_EQ(made[0].userInfo, std::nullopt);
+  EXPECT_EQ(made[2].dictionary,
+            (Dictionary{{"Category", 1}, {"Type", 0}, {"Flag", 0}, {"Payload", Dictionary{}}}));
+}
+
+TEST_F(Send, PayloadValuesAreJSONOrText) {
+  serveStates(Array{"httpPost"});
+  EXPECT_EQ(send({"--realtime", "colour=blue", "n=-5", "x=1.5", "on=true", "list=[1,2]", "code=007",
+                  "odd=nan", "e=", "eq=a=b", "q=\"5\"", "\u00fc=\u00df \"x\"", "at={\"$date\":7}",
+                  "--", "--dash=1"})
+                .status,
+            0);
+  const Dictionary message = calls()[2].dictionary;
+  EXPECT_EQ(*message.find("Flag"), Value(1));
+  EXPECT_EQ(*message.find("Payload"), Value(Dictionary{{"colour", "blue"},
+                                                       {"n", -5},
+                                                       {"x", 1.5},
+                                                       {"on", true},
+                                                       {"list", Array{1, 2}},
+                                                       {"code", "007"},
+                                                       {"odd", "nan"},
+                                                       {"e", ""},
+                                                       {"eq", "a=b"},
+                                                       {"q", "5"},
+                                                       {"\u00fc", "\u00df \"x\""},
+                                                       {"at", Date{7}},
+                                                       {"--dash", 1}}));
+}
+
+TEST_F(Send, WithoutAStorebagNothingIsSent) {
+  serveStates(std::nullopt);
+  expectFailure(send({}),
+                "nothing reports: the daemon has no storebag for this client type (its log says "
+                "why)");
+  EXPECT_EQ(names(), (std::vector<std::string>{"setSessionInfo", "startConfig"}));
+}
+
+TEST_F(Send, WithoutAReportingBackendNothingIsSent) {
+  serveStates(Array{});
+  expectFailure(send({}),
+                "nothing reports: no backend of the storebag accepts this session (the daemon's "
+                "log says why)");
+  EXPECT_EQ(names(), (std::vector<std::string>{"setSessionInfo", "startConfig"}));
+}
+
+TEST_F(Send, AFlushThatFailsIsAFailure) {
+  serveStates(Array{"httpPost"}, [](RecordingSession& session) {
+    session.onFlush = [](FlushReply reply) {
+      reply("text", CorvidError{"some.domain", 503, "server refused"});
+    };
+  });
+  expectFailure(send({}), "the flush failed: server refused (some.domain 503)");
+}
+
+TEST_F(Send, AFlushThatIsNotAnsweredIsAFailure) {
+  serveStates(Array{"httpPost"},
+              [](RecordingSession& session) { session.onFlush = [](FlushReply) {}; });
+  expectFailure(send({}), "the daemon did not answer the flush");
+}
+
+TEST_F(Send, NothingToFlushIsSaidAndNoFailure) {
+  serveStates(Array{"httpPost"}, [](RecordingSession& session) {
+    session.onFlush = [](FlushReply reply) {
+      reply(std::nullopt, CorvidError::of(-1, "Nothing to flush"));
+    };
+  });
+  const ToolResult result = send({"--realtime"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_NE(result.output.find("\nnothing was left to flush: "), std::string::npos)
+      << result.output;
+}
+
+TEST_F(Send, AConnectionLostInTheFlushIsAFailure) {
+  std::optional<FlushReply> kept;  // so that the flush is still under way
+  serve([&](RecordingSession& session, const std::shared_ptr<Connection>& connection) {
+    session.states = Array{"httpPost"};
+    session.onFlush = [&kept, weak = std::weak_ptr(connection)](FlushReply reply) {
+      kept = std::move(reply);
+      weak.lock()->invalidate("the test says so");
+    };
+  });
+  expectFailure(send({}),
+                "the daemon closed the connection (it ended, or this user is not entitled; its log "
+                "says why)");
+  stop();
+}
+
+TEST_F(Send, AClientThatIsNotEntitledIsToldSo) {
+  delegate->refuse = true;
+  serve();
+  expectFailure(send({}),
+                "the daemon closed the connection (it ended, or this user is not entitled; its log "
+                "says why)");
+}
+
+TEST_F(Send, WithoutADaemonTheSocketIsNamed) {
+  expectFailure(send({}), "no daemon serves " + path +
+                              " (corvidd does not run, or runs with another --root)");
+}
+
+TEST_F(Send, TextThatIsNotUTF8IsRefused) {
+  serveStates(Array{"httpPost"});
+  expectFailure(send({"a=\xff"}), "text is not UTF-8");
+}
+
+TEST_F(Send, StatesNamesTheBackendsThatReport) {
+  serveStates(Array{"httpPost", "wattbook"});
+  const ToolResult result = ctl({"states", "--client-type", "5", "--client-name", "Player"});
+  EXPECT_EQ(result.status, 0) << result.errors;
+  EXPECT_EQ(result.output, "reporting through: httpPost wattbook\n");
+  EXPECT_EQ(names(), (std::vector<std::string>{"setSessionInfo", "startConfig"}));
+}
+
+TEST_F(Send, StatesFailsWhereNothingReports) {
+  serveStates(Array{});
+  expectFailure(ctl({"states", "--client-type", "5"}),
+                "nothing reports: no backend of the storebag accepts this session (the daemon's "
+                "log says why)");
+}
+
+}  // namespace
+}  // namespace corvid
