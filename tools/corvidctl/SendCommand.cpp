@@ -1,8 +1,11 @@
 #include "tools/corvidctl/SendCommand.h"
 
 #include <fmt/format.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <set>
 
 #include "protocol/Keys.h"
@@ -71,6 +74,23 @@ int runStatesCommand(const std::string& root, const std::vector<std::string>& ar
   if (!line.words().empty()) throw UsageError("unexpected " + line.words().front());
   const ReportingSession session(root, SessionDescription(line));
   std::printf("reporting through: %s\n", session.backends().c_str());
+  return 0;
+}
+
+int runUploadCommand(const std::string& root, const std::vector<std::string>& arguments) {
+  const CommandLine line(arguments, sessionOptions, {});
+  const SessionDescription description(line);
+  if (line.words().empty()) throw UsageError("upload takes the FILEs to upload");
+  for (const std::string& file : line.words())
+    if (access(file.c_str(), R_OK) != 0)
+      throw CallError(fmt::format("cannot read {}: {}", file, std::strerror(errno)));
+
+  ReportingSession session(root, description);
+  for (const std::string& file : line.words()) {
+    if (!session.client().uploadFile(file, true).success)
+      throw CallError(fmt::format("{} was not uploaded (the daemon's log says why)", file));
+    std::printf("uploaded %s\n", file.c_str());
+  }
   return 0;
 }
 

@@ -1,4 +1,4 @@
-// `corvidctl send` and `states`: one session for a person.
+// `corvidctl send`, `states` and `upload`: one session for a person.
 #pragma once
 
 #include <string>
@@ -14,5 +14,8 @@ int runSendCommand(const std::string& root, const std::vector<std::string>& argu
 
 // Says which backends report.
 int runStatesCommand(const std::string& root, const std::vector<std::string>& arguments);
+
+// Uploads files, up to the first that fails.
+int runUploadCommand(const std::string& root, const std::vector<std::string>& arguments);
 
 }  // namespace corvid::ctl

@@ -31,6 +31,9 @@ constexpr const char* usage =
   states --client-type N [--client-name TEXT] [--service-name TEXT] [--session-id N]
          [--client-version N]
       Says which backends report for such a session.
+  upload --client-type N [--client-name TEXT] [--service-name TEXT] [--session-id N]
+         [--client-version N] FILE...
+      Describes a session and uploads files through its backends, up to the first that fails.
   prefs [--suite NAME] get KEY | set KEY VALUE | delete KEY | list
       Reads or changes the daemon's preferences. VALUE is JSON, or a text where it is none.
 
@@ -59,6 +62,7 @@ int run(const std::vector<std::string>& arguments) {
   }
   if (command == "send") return corvid::ctl::runSendCommand(root, rest);
   if (command == "states") return corvid::ctl::runStatesCommand(root, rest);
+  if (command == "upload") return corvid::ctl::runUploadCommand(root, rest);
   if (command == "prefs") return corvid::ctl::runPrefsCommand(root, rest);
   throw UsageError("there is no command " + command);
 }

@@ -133,7 +133,7 @@ class RecordingSession : public ClientSessionInterface {
     Call call{"uploadFile"};
     call.text = std::move(fileURL), call.token = std::move(extensionToken);
     record(std::move(call));
-    completion(true);
+    completion(uploadSucceeds);
   }
   void uploadLogData(Array logData, LogDataReply completion) override {
     Call call{"uploadLogData"};
@@ -164,6 +164,7 @@ class RecordingSession : public ClientSessionInterface {
 
   // Set before the first call.
   std::optional<Array> states;
+  bool uploadSucceeds = true;
   std::function<void()> onSetSessionInfo;
   std::function<void(std::uint16_t, ResultReply)> onMessage;
   std::function<void(FlushReply)> onFlush;

@@ -1,4 +1,6 @@
-// The commands for people that talk to the daemon: send and states.
+// The commands for people that talk to the daemon: send, states and upload.
+#include <fstream>
+
 #include "tests/tools/corvidctl/SessionProcess.h"
 
 namespace corvid {
@@ -185,6 +187,53 @@ TEST_F(Send, StatesFailsWhereNothingReports) {
   expectFailure(ctl({"states", "--client-type", "5"}),
                 "nothing reports: no backend of the storebag accepts this session (the daemon's "
                 "log says why)");
+}
+
+class Upload : public Send {
+ protected:
+  ToolResult upload(std::vector<std::string> files) {
+    files.insert(files.begin(), {"upload", "--client-type", "5"});
+    return ctl(std::move(files));
+  }
+  std::string file(const std::string& name) {
+    const std::string made = folder.path + "/" + name;
+    std::ofstream(made) << "content";
+    return made;
+  }
+};
+
+TEST_F(Upload, UploadsEachFile) {
+  serveStates(Array{"uploadServer"});
+  const std::string first = file("a b");
+  const std::string second = file("\u00fc");
+  const ToolResult result = upload({first, second});
+  EXPECT_EQ(result.status, 0) << result.errors;
+  EXPECT_EQ(result.output, "uploaded " + first + "\nuploaded " + second + "\n");
+  EXPECT_EQ(names(), (std::vector<std::string>{"setSessionInfo", "startConfig", "uploadFile",
+                                               "uploadFile"}));
+  EXPECT_EQ(calls()[2].text, "file://" + folder.path + "/a%20b");
+}
+
+TEST_F(Upload, AFileThatTheDaemonRefusesIsAFailure) {
+  serveStates(Array{"uploadServer"},
+              [](RecordingSession& session) { session.uploadSucceeds = false; });
+  const std::string first = file("first");
+  expectFailure(upload({first, file("second")}),
+                first + " was not uploaded (the daemon's log says why)");
+  EXPECT_EQ(names().size(), 3u);
+}
+
+TEST_F(Upload, AMissingFileIsNamedBeforeAnythingIsSent) {
+  serveStates(Array{"uploadServer"});
+  expectFailure(upload({file("there"), "/nonexistent/x"}),
+                "cannot read /nonexistent/x: No such file or directory");
+  EXPECT_TRUE(delegate->accepted.empty());
+}
+
+TEST_F(Upload, WithoutAReportingBackendNothingIsUploaded) {
+  serveStates(Array{});
+  EXPECT_EQ(upload({file("a")}).status, 1);
+  EXPECT_EQ(names(), (std::vector<std::string>{"setSessionInfo", "startConfig"}));
 }
 
 }  // namespace

@@ -22,14 +22,15 @@ TEST(Usage, HelpDescribesEveryCommand) {
   const ToolResult result = ctl({"--help"});
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.errors, "");
-  for (const char* text : {"usage: corvidctl [--root DIR] COMMAND", "\n  session\n", "\n  send ",
-                           "\n  states ", "\n  prefs ", "$CORVID_ROOT", "Exit status"})
+  for (const char* text :
+       {"usage: corvidctl [--root DIR] COMMAND", "\n  session\n", "\n  send ", "\n  states ",
+        "\n  upload ", "\n  prefs ", "$CORVID_ROOT", "Exit status"})
     EXPECT_NE(result.output.find(text), std::string::npos) << text;
 }
 
 TEST(Usage, EveryCommandHasHelp) {
   const std::string help = ctl({"--help"}).output;
-  for (const char* command : {"session", "send", "states", "prefs"})
+  for (const char* command : {"session", "send", "states", "upload", "prefs"})
     EXPECT_EQ(ctl({command, "--help"}).output, help) << command;
   EXPECT_EQ(ctl({"send", "--client-type", "5", "a=b", "--help"}).status, 0);
 }
@@ -62,6 +63,8 @@ TEST(Usage, WrongUsesOfTheCommandsForPeopleAreNamed) {
                    "--realtime is --flag 1; give one of them");
   expectUsageError({"send", "--client-type", "5", "a={\"$data\":\"?\"}"},
                    "a={\"$data\":\"?\"}: \"$data\" takes Base64, not ?");
+  expectUsageError({"upload", "--client-type", "5"}, "upload takes the FILEs to upload");
+  expectUsageError({"upload", "file"}, "--client-type is missing: which storebag should decide?");
   expectUsageError({"states"}, "--client-type is missing: which storebag should decide?");
   expectUsageError({"states", "--client-type", "5", "a=b"}, "unexpected a=b");
   expectUsageError({"states", "--client-type", "5", "--realtime"}, "unknown option --realtime");
