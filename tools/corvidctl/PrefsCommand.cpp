@@ -1,6 +1,12 @@
 #include "tools/corvidctl/PrefsCommand.h"
 
+#include <fmt/format.h>
+#include <grp.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdio>
+#include <stdexcept>
 
 #include "platform/Paths.h"
 #include "platform/base/Describe.h"
@@ -28,6 +34,16 @@ std::string shown(const Value& value) {
   return text.substr(1, text.size() - 2);
 }
 
+// What root writes could not be read by a daemon that runs as another user, and root should not
+// follow that user's links.
+void actAsOwnerOf(const Paths& paths) {
+  struct stat status {};
+  if (geteuid() != 0 || stat(paths.home.c_str(), &status) != 0 || status.st_uid == 0) return;
+  if (setgroups(0, nullptr) != 0 || setgid(status.st_gid) != 0 || setuid(status.st_uid) != 0)
+    throw std::runtime_error(
+        fmt::format("cannot act as user {}, who owns {}", status.st_uid, paths.home));
+}
+
 }  // namespace
 
 int runPrefsCommand(const std::string& root, const std::vector<std::string>& arguments) {
@@ -44,7 +60,9 @@ int runPrefsCommand(const std::string& root, const std::vector<std::string>& arg
                       : wanted == 2 ? " takes a KEY"
                                     : " takes a KEY and a VALUE"));
 
-  FilePreferences preferences(Paths(root).preferencesFolder);
+  const Paths paths(root);
+  actAsOwnerOf(paths);
+  FilePreferences preferences(paths.preferencesFolder);
   if (verb == "list") {
     for (const std::string& key : preferences.keys(suite))
       if (const auto value = preferences.value(suite, key))

@@ -1,5 +1,7 @@
 // `corvidctl prefs`, which works on the files, with or without a daemon.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <iterator>
@@ -132,6 +134,32 @@ TEST_F(Prefs, ADamagedFileIsSetAsideAndNamed) {
   EXPECT_EQ(stored("com.halcyon.corvid", "a"), Value(1));
   EXPECT_TRUE(
       std::ifstream(root.path("var/lib/corvidd/Preferences/com.halcyon.corvid.plist.damaged-1")));
+}
+
+// Root changes preferences of a daemon that runs as somebody else: that one must be able to read
+// them afterwards.
+TEST_F(Prefs, RootWritesAsTheOwnerOfTheDaemonsHome) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can give files away";
+  constexpr uid_t owner = 65534;
+  root.write("var/lib/corvidd/.keep", "");
+  ASSERT_EQ(chmod(root.path().c_str(), 0711), 0);
+  ASSERT_EQ(chown(root.path("var/lib/corvidd").c_str(), owner, owner), 0);
+  set("key", "1");
+  for (const char* made : {"", "/com.halcyon.corvid.plist"}) {
+    struct stat status {};
+    ASSERT_EQ(stat((root.path("var/lib/corvidd/Preferences") + made).c_str(), &status), 0);
+    EXPECT_EQ(status.st_uid, owner) << made;
+    EXPECT_EQ(status.st_gid, owner) << made;
+  }
+  EXPECT_EQ(get("key"), "1\n");
+}
+
+TEST_F(Prefs, AFolderThatCannotBeMadeIsAFailure) {
+  root.write("var/lib/corvidd", "a file in its place");
+  const ToolResult result = prefs({"set", "key", "1"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_NE(result.errors.find("FilePreferences: cannot lock "), std::string::npos)
+      << result.errors;
 }
 
 }  // namespace
