@@ -1,6 +1,7 @@
 // The JSON message around records, and the exchange that carries it.
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <chrono>
 #include <utility>
 
@@ -37,6 +38,14 @@ void applyValueRules(Dictionary& record) {
         return false;
     }
   });
+}
+
+// A text that a client or a file gave, as a header's value: what would end the header, or is no
+// text for a server, becomes a blank. The records have it as it is.
+std::string headerValue(std::string text) {
+  std::ranges::replace_if(
+      text, [](unsigned char c) { return (c < ' ' && c != '\t') || c == 0x7f; }, ' ');
+  return text;
 }
 
 // What an exchange's end does; a backend that is gone has no state to set.
@@ -80,6 +89,10 @@ std::optional<std::string> HTTPSPostBackend::createMessageForPostAndLogging(
     }
   }
   std::optional<std::string> text = writeJSON(message);
+  if (!text)
+    logError(
+        "HTTPSPostBackend(createMessageForPostAndLogging): a message of {} events cannot be written as JSON and is lost",
+        records.size());
   if (text && logging) prettyJsonString = writePrettyJSON(message);
   return text;
 }
@@ -137,7 +150,7 @@ std::optional<HTTPRequest> HTTPSPostBackend::requestFor(MessageFlag flag,
   request.wantsBody = false;
   request.headers.reserve(11);
   const auto setHeader = [&](const char* name, std::string value) {
-    request.headers.emplace_back(name, std::move(value));
+    request.headers.emplace_back(name, headerValue(std::move(value)));
   };
   if (_userInfoDict) {
     if (const std::string* name = stringAt(*_userInfoDict, kCorvidUserInfoClientName))

@@ -3,6 +3,7 @@
 #include <limits>
 
 #include "config/Gzip.h"
+#include "platform/base/Reading.h"
 #include "platform/data/JSON.h"
 #include "tests/backends/https/PostBackendFixture.h"
 
@@ -64,6 +65,10 @@ TEST_F(PostMessageTest, NumbersThatAreNotFiniteMakeNoMessage) {
   EXPECT_EQ(send(*backend, {{"a", std::numeric_limits<double>::infinity()}}), std::nullopt);
   EXPECT_EQ(send(*backend, {{"\xC3", 1}}), std::nullopt);
   EXPECT_TRUE(requests().empty());
+  EXPECT_EQ(platform.log.count(LogLevel::error,
+                               "HTTPSPostBackend(createMessageForPostAndLogging): a message of 1 "
+                               "events cannot be written as JSON and is lost"),
+            2);
 }
 
 // Client identifier
@@ -201,6 +206,21 @@ TEST_F(PostMessageTest, NamesOfAnotherTypeAreNoHeaders) {
   userInfo = Dictionary{{"_clientName", 5}, {"_serviceName", true}};
   send(*makeFor(openEntry()), {});
   EXPECT_EQ(requests().at(0).headers.at(0).first, "User-Agent");
+}
+
+TEST_F(PostMessageTest, WhatWouldEndAHeaderIsABlankThereAndItselfInTheRecord) {
+  using namespace std::literals;
+  const std::string name = "two\r\nlines: \x01\x7f\tand\0more \xC3\xA9"s;
+  const auto backend = makeFor(openEntry());
+  backend->setUserInfoDict(Dictionary{{"_clientName", name}, {"_serviceName", "\n"}});
+  backend->updateState();
+  send(*backend, {{"x", 1}});
+  ASSERT_EQ(requests().size(), 1u);
+  EXPECT_EQ(headerOf(requests()[0], "X-CVD-Client-Name"), "two  lines:   \tand more \xC3\xA9");
+  EXPECT_EQ(headerOf(requests()[0], "X-CVD-Service-Name"), " ");
+  const Result<Value> message = parseJSON(messageOf(requests()[0]));
+  const Dictionary& record = *(*arrayAt(*message.value().dictionary(), "events"))[0].dictionary();
+  EXPECT_EQ(*stringAt(record, "_clientName"), name);
 }
 
 TEST_F(PostMessageTest, AMessageThatDoesNotShrinkTravelsPlain) {
