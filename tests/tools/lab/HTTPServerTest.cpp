@@ -1,5 +1,4 @@
 #include <arpa/inet.h>
-#include <curl/curl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/socket.h>
@@ -11,59 +10,13 @@
 #include <thread>
 #include <vector>
 
+#include "tests/tools/lab/Peer.h"
 #include "tools/lab/HTTPServer.h"
 
 namespace corvid::lab {
 namespace {
 
 using namespace std::chrono_literals;
-
-// What came back from a plain blocking transfer.
-struct Got {
-  CURLcode code = CURLE_OK;
-  long status = 0;
-  std::string head;
-  std::string body;
-};
-
-constexpr std::size_t kBodyLimit = 8'000'000;
-
-// Goes away after the limit.
-std::size_t append(char* data, std::size_t, std::size_t size, void* text) {
-  auto& whole = *static_cast<std::string*>(text);
-  whole.append(data, size);
-  return whole.size() > kBodyLimit ? 0 : size;
-}
-
-// A client that keeps its connection from one transfer to the next.
-class Peer {
- public:
-  explicit Peer(const std::string& caFile) : _caFile(caFile) {}
-
-  Got get(const std::string& url, const char* body = nullptr) {
-    Got got;
-    CURL* curl = _curl.get();
-    curl_easy_reset(curl);
-    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(curl, CURLOPT_CAINFO, _caFile.c_str());
-    curl_easy_setopt(curl, CURLOPT_PROXY, "");
-    curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, timeout.count());
-    curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, append);
-    curl_easy_setopt(curl, CURLOPT_HEADERDATA, &got.head);
-    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, append);
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &got.body);
-    if (body) curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body);
-    got.code = curl_easy_perform(curl);
-    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &got.status);
-    return got;
-  }
-
-  std::chrono::milliseconds timeout = 20s;
-
- private:
-  const std::string _caFile;
-  std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> _curl{curl_easy_init(), curl_easy_cleanup};
-};
 
 // Every case in the clear and through TLS.
 class HTTPServerTest : public testing::TestWithParam<bool> {
@@ -103,7 +56,7 @@ TEST_P(HTTPServerTest, GivesTheRequestToTheHandlerAndItsAnswerToThePeer) {
     seen = request;
     return Answer{.status = 201, .headers = {{"X-Answer", "yes"}}, .body = "done"};
   });
-  const Got got = peer->get(server->url("/a/b?c=d"), "hello");
+  const Got got = peer->post(server->url("/a/b?c=d"), "hello");
   EXPECT_EQ(got.code, CURLE_OK);
   EXPECT_EQ(got.status, 201);
   EXPECT_EQ(got.body, "done");
@@ -130,8 +83,7 @@ TEST_P(HTTPServerTest, ServesManyConnectionsAtOnce) {
     peers.emplace_back([&, i] {
       Peer one(identity->caFile());
       const std::string text = "peer " + std::to_string(i);
-      for (int round = 0; round < 10; ++round)
-        EXPECT_EQ(one.get(server->url(), text.c_str()).body, text);
+      for (int round = 0; round < 10; ++round) EXPECT_EQ(one.post(server->url(), text).body, text);
     });
   for (auto& thread : peers) thread.join();
   EXPECT_EQ(server->connectionsAccepted(), 16u);
@@ -141,7 +93,7 @@ TEST_P(HTTPServerTest, ServesManyConnectionsAtOnce) {
 TEST_P(HTTPServerTest, CarriesLargeBodiesBothWays) {
   serve([](const Request& request) { return Answer{.body = request.body}; });
   const std::string large(3'000'000, 'b');
-  EXPECT_EQ(peer->get(server->url(), large.c_str()).body, large);
+  EXPECT_EQ(peer->post(server->url(), large).body, large);
 }
 
 TEST_P(HTTPServerTest, DelaysTheAnswer) {
@@ -207,7 +159,7 @@ TEST_P(HTTPServerTest, SendsAnEndlessBodyUntilThePeerGoes) {
   serve(Answer{.endless = true});
   const Got got = peer->get(server->url());
   EXPECT_EQ(got.code, CURLE_WRITE_ERROR);
-  EXPECT_GT(got.body.size(), kBodyLimit);
+  EXPECT_GT(got.body.size(), Peer::bodyLimit);
 }
 
 TEST_P(HTTPServerTest, HangsUpUnannouncedAfterAnAnswer) {

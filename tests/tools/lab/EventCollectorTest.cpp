@@ -1,0 +1,165 @@
+// Posts as the lab receives and writes them down, over TLS; and the text made of them for people.
+#include <thread>
+
+#include "config/Gzip.h"
+#include "tests/tools/lab/LabFixture.h"
+#include "tools/lab/Gunzip.h"
+#include "tools/lab/ReceivedSummary.h"
+
+namespace corvid::lab {
+namespace {
+
+using Headers = std::vector<std::string>;
+
+class EventCollectorTest : public LabFixture {
+ protected:
+  // The only entry that was written down.
+  Dictionary entry() {
+    const auto entries = received();
+    EXPECT_EQ(entries.size(), 1u);
+    return entries.empty() ? Dictionary() : entries.front();
+  }
+};
+
+// The same as a client would compress it.
+std::string gzipped(const std::string& text) {
+  const auto stream = compressDataWithZlibOrGzip(true, text);
+  EXPECT_TRUE(stream);
+  return stream.value_or("");
+}
+
+TEST_F(EventCollectorTest, WritesDownAPlainPost) {
+  const std::string body = R"({"events":[{"a":1.5,"text":"gr\u00fc\u00df"}]})";
+  const Got got = peer.post(address("events") + "?q=1", body, {"X-CVD-Sender: ZH"});
+  EXPECT_EQ(got.status, 200);
+  EXPECT_EQ(got.body, "");
+  const Dictionary written = entry();
+  EXPECT_EQ(*stringAt(written, "server"), "events");
+  EXPECT_EQ(*stringAt(written, "target"), "/events?q=1");
+  EXPECT_EQ(integerAt(written, "bytes"), static_cast<std::int64_t>(body.size()));
+  EXPECT_EQ(*stringAt(*dictionaryAt(written, "headers"), "X-CVD-Sender"), "ZH");
+  EXPECT_EQ(
+      *written.find("message"),
+      Value(Dictionary{{"events", Array{Dictionary{{"a", 1.5}, {"text", "gr\u00fc\u00df"}}}}}));
+  EXPECT_FALSE(written.contains("error"));
+}
+
+TEST_F(EventCollectorTest, BatchAndRealtimePostsAreToldApart) {
+  EXPECT_EQ(peer.post(address("events"), "{}").status, 200);
+  EXPECT_EQ(peer.post(address("realtime"), "{}").status, 200);
+  const auto entries = received();
+  ASSERT_EQ(entries.size(), 2u);
+  EXPECT_EQ(*stringAt(entries[0], "server"), "events");
+  EXPECT_EQ(*stringAt(entries[1], "server"), "realtime");
+}
+
+TEST_F(EventCollectorTest, CompressedPostsAreWrittenDownDecoded) {
+  const std::string body = gzipped("{\"n\":[" + std::string(50'000, ' ') + "5]}");
+  EXPECT_EQ(peer.post(address("events"), body, {"Content-Encoding: gzip"}).status, 200);
+  const Dictionary written = entry();
+  EXPECT_EQ(*written.find("message"), Value(Dictionary{{"n", Array{5}}}));
+  EXPECT_EQ(integerAt(written, "bytes"), static_cast<std::int64_t>(body.size()));
+}
+
+TEST_F(EventCollectorTest, ABodyThatIsNoGzipIsRefusedAndWrittenDown) {
+  const std::string whole = gzipped("{\"a\":1}");
+  std::string damaged = whole;
+  damaged[whole.size() / 2] ^= 1;
+  for (const std::string& body : {std::string("{}"), std::string(), whole.substr(0, 12), damaged}) {
+    const Got got = peer.post(address("events"), body, {"Content-Encoding: gzip"});
+    EXPECT_EQ(got.status, 400);
+    EXPECT_EQ(got.body, "the body is not gzip\n");
+  }
+  ASSERT_EQ(received().size(), 4u);
+  for (const Dictionary& written : received()) {
+    EXPECT_EQ(*stringAt(written, "error"), "the body is not gzip");
+    EXPECT_FALSE(written.contains("message"));
+  }
+}
+
+TEST_F(EventCollectorTest, ABodyThatIsNotJSONIsRefusedAndWrittenDown) {
+  const Got got = peer.post(address("realtime"), "{\"a\":}");
+  EXPECT_EQ(got.status, 400);
+  const Dictionary written = entry();
+  EXPECT_EQ(stringAt(written, "error")->find("the body is not JSON: "), 0u);
+  EXPECT_EQ(got.body, *stringAt(written, "error") + "\n");
+  EXPECT_EQ(integerAt(written, "bytes"), 6);
+}
+
+TEST_F(EventCollectorTest, AnythingButPOSTIsRefusedAndNotWrittenDown) {
+  EXPECT_EQ(peer.get(address("events")).status, 405);
+  EXPECT_TRUE(received().empty());
+}
+
+TEST_F(EventCollectorTest, OtherTargetsAreNotFound) {
+  EXPECT_EQ(peer.post(address("events") + "/more", "{}").status, 404);
+  EXPECT_TRUE(received().empty());
+}
+
+TEST_F(EventCollectorTest, WhatJSONCannotHoldIsSaidInItsPlace) {
+  EXPECT_EQ(peer.post(address("events"), "{}", {"X-Odd: \xff"}).status, 200);
+  EXPECT_EQ(*stringAt(entry(), "error"), "received something that JSON cannot hold");
+}
+
+TEST_F(EventCollectorTest, PostsThatComeAtOnceAreWrittenDownWhole) {
+  std::vector<std::thread> peers;
+  for (int i = 0; i < 8; ++i)
+    peers.emplace_back([this] {
+      Peer one(root.path("lab/tls/ca.pem"));
+      const std::string body = "{\"long\":\"" + std::string(30'000, 'x') + "\"}";
+      for (int round = 0; round < 5; ++round)
+        EXPECT_EQ(one.post(address("events"), body).status, 200);
+    });
+  for (auto& thread : peers) thread.join();
+  EXPECT_EQ(received().size(), 40u);
+}
+
+TEST(ReceivedLogTest, AFileThatCannotBeWrittenIsAnError) {
+  EXPECT_THROW(ReceivedLog("/nonexistent/received.jsonl"), std::runtime_error);
+}
+
+TEST(ReceivedLogTest, AppendsToWhatIsThere) {
+  const ScratchRoot root;
+  root.write("log", "{\"before\":1}\n");
+  ReceivedLog(root.path("log")).append({{"now", 2}});
+  std::ifstream file(root.path("log"));
+  const std::string text((std::istreambuf_iterator<char>(file)), {});
+  EXPECT_EQ(text, "{\"before\":1}\n{\"now\":2}\n");
+}
+
+TEST(GunzipTest, GivesTheContentOfAStream) {
+  for (const std::string& content : {std::string("x"), std::string(100'000, 'y')})
+    EXPECT_EQ(gunzip(gzipped(content)), content);
+}
+
+TEST(GunzipTest, RefusesMoreThanTheLimit) {
+  const std::string stream = gzipped(std::string(100'000, 'y'));
+  EXPECT_EQ(gunzip(stream, 100'000)->size(), 100'000u);
+  EXPECT_EQ(gunzip(stream, 99'999), std::nullopt);
+}
+
+TEST(ReceivedSummaryTest, NamesTheServerTheLabelsAndEveryEvent) {
+  EXPECT_EQ(
+      summary({{"server", "events"},
+               {"bytes", 120},
+               {"headers", Dictionary{{"Content-Encoding", "gzip"}, {"X-CVD-Sender", "ZH"}}},
+               {"message", Dictionary{{"events", Array{Dictionary{{"_eventNumber", 1},
+                                                                  {"_method", 7},
+                                                                  {"_status", 2},
+                                                                  {"eventTime", 5},
+                                                                  {"action", "play"},
+                                                                  {"n", 5}},
+                                                       Dictionary{{"_method", 0}}, "no event"}}}}}),
+      "events received 120 bytes, gzip, from sender ZH\n"
+      "    event 1 method 7 status 2: action=play n=5\n"
+      "    event - method 0 status -:\n");
+}
+
+TEST(ReceivedSummaryTest, SaysWhatCouldNotBeRead) {
+  EXPECT_EQ(summary({{"server", "realtime"}, {"bytes", 3}, {"error", "the body is not gzip"}}),
+            "realtime received 3 bytes\n    error: the body is not gzip\n");
+  EXPECT_EQ(summary({{"message", Dictionary{{"events", "none"}}}}), "- received - bytes\n");
+}
+
+}  // namespace
+}  // namespace corvid::lab

@@ -1,0 +1,42 @@
+// A lab in a scratch folder and a client that trusts it.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "platform/base/Reading.h"
+#include "platform/data/JSON.h"
+#include "tests/fakes/ScratchRoot.h"
+#include "tests/tools/lab/Peer.h"
+#include "tools/lab/Lab.h"
+
+namespace corvid::lab {
+
+class LabFixture : public testing::Test {
+ protected:
+  // "storebags", "events", "realtime" or "control".
+  std::string address(std::string_view server) const { return *stringAt(lab.addresses(), server); }
+  std::string bagURL(std::string_view name) const {
+    return address("storebags") + "/bags/birch/" + std::string(name);
+  }
+  // Everything that the lab has written down.
+  std::vector<Dictionary> received() const {
+    std::vector<Dictionary> entries;
+    std::ifstream file(root.path("lab/received.jsonl"));
+    for (std::string line; std::getline(file, line);) {
+      const Result<Value> entry = parseJSON(line);
+      EXPECT_TRUE(entry && entry.value().dictionary()) << line;
+      entries.push_back(*entry.value().dictionary());
+    }
+    return entries;
+  }
+
+  ScratchRoot root;
+  Lab lab{root.path()};
+  Peer peer{root.path("lab/tls/ca.pem")};
+};
+
+}  // namespace corvid::lab
