@@ -1,4 +1,5 @@
 // What `corvidctl session` does with input that cannot be used, and how it ends.
+#include <corvid/corvid.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -138,14 +139,18 @@ TEST_F(SessionInput, ALineThatIsTooLongIsPassedOverWhole) {
             R"({"error":"line 1 is passed over: it is longer than 67108864 bytes"})");
 }
 
+std::string failed(int error) {
+  return std::string("{\"error\":\"line 1 failed: ") + corvid_error_text(error) + "\"}";
+}
+
 TEST_F(SessionInput, WhatDoesNotTravelInOneMessageFailsAndTheNextIsRead) {
   serve();
   EXPECT_EQ(refusalOf(R"({"call":"sendMessage","payload":{"a":")" +
                       std::string(std::size_t{17} << 20, 'x') + "\"}}"),
-            R"({"error":"line 1 failed: too large for one message"})");
+            failed(CORVID_ERROR_TOO_LARGE));
   EXPECT_EQ(refusalOf(R"({"call":"sendMessage","payload":{"a":)" + std::string(40, '[') +
                       std::string(40, ']') + "}}"),
-            R"({"error":"line 1 failed: values nested too deeply"})");
+            failed(CORVID_ERROR_TOO_DEEP));
 }
 
 // The end of the connection
