@@ -1,14 +1,15 @@
 #include "tools/corvidctl/SessionCalls.h"
 
 #include <chrono>
-#include <limits>
 #include <map>
 #include <thread>
 
-#include "platform/base/Reading.h"
 #include "tools/corvidctl/JSONValues.h"
 
 namespace corvid::ctl {
+
+using tools::Arguments;
+using tools::InputError;
 
 namespace {
 
@@ -24,70 +25,9 @@ Value orNull(const std::optional<CorvidError>& error) {
                     {"description", error->localizedDescription}};
 }
 
-// The arguments of one line. A key that is left out, or null, is an absent argument.
-class Arguments {
- public:
-  explicit Arguments(const Dictionary& line) : _line(line) {}
-
-  std::optional<Dictionary> dictionary(std::string_view key) const {
-    const Value* value = find(key);
-    if (!value) return std::nullopt;
-    if (!value->dictionary()) throw wrong(key, "an object");
-    return *value->dictionary();
-  }
-  Dictionary dictionaryOrEmpty(std::string_view key) const {
-    return dictionary(key).value_or(Dictionary());
-  }
-  Array array(std::string_view key) const {
-    const Value* value = find(key);
-    if (!value) return {};
-    if (!value->array()) throw wrong(key, "an array");
-    return *value->array();
-  }
-  bool boolean(std::string_view key, bool absent) const {
-    const Value* value = find(key);
-    if (!value) return absent;
-    if (!value->boolean()) throw wrong(key, "true or false");
-    return *value->boolean();
-  }
-  std::uint16_t number16(std::string_view key) const {
-    const Value* value = find(key);
-    if (!value) return 0;
-    const auto number = value->integer();
-    if (!number || *number < 0 || *number > std::numeric_limits<std::uint16_t>::max())
-      throw wrong(key, "a whole number from 0 to 65535");
-    return static_cast<std::uint16_t>(*number);
-  }
-  double seconds(std::string_view key) const {
-    const Value* value = find(key);
-    const auto number = asNumber(value);
-    if (!number || value->boolean() || !(*number >= 0) || *number > 3600)
-      throw wrong(key, "a number of seconds from 0 to 3600");
-    return *number;
-  }
-  std::string string(std::string_view key) const {
-    const Value* value = find(key);
-    if (!value || !value->string()) throw wrong(key, "a text");
-    return *value->string();
-  }
-  std::string path(std::string_view key) const {
-    const std::string text = string(key);
-    if (text.empty() || text.find('\0') != std::string::npos)
-      throw wrong(key, "the path of a file");
-    return text;
-  }
-
- private:
-  const Value* find(std::string_view key) const {
-    const Value* value = _line.find(key);
-    return value && !value->isNull() ? value : nullptr;
-  }
-  static InputError wrong(std::string_view key, const char* wanted) {
-    return InputError("\"" + std::string(key) + "\" must be " + wanted);
-  }
-
-  const Dictionary& _line;
-};
+std::uint16_t number16(const Arguments& in, std::string_view key) {
+  return static_cast<std::uint16_t>(in.integer(key, 0, 65535).value_or(0));
+}
 
 using Answer = void (*)(const CallOutcome&, Dictionary& line);
 
@@ -122,9 +62,10 @@ const std::map<std::string, Operation, std::less<>>& operations() {
   static const std::map<std::string, Operation, std::less<>> table{
       {"setSessionInfo",
        {[](Client& client, const Arguments& in, bool) {
-          return client.setSessionInfo(in.dictionaryOrEmpty("sessionInfo"),
-                                       in.dictionary("userInfo"), in.array("frameworksToCheck"),
-                                       in.boolean("hasAggregationBlock", false));
+          return client.setSessionInfo(in.dictionary("sessionInfo").value_or(Dictionary()),
+                                       in.dictionary("userInfo"),
+                                       in.array("frameworksToCheck").value_or(Array()),
+                                       in.boolean("hasAggregationBlock").value_or(false));
         },
         noAnswer}},
       {"startConfig",
@@ -140,13 +81,14 @@ const std::map<std::string, Operation, std::less<>>& operations() {
         urlAnswer}},
       {"sendMessage",
        {[](Client& client, const Arguments& in, bool reply) {
-          return client.sendMessage(in.number16("category"), in.number16("type"),
+          return client.sendMessage(number16(in, "category"), number16(in, "type"),
                                     in.dictionary("payload"), reply);
         },
         resultAnswer}},
       {"sendMessageWithDictionary",
        {[](Client& client, const Arguments& in, bool reply) {
-          return client.sendMessageWithDictionary(in.dictionaryOrEmpty("message"), reply);
+          return client.sendMessageWithDictionary(in.dictionary("message").value_or(Dictionary()),
+                                                  reply);
         },
         resultAnswer}},
       {"flush",
@@ -157,24 +99,24 @@ const std::map<std::string, Operation, std::less<>>& operations() {
         resultAnswer}},
       {"uploadFile",
        {[](Client& client, const Arguments& in, bool reply) {
-          return client.uploadFile(in.path("path"), reply);
+          return client.uploadFile(in.requiredPath("path"), reply);
         },
         fileAnswer}},
       {"uploadLogData",
        {[](Client& client, const Arguments& in, bool reply) {
-          return client.uploadLogData(in.array("logData"), reply);
+          return client.uploadLogData(in.array("logData").value_or(Array()), reply);
         },
         logDataAnswer}},
       {"sendSingleMessage",
        {[](Client& client, const Arguments& in, bool reply) {
-          return client.sendSingleMessage(in.dictionaryOrEmpty("sessionInfo"),
-                                          in.dictionary("userInfo"), in.number16("category"),
-                                          in.number16("type"), in.dictionary("payload"), reply);
+          return client.sendSingleMessage(in.dictionary("sessionInfo").value_or(Dictionary()),
+                                          in.dictionary("userInfo"), number16(in, "category"),
+                                          number16(in, "type"), in.dictionary("payload"), reply);
         },
         resultAnswer}},
       {"sleep",
        {[](Client&, const Arguments& in, bool) {
-          std::this_thread::sleep_for(std::chrono::duration<double>(in.seconds("seconds")));
+          std::this_thread::sleep_for(std::chrono::duration<double>(in.requiredSeconds("seconds")));
           return CallOutcome{};
         },
         noAnswer}},
@@ -192,12 +134,12 @@ std::string namesOfCalls() {
 
 Dictionary performCall(Client& client, const Dictionary& line) {
   const Arguments arguments(line);
-  const std::string name = arguments.string("call");
+  const std::string name = arguments.requiredText("call");
   const auto operation = operations().find(name);
   if (operation == operations().end())
     throw InputError("there is no call \"" + name + "\"; there are " + namesOfCalls());
   const CallOutcome outcome =
-      operation->second.call(client, arguments, arguments.boolean("reply", true));
+      operation->second.call(client, arguments, arguments.boolean("reply").value_or(true));
 
   Dictionary answer{{"call", name}};
   if (outcome.end == CORVID_OUTCOME_ANSWERED) operation->second.answer(outcome, answer);

@@ -3,21 +3,16 @@
 
 #include <cstdint>
 #include <optional>
-#include <stdexcept>
 
 #include "platform/base/Value.h"
+#include "tools/Arguments.h"
 #include "tools/corvidctl/Client.h"
 
 namespace corvid::ctl {
 
-// A line that asks for something impossible; what() says what is wrong with it.
-struct InputError : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
-
 // Makes the call that `line` describes, property-list values in place of their JSON forms, and
-// gives the line that tells its outcome. InputError where there is no such call or an argument is
-// of a wrong type; CallError where the call failed.
+// gives the line that tells its outcome. tools::InputError where there is no such call or an
+// argument is of a wrong type; CallError where the call failed.
 Dictionary performCall(Client& client, const Dictionary& line);
 
 // The line that tells of a call of the aggregation block.

@@ -15,6 +15,8 @@
 
 namespace corvid::ctl {
 
+using tools::InputError;
+
 namespace {
 
 // The largest message, with every byte of it written as an escape, would take more; as Base64 or

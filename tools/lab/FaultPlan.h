@@ -2,6 +2,7 @@
 #pragma once
 
 #include <map>
+#include <set>
 #include <string>
 
 #include "platform/base/Mutex.h"
@@ -16,28 +17,35 @@ struct Fault {
   int times = 1;
   std::optional<int> status{};  // instead of the right one, with an empty body
   std::chrono::milliseconds delay{0};
-  std::optional<std::string> redirect{};
+  std::optional<std::string> redirect{};  // with status 302 unless `status` is another
   std::optional<std::size_t> cutBodyAfter{};
   std::optional<std::size_t> cutHeadAfter{};
   bool endless = false;
   bool silent = false;
-  bool corrupt = false;  // one byte in the middle of the body is changed
+  bool corrupt = false;   // one byte in the middle of the body is changed
   bool truncate = false;  // the second half of the body is missing, the length says so
 };
 
 // Threads   any.
 class FaultPlan {
  public:
+  // For servers of these names.
+  explicit FaultPlan(std::set<std::string> servers) : _servers(std::move(servers)) {}
+
   void set(const std::string& server, Fault fault) EXCLUDES(_mutex);
   // From {"server":NAME,"times":N,"status":N,"delay":SECONDS,"redirect":URL,"cutBodyAfter":N,
   // "cutHeadAfter":N,"endless":true,"silent":true,"corrupt":true,"truncate":true}; everything but
-  // the server may be left out.
+  // the server may be left out. The failure says what of it cannot be meant.
   Result<bool> set(const Dictionary& request) EXCLUDES(_mutex);
 
   // The answer as the server's fault, if one is due, makes it.
   Answer apply(const std::string& server, Answer answer) EXCLUDES(_mutex);
 
  private:
+  Fault faultFrom(const Dictionary& request) const;
+
+  const std::set<std::string> _servers;
+
   Mutex _mutex;
   std::map<std::string, Fault> _faults GUARDED_BY(_mutex);
 };

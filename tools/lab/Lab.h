@@ -53,7 +53,7 @@ class Lab {
   const TLSIdentity _identity;
   const StorebagSigner _signer;
   ReceivedLog _received;
-  FaultPlan _faults;
+  FaultPlan _faults{{"storebags", "events", "realtime"}};
   const EventCollector _events;
   const EventCollector _realtime;
   const StorebagServer _storebagFolder;

@@ -149,10 +149,45 @@ TEST_F(FaultPlanTest, APlanThatIsNoJSONObjectIsRefused) {
   }
 }
 
-TEST_F(FaultPlanTest, APlanWithoutServerIsRefused) {
-  const Got got = plan(R"({"status":500})");
-  EXPECT_EQ(got.status, 400);
-  EXPECT_EQ(got.body, "a fault needs the name of its \"server\"\n");
+TEST_F(FaultPlanTest, ARedirectCanHaveAnotherStatus) {
+  planned(R"({"server":"events","redirect":"/x","status":307})");
+  EXPECT_EQ(post().status, 307);
+}
+
+TEST_F(FaultPlanTest, APlanThatCannotBeMeantIsRefusedAndSaysWhy) {
+  const std::pair<const char*, const char*> cases[] = {
+      {R"({"status":500})", R"("server" must be a text)"},
+      {R"({"server":5})", R"("server" must be a text)"},
+      {R"({"server":"event"})",
+       R"(there is no server "event"; there are events, realtime, storebags)"},
+      {R"({"server":"events","stauts":500})",
+       R"(there is no fault "stauts"; there are server, times, status, delay, redirect, )"
+       "cutBodyAfter, cutHeadAfter, endless, silent, corrupt, truncate"},
+      {R"({"server":"events","status":"500"})",
+       R"("status" must be a whole number from 200 to 599)"},
+      {R"({"server":"events","status":99})", R"("status" must be a whole number from 200 to 599)"},
+      {R"({"server":"events","times":-2})",
+       R"("times" must be a whole number from -1 to 1000000000)"},
+      {R"({"server":"events","times":1.5})",
+       R"("times" must be a whole number from -1 to 1000000000)"},
+      {R"({"server":"events","delay":"1"})",
+       R"("delay" must be a number of seconds from 0 to 3600)"},
+      {R"({"server":"events","delay":-1})",
+       R"("delay" must be a number of seconds from 0 to 3600)"},
+      {R"({"server":"events","delay":1e300})",
+       R"("delay" must be a number of seconds from 0 to 3600)"},
+      {R"({"server":"events","redirect":true})", R"("redirect" must be a text)"},
+      {R"({"server":"events","cutBodyAfter":-1})",
+       R"("cutBodyAfter" must be a whole number from 0 to 1000000000)"},
+      {R"({"server":"events","cutHeadAfter":"0"})",
+       R"("cutHeadAfter" must be a whole number from 0 to 1000000000)"},
+      {R"({"server":"events","silent":1})", R"("silent" must be true or false)"}};
+  for (const auto& [json, reason] : cases) {
+    const Got got = plan(json);
+    EXPECT_EQ(got.status, 400) << json;
+    EXPECT_EQ(got.body, std::string(reason) + "\n") << json;
+  }
+  EXPECT_EQ(post().status, 200);
 }
 
 }  // namespace
