@@ -50,8 +50,7 @@ Dictionary HTTPSPostBackend::createEventDictfromPayload(const Dictionary* payloa
   // Room for the user info twice: a flush asks for it again.
   record.reserve((payload ? payload->size() : 0) + addedKeyCount +
                  (_userInfoDict ? 2 * _userInfoDict->size() : 0));
-  if (payload != nullptr)
-    for (const auto& [key, value] : *payload) record.set(key, value);
+  if (payload != nullptr) record.addEntriesFrom(*payload);
   record.set("_startTS", start);
   record.set("_sender", clientTagForClientType(_compType));
   record.set("_clientVersion", _clientVersion);

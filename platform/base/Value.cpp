@@ -13,12 +13,6 @@ Value::Value(Dictionary value) : _storage(std::make_shared<const Dictionary>(std
 namespace {
 
 template <class T, class Variant>
-std::optional<T> contentOf(const Variant& storage) {
-  if (const T* value = std::get_if<T>(&storage)) return *value;
-  return std::nullopt;
-}
-
-template <class T, class Variant>
 const T* sharedContentOf(const Variant& storage) {
   const auto* shared = std::get_if<std::shared_ptr<const T>>(&storage);
   return shared ? shared->get() : nullptr;
@@ -26,10 +20,6 @@ const T* sharedContentOf(const Variant& storage) {
 
 }  // namespace
 
-std::optional<bool> Value::boolean() const { return contentOf<bool>(_storage); }
-std::optional<std::int64_t> Value::integer() const { return contentOf<std::int64_t>(_storage); }
-std::optional<double> Value::real() const { return contentOf<double>(_storage); }
-std::optional<Date> Value::date() const { return contentOf<Date>(_storage); }
 
 const std::string* Value::data() const {
   const Data* content = sharedContentOf<Data>(_storage);
@@ -100,6 +90,12 @@ void Dictionary::set(std::string key, Value value) {
 }
 
 void Dictionary::addEntriesFrom(const Dictionary& other) {
+  if (empty()) {  // keeps what was reserved, and finds no key twice
+    _entries.assign(other._entries.begin(), other._entries.end());
+    _marks = other._marks;
+    _index = other._index;
+    return;
+  }
   reserve(size() + other.size());
   for (const Entry& entry : other) set(entry.key, entry.value);
 }

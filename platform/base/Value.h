@@ -59,10 +59,10 @@ class Value {
   bool isNull() const { return type() == Type::null; }
 
   // The content, or nothing when the value is of another type.
-  std::optional<bool> boolean() const;
-  std::optional<std::int64_t> integer() const;
-  std::optional<double> real() const;
-  std::optional<Date> date() const;
+  std::optional<bool> boolean() const { return content<bool>(); }
+  std::optional<std::int64_t> integer() const { return content<std::int64_t>(); }
+  std::optional<double> real() const { return content<double>(); }
+  std::optional<Date> date() const { return content<Date>(); }
   const std::string* string() const { return std::get_if<std::string>(&_storage); }
   const std::string* data() const;
   const Array* array() const;
@@ -72,6 +72,12 @@ class Value {
   bool operator==(const Value& other) const;
 
  private:
+  template <class T>
+  std::optional<T> content() const {
+    const T* const value = std::get_if<T>(&_storage);
+    return value ? std::optional<T>(*value) : std::nullopt;
+  }
+
   std::variant<std::monostate, bool, std::int64_t, double, Date, std::string,
                std::shared_ptr<const Data>, std::shared_ptr<const Array>,
                std::shared_ptr<const Dictionary>>

@@ -88,5 +88,22 @@ TEST(Dictionary, AddedEntriesWinOverEqualKeys) {
   EXPECT_EQ(dictionary, (Dictionary{{"a", 1}, {"b", 2}, {"c", 2}}));
 }
 
+TEST(Dictionary, EntriesAddedToAnEmptyOneAreFoundHoweverMany) {
+  for (const std::size_t count : {std::size_t{3}, 2 * Dictionary::indexThreshold}) {
+    Dictionary many;
+    for (std::size_t i = 0; i < count; ++i) many.set("key " + std::to_string(i), i);
+    Dictionary dictionary{{"gone", 1}};
+    dictionary.erase("gone");
+    dictionary.addEntriesFrom(many);
+    EXPECT_EQ(dictionary, many);
+    EXPECT_FALSE(dictionary.contains("gone"));
+    dictionary.set("key 2", "changed");
+    dictionary.set("new", 1);
+    EXPECT_EQ(dictionary.size(), count + 1);
+    EXPECT_EQ(*dictionary.find("key 2")->string(), "changed");
+    EXPECT_EQ(dictionary.find("key 1")->integer(), 1);
+  }
+}
+
 }  // namespace
 }  // namespace corvid
