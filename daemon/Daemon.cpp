@@ -16,6 +16,7 @@
 #include "platform/ipc/IPCListener.h"
 #include "platform/system/Entitlements.h"
 #include "platform/system/Launcher.h"
+#include "platform/system/MemoryUse.h"
 #include "platform/system/QualityOfService.h"
 #include "platform/system/Sandbox.h"
 #include "platform/system/SystemClock.h"
@@ -101,6 +102,7 @@ int runDaemon(const Options& options) {
   // A peer that is gone is an error of the write, not the end of the process.
   std::signal(SIGPIPE, SIG_IGN);
 
+  giveMemoryBack();
   setMainThreadQualityOfService(QualityOfServiceClass::utility, 0);
   const Logging logging(options);
   const auto launcher = std::make_shared<Launcher>(clock);

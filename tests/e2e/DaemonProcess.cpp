@@ -81,10 +81,10 @@ std::size_t DaemonProcess::descriptors() const {
   return static_cast<std::size_t>(std::distance(open, end));
 }
 
-std::size_t DaemonProcess::peakMemory() const {
+std::size_t DaemonProcess::memory(std::string_view field) const {
   std::ifstream status(fmt::format("/proc/{}/status", _pid));
   for (std::string line; std::getline(status, line);)
-    if (line.starts_with("VmHWM:")) return std::stoul(line.substr(6)) * 1024;
+    if (line.starts_with(field)) return std::stoul(line.substr(field.size())) * 1024;
   throw std::runtime_error("no memory is known of the daemon");
 }
 

@@ -36,8 +36,9 @@ class DaemonProcess {
   void signal(int number) const;
   // How many descriptors it has open.
   std::size_t descriptors() const;
-  // The most memory that it ever had resident, in bytes.
-  std::size_t peakMemory() const;
+  // The memory that it has resident, and the most that it ever had, in bytes.
+  std::size_t residentMemory() const { return memory("VmRSS:"); }
+  std::size_t peakMemory() const { return memory("VmHWM:"); }
   // Until the daemon has reported that it serves; false when it ended or did not in time.
   bool waitUntilReady();
   // Until a line with that fragment is in the log (standard error).
@@ -49,6 +50,7 @@ class DaemonProcess {
   std::string standardError() const;
 
  private:
+  std::size_t memory(std::string_view field) const;
   void run(const std::vector<std::string>& arguments, std::optional<int> listeningSocket);
 
   const ScratchRoot& _root;

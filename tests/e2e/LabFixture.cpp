@@ -43,6 +43,15 @@ Dictionary LabFixture::storebagPostingTo(const std::string& url, const Dictionar
           {"release", Dictionary{{"httpPost", Dictionary{{"clients", Array{entry}}}}}}};
 }
 
+Dictionary LabFixture::admitsEverybody() {
+  Array countries;  // each code holds one of these
+  for (char letter = 'A'; letter <= 'Z'; ++letter) countries.emplace_back(std::string(1, letter));
+  return {{"override_dnu", 1},
+          {"locale_whitelist", countries},
+          {"filters", Array{}},
+          {"sampling_threshold", 1.0}};
+}
+
 const std::vector<Dictionary>& LabFixture::received() {
   std::ifstream file(_lab.root().receivedFile());
   file.seekg(static_cast<std::streamoff>(_bytesRead));

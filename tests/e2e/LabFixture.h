@@ -35,6 +35,8 @@ class LabFixture : public testing::Test {
   // A storebag whose clients report at once, whatever they are, to this address. Further entries
   // add to the client entry.
   static Dictionary storebagPostingTo(const std::string& url, const Dictionary& more = {});
+  // What a client entry needs besides, so that clients that require user info report too.
+  static Dictionary admitsEverybody();
 
   // What the collectors have received so far, oldest first: their log, and the records in it.
   const std::vector<Dictionary>& received();
