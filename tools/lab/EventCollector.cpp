@@ -1,5 +1,6 @@
 #include "tools/lab/EventCollector.h"
 
+#include "platform/base/Text.h"
 #include "platform/data/JSON.h"
 #include "tools/lab/Gunzip.h"
 
@@ -20,9 +21,13 @@ Answer EventCollector::answer(const Request& request) const {
                    {"bytes", request.body.size()}};
   std::string error;
   std::optional<std::string> text = request.body;
-  if (request.header("Content-Encoding") == "gzip") {
+  const std::string encoding = request.header("Content-Encoding").value_or("identity");
+  if (equalsIgnoringCase(encoding, "gzip")) {
     text = gunzip(request.body);
     if (!text) error = "the body is not gzip";
+  } else if (!equalsIgnoringCase(encoding, "identity")) {
+    text = std::nullopt;
+    error = "the body is encoded as " + encoding + ", which nobody reads here";
   }
   if (text) {
     Result<Value> message = parseJSON(*text);

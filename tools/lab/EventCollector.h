@@ -9,8 +9,9 @@
 namespace corvid::lab {
 
 // Accepts POST with a JSON message, gzip or plain, and appends
-// {"server":NAME,"target":…,"headers":{…},"bytes":N,"message":{…}} to the log, where N is the length
-// of the body on the wire. A body that cannot be read is answered 400 and logged with "error".
+// {"server":NAME,"target":…,"headers":{…},"bytes":N,"message":{…}} to the log, where N is the
+// length of the body on the wire. A body that cannot be read is answered 400 and logged with
+// "error".
 //
 // Threads   any.
 class EventCollector {

@@ -20,8 +20,9 @@ std::optional<std::string> gunzip(std::string_view stream, std::size_t limit) {
     result = inflate(&inflater, Z_NO_FLUSH);
     content.append(reinterpret_cast<const char*>(piece.data()), piece.size() - inflater.avail_out);
   } while (result == Z_OK && content.size() <= limit);
+  const bool isWhole = result == Z_STREAM_END && inflater.avail_in == 0;
   inflateEnd(&inflater);
-  if (result != Z_STREAM_END || content.size() > limit) return std::nullopt;
+  if (!isWhole || content.size() > limit) return std::nullopt;
   return content;
 }
 

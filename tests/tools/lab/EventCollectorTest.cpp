@@ -61,16 +61,25 @@ TEST_F(EventCollectorTest, CompressedPostsAreWrittenDownDecoded) {
   EXPECT_EQ(integerAt(written, "bytes"), static_cast<std::int64_t>(body.size()));
 }
 
+TEST_F(EventCollectorTest, EncodingsAreNamedInWhateverCase) {
+  EXPECT_EQ(peer.post(address("events"), gzipped("{}"), {"Content-Encoding: GZip"}).status, 200);
+  EXPECT_EQ(peer.post(address("events"), "{}", {"Content-Encoding: Identity"}).status, 200);
+  EXPECT_EQ(peer.post(address("events"), "{}", {"Content-Encoding: br"}).status, 400);
+  EXPECT_EQ(*stringAt(received().at(2), "error"),
+            "the body is encoded as br, which nobody reads here");
+}
+
 TEST_F(EventCollectorTest, ABodyThatIsNoGzipIsRefusedAndWrittenDown) {
   const std::string whole = gzipped("{\"a\":1}");
   std::string damaged = whole;
   damaged[whole.size() / 2] ^= 1;
-  for (const std::string& body : {std::string("{}"), std::string(), whole.substr(0, 12), damaged}) {
+  for (const std::string& body :
+       {std::string("{}"), std::string(), whole.substr(0, 12), damaged, whole + "x"}) {
     const Got got = peer.post(address("events"), body, {"Content-Encoding: gzip"});
     EXPECT_EQ(got.status, 400);
     EXPECT_EQ(got.body, "the body is not gzip\n");
   }
-  ASSERT_EQ(received().size(), 4u);
+  ASSERT_EQ(received().size(), 5u);
   for (const Dictionary& written : received()) {
     EXPECT_EQ(*stringAt(written, "error"), "the body is not gzip");
     EXPECT_FALSE(written.contains("message"));
