@@ -34,7 +34,7 @@ std::pair<int, std::uint16_t> listenOnLoopback(std::uint16_t port) {
       ::getsockname(listener, generic, &size) != 0) {
     const std::string reason = std::strerror(errno);
     if (listener >= 0) ::close(listener);
-    throw std::runtime_error("cannot listen on 127.0.0.1: " + reason);
+    throw std::runtime_error(fmt::format("cannot listen on 127.0.0.1 port {}: {}", port, reason));
   }
   return {listener, ntohs(address.sin_port)};
 }

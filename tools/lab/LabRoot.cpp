@@ -1,8 +1,12 @@
 #include "tools/lab/LabRoot.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/file.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
@@ -47,15 +51,23 @@ Dictionary sampleStorebag(const std::string& name) {
 
 }  // namespace
 
-LabRoot::LabRoot(std::string root) : _root(fs::absolute(std::move(root)).lexically_normal().string()) {
+LabRoot::LabRoot(std::string root)
+    : _root(fs::absolute(std::move(root)).lexically_normal().string()) {
   const Paths paths(_root);
   for (const std::string& folder :
        {tlsFolder(), storebagFolder(), paths.entitlementsFolder, paths.sandboxFolder,
         paths.preferencesFolder, fs::path(paths.socket).parent_path().string()}) {
     std::error_code error;
     fs::create_directories(folder, error);
-    if (error) throw std::runtime_error("cannot make the folder " + folder + ": " + error.message());
+    if (error)
+      throw std::runtime_error("cannot make the folder " + folder + ": " + error.message());
   }
+  const std::string folder = _root + "/lab";
+  _lock = Descriptor(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!_lock || flock(_lock.get(), LOCK_EX | LOCK_NB) != 0)
+    throw std::runtime_error(errno == EWOULDBLOCK
+                                 ? "another lab serves " + _root
+                                 : "cannot lock " + folder + ": " + std::strerror(errno));
 }
 
 void LabRoot::write(const std::string& path, const std::string& bytes) const {
@@ -78,10 +90,10 @@ void LabRoot::writeFiles(const std::string& publicKeyDER) const {
                      {"match", Dictionary{{"user", fmt::format("{}", getuid())}}},
                      {"entitlements", Dictionary{{"com.halcyon.private.corvidd", true}}}})));
   // A virtual machine may not know what it is, and without a product family nothing reports.
-  writeIfMissing(paths.deviceFile,
-                 writeXMLPropertyList(Value(Dictionary{{"DeviceName", "Workbench"},
-                                                       {"ProductType", "Workbench1,1"},
-                                                       {"HWModelStr", "W11"}})));
+  writeIfMissing(
+      paths.deviceFile,
+      writeXMLPropertyList(Value(Dictionary{
+          {"DeviceName", "Workbench"}, {"ProductType", "Workbench1,1"}, {"HWModelStr", "W11"}})));
   for (const char* name :
        {"lumen", "tessel", "parlor", "orrery", "cadence", "quill", "ledger", "folio", "reel"})
     writeIfMissing(fmt::format("{}/{}.plist", storebagFolder(), name),
@@ -90,10 +102,10 @@ void LabRoot::writeFiles(const std::string& publicKeyDER) const {
 
 void LabRoot::writeDeployment(std::uint16_t storebagPort, const std::string& caFile) const {
   const std::string host = fmt::format("localhost:{}", storebagPort);
-  write(Paths(_root).deploymentFile,
-        writeXMLPropertyList(Value(Dictionary{{"ProductionStorebagHost", host},
-                                              {"InternalStorebagHost", host},
-                                              {"CAFile", caFile}})));
+  write(
+      Paths(_root).deploymentFile,
+      writeXMLPropertyList(Value(Dictionary{
+          {"ProductionStorebagHost", host}, {"InternalStorebagHost", host}, {"CAFile", caFile}})));
 }
 
 }  // namespace corvid::lab

@@ -4,10 +4,14 @@
 #include <cstdint>
 #include <string>
 
+#include "platform/base/Descriptor.h"
+
 namespace corvid::lab {
 
 // Lays the folders out; files of the lab itself stand in DIR/lab. What a person may have edited
 // (storebags, device answers, entitlements, preferences) is written only where it is missing.
+//
+// While it lives no other lab can have the same root.
 //
 // Errors    std::runtime_error, saying which file.
 class LabRoot {
@@ -30,6 +34,7 @@ class LabRoot {
   void writeIfMissing(const std::string& path, const std::string& bytes) const;
 
   const std::string _root;
+  Descriptor _lock;
 };
 
 }  // namespace corvid::lab

@@ -114,6 +114,19 @@ TEST(LabRootFolders, ARelativeRootWithBlanksIsMadeWhereItIsMissing) {
   std::filesystem::current_path(before);
 }
 
+TEST_F(LabTest, AnotherLabCannotHaveTheSameRoot) {
+  const std::string deployment = contentOf(paths.deploymentFile);
+  EXPECT_EQ(failureOf(root.path()), "another lab serves " + root.path());
+  EXPECT_EQ(contentOf(paths.deploymentFile), deployment);
+}
+
+TEST_F(LabTest, APortInUseIsNamed) {
+  const ScratchRoot other;
+  const std::uint16_t port = lab.storebags().port();
+  EXPECT_EQ(failureOf(other.path(), {.reportPort = port}),
+            "cannot listen on 127.0.0.1 port " + std::to_string(port) + ": Address already in use");
+}
+
 TEST(LabRootFolders, AFileInTheWayIsNamed) {
   const ScratchRoot scratch;
   scratch.write("file", "x");
