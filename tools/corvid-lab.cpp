@@ -2,19 +2,22 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <exception>
 #include <fstream>
-#include <optional>
 #include <string>
-#include <string_view>
+#include <vector>
 
 #include "platform/data/JSON.h"
+#include "tools/CommandLine.h"
 #include "tools/lab/Lab.h"
 #include "tools/lab/ReceivedSummary.h"
 
 namespace {
+
+using corvid::tools::CommandLine;
+using corvid::tools::UsageError;
 
 constexpr const char* usage =
     "usage: corvid-lab --root DIR [--storebag-port N] [--report-port N] [--control-port N]\n"
@@ -28,20 +31,9 @@ constexpr const char* usage =
     "Ports are free ones unless given. POST a JSON object to the \"control\" address to plan a fault:\n"
     "{\"server\":\"events\",\"status\":503,\"times\":2} (also delay, redirect, cutBodyAfter,\n"
     "cutHeadAfter, endless, silent, corrupt, truncate; servers: storebags, events, realtime).\n"
-    "--show prints what has been received so far, for people, and ends.\n";
-
-[[noreturn]] void refuse(const std::string& why) {
-  std::fprintf(stderr, "corvid-lab: %s\n%s", why.c_str(), usage);
-  std::exit(64);
-}
-
-int number(std::string_view option, const char* text, int most) {
-  char* end = nullptr;
-  const long value = std::strtol(text, &end, 10);
-  if (end == text || *end != '\0' || value < 0 || value > most)
-    refuse(std::string(option) + " takes a whole number from 0 to " + std::to_string(most));
-  return static_cast<int>(value);
-}
+    "times is 1 unless given, -1 lasts until told otherwise.\n"
+    "--show prints what has been received so far, for people, and ends.\n"
+    "Exit status: 0 done, 1 it did not work (standard error says why), 64 wrong usage.\n";
 
 // Prints what stands in received.jsonl.
 int show(const std::string& root) {
@@ -58,41 +50,8 @@ int show(const std::string& root) {
   return 0;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  std::optional<std::string> root;
-  corvid::lab::Lab::Options options;
-  bool showOnly = false;
-  for (int i = 1; i < argc; ++i) {
-    const std::string_view option = argv[i];
-    if (option == "--show") {
-      showOnly = true;
-      continue;
-    }
-    if (option == "--help") {
-      std::fputs(usage, stdout);
-      return 0;
-    }
-    if (i + 1 == argc)
-      refuse("unknown option, or one that lacks its value: " + std::string(option));
-    const char* value = argv[++i];
-    if (option == "--root")
-      root = value;
-    else if (option == "--storebag-port")
-      options.storebagPort = static_cast<std::uint16_t>(number(option, value, 65535));
-    else if (option == "--report-port")
-      options.reportPort = static_cast<std::uint16_t>(number(option, value, 65535));
-    else if (option == "--control-port")
-      options.controlPort = static_cast<std::uint16_t>(number(option, value, 65535));
-    else if (option == "--max-age")
-      options.maxAge = number(option, value, 1'000'000'000);
-    else
-      refuse("unknown option " + std::string(option));
-  }
-  if (!root) refuse("--root is missing");
-  if (showOnly) return show(*root);
-
+// Serves until somebody ends it.
+int serve(const std::string& root, const corvid::lab::Lab::Options& options) {
   // Blocked before the servers' threads exist, so that only sigwait below receives them.
   sigset_t ending;
   sigemptyset(&ending);
@@ -101,15 +60,46 @@ int main(int argc, char** argv) {
   pthread_sigmask(SIG_BLOCK, &ending, nullptr);
   signal(SIGPIPE, SIG_IGN);
 
+  const corvid::lab::Lab lab(root, options);
+  std::printf("%s\n", corvid::writeJSON(lab.addresses())->c_str());
+  std::fflush(stdout);
+  int signalNumber = 0;
+  sigwait(&ending, &signalNumber);
+  return 0;
+}
+
+int run(const std::vector<std::string>& arguments) {
+  const CommandLine line(
+      arguments, {"--root", "--storebag-port", "--report-port", "--control-port", "--max-age"},
+      {"--show"});
+  if (!line.words().empty()) throw UsageError("unexpected " + line.words().front());
+  const auto root = line.folder("--root");
+  if (!root) throw UsageError("--root is missing");
+  const auto port = [&](const char* option) {
+    return static_cast<std::uint16_t>(line.number(option, 0, 65535).value_or(0));
+  };
+  corvid::lab::Lab::Options options;
+  options.storebagPort = port("--storebag-port");
+  options.reportPort = port("--report-port");
+  options.controlPort = port("--control-port");
+  if (const auto seconds = line.number("--max-age", 0, 1'000'000'000))
+    options.maxAge = static_cast<int>(*seconds);
+  return line.has("--show") ? show(*root) : serve(*root, options);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
   try {
-    const corvid::lab::Lab lab(*root, options);
-    std::printf("%s\n", corvid::writeJSON(lab.addresses())->c_str());
-    std::fflush(stdout);
-    int signalNumber = 0;
-    sigwait(&ending, &signalNumber);
+    return run(std::vector<std::string>(argv + 1, argv + argc));
+  } catch (const corvid::tools::HelpRequest&) {
+    std::fputs(usage, stdout);
+    return 0;
+  } catch (const UsageError& error) {
+    std::fprintf(stderr, "corvid-lab: %s\nTry corvid-lab --help.\n", error.what());
+    return corvid::tools::exitUsage;
   } catch (const std::exception& error) {
     std::fprintf(stderr, "corvid-lab: %s\n", error.what());
     return 1;
   }
-  return 0;
 }
