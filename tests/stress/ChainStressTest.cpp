@@ -6,7 +6,6 @@
 #include <chrono>
 #include <cstdlib>
 #include <functional>
-#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -92,6 +91,7 @@ class WatchedAgent final : public ListenerDelegate {
         [this](auto session) {
           const std::lock_guard lock(_mutex);
           _sessions.push_back(std::move(session));
+          ++_accepted;
         },
         [this](CorviddSession& session) {
           const std::lock_guard lock(_mutex);
@@ -106,6 +106,10 @@ class WatchedAgent final : public ListenerDelegate {
       if (auto kept = session.lock()) live.push_back(std::move(kept));
     return live;
   }
+  std::size_t accepted() {
+    const std::lock_guard lock(_mutex);
+    return _accepted;
+  }
   // Whether the session of that number has gone since the last time that it was asked about.
   bool takeGone(int number) {
     const std::lock_guard lock(_mutex);
@@ -116,6 +120,7 @@ class WatchedAgent final : public ListenerDelegate {
   const std::shared_ptr<CorviddAgent> _agent;
   std::mutex _mutex;
   std::vector<std::weak_ptr<CorviddSession>> _sessions;
+  std::size_t _accepted = 0;
   std::set<std::uint32_t> _gone;
 };
 
@@ -168,31 +173,39 @@ class ChainStress : public testing::TestWithParam<unsigned> {
     for (const auto& client : clients) threads.emplace_back([&] { act(*client); });
     for (std::thread& thread : threads) thread.join();
   }
-  // Until the daemon has nothing left to do for clients that have gone.
-  bool awaitPause() const {
-    const auto connected = static_cast<std::size_t>(
-        std::ranges::count_if(clients, [](const auto& client) { return client->isConnected(); }));
+  template <class Condition>
+  static bool await(Condition condition) {
     for (int tries = 0; tries < 30000; ++tries) {
-      if (listener->connections() == connected) return true;
+      if (condition()) return true;
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return false;
   }
-
-  // What holds a session that is in no group: the same for every one.
-  long referencesWithoutGroup() {
+  // Connects one more client and waits until it is being accepted: everybody before it has been.
+  client::Session probe() {
+    const std::size_t before = watched->accepted();
     client::Session::Options options;
     options.root = root.path();
     options.deadline = std::chrono::seconds(10);
+    client::Session session(std::move(options));
+    EXPECT_TRUE(session.connect());
+    EXPECT_TRUE(await([&] { return watched->accepted() > before; }));
+    return session;
+  }
+  // Until the daemon has nothing left to do for clients that have come or gone.
+  bool awaitPause() {
+    const auto connected = static_cast<std::size_t>(
+        std::ranges::count_if(clients, [](const auto& client) { return client->isConnected(); }));
+    probe();
+    return await([&] { return listener->connections() == connected; });
+  }
+
+  // What holds a session that is in no group: the same for every one.
+  long referencesWithoutGroup() {
     long references = 0;
     {
-      client::Session session(std::move(options));
-      EXPECT_TRUE(session.connect());
-      for (int tries = 0; tries < 10000 && watched->liveSessions().empty(); ++tries)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-      std::promise<void> answered;
-      EXPECT_TRUE(session.fetchDisplayURL([&](client::Status, auto) { answered.set_value(); }));
-      answered.get_future().wait();
+      const client::Session session = probe();
+      const client::Session next = probe();
       references = watched->liveSessions().at(0).use_count();
     }
     EXPECT_TRUE(awaitPause());
