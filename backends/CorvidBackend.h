@@ -16,6 +16,8 @@
 
 namespace corvid {
 
+class ExchangeGate;
+
 // Reporting state of a backend. Sessions treat sending and held as reporting.
 enum class BackendState : std::int32_t {
   waiting = 0,   // not evaluated yet, or user info is awaited
@@ -58,6 +60,9 @@ class CorvidBackend : public std::enable_shared_from_this<CorvidBackend> {
   // UTF-16 code units (all of them for ASCII text).
   static std::string convertIntoSHA256(std::string_view text);
 
+  // What bounds its exchanges with those of the client's other backends. Before the first event;
+  // without one a backend has its own.
+  virtual void setExchangeGate(std::shared_ptr<ExchangeGate>) {}
   // Releases what the backend holds outside its fields before it is dropped.
   virtual void cleanup() {}
   // Takes major and minor from the first two components of a text such as "8.0".

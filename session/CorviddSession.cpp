@@ -5,12 +5,29 @@
 
 #include <utility>
 
+#include "backends/ExchangeGate.h"
 #include "platform/Platform.h"
 #include "platform/base/Log.h"
 #include "platform/data/Crypto.h"
 #include "protocol/Keys.h"
 
 namespace corvid {
+
+namespace {
+
+// Whatever backends a client gets, and however often, their exchanges pass through one gate.
+BackendSetCreator sharingOneGate(BackendSetCreator creator) {
+  return [creator = std::move(creator), gate = std::make_shared<ExchangeGate>()](
+             const Dictionary* section, const Dictionary* sessionInfo, const Dictionary* userInfo,
+             const char* udid) {
+    auto table = creator(section, sessionInfo, userInfo, udid);
+    if (table)
+      for (const auto& [key, backend] : *table) backend->setExchangeGate(gate);
+    return table;
+  };
+}
+
+}  // namespace
 
 std::shared_ptr<CorviddSession> CorviddSession::initWithSessionDelegate(
     std::shared_ptr<CorviddSessionDelegate> delegate, std::shared_ptr<Connection> connection,
@@ -23,7 +40,7 @@ CorviddSession::CorviddSession(std::shared_ptr<CorviddSessionDelegate> delegate,
                                std::shared_ptr<Connection> connection, BackendSetCreator creator)
     : _sessionDelegate(std::move(delegate)),
       _connection(std::move(connection)),
-      _createBackends(std::move(creator)) {
+      _createBackends(sharingOneGate(std::move(creator))) {
   logDebug("initWithSessionDelegate: CorviddSession initWithSessionDelegate:{}",
            _sessionDelegate->description());
   uniqueDeviceID(_deviceid);

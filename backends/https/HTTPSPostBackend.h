@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "backends/CorvidBackend.h"
+#include "backends/ExchangeGate.h"
 #include "backends/https/EventFilters.h"
-#include "backends/https/ExchangeGate.h"
 #include "backends/https/HeldRecords.h"
 #include "platform/HTTPClient.h"
 
@@ -23,9 +23,9 @@ namespace corvid {
 //
 // Threads   As the base says. Sends, flushes and updates of one backend do not overlap;
 //           setCorrelatedSessionID and the properties may come in between from any thread.
-//           A send or a flush blocks, for a minute at most, while `exchangeLimit` of this backend's
-//           exchanges are under way or the HTTP client's queue is full. Completions of exchanges
-//           set `state` only, and only while the backend lives.
+//           A send or a flush blocks, for a minute at most, while its gate or the HTTP client's
+//           queue is full. Completions of exchanges set `state` only, and only while the backend
+//           lives.
 // Locks     `_lock` for the fields below; taken once a step, never across a post or a completion.
 class HTTPSPostBackend final : public CorvidBackend {
   struct Token {
@@ -33,9 +33,6 @@ class HTTPSPostBackend final : public CorvidBackend {
   };
 
  public:
-  // Exchanges of one backend under way at once, far below what the HTTP client's queue takes.
-  static constexpr std::size_t exchangeLimit = 32;
-
   // Nothing without a profile, a product family or (logged) a list of clients.
   static std::shared_ptr<HTTPSPostBackend> initWithName(
       const std::string& name, const Dictionary* profile,
@@ -44,6 +41,7 @@ class HTTPSPostBackend final : public CorvidBackend {
   HTTPSPostBackend(Token, const std::string& name, const Dictionary& profile,
                    const std::string& productFamily);
 
+  void setExchangeGate(std::shared_ptr<ExchangeGate> gate) override { _gate = std::move(gate); }
   void updateState() override { setState(updateBackendState()); }
   // Finds the client's entry, takes over its settings and says what state they lead to.
   BackendState updateBackendState();
@@ -135,8 +133,8 @@ class HTTPSPostBackend final : public CorvidBackend {
   const std::string _uuidRespectDnu;
   const std::string _uuidOverrideDnu;
   const bool _forceEventLogging;
-  // Synchronises itself.
-  const std::shared_ptr<ExchangeGate> _exchanges = std::make_shared<ExchangeGate>(exchangeLimit);
+  // Set before the first event; synchronises itself.
+  std::shared_ptr<ExchangeGate> _gate = std::make_shared<ExchangeGate>();
 
   std::optional<std::string> _postURL GUARDED_BY(_lock);
   std::optional<std::string> _realtimePostURL GUARDED_BY(_lock);

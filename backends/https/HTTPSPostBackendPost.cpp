@@ -128,7 +128,7 @@ void HTTPSPostBackend::postJSONMessage(std::string message, MessageFlag flag,
 
   // The time at the gate and that in front of a full queue count together.
   const auto start = std::chrono::steady_clock::now();
-  ExchangeGate::Pass pass = _exchanges->enter(request->timeout);
+  ExchangeGate::Pass pass = _gate->enter(request->timeout);
   request->patience = request->timeout - std::chrono::duration_cast<std::chrono::milliseconds>(
                                              std::chrono::steady_clock::now() - start);
   Platform::current().http().start(

@@ -36,6 +36,7 @@ class FakeBackend final : public CorvidBackend {
       : CorvidBackend(std::move(backendName), {}, std::nullopt), _journal(std::move(journal)) {}
   ~FakeBackend() override { note("gone"); }
 
+  void setExchangeGate(std::shared_ptr<ExchangeGate> given) override { gate = std::move(given); }
   void cleanup() override { note("cleanup"); }
   void updateState() override {
     note("updateState");
@@ -85,6 +86,7 @@ class FakeBackend final : public CorvidBackend {
   // Run when the state is computed.
   std::function<void()> onUpdateState;
 
+  std::shared_ptr<ExchangeGate> gate;
   std::vector<Sent> sent;
   std::vector<FlushCompletion> heldFlushes;
 

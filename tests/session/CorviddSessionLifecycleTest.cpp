@@ -208,6 +208,29 @@ TEST_F(CorviddSessionLifecycleTest, TheDefaultCreatorMakesTheDaemonsOwnBackends)
   EXPECT_TRUE(platform.log.has(LogLevel::error, "CorvidBackend(newBackendWithName): nonsense"));
 }
 
+TEST_F(CorviddSessionLifecycleTest, AllBackendsThatAClientEverHasShareOneGate) {
+  add(kCorvidBackendHTTPPost);
+  FakeBackend& second = add(kCorvidBackendHTTPPost2);
+  const auto kept = *table;
+  configureAndStart();
+  ASSERT_NE(second.gate, nullptr);
+  for (const auto& [key, backend] : kept)
+    EXPECT_EQ(std::static_pointer_cast<FakeBackend>(backend)->gate, second.gate);
+  FakeBackend& third = add(kCorvidBackendHTTPPost);
+  configureAndStart();
+  EXPECT_EQ(third.gate, second.gate);
+  FakeBackend& single = add(kCorvidBackendHTTPPost);
+  const auto keptToo = *table;
+  session->sendMessageWithSessionInfo({{"SessionID", 7}, {"ClientType", 5}}, std::nullopt, 1, 2,
+                                      std::nullopt, {});
+  EXPECT_EQ(single.gate, second.gate);
+
+  session = newSession();
+  FakeBackend& others = add(kCorvidBackendHTTPPost);
+  configureAndStart();
+  EXPECT_NE(others.gate, second.gate);
+}
+
 TEST_F(CorviddSessionLifecycleTest, ASecondConfigurationCleansTheOldBackendsUpUnflushed) {
   add(kCorvidBackendHTTPPost);
   configureAndStart();

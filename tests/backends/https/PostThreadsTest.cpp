@@ -8,35 +8,52 @@ namespace corvid {
 namespace {
 
 struct PostThreadsTest : PostBackendFixture {
-  static constexpr int limit = static_cast<int>(HTTPSPostBackend::exchangeLimit);
+  static constexpr int limit = static_cast<int>(ExchangeGate::clientLimit);
 };
 
 TEST_F(PostThreadsTest, PastItsLimitASendWaitsForAnExchangeToEnd) {
   const auto backend = makeFor(openEntry());
   for (int i = 0; i < limit; ++i) send(*backend, {{"x", i}}, 1);
-  ASSERT_EQ(platform.http->exchangesUnderWay(), HTTPSPostBackend::exchangeLimit);
+  ASSERT_EQ(platform.http->exchangesUnderWay(), ExchangeGate::clientLimit);
   auto next = std::async(std::launch::async, [&] { send(*backend, {{"x", limit}}, 1); });
   EXPECT_EQ(next.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
-  EXPECT_EQ(requests().size(), HTTPSPostBackend::exchangeLimit);
+  EXPECT_EQ(requests().size(), ExchangeGate::clientLimit);
   backend->setCorrelatedSessionID("NOT.BLOCKED");  // no lock is held meanwhile
   platform.http->completeNext(FakeHTTPClient::response(200));
   ASSERT_EQ(next.wait_for(std::chrono::seconds(20)), std::future_status::ready);
-  EXPECT_EQ(requests().size(), HTTPSPostBackend::exchangeLimit + 1);
+  EXPECT_EQ(requests().size(), ExchangeGate::clientLimit + 1);
 }
 
 TEST_F(PostThreadsTest, ExchangesThatEndedMakeRoomWithoutWaiting) {
   platform.http->answerWith([](const HTTPRequest&) { return FakeHTTPClient::error(1, "refused"); });
   const auto backend = makeFor(openEntry());
   for (int i = 0; i < 3 * limit; ++i) send(*backend, {{"x", i}}, 1);
-  EXPECT_EQ(requests().size(), 3 * HTTPSPostBackend::exchangeLimit);
+  EXPECT_EQ(requests().size(), 3 * ExchangeGate::clientLimit);
 }
 
-TEST_F(PostThreadsTest, EachBackendHasItsOwnLimit) {
+TEST_F(PostThreadsTest, WithoutAGateOfItsClientEachBackendHasItsOwn) {
   const auto first = makeFor(openEntry());
   const auto second = makeFor(openEntry());
   for (int i = 0; i < limit; ++i) send(*first, {}, 1);
   send(*second, {}, 1);
-  EXPECT_EQ(requests().size(), HTTPSPostBackend::exchangeLimit + 1);
+  EXPECT_EQ(requests().size(), ExchangeGate::clientLimit + 1);
+}
+
+TEST_F(PostThreadsTest, BackendsThatShareAGateWaitForEachOther) {
+  const auto gate = std::make_shared<ExchangeGate>(2);
+  for (int i = 0; i < 2; ++i) {
+    const auto gone = makeFor(openEntry());
+    gone->setExchangeGate(gate);
+    send(*gone, {}, 1);
+  }
+  EXPECT_EQ(gate->passesOut(), 2u);
+  const auto backend = makeFor(openEntry());
+  backend->setExchangeGate(gate);
+  auto next = std::async(std::launch::async, [&] { send(*backend, {}, 1); });
+  EXPECT_EQ(next.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+  platform.http->completeNext(FakeHTTPClient::response(200));
+  ASSERT_EQ(next.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+  EXPECT_EQ(requests().size(), 3u);
 }
 
 TEST_F(PostThreadsTest, OtherSessionsMayChangeABackendWhileItBatches) {

@@ -1,4 +1,4 @@
-#include "backends/https/ExchangeGate.h"
+#include "backends/ExchangeGate.h"
 
 namespace corvid {
 

@@ -1,7 +1,8 @@
 // Bounds how many HTTP exchanges of one owner are under way.
 //
 // Why: a client may produce events faster than their server takes them. It waits here, on its own
-// thread, before it fills the HTTP client's queue, which many owners share.
+// thread, before it fills the HTTP client's queue, which many owners share. All backends that a
+// client ever has share one gate: those of its single messages are many.
 #pragma once
 
 #include <chrono>
@@ -20,8 +21,11 @@ class ExchangeGate : public std::enable_shared_from_this<ExchangeGate> {
   // Leaves the gate when its last copy goes.
   using Pass = std::shared_ptr<void>;
 
+  // Far below what the HTTP client's queue takes.
+  static constexpr std::size_t clientLimit = 32;
+
   // `limit`: 1 or more.
-  explicit ExchangeGate(std::size_t limit) : _limit(limit) {}
+  explicit ExchangeGate(std::size_t limit = clientLimit) : _limit(limit) {}
 
   // Waits until fewer than `limit` passes are out, at most `patience`; after that the pass is given
   // all the same, so that a stuck exchange costs its owner time and never an event.

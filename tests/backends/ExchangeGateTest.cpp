@@ -5,7 +5,7 @@
 #include <thread>
 #include <vector>
 
-#include "backends/https/ExchangeGate.h"
+#include "backends/ExchangeGate.h"
 
 namespace corvid {
 namespace {
