@@ -1,0 +1,21 @@
+# Where everything goes. The daemon looks for its files below its root, so the prefix is the folder
+# usr of that root: "/usr" for the machine itself, or DIR/usr for a root to try things in.
+install(TARGETS corvidd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+install(TARGETS corvidctl corvid-lab RUNTIME)
+install(TARGETS corvid LIBRARY)
+install(DIRECTORY client/include/corvid DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+
+file(RELATIVE_PATH CORVID_PC_TO_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+string(REGEX REPLACE "/$" "" CORVID_PC_TO_PREFIX ${CORVID_PC_TO_PREFIX})
+configure_file(packaging/corvid.pc.in corvid.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/corvid.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+install(FILES packaging/sandbox/com.halcyon.corvidd.plist DESTINATION share/corvid/sandbox)
+install(FILES packaging/man/corvidctl.1 packaging/man/corvid-lab.1
+        DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES packaging/man/corvidd.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+install(FILES packaging/systemd/corvidd.service packaging/systemd/corvidd.socket
+        DESTINATION lib/systemd/system)
+install(FILES packaging/sysusers/corvidd.conf DESTINATION lib/sysusers.d)
+# A folder that is missing when the daemon enters its sandbox stays out of its reach.
+install(DIRECTORY DESTINATION ../etc/corvid/entitlements.d)
