@@ -51,11 +51,14 @@ void measurePosts(Reference& reference, const std::string& body, const std::stri
   headers = curl_slist_append(headers, "Content-Encoding: gzip");
   curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
   curl_easy_setopt(curl, CURLOPT_CAINFO, caFile.c_str());
+  // As the daemon does.
+  curl_easy_setopt(curl, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
   curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
   curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.data());
   curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size()));
   curl_easy_setopt(curl, CURLOPT_TIMEOUT, 30L);
-  if (curl_easy_perform(curl) != CURLE_OK) throw std::runtime_error("the reference POST failed");
+  if (const CURLcode code = curl_easy_perform(curl); code != CURLE_OK)
+    throw std::runtime_error(std::string("the reference POST failed: ") + curl_easy_strerror(code));
   std::vector<double> durations;
   reference.postMicros = microsEach(2000, [&] {
     const auto before = std::chrono::steady_clock::now();
