@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <functional>
+#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -91,7 +92,6 @@ class WatchedAgent final : public ListenerDelegate {
         [this](auto session) {
           const std::lock_guard lock(_mutex);
           _sessions.push_back(std::move(session));
-          ++_accepted;
         },
         [this](CorviddSession& session) {
           const std::lock_guard lock(_mutex);
@@ -106,10 +106,6 @@ class WatchedAgent final : public ListenerDelegate {
       if (auto kept = session.lock()) live.push_back(std::move(kept));
     return live;
   }
-  std::size_t accepted() {
-    const std::lock_guard lock(_mutex);
-    return _accepted;
-  }
   // Whether the session of that number has gone since the last time that it was asked about.
   bool takeGone(int number) {
     const std::lock_guard lock(_mutex);
@@ -120,7 +116,6 @@ class WatchedAgent final : public ListenerDelegate {
   const std::shared_ptr<CorviddAgent> _agent;
   std::mutex _mutex;
   std::vector<std::weak_ptr<CorviddSession>> _sessions;
-  std::size_t _accepted = 0;
   std::set<std::uint32_t> _gone;
 };
 
@@ -181,15 +176,15 @@ class ChainStress : public testing::TestWithParam<unsigned> {
     }
     return false;
   }
-  // Connects one more client and waits until it is being accepted: everybody before it has been.
+  // Connects one more client and waits until it is served: everybody before it has been accepted.
   client::Session probe() {
-    const std::size_t before = watched->accepted();
     client::Session::Options options;
     options.root = root.path();
     options.deadline = std::chrono::seconds(10);
     client::Session session(std::move(options));
-    EXPECT_TRUE(session.connect());
-    EXPECT_TRUE(await([&] { return watched->accepted() > before; }));
+    std::promise<void> answered;
+    EXPECT_TRUE(session.fetchDisplayURL([&](client::Status, auto) { answered.set_value(); }));
+    EXPECT_EQ(answered.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
     return session;
   }
   // Until the daemon has nothing left to do for clients that have come or gone.
