@@ -11,7 +11,6 @@ namespace corvid {
 
 namespace {
 
-constexpr std::size_t infoFileLimit = std::size_t{256} << 10;
 constexpr std::string_view unknownLibraryVersion = "8.0";
 
 std::optional<std::string> answer(std::string_view key) {

@@ -26,5 +26,6 @@ bool isInternalBuild();
 
 // "BundleVersion" of the client library's Info.plist, "8.0" without one. Read at each call.
 std::string clientLibraryVersion();
+inline constexpr std::size_t infoFileLimit = std::size_t{256} << 10;  // a longer one counts as none
 
 }  // namespace corvid

@@ -15,7 +15,6 @@ namespace corvid {
 namespace {
 
 constexpr std::chrono::seconds fetchTimeout{15};
-constexpr std::size_t publicKeyLimit = std::size_t{16} << 10;
 // The one storebag whose clients go on reporting when no server can be reached.
 constexpr std::string_view fallbackName = "parlor";
 

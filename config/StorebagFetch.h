@@ -9,6 +9,9 @@
 
 namespace corvid {
 
+// A longer public key file counts as none.
+inline constexpr std::size_t publicKeyLimit = std::size_t{16} << 10;
+
 // Base URL of the storebag server, without a trailing slash; computed once per process.
 const std::string& storebagServerURL();
 

@@ -11,11 +11,14 @@
 #include <system_error>
 #include <utility>
 
+#include "config/DeviceInformation.h"
+#include "config/StorebagFetch.h"
 #include "platform/Deployment.h"
 #include "platform/base/Reading.h"
 #include "platform/base/Result.h"
 #include "platform/data/Crypto.h"
 #include "platform/data/DeploymentFile.h"
+#include "platform/data/RegularFile.h"
 #include "platform/system/SandboxProfile.h"
 #include "platform/system/SettingsFile.h"
 #include "protocol/Keys.h"
@@ -117,6 +120,8 @@ void ConfigCheck::checkDeployment() {
     return;
   }
   const Deployment& settings = deployment.value();
+  for (const std::string& setting : settings.passedOver)
+    wrong(path, fmt::format("\"{}\" is of the wrong type and is passed over; correct it", setting));
   right(path, fmt::format("storebags come from {}, on internal builds from {}",
                           settings.productionStorebagHost, settings.internalStorebagHost));
   if (settings.allowInsecureHTTP)
@@ -135,7 +140,7 @@ void ConfigCheck::checkCAFile(const std::string& path) {
 }
 
 void ConfigCheck::checkPublicKey() {
-  const Result<std::string> content = readSettingsFile(_paths.publicKeyFile);
+  const Result<std::string> content = readRegularFile(_paths.publicKeyFile, publicKeyLimit);
   if (!content) {
     wrong(_paths.publicKeyFile,
           content.failure().message + "; install the key that the storebags are signed with");
@@ -150,6 +155,10 @@ void ConfigCheck::checkPublicKey() {
 void ConfigCheck::checkInfo() {
   const auto info = dictionaryIn(_paths.infoFile, Kind::note, "missing: the version is 8.0");
   if (!info) return;
+  if (!readRegularFile(_paths.infoFile, infoFileLimit))
+    return wrong(
+        _paths.infoFile,
+        fmt::format("longer than {} bytes, so the version is 8.0; shorten it", infoFileLimit));
   if (const std::string* version = stringAt(*info, "BundleVersion"))
     right(_paths.infoFile, "version " + *version);
   else

@@ -49,10 +49,15 @@ class Logging {
 // Without a usable file the defaults hold, which reach nothing.
 Deployment deploymentAt(const std::string& path) {
   Result<Deployment> deployment = readDeployment(path);
-  if (deployment) return std::move(deployment).value();
-  logError("main: The deployment cannot be used, so no storebag server is reached: {}",
-           deployment.failure().message);
-  return {};
+  if (!deployment) {
+    logError("main: The deployment cannot be used, so no storebag server is reached: {}",
+             deployment.failure().message);
+    return {};
+  }
+  for (const std::string& setting : deployment.value().passedOver)
+    logError("main: The deployment's {} is of the wrong type and is passed over: {}", setting,
+             path);
+  return std::move(deployment).value();
 }
 
 bool enterSandbox(const Options& options, const Paths& paths, const Deployment& deployment) {

@@ -3,6 +3,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace corvid {
 
@@ -14,6 +15,8 @@ struct Deployment {
   std::optional<std::string> caFile;
   // Lets plain http through; for loopback tests.
   bool allowInsecureHTTP = false;
+  // Settings that are passed over because their value is of the wrong type.
+  std::vector<std::string> passedOver;
 };
 
 }  // namespace corvid

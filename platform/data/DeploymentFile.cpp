@@ -4,7 +4,6 @@
 
 #include <cerrno>
 
-#include "platform/base/Reading.h"
 #include "platform/data/PropertyList.h"
 #include "platform/data/RegularFile.h"
 
@@ -12,9 +11,31 @@ namespace corvid {
 
 namespace {
 
-void take(const Dictionary& settings, std::string_view key, auto& into) {
-  if (const std::string* text = stringAt(settings, key); text && !text->empty()) into = *text;
-}
+class Settings {
+ public:
+  Settings(const Dictionary& values, std::vector<std::string>& passedOver)
+      : _values(values), _passedOver(passedOver) {}
+
+  void takeText(std::string_view key, auto& into) {
+    const Value* value = find(key, Value::Type::string);
+    if (value && !value->string()->empty()) into = *value->string();
+  }
+  // Nothing but a plain yes lowers a guard.
+  void takeBoolean(std::string_view key, bool& into) {
+    if (const Value* value = find(key, Value::Type::boolean)) into = *value->boolean();
+  }
+
+ private:
+  const Value* find(std::string_view key, Value::Type type) {
+    const Value* value = _values.find(key);
+    if (!value || value->type() == type) return value;
+    _passedOver.emplace_back(key);
+    return nullptr;
+  }
+
+  const Dictionary& _values;
+  std::vector<std::string>& _passedOver;
+};
 
 }  // namespace
 
@@ -25,15 +46,14 @@ Result<Deployment> readDeployment(const std::string& path) {
   if (!bytes) return bytes.failure();
   const Result<Value> list = parsePropertyList(bytes.value());
   if (!list) return Failure{fmt::format("{}: {}", path, list.failure().message)};
-  const Dictionary* settings = list.value().dictionary();
-  if (!settings) return Failure{fmt::format("{}: The property list is no dictionary", path)};
+  const Dictionary* values = list.value().dictionary();
+  if (!values) return Failure{fmt::format("{}: The property list is no dictionary", path)};
 
-  take(*settings, "ProductionStorebagHost", deployment.productionStorebagHost);
-  take(*settings, "InternalStorebagHost", deployment.internalStorebagHost);
-  take(*settings, "CAFile", deployment.caFile);
-  // Nothing but a plain yes lowers the guard.
-  if (const Value* allow = settings->find("AllowInsecureHTTP"))
-    deployment.allowInsecureHTTP = allow->boolean().value_or(false);
+  Settings settings(*values, deployment.passedOver);
+  settings.takeText("ProductionStorebagHost", deployment.productionStorebagHost);
+  settings.takeText("InternalStorebagHost", deployment.internalStorebagHost);
+  settings.takeText("CAFile", deployment.caFile);
+  settings.takeBoolean("AllowInsecureHTTP", deployment.allowInsecureHTTP);
   return deployment;
 }
 

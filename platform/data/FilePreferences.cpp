@@ -59,13 +59,16 @@ class FilePreferences::FolderLock {
       while (result != 0 && errno == EINTR);
       _isHeld = result == 0;
     }
-    if (!_isHeld) logError("FilePreferences: cannot lock {}: {}", folder, std::strerror(errno));
+    if (!_isHeld) _error = errno;
   }
   explicit operator bool() const { return _isHeld; }
+  // Why it is not held.
+  int error() const { return _error; }
 
  private:
   Descriptor _descriptor;
   bool _isHeld = false;
+  int _error = 0;
 };
 
 std::optional<Value> FilePreferences::value(std::string_view suite, std::string_view key) {
@@ -103,10 +106,15 @@ bool FilePreferences::change(std::string_view suite, Change apply) {
   const MutexLock lock(_mutex);
   createFolder(_folder);
   const FolderLock folderLock(_folder);
-  if (!folderLock) return false;
+  if (!folderLock) {
+    complain(fmt::format("FilePreferences: cannot lock {}: {}", _folder,
+                         std::strerror(folderLock.error())));
+    return false;
+  }
   const Suite& before = current(suite, &folderLock);
   if (!before.isUsable) {
-    logError("FilePreferences: {} is left as it is, and a change of it is lost", pathOf(suite));
+    complain(fmt::format("FilePreferences: {} is left as it is, and changes of it are lost",
+                         pathOf(suite)));
     return false;
   }
   Dictionary entries = before.entries;
@@ -122,11 +130,18 @@ bool FilePreferences::write(std::string_view suite, const Dictionary& entries) {
     return false;
   }
   if (const std::optional<Failure> failure = replaceRegularFile(path, text)) {
-    logError("FilePreferences: a change of {} is lost: {}", path, failure->message);
+    complain(fmt::format("FilePreferences: a change of {} is lost: {}", path, failure->message));
     return false;
   }
+  _complaint.clear();
   _suites.find(suite)->second = {stampOf(path), true, *readBack.value().dictionary()};
   return true;
+}
+
+void FilePreferences::complain(std::string complaint) {
+  if (complaint == _complaint) return;
+  logError("{}", complaint);
+  _complaint = std::move(complaint);
 }
 
 const FilePreferences::Suite& FilePreferences::current(std::string_view name,

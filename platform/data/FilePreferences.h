@@ -21,6 +21,7 @@ namespace corvid {
 //            "<suite>.plist.damaged-<n>", logged as an error, and the suite starts empty. A file
 //            that cannot be read, or not be set aside, is logged and stays: the suite counts as
 //            empty and refuses changes.
+// Errors     A reason for which changes are lost is logged once, until one succeeds.
 // Limits     Suite names are up to 200 letters, digits, "-", "_" and "." (not first); others are
 //            refused and logged. So are values that would make a file that cannot be read again.
 class FilePreferences final : public Preferences {
@@ -58,6 +59,7 @@ class FilePreferences final : public Preferences {
   template <class Change>
   bool change(std::string_view suite, Change apply) EXCLUDES(_mutex);
   bool write(std::string_view suite, const Dictionary& entries) REQUIRES(_mutex);
+  void complain(std::string complaint) REQUIRES(_mutex);
 
   static Stamp stampOf(const std::string& path);
   // Whether a file may have changed again since, and its times not show it.
@@ -67,6 +69,7 @@ class FilePreferences final : public Preferences {
   const std::string _folder;
   Mutex _mutex;
   std::map<std::string, Suite, std::less<>> _suites GUARDED_BY(_mutex);
+  std::string _complaint GUARDED_BY(_mutex);  // the last about a lost change
 };
 
 }  // namespace corvid

@@ -34,8 +34,7 @@ std::string unquoted(std::string_view word) {
 }  // namespace
 
 Result<std::string> readSettingsFile(const std::string& path) {
-  constexpr std::size_t limit = std::size_t{1} << 20;
-  return LocalFileSystem().readFile(path, limit);
+  return LocalFileSystem().readFile(path, PropertyListLimits().bytes);
 }
 
 Result<Dictionary> readDictionaryFile(const std::string& path) {

@@ -10,7 +10,8 @@
 
 namespace corvid {
 
-// The whole content of a regular file of moderate size; failures as in FileSystem::readFile.
+// The whole content of a regular file, at most as long as a property list may be; failures as in
+// FileSystem::readFile.
 Result<std::string> readSettingsFile(const std::string& path);
 
 // The dictionary in a property list. The failure names the file and what is wrong with it.

@@ -44,10 +44,12 @@ void SystemDeviceInformation::updateDeviceAnswers() {
   _deviceAnswers = {};
   if (version == FileVersion{}) return;
   Result<Dictionary> answers = readDictionaryFile(_deviceFile);
-  if (answers)
-    _deviceAnswers = std::move(answers).value();
-  else
-    logError("deviceInformation: {}; going on without it", answers.failure().message);
+  if (!answers)
+    return logError("deviceInformation: {}; going on without it", answers.failure().message);
+  _deviceAnswers = std::move(answers).value();
+  for (const auto& [key, value] : _deviceAnswers)
+    if (!value.string())
+      logError("deviceInformation: {}: \"{}\" is no text and is passed over", _deviceFile, key);
 }
 
 }  // namespace corvid

@@ -135,6 +135,25 @@ TEST_F(CheckConfig, TakesABarePublicKeyToo) {
   EXPECT_EQ(finding(publicKey), "right: an RSA public key");
 }
 
+TEST_F(CheckConfig, KnowsHowLongEachFileMayBe) {
+  root.write(publicKey, trustedSigner().publicKeyDER() + std::string(20'000, '\0'));
+  EXPECT_TRUE(finding(publicKey).starts_with("wrong: Longer than 16384 bytes"));
+  const Dictionary version{{"BundleVersion", "8.1"}, {"filler", std::string(300'000, 'x')}};
+  writeList(info, version);
+  EXPECT_TRUE(finding(info).starts_with("wrong: longer than 262144 bytes"));
+  const Dictionary filler{{"filler", std::string(3'000'000, 'x')}};
+  writeList("var/lib/corvidd/Preferences/com.halcyon.corvid.plist", filler);
+  EXPECT_EQ(finding("var/lib/corvidd/Preferences/com.halcyon.corvid.plist"),
+            "right: 1 preferences");
+}
+
+TEST_F(CheckConfig, FindsADeploymentOfTheWrongTypesWrong) {
+  writeList(deployment, Dictionary{{"ProductionStorebagHost", 5}, {"AllowInsecureHTTP", "yes"}});
+  EXPECT_EQ(findings(deployment).front(),
+            "wrong: \"ProductionStorebagHost\" is of the wrong type and is passed over; correct it");
+  EXPECT_EQ(findings(deployment).size(), 3u);
+}
+
 TEST_F(CheckConfig, NeedsAVersionThatIsAText) {
   writeList(info, Dictionary{{"BundleVersion", 8}});
   EXPECT_EQ(finding(info), "wrong: no text under BundleVersion, so the version is 8.0; add one");

@@ -49,10 +49,13 @@ TEST_F(DeploymentFileTest, WithoutTheFileOrTheKeysTheDefaultsHold) {
 }
 
 TEST_F(DeploymentFileTest, SettingsOfAnotherTypeAndEmptyTextsCountAsAbsent) {
-  expectDefaults(read({{"ProductionStorebagHost", 5},
-                       {"InternalStorebagHost", ""},
-                       {"CAFile", Array{}},
-                       {"AllowInsecureHTTP", "true"}}));
+  const Deployment deployment = read({{"ProductionStorebagHost", 5},
+                                      {"InternalStorebagHost", ""},
+                                      {"CAFile", Array{}},
+                                      {"AllowInsecureHTTP", "true"}});
+  expectDefaults(deployment);
+  EXPECT_EQ(deployment.passedOver, (std::vector<std::string>{"ProductionStorebagHost", "CAFile",
+                                                             "AllowInsecureHTTP"}));
   expectDefaults(read({{"AllowInsecureHTTP", 1}}));
 }
 

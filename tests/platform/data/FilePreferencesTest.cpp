@@ -178,8 +178,10 @@ TEST_F(FilePreferencesTest, WhatCannotBeReadIsNeverOverwritten) {
             (std::vector<std::string>{"FilePreferences: cannot read " + file() +
                                       ": Is a directory; its preferences count as absent"}));
   EXPECT_FALSE(preferences.setValue("suite", "k", 1));
+  EXPECT_FALSE(preferences.setValue("suite", "k", 2));
+  ASSERT_EQ(errors().size(), 2u);
   EXPECT_EQ(errors().back(),
-            "FilePreferences: " + file() + " is left as it is, and a change of it is lost");
+            "FilePreferences: " + file() + " is left as it is, and changes of it are lost");
   EXPECT_TRUE(std::filesystem::is_directory(file()));
   // Once it is gone, all is well.
   std::filesystem::remove(file());
@@ -204,6 +206,18 @@ TEST_F(FilePreferencesTest, AChangeThatCannotBeWrittenKeepsTheOldValues) {
   EXPECT_EQ(FilePreferences(folder).value("suite", "k"), Value(1));
 }
 
+TEST_F(FilePreferencesTest, AReasonForLostChangesIsLoggedOnceUntilOneSucceeds) {
+  const std::string obstacle = "var/Preferences/suite.plist.new/in the way";
+  scratch.write(obstacle, "");
+  for (int i = 0; i < 3; ++i) EXPECT_FALSE(preferences.setValue("suite", "k", i));
+  EXPECT_EQ(errors().size(), 1u);
+  std::filesystem::remove_all(file() + ".new");
+  EXPECT_TRUE(preferences.setValue("suite", "k", 1));
+  scratch.write(obstacle, "");
+  EXPECT_FALSE(preferences.setValue("suite", "k", 2));
+  EXPECT_EQ(errors().size(), 2u);
+}
+
 TEST_F(FilePreferencesTest, WhatACrashLeftHalfWrittenIsNoObstacle) {
   write("<dict><key>ha", "suite.plist.new");
   EXPECT_TRUE(preferences.setValue("suite", "k", 1));
@@ -213,6 +227,7 @@ TEST_F(FilePreferencesTest, WhatACrashLeftHalfWrittenIsNoObstacle) {
 
 TEST_F(FilePreferencesTest, WithoutAFolderToWriteInAChangeFails) {
   scratch.write("var", "a file where a folder should be");
+  EXPECT_FALSE(preferences.setValue("suite", "k", 1));
   EXPECT_FALSE(preferences.setValue("suite", "k", 1));
   EXPECT_EQ(errors(), (std::vector<std::string>{"FilePreferences: cannot lock " + folder +
                                                 ": Not a directory"}));

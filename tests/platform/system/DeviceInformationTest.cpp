@@ -48,6 +48,9 @@ TEST_F(DeviceInformationTest, OtherTypeInTheDeviceFileIsAsIfItWereNotThere) {
   writeDMI("product_name", "Board 7");
   writeDeviceFile("<key>ProductType</key><integer>5</integer>");
   EXPECT_EQ(answer("ProductType"), "Board 7");
+  EXPECT_EQ(log.texts(LogLevel::error),
+            std::vector<std::string>{"deviceInformation: " + deviceFile +
+                                     ": \"ProductType\" is no text and is passed over"});
 }
 
 TEST_F(DeviceInformationTest, ChangedDeviceFileIsReadAgain) {
