@@ -131,7 +131,8 @@ int runDaemon(const Options& options) {
   sealSandbox(options);
   launcher->notifyReady("Serving");
   return launcher->runLoop(idleExit(options, *launcher), [&] {
-    return platform.http().exchangesUnderWay() > 0 || listener->connections() > 0;
+    return platform.http().exchangesUnderWay() > 0 || platform.network().isBusy() ||
+           listener->connections() > 0;
   });
 }
 

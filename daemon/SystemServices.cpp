@@ -5,6 +5,7 @@
 #include "platform/data/StoredConsent.h"
 #include "platform/data/SystemRandom.h"
 #include "platform/http/CurlHTTPClient.h"
+#include "platform/network/SystemNetwork.h"
 #include "platform/system/SystemDeviceInformation.h"
 #include "platform/system/SystemLocale.h"
 
@@ -18,11 +19,14 @@ Platform::Services systemServices(const Paths& paths, const Deployment& deployme
       .allowInsecureHTTP = deployment.allowInsecureHTTP,
       .onIdle = [launcher] { launcher->workEnded(); },
   });
+  const auto network = std::make_shared<SystemNetwork>(
+      SystemNetwork::Options{.onIdle = [launcher] { launcher->workEnded(); }});
   const auto preferences = std::make_shared<FilePreferences>(paths.preferencesFolder);
   const auto random = std::make_shared<SystemRandom>();
   return {
       .clock = clock,
       .http = http,
+      .network = network,
       .preferences = preferences,
       .deviceInformation = std::make_shared<SystemDeviceInformation>(paths.deviceFile),
       .locale = std::make_shared<SystemLocale>(paths.localeFile),

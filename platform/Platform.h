@@ -18,6 +18,7 @@
 #include "platform/HTTPClient.h"
 #include "platform/KeepAlive.h"
 #include "platform/LocaleInformation.h"
+#include "platform/Network.h"
 #include "platform/Paths.h"
 #include "platform/Preferences.h"
 #include "platform/Random.h"
@@ -45,6 +46,7 @@ class Platform {
   struct Services {
     std::shared_ptr<Clock> clock;
     std::shared_ptr<HTTPClient> http;
+    std::shared_ptr<Network> network;
     std::shared_ptr<Preferences> preferences;
     std::shared_ptr<DeviceInformationService> deviceInformation;
     std::shared_ptr<LocaleInformation> locale;
@@ -65,6 +67,7 @@ class Platform {
 
   Clock& clock() { return *_services.clock; }
   HTTPClient& http() { return *_services.http; }
+  Network& network() { return *_services.network; }
   Preferences& preferences() { return *_services.preferences; }
   DeviceInformationService& deviceInformation() { return *_services.deviceInformation; }
   LocaleInformation& locale() { return *_services.locale; }

@@ -19,6 +19,7 @@ void TestPlatform::restart() {
   _platform = std::make_unique<Platform>(Platform::Services{
       .clock = clock,
       .http = http,
+      .network = network,
       .preferences = preferences,
       .deviceInformation = device,
       .locale = locale,

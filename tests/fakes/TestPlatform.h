@@ -8,6 +8,7 @@
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/FakeFileSystem.h"
 #include "tests/fakes/FakeHTTPClient.h"
+#include "tests/fakes/FakeNetwork.h"
 #include "tests/fakes/FakeServices.h"
 
 namespace corvid {
@@ -28,6 +29,7 @@ struct TestPlatform {
   CapturedLog log;
   std::shared_ptr<FakeClock> clock = std::make_shared<FakeClock>();
   std::shared_ptr<FakeHTTPClient> http = std::make_shared<FakeHTTPClient>();
+  std::shared_ptr<FakeNetwork> network = std::make_shared<FakeNetwork>(clock);
   std::shared_ptr<FakePreferences> preferences = std::make_shared<FakePreferences>();
   std::shared_ptr<FakeDeviceInformation> device = std::make_shared<FakeDeviceInformation>();
   std::shared_ptr<FakeLocale> locale = std::make_shared<FakeLocale>();

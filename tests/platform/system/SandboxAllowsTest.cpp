@@ -17,14 +17,18 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstring>
+#include <future>
 #include <thread>
+#include <utility>
 
 #ifdef __SANITIZE_ADDRESS__
 #include <sanitizer/lsan_interface.h>
 #endif
 
 #include "platform/base/Descriptor.h"
+#include "platform/network/SystemNetwork.h"
 #include "platform/system/Entitlements.h"
 #include "platform/system/SettingsFile.h"
 #include "platform/system/SystemDeviceInformation.h"
@@ -205,6 +209,39 @@ TEST_F(SandboxAllows, Datagrams) {
               if (send(client.get(), "packet", 6, 0) != 6) return 2;
               char packet[16];
               return recv(server.get(), packet, sizeof packet, 0) == 6 ? 0 : 3;
+            }),
+            0);
+}
+
+TEST_F(SandboxAllows, TheNetworkThreadToSendAndToBeAnswered) {
+  EXPECT_EQ(inSandbox([] {
+              sockaddr_in address{};
+              const Descriptor server = boundSocket(SOCK_DGRAM, address);
+              SystemNetwork network;
+              const auto queue = network.createQueue("sandboxed");
+              const auto socket = std::move(network.openDatagramSocket()).value();
+              if (socket->bindToAnyPort() != 0) return 1;
+              if (socket->connect(INADDR_LOOPBACK, ntohs(address.sin_port)) != 0) return 2;
+              std::promise<bool> answered;
+              const auto source = queue->createReadSource(
+                  *socket,
+                  [&] {
+                    char answer[16];
+                    answered.set_value(socket->receive(answer) == 6u);
+                  },
+                  nullptr);
+              const auto timer = queue->createTimer(
+                  std::chrono::milliseconds(1), [&] { socket->send("packet"); }, nullptr);
+              timer->setArmed(true);
+              char packet[16];
+              socklen_t size = sizeof address;
+              auto* const client = reinterpret_cast<sockaddr*>(&address);
+              if (recvfrom(server.get(), packet, sizeof packet, 0, client, &size) != 6) return 3;
+              timer->setArmed(false);
+              if (sendto(server.get(), packet, 6, 0, client, size) != 6) return 4;
+              auto outcome = answered.get_future();
+              if (outcome.wait_for(std::chrono::seconds(10)) != std::future_status::ready) return 5;
+              return outcome.get() ? 0 : 6;
             }),
             0);
 }

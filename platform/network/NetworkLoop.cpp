@@ -1,0 +1,257 @@
+#include "platform/network/NetworkLoop.h"
+
+#include <pthread.h>
+#include <signal.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <limits>
+#include <system_error>
+
+namespace corvid {
+
+namespace {
+
+constexpr std::size_t eventsPerWait = 64;
+
+// Signals are the main thread's.
+void blockSignals() {
+  sigset_t all;
+  sigfillset(&all);
+  pthread_sigmask(SIG_BLOCK, &all, nullptr);
+}
+
+Descriptor made(int descriptor) {
+  if (descriptor < 0) throw std::system_error(errno, std::generic_category(), "network loop");
+  return Descriptor(descriptor);
+}
+
+// Level-triggered: what a handler leaves is reported again.
+bool watch(int poll, int descriptor, std::uint64_t source) {
+  epoll_event wanted{};
+  wanted.events = EPOLLIN;
+  wanted.data.u64 = source;
+  return epoll_ctl(poll, EPOLL_CTL_ADD, descriptor, &wanted) == 0;
+}
+
+}  // namespace
+
+NetworkLoop::NetworkLoop(std::function<void()> onIdle)
+    : _onIdle(std::move(onIdle)),
+      _poll(made(epoll_create1(EPOLL_CLOEXEC))),
+      _wakeUp(made(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))) {
+  if (!watch(_poll.get(), _wakeUp.get(), noSource))
+    throw std::system_error(errno, std::generic_category(), "network loop");
+}
+
+void NetworkLoop::post(Task task) {
+  MutexLock lock(_mutex);
+  if (_isStopping) return;
+  _tasks.push_back(std::move(task));
+  startOrWake();
+}
+
+NetworkLoop::SourceID NetworkLoop::add(Entry entry) {
+  const SourceID source = ++_lastSource;
+  _entries.emplace(source, std::move(entry));
+  return source;
+}
+
+NetworkLoop::SourceID NetworkLoop::addOnce(Clock::time_point due, Task task) {
+  MutexLock lock(_mutex);
+  if (_isStopping) return noSource;
+  const SourceID source = add({.handler = std::make_shared<Task>(std::move(task))});
+  setDue(source, _entries[source], due);
+  startOrWake();
+  return source;
+}
+
+NetworkLoop::SourceID NetworkLoop::addTimer(std::chrono::milliseconds period, Task handler) {
+  MutexLock lock(_mutex);
+  if (_isStopping) return noSource;
+  return add({.handler = std::make_shared<Task>(std::move(handler)),
+              .start = Clock::now(),
+              .period = period});
+}
+
+NetworkLoop::SourceID NetworkLoop::addReader(int descriptor, Task handler) {
+  MutexLock lock(_mutex);
+  if (_isStopping) return noSource;
+  const SourceID source =
+      add({.handler = std::make_shared<Task>(std::move(handler)), .descriptor = descriptor});
+  if (!watch(_poll.get(), descriptor, source)) {
+    _entries.erase(source);
+    return noSource;
+  }
+  startOrWake();
+  return source;
+}
+
+void NetworkLoop::setDue(SourceID source, Entry& entry, std::optional<Clock::time_point> due) {
+  if (entry.due) _due.erase({*entry.due, source});
+  entry.due = due;
+  if (due) _due.emplace(*due, source);
+}
+
+NetworkLoop::Clock::time_point NetworkLoop::nextTick(const Entry& entry, Clock::time_point now) {
+  return entry.start + ((now - entry.start) / entry.period + 1) * entry.period;
+}
+
+void NetworkLoop::setArmed(SourceID timer, bool isArmed) {
+  MutexLock lock(_mutex);
+  const auto found = _entries.find(timer);
+  if (found == _entries.end() || found->second.due.has_value() == isArmed) return;
+  Entry& entry = found->second;
+  setDue(timer, entry, isArmed ? std::optional(nextTick(entry, Clock::now())) : std::nullopt);
+  if (isArmed) startOrWake();
+}
+
+void NetworkLoop::keepAlive(SourceID source, std::shared_ptr<void> object) {
+  MutexLock lock(_mutex);
+  const auto found = _entries.find(source);
+  if (found != _entries.end()) found->second.kept.swap(object);
+}
+
+void NetworkLoop::remove(SourceID source) {
+  Entry removed;  // dies without the lock: what it holds may call back
+  MutexLock lock(_mutex);
+  const auto found = _entries.find(source);
+  if (found == _entries.end()) return;
+  setDue(source, found->second, std::nullopt);
+  if (found->second.descriptor >= 0)
+    epoll_ctl(_poll.get(), EPOLL_CTL_DEL, found->second.descriptor, nullptr);
+  removed = std::move(found->second);
+  _entries.erase(found);
+}
+
+void NetworkLoop::startOrWake() {
+  if (!_thread.joinable()) _thread = std::thread([this] { run(); });
+  if (_isAsleep) eventfd_write(_wakeUp.get(), 1);
+  _isAsleep = false;
+}
+
+bool NetworkLoop::isBusy() const {
+  MutexLock lock(_mutex);
+  return _isRunning || hasWork();
+}
+
+void NetworkLoop::stop() {
+  std::thread thread;
+  {
+    MutexLock lock(_mutex);
+    _isStopping = true;
+    if (_thread.joinable()) startOrWake();
+    thread.swap(_thread);
+  }
+  if (thread.joinable()) thread.join();
+  std::vector<Task> tasks;
+  std::unordered_map<SourceID, Entry> entries;
+  MutexLock lock(_mutex);
+  _due.clear();
+  tasks.swap(_tasks);
+  entries.swap(_entries);
+}
+
+void NetworkLoop::run() {
+  blockSignals();
+  pthread_setname_np(pthread_self(), "corvid-network");
+  while (runTasks()) {
+    runDue();
+    runReadable();
+  }
+}
+
+bool NetworkLoop::runTasks() {
+  std::vector<Task> tasks;
+  {
+    MutexLock lock(_mutex);
+    if (_isStopping) return false;
+    _isRunning = true;
+    tasks.swap(_tasks);
+  }
+  for (Task& task : tasks) {
+    task();
+    task = nullptr;
+  }
+  return true;
+}
+
+std::shared_ptr<Task> NetworkLoop::takeDue(Clock::time_point now, Entry& finished) {
+  MutexLock lock(_mutex);
+  if (_isStopping || _due.empty() || _due.begin()->first > now) return nullptr;
+  const SourceID source = _due.begin()->second;
+  const auto found = _entries.find(source);
+  std::shared_ptr<Task> handler = found->second.handler;
+  if (found->second.period.count() > 0) {
+    setDue(source, found->second, nextTick(found->second, now));
+  } else {
+    setDue(source, found->second, std::nullopt);
+    finished = std::move(found->second);
+    _entries.erase(found);
+  }
+  return handler;
+}
+
+void NetworkLoop::runDue() {
+  const Clock::time_point now = Clock::now();
+  for (;;) {
+    Entry finished;
+    const std::shared_ptr<Task> handler = takeDue(now, finished);
+    if (!handler) return;
+    (*handler)();
+  }
+}
+
+int NetworkLoop::prepareToSleep() {
+  constexpr int forever = -1;
+  for (;;) {
+    {
+      MutexLock lock(_mutex);
+      if (_isStopping || !_tasks.empty()) return 0;
+      if (hasWork() || !_isRunning || !_onIdle) {
+        _isRunning = false;
+        _isAsleep = true;
+        if (_due.empty()) return forever;
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(_due.begin()->first - Clock::now());
+        return static_cast<int>(
+            std::clamp<std::int64_t>(left.count(), 0, std::numeric_limits<int>::max()));
+      }
+      _isRunning = false;
+    }
+    _onIdle();
+  }
+}
+
+std::shared_ptr<Task> NetworkLoop::handlerOf(SourceID source) {
+  MutexLock lock(_mutex);
+  const auto found = _entries.find(source);
+  return found == _entries.end() ? nullptr : found->second.handler;
+}
+
+void NetworkLoop::runReadable() {
+  std::array<epoll_event, eventsPerWait> events;
+  const int timeout = prepareToSleep();
+  const int count =
+      epoll_wait(_poll.get(), events.data(), static_cast<int>(events.size()), timeout);
+  {
+    MutexLock lock(_mutex);
+    _isAsleep = false;
+    if (_isStopping) return;
+    _isRunning = true;
+  }
+  for (int i = 0; i < count; ++i) {
+    const SourceID source = events[static_cast<std::size_t>(i)].data.u64;
+    if (source == noSource) {
+      eventfd_t ignored = 0;
+      eventfd_read(_wakeUp.get(), &ignored);
+    } else if (const std::shared_ptr<Task> handler = handlerOf(source)) {
+      (*handler)();
+    }
+  }
+}
+
+}  // namespace corvid

@@ -1,0 +1,97 @@
+// The thread that runs everything that waits for a moment or a socket.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <set>
+#include <thread>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "platform/Network.h"
+#include "platform/base/Descriptor.h"
+#include "platform/base/Mutex.h"
+
+namespace corvid {
+
+// The thread starts with the first work. It sleeps in the kernel without a time limit while nothing
+// is due, and is woken from other threads only while it sleeps.
+//
+// Threads   stop: any but its own; everything else: any. Tasks and handlers run on the loop's
+// thread
+//           without its lock.
+// Errors    The constructor throws std::system_error where the system has no descriptors left.
+// Stop      Waits for what runs and drops the rest, on the caller's thread. From then on work is
+//           dropped at once. The destructor stops.
+class NetworkLoop {
+ public:
+  using Clock = std::chrono::steady_clock;
+  using SourceID = std::uint64_t;
+  static constexpr SourceID noSource = 0;
+
+  // `onIdle` is called each time when isBusy() has become false.
+  explicit NetworkLoop(std::function<void()> onIdle);
+  ~NetworkLoop() { stop(); }
+  NetworkLoop(const NetworkLoop&) = delete;
+  NetworkLoop& operator=(const NetworkLoop&) = delete;
+
+  void post(Task task) EXCLUDES(_mutex);
+  SourceID addOnce(Clock::time_point due, Task task) EXCLUDES(_mutex);
+  SourceID addTimer(std::chrono::milliseconds period, Task handler) EXCLUDES(_mutex);
+  // noSource where the system refuses.
+  SourceID addReader(int descriptor, Task handler) EXCLUDES(_mutex);
+  void setArmed(SourceID timer, bool isArmed) EXCLUDES(_mutex);
+  void keepAlive(SourceID source, std::shared_ptr<void> object) EXCLUDES(_mutex);
+  void remove(SourceID source) EXCLUDES(_mutex);
+
+  bool isBusy() const EXCLUDES(_mutex);
+  void stop() EXCLUDES(_mutex);
+
+ private:
+  struct Entry {
+    std::shared_ptr<Task> handler;  // shared with a call that is under way
+    int descriptor = -1;
+    Clock::time_point start{};
+    std::chrono::milliseconds period{0};     // 0: once
+    std::optional<Clock::time_point> due{};  // while armed
+    std::shared_ptr<void> kept{};
+  };
+
+  SourceID add(Entry entry) REQUIRES(_mutex);
+  void setDue(SourceID source, Entry& entry, std::optional<Clock::time_point> due) REQUIRES(_mutex);
+  static Clock::time_point nextTick(const Entry& entry, Clock::time_point now);
+  void startOrWake() REQUIRES(_mutex);
+  bool hasWork() const REQUIRES(_mutex) { return !_tasks.empty() || !_due.empty(); }
+
+  void run();
+  // False at the end.
+  bool runTasks() EXCLUDES(_mutex);
+  void runDue() EXCLUDES(_mutex);
+  void runReadable() EXCLUDES(_mutex);
+  // How long the thread may sleep, in milliseconds as the kernel takes them.
+  int prepareToSleep() EXCLUDES(_mutex);
+  // Nothing where nothing is due by then. One that fires once goes to `finished`.
+  std::shared_ptr<Task> takeDue(Clock::time_point now, Entry& finished) EXCLUDES(_mutex);
+  std::shared_ptr<Task> handlerOf(SourceID source) EXCLUDES(_mutex);
+
+  // Constant after construction.
+  const std::function<void()> _onIdle;
+  const Descriptor _poll;
+  const Descriptor _wakeUp;
+
+  mutable Mutex _mutex;
+  std::vector<Task> _tasks GUARDED_BY(_mutex);
+  std::unordered_map<SourceID, Entry> _entries GUARDED_BY(_mutex);
+  std::set<std::pair<Clock::time_point, SourceID>> _due GUARDED_BY(_mutex);
+  SourceID _lastSource GUARDED_BY(_mutex) = noSource;
+  bool _isRunning GUARDED_BY(_mutex) = false;  // has taken work and not looked for more
+  bool _isAsleep GUARDED_BY(_mutex) = false;
+  bool _isStopping GUARDED_BY(_mutex) = false;
+  std::thread _thread GUARDED_BY(_mutex);
+};
+
+}  // namespace corvid
