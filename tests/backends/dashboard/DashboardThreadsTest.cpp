@@ -1,0 +1,166 @@
+// A dashboard backend on the real network: threads that race, and no owner left.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <stop_token>
+#include <thread>
+#include <vector>
+
+#include "backends/dashboard/DashboardBackend.h"
+#include "platform/base/Descriptor.h"
+#include "platform/network/SystemNetwork.h"
+#include "tests/fakes/TestPlatform.h"
+
+namespace corvid {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Sends every packet's header back, at once, from a thread of its own.
+class EchoServer {
+ public:
+  EchoServer() : _socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    EXPECT_EQ(::bind(_socket.get(), reinterpret_cast<sockaddr*>(&address), size), 0);
+    ::getsockname(_socket.get(), reinterpret_cast<sockaddr*>(&address), &size);
+    port = ntohs(address.sin_port);
+    const timeval soon{0, 20'000};
+    ::setsockopt(_socket.get(), SOL_SOCKET, SO_RCVTIMEO, &soon, sizeof soon);
+    _thread = std::jthread([this](std::stop_token stop) { serve(stop); });
+  }
+
+  std::uint16_t port = 0;
+  std::atomic<bool> isSilent = false;
+  std::atomic<int> received = 0;
+
+ private:
+  void serve(const std::stop_token& stop) {
+    while (!stop.stop_requested()) {
+      char packet[2048];
+      sockaddr_in from{};
+      socklen_t size = sizeof from;
+      auto* const peer = reinterpret_cast<sockaddr*>(&from);
+      if (::recvfrom(_socket.get(), packet, sizeof packet, 0, peer, &size) < 64) continue;
+      ++received;
+      if (!isSilent) ::sendto(_socket.get(), packet, 64, 0, peer, size);
+    }
+  }
+
+  const Descriptor _socket;
+  std::jthread _thread;
+};
+
+class DashboardThreadsTest : public testing::Test {
+ protected:
+  DashboardThreadsTest() {
+    Platform::install(nullptr);
+    Platform::Services services;
+    services.clock = fakes.clock;
+    services.random = fakes.random;
+    services.http = fakes.http;
+    services.network = network;
+    platform.emplace(std::move(services));
+    Platform::install(&*platform);
+  }
+  ~DashboardThreadsTest() override { Platform::install(nullptr); }
+
+  std::shared_ptr<DashboardBackend> make(int period) {
+    const Dictionary profile{{"ip", "127.0.0.1"}, {"port", server.port}, {"reliable", period}};
+    return DashboardBackend::initWithName("dashboard", &profile, "Robin");
+  }
+  template <class Condition>
+  static bool waitFor(Condition condition) {
+    const auto deadline = std::chrono::steady_clock::now() + 20s;
+    while (!condition()) {
+      if (std::chrono::steady_clock::now() > deadline) return false;
+      std::this_thread::yield();
+    }
+    return true;
+  }
+
+  TestPlatform fakes;
+  std::shared_ptr<SystemNetwork> network = std::make_shared<SystemNetwork>();
+  std::optional<Platform> platform;
+  EchoServer server;
+};
+
+TEST_F(DashboardThreadsTest, CleanupRacesSendsAcknowledgementsAndTicks) {
+  for (int round = 0; round < 40; ++round) {
+    server.isSilent = round % 3 == 2;
+    auto backend = make(1);
+    ASSERT_TRUE(backend);
+    std::vector<std::thread> senders;
+    for (int sender = 0; sender < 3; ++sender)
+      senders.emplace_back([backend, sender] {
+        const Dictionary payload{{"sender", sender}};
+        for (int event = 0; event < 50; ++event)
+          backend->sendMessage(&payload, {}, 1, 2,
+                               EventID{static_cast<std::uint16_t>(sender * 50 + event)});
+      });
+    std::thread cleaner([backend] {
+      for (int i = 0; i < 3; ++i) backend->cleanup();
+    });
+    const std::weak_ptr<DashboardBackend> watched = backend;
+    backend.reset();
+    for (auto& sender : senders) sender.join();
+    cleaner.join();
+    ASSERT_TRUE(waitFor([&] { return watched.expired() && !network->isBusy(); })) << round;
+  }
+}
+
+TEST_F(DashboardThreadsTest, BackendsLetGoWithoutCleanupGoAtOnceWhateverRuns) {
+  std::vector<std::weak_ptr<DashboardBackend>> watched;
+  for (int round = 0; round < 100; ++round) {
+    auto backend = make(1);
+    ASSERT_TRUE(backend);
+    for (std::uint16_t event = 0; event < 20; ++event)
+      backend->sendMessage(nullptr, {}, 1, 2, EventID{event});
+    watched.push_back(backend);
+    backend.reset();
+  }
+  for (const auto& backend : watched) EXPECT_TRUE(waitFor([&] { return backend.expired(); }));
+  EXPECT_TRUE(waitFor([&] { return !network->isBusy(); }));
+}
+
+TEST_F(DashboardThreadsTest, ANetworkThatEndsTakesBackendsWithIt) {
+  server.isSilent = true;
+  std::vector<std::weak_ptr<DashboardBackend>> watched;
+  for (int i = 0; i < 10; ++i) {
+    auto backend = make(100);
+    ASSERT_TRUE(backend);
+    backend->sendMessage(nullptr, {}, 1, 2, EventID{1});
+    backend->cleanup();
+    watched.push_back(backend);
+  }
+  ASSERT_TRUE(waitFor([&] { return server.received >= 10; }));
+  platform.reset();
+  network.reset();
+  for (const auto& backend : watched) EXPECT_TRUE(backend.expired());
+}
+
+TEST_F(DashboardThreadsTest, EveryPacketIsAcknowledged) {
+  auto backend = make(500);
+  ASSERT_TRUE(backend);
+  std::atomic<int> acknowledged = 0;
+  std::atomic<int> others = 0;
+  backend->setPacketObserver([&](EventID, PacketFate fate) {
+    ++(fate == PacketFate::acknowledged ? acknowledged : others);
+  });
+  for (std::uint16_t event = 1; event <= 40; ++event)
+    backend->sendMessage(nullptr, {}, 1, 2, EventID{event});
+  EXPECT_TRUE(waitFor([&] { return acknowledged == 40; }));
+  EXPECT_EQ(others, 0);
+  EXPECT_TRUE(waitFor([&] { return !network->isBusy(); }));
+}
+
+}  // namespace
+}  // namespace corvid
