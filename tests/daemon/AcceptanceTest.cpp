@@ -81,8 +81,8 @@ TEST_F(Acceptance, EverythingIsSetUpBeforeTheConnectionIsResumed) {
   const auto connection = newConnection();
   bool wasReady = false;
   connection->onResume = [&] {
-    wasReady = connection->exportedObject && connection->hasHandlers() &&
-               platform.keepAlive->begun == 1;
+    wasReady =
+        connection->exportedObject && connection->hasHandlers() && platform.keepAlive->begun == 1;
   };
   EXPECT_TRUE(agent->shouldAcceptNewConnection(connection));
   EXPECT_TRUE(wasReady);
@@ -202,7 +202,7 @@ class DuringAFetch : public AgentTest {
     answerFetch = [this](std::int32_t) {
       begun.set_value();
       released.get_future().wait();
-      return Fetched{};
+      return Fetched{.storebag = Dictionary{}, .maxAge = 3600, .version = "of this fetch"};
     };
     fetch = std::async(std::launch::async, [this] { agent->storebagForSession(*waiting); });
     begun.get_future().wait();
@@ -235,6 +235,15 @@ TEST_F(DuringAFetch, AnInvalidationEndsOnceTheFetchHasEnded) {
   letGo();
   ASSERT_EQ(invalidated.wait_for(std::chrono::seconds(30)), std::future_status::ready);
   EXPECT_EQ(leaving->exportedObject, nullptr);
+}
+
+TEST_F(DuringAFetch, AVersionIsToldOnceTheFetchHasEnded) {
+  auto version =
+      std::async(std::launch::async, [this] { return agent->storebagVersionForSession(*waiting); });
+  EXPECT_EQ(version.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+  letGo();
+  ASSERT_EQ(version.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+  EXPECT_EQ(version.get(), "of this fetch");
 }
 
 TEST_F(DuringAFetch, AnotherSessionWaitsAndThenUsesTheSameRecord) {

@@ -261,6 +261,18 @@ TEST_F(CorviddSessionLifecycleTest, NobodyMeetsBackendsThatDoNotKnowTheirLevelYe
   backend.onUpdateState = nullptr;
 }
 
+TEST_F(CorviddSessionLifecycleTest, ASecondConfigurationWithoutAStorebagLeavesTheBackends) {
+  FakeBackend& kept = add(kCorvidBackendHTTPPost);
+  configureAndStart();
+  agent->storebag = std::nullopt;
+  RecordedStates states;
+  session->startConfigWithCompletionHandler(states.reply());
+  EXPECT_EQ(states.result(), std::nullopt);
+  EXPECT_THAT(journal->entries(), ElementsAre("agent storebagForSession"));
+  send(3, 4);
+  EXPECT_EQ(kept.sent.back().method, 3);
+}
+
 TEST_F(CorviddSessionLifecycleTest, AnExceptionOfTheAgentLeavesReplyUnansweredAndSessionUsable) {
   agent->onStorebag = [] { throw std::invalid_argument("storebag without a version"); };
   RecordedStates states;
