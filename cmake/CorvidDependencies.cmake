@@ -1,18 +1,46 @@
 # Everything comes from Debian packages; scripts/setup installs them.
-find_package(PkgConfig REQUIRED)
+
+# Ends the configuration unless `found`, saying which package to install.
+function(corvid_require found what package)
+  if(NOT found)
+    # The blank keeps the line whole.
+    message(FATAL_ERROR " ${what} is missing: install the Debian package ${package}, or run scripts/setup")
+  endif()
+endfunction()
+
+# corvid_find(name package [version]): find_package that names the Debian package.
+macro(corvid_find name package)
+  find_package(${name} ${ARGN} QUIET)
+  corvid_require("${${name}_FOUND}" "${name}" ${package})
+endmacro()
+
+# corvid_find_module(name module package): the same for a pkg-config module.
+macro(corvid_find_module name module package)
+  pkg_check_modules(${name} QUIET IMPORTED_TARGET ${module})
+  corvid_require("${${name}_FOUND}" ${module} ${package})
+endmacro()
+
 find_package(Threads REQUIRED)
-find_package(CapnProto REQUIRED)
-find_package(CURL REQUIRED)
-find_package(OpenSSL 3 REQUIRED)
-find_package(ZLIB REQUIRED)
-find_package(fmt REQUIRED)
-find_package(spdlog REQUIRED)
-pkg_check_modules(seccomp REQUIRED IMPORTED_TARGET libseccomp)
-pkg_check_modules(systemd REQUIRED IMPORTED_TARGET libsystemd)
+corvid_find(PkgConfig pkg-config)
+corvid_find(OpenSSL libssl-dev 3)  # before Cap'n Proto, which looks for it as well
+corvid_find(CapnProto libcapnp-dev)
+find_program(CAPNP_EXECUTABLE capnp)
+corvid_require("${CAPNP_EXECUTABLE}" "The Cap'n Proto compiler" capnproto)
+corvid_find(CURL libcurl4-openssl-dev)
+corvid_find(ZLIB zlib1g-dev)
+corvid_find(fmt libfmt-dev)
+corvid_find(spdlog libspdlog-dev)
+corvid_find_module(seccomp libseccomp libseccomp-dev)
+find_path(CORVID_RAPIDJSON rapidjson/reader.h)
+mark_as_advanced(CORVID_RAPIDJSON)
+corvid_require("${CORVID_RAPIDJSON}" RapidJSON rapidjson-dev)
 if(CORVID_TESTS)
-  find_package(GTest REQUIRED)
+  corvid_find(GTest libgtest-dev)
+  if(NOT TARGET GTest::gmock)
+    corvid_require(NO GMock libgmock-dev)
+  endif()
   # An independent reader and writer of property lists to compare with.
-  pkg_check_modules(plist REQUIRED IMPORTED_TARGET libplist-2.0)
+  corvid_find_module(plist libplist-2.0 libplist-dev)
 endif()
 
 # Cap'n Proto. A program with the property CORVID_CAPNP_ARCHIVES takes its archives where they are
