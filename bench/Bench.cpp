@@ -52,13 +52,17 @@ Bench::Bench(const std::string& folder)
   _root.writeDeployment(_storebagServer->port(), _identity.caFile());
   writeStorebag("lumen", _nginx->url("/events"));
   writeStorebag("orrery", fmt::format("https://localhost:{}/events", _localSink->port()));
+  writeStorebag("cadence", _nginx->url("/events"), 0);
+  writeStorebag("quill", _nginx->url("/events"), 1);
+  writeStorebag("ledger", _nginx->url("/events"), 2);
 }
 
-void Bench::writeStorebag(const std::string& name, const std::string& url) const {
+void Bench::writeStorebag(const std::string& name, const std::string& url, int hierarchy) const {
   Array everyLetter;
   for (char letter = 'A'; letter <= 'Z'; ++letter) everyLetter.push_back(std::string(1, letter));
   const Dictionary entry{
       {"post_url", url},
+      {"hierarchy", hierarchy},
       {"expedite", 0},
       {"override_dnu", 1},
       {"event_threshold", 1000000},  // flushes are asked for

@@ -1,6 +1,7 @@
 // The stage of the benchmarks: a root, a storebag server, two sinks, the daemon under test.
 #pragma once
 
+#include <array>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -22,6 +23,8 @@ namespace corvid::bench {
 // Client types: what they post goes to nginx, or to the sink in this process.
 inline constexpr int nginxClient = 5;    // storebag "lumen"
 inline constexpr int localClient = 8;    // storebag "orrery"
+// The same to nginx, on levels 0 to 2 of a chain: storebags "cadence", "quill", "ledger".
+inline constexpr std::array<int, 3> chainClients{9, 10, 12};
 
 // What the sink in this process got.
 struct Arrival {
@@ -44,7 +47,7 @@ class Bench {
   std::vector<Arrival> takeArrivals();
 
  private:
-  void writeStorebag(const std::string& name, const std::string& url) const;
+  void writeStorebag(const std::string& name, const std::string& url, int hierarchy = 0) const;
 
   const std::string _folder;
   const lab::LabRoot _root;

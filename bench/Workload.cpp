@@ -33,20 +33,20 @@ corvid_dictionary_t* makePayload(std::uint64_t number) {
   return payload;
 }
 
-Session::Session(const std::string& root, int clientType) {
+Session::Session(const std::string& root, const Description& description) {
   corvid_options_t options = CORVID_OPTIONS_INIT;
   options.root = root.c_str();
   check(corvid_session_create(&options, &_session));
   corvid_dictionary_t* info = corvid_dictionary_create();
-  corvid_dictionary_set_integer(info, kCorvidSessionInfoClientType, clientType);
+  corvid_dictionary_set_integer(info, kCorvidSessionInfoClientType, description.clientType);
   corvid_dictionary_set_integer(info, kCorvidSessionInfoSessionID, 42);
   corvid_dictionary_set_boolean(info, kCorvidSessionInfoRequireUserInfo, true);
   corvid_dictionary_set_boolean(info, kCorvidSessionInfoBatchEvent, true);
   corvid_dictionary_t* user = corvid_dictionary_create();
-  corvid_dictionary_set_string(user, kCorvidUserInfoClientName, "Bench");
+  corvid_dictionary_set_string(user, kCorvidUserInfoClientName, description.clientName);
   corvid_dictionary_set_string(user, kCorvidUserInfoServiceName, "Events");
   const int described =
-      corvid_session_set_session_info(_session, info, user, nullptr, false, nullptr, nullptr);
+      corvid_session_set_session_info(_session, info, user, nullptr, description.aggregates, nullptr, nullptr);
   corvid_dictionary_destroy(info);
   corvid_dictionary_destroy(user);
   check(described);

@@ -23,7 +23,13 @@ void check(int result);
 // One session, configured and started. One thread.
 class Session {
  public:
-  Session(const std::string& root, int clientType);
+  struct Description {
+    int clientType = 0;
+    const char* clientName = "Bench";
+    bool aggregates = false;
+  };
+
+  Session(const std::string& root, const Description& description);
   ~Session();
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;

@@ -67,7 +67,7 @@ Throughput measureBatched(Bench& bench, const Options& options) {
   result.idleBefore = daemon->memory();
   const auto postsBefore = static_cast<long>(bench.nginx().received().requests);
   {
-    Session session(bench.rootFolder(), nginxClient);
+    Session session(bench.rootFolder(), {.clientType = nginxClient});
     session.flush();  // the start message and the connection are not counted
     session.await();
     const auto cpuBefore = daemon->cpuTime();
@@ -94,7 +94,7 @@ Throughput measureBatched(Bench& bench, const Options& options) {
 Throughput measureRealtime(Bench& bench, const Options& options) {
   Throughput result;
   auto daemon = bench.startDaemon(options.corvidd);
-  Session session(bench.rootFolder(), nginxClient);
+  Session session(bench.rootFolder(), {.clientType = nginxClient});
   session.flush();
   session.await();
   const auto postsBefore = static_cast<long>(bench.nginx().received().requests);
@@ -142,7 +142,7 @@ struct Call {
 // 200 events a second, each made on its own.
 Latency measureLatency(Bench& bench, const Options& options) {
   auto daemon = bench.startDaemon(options.corvidd);
-  Session session(bench.rootFolder(), localClient);
+  Session session(bench.rootFolder(), {.clientType = localClient});
   session.send(0, true);
   session.flush();
   session.await();
@@ -180,7 +180,7 @@ Latency measureLatency(Bench& bench, const Options& options) {
 // A posted batch and a posted lone message, as JSON.
 std::pair<std::string, std::string> sampleMessages(Bench& bench, const Options& options) {
   auto daemon = bench.startDaemon(options.corvidd);
-  Session session(bench.rootFolder(), localClient);
+  Session session(bench.rootFolder(), {.clientType = localClient});
   session.flush();
   session.await();
   bench.takeArrivals();
