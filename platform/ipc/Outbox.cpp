@@ -22,12 +22,14 @@ bool Outbox::add(Delivery delivery) {
   waiting.bytes = bytesOf(waiting.delivery);
   const MutexLock lock(_mutex);
   if (_stopped) return false;
+  const bool isFirst = _deliveries.empty();
   _bytes += waiting.bytes;
   _deliveries.push_back(std::move(waiting));
   while (_deliveries.size() > limits::deliveriesWaiting || _bytes > limits::deliveryBytesWaiting)
     dropOldest();
   _hasDeliveries = !_deliveries.empty();
-  wake();
+  // Whoever takes the first takes the others too.
+  if (isFirst) wake();
   return true;
 }
 
