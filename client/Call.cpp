@@ -4,6 +4,8 @@
 #include <string>
 
 #include "client/Opaque.h"
+#include "platform/base/Reading.h"
+#include "protocol/Keys.h"
 #include "protocol/Limits.h"
 
 namespace corvid::library {
@@ -160,6 +162,15 @@ std::unique_ptr<RemoteCall> remembered(Note note, wire::Extent extent, Completio
                                                   std::move(request), std::move(answer));
 }
 
+// As the daemon takes it: who requires user info keeps what there is when given none.
+void replaceUserInfo(Replay& replay, const std::optional<Dictionary>& userInfo) {
+  if (!replay.sessionInfo) return;
+  SessionInfo info = *replay.sessionInfo;
+  if (!userInfo && booleanAt(info.sessionInfo, kCorvidSessionInfoRequireUserInfo)) return;
+  info.userInfo = userInfo;
+  replay.sessionInfo = std::make_shared<const SessionInfo>(std::move(info));
+}
+
 }  // namespace
 
 Event::Event(std::uint16_t category, std::uint16_t type, std::optional<Dictionary> payload,
@@ -261,13 +272,13 @@ std::unique_ptr<RemoteCall> startConfig(StatesHandler handler) {
 
 std::unique_ptr<RemoteCall> fetchStates(std::optional<Dictionary> userInfo, wire::Extent extent,
                                         StatesHandler handler) {
-  return single(
-      extent, handler,
-      [userInfo = std::move(userInfo), hint = sizeHint(extent)](RemoteCall::Daemon& daemon,
-                                                                bool replyWanted) {
+  const auto info = std::make_shared<const std::optional<Dictionary>>(std::move(userInfo));
+  return remembered(
+      [info](Replay& replay) { replaceUserInfo(replay, *info); }, extent, handler,
+      [info, hint = sizeHint(extent)](RemoteCall::Daemon& daemon, bool replyWanted) {
         auto request = daemon.fetchStatesRequest(hint);
         request.setReplyWanted(replyWanted);
-        encodeOptional(userInfo, [&](capnp::uint size) { return request.initUserInfo(size); });
+        encodeOptional(*info, [&](capnp::uint size) { return request.initUserInfo(size); });
         return request;
       },
       [](const StatesHandler& states, const auto& results) { answerStates(states, results); });

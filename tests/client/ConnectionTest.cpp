@@ -110,6 +110,32 @@ TEST_F(ClientConnection, TheNextCallConnectsAgainAndWhatTheDaemonWasToldComesFir
   EXPECT_EQ(calls[2].category, 3);
 }
 
+TEST_F(ClientConnection, TheUserInfoGivenLastIsToldAgain) {
+  start();
+  int invalidated = 0;
+  Session::Options chosen = options();
+  chosen.invalidated = [&] { note([&] { ++invalidated; }); };
+  Session session(std::move(chosen));
+  client::Dictionary info, user, newUser;
+  ASSERT_TRUE(info.set(::kCorvidSessionInfoRequireUserInfo, true));
+  ASSERT_TRUE(user.set(::kCorvidUserInfoClientName, "first"));
+  ASSERT_TRUE(newUser.set(::kCorvidUserInfoClientName, "second"));
+  ASSERT_TRUE(session.setSessionInfo(info, user));
+  ASSERT_TRUE(session.fetchStates(newUser));
+  ASSERT_TRUE(session.fetchStates(Session::none()));  // the daemon keeps what it has
+  ASSERT_TRUE(session.sendMessage(1, 1, Session::none(), status(), finished()));
+  ASSERT_TRUE(awaitEnded(1));
+  stop();
+  ASSERT_TRUE(await([&] { return invalidated == 1; }));
+  start();
+  ASSERT_TRUE(session.sendMessage(1, 1, Session::none(), status(), finished()));
+  ASSERT_TRUE(awaitEnded(2));
+  const auto calls = delegate->at(1).session->calls();
+  ASSERT_EQ(calls.size(), 2u);
+  EXPECT_EQ(calls[0].name, "setSessionInfo");
+  EXPECT_EQ(calls[0].userInfo, (Dictionary{{"_clientName", "second"}}));
+}
+
 TEST_F(ClientConnection, AFullQueueWaitsUntilTheDeadlineAndThenRefuses) {
   blockEvents();
   start();
