@@ -101,6 +101,7 @@ class HurryingClock final : public Clock {
 TEST_F(EventRecordTest, BackendsMadeTogetherHaveOneStart) {
   Platform hurrying({.clock = std::make_shared<HurryingClock>(),
                      .http = platform.http,
+                     .network = platform.network,
                      .preferences = platform.preferences,
                      .deviceInformation = platform.device,
                      .locale = platform.locale,
