@@ -21,16 +21,19 @@ using corvid::tools::UsageError;
 
 constexpr const char* usage =
     "usage: corvid-lab --root DIR [--storebag-port N] [--report-port N] [--control-port N]\n"
-    "                  [--max-age SECONDS]\n"
+    "                  [--dashboard-port N] [--max-age SECONDS]\n"
     "       corvid-lab --root DIR --show\n"
     "\n"
-    "Plays every server that corvidd talks to: a storebag server that signs DIR/lab/storebags/*.plist\n"
-    "and an event collector, both under a certificate authority of its own. Writes below DIR what\n"
+    "Plays every server that corvidd talks to: a storebag server that signs DIR/lab/storebags/*.plist,\n"
+    "a collector of events and log data, both under a certificate authority of its own, and a\n"
+    "dashboard that acknowledges packets. Writes below DIR what\n"
     "`corvidd --root DIR` needs, prints one line of JSON with its addresses when it is ready, and\n"
     "appends what it receives to DIR/lab/received.jsonl. Ends on SIGINT or SIGTERM.\n"
     "Ports are free ones unless given. POST a JSON object to the \"control\" address to plan a fault:\n"
     "{\"server\":\"events\",\"status\":503,\"times\":2} (also delay, redirect, cutBodyAfter,\n"
-    "cutHeadAfter, endless, silent, corrupt, truncate; servers: storebags, events, realtime).\n"
+    "cutHeadAfter, endless, silent, corrupt, truncate; servers: storebags, events, realtime,\n"
+    "logData); for packets {\"server\":\"dashboard\",\"packets\":{\"drop\":0.3},\"acknowledgements\":{},\n"
+    "\"seed\":1} (also duplicate, corrupt, reorder, late, from 0 to 1; delay in seconds).\n"
     "times is 1 unless given, -1 lasts until told otherwise.\n"
     "--show prints what has been received so far, for people, and ends.\n"
     "Exit status: 0 done, 1 it did not work (standard error says why), 64 wrong usage.\n";
@@ -69,9 +72,10 @@ int serve(const std::string& root, const corvid::lab::Lab::Options& options) {
 }
 
 int run(const std::vector<std::string>& arguments) {
-  const CommandLine line(
-      arguments, {"--root", "--storebag-port", "--report-port", "--control-port", "--max-age"},
-      {"--show"});
+  const CommandLine line(arguments,
+                         {"--root", "--storebag-port", "--report-port", "--control-port",
+                          "--dashboard-port", "--max-age"},
+                         {"--show"});
   if (!line.words().empty()) throw UsageError("unexpected " + line.words().front());
   const auto root = line.folder("--root");
   if (!root) throw UsageError("--root is missing");
@@ -82,6 +86,7 @@ int run(const std::vector<std::string>& arguments) {
   options.storebagPort = port("--storebag-port");
   options.reportPort = port("--report-port");
   options.controlPort = port("--control-port");
+  options.dashboardPort = port("--dashboard-port");
   if (const auto seconds = line.number("--max-age", 0, 1'000'000'000))
     options.maxAge = static_cast<int>(*seconds);
   return line.has("--show") ? show(*root) : serve(*root, options);

@@ -4,6 +4,7 @@
 
 #include <utility>
 
+#include "platform/base/Reading.h"
 #include "platform/data/JSON.h"
 
 namespace corvid::lab {
@@ -24,10 +25,14 @@ Lab::Lab(const std::string& root, Options options)
       _received(_root.receivedFile()),
       _events("events", _received),
       _realtime("realtime", _received),
+      _logData(_received),
       _storebagFolder(_root.storebagFolder(), _signer, options.maxAge,
                       [this](std::string_view name) {
+                        if (name == "dashboardPort") return std::to_string(_dashboard.port());
                         return localURL("https", *_reportServer, fmt::format("/{}", name));
-                      }) {
+                      }),
+      _dashboard([this](const Dictionary& entry) { _received.append(entry); },
+                 options.dashboardPort) {
   _root.writeFiles(_signer.publicKeyDER());
   _reportServer =
       std::make_unique<HTTPServer>([this](const Request& request) { return report(request); },
@@ -44,10 +49,12 @@ Lab::Lab(const std::string& root, Options options)
 }
 
 Answer Lab::report(const Request& request) {
-  const std::string_view path = std::string_view(request.target).substr(0, request.target.find('?'));
+  const std::string_view path =
+      std::string_view(request.target).substr(0, request.target.find('?'));
   if (path == "/events") return _faults.apply("events", _events.answer(request));
   if (path == "/realtime") return _faults.apply("realtime", _realtime.answer(request));
-  return {.status = 404, .body = "this server has /events and /realtime\n"};
+  if (path == "/logData") return _faults.apply("logData", _logData.answer(request));
+  return {.status = 404, .body = "this server has /events, /realtime and /logData\n"};
 }
 
 Answer Lab::control(const Request& request) {
@@ -56,7 +63,9 @@ Answer Lab::control(const Request& request) {
   const Result<Value> plan = parseJSON(request.body);
   const Dictionary* fault = plan ? plan.value().dictionary() : nullptr;
   if (fault == nullptr) return {.status = 400, .body = "the body is no JSON object\n"};
-  const Result<bool> planned = _faults.set(*fault);
+  const std::string* server = stringAt(*fault, "server");
+  const bool isForPackets = server && *server == "dashboard";
+  const Result<bool> planned = isForPackets ? _dashboard.setFaults(*fault) : _faults.set(*fault);
   if (!planned) return {.status = 400, .body = planned.failure().message + "\n"};
   return {.status = 200, .body = "planned\n"};
 }
@@ -66,6 +75,8 @@ Dictionary Lab::addresses() const {
           {"storebags", localURL("https", *_storebagServer, "")},
           {"events", localURL("https", *_reportServer, "/events")},
           {"realtime", localURL("https", *_reportServer, "/realtime")},
+          {"logData", localURL("https", *_reportServer, "/logData")},
+          {"dashboard", fmt::format("127.0.0.1:{}", _dashboard.port())},
           {"control", localURL("http", *_controlServer, "/fault")},
           {"received", _root.receivedFile()}};
 }

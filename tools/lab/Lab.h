@@ -6,10 +6,12 @@
 #include <string>
 
 #include "platform/base/Value.h"
+#include "tools/lab/DashboardServer.h"
 #include "tools/lab/EventCollector.h"
 #include "tools/lab/FaultPlan.h"
 #include "tools/lab/HTTPServer.h"
 #include "tools/lab/LabRoot.h"
+#include "tools/lab/LogDataCollector.h"
 #include "tools/lab/ReceivedLog.h"
 #include "tools/lab/StorebagServer.h"
 #include "tools/lab/StorebagSigner.h"
@@ -19,9 +21,10 @@ namespace corvid::lab {
 
 // Lays out a root, starts the servers, writes what arrives to DIR/lab/received.jsonl.
 //
-// The storebag server ("storebags") and the report server with its collectors ("events" and
-// "realtime") speak TLS under the lab's own authority. A third server speaks plain HTTP: POST
-// /fault with a JSON object plans a fault (FaultPlan).
+// The storebag server ("storebags") and the report server with its collectors ("events", "realtime"
+// and "logData") speak TLS under the lab's own authority. A dashboard server takes packets. A last
+// server speaks plain HTTP: POST /fault with a JSON object plans a fault (FaultPlan; for the server
+// "dashboard" DashboardServer::setFaults).
 //
 // Threads   construction and destruction by the owner; the rest from any thread.
 // Errors    std::runtime_error where a file cannot be written or a port is taken.
@@ -31,17 +34,20 @@ class Lab {
     std::uint16_t storebagPort = 0;
     std::uint16_t reportPort = 0;
     std::uint16_t controlPort = 0;
+    std::uint16_t dashboardPort = 0;
     int maxAge = 86400;  // seconds, of the storebags
   };
 
   explicit Lab(const std::string& root) : Lab(root, Options{}) {}
   Lab(const std::string& root, Options options);
 
-  // {"root":…,"storebags":URL,"events":URL,"realtime":URL,"control":URL,"received":FILE}
+  // {"root":…,"storebags":URL,"events":URL,"realtime":URL,"logData":URL,
+  // "dashboard":"ADDRESS:PORT","control":URL,"received":FILE}
   Dictionary addresses() const;
   FaultPlan& faults() { return _faults; }
   HTTPServer& storebags() { return *_storebagServer; }
   HTTPServer& reports() { return *_reportServer; }
+  DashboardServer& dashboard() { return _dashboard; }
   const LabRoot& root() const { return _root; }
 
  private:
@@ -53,11 +59,13 @@ class Lab {
   const TLSIdentity _identity;
   const StorebagSigner _signer;
   ReceivedLog _received;
-  FaultPlan _faults{{"storebags", "events", "realtime"}};
+  FaultPlan _faults{{"storebags", "events", "realtime", "logData"}};
   const EventCollector _events;
   const EventCollector _realtime;
+  LogDataCollector _logData;
   const StorebagServer _storebagFolder;
   // The servers come last: they stop before what their handlers use.
+  DashboardServer _dashboard;
   std::unique_ptr<HTTPServer> _reportServer;
   std::unique_ptr<HTTPServer> _storebagServer;
   std::unique_ptr<HTTPServer> _controlServer;

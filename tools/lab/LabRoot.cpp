@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
+#include <utility>
 
 #include "platform/Paths.h"
 #include "platform/data/PropertyList.h"
@@ -42,10 +43,22 @@ Dictionary sampleSection() {
   return {{"httpPost", Dictionary{{"display_url", "${events}"}, {"clients", Array{entry}}}}};
 }
 
+// Packets that want acknowledgements, and a place for log data. Not every storebag has it, so that
+// most sessions have a single backend.
+Dictionary sampleDashboard() {
+  return {{"ip", "127.0.0.1"},
+          {"port", "${dashboardPort}"},
+          {"post_url", "${logData}"},
+          {"reliable", 500}};
+}
+
 Dictionary sampleStorebag(const std::string& name) {
   Dictionary storebag{{"version", "1.0.0-" + name}, {"refresh_cycle", 3600}};
-  for (const char* environment : {"development", "halcyon_internal", "seed", "release"})
-    storebag.set(environment, sampleSection());
+  for (const char* environment : {"development", "halcyon_internal", "seed", "release"}) {
+    Dictionary section = sampleSection();
+    if (name == "reel") section.set("dashboard", sampleDashboard());
+    storebag.set(environment, std::move(section));
+  }
   return storebag;
 }
 

@@ -23,11 +23,20 @@ std::string eventLine(const Dictionary& event) {
                      described(event, "_method"), described(event, "_status"), payload);
 }
 
+std::string packetLine(const Dictionary& packet) {
+  std::string payload;
+  if (const Dictionary* pairs = dictionaryAt(packet, "payload"))
+    for (const auto& [key, value] : *pairs)
+      payload += fmt::format(" {}={}", key, description(value));
+  return fmt::format("    packet {} method {} status {}:{}\n", described(packet, "eventID"),
+                     described(packet, "method"), described(packet, "respCode"), payload);
+}
+
 }  // namespace
 
 std::string summary(const Dictionary& entry) {
-  std::string text = fmt::format("{} received {} bytes", described(entry, "server"),
-                                 described(entry, "bytes"));
+  std::string text =
+      fmt::format("{} received {} bytes", described(entry, "server"), described(entry, "bytes"));
   if (const Dictionary* headers = dictionaryAt(entry, "headers")) {
     if (headers->contains("Content-Encoding"))
       text += fmt::format(", {}", described(*headers, "Content-Encoding"));
@@ -35,6 +44,9 @@ std::string summary(const Dictionary& entry) {
   }
   text += '\n';
   if (const std::string* error = stringAt(entry, "error")) text += "    error: " + *error + "\n";
+  if (const Dictionary* packet = dictionaryAt(entry, "packet")) text += packetLine(*packet);
+  if (const Array* logData = arrayAt(entry, "logData"))
+    text += "    log data: " + description(*logData) + "\n";
   const Dictionary* message = dictionaryAt(entry, "message");
   const Array* events = message ? arrayAt(*message, "events") : nullptr;
   if (events)

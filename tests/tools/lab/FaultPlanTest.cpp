@@ -159,7 +159,7 @@ TEST_F(FaultPlanTest, APlanThatCannotBeMeantIsRefusedAndSaysWhy) {
       {R"({"status":500})", R"("server" must be a text)"},
       {R"({"server":5})", R"("server" must be a text)"},
       {R"({"server":"event"})",
-       R"(there is no server "event"; there are events, realtime, storebags)"},
+       R"(there is no server "event"; there are events, logData, realtime, storebags)"},
       {R"({"server":"events","stauts":500})",
        R"(there is no fault "stauts"; there are server, times, status, delay, redirect, )"
        "cutBodyAfter, cutHeadAfter, endless, silent, corrupt, truncate"},

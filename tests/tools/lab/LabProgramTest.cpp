@@ -123,7 +123,7 @@ TEST_F(LabProgram, HelpNamesEveryOption) {
   const ToolResult help = runLab({"--help"});
   EXPECT_EQ(help.status, 0);
   for (const char* option : {"--root", "--storebag-port", "--report-port", "--control-port",
-                             "--max-age", "--show", "Exit status"})
+                             "--dashboard-port", "--max-age", "--show", "Exit status"})
     EXPECT_NE(help.output.find(option), std::string::npos) << option;
 }
 

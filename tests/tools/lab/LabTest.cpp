@@ -60,7 +60,31 @@ TEST_F(LabTest, TellsItsAddresses) {
   EXPECT_EQ(address("storebags"), "https://localhost:" + std::to_string(lab.storebags().port()));
   EXPECT_EQ(address("events"),
             "https://localhost:" + std::to_string(lab.reports().port()) + "/events");
-  EXPECT_EQ(addresses.size(), 6u);
+  EXPECT_EQ(address("logData"),
+            "https://localhost:" + std::to_string(lab.reports().port()) + "/logData");
+  EXPECT_EQ(address("dashboard"), "127.0.0.1:" + std::to_string(lab.dashboard().port()));
+  EXPECT_EQ(addresses.size(), 8u);
+}
+
+TEST_F(LabTest, PlansFaultsOfItsDashboard) {
+  const auto plan = [&](const std::string& json) {
+    return Peer("").post(address("control"), json);
+  };
+  EXPECT_EQ(plan(R"({"server":"dashboard","packets":{"drop":1},"seed":3})").body, "planned\n");
+  const Got refused = plan(R"({"server":"dashboard","packets":{"lose":1}})");
+  EXPECT_EQ(refused.status, 400);
+  EXPECT_EQ(refused.body, "a wire has no fault \"lose\"\n");
+}
+
+TEST_F(LabTest, OneStorebagHasADashboard) {
+  const Dictionary reel = listAt(root.path("lab/storebags/reel.plist"));
+  const Dictionary* dashboard = dictionaryAt(*dictionaryAt(reel, "release"), "dashboard");
+  ASSERT_NE(dashboard, nullptr);
+  EXPECT_EQ(*stringAt(*dashboard, "ip"), "127.0.0.1");
+  EXPECT_EQ(*stringAt(*dashboard, "port"), "${dashboardPort}");
+  EXPECT_NE(peer.get(bagURL("reel")).body.size(), 0u);
+  EXPECT_FALSE(dictionaryAt(listAt(root.path("lab/storebags/lumen.plist")), "release")
+                   ->contains("dashboard"));
 }
 
 TEST_F(LabTest, OnlyItsOwnAuthorityVouchesForIt) {

@@ -1,0 +1,199 @@
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <condition_variable>
+#include <future>
+#include <mutex>
+#include <stdexcept>
+#include <vector>
+
+#include "backends/dashboard/TagReportingPacket.h"
+#include "platform/base/Reading.h"
+#include "tools/lab/DashboardServer.h"
+
+namespace corvid::lab {
+namespace {
+
+using namespace std::chrono_literals;
+
+std::string packet(std::uint16_t event, const Dictionary& payload = {}) {
+  TagReportingPacketHeader header;
+  header.eventID = event;
+  header.sessionID = 42;
+  return std::string(TagReportingPacket(header, &payload).datagram());
+}
+
+class DashboardServerTest : public testing::Test {
+ protected:
+  DashboardServerTest() : _socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(server.port());
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(::connect(_socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    const timeval patience{20, 0};
+    ::setsockopt(_socket.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+  }
+
+  void send(const std::string& datagram) {
+    EXPECT_EQ(::send(_socket.get(), datagram.data(), datagram.size(), 0),
+              static_cast<ssize_t>(datagram.size()));
+  }
+  std::string receive() {
+    std::string datagram(2000, '\0');
+    const ssize_t size = ::recv(_socket.get(), datagram.data(), datagram.size(), 0);
+    datagram.resize(size < 0 ? 0 : static_cast<std::size_t>(size));
+    return datagram;
+  }
+  std::vector<Dictionary> entries(std::size_t count) {
+    std::unique_lock lock(_mutex);
+    _changed.wait_for(lock, 20s, [&] { return _entries.size() >= count; });
+    return _entries;
+  }
+
+ private:
+  std::mutex _mutex;
+  std::condition_variable _changed;
+  std::vector<Dictionary> _entries;
+
+ protected:
+  DashboardServer server{[this](const Dictionary& entry) {
+    std::lock_guard lock(_mutex);
+    _entries.push_back(entry);
+    _changed.notify_all();
+  }};
+
+ private:
+  const Descriptor _socket;
+};
+
+TEST_F(DashboardServerTest, AcknowledgesAPacketWithItsHeader) {
+  const std::string sent = packet(258, {{"k", "v"}});
+  send(sent);
+  EXPECT_EQ(receive(), sent.substr(0, 64));
+}
+
+TEST_F(DashboardServerTest, HandsOnWhatStandsInIt) {
+  send(packet(258, {{"k", "a=b"}, {"broken", "\xff"}}));
+  const auto received = entries(1);
+  ASSERT_EQ(received.size(), 1u);
+  EXPECT_EQ(*stringAt(received[0], "server"), "dashboard");
+  const Dictionary* content = dictionaryAt(received[0], "packet");
+  ASSERT_NE(content, nullptr);
+  EXPECT_EQ(integerAt(*content, "eventID"), 258);
+  EXPECT_EQ(integerAt(*content, "sessionID"), 42);
+  EXPECT_EQ(*dictionaryAt(*content, "payload"),
+            (Dictionary{{"k", "a=b"}, {"broken", "\xEF\xBF\xBD"}}));
+}
+
+TEST_F(DashboardServerTest, DoesNotAcknowledgeWhatIsNoPacket) {
+  send("nonsense");
+  send(packet(2));
+  EXPECT_EQ(receive(), packet(2)) << "the first got no answer";
+  const auto received = entries(2);
+  ASSERT_EQ(received.size(), 2u);
+  EXPECT_EQ(*stringAt(received[0], "error"), "8 bytes are no packet");
+}
+
+TEST_F(DashboardServerTest, LosesPacketsAndAcknowledgements) {
+  std::promise<std::string> lost;
+  server.setLossObserver([&](const std::string& datagram) { lost.set_value(datagram); });
+  server.setFaults({.drop = 1}, {}, 1);
+  send(packet(1));
+  EXPECT_EQ(lost.get_future().get(), packet(1));
+  server.setFaults({}, {.drop = 1}, 1);
+  send(packet(2));
+  ASSERT_EQ(entries(1).size(), 1u);
+  server.setFaults({}, {}, 1);
+  send(packet(3));
+  EXPECT_EQ(receive(), packet(3)) << "neither of the others was acknowledged";
+  EXPECT_EQ(server.packetsReceived(), 2u);
+}
+
+TEST_F(DashboardServerTest, DoublesAndDelaysAcknowledgements) {
+  server.setFaults({}, {.duplicate = 1}, 1);
+  send(packet(1));
+  EXPECT_EQ(receive(), packet(1));
+  EXPECT_EQ(receive(), packet(1));
+  server.setFaults({}, {.late = 1, .delay = 30ms}, 1);
+  const auto start = std::chrono::steady_clock::now();
+  send(packet(2));
+  EXPECT_EQ(receive(), packet(2));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, 30ms);
+}
+
+TEST_F(DashboardServerTest, TakesItsFaultsAsJSONDoes) {
+  EXPECT_TRUE(server.setFaults(
+      Dictionary{{"packets", Dictionary{{"drop", 0.5}, {"delay", 1}}},
+                 {"acknowledgements", Dictionary{{"duplicate", 1}, {"reorder", 0}, {"corrupt", 0}}},
+                 {"seed", 7}}));
+  const auto failure = [&](Dictionary request) {
+    const auto set = server.setFaults(request);
+    return set ? "set" : set.failure().message;
+  };
+  EXPECT_EQ(failure({{"packets", 1}}), "\"packets\" takes an object");
+  EXPECT_EQ(failure({{"packets", Dictionary{{"lose", 1}}}}), "a wire has no fault \"lose\"");
+  EXPECT_EQ(failure({{"packets", Dictionary{{"drop", 2}}}}), "\"drop\" takes a number from 0 to 1");
+  EXPECT_EQ(failure({{"acknowledgements", Dictionary{{"delay", -1}}}}),
+            "\"delay\" takes seconds from 0 to 60");
+  EXPECT_EQ(failure({}), "set") << "no more faults";
+}
+
+TEST_F(DashboardServerTest, APortInUseIsAnError) {
+  EXPECT_THROW(DashboardServer([](const Dictionary&) {}, server.port()), std::runtime_error);
+}
+
+std::vector<std::string> passed(FaultyWire& wire, const std::string& datagram) {
+  std::vector<std::string> out;
+  for (const auto& passage : wire.pass(datagram, 1)) out.push_back(passage.datagram);
+  return out;
+}
+using Out = std::vector<std::string>;
+
+TEST(FaultyWireTest, LetsEverythingThroughWithoutFaults) {
+  FaultyWire wire;
+  EXPECT_EQ(passed(wire, "a"), Out{"a"});
+  EXPECT_EQ(passed(wire, ""), Out{""});
+}
+
+TEST(FaultyWireTest, EachFaultDoesWhatItSays) {
+  FaultyWire dropping({.drop = 1});
+  EXPECT_EQ(passed(dropping, "a"), Out{});
+  FaultyWire doubling({.duplicate = 1});
+  EXPECT_EQ(passed(doubling, "a"), (Out{"a", "a"}));
+  FaultyWire damaging({.corrupt = 1});
+  EXPECT_EQ(passed(damaging, "a"), Out{"q"});
+  FaultyWire late({.late = 1, .delay = 5ms});
+  EXPECT_EQ(late.pass("a", 1)[0].delay, 5ms);
+}
+
+TEST(FaultyWireTest, AHeldBackDatagramComesAfterTheNext) {
+  FaultyWire wire({.reorder = 1});
+  EXPECT_EQ(passed(wire, "a"), Out{});
+  EXPECT_EQ(passed(wire, "b"), (Out{"b", "a"}));
+  EXPECT_EQ(passed(wire, "c"), Out{});
+}
+
+TEST(FaultyWireTest, TheSameSeedGivesTheSameFaults) {
+  const WireFaults faults{.drop = 0.3, .duplicate = 0.3, .corrupt = 0.3, .reorder = 0.3};
+  const auto run = [&](std::uint64_t seed) {
+    FaultyWire wire(faults, seed);
+    std::vector<Out> outs;
+    for (int i = 0; i < 100; ++i) outs.push_back(passed(wire, std::to_string(i)));
+    return outs;
+  };
+  EXPECT_EQ(run(5), run(5));
+  EXPECT_NE(run(5), run(6));
+}
+
+TEST(FaultyWireTest, LosesAboutAsManyAsItSays) {
+  FaultyWire wire({.drop = 0.3}, 3);
+  int through = 0;
+  for (int i = 0; i < 10'000; ++i) through += static_cast<int>(passed(wire, "x").size());
+  EXPECT_NEAR(through, 7000, 200);
+}
+
+}  // namespace
+}  // namespace corvid::lab

@@ -1,0 +1,186 @@
+#include "tools/lab/DashboardServer.h"
+
+#include <arpa/inet.h>
+#include <fmt/format.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+#include <utility>
+
+#include "backends/dashboard/PacketReader.h"
+#include "platform/base/Reading.h"
+#include "platform/base/Text.h"
+
+namespace corvid::lab {
+
+namespace {
+
+constexpr std::size_t largestDatagram = 2048;
+
+std::uint64_t peerOf(const sockaddr_in& address) {
+  return std::uint64_t{ntohl(address.sin_addr.s_addr)} << 16 | ntohs(address.sin_port);
+}
+sockaddr_in addressOf(std::uint64_t peer) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<std::uint16_t>(peer));
+  address.sin_addr.s_addr = htonl(static_cast<std::uint32_t>(peer >> 16));
+  return address;
+}
+
+Dictionary readablePairs(std::string_view payload) {
+  Dictionary pairs;
+  for (const auto& [key, value] : pairsOfPayload(payload))
+    pairs.set(replacingInvalidUTF8(key), replacingInvalidUTF8(*value.string()));
+  return pairs;
+}
+
+Dictionary described(const ReadPacket& packet) {
+  const TagReportingPacketHeader& header = packet.header;
+  return {{"selfVersionMajor", header.selfVersionMajor},
+          {"compType", header.compType},
+          {"timestamp", header.timestamp},
+          {"milliseconds", header.msec4 * 4},
+          {"sessionID", header.sessionID},
+          {"clientVersion", header.clientVersion},
+          {"method", header.method},
+          {"respCode", header.respCode},
+          {"udid", replacingInvalidUTF8(header.udidText())},
+          {"eventID", header.eventID},
+          {"flags", header.flags},
+          {"payload", readablePairs(packet.payload)}};
+}
+
+}  // namespace
+
+DashboardServer::DashboardServer(Receive receive, std::uint16_t port)
+    : _receive(std::move(receive)),
+      _socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)),
+      _end(::eventfd(0, EFD_CLOEXEC)) {
+  sockaddr_in address = addressOf(std::uint64_t{INADDR_LOOPBACK} << 16 | port);
+  socklen_t size = sizeof address;
+  auto* const generic = reinterpret_cast<sockaddr*>(&address);
+  if (!_socket || !_end || ::bind(_socket.get(), generic, size) != 0 ||
+      ::getsockname(_socket.get(), generic, &size) != 0)
+    throw std::runtime_error(
+        fmt::format("cannot take packets on 127.0.0.1:{}: {}", port, std::strerror(errno)));
+  _port = ntohs(address.sin_port);
+  _thread = std::thread([this] { serve(); });
+}
+
+DashboardServer::~DashboardServer() {
+  ::eventfd_write(_end.get(), 1);
+  _thread.join();
+}
+
+void DashboardServer::setFaults(const WireFaults& packets, const WireFaults& acknowledgements,
+                                std::uint64_t seed) {
+  const MutexLock lock(_mutex);
+  _packets = FaultyWire(packets, seed);
+  _acknowledgements = FaultyWire(acknowledgements, ~seed);
+}
+
+Result<bool> DashboardServer::setFaults(const Dictionary& request) {
+  WireFaults faults[2];
+  const char* const ways[] = {"packets", "acknowledgements"};
+  for (int way = 0; way < 2; ++way) {
+    const Dictionary* wanted = dictionaryAt(request, ways[way]);
+    if (!wanted) {
+      if (request.contains(ways[way]))
+        return Failure{fmt::format("\"{}\" takes an object", ways[way])};
+      continue;
+    }
+    const Result<WireFaults> read = WireFaults::from(*wanted);
+    if (!read) return read.failure();
+    faults[way] = read.value();
+  }
+  setFaults(faults[0], faults[1],
+            static_cast<std::uint64_t>(integerAt(request, "seed").value_or(1)));
+  return true;
+}
+
+void DashboardServer::setLossObserver(LossObserver observer) {
+  const MutexLock lock(_mutex);
+  _lossObserver = std::move(observer);
+}
+
+int DashboardServer::millisecondsToNext() const {
+  if (_deliveries.empty()) return -1;
+  const auto left =
+      std::chrono::ceil<std::chrono::milliseconds>(_deliveries.begin()->first - Clock::now());
+  return static_cast<int>(std::max<std::int64_t>(left.count(), 0));
+}
+
+void DashboardServer::serve() {
+  for (;;) {
+    pollfd waiting[] = {{_socket.get(), POLLIN, 0}, {_end.get(), POLLIN, 0}};
+    ::poll(waiting, 2, millisecondsToNext());
+    if (waiting[1].revents != 0) return;
+    if (waiting[0].revents != 0) receiveOne();
+    deliverDue();
+  }
+}
+
+void DashboardServer::receiveOne() {
+  std::string datagram(largestDatagram, '\0');
+  sockaddr_in address{};
+  socklen_t length = sizeof address;
+  const ssize_t size = ::recvfrom(_socket.get(), datagram.data(), datagram.size(), 0,
+                                  reinterpret_cast<sockaddr*>(&address), &length);
+  if (size < 0) return;
+  datagram.resize(static_cast<std::size_t>(size));
+  if (schedule(false, datagram, peerOf(address))) return;
+  LossObserver observer;
+  {
+    const MutexLock lock(_mutex);
+    observer = _lossObserver;
+  }
+  if (observer) observer(datagram);
+}
+
+bool DashboardServer::schedule(bool isAcknowledgement, std::string datagram, std::uint64_t peer) {
+  const Clock::time_point now = Clock::now();
+  const MutexLock lock(_mutex);
+  FaultyWire& wire = isAcknowledgement ? _acknowledgements : _packets;
+  std::vector<FaultyWire::Passage> passages = wire.pass(std::move(datagram), peer);
+  for (FaultyWire::Passage& passage : passages) {
+    const auto due = now + passage.delay;
+    _deliveries.emplace(due, Delivery{isAcknowledgement, std::move(passage)});
+  }
+  return !passages.empty();
+}
+
+void DashboardServer::deliverDue() {
+  while (!_deliveries.empty() && _deliveries.begin()->first <= Clock::now()) {
+    const auto next = _deliveries.extract(_deliveries.begin());
+    const auto& [isAcknowledgement, passage] = next.mapped();
+    if (!isAcknowledgement) {
+      accept(passage.datagram, passage.peer);
+      continue;
+    }
+    const sockaddr_in address = addressOf(passage.peer);
+    ::sendto(_socket.get(), passage.datagram.data(), passage.datagram.size(), 0,
+             reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  }
+}
+
+void DashboardServer::accept(const std::string& datagram, std::uint64_t peer) {
+  Dictionary entry{{"server", "dashboard"}, {"bytes", datagram.size()}};
+  const Result<ReadPacket> packet = readPacket(datagram);
+  if (packet) {
+    schedule(true, datagram.substr(0, TagReportingPacketHeader::size), peer);
+    entry.set("packet", described(packet.value()));
+  } else {
+    entry.set("error", packet.failure().message);
+  }
+  _receive(entry);
+  ++_received;
+}
+
+}  // namespace corvid::lab
