@@ -10,6 +10,7 @@
 #include "platform/base/Log.h"
 #include "platform/system/SystemLog.h"
 #include "tools/CommandLine.h"
+#include "tools/corvidctl/DashboardCommand.h"
 #include "tools/corvidctl/PrefsCommand.h"
 #include "tools/corvidctl/SendCommand.h"
 #include "tools/corvidctl/SessionCommand.h"
@@ -34,11 +35,17 @@ constexpr const char* usage =
   upload --client-type N [--client-name TEXT] [--service-name TEXT] [--session-id N]
          [--client-version N] FILE...
       Describes a session and uploads files through its backends, up to the first that fails.
+  dashboard send --ip IP --port PORT --method N --resp-code N [--payload JSON] [--event-id N]
+       [--session-id N] [--client-type N] [--client-version N] [--udid TEXT]
+       [--seconds S] [--microseconds U]
+      Sends one packet to a dashboard server, without the daemon, prints its log line and waits until
+      it is acknowledged, or dropped (exit status 2).
   prefs [--suite NAME] get KEY | set KEY VALUE | delete KEY | list
       Reads or changes the daemon's preferences. VALUE is JSON, or a text where it is none.
 
 DIR, or $CORVID_ROOT, is the folder that the daemon's socket and files hang below.
-Exit status: 0 done, 1 it did not work (standard error says why), 64 wrong usage.
+Exit status: 0 done, 1 it did not work (standard error says why), 2 a packet was not acknowledged,
+64 wrong usage.
 )";
 
 // From the option or else the environment, without a slash at its end; empty for "/".
@@ -63,6 +70,7 @@ int run(const std::vector<std::string>& arguments) {
   if (command == "send") return corvid::ctl::runSendCommand(root, rest);
   if (command == "states") return corvid::ctl::runStatesCommand(root, rest);
   if (command == "upload") return corvid::ctl::runUploadCommand(root, rest);
+  if (command == "dashboard") return corvid::ctl::runDashboardCommand(rest);
   if (command == "prefs") return corvid::ctl::runPrefsCommand(root, rest);
   throw UsageError("there is no command " + command);
 }

@@ -24,13 +24,13 @@ TEST(Usage, HelpDescribesEveryCommand) {
   EXPECT_EQ(result.errors, "");
   for (const char* text :
        {"usage: corvidctl [--root DIR] COMMAND", "\n  session\n", "\n  send ", "\n  states ",
-        "\n  upload ", "\n  prefs ", "$CORVID_ROOT", "Exit status"})
+        "\n  upload ", "\n  dashboard send ", "\n  prefs ", "$CORVID_ROOT", "Exit status"})
     EXPECT_NE(result.output.find(text), std::string::npos) << text;
 }
 
 TEST(Usage, EveryCommandHasHelp) {
   const std::string help = ctl({"--help"}).output;
-  for (const char* command : {"session", "send", "states", "upload", "prefs"})
+  for (const char* command : {"session", "send", "states", "upload", "dashboard", "prefs"})
     EXPECT_EQ(ctl({command, "--help"}).output, help) << command;
   EXPECT_EQ(ctl({"send", "--client-type", "5", "a=b", "--help"}).status, 0);
 }

@@ -1,0 +1,100 @@
+// `corvidctl dashboard send` against a real server.
+#include <gtest/gtest.h>
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "platform/base/Reading.h"
+#include "tests/tools/ToolProcess.h"
+#include "tools/lab/DashboardServer.h"
+
+namespace corvid {
+namespace {
+
+class DashboardCommandTest : public testing::Test {
+ protected:
+  ToolResult send(std::vector<std::string> more) {
+    std::vector<std::string> arguments{
+        "dashboard", "send", "--ip",        "127.0.0.1", "--port", std::to_string(server.port()),
+        "--method",  "7",    "--resp-code", "2"};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    return runTool(CORVIDCTL_PROGRAM, arguments);
+  }
+  Dictionary received() {
+    std::lock_guard lock(_mutex);
+    const Dictionary* packet = dictionaryAt(_entry, "packet");
+    return packet ? *packet : Dictionary();
+  }
+
+ private:
+  std::mutex _mutex;
+  Dictionary _entry;
+
+ protected:
+  lab::DashboardServer server{[this](const Dictionary& entry) {
+    std::lock_guard lock(_mutex);
+    _entry = entry;
+  }};
+};
+
+TEST_F(DashboardCommandTest, PrintsTheLogLineAndThenThatThePacketArrived) {
+  const ToolResult result =
+      send({"--payload", R"({"formula":"a=b","n":4,"when":{"$date":5}})", "--event-id", "258",
+            "--session-id", "4294967295", "--client-type", "5", "--client-version", "3", "--udid",
+            "0123456789abcdef0123456789abcdef01234567", "--seconds", "1700000000", "--microseconds",
+            "999999"});
+  EXPECT_EQ(result.status, 0) << result.errors;
+  EXPECT_EQ(linesOf(result.output),
+            (std::vector<std::string>{
+                "1700000000.996 0123456789abcdef0123456789abcdef01234567 127.0.0.1 ZH     3 "
+                "4294967295   258     7     2  n=4 formula=a\\=b when=null",
+                "acknowledged"}));
+  const Dictionary packet = received();
+  EXPECT_EQ(integerAt(packet, "eventID"), 258);
+  EXPECT_EQ(integerAt(packet, "method"), 7);
+  EXPECT_EQ(integerAt(packet, "respCode"), 2);
+  EXPECT_EQ(integerAt(packet, "flags"), 3);
+  EXPECT_EQ(integerAt(packet, "sessionID"), 4294967295);
+}
+
+TEST_F(DashboardCommandTest, SaysThatNoAcknowledgementCame) {
+  server.setFaults({}, {.drop = 1}, 1);
+  const ToolResult result = send({});
+  EXPECT_EQ(result.status, 2) << result.errors;
+  const auto lines = linesOf(result.output);
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[1], "dropped: no acknowledgement came");
+  EXPECT_EQ(server.packetsReceived(), 5u) << "after five transmissions";
+}
+
+TEST_F(DashboardCommandTest, RefusesWhatCannotBeMeant) {
+  const auto errorOf = [&](std::vector<std::string> arguments) {
+    const ToolResult result = runTool(CORVIDCTL_PROGRAM, arguments);
+    EXPECT_EQ(result.status, 64) << result.errors;
+    return linesOf(result.errors).at(0);
+  };
+  EXPECT_EQ(errorOf({"dashboard"}), "corvidctl: dashboard takes the word send");
+  EXPECT_EQ(errorOf({"dashboard", "send"}), "corvidctl: --port is missing");
+  EXPECT_EQ(errorOf({"dashboard", "send", "--port=1", "--method=1", "--resp-code=1"}),
+            "corvidctl: --ip is missing");
+  EXPECT_EQ(errorOf({"dashboard", "send", "--ip=127.0.0.1", "--port=65536", "--method=1",
+                     "--resp-code=1"}),
+            "corvidctl: --port takes a whole number from 0 to 65535, not \"65536\"");
+  EXPECT_EQ(errorOf({"dashboard", "send", "--ip=127.0.0.1", "--port=1", "--method=1",
+                     "--resp-code=1", "--payload=[]"}),
+            "corvidctl: --payload takes a JSON object");
+}
+
+TEST_F(DashboardCommandTest, AnAddressThatIsNoneFails) {
+  const ToolResult result = runTool(CORVIDCTL_PROGRAM, {"dashboard", "send", "--ip=localhost",
+                                                        "--port=1", "--method=1", "--resp-code=1"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_NE(result.errors.find("DashboardBackend(initWithName): socket connect() failed."),
+            std::string::npos);
+  EXPECT_NE(result.errors.find("corvidctl: there is no way to send to localhost"),
+            std::string::npos);
+}
+
+}  // namespace
+}  // namespace corvid
