@@ -60,16 +60,15 @@ Bench::Bench(const std::string& folder)
 void Bench::writeStorebag(const std::string& name, const std::string& url, int hierarchy) const {
   Array everyLetter;
   for (char letter = 'A'; letter <= 'Z'; ++letter) everyLetter.push_back(std::string(1, letter));
-  const Dictionary entry{
-      {"post_url", url},
-      {"hierarchy", hierarchy},
-      {"expedite", 0},
-      {"override_dnu", 1},
-      {"event_threshold", 1000000},  // flushes are asked for
-      {"locale_whitelist", everyLetter},
-      {"filters", Array{Dictionary{{"key", "secret"}, {"action", "remove"}},
-                        Dictionary{{"key", "account"}, {"action", "sha256"}}}},
-      {"sampling_threshold", 1.0}};
+  const Dictionary entry{{"post_url", url},
+                         {"hierarchy", hierarchy},
+                         {"expedite", 0},
+                         {"override_dnu", 1},
+                         {"event_threshold", 1000000},  // flushes are asked for
+                         {"locale_whitelist", everyLetter},
+                         {"filters", Array{Dictionary{{"key", "secret"}, {"action", "remove"}},
+                                           Dictionary{{"key", "account"}, {"action", "sha256"}}}},
+                         {"sampling_threshold", 1.0}};
   const Dictionary section{{"httpPost", Dictionary{{"clients", Array{entry}}}}};
   const Dictionary storebag{{"version", "1"}, {"release", section}, {"halcyon_internal", section}};
   std::ofstream(fmt::format("{}/{}.plist", _root.storebagFolder(), name))
@@ -77,9 +76,10 @@ void Bench::writeStorebag(const std::string& name, const std::string& url, int h
 }
 
 std::unique_ptr<ChildProcess> Bench::startDaemon(const std::string& program) {
-  auto daemon = std::make_unique<ChildProcess>(
-      std::vector<std::string>{program, "--root", _folder, "--log", "stderr", "--log-level", "warning"},
-      _folder + "/corvidd.log");
+  auto daemon =
+      std::make_unique<ChildProcess>(std::vector<std::string>{program, "--root", _folder, "--log",
+                                                              "stderr", "--log-level", "warning"},
+                                     _folder + "/corvidd.log");
   const std::string socketPath = Paths(_folder).socket;
   while (!acceptsConnection(socketPath)) {
     if (!daemon->isRunning() || Clock::now() - daemon->started() > std::chrono::seconds(10))

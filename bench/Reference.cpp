@@ -64,7 +64,8 @@ void measurePosts(Reference& reference, const std::string& body, const std::stri
     const auto before = std::chrono::steady_clock::now();
     curl_easy_perform(curl);
     durations.push_back(
-        std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - before).count());
+        std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - before)
+            .count());
   });
   std::nth_element(durations.begin(), durations.begin() + 1000, durations.end());
   reference.postLatencyMicros = durations[1000];

@@ -27,7 +27,8 @@ corvid_dictionary_t* makePayload(std::uint64_t number) {
   fmt::format_to_n(text, sizeof text, "9f1c2a44-77d0-4c1e-8b3a-{:012}", number).out[0] = '\0';
   corvid_dictionary_set_string(payload, "streamIdentifier", text);
   corvid_dictionary_set_integer(payload, "n", static_cast<std::int64_t>(number));
-  corvid_dictionary_set_integer(payload, "bitrate", 1'200'000 + static_cast<std::int64_t>(number % 977));
+  corvid_dictionary_set_integer(payload, "bitrate",
+                                1'200'000 + static_cast<std::int64_t>(number % 977));
   corvid_dictionary_set_integer(payload, "dropped", static_cast<std::int64_t>(number % 31));
   corvid_dictionary_set_real(payload, "position", static_cast<double>(number) * 0.04);
   return payload;
@@ -45,8 +46,8 @@ Session::Session(const std::string& root, const Description& description) {
   corvid_dictionary_t* user = corvid_dictionary_create();
   corvid_dictionary_set_string(user, kCorvidUserInfoClientName, description.clientName);
   corvid_dictionary_set_string(user, kCorvidUserInfoServiceName, "Events");
-  const int described =
-      corvid_session_set_session_info(_session, info, user, nullptr, description.aggregates, nullptr, nullptr);
+  const int described = corvid_session_set_session_info(_session, info, user, nullptr,
+                                                        description.aggregates, nullptr, nullptr);
   corvid_dictionary_destroy(info);
   corvid_dictionary_destroy(user);
   check(described);
@@ -103,7 +104,8 @@ void Session::send(std::uint64_t number, bool realtime, void (*onReply)(void* co
                                                            finished, pending);
       corvid_dictionary_destroy(message);
     } else {
-      result = corvid_session_send_message(_session, 7, 2, payload, textAnswered, finished, pending);
+      result =
+          corvid_session_send_message(_session, 7, 2, payload, textAnswered, finished, pending);
     }
   } while (result == CORVID_ERROR_QUEUE_FULL);
   corvid_dictionary_destroy(payload);
@@ -114,8 +116,7 @@ void Session::send(std::uint64_t number, bool realtime, void (*onReply)(void* co
 void Session::flush() {
   auto* pending = new Pending{this, nullptr, nullptr};
   int result = CORVID_OK;
-  do
-    result = corvid_session_flush(_session, flushAnswered, finished, pending);
+  do result = corvid_session_flush(_session, flushAnswered, finished, pending);
   while (result == CORVID_ERROR_QUEUE_FULL);
   check(result);
   ++_made;

@@ -7,20 +7,13 @@
 //
 // With --only it sends one block from one of them and compares nothing: for a PROGRAM that counts
 // the daemon's instructions.
-//
-// usage: chains [--corvidd PROGRAM] [--events N] [--pairs N] [--only outside|level2]
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
-#include <exception>
-#include <filesystem>
-#include <stdexcept>
 #include <vector>
 
 #include "bench/Bench.h"
+#include "bench/Program.h"
 
 #ifndef CORVID_DAEMON
 #error "CORVID_DAEMON names the daemon to measure"
@@ -35,7 +28,6 @@ struct Options {
   std::string corvidd = CORVID_DAEMON;
   int events = 5'000;  // of a block
   int pairs = 40;
-  std::string only;
 };
 
 double median(std::vector<double> values) {
@@ -100,52 +92,41 @@ void print(const char* name, const Comparison& result) {
              result.ratio);
 }
 
-Options parse(int argc, char** argv) {
-  Options options;
-  for (int i = 1; i + 1 < argc; i += 2) {
-    const std::string option = argv[i];
-    if (option == "--corvidd")
-      options.corvidd = argv[i + 1];
-    else if (option == "--events")
-      options.events = std::atoi(argv[i + 1]);
-    else if (option == "--pairs")
-      options.pairs = std::atoi(argv[i + 1]);
-    else if (option == "--only")
-      options.only = argv[i + 1];
-    else
-      throw std::runtime_error("unknown option " + option);
-  }
-  if (options.events < 1 || options.pairs < 1) throw std::runtime_error("nothing to measure");
-  return options;
-}
+constexpr const char* usage =
+    "usage: chains [--corvidd PROGRAM] [--events N] [--pairs N] [--only outside|level2]\n"
+    "Compares events of a session of level 2 with those of one outside any chain.\n";
 
-void run(const Options& options) {
-  char folder[] = "/tmp/corvid-bench-XXXXXX";
-  if (mkdtemp(folder) == nullptr) throw std::runtime_error("cannot make a folder in /tmp");
-  if (!options.only.empty()) {
-    Bench bench(folder);
+void measure(const tools::CommandLine& line, const std::string& folder) {
+  const auto number = [&](const char* option, int otherwise) {
+    return static_cast<int>(line.number(option, 1, 100'000'000).value_or(otherwise));
+  };
+  Options options;
+  options.corvidd = line.text("--corvidd").value_or(options.corvidd);
+  options.events = number("--events", options.events);
+  options.pairs = number("--pairs", options.pairs);
+  const auto only = line.text("--only");
+  if (only && *only != "outside" && *only != "level2")
+    throw tools::UsageError("--only takes outside or level2");
+
+  Bench bench(folder);
+  if (only) {
     Stage stage(bench, options.corvidd, false);
-    measureBlock(*stage.daemon, options.only == "level2" ? stage.inside : stage.outside,
-                 options.events);
-  } else {
-    Bench bench(folder);
-    fmt::print("daemon CPU, us an event           {:>10}{:>10}{:>10}\n", "outside", "level 2",
-               "ratio");
-    print("nobody aggregates", compare(bench, options, false));
-    print("the top aggregates", compare(bench, options, true));
+    measureBlock(*stage.daemon, *only == "level2" ? stage.inside : stage.outside, options.events);
+    return;
   }
-  std::filesystem::remove_all(folder);
+  fmt::print("daemon CPU, us an event           {:>10}{:>10}{:>10}\n", "outside", "level 2",
+             "ratio");
+  print("nobody aggregates", compare(bench, options, false));
+  print("the top aggregates", compare(bench, options, true));
 }
 
 }  // namespace
 }  // namespace corvid::bench
 
 int main(int argc, char** argv) {
-  try {
-    corvid::bench::run(corvid::bench::parse(argc, argv));
-    return 0;
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "chains: %s\n", error.what());
-    return 1;
-  }
+  return corvid::bench::run({.name = "chains",
+                             .usage = corvid::bench::usage,
+                             .options = {"--corvidd", "--events", "--pairs", "--only"},
+                             .measure = corvid::bench::measure},
+                            argc, argv);
 }

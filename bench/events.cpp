@@ -1,18 +1,13 @@
 // bench/events: what an event costs from a client's call to the collector, over TLS with gzip.
-//
-// usage: events [--corvidd PROGRAM] [--batched N] [--realtime N] [--latency SECONDS]
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
-#include <exception>
-#include <filesystem>
 #include <stdexcept>
 #include <thread>
 
 #include "bench/Bench.h"
+#include "bench/Program.h"
 #include "bench/Reference.h"
 #include "platform/base/Reading.h"
 #include "platform/data/JSON.h"
@@ -51,8 +46,8 @@ double loopbackBytes() {
 
 struct Throughput {
   double eventsPerSecond = 0;
-  double cpuMicros = 0;    // of the daemon, an event
-  double wireBytes = 0;    // an event
+  double cpuMicros = 0;  // of the daemon, an event
+  double wireBytes = 0;  // an event
   double peakMB = 0;
   Memory idleBefore, idleAfter;
   double readyMillis = 0;
@@ -214,63 +209,56 @@ void print(const Throughput& batched, const Throughput& realtime, const Latency&
              batched.idleBefore.residentMB, batched.idleBefore.proportionalMB);
   fmt::print("idle after the batched run        {:>12.1f} / {:.1f} MB\n",
              batched.idleAfter.residentMB, batched.idleAfter.proportionalMB);
-  fmt::print("at 200 events/s, p50 / p99: call to reply {:.0f} / {:.0f} us, call to sink {:.0f} / "
-             "{:.0f} us, lost {}\n",
-             latency.reply.p50, latency.reply.p99, latency.sink.p50, latency.sink.p99,
-             latency.lost);
+  fmt::print(
+      "at 200 events/s, p50 / p99: call to reply {:.0f} / {:.0f} us, call to sink {:.0f} / "
+      "{:.0f} us, lost {}\n",
+      latency.reply.p50, latency.reply.p99, latency.sink.p50, latency.sink.p99, latency.lost);
   fmt::print("\nin the same run, on the same bytes:\n");
   fmt::print("gzip of a batch, an event         {:>12.2f} us\n", reference.gzipBatchMicros);
   fmt::print("gzip of a lone message            {:>12.2f} us\n", reference.gzipLoneMicros);
   fmt::print("JSON writer, a record             {:>12.2f} us\n", reference.jsonMicros);
   fmt::print("bare blocking curl POST, CPU      {:>12.2f} us\n", reference.postMicros);
   fmt::print("bare blocking curl POST, p50      {:>12.0f} us\n", reference.postLatencyMicros);
-  const double batchedFloor = reference.gzipBatchMicros + reference.jsonMicros +
-                              reference.postMicros / eventsPerFlush;
+  const double batchedFloor =
+      reference.gzipBatchMicros + reference.jsonMicros + reference.postMicros / eventsPerFlush;
   const double realtimeFloor =
       reference.gzipLoneMicros + reference.jsonMicros + reference.postMicros;
   fmt::print("daemon / (gzip + JSON + POST): batched {:.2f}, realtime {:.2f}\n",
              batched.cpuMicros / batchedFloor, realtime.cpuMicros / realtimeFloor);
 }
 
-Options parse(int argc, char** argv) {
-  Options options;
-  for (int i = 1; i + 1 < argc; i += 2) {
-    const std::string option = argv[i];
-    if (option == "--corvidd") options.corvidd = argv[i + 1];
-    else if (option == "--batched") options.batched = std::atoi(argv[i + 1]);
-    else if (option == "--realtime") options.realtime = std::atoi(argv[i + 1]);
-    else if (option == "--latency") options.latencySeconds = std::atoi(argv[i + 1]);
-    else throw std::runtime_error("unknown option " + option);
-  }
-  options.batched -= options.batched % eventsPerFlush;
-  return options;
-}
+constexpr const char* usage =
+    "usage: events [--corvidd PROGRAM] [--batched N] [--realtime N] [--latency SECONDS]\n"
+    "Measures events that are posted 50 at a time, one at a time, and 200 a second.\n";
 
-int run(const Options& options) {
-  char folder[] = "/tmp/corvid-bench-XXXXXX";
-  if (mkdtemp(folder) == nullptr) throw std::runtime_error("cannot make a folder in /tmp");
-  {
-    Bench bench(folder);
-    const auto [batch, lone] = sampleMessages(bench, options);
-    const Throughput batched = measureBatched(bench, options);
-    const Throughput realtime = measureRealtime(bench, options);
-    const Latency latency = measureLatency(bench, options);
-    const Reference reference = measureReference(batch, eventsPerFlush, lone,
-                                                 bench.nginx().url("/events"), bench.caFile());
-    print(batched, realtime, latency, reference);
-  }
-  std::filesystem::remove_all(folder);
-  return 0;
+void measure(const tools::CommandLine& line, const std::string& folder) {
+  const auto number = [&](const char* option, int least, int otherwise) {
+    return static_cast<int>(line.number(option, least, 100'000'000).value_or(otherwise));
+  };
+  Options options;
+  options.corvidd = line.text("--corvidd").value_or(options.corvidd);
+  options.batched = number("--batched", eventsPerFlush, options.batched);
+  options.batched -= options.batched % eventsPerFlush;
+  options.realtime = number("--realtime", 1, options.realtime);
+  options.latencySeconds = number("--latency", 1, options.latencySeconds);
+
+  Bench bench(folder);
+  const auto [batch, lone] = sampleMessages(bench, options);
+  const Throughput batched = measureBatched(bench, options);
+  const Throughput realtime = measureRealtime(bench, options);
+  const Latency latency = measureLatency(bench, options);
+  const Reference reference =
+      measureReference(batch, eventsPerFlush, lone, bench.nginx().url("/events"), bench.caFile());
+  print(batched, realtime, latency, reference);
 }
 
 }  // namespace
 }  // namespace corvid::bench
 
 int main(int argc, char** argv) {
-  try {
-    return corvid::bench::run(corvid::bench::parse(argc, argv));
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "events: %s\n", error.what());
-    return 1;
-  }
+  return corvid::bench::run({.name = "events",
+                             .usage = corvid::bench::usage,
+                             .options = {"--corvidd", "--batched", "--realtime", "--latency"},
+                             .measure = corvid::bench::measure},
+                            argc, argv);
 }
