@@ -65,7 +65,9 @@ void appendJSON(std::string& text, const Value& value) {
     case Value::Type::null: text += "null"; break;
     case Value::Type::boolean: text += *value.boolean() ? "true" : "false"; break;
     case Value::Type::string: appendQuoted(text, *value.string()); break;
-    case Value::Type::date: appendQuoted(text, descriptionOfDate(value.date()->secondsSince1970)); break;
+    case Value::Type::date:
+      appendQuoted(text, descriptionOfDate(value.date()->secondsSince1970));
+      break;
     case Value::Type::data: appendQuoted(text, hexadecimal(*value.data())); break;
     case Value::Type::array: appendJSON(text, *value.array()); break;
     case Value::Type::dictionary: appendJSON(text, *value.dictionary()); break;
@@ -109,8 +111,8 @@ std::string descriptionOfDate(double secondsSince1970) {
   const auto seconds = static_cast<std::time_t>(std::floor(secondsSince1970));
   std::tm utc{};
   if (gmtime_r(&seconds, &utc) == nullptr) return fmt::format("{}", secondsSince1970);
-  return fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02} +0000", utc.tm_year + 1900, utc.tm_mon + 1,
-                     utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec);
+  return fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02} +0000", utc.tm_year + 1900,
+                     utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec);
 }
 
 }  // namespace corvid

@@ -1,10 +1,10 @@
 #include "platform/base/Text.h"
 
+#include <locale.h>
 #include <wctype.h>
 
 #include <clocale>
 #include <cstdint>
-#include <locale.h>
 
 namespace corvid {
 

@@ -20,7 +20,6 @@ const T* sharedContentOf(const Variant& storage) {
 
 }  // namespace
 
-
 const std::string* Value::data() const {
   const Data* content = sharedContentOf<Data>(_storage);
   return content ? &content->bytes : nullptr;
@@ -31,10 +30,14 @@ const Dictionary* Value::dictionary() const { return sharedContentOf<Dictionary>
 bool Value::operator==(const Value& other) const {
   if (type() != other.type()) return false;
   switch (type()) {
-    case Type::data: return *data() == *other.data();
-    case Type::array: return *array() == *other.array();
-    case Type::dictionary: return *dictionary() == *other.dictionary();
-    default: return _storage == other._storage;
+    case Type::data:
+      return *data() == *other.data();
+    case Type::array:
+      return *array() == *other.array();
+    case Type::dictionary:
+      return *dictionary() == *other.dictionary();
+    default:
+      return _storage == other._storage;
   }
 }
 

@@ -1,8 +1,8 @@
-#include "platform/base/Describe.h"
-
 #include <gtest/gtest.h>
 
 #include <limits>
+
+#include "platform/base/Describe.h"
 
 namespace corvid {
 namespace {

@@ -1,8 +1,7 @@
-#include "platform/base/Log.h"
-
 #include <gtest/gtest.h>
 
 #include "platform/base/Describe.h"
+#include "platform/base/Log.h"
 #include "tests/fakes/CapturedLog.h"
 
 namespace corvid {

@@ -1,8 +1,8 @@
-#include "platform/base/Reading.h"
-
 #include <gtest/gtest.h>
 
 #include <limits>
+
+#include "platform/base/Reading.h"
 
 namespace corvid {
 namespace {

@@ -1,8 +1,8 @@
-#include "protocol/Reply.h"
-
 #include <gtest/gtest.h>
 
 #include <string>
+
+#include "protocol/Reply.h"
 
 namespace corvid {
 namespace {

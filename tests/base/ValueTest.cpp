@@ -1,6 +1,6 @@
-#include "platform/base/Value.h"
-
 #include <gtest/gtest.h>
+
+#include "platform/base/Value.h"
 
 namespace corvid {
 namespace {
@@ -50,7 +50,8 @@ TEST(Dictionary, FindsEveryKeyOnBothSidesOfTheIndexThreshold) {
   for (std::size_t count = 1; count <= Dictionary::indexThreshold * 6; ++count) {
     dictionary.set("key" + std::to_string(count), count);
     for (std::size_t i = 1; i <= count; ++i)
-      ASSERT_EQ(dictionary.find("key" + std::to_string(i))->integer(), static_cast<std::int64_t>(i));
+      ASSERT_EQ(dictionary.find("key" + std::to_string(i))->integer(),
+                static_cast<std::int64_t>(i));
     ASSERT_EQ(dictionary.find("other"), nullptr);
   }
 }

@@ -45,7 +45,8 @@ std::string storebagName(std::string_view target) {
     if (!target.starts_with(folder)) continue;
     target.remove_prefix(folder.size());
     const std::string_view name = target.substr(0, target.find('?'));
-    if (name.empty() || name.find('/') != std::string_view::npos || name.starts_with('.')) return {};
+    if (name.empty() || name.find('/') != std::string_view::npos || name.starts_with('.'))
+      return {};
     return std::string(name);
   }
   return {};

@@ -10,8 +10,8 @@
 
 namespace corvid::lab {
 
-// Answers GET /bags/birch/NAME and /storebags/birch/NAME with FOLDER/NAME.plist, signed. The file is
-// read at each request, so that editing it publishes a new storebag. Its "Last-Modified" is the
+// Answers GET /bags/birch/NAME and /storebags/birch/NAME with FOLDER/NAME.plist, signed. The file
+// is read at each request, so that editing it publishes a new storebag. Its "Last-Modified" is the
 // file's; a conditional request with that value gets 304 without a body. Texts in the list that
 // are "${...}" are replaced by what `placeholder` gives for the name inside.
 //

@@ -23,7 +23,9 @@ struct CloseFile {
 };
 using File = std::unique_ptr<std::FILE, CloseFile>;
 
-[[noreturn]] void fail(const std::string& what) { throw std::runtime_error("signing key: " + what); }
+[[noreturn]] void fail(const std::string& what) {
+  throw std::runtime_error("signing key: " + what);
+}
 
 }  // namespace
 
@@ -80,8 +82,8 @@ std::string StorebagSigner::signature(std::string_view bytes) const {
 }
 
 std::string StorebagSigner::envelope(std::string_view bag) const {
-  return writeXMLPropertyList(Value(Dictionary{{"signature", base64Encode(signature(bag))},
-                                               {"bag", base64Encode(bag)}}));
+  return writeXMLPropertyList(
+      Value(Dictionary{{"signature", base64Encode(signature(bag))}, {"bag", base64Encode(bag)}}));
 }
 
 }  // namespace corvid::lab

@@ -54,8 +54,8 @@ TEST_F(DeploymentFileTest, SettingsOfAnotherTypeAndEmptyTextsCountAsAbsent) {
                                       {"CAFile", Array{}},
                                       {"AllowInsecureHTTP", "true"}});
   expectDefaults(deployment);
-  EXPECT_EQ(deployment.passedOver, (std::vector<std::string>{"ProductionStorebagHost", "CAFile",
-                                                             "AllowInsecureHTTP"}));
+  EXPECT_EQ(deployment.passedOver,
+            (std::vector<std::string>{"ProductionStorebagHost", "CAFile", "AllowInsecureHTTP"}));
   expectDefaults(read({{"AllowInsecureHTTP", 1}}));
 }
 
