@@ -78,7 +78,7 @@ DashboardBackend::DashboardBackend(Token, const std::string& name, const Diction
       _usingProfile(profile != nullptr),
       _networkProcQueue(
           Platform::current().network().createQueue("com.halcyon.Corvid.networkProc")),
-      _socket(std::move(socket)) {}
+      _socketDescriptor(std::move(socket)) {}
 
 DashboardBackend::~DashboardBackend() {
   for (const UDPPacketToSend& packet : _messageQueue)
@@ -90,7 +90,7 @@ bool DashboardBackend::start(std::uint32_t address, std::uint16_t port) {
     takeProfile();
   else
     useReliableUDP();
-  if (_socket->connect(address, port) != 0) {
+  if (_socketDescriptor->connect(address, port) != 0) {
     logError("DashboardBackend(initWithName): socket connect() failed.");
     return false;
   }
@@ -102,6 +102,7 @@ bool DashboardBackend::start(std::uint32_t address, std::uint16_t port) {
     logError("DashboardBackend(initWithName): can't create timer source.");
     return false;
   }
+  _messageQueue.reserve(queueLimit + 1);
   return true;
 }
 
@@ -115,13 +116,13 @@ void DashboardBackend::takeProfile() {
 }
 
 void DashboardBackend::useReliableUDP() {
-  if (const int error = _socket->bindToAnyPort()) {
+  if (const int error = _socketDescriptor->bindToAnyPort()) {
     logError("DashboardBackend(useReliableUDP): can't bind socket, {}", error);
     return;
   }
   _reliableUDP = true;
   _readSource = _networkProcQueue->createReadSource(
-      *_socket, whileAlive(&DashboardBackend::processSocketRead),
+      *_socketDescriptor, whileAlive(&DashboardBackend::processSocketRead),
       whileAlive(&DashboardBackend::closeSocket));
   // Then nothing is ever acknowledged, and packets are sent again until they are dropped.
   if (!_readSource) logError("DashboardBackend(useReliableUDP): can't create read source");
@@ -133,9 +134,10 @@ Task DashboardBackend::whileAlive(void (DashboardBackend::*operation)()) {
   };
 }
 
-TagReportingPacketHeader DashboardBackend::headerOf(const TimeValue& timestamp,
-                                                    std::uint16_t method, std::uint16_t respCode,
-                                                    EventID eventID) const {
+TagReportingPacketHeader DashboardBackend::tagReportingPacketHeader(const TimeValue& timestamp,
+                                                                    std::uint16_t method,
+                                                                    std::uint16_t respCode,
+                                                                    EventID eventID) const {
   TagReportingPacketHeader header;
   header.msec4 = static_cast<std::uint8_t>(timestamp.microseconds / 4000);
   header.timestamp = static_cast<std::uint32_t>(timestamp.seconds);
@@ -153,16 +155,21 @@ TagReportingPacketHeader DashboardBackend::headerOf(const TimeValue& timestamp,
   return header;
 }
 
+std::shared_ptr<const TagReportingPacket> DashboardBackend::tagReportingPacket(
+    const Dictionary* payload, const TimeValue& timestamp, std::uint16_t method,
+    std::uint16_t respCode, EventID eventID) const {
+  std::shared_ptr<const TagReportingPacket> packet(new (std::nothrow) TagReportingPacket(
+      tagReportingPacketHeader(timestamp, method, respCode, eventID), payload));
+  if (!packet) logError("DashboardBackend(sendMessage): can't malloc.");
+  return packet;
+}
+
 std::optional<std::string> DashboardBackend::sendMessage(const Dictionary* payload,
                                                          const TimeValue& timestamp,
                                                          std::uint16_t method,
                                                          std::uint16_t respCode, EventID eventID) {
-  const std::shared_ptr<const TagReportingPacket> packet(new (std::nothrow) TagReportingPacket(
-      headerOf(timestamp, method, respCode, eventID), payload));
-  if (!packet) {
-    logError("DashboardBackend(sendMessage): can't malloc.");
-    return std::nullopt;
-  }
+  const auto packet = tagReportingPacket(payload, timestamp, method, respCode, eventID);
+  if (!packet) return std::nullopt;
   std::string line = writeLocalLog(*packet);
   _networkProcQueue->async([self = shared_from_this(), packet, eventID] {
     static_cast<DashboardBackend&>(*self).tryToSendMsg(packet->datagram(),

@@ -96,8 +96,15 @@ class DashboardBackend final : public CorvidBackend {
   void useReliableUDP();
   // A handler that does nothing once the backend is gone.
   Task whileAlive(void (DashboardBackend::*operation)());
-  TagReportingPacketHeader headerOf(const TimeValue& timestamp, std::uint16_t method,
-                                    std::uint16_t respCode, EventID eventID) const;
+  // Nothing (logged) where there is no memory for it.
+  std::shared_ptr<const TagReportingPacket> tagReportingPacket(const Dictionary* payload,
+                                                               const TimeValue& timestamp,
+                                                               std::uint16_t method,
+                                                               std::uint16_t respCode,
+                                                               EventID eventID) const;
+  TagReportingPacketHeader tagReportingPacketHeader(const TimeValue& timestamp,
+                                                    std::uint16_t method, std::uint16_t respCode,
+                                                    EventID eventID) const;
 
   // On _networkProcQueue.
   void tryToSendMsg(std::string_view packet, std::uint16_t eventNumber);
@@ -107,8 +114,10 @@ class DashboardBackend final : public CorvidBackend {
   void processSocketRead();
   void beginCleanup();
   void cleanupSources();
-  void closeSocket() { _socket.reset(); }
-  bool send(std::string_view datagram) { return _socket && _socket->send(datagram); }
+  void closeSocket() { _socketDescriptor.reset(); }
+  bool send(std::string_view datagram) {
+    return _socketDescriptor && _socketDescriptor->send(datagram);
+  }
   void removePacket(std::size_t index, PacketFate fate);
   void report(std::uint16_t eventNumber, PacketFate fate) const;
   void updateTimer();
@@ -123,7 +132,7 @@ class DashboardBackend final : public CorvidBackend {
 
   // On _networkProcQueue only, once initialised. The sources go before the socket that one waits
   // on.
-  std::unique_ptr<DatagramSocket> _socket;  // none once closed
+  std::unique_ptr<DatagramSocket> _socketDescriptor;  // none once closed
   std::vector<UDPPacketToSend> _messageQueue;
   CleanupState _cleanupState = CleanupState::running;
   std::unique_ptr<Source> _readSource;  // in reliable mode

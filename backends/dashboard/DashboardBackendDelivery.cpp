@@ -18,8 +18,10 @@ constexpr std::array<std::int32_t, 4> retransmissionThresholds{2, 3, 5, 9};
 void DashboardBackend::tryToSendMsg(std::string_view packet, std::uint16_t eventNumber) {
   const bool wasSent = send(packet);
   if (wasSent && !_reliableUDP) return report(eventNumber, PacketFate::sent);
-  _messageQueue.emplace_back(packet, eventNumber);
-  if (wasSent) _messageQueue.back().setState(State::sent);
+  auto waiting = UDPPacketToSend::initWithBytes(packet, eventNumber);
+  if (!waiting) return report(eventNumber, wasSent ? PacketFate::sent : PacketFate::dropped);
+  if (wasSent) waiting->setState(State::sent);
+  _messageQueue.push_back(std::move(*waiting));
   if (_messageQueue.size() > queueLimit) removePacket(0, PacketFate::dropped);
   updateTimer();
 }
@@ -73,7 +75,7 @@ void DashboardBackend::finishCleanup() {
 
 void DashboardBackend::processSocketRead() {
   std::array<char, TagReportingPacket::size> buffer;
-  const auto size = _socket ? _socket->receive(buffer) : std::nullopt;
+  const auto size = _socketDescriptor ? _socketDescriptor->receive(buffer) : std::nullopt;
   if (!size) return;
   const auto eventNumber = acknowledgedEvent({buffer.data(), *size});
   if (!eventNumber) return;

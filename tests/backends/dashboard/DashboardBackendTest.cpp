@@ -20,6 +20,10 @@ void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
   }
 }
 
+void* operator new[](std::size_t size, const std::nothrow_t& nothrow) noexcept {
+  return ::operator new(size, nothrow);
+}
+
 namespace corvid {
 namespace {
 
@@ -243,6 +247,22 @@ TEST_F(DashboardBackendTest, ThereIsNoLineWithoutMemoryForThePacket) {
   EXPECT_EQ(line, std::nullopt);
   EXPECT_EQ(errors(), Lines{"DashboardBackend(sendMessage): can't malloc."});
   EXPECT_EQ(network.socket().attempts, 0);
+}
+
+TEST_F(DashboardBackendTest, APacketThatThereIsNoMemoryToKeepIsSentOnce) {
+  ASSERT_TRUE(make(reliableProfile()));
+  const auto sendWithoutMemory = [&](std::uint16_t event) {
+    backend->sendMessage(nullptr, {}, 1, 2, EventID{event});
+    memoryIsGone = true;
+    network.runTasks();
+    memoryIsGone = false;
+  };
+  sendWithoutMemory(1);
+  network.refusesSends = true;
+  sendWithoutMemory(2);
+  EXPECT_EQ(fates, (Fates{{1, PacketFate::sent}, {2, PacketFate::dropped}}));
+  EXPECT_EQ(network.armedTimers(), 0u);
+  EXPECT_EQ(sent(), 1u);
 }
 
 TEST_F(DashboardBackendTest, EventsOfClientsAreNotForIt) {
