@@ -68,8 +68,10 @@ void DashboardBackend::finishCleanup() {
     _cleanupState = CleanupState::lastResortScheduled;
     logDebug("DashboardBackend(myPeriodicTask): scheduled last resort clean-up in {} ms.",
              lastResortDelay.count());
-    _lastResort =
-        _networkProcQueue->after(lastResortDelay, whileAlive(&DashboardBackend::cleanupSources));
+    // Where cleanup was asked for twice, the first one's comes first and ends it all.
+    if (!_lastResort)
+      _lastResort =
+          _networkProcQueue->after(lastResortDelay, whileAlive(&DashboardBackend::cleanupSources));
   }
 }
 
@@ -93,7 +95,7 @@ void DashboardBackend::cleanup() {
 
 void DashboardBackend::beginCleanup() {
   if (_messageQueue.empty()) return cleanupSources();
-  if (!_timer || _cleanupState != CleanupState::running) return;
+  if (!_timer) return;
   _cleanupState = CleanupState::requested;
   // Whoever let go of the backend need not stay for its packets.
   _timer->keepAlive(shared_from_this());

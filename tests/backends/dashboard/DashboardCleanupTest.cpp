@@ -56,13 +56,25 @@ TEST_F(DashboardCleanupTest, SchedulesTheLastResortOnce) {
   send(1);
   cleanUp();
   EXPECT_EQ(network.delayedTasks(), 0u);
-  advanceTicks(1);
+  advanceTicks(4);
   EXPECT_EQ(network.delayedTasks(), 1u);
   EXPECT_EQ(debugLines(), Lines{lastResortLine});
+}
+
+TEST_F(DashboardCleanupTest, BeingAskedAgainSaysSoAgainAndDelaysNothing) {
+  ASSERT_TRUE(make(plainProfile()));
+  network.refusesSends = true;
+  send(1);
   cleanUp();
-  advanceTicks(3);
+  advanceTicks(4);
+  cleanUp();
+  advanceTicks(4);
+  EXPECT_EQ(debugLines(), Lines(2, lastResortLine));
   EXPECT_EQ(network.delayedTasks(), 1u);
-  EXPECT_EQ(debugLines(), Lines{lastResortLine});
+  network.advance(std::chrono::milliseconds(9500) - tick * 7 - std::chrono::milliseconds(1));
+  EXPECT_TRUE(network.socket().isOpen);
+  network.advance(std::chrono::milliseconds(1));
+  EXPECT_TRUE(isOver()) << "9.5 seconds after the tick that saw the first request";
 }
 
 TEST_F(DashboardCleanupTest, EndsEarlyWhereTheQueueDrainsAfterTheLastResortWasScheduled) {
