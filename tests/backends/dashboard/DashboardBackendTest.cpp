@@ -20,8 +20,13 @@ void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
   }
 }
 
-void* operator new[](std::size_t size, const std::nothrow_t& nothrow) noexcept {
-  return ::operator new(size, nothrow);
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+  if (memoryIsGone) return nullptr;
+  try {
+    return ::operator new[](size);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
 }
 
 namespace corvid {

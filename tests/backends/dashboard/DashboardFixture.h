@@ -61,9 +61,9 @@ class DashboardFixture : public testing::Test {
   std::vector<std::string> errors() const { return platform.log.texts(LogLevel::error); }
   std::vector<std::string> debugLines() const { return platform.log.texts(LogLevel::debug); }
 
+  Fates fates;  // in the order in which packets were let go; the platform's end may add some
   TestPlatform platform;
   FakeNetwork& network = *platform.network;
-  Fates fates;  // in the order in which packets were let go
   std::shared_ptr<DashboardBackend> backend;
 
  private:
