@@ -110,6 +110,21 @@ void answerSuccess(const SuccessHandler& handler, bool answered, bool success,
   handler.end(CORVID_OUTCOME_ANSWERED);
 }
 
+// What the daemon gets of a file: its descriptor, and this to remove it.
+class FileGrant final : public wire::FileGrant::Server {
+ public:
+  explicit FileGrant(UploadedFile file) : _file(std::move(file)) {}
+
+  kj::Maybe<int> getFd() override { return _file.descriptor(); }
+  kj::Promise<void> remove(RemoveContext) override {
+    _file.remove();
+    return kj::READY_NOW;
+  }
+
+ private:
+  const UploadedFile _file;
+};
+
 // A call that travels alone. `request(daemon, replyWanted)` makes the request, `answer(handler,
 // results)` hands its results over and ends the call; it decodes before it calls anything.
 template <class Callback, class Request, class Answer>
@@ -326,15 +341,16 @@ std::unique_ptr<RemoteCall> finish(TextHandler handler) {
       [](const TextHandler& text, const auto& results) { answerText(text, results.getResult()); });
 }
 
-std::unique_ptr<RemoteCall> uploadFile(std::string fileURL, wire::Extent extent,
-                                       SuccessHandler handler) {
+std::unique_ptr<RemoteCall> uploadFile(std::string fileURL, std::optional<UploadedFile> file,
+                                       wire::Extent extent, SuccessHandler handler) {
   return single(
       extent, handler,
-      [fileURL = std::move(fileURL), hint = sizeHint(extent)](RemoteCall::Daemon& daemon,
-                                                              bool replyWanted) {
+      [fileURL = std::move(fileURL), file = std::move(file), hint = sizeHint(extent)](
+          RemoteCall::Daemon& daemon, bool replyWanted) mutable {
         auto request = daemon.uploadFileRequest(hint);
         request.setReplyWanted(replyWanted);
         request.setFileURL({fileURL.c_str(), fileURL.size()});
+        if (file) request.setFile(kj::heap<FileGrant>(*std::exchange(file, std::nullopt)));
         return request;
       },
       [](const SuccessHandler& success, const auto& results) {

@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "client/UploadedFile.h"
 #include "client/include/corvid/corvid.h"
 #include "platform/base/Value.h"
 #include "protocol/corvid.capnp.h"
@@ -130,8 +131,9 @@ std::unique_ptr<RemoteCall> fetchStates(std::optional<Dictionary> userInfo, wire
 std::unique_ptr<RemoteCall> fetchDisplayURL(TextHandler handler);
 std::unique_ptr<RemoteCall> flush(FlushHandler handler);
 std::unique_ptr<RemoteCall> finish(TextHandler handler);
-std::unique_ptr<RemoteCall> uploadFile(std::string fileURL, wire::Extent extent,
-                                       SuccessHandler handler);
+// Without a file the daemon hears of the URL all the same, and refuses it.
+std::unique_ptr<RemoteCall> uploadFile(std::string fileURL, std::optional<UploadedFile> file,
+                                       wire::Extent extent, SuccessHandler handler);
 std::unique_ptr<RemoteCall> uploadLogData(Array logData, wire::Extent extent,
                                           SuccessHandler handler);
 std::unique_ptr<RemoteCall> sendSingleMessage(Dictionary sessionInfo,

@@ -44,7 +44,7 @@ Link::Link(Owner& owner, wire::SocketPort& port)
     : _owner(owner),
       _port(port),
       _stream(port),
-      _network(_stream, capnp::rpc::twoparty::Side::CLIENT),
+      _network(_stream, limits::descriptorsPerMessage, capnp::rpc::twoparty::Side::CLIENT),
       _rpc(capnp::makeRpcServer(_network, kj::heap<Replies>(owner))),
       _daemon(nullptr),
       _tasks(*this) {

@@ -11,6 +11,7 @@
 #include "client/FileURL.h"
 #include "client/Opaque.h"
 #include "client/Session.h"
+#include "client/UploadedFile.h"
 #include "protocol/Keys.h"
 #include "protocol/Limits.h"
 
@@ -240,10 +241,14 @@ int corvid_session_upload_file(corvid_session_t* session, const char* path,
     if (error) return static_cast<int>(CORVID_ERROR_SYSTEM);
     std::string url = library::fileURL(absolute.native());
     if (url.size() > corvid::limits::fileURLBytes) return static_cast<int>(CORVID_ERROR_TOO_LARGE);
+    std::optional<library::UploadedFile> file;
+    if (const int result = library::UploadedFile::open(absolute, file); result != CORVID_OK)
+      return result;
     Extent extent;
     extent.addText(url);
     return submit(session, extent, [&] {
-      return library::uploadFile(std::move(url), extent, {callback, finished, context});
+      return library::uploadFile(std::move(url), std::move(file), extent,
+                                 {callback, finished, context});
     });
   });
 }

@@ -34,6 +34,7 @@ Platform::Services systemServices(const Paths& paths, const Deployment& deployme
       .random = random,
       .keepAlive = launcher,
       .files = std::make_shared<LocalFileSystem>(),
+      .extensionTokens = std::make_shared<ExtensionTokens>(random),
       .paths = paths,
       .deployment = deployment,
   };

@@ -14,6 +14,7 @@
 #include "platform/Consent.h"
 #include "platform/Deployment.h"
 #include "platform/DeviceInformationService.h"
+#include "platform/ExtensionTokens.h"
 #include "platform/FileSystem.h"
 #include "platform/HTTPClient.h"
 #include "platform/KeepAlive.h"
@@ -54,6 +55,7 @@ class Platform {
     std::shared_ptr<Random> random;
     std::shared_ptr<KeepAlive> keepAlive;
     std::shared_ptr<FileSystem> files;
+    std::shared_ptr<ExtensionTokens> extensionTokens;
     Paths paths;
     Deployment deployment;
   };
@@ -75,6 +77,7 @@ class Platform {
   Random& random() { return *_services.random; }
   KeepAlive& keepAlive() { return *_services.keepAlive; }
   FileSystem& files() { return *_services.files; }
+  ExtensionTokens& extensionTokens() { return *_services.extensionTokens; }
   const Paths& paths() const { return _services.paths; }
   const Deployment& deployment() const { return _services.deployment; }
 

@@ -15,6 +15,8 @@ inline constexpr std::size_t connectionsPerUser = 256;
 inline constexpr std::size_t messageBytes = std::size_t{16} << 20;
 inline constexpr std::size_t segmentsPerMessage = 128;
 inline constexpr std::size_t capabilitiesPerMessage = 4;
+// Open files that travel with a message.
+inline constexpr std::size_t descriptorsPerMessage = 1;
 // Arrays and dictionaries within each other; a dictionary of plain values has depth 1.
 inline constexpr std::size_t valueNesting = 32;
 inline constexpr std::size_t valuesPerMessage = 65536;
@@ -26,6 +28,8 @@ inline constexpr std::size_t messagesPerCall = 256;
 inline constexpr std::size_t sessionInfoBytes = std::size_t{256} << 10;
 // URL of a file: the longest path with every byte of it escaped.
 inline constexpr std::size_t fileURLBytes = 16384;
+// A file that is uploaded, which is read as a whole.
+inline constexpr std::size_t uploadBytes = std::size_t{256} << 20;
 
 // Calls that have begun and are not answered; past it nothing more is read from the client.
 inline constexpr std::size_t callsInFlight = 64;

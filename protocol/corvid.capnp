@@ -71,6 +71,15 @@ struct Delivery {
   payload @4 :List(PropertyValue);
 }
 
+interface FileGrant {
+  # One regular file that the client has opened for reading. The descriptor travels with the
+  # capability; whoever gets it holds the right to read that file, under no name.
+
+  remove @0 ();
+  # Removes the file from the folder that it was opened in, if it still stands there under its name.
+  # The client does that with its own rights.
+}
+
 interface ClientSession {
   # The calls of one connection run one after the other in the order in which they were made. Each
   # returns when it has been answered, when its reply was dropped unanswered, or, where no reply is
@@ -94,8 +103,10 @@ interface ClientSession {
 
   finish @6 (replyWanted :Bool) -> (result :TextResult);
 
-  uploadFile @7 (replyWanted :Bool, fileURL :Text, extensionToken :Data)
+  uploadFile @7 (replyWanted :Bool, fileURL :Text, extensionToken :Data, file :FileGrant)
              -> (answered :Bool, success :Bool);
+  # `file` grants the daemon the file for the length of the call; the daemon makes up a token for it.
+  # Without one, `extensionToken` stands for something that nobody granted.
 
   uploadLogData @8 (replyWanted :Bool, logData :List(PropertyValue))
                 -> (answered :Bool, success :Bool, error :Error);

@@ -12,6 +12,7 @@
 #include "platform/ipc/DeliverySender.h"
 #include "platform/ipc/PeerGuard.h"
 #include "platform/ipc/SessionServer.h"
+#include "protocol/Limits.h"
 #include "protocol/wire/MessageSocket.h"
 #include "protocol/wire/QuietLibrary.h"
 #include "protocol/wire/SocketPort.h"
@@ -48,7 +49,7 @@ class IPCConnection::Serving final : private PeerGuard::Owner {
         _port(port),
         _stream(port),
         _guard(_stream, *this),
-        _network(_guard, capnp::rpc::twoparty::Side::SERVER),
+        _network(_guard, limits::descriptorsPerMessage, capnp::rpc::twoparty::Side::SERVER),
         _sender(*connection._outbox, _guard, _network, [this] { return client(); }),
         _rpc(capnp::makeRpcServer(
             _network, kj::heap<SessionServer>(connection._exportedObject, connection._outbox,

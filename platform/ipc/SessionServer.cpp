@@ -1,5 +1,6 @@
 #include "platform/ipc/SessionServer.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <kj/debug.h>
 
@@ -7,7 +8,9 @@
 #include <optional>
 #include <utility>
 
+#include "platform/Platform.h"
 #include "platform/base/Log.h"
+#include "platform/ipc/PassedFile.h"
 #include "platform/ipc/PendingCall.h"
 #include "protocol/Limits.h"
 #include "protocol/wire/ValueCodec.h"
@@ -82,6 +85,15 @@ void checkInfos(const Dictionary& sessionInfo, const std::optional<Dictionary>& 
   if (!frameworks.empty()) extent.add(frameworks);
   if (extent.bytes() > limits::sessionInfoBytes)
     throw wire::BrokenRule(fmt::format("infos of {} bytes", extent.bytes()));
+}
+
+// The descriptor that came with the capability; null where none did.
+std::shared_ptr<PassedFile> passedFile(wire::FileGrant::Client file) {
+  KJ_IF_MAYBE (descriptor, capnp::ClientHook::from(kj::mv(file))->getFd()) {
+    Descriptor own(fcntl(*descriptor, F_DUPFD_CLOEXEC, 0));
+    if (own) return std::make_shared<PassedFile>(std::move(own));
+  }
+  return nullptr;
 }
 
 std::string bytesOf(capnp::Data::Reader data) {
@@ -283,6 +295,8 @@ kj::Promise<void> SessionServer::uploadFile(UploadFileContext context) {
   bool replyWanted = false;
   std::string fileURL;
   std::string extensionToken;
+  wire::FileGrant::Client grantedFile = nullptr;
+  std::shared_ptr<PassedFile> file;
   decoding(context, [&](auto parameters) {
     ValueDecoder decoder;
     replyWanted = parameters.getReplyWanted();
@@ -290,8 +304,13 @@ kj::Promise<void> SessionServer::uploadFile(UploadFileContext context) {
     if (fileURL.size() > limits::fileURLBytes)
       throw wire::BrokenRule(fmt::format("a file URL of {} bytes", fileURL.size()));
     extensionToken = bytesOf(parameters.getExtensionToken());
+    if (!parameters.hasFile()) return;
+    grantedFile = parameters.getFile();
+    file = passedFile(grantedFile);
   });
-  return perform<bool>(
+  std::optional<ExtensionTokens::Grant> grant;
+  if (file) extensionToken = grant.emplace(Platform::current().extensionTokens(), file).token();
+  auto done = perform<bool>(
       "uploadFile", replyWanted,
       [&](SuccessReply completion) {
         _session->uploadFileAtPath(std::move(fileURL), std::move(extensionToken),
@@ -301,6 +320,13 @@ kj::Promise<void> SessionServer::uploadFile(UploadFileContext context) {
         context.getResults().setAnswered(true);
         context.getResults().setSuccess(success);
       });
+  if (!file || !file->isToBeRemoved()) return done;
+  // Whether it could be removed or not, the client hears the outcome of its call after that.
+  return grantedFile.removeRequest()
+      .send()
+      .ignoreResult()
+      .then([] {}, [](kj::Exception&&) {})
+      .then([done = kj::mv(done)]() mutable { return kj::mv(done); });
 }
 
 kj::Promise<void> SessionServer::uploadLogData(UploadLogDataContext context) {

@@ -82,6 +82,7 @@ kj::Own<capnp::MessageReader> FrameReader::next() {
     _filled += more;
   }
   if (_filled < bytes.size()) return {};
+  _position += bytes.size();
   kj::Array<capnp::word> words = std::exchange(_message, nullptr);
   auto reader = kj::heap<capnp::FlatArrayMessageReader>(words, readerOptions(words.size()));
   return reader.attach(kj::mv(words));

@@ -12,6 +12,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 
 namespace corvid::wire {
 
@@ -22,6 +23,8 @@ class FrameReader {
   void filled(std::size_t bytes);
   // The next complete message, or null. It owns its memory.
   kj::Own<capnp::MessageReader> next();
+  // Where in the stream, in bytes from its start, the last message that next() gave ends.
+  std::uint64_t position() const { return _position; }
 
  private:
   std::size_t staged() const { return _end - _begin; }
@@ -33,6 +36,7 @@ class FrameReader {
   std::size_t _end = 0;
   kj::Array<capnp::word> _message;  // the message under way, null between messages
   std::size_t _filled = 0;          // bytes of it that are there
+  std::uint64_t _position = 0;
 };
 
 }  // namespace corvid::wire

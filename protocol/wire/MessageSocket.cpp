@@ -1,17 +1,21 @@
 #include "protocol/wire/MessageSocket.h"
 
+#include <fmt/format.h>
 #include <kj/debug.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cerrno>
 #include <cstdint>
+#include <cstring>
 #include <optional>
 #include <utility>
 #include <vector>
 
+#include "protocol/Limits.h"
 #include "protocol/wire/ValueCodec.h"
 
 namespace corvid::wire {
@@ -54,10 +58,11 @@ std::optional<std::size_t> sendSome(int socket, const msghdr& message) {
 
 }  // namespace
 
-// A large message whose first bytes may have been written.
+// A large message, or one with descriptors, whose first bytes may have been written.
 class MessageSocket::Outgoing {
  public:
-  explicit Outgoing(Segments segments) : _header(headerOf(segments)) {
+  Outgoing(Segments segments, kj::ArrayPtr<const int> descriptors) : _header(headerOf(segments)) {
+    if (descriptors.size() > 0) attach(descriptors);
     _pieces.reserve(segments.size() + 1);
     _pieces.push_back({_header.data(), _header.size() * sizeof _header[0]});
     for (const auto segment : segments) {
@@ -74,8 +79,11 @@ class MessageSocket::Outgoing {
       msghdr message{};
       message.msg_iov = &_pieces[_next];
       message.msg_iovlen = std::min(_pieces.size() - _next, mostPieces);
+      message.msg_control = _control.data();
+      message.msg_controllen = _control.size();
       const std::optional<std::size_t> sent = sendSome(socket, message);
       if (!sent) return false;
+      _control.clear();
       advance(*sent);
     }
     return true;
@@ -83,6 +91,17 @@ class MessageSocket::Outgoing {
 
  private:
   static constexpr std::size_t mostPieces = 1024;  // IOV_MAX
+
+  void attach(kj::ArrayPtr<const int> descriptors) {
+    const std::size_t bytes = descriptors.size() * sizeof(int);
+    _control.resize(CMSG_SPACE(bytes));
+    cmsghdr header{};
+    header.cmsg_level = SOL_SOCKET;
+    header.cmsg_type = SCM_RIGHTS;
+    header.cmsg_len = CMSG_LEN(bytes);
+    std::memcpy(_control.data(), &header, sizeof header);
+    std::memcpy(_control.data() + CMSG_LEN(0), descriptors.begin(), bytes);
+  }
 
   void advance(std::size_t sent) {
     while (_next < _pieces.size() && sent >= _pieces[_next].iov_len)
@@ -94,17 +113,30 @@ class MessageSocket::Outgoing {
   }
 
   std::vector<std::uint32_t> _header;
+  std::vector<char> _control;  // descriptors that have not left
   std::vector<iovec> _pieces;
   std::size_t _next = 0;
 };
 
-MessageSocket::Received MessageSocket::receive() {
+MessageSocket::Received MessageSocket::receive(bool takesDescriptors) {
   kj::ArrayPtr<kj::byte> space = _frames.space();
+  iovec bytes{space.begin(), space.size()};
+  alignas(cmsghdr) std::array<char, CMSG_SPACE(limits::descriptorsPerMessage * sizeof(int))>
+      control;
   for (;;) {
-    const ssize_t received = recv(_port.socket(), space.begin(), space.size(), MSG_DONTWAIT);
+    msghdr message{};
+    message.msg_iov = &bytes;
+    message.msg_iovlen = 1;
+    if (takesDescriptors) {
+      message.msg_control = control.data();
+      message.msg_controllen = control.size();
+    }
+    const ssize_t received = recvmsg(_port.socket(), &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
     if (received > 0) {
       _drained = static_cast<std::size_t>(received) < space.size();
+      _received += static_cast<std::size_t>(received);
       _frames.filled(static_cast<std::size_t>(received));
+      if (message.msg_controllen > 0) keepDescriptors(message);
       return Received::something;
     }
     if (received < 0 && errno == EINTR) continue;
@@ -114,45 +146,88 @@ MessageSocket::Received MessageSocket::receive() {
   }
 }
 
+// The system ends what one call receives with the bytes that descriptors came with, so these belong
+// to the message of the last of the bytes.
+void MessageSocket::keepDescriptors(const msghdr& message) {
+  // There may be more bytes.
+  _drained = false;
+  std::size_t count = 0;
+  for (const cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr;
+       header = CMSG_NXTHDR(const_cast<msghdr*>(&message), const_cast<cmsghdr*>(header))) {
+    if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) continue;
+    for (const unsigned char* at = CMSG_DATA(header);
+         at < reinterpret_cast<const unsigned char*>(header) + header->cmsg_len;
+         at += sizeof(int)) {
+      int descriptor;
+      std::memcpy(&descriptor, at, sizeof descriptor);
+      _passed.push_back({_received, kj::AutoCloseFd(descriptor)});
+      ++count;
+    }
+  }
+  // Where fewer came than there is room for, this process has no descriptor left.
+  if ((message.msg_flags & MSG_CTRUNC) != 0 && count >= limits::descriptorsPerMessage)
+    _tooManyDescriptors = true;
+}
+
+kj::Maybe<capnp::MessageReaderAndFds> MessageSocket::next(
+    kj::ArrayPtr<kj::AutoCloseFd> descriptorSpace) {
+  const auto checkCount = [this](std::size_t count, std::size_t most) {
+    if (count > most || _tooManyDescriptors)
+      throw BrokenRule(fmt::format("a message with more than {} descriptors", most));
+  };
+  kj::Own<capnp::MessageReader> message = _frames.next();
+  if (message.get() == nullptr) {
+    // All that is kept came with the message that is not complete.
+    checkCount(_passed.size(), limits::descriptorsPerMessage);
+    return nullptr;
+  }
+  std::size_t count = 0;
+  for (; !_passed.empty() && _passed.front().position <= _frames.position(); _passed.pop_front()) {
+    checkCount(count + 1, descriptorSpace.size());
+    descriptorSpace[count++] = kj::mv(_passed.front().descriptor);
+  }
+  return capnp::MessageReaderAndFds{kj::mv(message), descriptorSpace.slice(0, count)};
+}
+
 kj::Promise<kj::Maybe<capnp::MessageReaderAndFds>> MessageSocket::tryReadMessage(
     kj::ArrayPtr<kj::AutoCloseFd> descriptorSpace, capnp::ReaderOptions options,
     kj::ArrayPtr<capnp::word> scratchSpace) {
   using Incoming = kj::Maybe<capnp::MessageReaderAndFds>;
+  const bool takesDescriptors = descriptorSpace.size() > 0;
   flush();
   do {
     try {
-      if (kj::Own<capnp::MessageReader> message = _frames.next(); message.get() != nullptr)
-        return Incoming(capnp::MessageReaderAndFds{kj::mv(message), nullptr});
+      if (Incoming message = next(descriptorSpace); message != nullptr) return kj::mv(message);
     } catch (const BrokenRule& rule) {
       return kj::Exception(kj::Exception::Type::FAILED, __FILE__, __LINE__,
                            kj::heapString(rule.what()));
     }
     if (_drained) break;
-  } while (receive() == Received::something);
+  } while (receive(takesDescriptors) == Received::something);
   return _port.whenReadable().then(
       [this, descriptorSpace, options, scratchSpace]() -> kj::Promise<Incoming> {
-        if (receive() == Received::end) return Incoming();
+        if (receive(descriptorSpace.size() > 0) == Received::end) return Incoming();
         return tryReadMessage(descriptorSpace, options, scratchSpace);
       });
 }
 
 kj::Promise<void> MessageSocket::writeMessage(kj::ArrayPtr<const int> descriptors,
                                               Segments segments) {
-  KJ_REQUIRE(descriptors.size() == 0, "descriptors are not passed on this connection");
   if (_blocked) {
     auto pair = kj::newPromiseAndFulfiller<void>();
     _unblocked = kj::mv(pair.fulfiller);
-    return pair.promise.then([this, segments] { return writeMessage(nullptr, segments); });
+    return pair.promise.then(
+        [this, descriptors, segments] { return writeMessage(descriptors, segments); });
   }
-  if (_output.size() + bytesOf(segments) <= outputBytes) {
+  if (descriptors.size() == 0 && _output.size() + bytesOf(segments) <= outputBytes) {
     gather(segments);
     return kj::READY_NOW;
   }
   if (!_output.empty()) {
     flush();
-    return writeMessage(nullptr, segments);
+    return writeMessage(descriptors, segments);
   }
-  auto outgoing = kj::heap<Outgoing>(segments);
+  auto outgoing = kj::heap<Outgoing>(segments, descriptors);
   if (outgoing->writeTo(_port.socket())) return kj::READY_NOW;
   _blocked = true;
   return untilSent(kj::mv(outgoing)).then([this] { unblock(); });

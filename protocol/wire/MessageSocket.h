@@ -4,12 +4,19 @@
 // many messages that is. Where the stream breaks a rule of FrameReader, reading fails with its
 // text; a peer that is gone, also in the middle of a message, is an end of stream.
 //
+// A message may bring limits::descriptorsPerMessage open descriptors, which leave with its first
+// byte. Whoever reads without room for descriptors never gets any: the system closes them.
+//
 // Threads: the event loop's.
 #pragma once
 
 #include <capnp/serialize-async.h>
+#include <kj/io.h>
+#include <sys/socket.h>
 
 #include <cstddef>
+#include <cstdint>
+#include <deque>
 #include <vector>
 
 #include "protocol/wire/FrameReader.h"
@@ -44,7 +51,15 @@ class MessageSocket final : public capnp::MessageStream {
   class Outgoing;
   enum class Received { something, nothing, end };
 
-  Received receive();
+  // A descriptor, and where in the stream the bytes end that it came with.
+  struct Passed {
+    std::uint64_t position;
+    kj::AutoCloseFd descriptor;
+  };
+
+  kj::Maybe<capnp::MessageReaderAndFds> next(kj::ArrayPtr<kj::AutoCloseFd> descriptorSpace);
+  Received receive(bool takesDescriptors);
+  void keepDescriptors(const msghdr& message);
   bool sendOutput();
   void gather(kj::ArrayPtr<const kj::ArrayPtr<const capnp::word>> segments);
   void unblock();
@@ -53,7 +68,10 @@ class MessageSocket final : public capnp::MessageStream {
 
   SocketPort& _port;
   FrameReader _frames;
-  bool _drained = true;  // the socket had less than was asked for
+  bool _drained = true;              // the socket had less than was asked for
+  std::uint64_t _received = 0;       // bytes
+  std::deque<Passed> _passed;        // of messages that next() has not given
+  bool _tooManyDescriptors = false;  // at once, so that some are lost
 
   std::vector<kj::byte> _output;  // what waits to leave
   std::size_t _sent = 0;          // bytes of it that have left

@@ -27,6 +27,7 @@ void TestPlatform::restart() {
       .random = random,
       .keepAlive = keepAlive,
       .files = files,
+      .extensionTokens = extensionTokens,
       .paths = _paths,
       .deployment = _deployment,
   });

@@ -37,6 +37,7 @@ struct TestPlatform {
   std::shared_ptr<FakeRandom> random = std::make_shared<FakeRandom>();
   std::shared_ptr<FakeKeepAlive> keepAlive = std::make_shared<FakeKeepAlive>();
   std::shared_ptr<FakeFileSystem> files = std::make_shared<FakeFileSystem>(clock);
+  std::shared_ptr<ExtensionTokens> extensionTokens = std::make_shared<ExtensionTokens>(random);
 
  private:
   Paths _paths{"/nonexistent/root"};

@@ -285,7 +285,11 @@ CORVID_API int corvid_session_flush(corvid_session_t* session, corvid_flush_call
                                     corvid_finished_callback_t finished, void* context);
 CORVID_API int corvid_session_finish(corvid_session_t* session, corvid_text_callback_t callback,
                                      corvid_finished_callback_t finished, void* context);
-/* `path` may be relative to the working folder. */
+/* `path` may be relative to the working folder. The file is opened before the function returns,
+ * with the rights of this process and following no link in the last part of the path; the daemon
+ * reads what was opened, not what stands there later. What is no regular file, or may not be read,
+ * is refused by the daemon. The daemon has the file removed, by this process, where the server
+ * confirmed the upload. CORVID_ERROR_TOO_LARGE past 256 MiB. */
 CORVID_API int corvid_session_upload_file(corvid_session_t* session, const char* path,
                                           corvid_success_callback_t callback,
                                           corvid_finished_callback_t finished, void* context);

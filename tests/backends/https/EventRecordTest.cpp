@@ -109,6 +109,7 @@ TEST_F(EventRecordTest, BackendsMadeTogetherHaveOneStart) {
                      .random = platform.random,
                      .keepAlive = platform.keepAlive,
                      .files = platform.files,
+                     .extensionTokens = platform.extensionTokens,
                      .paths = Paths("/nonexistent/root"),
                      .deployment = {}});
   Platform::install(&hurrying);

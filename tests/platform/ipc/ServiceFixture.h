@@ -16,8 +16,10 @@
 #include <utility>
 #include <vector>
 
+#include "platform/Platform.h"
 #include "platform/ipc/IPCListener.h"
 #include "tests/fakes/CapturedLog.h"
+#include "tests/fakes/FakeServices.h"
 
 namespace corvid {
 
@@ -131,8 +133,9 @@ class RecordingSession : public ClientSessionInterface {
   void uploadFileAtPath(std::string fileURL, std::string extensionToken,
                         SuccessReply completion) override {
     Call call{"uploadFile"};
-    call.text = std::move(fileURL), call.token = std::move(extensionToken);
+    call.text = std::move(fileURL), call.token = extensionToken;
     record(std::move(call));
+    if (onUpload) onUpload(extensionToken);
     completion(uploadSucceeds);
   }
   void uploadLogData(Array logData, LogDataReply completion) override {
@@ -165,6 +168,7 @@ class RecordingSession : public ClientSessionInterface {
   // Set before the first call.
   std::optional<Array> states;
   bool uploadSucceeds = true;
+  std::function<void(const std::string& extensionToken)> onUpload;
   std::function<void()> onSetSessionInfo;
   std::function<void(std::uint16_t, ResultReply)> onMessage;
   std::function<void(FlushReply)> onFlush;
@@ -238,6 +242,9 @@ class RecordingDelegate final : public ListenerDelegate {
 
 class ServiceFixture : public testing::Test {
  protected:
+  ServiceFixture() { Platform::install(&platform); }
+  ~ServiceFixture() override { Platform::install(nullptr); }
+
   // Tests set up `delegate` first.
   void start() {
     auto bound = IPCListener::bind(path, [](int) {
@@ -252,6 +259,13 @@ class ServiceFixture : public testing::Test {
   void TearDown() override { stop(); }
 
   CapturedLog log;
+  const std::shared_ptr<ExtensionTokens> tokens =
+      std::make_shared<ExtensionTokens>(std::make_shared<FakeRandom>());
+  Platform platform{[this] {
+    Platform::Services services;
+    services.extensionTokens = tokens;
+    return services;
+  }()};
   TemporaryFolder folder;
   std::string path = folder.path + "/run/corvidd/com.halcyon.corvidd";
   std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>();

@@ -76,7 +76,7 @@ class WireClient {
         loop(port),
         scope(loop),
         stream(port),
-        network(stream, capnp::rpc::twoparty::Side::CLIENT),
+        network(stream, limits::descriptorsPerMessage, capnp::rpc::twoparty::Side::CLIENT),
         rpc(capnp::makeRpcClient(network)),
         session(rpc.bootstrap(daemon()).castAs<wire::ClientSession>()) {}
   WireClient(const std::string& path, kj::Own<wire::ClientSessionReply::Server> replies)
@@ -85,7 +85,7 @@ class WireClient {
         loop(port),
         scope(loop),
         stream(port),
-        network(stream, capnp::rpc::twoparty::Side::CLIENT),
+        network(stream, limits::descriptorsPerMessage, capnp::rpc::twoparty::Side::CLIENT),
         rpc(capnp::makeRpcServer(network, kj::mv(replies))),
         session(rpc.bootstrap(daemon()).castAs<wire::ClientSession>()) {}
 

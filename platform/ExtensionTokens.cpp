@@ -1,0 +1,63 @@
+#include "platform/ExtensionTokens.h"
+
+#include <fmt/format.h>
+
+#include "platform/Random.h"
+
+namespace corvid {
+
+ExtensionTokens::ExtensionTokens(std::shared_ptr<Random> random) : _random(std::move(random)) {}
+ExtensionTokens::~ExtensionTokens() = default;
+
+ExtensionTokens::Grant::Grant(ExtensionTokens& tokens, std::shared_ptr<GrantedFile> file)
+    : _tokens(tokens), _token(tokens.add(std::move(file))) {}
+ExtensionTokens::Grant::~Grant() { _tokens.revoke(_token); }
+
+ExtensionTokens::Handle::Handle(ExtensionTokens& tokens, std::shared_ptr<GrantedFile> file)
+    : _tokens(tokens), _file(std::move(file)) {}
+ExtensionTokens::Handle::~Handle() { _tokens.release(); }
+
+std::string ExtensionTokens::add(std::shared_ptr<GrantedFile> file) {
+  std::string token;
+  for (const std::uint8_t byte : _random->uuid()) token += fmt::format("{:02x}", byte);
+  const MutexLock lock(_mutex);
+  _granted.insert_or_assign(token, Granted{std::move(file), std::this_thread::get_id()});
+  return token;
+}
+
+ExtensionTokens::Handle ExtensionTokens::consume(const std::string& token) {
+  const MutexLock lock(_mutex);
+  ++_handles;
+  ++_consumed;
+  const auto found = _granted.find(token);
+  const bool isGranted =
+      found != _granted.end() && found->second.thread == std::this_thread::get_id();
+  return Handle(*this, isGranted ? found->second.file : nullptr);
+}
+
+void ExtensionTokens::revoke(const std::string& token) {
+  const MutexLock lock(_mutex);
+  _granted.erase(token);
+}
+
+void ExtensionTokens::release() {
+  const MutexLock lock(_mutex);
+  --_handles;
+}
+
+std::size_t ExtensionTokens::grants() const {
+  const MutexLock lock(_mutex);
+  return _granted.size();
+}
+
+std::size_t ExtensionTokens::handles() const {
+  const MutexLock lock(_mutex);
+  return _handles;
+}
+
+std::size_t ExtensionTokens::consumed() const {
+  const MutexLock lock(_mutex);
+  return _consumed;
+}
+
+}  // namespace corvid

@@ -1,0 +1,108 @@
+// Files that clients grant the daemon beside its sandbox, under tokens.
+//
+// Who receives a call grants the file that came with it; who carries the call out consumes the
+// token and gets a handle on the file. The token is random and worth nothing without the grant: not
+// after the call, and not on another thread than the call's, so not to another client.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include "platform/base/Mutex.h"
+
+namespace corvid {
+
+class Random;
+
+struct FileAttributes {
+  bool isRegularFile = false;
+  std::uint64_t size = 0;
+};
+
+// An open file and the right to remove it. One thread.
+class GrantedFile {
+ public:
+  virtual ~GrantedFile() = default;
+  // Of what cannot be looked at: no regular file.
+  virtual FileAttributes attributes() = 0;
+  // As much as there is from the start, `size` bytes at most. Empty where it cannot be read.
+  virtual std::string read(std::size_t size) = 0;
+  // Takes effect before the client hears of its call's end. A failure is nobody's to know.
+  virtual void remove() = 0;
+};
+
+// Threads   Any. Grants and handles belong to the thread that made
+//           them and must not outlive the registry.
+class ExtensionTokens {
+ public:
+  // Grants a file under a new token until it is destroyed.
+  class Grant {
+   public:
+    Grant(ExtensionTokens& tokens, std::shared_ptr<GrantedFile> file);
+    ~Grant();
+    Grant(const Grant&) = delete;
+    Grant& operator=(const Grant&) = delete;
+    const std::string& token() const { return _token; }
+
+   private:
+    ExtensionTokens& _tokens;
+    const std::string _token;
+  };
+
+  // What a token stands for, released on destruction. Where nobody granted it, there is nothing to
+  // look at, to read or to remove.
+  class Handle {
+   public:
+    ~Handle();
+    Handle(const Handle&) = delete;
+    Handle& operator=(const Handle&) = delete;
+
+    FileAttributes attributes() const { return _file ? _file->attributes() : FileAttributes(); }
+    std::string read(std::size_t size) const { return _file ? _file->read(size) : std::string(); }
+    void remove() const {
+      if (_file) _file->remove();
+    }
+
+   private:
+    friend class ExtensionTokens;
+    Handle(ExtensionTokens& tokens, std::shared_ptr<GrantedFile> file);
+
+    ExtensionTokens& _tokens;
+    const std::shared_ptr<GrantedFile> _file;
+  };
+
+  explicit ExtensionTokens(std::shared_ptr<Random> random);
+  ~ExtensionTokens();
+
+  [[nodiscard]] Handle consume(const std::string& token) EXCLUDES(_mutex);
+
+  std::size_t grants() const EXCLUDES(_mutex);
+  // Consumed and not released.
+  std::size_t handles() const EXCLUDES(_mutex);
+  // Consumed since the start.
+  std::size_t consumed() const EXCLUDES(_mutex);
+
+ private:
+  struct Granted {
+    std::shared_ptr<GrantedFile> file;
+    std::thread::id thread;
+  };
+
+  std::string add(std::shared_ptr<GrantedFile> file) EXCLUDES(_mutex);
+  void revoke(const std::string& token) EXCLUDES(_mutex);
+  void release() EXCLUDES(_mutex);
+
+  const std::shared_ptr<Random> _random;
+  mutable Mutex _mutex;
+  std::map<std::string, Granted> _granted GUARDED_BY(_mutex);
+  std::size_t _handles GUARDED_BY(_mutex) = 0;
+  std::size_t _consumed GUARDED_BY(_mutex) = 0;
+};
+
+}  // namespace corvid

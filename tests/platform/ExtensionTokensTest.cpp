@@ -1,0 +1,104 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+
+#include "platform/ExtensionTokens.h"
+#include "tests/fakes/FakeGrantedFile.h"
+#include "tests/fakes/FakeServices.h"
+
+namespace corvid {
+namespace {
+
+class ExtensionTokensTest : public testing::Test {
+ protected:
+  bool grants(const std::string& token) { return tokens.consume(token).attributes().isRegularFile; }
+
+  ExtensionTokens tokens{std::make_shared<FakeRandom>()};
+  const std::shared_ptr<FakeGrantedFile> file = std::make_shared<FakeGrantedFile>("content");
+};
+
+TEST_F(ExtensionTokensTest, AHandleReadsAndRemovesWhatWasGranted) {
+  const ExtensionTokens::Grant grant(tokens, file);
+  const auto handle = tokens.consume(grant.token());
+  EXPECT_TRUE(handle.attributes().isRegularFile);
+  EXPECT_EQ(handle.attributes().size, 7u);
+  EXPECT_EQ(handle.read(4), "cont");
+  EXPECT_EQ(file->removals, 0);
+  handle.remove();
+  EXPECT_EQ(file->removals, 1);
+}
+
+TEST_F(ExtensionTokensTest, ATokenThatNobodyGrantedStandsForNothing) {
+  const ExtensionTokens::Grant grant(tokens, file);
+  for (const std::string& forged : {std::string(), std::string("token"), grant.token() + "0",
+                                    std::string(grant.token().size(), '0')}) {
+    const auto handle = tokens.consume(forged);
+    EXPECT_FALSE(handle.attributes().isRegularFile);
+    EXPECT_EQ(handle.attributes().size, 0u);
+    EXPECT_EQ(handle.read(100), "");
+    handle.remove();
+  }
+  EXPECT_EQ(file->removals, 0);
+  EXPECT_TRUE(file->reads.empty());
+}
+
+TEST_F(ExtensionTokensTest, ATokenIsWorthNothingAfterItsGrant) {
+  std::optional<ExtensionTokens::Grant> grant(std::in_place, tokens, file);
+  const std::string token = grant->token();
+  EXPECT_TRUE(grants(token));
+  EXPECT_TRUE(grants(token));  // several backends may ask
+  grant.reset();
+  EXPECT_FALSE(grants(token));
+  EXPECT_EQ(tokens.grants(), 0u);
+}
+
+TEST_F(ExtensionTokensTest, ATokenIsWorthNothingOnAnotherThread) {
+  const ExtensionTokens::Grant grant(tokens, file);
+  bool granted = true;
+  std::thread([&] { granted = grants(grant.token()); }).join();
+  EXPECT_FALSE(granted);
+  EXPECT_TRUE(grants(grant.token()));
+}
+
+TEST_F(ExtensionTokensTest, EachGrantHasATokenOfItsOwn) {
+  std::set<std::string> seen;
+  for (int i = 0; i < 100; ++i) {
+    const ExtensionTokens::Grant grant(tokens, file);
+    EXPECT_EQ(grant.token().size(), 32u);
+    seen.insert(grant.token());
+  }
+  EXPECT_EQ(seen.size(), 100u);
+}
+
+TEST_F(ExtensionTokensTest, HandlesAreCountedUntilTheyAreReleased) {
+  const ExtensionTokens::Grant grant(tokens, file);
+  {
+    const auto first = tokens.consume(grant.token());
+    const auto second = tokens.consume("forged");
+    EXPECT_EQ(tokens.handles(), 2u);
+  }
+  try {
+    const auto handle = tokens.consume(grant.token());
+    throw 1;
+  } catch (int) {
+  }
+  EXPECT_EQ(tokens.handles(), 0u);
+  EXPECT_EQ(tokens.consumed(), 3u);
+}
+
+TEST_F(ExtensionTokensTest, TheFileIsLetGoWithGrantAndHandle) {
+  {
+    std::optional<ExtensionTokens::Grant> grant(std::in_place, tokens, file);
+    const auto handle = tokens.consume(grant->token());
+    grant.reset();
+    EXPECT_EQ(handle.read(7), "content");
+  }
+  EXPECT_EQ(file.use_count(), 1);
+}
+
+}  // namespace
+}  // namespace corvid
