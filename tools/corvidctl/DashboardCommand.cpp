@@ -11,11 +11,9 @@
 #include "backends/dashboard/DashboardBackend.h"
 #include "platform/Platform.h"
 #include "platform/data/JSON.h"
-#include "platform/data/SystemRandom.h"
-#include "platform/network/SystemNetwork.h"
-#include "platform/system/SystemClock.h"
 #include "tools/CommandLine.h"
 #include "tools/corvidctl/JSONValues.h"
+#include "tools/corvidctl/SendingPlatform.h"
 
 namespace corvid::ctl {
 
@@ -25,26 +23,6 @@ using tools::UsageError;
 namespace {
 
 constexpr int exitNotAcknowledged = 2;
-
-// The services that a dashboard backend uses to send; log data is not uploaded here.
-Platform::Services sendingServices() {
-  Platform::Services services;
-  services.clock = std::make_shared<SystemClock>();
-  services.random = std::make_shared<SystemRandom>();
-  services.network = std::make_shared<SystemNetwork>();
-  return services;
-}
-
-class InstalledPlatform {
- public:
-  InstalledPlatform() : _platform(sendingServices()) { Platform::install(&_platform); }
-  ~InstalledPlatform() { Platform::install(nullptr); }
-  InstalledPlatform(const InstalledPlatform&) = delete;
-  InstalledPlatform& operator=(const InstalledPlatform&) = delete;
-
- private:
-  Platform _platform;
-};
 
 template <class Number>
 Number number(const CommandLine& line, const std::string& option, Number otherwise) {
@@ -79,9 +57,7 @@ TimeValue timeFrom(const CommandLine& line) {
 
 int say(PacketFate fate) {
   switch (fate) {
-    case PacketFate::acknowledged:
-      fmt::print("acknowledged\n");
-      return 0;
+    case PacketFate::acknowledged: fmt::print("acknowledged\n"); return 0;
     case PacketFate::dropped:
       fmt::print("dropped: no acknowledgement came\n");
       return exitNotAcknowledged;
@@ -114,7 +90,7 @@ int runDashboardCommand(const std::vector<std::string>& arguments) {
   const auto clientType = number<std::int32_t>(line, "--client-type", 0);
   const auto clientVersion = number<std::uint16_t>(line, "--client-version", 0);
 
-  const InstalledPlatform platform;
+  const SendingPlatform platform;
   const TimeValue time = timeFrom(line);
   const auto fate = std::make_shared<std::promise<PacketFate>>();
   auto backend = DashboardBackend::initWithName("dashboard", ip, port, std::nullopt);
