@@ -2,10 +2,10 @@
 
 #include <stdlib.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
-#include <vector>
 
 namespace corvid::bench {
 namespace {
@@ -48,6 +48,12 @@ int run(const Program& program, int argc, char** argv) {
     std::fprintf(stderr, "%s: %s\n", program.name, error.what());
     return 1;
   }
+}
+
+double median(std::vector<double> values) {
+  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+  std::nth_element(values.begin(), middle, values.end());
+  return *middle;
 }
 
 }  // namespace corvid::bench

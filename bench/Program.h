@@ -2,7 +2,9 @@
 #pragma once
 
 #include <functional>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "tools/CommandLine.h"
 
@@ -18,5 +20,8 @@ struct Program {
 
 // Exit status of main.
 int run(const Program& program, int argc, char** argv);
+
+// Of at least one value.
+double median(std::vector<double> values);
 
 }  // namespace corvid::bench

@@ -9,7 +9,6 @@
 // the daemon's instructions.
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <vector>
 
 #include "bench/Bench.h"
@@ -29,11 +28,6 @@ struct Options {
   int events = 5'000;  // of a block
   int pairs = 40;
 };
-
-double median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  return values[values.size() / 2];
-}
 
 // CPU of the daemon for a block, in microseconds an event. Every post has been answered at its end.
 double measureBlock(ChildProcess& daemon, Session& session, int events) {
