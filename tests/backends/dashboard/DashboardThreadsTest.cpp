@@ -6,6 +6,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <stop_token>
@@ -87,6 +89,11 @@ class DashboardThreadsTest : public testing::Test {
     return true;
   }
 
+  static std::size_t openDescriptors() {
+    return static_cast<std::size_t>(
+        std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
+  }
+
   TestPlatform fakes;
   std::shared_ptr<SystemNetwork> network = std::make_shared<SystemNetwork>();
   std::optional<Platform> platform;
@@ -115,6 +122,40 @@ TEST_F(DashboardThreadsTest, CleanupRacesSendsAcknowledgementsAndTicks) {
     cleaner.join();
     ASSERT_TRUE(waitFor([&] { return watched.expired() && !network->isBusy(); })) << round;
   }
+}
+
+// Takes ten seconds: the last resort has no other clock than the real one.
+TEST_F(DashboardThreadsTest, TheLastResortRacesSendsTicksAndRequestsToCleanUp) {
+  server.isSilent = true;
+  const std::size_t before = openDescriptors();
+  std::vector<std::shared_ptr<DashboardBackend>> backends;
+  for (int i = 0; i < 5; ++i) {
+    backends.push_back(make(500));
+    ASSERT_TRUE(backends.back());
+    backends.back()->sendMessage(nullptr, {}, 1, 2, EventID{0});
+    backends.back()->cleanup();
+  }
+  ASSERT_EQ(openDescriptors(), before + backends.size());
+  std::vector<std::jthread> busy;
+  for (int i = 0; i < 2; ++i)
+    busy.emplace_back([backends](const std::stop_token& stop) {
+      for (std::uint16_t event = 1; !stop.stop_requested(); ++event) {
+        for (const auto& backend : backends) {
+          backend->sendMessage(nullptr, {}, 1, 2, EventID{event});
+          backend->cleanup();
+        }
+        std::this_thread::sleep_for(1ms);  // leaves the other threads their turn
+      }
+    });
+  EXPECT_TRUE(waitFor([&] {
+    std::this_thread::sleep_for(1ms);
+    return openDescriptors() == before;
+  })) << "their queues never drain, yet their sockets are closed";
+  const std::vector<std::weak_ptr<DashboardBackend>> watched(backends.begin(), backends.end());
+  backends.clear();
+  busy.clear();
+  for (const auto& backend : watched) EXPECT_TRUE(waitFor([&] { return backend.expired(); }));
+  EXPECT_TRUE(waitFor([&] { return !network->isBusy(); }));
 }
 
 TEST_F(DashboardThreadsTest, BackendsLetGoWithoutCleanupGoAtOnceWhateverRuns) {
