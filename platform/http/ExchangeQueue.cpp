@@ -16,9 +16,8 @@ bool ExchangeQueue::isFull(const std::string& host) const {
 void ExchangeQueue::add(Exchange exchange) {
   _nextDeadline = std::min(_nextDeadline, exchange.deadline);
   ++_waiting;
-  _bytes += exchange.size();
   Host& host = _hosts[exchange.host];
-  host.bytes += exchange.size();
+  setBytes(host, host.bytes + exchange.size());
   host.waiting.push_back(std::move(exchange));
 }
 
@@ -55,8 +54,7 @@ std::vector<Exchange> ExchangeQueue::removeExpired(Exchange::Time now) {
         ++exchange;
       } else {
         --_waiting;
-        _bytes -= exchange->size();
-        entry->second.bytes -= exchange->size();
+        setBytes(entry->second, entry->second.bytes - exchange->size());
         expired.push_back(std::move(*exchange));
         exchange = waiting.erase(exchange);
       }
@@ -72,12 +70,18 @@ std::optional<Exchange::Time> ExchangeQueue::nextDeadline() const {
   return _nextDeadline;
 }
 
+void ExchangeQueue::setBytes(Host& host, std::size_t bytes) {
+  const std::size_t share = _limits.bytes / _limits.hosts;
+  _bytes -= std::min(host.bytes, share);
+  host.bytes = bytes;
+  _bytes += std::min(host.bytes, share);
+}
+
 Exchange ExchangeQueue::takeFirst(Host& host) {
   Exchange exchange = std::move(host.waiting.front());
   host.waiting.pop_front();
   --_waiting;
-  _bytes -= exchange.size();
-  host.bytes -= exchange.size();
+  setBytes(host, host.bytes - exchange.size());
   if (_waiting == 0) _nextDeadline = Exchange::Time::max();
   return exchange;
 }

@@ -51,11 +51,13 @@ class ExchangeQueue {
   using Hosts = std::map<std::string, Host>;
 
   Exchange takeFirst(Host& host);
+  void setBytes(Host& host, std::size_t bytes);
 
   const Limits _limits;
   Hosts _hosts;  // those with something active or waiting
   std::string _servedLast;
   std::size_t _waiting = 0;
+  // Each host counts with its share at most: a large body takes no room from other hosts.
   std::size_t _bytes = 0;
   Exchange::Time _nextDeadline = Exchange::Time::max();
 };

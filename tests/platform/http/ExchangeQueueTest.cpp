@@ -108,6 +108,25 @@ TEST_F(ExchangeQueueTest, ManyHostsFillTheQueueTogether) {
   EXPECT_TRUE(shared.isFull("e"));
 }
 
+TEST_F(ExchangeQueueTest, ABodyLargerThanEverythingTakesNoRoomFromOtherHosts) {
+  ExchangeQueue shared{{.exchanges = 8, .bytes = 1000, .hosts = 4, .activePerHost = 1}};
+  Exchange large = exchange("a", "a1");
+  large.body.resize(5000);
+  shared.add(std::move(large));
+  EXPECT_TRUE(shared.isFull("a"));
+  for (const char* host : {"b", "c", "d"}) {
+    EXPECT_FALSE(shared.isFull(host));
+    Exchange full = exchange(host, host);
+    full.body.resize(250);
+    shared.add(std::move(full));
+  }
+  EXPECT_TRUE(shared.isFull("e"));
+  EXPECT_EQ(shared.next()->url, "a1");
+  EXPECT_FALSE(shared.isFull("e"));
+  EXPECT_EQ(shared.removeAll().size(), 3u);
+  EXPECT_FALSE(shared.isFull("b"));
+}
+
 TEST_F(ExchangeQueueTest, GivesUpThoseWhoseTimeIsOver) {
   queue.add(exchange("a", "a60", 60s));
   queue.add(exchange("a", "a15", 15s));
