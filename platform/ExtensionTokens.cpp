@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include "platform/Random.h"
+#include "protocol/Limits.h"
 
 namespace corvid {
 
@@ -15,7 +16,13 @@ ExtensionTokens::Grant::~Grant() { _tokens.revoke(_token); }
 
 ExtensionTokens::Handle::Handle(ExtensionTokens& tokens, std::shared_ptr<GrantedFile> file)
     : _tokens(tokens), _file(std::move(file)) {}
-ExtensionTokens::Handle::~Handle() { _tokens.release(); }
+ExtensionTokens::Handle::~Handle() { _tokens.release(_claimed); }
+
+bool ExtensionTokens::Handle::claim(std::size_t bytes) {
+  if (!_tokens.replaceClaim(_claimed, bytes)) return false;
+  _claimed = bytes;
+  return true;
+}
 
 std::string ExtensionTokens::add(std::shared_ptr<GrantedFile> file) {
   std::string token;
@@ -40,9 +47,18 @@ void ExtensionTokens::revoke(const std::string& token) {
   _granted.erase(token);
 }
 
-void ExtensionTokens::release() {
+void ExtensionTokens::release(std::size_t claimed) {
   const MutexLock lock(_mutex);
   --_handles;
+  _claimed -= claimed;
+}
+
+bool ExtensionTokens::replaceClaim(std::size_t before, std::size_t after) {
+  const MutexLock lock(_mutex);
+  const std::size_t others = _claimed - before;
+  if (after > limits::uploadBytesUnderWay - others) return false;
+  _claimed = others + after;
+  return true;
 }
 
 std::size_t ExtensionTokens::grants() const {
@@ -58,6 +74,11 @@ std::size_t ExtensionTokens::handles() const {
 std::size_t ExtensionTokens::consumed() const {
   const MutexLock lock(_mutex);
   return _consumed;
+}
+
+std::size_t ExtensionTokens::claimed() const {
+  const MutexLock lock(_mutex);
+  return _claimed;
 }
 
 }  // namespace corvid

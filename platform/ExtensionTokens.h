@@ -68,6 +68,10 @@ class ExtensionTokens {
     void remove() const {
       if (_file) _file->remove();
     }
+    // Claims so much memory for what is done with the file, in place of what was claimed before.
+    // False, and nothing changes, where all handles together would have more than
+    // limits::uploadBytesUnderWay.
+    bool claim(std::size_t bytes);
 
    private:
     friend class ExtensionTokens;
@@ -75,6 +79,7 @@ class ExtensionTokens {
 
     ExtensionTokens& _tokens;
     const std::shared_ptr<GrantedFile> _file;
+    std::size_t _claimed = 0;
   };
 
   explicit ExtensionTokens(std::shared_ptr<Random> random);
@@ -87,6 +92,8 @@ class ExtensionTokens {
   std::size_t handles() const EXCLUDES(_mutex);
   // Consumed since the start.
   std::size_t consumed() const EXCLUDES(_mutex);
+  // By all handles, in bytes.
+  std::size_t claimed() const EXCLUDES(_mutex);
 
  private:
   struct Granted {
@@ -96,13 +103,15 @@ class ExtensionTokens {
 
   std::string add(std::shared_ptr<GrantedFile> file) EXCLUDES(_mutex);
   void revoke(const std::string& token) EXCLUDES(_mutex);
-  void release() EXCLUDES(_mutex);
+  void release(std::size_t claimed) EXCLUDES(_mutex);
+  bool replaceClaim(std::size_t before, std::size_t after) EXCLUDES(_mutex);
 
   const std::shared_ptr<Random> _random;
   mutable Mutex _mutex;
   std::map<std::string, Granted> _granted GUARDED_BY(_mutex);
   std::size_t _handles GUARDED_BY(_mutex) = 0;
   std::size_t _consumed GUARDED_BY(_mutex) = 0;
+  std::size_t _claimed GUARDED_BY(_mutex) = 0;
 };
 
 }  // namespace corvid

@@ -30,6 +30,8 @@ inline constexpr std::size_t sessionInfoBytes = std::size_t{256} << 10;
 inline constexpr std::size_t fileURLBytes = 16384;
 // A file that is uploaded, which is read as a whole.
 inline constexpr std::size_t uploadBytes = std::size_t{256} << 20;
+// Memory of all uploads together; past it a further one is refused.
+inline constexpr std::size_t uploadBytesUnderWay = 4 * uploadBytes;
 
 // Calls that have begun and are not answered; past it nothing more is read from the client.
 inline constexpr std::size_t callsInFlight = 64;

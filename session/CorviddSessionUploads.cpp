@@ -4,37 +4,12 @@
 
 #include "config/MessageLog.h"
 #include "platform/base/Log.h"
+#include "platform/base/URL.h"
 #include "session/CorviddSession.h"
 
 namespace corvid {
 
 namespace {
-
-int hexValue(char digit) {
-  if (digit >= '0' && digit <= '9') return digit - '0';
-  if (digit >= 'a' && digit <= 'f') return digit - 'a' + 10;
-  if (digit >= 'A' && digit <= 'F') return digit - 'A' + 10;
-  return -1;
-}
-
-// What is no escape stays as it is, and so does "%00", which no path can hold.
-std::string percentDecoded(std::string_view text) {
-  std::string decoded;
-  decoded.reserve(text.size());
-  for (std::size_t at = 0; at < text.size(); ++at) {
-    if (text[at] == '%' && at + 2 < text.size()) {
-      const int high = hexValue(text[at + 1]);
-      const int low = hexValue(text[at + 2]);
-      if (high >= 0 && low >= 0 && high + low > 0) {
-        decoded += static_cast<char>(high * 16 + low);
-        at += 2;
-        continue;
-      }
-    }
-    decoded += text[at];
-  }
-  return decoded;
-}
 
 // The path of "file:///a%20b" is "/a b"; a host, a query and a fragment are no part of it.
 std::string fileSystemPath(std::string_view fileURL) {

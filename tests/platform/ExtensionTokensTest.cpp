@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <memory>
 #include <optional>
 #include <set>
@@ -7,6 +8,7 @@
 #include <thread>
 
 #include "platform/ExtensionTokens.h"
+#include "protocol/Limits.h"
 #include "tests/fakes/FakeGrantedFile.h"
 #include "tests/fakes/FakeServices.h"
 
@@ -88,6 +90,21 @@ TEST_F(ExtensionTokensTest, HandlesAreCountedUntilTheyAreReleased) {
   }
   EXPECT_EQ(tokens.handles(), 0u);
   EXPECT_EQ(tokens.consumed(), 3u);
+}
+
+TEST_F(ExtensionTokensTest, AllHandlesTogetherClaimNoMoreThanTheLimit) {
+  {
+    auto first = tokens.consume("");
+    auto second = tokens.consume("");
+    EXPECT_TRUE(first.claim(limits::uploadBytesUnderWay - 10));
+    EXPECT_FALSE(second.claim(11));
+    EXPECT_TRUE(second.claim(10));
+    EXPECT_FALSE(second.claim(std::numeric_limits<std::size_t>::max()));
+    EXPECT_EQ(tokens.claimed(), limits::uploadBytesUnderWay);
+    EXPECT_TRUE(first.claim(5));  // in place of the first claim
+    EXPECT_EQ(tokens.claimed(), 15u);
+  }
+  EXPECT_EQ(tokens.claimed(), 0u);
 }
 
 TEST_F(ExtensionTokensTest, TheFileIsLetGoWithGrantAndHandle) {

@@ -11,30 +11,11 @@
 #include <thread>
 
 #include "tests/platform/ipc/ServiceFixture.h"
+#include "tests/platform/ipc/TestGrant.h"
 #include "tests/platform/ipc/WireClient.h"
 
 namespace corvid {
 namespace {
-
-// A grant of any descriptor; none where it is negative.
-class TestGrant final : public wire::FileGrant::Server {
- public:
-  TestGrant(int descriptor, int& removals) : _descriptor(descriptor), _removals(removals) {}
-  kj::Maybe<int> getFd() override {
-    if (_descriptor < 0) return nullptr;
-    return _descriptor;
-  }
-  kj::Promise<void> remove(RemoveContext) override {
-    ++_removals;
-    if (fails) return KJ_EXCEPTION(FAILED, "cannot be removed");
-    return kj::READY_NOW;
-  }
-  bool fails = false;
-
- private:
-  const int _descriptor;
-  int& _removals;
-};
 
 class Uploads : public ServiceFixture {
  protected:

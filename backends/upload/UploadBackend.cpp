@@ -1,0 +1,134 @@
+#include "backends/upload/UploadBackend.h"
+
+#include <fmt/format.h>
+
+#include <chrono>
+#include <string_view>
+#include <utility>
+
+#include "config/Gzip.h"
+#include "platform/Platform.h"
+#include "platform/base/Describe.h"
+#include "platform/base/Log.h"
+#include "platform/base/Reading.h"
+#include "platform/base/Text.h"
+#include "platform/base/URL.h"
+#include "protocol/Limits.h"
+
+namespace corvid {
+
+namespace {
+
+std::optional<std::string> textAt(const Dictionary& profile, std::string_view key) {
+  const std::string* text = stringAt(profile, key);
+  return text ? std::optional(*text) : std::nullopt;
+}
+
+// "b" of "/a/b" and of "/a/b/"; "/" of the root.
+std::string_view lastPathComponent(std::string_view path) {
+  while (path.size() > 1 && path.ends_with('/')) path.remove_suffix(1);
+  return path.size() > 1 ? path.substr(path.rfind('/') + 1) : path;
+}
+
+std::chrono::milliseconds timeoutFor(std::size_t bytes) {
+  const auto seconds = static_cast<std::int64_t>(bytes / UploadBackend::leastBytesPerSecond);
+  return std::chrono::minutes(1) + std::chrono::seconds(seconds);
+}
+
+}  // namespace
+
+std::shared_ptr<UploadBackend> UploadBackend::initWithName(
+    const std::string& name, const Dictionary* profile,
+    const std::optional<std::string>& productFamily) {
+  if (!profile || !stringAt(*profile, "post_url")) {
+    logError("UploadBackend(initWithName): can't resolve upload post URL.");
+    return nullptr;
+  }
+  return std::make_shared<UploadBackend>(Token{}, name, *profile, productFamily);
+}
+
+UploadBackend::UploadBackend(Token, const std::string& name, const Dictionary& profile,
+                             const std::optional<std::string>& productFamily)
+    : CorvidBackend(name, profile, productFamily), _uploadURL(textAt(profile, "post_url")) {
+  setDisplayURL(textAt(profile, "display_url"));
+}
+
+std::optional<std::string> UploadBackend::uploadURL() const {
+  const RecursiveLock lock(_lock);
+  return _uploadURL;
+}
+
+void UploadBackend::setUploadURL(std::optional<std::string> uploadURL) {
+  const RecursiveLock lock(_lock);
+  _uploadURL = std::move(uploadURL);
+}
+
+bool UploadBackend::uploadFileAtPath(const std::string& path, const std::string& extensionToken) {
+  logDebug("UploadBackend(uploadFileAtPath): Uploading file {}", path);
+  const std::optional<std::string> target = uploadURL();
+  if (!target) return false;
+  ExtensionTokens::Handle file = Platform::current().extensionTokens().consume(extensionToken);
+
+  std::optional<std::string> body = compressedContent(file);
+  if (!body) return false;
+  HTTPRequest request;
+  request.url = requestURL(*target, path);
+  if (!isURL(request.url)) {
+    logError("UploadBackend(uploadFileAtPath): Unable to create URL request");
+    return false;
+  }
+  request.method = "POST";
+  request.timeout = timeoutFor(body->size());
+  request.body = *std::move(body);
+  request.body.shrink_to_fit();  // the compressor made room for the worst case
+  file.claim(request.body.size());
+  request.headers = {{"Content-Type", "application/octet-stream"}, {"Content-Encoding", "gzip"}};
+
+  const HTTPOutcome outcome = performAndWait(Platform::current().http(), std::move(request));
+  if (!outcome.response) {
+    logError("UploadBackend(uploadFileAtPath): post {}",
+             outcome.error ? std::string_view(outcome.error->description) : nullDescription);
+    return true;
+  }
+  const std::string reply = replacingInvalidUTF8(outcome.response->body);
+  logDebug("UploadBackend(uploadFileAtPath): sending to |{}|, Json output: {}", *target, reply);
+  if (reply.find("success") != std::string::npos) file.remove();
+  return true;
+}
+
+std::optional<std::string> UploadBackend::compressedContent(ExtensionTokens::Handle& file) {
+  const FileAttributes attributes = file.attributes();
+  if (!attributes.isRegularFile) {
+    logError("UploadBackend(uploadFileAtPath): Only upload a regular file.");
+    return std::nullopt;
+  }
+  if (attributes.size > limits::uploadBytes) {
+    logError(
+        "UploadBackend(uploadFileAtPath): Input file has {} bytes, more than the {} of the limit",
+        attributes.size, limits::uploadBytes);
+    return std::nullopt;
+  }
+  const auto size = static_cast<std::size_t>(attributes.size);
+  // The content, and as much room for the compressor.
+  if (!file.claim(2 * size)) {
+    logError(
+        "UploadBackend(uploadFileAtPath): {} bytes are too many beside what is being uploaded already",
+        size);
+    return std::nullopt;
+  }
+  const std::string content = file.read(size);
+  if (content.empty()) {
+    logError("UploadBackend(uploadFileAtPath): Input file is empty");
+    return std::nullopt;
+  }
+  return gzipDeflate(content);
+}
+
+std::string UploadBackend::requestURL(const std::string& uploadURL, const std::string& path) const {
+  return fmt::format(
+      "{}?uuid={}&sequence={}&description={}%20(Uploaded%20by%20Mantle)&filename={}&raw=true",
+      uploadURL, udid() ? udid() : "(null)", sessionID(), percentEncodedForQuery("Parley AFRC log"),
+      percentEncodedForQuery(std::string(lastPathComponent(path)) + ".gz"));
+}
+
+}  // namespace corvid

@@ -1,0 +1,53 @@
+// Uploads a client's files to a server.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "backends/CorvidBackend.h"
+#include "platform/ExtensionTokens.h"
+
+namespace corvid {
+
+// Reads a granted file, compresses it and posts it; has the file removed where the server confirms.
+//
+// Threads   As CorvidBackend says. An upload blocks the client's thread for the whole exchange.
+// Limits    limits::uploadBytes a file, limits::uploadBytesUnderWay together; what goes past either
+//           is refused before anything of it is read. The exchange has a minute and as long as the
+//           body takes at leastBytesPerSecond.
+// Memory    The file and its compressed form while it is compressed, the latter alone after that.
+// Errors    False where nothing was sent, with one log line; once the request has started, true
+//           whatever came of it. The file is kept unless the server confirmed.
+class UploadBackend final : public CorvidBackend {
+ public:
+  // What a server takes at the very least.
+  static constexpr std::size_t leastBytesPerSecond = std::size_t{32} << 10;
+
+  // Nothing, after one error line, for a profile without "post_url".
+  static std::shared_ptr<UploadBackend> initWithName(
+      const std::string& name, const Dictionary* profile,
+      const std::optional<std::string>& productFamily);
+
+  bool uploadFileAtPath(const std::string& path, const std::string& extensionToken) override;
+
+  std::optional<std::string> uploadURL() const;
+  void setUploadURL(std::optional<std::string> uploadURL);
+
+ private:
+  struct Token {};
+
+ public:
+  // For initWithName.
+  UploadBackend(Token, const std::string& name, const Dictionary& profile,
+                const std::optional<std::string>& productFamily);
+
+ private:
+  static std::optional<std::string> compressedContent(ExtensionTokens::Handle& file);
+  std::string requestURL(const std::string& uploadURL, const std::string& path) const;
+
+  std::optional<std::string> _uploadURL GUARDED_BY(_lock);
+};
+
+}  // namespace corvid
