@@ -75,10 +75,14 @@ bool ClientProcess::readUntil(steady_clock::time_point deadline) {
   return true;
 }
 
-Dictionary ClientProcess::call(const Dictionary& line) {
+bool ClientProcess::send(const Dictionary& line) {
   const std::string text = writeJSON(line).value() + "\n";
   const ssize_t sent = ::send(_socket.get(), text.data(), text.size(), MSG_NOSIGNAL);
-  if (sent != static_cast<ssize_t>(text.size())) return {};
+  return sent == static_cast<ssize_t>(text.size());
+}
+
+Dictionary ClientProcess::call(const Dictionary& line) {
+  if (!send(line)) return {};
   const auto deadline = steady_clock::now() + DaemonProcess::patience;
   while (_outcomes.empty())
     if (!readUntil(deadline)) return {};

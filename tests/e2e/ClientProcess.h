@@ -27,6 +27,8 @@ class ClientProcess {
   ~ClientProcess();
   ClientProcess(ClientProcess&& other) noexcept;
 
+  // Makes a call without waiting for it. False where the client is gone.
+  bool send(const Dictionary& line);
   // Makes the call and gives its outcome; empty where there is none in time.
   Dictionary call(const Dictionary& line);
   // The events that have come so far, without waiting.

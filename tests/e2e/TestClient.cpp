@@ -135,6 +135,17 @@ TestClient::Outcome TestClient::displayURL() {
       outcome, [&](auto finished) { return _session.fetchDisplayURL(textTo(outcome), finished); });
 }
 
+TestClient::Outcome TestClient::upload(const std::string& path) {
+  const Outcome outcome;
+  const Session::SuccessCallback answered = [outcome](Status status, bool success,
+                                                      std::optional<client::Error>) {
+    outcome.set(!status ? status.text() : success ? "accepted" : "refused");
+  };
+  return outcomeOf(outcome, [&](auto finished) {
+    return _session.uploadFile(path.c_str(), answered, finished);
+  });
+}
+
 TestClient::Outcome TestClient::single(const client::Dictionary& sessionInfo,
                                        const client::Dictionary& payload) {
   const Outcome outcome;

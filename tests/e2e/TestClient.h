@@ -56,6 +56,8 @@ class TestClient {
   Outcome flush();
   Outcome fetchStates(client::DictionaryView userInfo);
   Outcome displayURL();
+  // "accepted" or "refused".
+  Outcome upload(const std::string& path);
   Outcome single(const client::Dictionary& sessionInfo, const client::Dictionary& payload);
 
   client::Session& session() { return _session; }

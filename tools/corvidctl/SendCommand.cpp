@@ -4,9 +4,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <set>
+#include <system_error>
 
 #include "protocol/Keys.h"
 #include "tools/corvidctl/JSONValues.h"
@@ -86,12 +89,22 @@ int runUploadCommand(const std::string& root, const std::vector<std::string>& ar
       throw CallError(fmt::format("cannot read {}: {}", file, std::strerror(errno)));
 
   ReportingSession session(root, description);
+  bool allConfirmed = true;
   for (const std::string& file : line.words()) {
+    std::error_code error;
+    std::printf("uploading %s (%ju bytes)\n", file.c_str(),
+                static_cast<std::uintmax_t>(std::filesystem::file_size(file, error)));
+    std::fflush(stdout);
     if (!session.client().uploadFile(file, true).success)
       throw CallError(fmt::format("{} was not uploaded (the daemon's log says why)", file));
-    std::printf("uploaded %s\n", file.c_str());
+    // The daemon tells no more than that it was sent.
+    const bool isConfirmed = access(file.c_str(), F_OK) != 0;
+    allConfirmed = allConfirmed && isConfirmed;
+    std::printf(isConfirmed ? "uploaded %s; the server confirmed it, so the file is gone\n"
+                            : "sent %s, but the server did not confirm it; the file stays\n",
+                file.c_str());
   }
-  return 0;
+  return allConfirmed ? 0 : 1;
 }
 
 }  // namespace corvid::ctl

@@ -15,7 +15,7 @@ namespace {
 
 constexpr const char* keys[] = {"server",   "times",        "status",       "delay",
                                 "redirect", "cutBodyAfter", "cutHeadAfter", "endless",
-                                "silent",   "corrupt",      "truncate"};
+                                "silent",   "corrupt",      "truncate",     "body"};
 
 }  // namespace
 
@@ -44,6 +44,7 @@ Fault FaultPlan::faultFrom(const Dictionary& request) const {
   fault.times = static_cast<int>(in.integer("times", -1, most).value_or(1));
   if (const auto status = in.integer("status", 200, 599)) fault.status = static_cast<int>(*status);
   fault.delay = std::chrono::milliseconds(std::lround(in.seconds("delay").value_or(0) * 1000));
+  fault.body = in.text("body");
   fault.redirect = in.text("redirect");
   fault.cutBodyAfter = count("cutBodyAfter");
   fault.cutHeadAfter = count("cutHeadAfter");
@@ -74,6 +75,7 @@ Answer FaultPlan::apply(const std::string& server, Answer answer) {
     fault = found->second;
   }
   if (fault.status) answer = {.status = *fault.status};
+  if (fault.body) answer.body = *fault.body;
   if (fault.redirect) answer = Answer::redirect(*fault.redirect, fault.status.value_or(302));
   answer.delay = fault.delay;
   answer.cutBodyAfter = fault.cutBodyAfter;

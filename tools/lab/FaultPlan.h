@@ -15,7 +15,8 @@ namespace corvid::lab {
 // What a server does wrong, for its next `times` requests (negative: until told otherwise).
 struct Fault {
   int times = 1;
-  std::optional<int> status{};  // instead of the right one, with an empty body
+  std::optional<int> status{};        // instead of the right one, with an empty body
+  std::optional<std::string> body{};  // instead of the right one
   std::chrono::milliseconds delay{0};
   std::optional<std::string> redirect{};  // with status 302 unless `status` is another
   std::optional<std::size_t> cutBodyAfter{};
@@ -33,7 +34,8 @@ class FaultPlan {
   explicit FaultPlan(std::set<std::string> servers) : _servers(std::move(servers)) {}
 
   void set(const std::string& server, Fault fault) EXCLUDES(_mutex);
-  // From {"server":NAME,"times":N,"status":N,"delay":SECONDS,"redirect":URL,"cutBodyAfter":N,
+  // From
+  // {"server":NAME,"times":N,"status":N,"body":TEXT,"delay":SECONDS,"redirect":URL,"cutBodyAfter":N,
   // "cutHeadAfter":N,"endless":true,"silent":true,"corrupt":true,"truncate":true}; everything but
   // the server may be left out. The failure says what of it cannot be meant.
   Result<bool> set(const Dictionary& request) EXCLUDES(_mutex);

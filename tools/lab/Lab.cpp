@@ -26,6 +26,7 @@ Lab::Lab(const std::string& root, Options options)
       _events("events", _received),
       _realtime("realtime", _received),
       _logData(_received),
+      _uploads(_received),
       _storebagFolder(_root.storebagFolder(), _signer, options.maxAge,
                       [this](std::string_view name) {
                         if (name == "dashboardPort") return std::to_string(_dashboard.port());
@@ -54,7 +55,8 @@ Answer Lab::report(const Request& request) {
   if (path == "/events") return _faults.apply("events", _events.answer(request));
   if (path == "/realtime") return _faults.apply("realtime", _realtime.answer(request));
   if (path == "/logData") return _faults.apply("logData", _logData.answer(request));
-  return {.status = 404, .body = "this server has /events, /realtime and /logData\n"};
+  if (path == "/upload") return _faults.apply("upload", _uploads.answer(request));
+  return {.status = 404, .body = "this server has /events, /realtime, /logData and /upload\n"};
 }
 
 Answer Lab::control(const Request& request) {
@@ -76,6 +78,7 @@ Dictionary Lab::addresses() const {
           {"events", localURL("https", *_reportServer, "/events")},
           {"realtime", localURL("https", *_reportServer, "/realtime")},
           {"logData", localURL("https", *_reportServer, "/logData")},
+          {"upload", localURL("https", *_reportServer, "/upload")},
           {"dashboard", fmt::format("127.0.0.1:{}", _dashboard.port())},
           {"control", localURL("http", *_controlServer, "/fault")},
           {"received", _root.receivedFile()}};

@@ -16,15 +16,16 @@
 #include "tools/lab/StorebagServer.h"
 #include "tools/lab/StorebagSigner.h"
 #include "tools/lab/TLSIdentity.h"
+#include "tools/lab/UploadCollector.h"
 
 namespace corvid::lab {
 
 // Lays out a root, starts the servers, writes what arrives to DIR/lab/received.jsonl.
 //
-// The storebag server ("storebags") and the report server with its collectors ("events", "realtime"
-// and "logData") speak TLS under the lab's own authority. A dashboard server takes packets. A last
-// server speaks plain HTTP: POST /fault with a JSON object plans a fault (FaultPlan; for the server
-// "dashboard" DashboardServer::setFaults).
+// The storebag server ("storebags") and the report server with its collectors ("events",
+// "realtime", "logData" and "upload") speak TLS under the lab's own authority. A dashboard server
+// takes packets. A last server speaks plain HTTP: POST /fault with a JSON object plans a fault
+// (FaultPlan; for the server "dashboard" DashboardServer::setFaults).
 //
 // Threads   construction and destruction by the owner; the rest from any thread.
 // Errors    std::runtime_error where a file cannot be written or a port is taken.
@@ -42,7 +43,7 @@ class Lab {
   Lab(const std::string& root, Options options);
 
   // {"root":…,"storebags":URL,"events":URL,"realtime":URL,"logData":URL,
-  // "dashboard":"ADDRESS:PORT","control":URL,"received":FILE}
+  // "upload":URL,"dashboard":"ADDRESS:PORT","control":URL,"received":FILE}
   Dictionary addresses() const;
   FaultPlan& faults() { return _faults; }
   HTTPServer& storebags() { return *_storebagServer; }
@@ -59,10 +60,11 @@ class Lab {
   const TLSIdentity _identity;
   const StorebagSigner _signer;
   ReceivedLog _received;
-  FaultPlan _faults{{"storebags", "events", "realtime", "logData"}};
+  FaultPlan _faults{{"storebags", "events", "realtime", "logData", "upload"}};
   const EventCollector _events;
   const EventCollector _realtime;
   LogDataCollector _logData;
+  const UploadCollector _uploads;
   const StorebagServer _storebagFolder;
   // The servers come last: they stop before what their handlers use.
   DashboardServer _dashboard;

@@ -52,11 +52,16 @@ Dictionary sampleDashboard() {
           {"reliable", 500}};
 }
 
+Dictionary sampleUploadServer() {
+  return {{"post_url", "${upload}"}, {"display_url", "${upload}"}};
+}
+
 Dictionary sampleStorebag(const std::string& name) {
   Dictionary storebag{{"version", "1.0.0-" + name}, {"refresh_cycle", 3600}};
   for (const char* environment : {"development", "halcyon_internal", "seed", "release"}) {
     Dictionary section = sampleSection();
     if (name == "reel") section.set("dashboard", sampleDashboard());
+    if (name == "folio") section.set("uploadServer", sampleUploadServer());
     storebag.set(environment, std::move(section));
   }
   return storebag;

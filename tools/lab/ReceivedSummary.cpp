@@ -32,6 +32,12 @@ std::string packetLine(const Dictionary& packet) {
                      described(packet, "method"), described(packet, "respCode"), payload);
 }
 
+std::string fileLine(const Dictionary& entry, const Dictionary& file) {
+  const Dictionary* query = dictionaryAt(entry, "query");
+  return fmt::format("    file {} of {} bytes\n", query ? described(*query, "filename") : "-",
+                     described(file, "size"));
+}
+
 }  // namespace
 
 std::string summary(const Dictionary& entry) {
@@ -45,6 +51,7 @@ std::string summary(const Dictionary& entry) {
   text += '\n';
   if (const std::string* error = stringAt(entry, "error")) text += "    error: " + *error + "\n";
   if (const Dictionary* packet = dictionaryAt(entry, "packet")) text += packetLine(*packet);
+  if (const Dictionary* file = dictionaryAt(entry, "file")) text += fileLine(entry, *file);
   if (const Array* logData = arrayAt(entry, "logData"))
     text += "    log data: " + description(*logData) + "\n";
   const Dictionary* message = dictionaryAt(entry, "message");

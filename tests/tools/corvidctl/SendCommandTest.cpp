@@ -195,6 +195,12 @@ class Upload : public Send {
     files.insert(files.begin(), {"upload", "--client-type", "5"});
     return ctl(std::move(files));
   }
+  // A daemon whose server confirms what it gets.
+  void serveUploads() {
+    serveStates(Array{"uploadServer"}, [this](RecordingSession& session) {
+      session.onUpload = [this](const std::string& token) { tokens->consume(token).remove(); };
+    });
+  }
   std::string file(const std::string& name) {
     const std::string made = folder.path + "/" + name;
     std::ofstream(made) << "content";
@@ -203,15 +209,35 @@ class Upload : public Send {
 };
 
 TEST_F(Upload, UploadsEachFile) {
-  serveStates(Array{"uploadServer"});
+  serveUploads();
   const std::string first = file("a b");
   const std::string second = file("\u00fc");
   const ToolResult result = upload({first, second});
   EXPECT_EQ(result.status, 0) << result.errors;
-  EXPECT_EQ(result.output, "uploaded " + first + "\nuploaded " + second + "\n");
+  const auto linesOf = [](const std::string& name) {
+    return "uploading " + name + " (7 bytes)\nuploaded " + name +
+           "; the server confirmed it, so the file is gone\n";
+  };
+  EXPECT_EQ(result.output, linesOf(first) + linesOf(second));
   EXPECT_EQ(names(), (std::vector<std::string>{"setSessionInfo", "startConfig", "uploadFile",
                                                "uploadFile"}));
   EXPECT_EQ(calls()[2].text, "file://" + folder.path + "/a%20b");
+}
+
+TEST_F(Upload, AFileThatTheServerDoesNotConfirmStaysAndIsTold) {
+  serveStates(Array{"uploadServer"});
+  const std::string first = file("first");
+  const std::string second = file("second");
+  const ToolResult result = upload({first, second});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.errors, "");
+  EXPECT_NE(result.output.find("sent " + first +
+                               ", but the server did not confirm it; the file "
+                               "stays\nuploading " +
+                               second),
+            std::string::npos)
+      << result.output;
+  EXPECT_EQ(names().size(), 4u);
 }
 
 TEST_F(Upload, AFileThatTheDaemonRefusesIsAFailure) {

@@ -159,10 +159,10 @@ TEST_F(FaultPlanTest, APlanThatCannotBeMeantIsRefusedAndSaysWhy) {
       {R"({"status":500})", R"("server" must be a text)"},
       {R"({"server":5})", R"("server" must be a text)"},
       {R"({"server":"event"})",
-       R"(there is no server "event"; there are events, logData, realtime, storebags)"},
+       R"(there is no server "event"; there are events, logData, realtime, storebags, upload)"},
       {R"({"server":"events","stauts":500})",
        R"(there is no fault "stauts"; there are server, times, status, delay, redirect, )"
-       "cutBodyAfter, cutHeadAfter, endless, silent, corrupt, truncate"},
+       "cutBodyAfter, cutHeadAfter, endless, silent, corrupt, truncate, body"},
       {R"({"server":"events","status":"500"})",
        R"("status" must be a whole number from 200 to 599)"},
       {R"({"server":"events","status":99})", R"("status" must be a whole number from 200 to 599)"},

@@ -63,7 +63,9 @@ TEST_F(LabTest, TellsItsAddresses) {
   EXPECT_EQ(address("logData"),
             "https://localhost:" + std::to_string(lab.reports().port()) + "/logData");
   EXPECT_EQ(address("dashboard"), "127.0.0.1:" + std::to_string(lab.dashboard().port()));
-  EXPECT_EQ(addresses.size(), 8u);
+  EXPECT_EQ(address("upload"),
+            "https://localhost:" + std::to_string(lab.reports().port()) + "/upload");
+  EXPECT_EQ(addresses.size(), 9u);
 }
 
 TEST_F(LabTest, PlansFaultsOfItsDashboard) {
