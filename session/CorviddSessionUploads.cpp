@@ -23,6 +23,17 @@ std::string fileSystemPath(std::string_view fileURL) {
   return percentDecoded(fileURL);
 }
 
+// A URL has no control characters; one that a client sends all the same writes no log line of its
+// own.
+std::string inOneLine(const std::string& fileURL) {
+  std::string line;
+  for (const char c : fileURL) {
+    const bool isControl = static_cast<unsigned char>(c) < ' ' || c == '\x7f';
+    line += isControl ? percentEncodedForQuery({&c, 1}) : std::string(1, c);
+  }
+  return line;
+}
+
 // Every backend is asked, also after one has taken the work.
 template <class Upload>
 bool anyBackendTakes(const BackendTable* table, Upload&& upload) {
@@ -51,7 +62,7 @@ void CorviddSession::uploadFileWithURL(const std::string& fileURL,
   else
     logError("uploadFileWithURL: File upload failed for {}", path);
   writeToLogFile("[uploadFileWithURL] Upload {} for file {}", success ? "succeeded" : "failed",
-                 fileURL);
+                 inOneLine(fileURL));
   completion(success);
 }
 

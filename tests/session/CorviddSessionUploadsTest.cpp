@@ -89,6 +89,13 @@ TEST_F(CorviddSessionUploadsTest, LogDataThatNoBackendTakesFails) {
               ElementsAre("uploadLogData: Log data array upload failed"));
 }
 
+TEST_F(CorviddSessionUploadsTest, AURLCannotWriteALineOfItsOwn) {
+  EXPECT_FALSE(uploadFile("file:///tmp/a\n(forged)\x7f"));
+  EXPECT_THAT(
+      messageLog(),
+      ElementsAre("[uploadFileWithURL] Upload failed for file file:///tmp/a%0A(forged)%7F"));
+}
+
 TEST_F(CorviddSessionUploadsTest, ThePathOfTheURLIsDecoded) {
   const std::map<std::string, std::string> pathOfURL{
       {"file:///tmp/plain.log", "/tmp/plain.log"},
