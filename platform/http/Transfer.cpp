@@ -126,10 +126,12 @@ HTTPOutcome Transfer::end(CURLcode result) {
 }
 
 HTTPCompletion Transfer::release() {
-  HTTPCompletion completion = std::move(_exchange.completion);
+  // Assigning empty ones would keep their memory until the next exchange.
+  Exchange exchange = std::move(_exchange);
+  const HTTPResponse response = std::move(_response);
   _exchange = {};
   _response = {};
-  return completion;
+  return std::move(exchange.completion);
 }
 
 HTTPError Transfer::errorFor(CURLcode result) const {
@@ -139,13 +141,11 @@ HTTPError Transfer::errorFor(CURLcode result) const {
   switch (_refusal) {
     case Refusal::sentOnce:
       return error(CURLE_GOT_NOTHING, "the server closed the connection without an answer");
-    case Refusal::body:
-      return error(CURLE_FILESIZE_EXCEEDED, "the answer is too large");
+    case Refusal::body: return error(CURLE_FILESIZE_EXCEEDED, "the answer is too large");
     case Refusal::headers:
       return error(CURLE_FILESIZE_EXCEEDED, "the head of the answer is too large");
     case Refusal::none:
-    case Refusal::closedConnection:
-      break;
+    case Refusal::closedConnection: break;
   }
   // libcurl has a limit of its own for a line and calls it a lack of memory.
   if (result == CURLE_OUT_OF_MEMORY && _wasSent && !_hasWholeHead)

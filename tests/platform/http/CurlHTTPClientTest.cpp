@@ -1,4 +1,6 @@
 // What the client does when nothing goes wrong.
+#include <malloc.h>
+
 #include <atomic>
 #include <cstdlib>
 #include <thread>
@@ -34,6 +36,21 @@ TEST_P(HTTPClientTest, AnyStatusIsAResponse) {
     ASSERT_TRUE(outcome.response) << status << " " << outcome.error->description;
     EXPECT_EQ(outcome.response->status, status);
   }
+}
+
+TEST_P(HTTPClientTest, ABodyTakesNoMemoryAfterItsExchange) {
+  const auto bytesInUse = [] {
+    const struct mallinfo2 info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+  };
+  if (bytesInUse() == 0) GTEST_SKIP() << "this allocator does not tell what is in use";
+  serve(lab::Answer{});
+  ASSERT_EQ(codeOf(post("small")), 0);
+  const std::size_t before = bytesInUse();
+  constexpr std::size_t size = std::size_t{8} << 20;
+  ASSERT_EQ(codeOf(post(std::string(size, 'x'))), 0);
+  server.reset();  // has the body too
+  EXPECT_LT(bytesInUse(), before + size / 2);
 }
 
 TEST_P(HTTPClientTest, SendsTheRequestAsGiven) {
