@@ -109,6 +109,8 @@ void measureCase(const std::string& program, const std::string& root, std::strin
     }));
   for (auto& upload : uploads) upload.get();
   const double seconds = std::chrono::duration<double>(Steady::now() - start).count();
+  std::this_thread::sleep_for(
+      std::chrono::milliseconds(500));  // large blocks go back to the system
   fmt::print(
       "{:<42} peak {:7.1f} MB (before {:.1f}), afterwards {:.1f} MB, CPU {:.2f} s, {:.2f} s\n",
       name, daemon.peakMB(), before, daemon.memory().residentMB,
