@@ -3,7 +3,7 @@
 install(TARGETS corvidd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 install(TARGETS corvidctl corvid-lab RUNTIME)
 install(TARGETS corvid LIBRARY)
-install(DIRECTORY client/include/corvid DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(DIRECTORY client/include/corvid include/corvid DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
 file(RELATIVE_PATH CORVID_PC_TO_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 string(REGEX REPLACE "/$" "" CORVID_PC_TO_PREFIX ${CORVID_PC_TO_PREFIX})

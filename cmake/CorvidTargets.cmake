@@ -54,6 +54,15 @@ function(corvid_program name)
   target_link_libraries(${name} PRIVATE corvid_flags ${arg_LINK})
 endfunction()
 
+# corvid_bundle(name SOURCES ...): code for the daemon to load, name.so.
+function(corvid_bundle name)
+  cmake_parse_arguments(arg "" "" "SOURCES" ${ARGN})
+  add_library(${name} MODULE ${arg_SOURCES})
+  target_link_libraries(${name} PRIVATE corvid_flags)
+  target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/include)
+  set_target_properties(${name} PROPERTIES PREFIX "" C_VISIBILITY_PRESET default)
+endfunction()
+
 # corvid_test(name SOURCES a_test.cpp ... LINK targets ...): one test program, each case a CTest test.
 function(corvid_test name)
   cmake_parse_arguments(arg "" "TIMEOUT" "SOURCES;LINK" ${ARGN})

@@ -14,6 +14,7 @@
 #include "platform/base/Log.h"
 #include "platform/data/DeploymentFile.h"
 #include "platform/ipc/IPCListener.h"
+#include "platform/system/BundleTrial.h"
 #include "platform/system/Entitlements.h"
 #include "platform/system/Launcher.h"
 #include "platform/system/MemoryUse.h"
@@ -70,6 +71,16 @@ bool enterSandbox(const Options& options, const Paths& paths, const Deployment& 
   return !failure;
 }
 
+// Before the daemon is in its sandbox, which starts no processes; the trial is in its own.
+bool isBundleUsable(const Options& options, const Paths& paths, const Deployment& deployment) {
+  const auto fault = tryBundle(paths.performanceBundle, "MetrixAdaptor",
+                               [&] { return enterSandbox(options, paths, deployment); });
+  if (fault)
+    logError("main: The bundle {} is not used: {}; mend or remove it and start corvidd anew",
+             paths.performanceBundle, *fault);
+  return !fault;
+}
+
 // What only setting up the listener needed. Not being able to give it up is no reason to end.
 void sealSandbox(const Options& options) {
   if (!options.enforcesSandbox) return;
@@ -112,10 +123,11 @@ int runDaemon(const Options& options) {
   const Logging logging(options);
   const auto launcher = std::make_shared<Launcher>(clock);
   const Deployment deployment = deploymentAt(paths.deploymentFile);
+  const bool usesBundle = isBundleUsable(options, paths, deployment);
   if (!enterSandbox(options, paths, deployment)) return sandboxFailure;
 
   // Before the listener, so that it outlives the sessions.
-  Platform platform(systemServices(paths, deployment, clock, launcher));
+  Platform platform(systemServices(paths, deployment, clock, launcher, usesBundle));
   Platform::install(&platform);
   auto created = createListener(paths, *launcher);
   if (!created) {

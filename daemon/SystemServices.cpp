@@ -6,6 +6,8 @@
 #include "platform/data/SystemRandom.h"
 #include "platform/http/CurlHTTPClient.h"
 #include "platform/network/SystemNetwork.h"
+#include "platform/system/DynamicBundleLoader.h"
+#include "platform/system/JournalPowerLog.h"
 #include "platform/system/SystemDeviceInformation.h"
 #include "platform/system/SystemLocale.h"
 
@@ -13,7 +15,7 @@ namespace corvid {
 
 Platform::Services systemServices(const Paths& paths, const Deployment& deployment,
                                   const std::shared_ptr<Clock>& clock,
-                                  const std::shared_ptr<Launcher>& launcher) {
+                                  const std::shared_ptr<Launcher>& launcher, bool isBundleUsable) {
   const auto http = std::make_shared<CurlHTTPClient>(CurlHTTPClient::Options{
       .caFile = deployment.caFile,
       .allowInsecureHTTP = deployment.allowInsecureHTTP,
@@ -35,6 +37,8 @@ Platform::Services systemServices(const Paths& paths, const Deployment& deployme
       .keepAlive = launcher,
       .files = std::make_shared<LocalFileSystem>(),
       .extensionTokens = std::make_shared<ExtensionTokens>(random),
+      .bundles = std::make_shared<DynamicBundleLoader>(paths.performanceBundle, isBundleUsable),
+      .powerLog = std::make_shared<JournalPowerLog>(paths.journalSocket),
       .paths = paths,
       .deployment = deployment,
   };

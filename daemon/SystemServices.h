@@ -14,6 +14,6 @@ namespace corvid {
 // service does that when it is first asked.
 Platform::Services systemServices(const Paths& paths, const Deployment& deployment,
                                   const std::shared_ptr<Clock>& clock,
-                                  const std::shared_ptr<Launcher>& launcher);
+                                  const std::shared_ptr<Launcher>& launcher, bool isBundleUsable);
 
 }  // namespace corvid

@@ -17,6 +17,7 @@ Paths::Paths(std::string rootFolder)
       sandboxFolder(resourceFolder + "/sandbox"),
       home(root + "/var/lib/corvidd"),
       preferencesFolder(home + "/Preferences"),
-      performanceBundle(root + "/usr/lib/corvid/PerformanceBundle.so") {}
+      performanceBundle(root + "/usr/lib/corvid/PerformanceBundle.so"),
+      journalSocket(root + "/run/systemd/journal/socket") {}
 
 }  // namespace corvid

@@ -22,6 +22,7 @@ struct Paths {
   std::string home;                // var/lib/corvidd
   std::string preferencesFolder;   // var/lib/corvidd/Preferences
   std::string performanceBundle;   // usr/lib/corvid/PerformanceBundle.so
+  std::string journalSocket;       // run/systemd/journal/socket
 };
 
 }  // namespace corvid

@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 
+#include "platform/BundleLoader.h"
 #include "platform/Clock.h"
 #include "platform/Consent.h"
 #include "platform/Deployment.h"
@@ -21,6 +22,7 @@
 #include "platform/LocaleInformation.h"
 #include "platform/Network.h"
 #include "platform/Paths.h"
+#include "platform/PowerLog.h"
 #include "platform/Preferences.h"
 #include "platform/Random.h"
 
@@ -56,6 +58,8 @@ class Platform {
     std::shared_ptr<KeepAlive> keepAlive;
     std::shared_ptr<FileSystem> files;
     std::shared_ptr<ExtensionTokens> extensionTokens;
+    std::shared_ptr<BundleLoader> bundles;
+    std::shared_ptr<PowerLog> powerLog;
     Paths paths;
     Deployment deployment;
   };
@@ -78,6 +82,8 @@ class Platform {
   KeepAlive& keepAlive() { return *_services.keepAlive; }
   FileSystem& files() { return *_services.files; }
   ExtensionTokens& extensionTokens() { return *_services.extensionTokens; }
+  BundleLoader& bundles() { return *_services.bundles; }
+  PowerLog& powerLog() { return *_services.powerLog; }
   const Paths& paths() const { return _services.paths; }
   const Deployment& deployment() const { return _services.deployment; }
 

@@ -5,6 +5,8 @@
 
 #include "backends/BackendSet.h"
 #include "backends/https/HTTPSPostBackend.h"
+#include "backends/metrix/MetrixBackend.h"
+#include "backends/wattbook/WattbookBackend.h"
 #include "platform/data/PropertyList.h"
 #include "protocol/Keys.h"
 #include "tests/fakes/TestPlatform.h"
@@ -38,6 +40,31 @@ TEST_F(BackendSetTest, BothPostNamesMakeAPostBackendOfThatName) {
     EXPECT_EQ(backend->name(), name);
     EXPECT_EQ(backend->productFamily(), "Robin");
   }
+}
+
+TEST_F(BackendSetTest, TheMetrixBackendAloneIsToldTheClientType) {
+  const Dictionary profile;
+  const auto makeFor = [&](std::int32_t clientType) {
+    return CorvidBackend::newBackendWithName("metrix", &profile, "Robin", clientType);
+  };
+  EXPECT_TRUE(std::dynamic_pointer_cast<MetrixBackend>(makeFor(13)));
+  EXPECT_EQ(makeFor(5), nullptr);
+  EXPECT_EQ(errors(), std::vector<std::string>{
+                          "MetrixBackend(initWithName): No matching bundle found for client type 5"});
+  EXPECT_TRUE(std::dynamic_pointer_cast<WattbookBackend>(make("wattbook", &profile)));
+}
+
+TEST_F(BackendSetTest, ALanaiDeviceKnowsNoMetrix) {
+  const Dictionary profile;
+  platform.device->set("ProductType", "Lanai");
+  EXPECT_EQ(CorvidBackend::newBackendWithName("metrix", &profile, "Robin", 7), nullptr);
+  EXPECT_EQ(errors(), std::vector<std::string>{"CorvidBackend(newBackendWithName): metrix"});
+  for (const char* other : {"Lanai5,2", "lanai"}) {
+    platform.device->set("ProductType", other);
+    EXPECT_NE(CorvidBackend::newBackendWithName("metrix", &profile, "Robin", 7), nullptr) << other;
+  }
+  platform.device->remove("ProductType");
+  EXPECT_NE(CorvidBackend::newBackendWithName("metrix", &profile, "Robin", 7), nullptr);
 }
 
 TEST_F(BackendSetTest, NamesAreComparedExactly) {

@@ -6,11 +6,13 @@
 #include <mutex>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "platform/Consent.h"
 #include "platform/DeviceInformationService.h"
 #include "platform/KeepAlive.h"
 #include "platform/LocaleInformation.h"
+#include "platform/PowerLog.h"
 #include "platform/Preferences.h"
 #include "platform/Random.h"
 
@@ -108,6 +110,28 @@ class FakeRandom final : public Random {
 
  private:
   std::atomic<unsigned> _uuids{0};
+};
+
+class FakePowerLog final : public PowerLog {
+ public:
+  struct Record {
+    std::uint32_t subsystem;
+    std::string event;
+    Dictionary payload;
+  };
+  void logRegisteredEvent(std::uint32_t subsystem, std::string_view event,
+                          const Dictionary& payload) override {
+    std::lock_guard lock(_mutex);
+    _records.push_back({subsystem, std::string(event), payload});
+  }
+  std::vector<Record> records() {
+    std::lock_guard lock(_mutex);
+    return _records;
+  }
+
+ private:
+  std::mutex _mutex;
+  std::vector<Record> _records;
 };
 
 class FakeKeepAlive final : public KeepAlive {

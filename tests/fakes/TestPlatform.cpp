@@ -15,8 +15,8 @@ TestPlatform::TestPlatform() {
 
 TestPlatform::~TestPlatform() { Platform::install(nullptr); }
 
-void TestPlatform::restart() {
-  _platform = std::make_unique<Platform>(Platform::Services{
+Platform::Services TestPlatform::services() const {
+  return {
       .clock = clock,
       .http = http,
       .network = network,
@@ -28,9 +28,15 @@ void TestPlatform::restart() {
       .keepAlive = keepAlive,
       .files = files,
       .extensionTokens = extensionTokens,
+      .bundles = bundles,
+      .powerLog = powerLog,
       .paths = _paths,
       .deployment = _deployment,
-  });
+  };
+}
+
+void TestPlatform::restart() {
+  _platform = std::make_unique<Platform>(services());
   Platform::install(_platform.get());
 }
 

@@ -5,6 +5,7 @@
 
 #include "platform/Platform.h"
 #include "tests/fakes/CapturedLog.h"
+#include "tests/fakes/FakeBundles.h"
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/FakeFileSystem.h"
 #include "tests/fakes/FakeHTTPClient.h"
@@ -21,6 +22,8 @@ struct TestPlatform {
   TestPlatform(const TestPlatform&) = delete;
   TestPlatform& operator=(const TestPlatform&) = delete;
 
+  // All of the below.
+  Platform::Services services() const;
   // Starts a new process with the same services: the once-only answers are computed anew.
   void restart();
   // The same with other paths or deployment settings.
@@ -38,6 +41,8 @@ struct TestPlatform {
   std::shared_ptr<FakeKeepAlive> keepAlive = std::make_shared<FakeKeepAlive>();
   std::shared_ptr<FakeFileSystem> files = std::make_shared<FakeFileSystem>(clock);
   std::shared_ptr<ExtensionTokens> extensionTokens = std::make_shared<ExtensionTokens>(random);
+  std::shared_ptr<FakeBundleLoader> bundles = std::make_shared<FakeBundleLoader>();
+  std::shared_ptr<FakePowerLog> powerLog = std::make_shared<FakePowerLog>();
 
  private:
   Paths _paths{"/nonexistent/root"};

@@ -43,8 +43,7 @@ Dictionary sampleSection() {
   return {{"httpPost", Dictionary{{"display_url", "${events}"}, {"clients", Array{entry}}}}};
 }
 
-// Packets that want acknowledgements, and a place for log data. Not every storebag has it, so that
-// most sessions have a single backend.
+// Packets that want acknowledgements, and a place for log data.
 Dictionary sampleDashboard() {
   return {{"ip", "127.0.0.1"},
           {"port", "${dashboardPort}"},
@@ -56,12 +55,14 @@ Dictionary sampleUploadServer() {
   return {{"post_url", "${upload}"}, {"display_url", "${upload}"}};
 }
 
+// Not every storebag has every backend, so that most sessions have a single one.
 Dictionary sampleStorebag(const std::string& name) {
   Dictionary storebag{{"version", "1.0.0-" + name}, {"refresh_cycle", 3600}};
   for (const char* environment : {"development", "halcyon_internal", "seed", "release"}) {
     Dictionary section = sampleSection();
     if (name == "reel") section.set("dashboard", sampleDashboard());
     if (name == "folio") section.set("uploadServer", sampleUploadServer());
+    if (name == "parlor") section.set("metrix", Dictionary{{"active", true}});
     storebag.set(environment, std::move(section));
   }
   return storebag;

@@ -99,19 +99,9 @@ class HurryingClock final : public Clock {
 };
 
 TEST_F(EventRecordTest, BackendsMadeTogetherHaveOneStart) {
-  Platform hurrying({.clock = std::make_shared<HurryingClock>(),
-                     .http = platform.http,
-                     .network = platform.network,
-                     .preferences = platform.preferences,
-                     .deviceInformation = platform.device,
-                     .locale = platform.locale,
-                     .consent = platform.consent,
-                     .random = platform.random,
-                     .keepAlive = platform.keepAlive,
-                     .files = platform.files,
-                     .extensionTokens = platform.extensionTokens,
-                     .paths = Paths("/nonexistent/root"),
-                     .deployment = {}});
+  Platform::Services services = platform.services();
+  services.clock = std::make_shared<HurryingClock>();
+  Platform hurrying(std::move(services));
   Platform::install(&hurrying);
   const Dictionary profile{{"clients", Array{openEntry()}}};
   const Dictionary section{{"httpPost", profile}, {"httpPost2", profile}};

@@ -1,0 +1,66 @@
+#include "backends/metrix/MetrixBackend.h"
+
+#include <string_view>
+
+#include "platform/Platform.h"
+#include "platform/base/Log.h"
+
+namespace corvid {
+
+namespace {
+
+constexpr std::string_view adaptorClass = "MetrixAdaptor";
+constexpr std::string_view forwardingOperation = "sendMessageWithMethod:respCode:dict:";
+
+}  // namespace
+
+bool MetrixBackend::isClientTypeAllowed(std::int32_t clientType) {
+  return clientType == 7 || clientType == 11 || clientType == 13;
+}
+
+std::shared_ptr<MetrixBackend> MetrixBackend::initWithName(
+    const std::string& name, const Dictionary* profile,
+    const std::optional<std::string>& productFamily) {
+  return initWithName(name, profile, productFamily, 0);
+}
+
+std::shared_ptr<MetrixBackend> MetrixBackend::initWithName(
+    const std::string& name, const Dictionary* profile,
+    const std::optional<std::string>& productFamily, std::int32_t clientType) {
+  auto backend = std::make_shared<MetrixBackend>(Token{}, name, profile, productFamily);
+  logInfo("MetrixBackend(initWithName): Loading Metrix adaptor class for client type {}",
+          clientType);
+  if (!isClientTypeAllowed(clientType)) {
+    logError("MetrixBackend(initWithName): No matching bundle found for client type {}",
+             clientType);
+    return nullptr;
+  }
+  backend->loadAdaptor();
+  return backend;
+}
+
+MetrixBackend::MetrixBackend(Token, const std::string& name, const Dictionary* profile,
+                             const std::optional<std::string>& productFamily)
+    : CorvidBackend(name, profile ? *profile : Dictionary(), productFamily) {}
+
+// What is missing shows when an event is sent.
+void MetrixBackend::loadAdaptor() {
+  _clientBundle = Platform::current().bundles().performanceBundle();
+  if (_clientBundle) _metrixAdaptorClass = _clientBundle->classNamed(adaptorClass);
+  if (_metrixAdaptorClass) _metrixAdaptor = _metrixAdaptorClass->create();
+}
+
+std::optional<std::string> MetrixBackend::sendMessage(const Dictionary* payload, const TimeValue&,
+                                                      std::uint16_t method, std::uint16_t respCode,
+                                                      EventID, MessageFlag) {
+  RecursiveLock lock(_lock);
+  if (_metrixAdaptor && _metrixAdaptor->respondsTo(forwardingOperation))
+    _metrixAdaptor->perform(forwardingOperation, method, respCode, payload);
+  else
+    logError(
+        "MetrixBackend(sendMessage): Metrix adaptor {} does not respond to forwarding selector {}",
+        _metrixAdaptor ? _metrixAdaptor->description() : "(null)", forwardingOperation);
+  return std::nullopt;
+}
+
+}  // namespace corvid

@@ -1,0 +1,53 @@
+// Hands events to the device's diagnostics service through an adaptor that comes with the
+// conferencing client.
+#pragma once
+
+#include <memory>
+
+#include "backends/CorvidBackend.h"
+#include "platform/BundleLoader.h"
+
+namespace corvid {
+
+// The adaptor is an object of the class "MetrixAdaptor" of the performance bundle, made with the
+// backend. Where bundle, class or object are missing, each event is one error line and nothing
+// else.
+//
+// Threads  As the base's; the adaptor is called by one thread at a time.
+class MetrixBackend final : public CorvidBackend {
+  struct Token {
+    explicit Token() = default;
+  };
+
+ public:
+  // Nothing, always: without a client type no client is allowed.
+  static std::shared_ptr<MetrixBackend> initWithName(
+      const std::string& name, const Dictionary* profile,
+      const std::optional<std::string>& productFamily);
+  // Nothing (logged) for a client type that may not use the adaptor. `profile` may be null.
+  static std::shared_ptr<MetrixBackend> initWithName(
+      const std::string& name, const Dictionary* profile,
+      const std::optional<std::string>& productFamily, std::int32_t clientType);
+  // For initWithName only: nobody else has a token.
+  MetrixBackend(Token, const std::string& name, const Dictionary* profile,
+                const std::optional<std::string>& productFamily);
+
+  // The conferencing clients.
+  static bool isClientTypeAllowed(std::int32_t clientType);
+
+  using CorvidBackend::sendMessage;
+  // Answers nothing, whether the adaptor took the event or not.
+  std::optional<std::string> sendMessage(const Dictionary* payload, const TimeValue& timestamp,
+                                         std::uint16_t method, std::uint16_t respCode,
+                                         EventID eventID, MessageFlag flag) override;
+
+ private:
+  void loadAdaptor();
+
+  // Constant once initialised, except for what the adaptor does within itself.
+  std::shared_ptr<const Bundle> _clientBundle;
+  const BundleClass* _metrixAdaptorClass = nullptr;
+  std::unique_ptr<BundleObject> _metrixAdaptor;
+};
+
+}  // namespace corvid

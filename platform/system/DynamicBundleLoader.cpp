@@ -1,0 +1,144 @@
+#include "platform/system/DynamicBundleLoader.h"
+
+#include <dlfcn.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <exception>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "include/corvid/bundle.h"
+#include "platform/base/Log.h"
+#include "platform/base/Result.h"
+#include "platform/data/PropertyList.h"
+
+namespace corvid {
+
+namespace {
+
+constexpr std::size_t mostClasses = 1024;
+
+// Calls the bundle's code; nothing, and a line in the log, where it throws.
+template <class Call>
+auto guarded(std::string_view what, const Call& call) -> std::optional<decltype(call())> {
+  try {
+    return call();
+  } catch (const std::exception& error) {
+    logError("Bundle: {} threw: {}", what, error.what());
+  } catch (...) {
+    logError("Bundle: {} threw", what);
+  }
+  return std::nullopt;
+}
+
+class DynamicObject final : public BundleObject {
+ public:
+  DynamicObject(std::shared_ptr<const Bundle> bundle, const corvid_bundle_class_t& type,
+                void* object)
+      : _bundle(std::move(bundle)), _class(type), _object(object) {}
+  ~DynamicObject() override {
+    guarded("destroy", [&] { return _class.destroy(_object), true; });
+  }
+
+  bool respondsTo(std::string_view operation) override {
+    const std::string name(operation);
+    return guarded("responds_to", [&] { return _class.responds_to(_object, name.c_str()) != 0; })
+        .value_or(false);
+  }
+
+  void perform(std::string_view operation, std::uint16_t method, std::uint16_t respCode,
+               const Dictionary* payload) override {
+    const std::string name(operation);
+    const std::string list = payload ? writeBinaryPropertyList(*payload) : std::string();
+    guarded(name, [&] {
+      _class.perform(_object, name.c_str(), method, respCode, payload ? list.data() : nullptr,
+                     list.size());
+      return true;
+    });
+  }
+
+  std::string description() const override { return fmt::format("<{}>", _class.name); }
+
+ private:
+  const std::shared_ptr<const Bundle> _bundle;
+  const corvid_bundle_class_t& _class;
+  void* const _object;
+};
+
+class DynamicBundle;
+
+class DynamicClass final : public BundleClass {
+ public:
+  DynamicClass(const DynamicBundle& bundle, const corvid_bundle_class_t& type)
+      : _bundle(bundle), _class(type) {}
+  std::unique_ptr<BundleObject> create() const override;
+  std::string_view name() const { return _class.name; }
+
+ private:
+  const DynamicBundle& _bundle;
+  const corvid_bundle_class_t& _class;
+};
+
+class DynamicBundle final : public Bundle, public std::enable_shared_from_this<DynamicBundle> {
+ public:
+  explicit DynamicBundle(const corvid_bundle_t& table) {
+    for (std::size_t i = 0; i < table.class_count; ++i)
+      _classes.emplace_back(*this, table.classes[i]);
+  }
+
+  const BundleClass* classNamed(std::string_view name) const override {
+    for (const DynamicClass& type : _classes)
+      if (type.name() == name) return &type;
+    return nullptr;
+  }
+  const std::vector<DynamicClass>& classes() const { return _classes; }
+
+ private:
+  std::vector<DynamicClass> _classes;
+};
+
+std::unique_ptr<BundleObject> DynamicClass::create() const {
+  void* const object = guarded("create", [&] { return _class.create(); }).value_or(nullptr);
+  if (object == nullptr) return nullptr;
+  return std::make_unique<DynamicObject>(_bundle.shared_from_this(), _class, object);
+}
+
+std::optional<std::string> faultOf(const corvid_bundle_t& table) {
+  if (table.version != CORVID_BUNDLE_VERSION)
+    return fmt::format("it is made for version {} of the interface, this is {}", table.version,
+                       CORVID_BUNDLE_VERSION);
+  if (table.class_count > mostClasses || (table.class_count > 0 && table.classes == nullptr))
+    return "its table of classes cannot be used";
+  for (std::size_t i = 0; i < table.class_count; ++i) {
+    const corvid_bundle_class_t& type = table.classes[i];
+    if (!type.name || !type.create || !type.destroy || !type.responds_to || !type.perform)
+      return fmt::format("its class {} lacks a name or a function", i);
+  }
+  return std::nullopt;
+}
+
+Result<std::shared_ptr<const DynamicBundle>> load(const std::string& path) {
+  void* const library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (library == nullptr) return Failure{dlerror()};
+  const auto* table = static_cast<const corvid_bundle_t*>(dlsym(library, "corvid_bundle"));
+  if (table == nullptr) return Failure{dlerror()};
+  if (auto fault = faultOf(*table)) return Failure{std::move(*fault)};
+  return std::shared_ptr<const DynamicBundle>(std::make_shared<DynamicBundle>(*table));
+}
+
+}  // namespace
+
+std::shared_ptr<const Bundle> DynamicBundleLoader::performanceBundle() {
+  MutexLock lock(_mutex);
+  if (_bundle || !_isUsable || access(_path.c_str(), F_OK) != 0) return _bundle;
+  const auto loaded = guarded("loading " + _path, [&] { return load(_path); });
+  if (loaded && *loaded)
+    _bundle = loaded->value();
+  else if (loaded)
+    logError("Bundle: cannot use {}: {}", _path, loaded->failure().message);
+  return _bundle;
+}
+
+}  // namespace corvid
