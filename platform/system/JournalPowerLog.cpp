@@ -69,7 +69,7 @@ void JournalPowerLog::logRegisteredEvent(std::uint32_t subsystem, std::string_vi
   appendField(entry, "PRIORITY", "6");
   appendField(entry, "SYSLOG_IDENTIFIER", "corvidd");
   appendField(entry, "CORVID_SUBSYSTEM", std::to_string(subsystem));
-  appendField(entry, "CORVID_EVENT", event);
+  appendField(entry, "CORVID_EVENT_NAME", event);
   constexpr std::size_t roomForOmitted = 64;
   std::size_t omitted = 0;
   std::string field;

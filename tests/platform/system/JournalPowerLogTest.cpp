@@ -46,7 +46,7 @@ class JournalPowerLogTest : public testing::Test {
 
 const std::string head =
     "MESSAGE=Cobaltd-CVD\nPRIORITY=6\nSYSLOG_IDENTIFIER=corvidd\nCORVID_SUBSYSTEM=28\n"
-    "CORVID_EVENT=Cobaltd-CVD\n";
+    "CORVID_EVENT_NAME=Cobaltd-CVD\n";
 
 TEST_F(JournalPowerLogTest, AnEventIsOneEntryWithAFieldForEachKey) {
   openJournal();
