@@ -14,12 +14,9 @@ static_assert(mostCallsUnderWay < limits::callsInFlight);
 
 int errorOf(const kj::Exception& exception) {
   switch (exception.getType()) {
-    case kj::Exception::Type::DISCONNECTED:
-      return CORVID_ERROR_CONNECTION_LOST;
-    case kj::Exception::Type::UNIMPLEMENTED:
-      return CORVID_ERROR_NOT_SUPPORTED;
-    default:
-      return CORVID_ERROR_BAD_REPLY;
+    case kj::Exception::Type::DISCONNECTED: return CORVID_ERROR_CONNECTION_LOST;
+    case kj::Exception::Type::UNIMPLEMENTED: return CORVID_ERROR_NOT_SUPPORTED;
+    default: return CORVID_ERROR_BAD_REPLY;
   }
 }
 

@@ -36,16 +36,11 @@ constexpr std::size_t mostBytes = corvid::limits::messageBytes - 4096;
 
 int fitnessOf(const Extent& extent) {
   switch (extent.fitness) {
-    case Fitness::fits:
-      return extent.bytes() <= mostBytes ? CORVID_OK : CORVID_ERROR_TOO_LARGE;
-    case Fitness::tooDeep:
-      return CORVID_ERROR_TOO_DEEP;
-    case Fitness::tooLarge:
-      return CORVID_ERROR_TOO_LARGE;
-    case Fitness::invalidText:
-      return CORVID_ERROR_INVALID_TEXT;
-    case Fitness::invalidNumber:
-      return CORVID_ERROR_INVALID_ARGUMENT;
+    case Fitness::fits: return extent.bytes() <= mostBytes ? CORVID_OK : CORVID_ERROR_TOO_LARGE;
+    case Fitness::tooDeep: return CORVID_ERROR_TOO_DEEP;
+    case Fitness::tooLarge: return CORVID_ERROR_TOO_LARGE;
+    case Fitness::invalidText: return CORVID_ERROR_INVALID_TEXT;
+    case Fitness::invalidNumber: return CORVID_ERROR_INVALID_ARGUMENT;
   }
   return CORVID_ERROR_INVALID_ARGUMENT;
 }
@@ -92,38 +87,22 @@ const char* corvid_version() { return CORVID_LIBRARY_VERSION; }
 
 const char* corvid_error_text(int code) {
   switch (code) {
-    case CORVID_OK:
-      return "no error";
-    case CORVID_ERROR_INVALID_ARGUMENT:
-      return "invalid argument";
-    case CORVID_ERROR_INVALID_TEXT:
-      return "text is not UTF-8";
-    case CORVID_ERROR_TOO_DEEP:
-      return "values nested too deeply";
-    case CORVID_ERROR_TOO_LARGE:
-      return "too large";
-    case CORVID_ERROR_WRONG_TYPE:
-      return "value of another type";
-    case CORVID_ERROR_QUEUE_FULL:
-      return "queue full";
-    case CORVID_ERROR_NOT_CONNECTED:
-      return "daemon cannot be reached";
-    case CORVID_ERROR_CONNECTION_LOST:
-      return "connection lost";
-    case CORVID_ERROR_CLOSED:
-      return "session destroyed";
-    case CORVID_ERROR_NOT_SUPPORTED:
-      return "operation unknown to the daemon";
-    case CORVID_ERROR_BAD_REPLY:
-      return "reply cannot be understood";
-    case CORVID_ERROR_FORKED:
-      return "session of the parent process";
-    case CORVID_ERROR_NO_MEMORY:
-      return "out of memory";
-    case CORVID_ERROR_SYSTEM:
-      return "out of threads or descriptors";
-    default:
-      return "unknown error";
+    case CORVID_OK: return "no error";
+    case CORVID_ERROR_INVALID_ARGUMENT: return "invalid argument";
+    case CORVID_ERROR_INVALID_TEXT: return "text is not UTF-8";
+    case CORVID_ERROR_TOO_DEEP: return "values nested too deeply";
+    case CORVID_ERROR_TOO_LARGE: return "too large";
+    case CORVID_ERROR_WRONG_TYPE: return "value of another type";
+    case CORVID_ERROR_QUEUE_FULL: return "queue full";
+    case CORVID_ERROR_NOT_CONNECTED: return "daemon cannot be reached";
+    case CORVID_ERROR_CONNECTION_LOST: return "connection lost";
+    case CORVID_ERROR_CLOSED: return "session destroyed";
+    case CORVID_ERROR_NOT_SUPPORTED: return "operation unknown to the daemon";
+    case CORVID_ERROR_BAD_REPLY: return "reply cannot be understood";
+    case CORVID_ERROR_FORKED: return "session of the parent process";
+    case CORVID_ERROR_NO_MEMORY: return "out of memory";
+    case CORVID_ERROR_SYSTEM: return "out of threads or descriptors";
+    default: return "unknown error";
   }
 }
 

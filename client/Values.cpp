@@ -226,24 +226,15 @@ const corvid_value_t* corvid_array_get(const corvid_array_t* array, size_t index
 
 corvid_type_t corvid_value_type(const corvid_value_t* value) {
   switch (orAbsent(value).type()) {
-    case Value::Type::null:
-      return CORVID_TYPE_NULL;
-    case Value::Type::boolean:
-      return CORVID_TYPE_BOOLEAN;
-    case Value::Type::integer:
-      return CORVID_TYPE_INTEGER;
-    case Value::Type::real:
-      return CORVID_TYPE_REAL;
-    case Value::Type::date:
-      return CORVID_TYPE_DATE;
-    case Value::Type::string:
-      return CORVID_TYPE_STRING;
-    case Value::Type::data:
-      return CORVID_TYPE_DATA;
-    case Value::Type::array:
-      return CORVID_TYPE_ARRAY;
-    case Value::Type::dictionary:
-      return CORVID_TYPE_DICTIONARY;
+    case Value::Type::null: return CORVID_TYPE_NULL;
+    case Value::Type::boolean: return CORVID_TYPE_BOOLEAN;
+    case Value::Type::integer: return CORVID_TYPE_INTEGER;
+    case Value::Type::real: return CORVID_TYPE_REAL;
+    case Value::Type::date: return CORVID_TYPE_DATE;
+    case Value::Type::string: return CORVID_TYPE_STRING;
+    case Value::Type::data: return CORVID_TYPE_DATA;
+    case Value::Type::array: return CORVID_TYPE_ARRAY;
+    case Value::Type::dictionary: return CORVID_TYPE_DICTIONARY;
   }
   return CORVID_TYPE_NULL;
 }

@@ -16,16 +16,11 @@ int main(int argc, char** argv) {
     return corvid::exitUsage;
   }
   switch (options.value().action) {
-    case Options::Action::printHelp:
-      fmt::print("{}", corvid::optionsHelp);
-      return 0;
-    case Options::Action::printVersion:
-      fmt::print("corvidd {}\n", CORVID_VERSION);
-      return 0;
+    case Options::Action::printHelp: fmt::print("{}", corvid::optionsHelp); return 0;
+    case Options::Action::printVersion: fmt::print("corvidd {}\n", CORVID_VERSION); return 0;
     case Options::Action::checkConfig:
       return corvid::printConfigCheck(corvid::pathsFor(options.value()));
-    case Options::Action::run:
-      break;
+    case Options::Action::run: break;
   }
   return corvid::runDaemon(options.value());
 }

@@ -1,4 +1,5 @@
-// Keep-alive transactions: while one is open the launcher must not end the idle process. Any thread.
+// Keep-alive transactions: while one is open the launcher must not end the idle process. Any
+// thread.
 #pragma once
 
 namespace corvid {

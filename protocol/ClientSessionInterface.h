@@ -38,7 +38,8 @@ class ClientSessionInterface {
   virtual void uploadFileAtPath(std::string fileURL, std::string extensionToken,
                                 SuccessReply completion) = 0;
   virtual void uploadLogData(Array logData, LogDataReply completion) = 0;
-  virtual void sendMessageWithSessionInfo(Dictionary sessionInfo, std::optional<Dictionary> userInfo,
+  virtual void sendMessageWithSessionInfo(Dictionary sessionInfo,
+                                          std::optional<Dictionary> userInfo,
                                           std::uint16_t category, std::uint16_t type,
                                           std::optional<Dictionary> payload,
                                           Reply<std::string> reply) = 0;

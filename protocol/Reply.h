@@ -39,7 +39,8 @@ class Reply {
 
  private:
   struct CallbackSink final : ReplySink<Results...> {
-    explicit CallbackSink(std::function<void(Results...)> function) : callback(std::move(function)) {}
+    explicit CallbackSink(std::function<void(Results...)> function)
+        : callback(std::move(function)) {}
     void answer(Results... results) override { callback(std::move(results)...); }
     std::function<void(Results...)> callback;
   };

@@ -26,11 +26,8 @@ void applyValueRules(Dictionary& record) {
       case Value::Type::boolean:
       case Value::Type::integer:
       case Value::Type::real:
-      case Value::Type::string:
-        return true;
-      case Value::Type::date:
-        value = finiteOrMinusOne(value.date()->secondsSince1970);
-        return true;
+      case Value::Type::string: return true;
+      case Value::Type::date: value = finiteOrMinusOne(value.date()->secondsSince1970); return true;
       default:
         logWarning(
             "HTTPSPostBackend(createMessageForPostAndLogging): JSONSerializer unable to handle key: {}, value: {}",

@@ -30,22 +30,22 @@ extern "C" {
 
 /* All functions are required. Texts are UTF-8. */
 typedef struct corvid_bundle_class {
-  const char *name;
+  const char* name;
   /* A new object, or NULL. */
-  void *(*create)(void);
-  void (*destroy)(void *object);
+  void* (*create)(void);
+  void (*destroy)(void* object);
   /* Whether it performs the operation: 0 or not. */
-  int (*responds_to)(void *object, const char *operation);
+  int (*responds_to)(void* object, const char* operation);
   /* Performs an operation that it responds to. `payload` is a dictionary as a binary property list
      of `length` bytes, good until the function returns; NULL where the event has none. */
-  void (*perform)(void *object, const char *operation, uint16_t method, uint16_t resp_code,
-                  const void *payload, size_t length);
+  void (*perform)(void* object, const char* operation, uint16_t method, uint16_t resp_code,
+                  const void* payload, size_t length);
 } corvid_bundle_class_t;
 
 typedef struct corvid_bundle {
   uint32_t version; /* CORVID_BUNDLE_VERSION */
   size_t class_count;
-  const corvid_bundle_class_t *classes;
+  const corvid_bundle_class_t* classes;
 } corvid_bundle_t;
 
 /* The one symbol that a bundle defines. */

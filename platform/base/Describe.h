@@ -41,8 +41,8 @@ Described<T> described(const T* value) {
 template <class T>
 struct fmt::formatter<corvid::Described<T>> : fmt::formatter<std::string_view> {
   auto format(const corvid::Described<T>& argument, fmt::format_context& context) const {
-    const std::string text =
-        argument.value ? corvid::description(*argument.value) : std::string(corvid::nullDescription);
+    const std::string text = argument.value ? corvid::description(*argument.value)
+                                            : std::string(corvid::nullDescription);
     return fmt::formatter<std::string_view>::format(text, context);
   }
 };

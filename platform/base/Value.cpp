@@ -30,14 +30,10 @@ const Dictionary* Value::dictionary() const { return sharedContentOf<Dictionary>
 bool Value::operator==(const Value& other) const {
   if (type() != other.type()) return false;
   switch (type()) {
-    case Type::data:
-      return *data() == *other.data();
-    case Type::array:
-      return *array() == *other.array();
-    case Type::dictionary:
-      return *dictionary() == *other.dictionary();
-    default:
-      return _storage == other._storage;
+    case Type::data: return *data() == *other.data();
+    case Type::array: return *array() == *other.array();
+    case Type::dictionary: return *dictionary() == *other.dictionary();
+    default: return _storage == other._storage;
   }
 }
 

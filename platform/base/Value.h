@@ -131,7 +131,8 @@ class Dictionary {
 
   std::vector<Entry> _entries;
   std::uint64_t _marks = 0;  // a bit for each key that is or was there: most misses end at it
-  std::vector<std::uint32_t> _index;  // open addressing, entry number + 1; empty below the threshold
+  // Open addressing, entry number + 1; empty below the threshold.
+  std::vector<std::uint32_t> _index;
 };
 
 }  // namespace corvid

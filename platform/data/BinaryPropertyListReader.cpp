@@ -151,8 +151,7 @@ bool BinaryReader::decode(Object& object, std::size_t at, std::size_t level) {
       return true;
     case 0x1:
     case 0x2:
-    case 0x3:
-      return decodeNumber(object, type, size, at);
+    case 0x3: return decodeNumber(object, type, size, at);
     case 0x8:  // UID
       return holds(content, size + 1, 1) || fail(at, "An object ends outside the property list");
     case 0x4:
@@ -161,10 +160,8 @@ bool BinaryReader::decode(Object& object, std::size_t at, std::size_t level) {
     case 0xA:
     case 0xB:
     case 0xC:
-    case 0xD:
-      break;
-    default:
-      return fail(at, "Unknown object");
+    case 0xD: break;
+    default: return fail(at, "Unknown object");
   }
 
   std::size_t count = 0;
@@ -180,14 +177,10 @@ bool BinaryReader::decode(Object& object, std::size_t at, std::size_t level) {
       object.extent.contentBytes = count;
       return true;
     case 0x5:
-    case 0x6:
-      return decodeText(object, type == 0x6, content, count);
-    case 0xA:
-      return decodeArray(object, content, count, level + 1);
-    case 0xD:
-      return decodeDictionary(object, content, count, level + 1);
-    default:
-      return true;  // a set
+    case 0x6: return decodeText(object, type == 0x6, content, count);
+    case 0xA: return decodeArray(object, content, count, level + 1);
+    case 0xD: return decodeDictionary(object, content, count, level + 1);
+    default: return true;  // a set
   }
 }
 

@@ -116,23 +116,15 @@ class ValueWriter final : public Base {
 
   bool write(const Value& value) {
     switch (value.type()) {
-      case Value::Type::null:
-        return this->Null();
-      case Value::Type::boolean:
-        return this->Bool(*value.boolean());
-      case Value::Type::integer:
-        return writeInteger(*value.integer());
-      case Value::Type::real:
-        return writeReal(*value.real());
-      case Value::Type::string:
-        return writeString(*value.string());
-      case Value::Type::array:
-        return write(*value.array());
-      case Value::Type::dictionary:
-        return write(*value.dictionary());
+      case Value::Type::null: return this->Null();
+      case Value::Type::boolean: return this->Bool(*value.boolean());
+      case Value::Type::integer: return writeInteger(*value.integer());
+      case Value::Type::real: return writeReal(*value.real());
+      case Value::Type::string: return writeString(*value.string());
+      case Value::Type::array: return write(*value.array());
+      case Value::Type::dictionary: return write(*value.dictionary());
       case Value::Type::data:
-      case Value::Type::date:
-        return false;
+      case Value::Type::date: return false;
     }
     return false;
   }

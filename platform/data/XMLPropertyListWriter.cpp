@@ -13,18 +13,10 @@ namespace {
 
 void appendCharacter(std::string& out, char c) {
   switch (c) {
-    case '<':
-      out += "&lt;";
-      break;
-    case '>':
-      out += "&gt;";
-      break;
-    case '&':
-      out += "&amp;";
-      break;
-    case '\r':
-      out += "&#13;";
-      break;  // bare, it would be read as a line end
+    case '<': out += "&lt;"; break;
+    case '>': out += "&gt;"; break;
+    case '&': out += "&amp;"; break;
+    case '\r': out += "&#13;"; break;  // bare, it would be read as a line end
     default:
       // XML has no way at all to write the other control characters.
       if (static_cast<unsigned char>(c) < 0x20 && c != '\t' && c != '\n')
@@ -53,32 +45,17 @@ class XMLWriter {
   void writeValue(const Value& value, std::size_t level) {
     if (!isWritable(value)) return;
     switch (value.type()) {
-      case Value::Type::null:
-        break;
-      case Value::Type::boolean:
-        writeLine(level, *value.boolean() ? "<true/>" : "<false/>");
-        break;
+      case Value::Type::null: break;
+      case Value::Type::boolean: writeLine(level, *value.boolean() ? "<true/>" : "<false/>"); break;
       case Value::Type::integer:
         writeElement(level, "integer", fmt::to_string(*value.integer()));
         break;
-      case Value::Type::real:
-        writeElement(level, "real", fmt::to_string(*value.real()));
-        break;
-      case Value::Type::date:
-        writeElement(level, "date", *xmlFromDate(*value.date()));
-        break;
-      case Value::Type::string:
-        writeElement(level, "string", *value.string());
-        break;
-      case Value::Type::data:
-        writeElement(level, "data", base64Encode(*value.data()));
-        break;
-      case Value::Type::array:
-        writeArray(level, *value.array());
-        break;
-      case Value::Type::dictionary:
-        writeDictionary(level, *value.dictionary());
-        break;
+      case Value::Type::real: writeElement(level, "real", fmt::to_string(*value.real())); break;
+      case Value::Type::date: writeElement(level, "date", *xmlFromDate(*value.date())); break;
+      case Value::Type::string: writeElement(level, "string", *value.string()); break;
+      case Value::Type::data: writeElement(level, "data", base64Encode(*value.data())); break;
+      case Value::Type::array: writeArray(level, *value.array()); break;
+      case Value::Type::dictionary: writeDictionary(level, *value.dictionary()); break;
     }
   }
 

@@ -147,15 +147,10 @@ IPCListener::Acceptor::Accepted IPCListener::Acceptor::acceptOne() {
     return Accepted::one;
   }
   switch (error) {
-    case EAGAIN:
-      _starved = false;
-      return Accepted::none;
+    case EAGAIN: _starved = false; return Accepted::none;
     case EINTR:
-    case ECONNABORTED:
-      return Accepted::one;
-    default:
-      starve("Accepting a connection", error);
-      return Accepted::starved;
+    case ECONNABORTED: return Accepted::one;
+    default: starve("Accepting a connection", error); return Accepted::starved;
   }
 }
 

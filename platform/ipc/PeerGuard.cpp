@@ -90,8 +90,7 @@ std::optional<std::string> PeerGuard::breachOf(Message::Reader message) {
       if (const auto answer = message.getReturn(); answer.isResults())
         capabilities = answer.getResults().getCapTable().size();
       break;
-    default:
-      break;
+    default: break;
   }
   if (capabilities > limits::capabilitiesPerMessage)
     return fmt::format("a message with {} capabilities", capabilities);

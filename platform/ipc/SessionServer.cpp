@@ -256,8 +256,7 @@ kj::Promise<void> SessionServer::sendMessages(SendMessagesContext context) {
               [&] { _session->sendMessageWithDictionary(std::move(dictionary), reply()); });
           break;
         }
-        default:
-          throw wire::BrokenRule("an event of a kind that is not known");
+        default: throw wire::BrokenRule("an event of a kind that is not known");
       }
     }
   });

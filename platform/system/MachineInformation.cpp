@@ -111,22 +111,19 @@ std::optional<std::string> Machine::dmiChassis() const {
     case 0x0a:  // notebook
     case 0x0e:  // sub-notebook
       return "laptop";
-    case 0x0b:
-      return "handset";
+    case 0x0b: return "handset";
     case 0x11:  // main server
     case 0x1c:  // blade
     case 0x1d:  // blade enclosure
       return "server";
-    case 0x1e:
-      return "tablet";
+    case 0x1e: return "tablet";
     case 0x1f:  // convertible
     case 0x20:  // detachable
       return "convertible";
     case 0x21:  // gateway
     case 0x22:  // embedded
       return "embedded";
-    default:
-      return std::nullopt;
+    default: return std::nullopt;
   }
 }
 

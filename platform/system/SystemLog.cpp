@@ -17,14 +17,10 @@ namespace {
 
 spdlog::level::level_enum spdlogLevel(LogLevel level) {
   switch (level) {
-    case LogLevel::error:
-      return spdlog::level::err;
-    case LogLevel::warning:
-      return spdlog::level::warn;
-    case LogLevel::info:
-      return spdlog::level::info;
-    case LogLevel::debug:
-      return spdlog::level::debug;
+    case LogLevel::error: return spdlog::level::err;
+    case LogLevel::warning: return spdlog::level::warn;
+    case LogLevel::info: return spdlog::level::info;
+    case LogLevel::debug: return spdlog::level::debug;
   }
   return spdlog::level::debug;
 }

@@ -39,27 +39,13 @@ capnp::uint count(std::size_t size) { return static_cast<capnp::uint>(size); }
 
 void encodeValue(const Value& value, PropertyValue::Builder target) {
   switch (value.type()) {
-    case Value::Type::null:
-      target.setAbsent();
-      break;
-    case Value::Type::boolean:
-      target.setBoolean(*value.boolean());
-      break;
-    case Value::Type::integer:
-      target.setInt64(*value.integer());
-      break;
-    case Value::Type::real:
-      target.setFloat64(*value.real());
-      break;
-    case Value::Type::date:
-      target.setDate(value.date()->secondsSince1970);
-      break;
-    case Value::Type::string:
-      target.setText(textReader(*value.string()));
-      break;
-    case Value::Type::data:
-      target.setData(dataReader(*value.data()));
-      break;
+    case Value::Type::null: target.setAbsent(); break;
+    case Value::Type::boolean: target.setBoolean(*value.boolean()); break;
+    case Value::Type::integer: target.setInt64(*value.integer()); break;
+    case Value::Type::real: target.setFloat64(*value.real()); break;
+    case Value::Type::date: target.setDate(value.date()->secondsSince1970); break;
+    case Value::Type::string: target.setText(textReader(*value.string())); break;
+    case Value::Type::data: target.setData(dataReader(*value.data())); break;
     case Value::Type::array:
       encode(*value.array(), target.initList(count(value.array()->size())));
       break;
@@ -106,29 +92,22 @@ Array ValueDecoder::array(ValueList::Reader elements) {
 
 Value ValueDecoder::value(PropertyValue::Reader value) {
   switch (value.which()) {
-    case PropertyValue::ABSENT:
-      return {};
-    case PropertyValue::BOOLEAN:
-      return value.getBoolean();
-    case PropertyValue::INT64:
-      return value.getInt64();
-    case PropertyValue::FLOAT64:
-      return value.getFloat64();
+    case PropertyValue::ABSENT: return {};
+    case PropertyValue::BOOLEAN: return value.getBoolean();
+    case PropertyValue::INT64: return value.getInt64();
+    case PropertyValue::FLOAT64: return value.getFloat64();
     case PropertyValue::DATE: {
       const Date date{value.getDate()};
       if (!std::isfinite(date.secondsSince1970)) throw BrokenRule("a date that is no number");
       return date;
     }
-    case PropertyValue::TEXT:
-      return text(value.getText());
+    case PropertyValue::TEXT: return text(value.getText());
     case PropertyValue::DATA: {
       const capnp::Data::Reader bytes = value.getData();
       return Data{{reinterpret_cast<const char*>(bytes.begin()), bytes.size()}};
     }
-    case PropertyValue::LIST:
-      return array(value.getList());
-    case PropertyValue::DICTIONARY:
-      return dictionary(value.getDictionary());
+    case PropertyValue::LIST: return array(value.getList());
+    case PropertyValue::DICTIONARY: return dictionary(value.getDictionary());
   }
   throw BrokenRule("a value of a type that is not known");
 }
@@ -190,23 +169,14 @@ void Extent::add(const Array& array, std::size_t depth) {
 
 void Extent::add(const Value& value, std::size_t depth) {
   switch (value.type()) {
-    case Value::Type::string:
-      addText(*value.string());
-      break;
-    case Value::Type::data:
-      addBytes(value.data()->size());
-      break;
-    case Value::Type::array:
-      add(*value.array(), depth + 1);
-      break;
-    case Value::Type::dictionary:
-      add(*value.dictionary(), depth + 1);
-      break;
+    case Value::Type::string: addText(*value.string()); break;
+    case Value::Type::data: addBytes(value.data()->size()); break;
+    case Value::Type::array: add(*value.array(), depth + 1); break;
+    case Value::Type::dictionary: add(*value.dictionary(), depth + 1); break;
     case Value::Type::date:
       if (!std::isfinite(value.date()->secondsSince1970)) fail(Fitness::invalidNumber);
       break;
-    default:
-      break;
+    default: break;
   }
 }
 

@@ -49,8 +49,9 @@ TEST_F(BackendSetTest, TheMetrixBackendAloneIsToldTheClientType) {
   };
   EXPECT_TRUE(std::dynamic_pointer_cast<MetrixBackend>(makeFor(13)));
   EXPECT_EQ(makeFor(5), nullptr);
-  EXPECT_EQ(errors(), std::vector<std::string>{
-                          "MetrixBackend(initWithName): No matching bundle found for client type 5"});
+  EXPECT_EQ(errors(),
+            std::vector<std::string>{
+                "MetrixBackend(initWithName): No matching bundle found for client type 5"});
   EXPECT_TRUE(std::dynamic_pointer_cast<WattbookBackend>(make("wattbook", &profile)));
 }
 

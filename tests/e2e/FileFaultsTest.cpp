@@ -43,22 +43,16 @@ class FileFaults : public LabFixture, public testing::WithParamInterface<Damage>
     if (!std::filesystem::exists(_root.path(path)))
       _root.write(path, writeXMLPropertyList(Dictionary{{"sound", true}}));
     switch (GetParam()) {
-      case Damage::damaged:
-        return _root.write(path, "<plist><dict><key>half an");
-      case Damage::empty:
-        return _root.write(path, "");
+      case Damage::damaged: return _root.write(path, "<plist><dict><key>half an");
+      case Damage::empty: return _root.write(path, "");
       case Damage::noDictionary:
         return _root.write(path, writeXMLPropertyList(Array{"an", "array"}));
       case Damage::huge:
         return _root.write(
             path,
             writeXMLPropertyList(Dictionary{{"filler", std::string(std::size_t{5} << 20, 'x')}}));
-      case Damage::unreadable:
-        chmod(_root.path(path).c_str(), 0);
-        return;
-      case Damage::folder:
-        _root.remove(path);
-        return _root.write(std::string(path) + "/file", "");
+      case Damage::unreadable: chmod(_root.path(path).c_str(), 0); return;
+      case Damage::folder: _root.remove(path); return _root.write(std::string(path) + "/file", "");
     }
   }
   bool isMoved() const {

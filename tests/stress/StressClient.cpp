@@ -54,19 +54,12 @@ void StressClient::act(int things) {
       continue;
     }
     switch (below(10)) {
-      case 0:
-        vanish();
-        break;
+      case 0: vanish(); break;
       case 1:
-      case 2:
-        describe();
-        break;
+      case 2: describe(); break;
       case 3:
-      case 4:
-        changeName();
-        break;
-      default:
-        send();
+      case 4: changeName(); break;
+      default: send();
     }
   }
   if (isConnected())

@@ -23,14 +23,12 @@ void set(corvid_dictionary_t* target, const std::string& key, const Value& value
   // The library would take what stands before it for the key.
   if (key.find('\0') != std::string::npos) throw std::runtime_error("a key has a zero byte");
   switch (value.type()) {
-    case Value::Type::null:
-      return check(corvid_dictionary_set_null(target, name));
+    case Value::Type::null: return check(corvid_dictionary_set_null(target, name));
     case Value::Type::boolean:
       return check(corvid_dictionary_set_boolean(target, name, *value.boolean()));
     case Value::Type::integer:
       return check(corvid_dictionary_set_integer(target, name, *value.integer()));
-    case Value::Type::real:
-      return check(corvid_dictionary_set_real(target, name, *value.real()));
+    case Value::Type::real: return check(corvid_dictionary_set_real(target, name, *value.real()));
     case Value::Type::date:
       return check(corvid_dictionary_set_date(target, name, value.date()->secondsSince1970));
     case Value::Type::string:
@@ -57,8 +55,7 @@ void append(corvid_array_t* target, const Value& value) {
 Value valueFrom(const corvid_value_t* value) {
   std::size_t length = 0;
   switch (corvid_value_type(value)) {
-    case CORVID_TYPE_NULL:
-      return {};
+    case CORVID_TYPE_NULL: return {};
     case CORVID_TYPE_BOOLEAN: {
       bool boolean = false;
       check(corvid_value_get_boolean(value, &boolean));
@@ -87,10 +84,8 @@ Value valueFrom(const corvid_value_t* value) {
       const void* bytes = corvid_value_data(value, &length);
       return Data{std::string(static_cast<const char*>(bytes), length)};
     }
-    case CORVID_TYPE_ARRAY:
-      return arrayFrom(corvid_value_array(value));
-    case CORVID_TYPE_DICTIONARY:
-      return dictionaryFrom(corvid_value_dictionary(value));
+    case CORVID_TYPE_ARRAY: return arrayFrom(corvid_value_array(value));
+    case CORVID_TYPE_DICTIONARY: return dictionaryFrom(corvid_value_dictionary(value));
   }
   return {};
 }

@@ -84,16 +84,12 @@ void HTTPServerConnection::run(std::stop_token stop) {
 
 bool HTTPServerConnection::misbehave() {
   switch (_surroundings.fault) {
-    case ConnectionFault::none:
-      return false;
-    case ConnectionFault::hangUp:
-      return true;
+    case ConnectionFault::none: return false;
+    case ConnectionFault::hangUp: return true;
     case ConnectionFault::garbage:
       _stream.write("neither a handshake nor an answer\r\n\r\n");
       return true;
-    case ConnectionFault::neverSpeaks:
-      waitForPeerToGo();
-      return true;
+    case ConnectionFault::neverSpeaks: waitForPeerToGo(); return true;
     case ConnectionFault::resets:
       fillBuffer();
       _stream.reset();

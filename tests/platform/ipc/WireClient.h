@@ -127,12 +127,9 @@ inline std::string sendEvent(WireClient& client, std::uint16_t category, std::ui
   auto response = request.send().wait(client.scope);
   const auto result = response.getResults()[0];
   switch (result.which()) {
-    case wire::TextResult::UNANSWERED:
-      return "unanswered";
-    case wire::TextResult::NONE:
-      return "none";
-    case wire::TextResult::TEXT:
-      return result.getText();
+    case wire::TextResult::UNANSWERED: return "unanswered";
+    case wire::TextResult::NONE: return "none";
+    case wire::TextResult::TEXT: return result.getText();
   }
   return "unknown";
 }
