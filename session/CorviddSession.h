@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "backends/BackendSet.h"
 #include "config/DeviceInformation.h"
@@ -158,6 +159,8 @@ class CorviddSession final : public ClientSessionInterface,
   std::shared_ptr<const Dictionary> _userInfo GUARDED_BY(_lock);
   Array _frameworks GUARDED_BY(_lock);
   std::shared_ptr<const BackendTable> _backends GUARDED_BY(_lock);
+  // What works for the session at intervals, kept until its end. Nothing does yet.
+  std::vector<std::shared_ptr<void>> _periodicServices GUARDED_BY(_lock);
   std::string _sessionIDString GUARDED_BY(_lock);
   std::optional<std::string> _storebagVersion GUARDED_BY(_lock);
 };

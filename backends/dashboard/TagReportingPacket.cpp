@@ -86,18 +86,14 @@ void TagReportingPacket::writePayload(const Dictionary& payload) {
     pairs.push_back({key, std::move(text), length});
   }
   std::ranges::stable_sort(pairs, {}, &Pair::length);
+  std::string text;
   for (const Pair& pair : pairs) {
-    append(" ");
-    append(upToZeroByte(pair.key));
-    append("=");
-    append(sanitize(upToZeroByte(pair.value)));
+    if (text.size() >= payloadSize - 1) break;
+    text =
+        fmt::format("{} {}={}", text, upToZeroByte(pair.key), sanitize(upToZeroByte(pair.value)));
   }
-}
-
-void TagReportingPacket::append(std::string_view text) {
-  const std::size_t length = std::min(text.size(), payloadSize - 1 - _payloadLength);
-  std::copy_n(text.data(), length, _bytes.data() + TagReportingPacketHeader::size + _payloadLength);
-  _payloadLength += length;
+  _payloadLength = std::min(text.size(), payloadSize - 1);
+  std::copy_n(text.data(), _payloadLength, _bytes.data() + TagReportingPacketHeader::size);
 }
 
 std::string descriptionForObject(const Value& object) {

@@ -66,7 +66,6 @@ class TagReportingPacket {
  private:
   void writeHeader(const TagReportingPacketHeader& header);
   void writePayload(const Dictionary& payload);
-  void append(std::string_view text);
 
   std::array<char, size> _bytes{};
   std::size_t _payloadLength = 0;
