@@ -43,6 +43,7 @@ HTTPRequest storebagRequest(std::string url, const std::optional<std::string>* l
   request.url = std::move(url);
   request.timeout = fetchTimeout;
   request.patience = fetchTimeout;
+  request.timeoutCoversWait = true;  // the caller is blocked all the while
   if (lastModified != nullptr && lastModified->has_value()) {
     logDebug("fetchStorebagWithName: Adding 'Last-Modified: {}' to the header", **lastModified);
     request.headers.emplace_back("If-Modified-Since", **lastModified);

@@ -21,6 +21,7 @@ struct HTTPRequest {
   std::string body{};     // sent when the method is POST
   std::chrono::milliseconds timeout{60'000};  // for the whole exchange, once it is queued
   std::chrono::milliseconds patience{0};      // for which start waits where the queue is full
+  bool timeoutCoversWait = false;             // what start waits is then part of the time-out
   // Read and dropped when false: the response then has no body.
   bool wantsBody = true;
 };
@@ -30,7 +31,7 @@ struct HTTPResponse {
   HTTPHeaders headers{};
   std::string body{};
 
-  // The last value of the header, found without regard to case.
+  // The header's value, found without regard to case; those of several lines are joined by ", ".
   std::optional<std::string> header(std::string_view name) const;
 };
 

@@ -15,7 +15,6 @@ CurlHTTPClient::CurlHTTPClient(Options options)
 CurlHTTPClient::~CurlHTTPClient() { _worker->stop(); }
 
 void CurlHTTPClient::start(HTTPRequest request, HTTPCompletion completion) {
-  const auto patience = request.patience;
   auto made =
       makeExchange(std::move(request), _allowInsecureHTTP, std::chrono::steady_clock::now());
   if (auto* const error = std::get_if<HTTPError>(&made)) {
@@ -24,7 +23,7 @@ void CurlHTTPClient::start(HTTPRequest request, HTTPCompletion completion) {
   }
   auto& exchange = std::get<Exchange>(made);
   exchange.completion = std::move(completion);
-  _worker->add(std::move(exchange), patience);
+  _worker->add(std::move(exchange));
 }
 
 std::size_t CurlHTTPClient::exchangesUnderWay() const { return _worker->underWay(); }

@@ -106,6 +106,8 @@ std::variant<Exchange, HTTPError> makeExchange(HTTPRequest request, bool allowIn
   if (exchange.isPost) exchange.body = std::move(request.body);
   exchange.wantsBody = request.wantsBody;
   exchange.deadline = now + std::min(request.timeout, kLongestTimeout);
+  exchange.patience = request.patience;
+  exchange.deadlineCoversWait = request.timeoutCoversWait;
   return exchange;
 }
 

@@ -23,6 +23,8 @@ struct Exchange {
   bool isPost = false;
   bool wantsBody = true;
   Time deadline;
+  std::chrono::milliseconds patience{0};  // to wait for room in the queue
+  bool deadlineCoversWait = false;
   HTTPCompletion completion;
 
   std::size_t size() const { return url.size() + headerLines.size() + body.size(); }

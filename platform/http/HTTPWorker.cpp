@@ -52,11 +52,11 @@ void HTTPWorker::stop() {
   if (thread.joinable()) thread.join();
 }
 
-void HTTPWorker::add(Exchange exchange, milliseconds patience) {
+void HTTPWorker::add(Exchange exchange) {
   HTTPOutcome refusal;
   {
     MutexLock lock(_mutex);
-    const bool hasRoom = awaitRoom(exchange, patience);
+    const bool hasRoom = awaitRoom(exchange);
     if (_stopping) {
       refusal = failed(exchange, CURLE_ABORTED_BY_CALLBACK, kEnded);
     } else if (!hasRoom) {
@@ -80,16 +80,15 @@ void HTTPWorker::add(Exchange exchange, milliseconds patience) {
   exchange.completion(std::move(refusal));
 }
 
-bool HTTPWorker::awaitRoom(Exchange& exchange, milliseconds patience) {
+bool HTTPWorker::awaitRoom(Exchange& exchange) {
   const auto hasRoom = [&]() NO_THREAD_SAFETY_ANALYSIS { return !_queue.isFull(exchange.host); };
   if (hasRoom()) return true;
-  if (patience <= milliseconds(0) || _thread.get_id() == std::this_thread::get_id()) return false;
+  if (exchange.patience <= milliseconds(0) || _thread.get_id() == std::this_thread::get_id()) return false;
   const auto start = steady_clock::now();
   ++_waitingForRoom;
-  const bool inTime = _room.wait_for(_mutex, patience, hasRoom);
+  const bool inTime = _room.wait_for(_mutex, exchange.patience, hasRoom);
   --_waitingForRoom;
-  // The time-out is for the exchange itself.
-  exchange.deadline += steady_clock::now() - start;
+  if (!exchange.deadlineCoversWait) exchange.deadline += steady_clock::now() - start;
   return inTime;
 }
 

@@ -30,9 +30,9 @@ class HTTPWorker {
   HTTPWorker(const HTTPWorker&) = delete;
   HTTPWorker& operator=(const HTTPWorker&) = delete;
 
-  // Waits for room in the queue, at most `patience` and not on the worker's thread. Completes
-  // `exchange` at once where there is none then, or the worker is at its end.
-  void add(Exchange exchange, std::chrono::milliseconds patience) EXCLUDES(_mutex);
+  // Waits for room in the queue as long as `exchange` has patience, and not on the worker's thread.
+  // Completes it at once where there is none then, or the worker is at its end.
+  void add(Exchange exchange) EXCLUDES(_mutex);
   // Completes everything with an error and ends the thread. From now on add() completes at once.
   void stop() EXCLUDES(_mutex);
   std::size_t underWay() const { return _underWay; }
@@ -46,7 +46,7 @@ class HTTPWorker {
 
   void run();
   // False where there is no room in good time.
-  bool awaitRoom(Exchange& exchange, std::chrono::milliseconds patience) REQUIRES(_mutex);
+  bool awaitRoom(Exchange& exchange) REQUIRES(_mutex);
   // False when there was none for so long.
   bool waitForWork(std::optional<std::chrono::milliseconds> longest) EXCLUDES(_mutex);
   // Takes the exchanges to begin and those that waited too long; where there is nothing under way

@@ -99,6 +99,8 @@ TEST_F(StorebagFetch, AsksByNameAndVersionAndReturnsTheVerifiedStorebag) {
   EXPECT_TRUE(requests[0].headers.empty());
   EXPECT_EQ(requests[0].body, "");
   EXPECT_EQ(requests[0].timeout, std::chrono::milliseconds(15'000));
+  EXPECT_EQ(requests[0].patience, std::chrono::milliseconds(15'000));
+  EXPECT_TRUE(requests[0].timeoutCoversWait);
   EXPECT_TRUE(requests[0].wantsBody);
   EXPECT_EQ(platform.log.texts(LogLevel::debug),
             (std::vector<std::string>{"fetchStorebagWithName: Storebag Server URL: " +

@@ -117,6 +117,32 @@ TEST_P(HTTPClientQueueTest, WithoutRoomInGoodTimeItFailsAndTheLogSaysSoOnce) {
             "HTTPClient: there is room for exchanges again; 3 have failed");
 }
 
+TEST_P(HTTPClientQueueTest, TheWaitForRoomCountsOnlyInATimeoutThatCoversIt) {
+  std::counting_semaphore<> gate(0);
+  serve([&](const lab::Request& request) {
+    if (request.target == "/silent") gate.acquire();
+    return lab::Answer{};
+  });
+  for (const bool covers : {true, false}) {
+    const std::size_t received = server->requestsReceived();
+    for (std::size_t i = 0; i < CurlHTTPClient::kConnectionsPerHost; ++i)
+      client->start(get("/silent"), silent.completion());
+    while (server->requestsReceived() < received + CurlHTTPClient::kConnectionsPerHost)
+      std::this_thread::yield();
+    fillTheShare();
+    HTTPRequest request = get();
+    request.timeout = 1s;
+    request.patience = 20s;
+    request.timeoutCoversWait = covers;
+    std::thread opener([&] {
+      std::this_thread::sleep_for(1200ms);
+      gate.release(CurlHTTPClient::kConnectionsPerHost);
+    });
+    EXPECT_EQ(codeOf(request), covers ? CURLE_OPERATION_TIMEDOUT : CURLE_OK);
+    opener.join();
+  }
+}
+
 TEST_P(HTTPClientQueueTest, ACompletionNeverWaitsForRoom) {
   std::counting_semaphore<> gate(0);
   serve([&](const lab::Request& request) {
