@@ -10,7 +10,7 @@ namespace corvid {
 std::optional<std::string> HTTPResponse::header(std::string_view name) const {
   std::optional<std::string> found;
   for (const auto& [key, value] : headers)
-    if (equalsIgnoringCase(key, name)) found = value;
+    if (equalsIgnoringCase(key, name)) found = found ? *found + ", " + value : value;
   return found;
 }
 

@@ -27,6 +27,13 @@ TEST_P(HTTPClientTest, BringsStatusHeadersAndBody) {
   EXPECT_EQ(outcome.response->body, "a storebag");
 }
 
+TEST_P(HTTPClientTest, TheValuesOfARepeatedHeaderAreOneList) {
+  serve(lab::Answer{.headers = {{"Cache-Control", "max-age=600"}, {"cache-control", "public"}}});
+  const HTTPOutcome outcome = perform(get());
+  ASSERT_TRUE(outcome.response);
+  EXPECT_EQ(outcome.response->header("Cache-Control"), "max-age=600, public");
+}
+
 TEST_P(HTTPClientTest, AnyStatusIsAResponse) {
   serve([](const lab::Request& request) {
     return lab::Answer{.status = std::stoi(request.target.substr(1))};
