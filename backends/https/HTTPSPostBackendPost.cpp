@@ -45,6 +45,20 @@ std::string headerValue(std::string text) {
   return text;
 }
 
+// What of the message travels: its gzip form where that is shorter. Adds the headers that tell of
+// it. The message is taken by value so that nothing of it is left while the caller waits.
+std::string bodyOf(std::string message, HTTPHeaders& headers) {
+  std::optional<std::string> compressed = gzipDeflate(message);
+  const bool smaller = compressed && !compressed->empty() && compressed->size() < message.size();
+  std::string body = std::move(smaller ? *compressed : message);
+  // Both texts were made with room for the worst case, which would be kept as long as the exchange
+  // waits; the HTTP client's queue counts what a body holds, not what it could.
+  body.shrink_to_fit();
+  headers.emplace_back("Content-Length", fmt::format("{}", body.size()));
+  if (smaller) headers.emplace_back("Content-Encoding", "gzip");
+  return body;
+}
+
 // What an exchange's end does; a backend that is gone has no state to set.
 void finishExchange(const std::weak_ptr<CorvidBackend>& sender, const std::string& name,
                     const HTTPOutcome& outcome, const FlushCompletion& completion) {
@@ -117,11 +131,7 @@ void HTTPSPostBackend::postJSONMessage(std::string message, MessageFlag flag,
     if (completion) completion(std::nullopt, CorvidError::of(-1, "postURL is nil"));
     return;
   }
-  std::optional<std::string> compressed = gzipDeflate(message);
-  const bool smaller = compressed && !compressed->empty() && compressed->size() < message.size();
-  request->body = std::move(smaller ? *compressed : message);
-  request->headers.emplace_back("Content-Length", fmt::format("{}", request->body.size()));
-  if (smaller) request->headers.emplace_back("Content-Encoding", "gzip");
+  request->body = bodyOf(std::move(message), request->headers);
 
   // The time at the gate and that in front of a full queue count together.
   const auto start = std::chrono::steady_clock::now();

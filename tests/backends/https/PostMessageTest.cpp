@@ -234,6 +234,30 @@ TEST_F(PostMessageTest, AMessageThatDoesNotShrinkTravelsPlain) {
   EXPECT_EQ(headerOf(request, "Content-Encoding"), std::nullopt);
 }
 
+TEST_F(PostMessageTest, ABodyHasNoRoomToSpareWhileItsExchangeWaits) {
+  // The request itself: a copy of its body would have no room in any case.
+  std::size_t size = 0, capacity = 0;
+  platform.http->answerWith([&](const HTTPRequest& request) {
+    size = request.body.size();
+    capacity = request.body.capacity();
+    return FakeHTTPClient::response(200);
+  });
+  constexpr std::size_t alignment = 32;
+  const auto backend = makeFor(openEntry());
+  send(*backend, {{"text", std::string(1'000'000, 'a')}});
+  EXPECT_EQ(headerOf(requests().back(), "Content-Encoding"), "gzip");
+  EXPECT_GT(size, 1000u);
+  EXPECT_LE(capacity, size + alignment) << "compressed";
+
+  const auto plain = makeFor(openEntryWith("extras_on_internal", 1));
+  plain->setIsInternal(true);
+  plain->setUdid(nullptr);  // leaves a message too short to shrink
+  send(*plain, {});
+  EXPECT_EQ(headerOf(requests().back(), "Content-Encoding"), std::nullopt);
+  EXPECT_GT(size, 0u);
+  EXPECT_LE(capacity, size + alignment) << "plain";
+}
+
 TEST_F(PostMessageTest, AMessageIsCompressedOnlyWhereThatIsShorter) {
   // Nothing but "x" stays in the record, so that messages grow byte by byte from a size that does
   // not shrink to one that does.

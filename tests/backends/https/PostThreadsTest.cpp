@@ -1,4 +1,6 @@
 // Flow control, and other threads at work while events pass.
+#include <malloc.h>
+
 #include <future>
 #include <thread>
 
@@ -9,6 +11,17 @@ namespace {
 
 struct PostThreadsTest : PostBackendFixture {
   static constexpr int limit = static_cast<int>(ExchangeGate::clientLimit);
+
+  static std::size_t bytesInUse() {
+    const struct mallinfo2 info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+  }
+  // Whether it became true in time.
+  static bool await(const std::function<bool()>& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!condition() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+    return condition();
+  }
 };
 
 TEST_F(PostThreadsTest, PastItsLimitASendWaitsForAnExchangeToEnd) {
@@ -54,6 +67,25 @@ TEST_F(PostThreadsTest, BackendsThatShareAGateWaitForEachOther) {
   platform.http->completeNext(FakeHTTPClient::response(200));
   ASSERT_EQ(next.wait_for(std::chrono::seconds(20)), std::future_status::ready);
   EXPECT_EQ(requests().size(), 3u);
+}
+
+TEST_F(PostThreadsTest, WhatWaitsAtTheGateIsTheCompressedMessageOnly) {
+  if (bytesInUse() == 0) GTEST_SKIP() << "this allocator does not tell what is in use";
+  constexpr std::size_t size = std::size_t{8} << 20;
+  const auto backend = makeFor(openEntryWith("override_dnu", 1));  // makes no log text
+  const auto gate = std::make_shared<ExchangeGate>(1);
+  backend->setExchangeGate(gate);
+  send(*backend, {});  // passes
+  const Dictionary payload{{"text", std::string(size, 'x')}};
+  platform.log.clear();
+  const std::size_t before = bytesInUse();
+  auto next = std::async(std::launch::async, [&] { send(*backend, payload); });
+  EXPECT_TRUE(await([&] { return platform.log.anyContains("Compressed file from"); }));
+  EXPECT_TRUE(await([&] { return bytesInUse() < before + size / 4; }));
+  EXPECT_EQ(requests().size(), 1u) << "waits all the while";
+  platform.http->completeNext(FakeHTTPClient::response(200));
+  ASSERT_EQ(next.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+  EXPECT_EQ(requests().size(), 2u);
 }
 
 TEST_F(PostThreadsTest, OtherSessionsMayChangeABackendWhileItBatches) {
