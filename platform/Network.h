@@ -65,7 +65,8 @@ class Timer : public Source {
 // Threads   Every operation: any. Tasks and handlers run on the queue's thread, must not block and
 //           must not throw.
 // Order     Tasks of one thread run in the order given; a task that is due with a handler runs
-// first. Ownership A task and its captures die on the queue's thread, or with the queue's network.
+//           first.
+// Ownership A task and its captures die on the queue's thread, or with the queue's network.
 class SerialQueue {
  public:
   virtual ~SerialQueue() = default;

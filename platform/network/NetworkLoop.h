@@ -22,8 +22,7 @@ namespace corvid {
 // is due, and is woken from other threads only while it sleeps.
 //
 // Threads   stop: any but its own; everything else: any. Tasks and handlers run on the loop's
-// thread
-//           without its lock.
+//           thread without its lock.
 // Errors    The constructor throws std::system_error where the system has no descriptors left.
 // Stop      Waits for what runs and drops the rest, on the caller's thread. From then on work is
 //           dropped at once. The destructor stops.

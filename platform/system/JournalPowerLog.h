@@ -11,9 +11,8 @@ namespace corvid {
 // Writes each event as one structured entry; where there is no journal, nothing.
 //
 // Fields    MESSAGE, PRIORITY (6), SYSLOG_IDENTIFIER ("corvidd"), CORVID_SUBSYSTEM,
-//           CORVID_EVENT_NAME,
-//           and one for each entry of the payload in its order: fieldName of the key, and the value
-//           as text, as in log lines.
+//           CORVID_EVENT_NAME, and one for each entry of the payload in its order: fieldName of the
+//           key, and the value as text, as in log lines.
 // Limits    mostBytes an entry. What of the payload has no room is left out and counted in
 //           CORVID_OMITTED.
 class JournalPowerLog final : public PowerLog {
