@@ -248,6 +248,14 @@ TEST_F(EventRecordTest, ConsentThatNeedsNoOverrideIsTypeTwo) {
   EXPECT_EQ(*recordOf(*backend, &payload, 0, 1).find("Opt"), Value(2));
 }
 
+TEST_F(EventRecordTest, AnOverrideThresholdThatSamplingDidNotAskForIsNotReported) {
+  platform.random->draw = 0.5;
+  const auto backend = makeFor(openEntryWith("override_sampling", 0.75));
+  ASSERT_EQ(backend->state(), BackendState::sending);
+  const Dictionary payload;
+  EXPECT_EQ(*recordOf(*backend, &payload, 0, 1).find("OverrideSampling"), Value(-1));
+}
+
 TEST_F(EventRecordTest, TheOverrideThresholdStaysWhenALaterEntryLacksIt) {
   platform.random->draw = 0.5;
   Dictionary first = openEntryWith("client", "player");

@@ -80,6 +80,18 @@ TEST_F(PostMessageTest, TheIdentifierFollowsConsent) {
   EXPECT_EQ(clientIdOf(*makeFor(openEntryWith("override_dnu", 1))), "OVERRIDE-ID") << "type 1";
 }
 
+TEST_F(PostMessageTest, AnEntryThatRespectsConsentAgainBringsIdentifierAndLogTextBack) {
+  Dictionary first = openEntryWith("override_dnu", 1);
+  first.set("client", "player");
+  const auto backend = makeFor(Array{first, openEntry()});
+  EXPECT_EQ(clientIdOf(*backend), "OVERRIDE-ID");
+  EXPECT_FALSE(logsMessages(*backend));
+  backend->setUserInfoDict(Dictionary{{"_clientName", "other"}});
+  backend->updateState();
+  EXPECT_EQ(clientIdOf(*backend), "RESPECTED-ID");
+  EXPECT_TRUE(logsMessages(*backend));
+}
+
 TEST_F(PostMessageTest, ACustomIdentifierComesBeforeThem) {
   Dictionary entry = openEntryWith("custom_clientId", 1);
   EXPECT_EQ(clientIdOf(*makeFor(entry)), "00000000-0000-0000-0000-000000000001");
@@ -104,6 +116,18 @@ TEST_F(PostMessageTest, ExtrasOnAnInternalBuildSendTheDeviceIdentifier) {
   platform.restart();
   EXPECT_EQ(clientIdOf(*makeFor(entry)), udid);
   EXPECT_EQ(clientIdOf(*makeFor(openEntry())), "RESPECTED-ID") << "no extras";
+}
+
+TEST_F(PostMessageTest, ExtrasEndWithAnEntryThatLacksThem) {
+  platform.device->set("ReleaseType", "Internal");
+  platform.restart();
+  Dictionary first = openEntryWith("extras_on_internal", 1);
+  first.set("client", "player");
+  const auto backend = makeFor(Array{first, openEntry()});
+  EXPECT_EQ(clientIdOf(*backend), udid);
+  backend->setUserInfoDict(Dictionary{{"_clientName", "other"}});
+  backend->updateState();
+  EXPECT_EQ(clientIdOf(*backend), "RESPECTED-ID");
 }
 
 TEST_F(PostMessageTest, WithoutAnIdentifierTheMessageEndsAfterTheTime) {
@@ -193,6 +217,13 @@ TEST_F(PostMessageTest, HeadersOfAFlushNameNoEvent) {
                                           {"Content-Type", "application/json"},
                                           {"Content-Length", std::to_string(request.body.size())},
                                           {"Content-Encoding", "gzip"}}));
+}
+
+TEST_F(PostMessageTest, WhatTheGateLeavesOfAMinuteIsForAFullQueue) {
+  send(*makeFor(openEntry()), {});
+  const auto patience = requests().at(0).patience;
+  EXPECT_GT(patience, std::chrono::seconds(59));
+  EXPECT_LE(patience, std::chrono::seconds(60));
 }
 
 TEST_F(PostMessageTest, AbsentDeviceValuesShowAsNullInTheUserAgent) {

@@ -302,9 +302,10 @@ TEST_F(ReportingStateTest, ARefusalLeavesTheEarlierSettings) {
   EXPECT_EQ(record, Dictionary{});
 }
 
-TEST_F(ReportingStateTest, ACustomIdentifierIsMadeForClientAndService) {
+TEST_F(ReportingStateTest, ACustomIdentifierIsMadeForClientAndServiceAsTheyAreWritten) {
+  userInfo = Dictionary{{"_clientName", "Player"}, {"_serviceName", "Radio"}};
   makeFor(openEntryWith("custom_clientId", false));
-  const auto stored = platform.preferences->value(corvidSuite, "uuid:player:radio");
+  const auto stored = platform.preferences->value(corvidSuite, "uuid:Player:Radio");
   ASSERT_TRUE(stored) << "the key's presence asks for it, whatever its value";
   EXPECT_EQ(*stored, Value("00000000-0000-0000-0000-000000000001"));
   userInfo = Dictionary{};

@@ -36,6 +36,14 @@ TEST_F(SamplingTest, WithoutAThresholdReportingIsDisabled) {
   EXPECT_EQ(stateFor("0.9"), BackendState::disabled) << "no number";
 }
 
+TEST_F(SamplingTest, AnEntryWithoutAThresholdTakesAnEarlierOneAway) {
+  const auto backend = make({{"clients", Array{openEntryWithout("sampling_threshold")}}});
+  backend->setSamplingThreshold(1.0);
+  backend->updateState();
+  EXPECT_EQ(backend->samplingThreshold(), std::nullopt);
+  EXPECT_EQ(backend->state(), BackendState::disabled);
+}
+
 TEST_F(SamplingTest, TheOverrideDecidesBetweenHeldAndDisabled) {
   EXPECT_EQ(stateFor(0.4, 0.3), BackendState::disabled);
   EXPECT_EQ(stateFor(0.4, 0.5), BackendState::held);
