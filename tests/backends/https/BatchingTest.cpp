@@ -172,6 +172,10 @@ TEST_F(BatchingTest, AMessageThatCannotBeWrittenIsNotPostedAndAnswersNothing) {
 
 // Thresholds
 
+const std::string thresholdLine =
+    "HTTPSPostBackend(batchEvent): Flushing all batched events as we reached event threshold for "
+    "method ";
+
 TEST_F(BatchingTest, TheEventPastTheThresholdFlushesTheOthersAndIsLost) {
   const auto backend = makeInState(BackendState::sending, openEntryWith("event_threshold", 2));
   for (int i = 1; i <= 3; ++i) EXPECT_EQ(send(*backend, {{"x", i}}), std::nullopt);
@@ -183,9 +187,7 @@ TEST_F(BatchingTest, TheEventPastTheThresholdFlushesTheOthersAndIsLost) {
   EXPECT_EQ(text, prettyMessageOf(requests()[0]));
   EXPECT_EQ(linesOf("HTTPSPostBackend("),
             (Lines{"HTTPSPostBackend(sendMessage): realtime is 0",
-                   "HTTPSPostBackend(sendMessage): Batching 2, 1, 1",
-                   "HTTPSPostBackend(batchEvent): Flushing all batched events as we reached event "
-                   "threshold for method 3",
+                   "HTTPSPostBackend(sendMessage): Batching 2, 1, 1", thresholdLine + "3",
                    "HTTPSPostBackend(flushMessagesWithCompletion): called"}));
   // Its count survives: two more fit, the third flushes them.
   for (int i = 5; i <= 7; ++i) send(*backend, {{"x", i}});
@@ -200,7 +202,7 @@ TEST_F(BatchingTest, TheThresholdCountsEachMethodAlone) {
   EXPECT_TRUE(requests().empty());
   send(*backend, {{"x", 5}}, 0, 5);
   EXPECT_EQ(posted("x"), (Lines{"1", "2", "3", "4"})) << "the whole batch, all methods";
-  EXPECT_TRUE(platform.log.anyContains("threshold for method 5"));
+  EXPECT_EQ(linesOf(thresholdLine), Lines{thresholdLine + "5"});
 }
 
 TEST_F(BatchingTest, TheThresholdCountsTheMethodThatTheUserInfoLeaves) {
@@ -209,12 +211,13 @@ TEST_F(BatchingTest, TheThresholdCountsTheMethodThatTheUserInfoLeaves) {
   send(*backend, {{"x", 1}}, 0, 3);
   send(*backend, {{"x", 2}}, 0, 5);
   EXPECT_EQ(posted("x"), Lines{"1"});
-  EXPECT_TRUE(platform.log.anyContains("threshold for method 9"));
+  EXPECT_EQ(linesOf(thresholdLine), Lines{thresholdLine + "9"});
+  platform.log.clear();
   userInfo->set("_method", Array{9});
   backend->setUserInfoDict(userInfo);
   send(*backend, {{"x", 3}}, 0, 3);
   send(*backend, {{"x", 4}}, 0, 5);
-  EXPECT_TRUE(platform.log.anyContains("threshold for method 0"));
+  EXPECT_EQ(linesOf(thresholdLine), Lines{thresholdLine + "0"});
 }
 
 TEST_F(BatchingTest, ByDefaultTheFiftyFirstEventOfAMethodFlushes) {

@@ -108,10 +108,10 @@ std::vector<std::string> PostBackendFixture::posted(std::string_view key) const 
   return values;
 }
 
-std::vector<std::string> PostBackendFixture::linesOf(std::string_view prefix) const {
-  std::vector<std::string> texts;
-  for (const auto& [level, text] : platform.log.lines())
-    if (text.starts_with(prefix)) texts.push_back(text);
+std::vector<std::string> PostBackendFixture::linesOf(std::string_view prefix,
+                                                     LogLevel level) const {
+  std::vector<std::string> texts = platform.log.texts(level);
+  std::erase_if(texts, [&](const std::string& text) { return !text.starts_with(prefix); });
   return texts;
 }
 

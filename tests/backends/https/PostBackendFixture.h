@@ -43,8 +43,8 @@ struct PostBackendFixture : testing::Test {
   static std::vector<Dictionary> eventsOf(const HTTPRequest& request);
   // Of the records of every request: the value of one key, described.
   std::vector<std::string> posted(std::string_view key) const;
-  // Log texts of any level that begin so, in order.
-  std::vector<std::string> linesOf(std::string_view prefix) const;
+  // Log texts of the level that begin so, in order.
+  std::vector<std::string> linesOf(std::string_view prefix, LogLevel level = LogLevel::debug) const;
 
   TestPlatform platform;
   Dictionary sessionInfo{{"ClientType", 5},

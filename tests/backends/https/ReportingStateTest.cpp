@@ -210,11 +210,15 @@ TEST_F(ReportingStateTest, AnUnknownHardwareTypeCountsAsBlacklisted) {
 TEST_F(ReportingStateTest, RulesAreTriedInTheirOrderAndTheFirstRefusalEndsIt) {
   platform.consent->allowed = false;
   Dictionary entry{{"device_whitelist", Array{"Wren"}}, {"device_blacklist", Array{"Robin"}}};
-  const auto refusal = [&] {
+  const auto refusal = [&](LogLevel level = LogLevel::debug,
+                           LogLevel otherLevel = LogLevel::warning) {
     platform.log.clear();
     EXPECT_EQ(stateFor(entry), BackendState::disabled);
-    const auto lines = linesOf("HTTPSPostBackend(updateBackendState): ");
-    return lines.size() == 1 ? lines[0].substr(38) : fmt::format("{} lines", lines.size());
+    const std::string prefix = "HTTPSPostBackend(updateBackendState): ";
+    const auto lines = linesOf(prefix, level);
+    EXPECT_TRUE(linesOf(prefix, otherLevel).empty());
+    return lines.size() == 1 ? lines[0].substr(prefix.size())
+                             : fmt::format("{} lines", lines.size());
   };
   EXPECT_EQ(refusal(), "reporting disabled by DNU: 0.");
   entry.set("override_dnu", 1);
@@ -224,7 +228,7 @@ TEST_F(ReportingStateTest, RulesAreTriedInTheirOrderAndTheFirstRefusalEndsIt) {
   entry.erase("device_whitelist");
   EXPECT_EQ(refusal(), "(Robin5,2) is in device blacklist [\"Robin\"]");
   entry.erase("device_blacklist");
-  EXPECT_EQ(refusal(), "filters are required.");
+  EXPECT_EQ(refusal(LogLevel::warning, LogLevel::debug), "filters are required.");
   entry.set("filters", Array{});
   EXPECT_EQ(refusal(),
             "httpPost: client found player:radio, state=1, samplingFactor=0.500000, hierarchy=0");
