@@ -19,9 +19,9 @@
 
 #include "platform/base/Log.h"
 #include "platform/base/Mutex.h"
+#include "platform/ipc/Admission.h"
 #include "platform/ipc/IPCConnection.h"
 #include "platform/ipc/ServiceSocket.h"
-#include "protocol/Limits.h"
 
 namespace corvid {
 
@@ -199,12 +199,7 @@ bool IPCListener::Acceptor::admits(const IPCConnection::Peer& peer) {
     all = _connections.size();
     for (const Open& open : _connections) ofUser += open.connection->peer().user == peer.user;
   }
-  if (all < limits::connections && ofUser < limits::connectionsPerUser) return true;
-  const bool forUser = all < limits::connections;
-  logWarning("IPCListener: Process {}, user {} opened more than {} connections{}; closing it",
-             peer.process, peer.user, forUser ? limits::connectionsPerUser : limits::connections,
-             forUser ? " of one user" : "");
-  return false;
+  return admitsConnection(peer, all, ofUser);
 }
 
 void IPCListener::Acceptor::connectionEnded(std::uint64_t number) {
