@@ -30,6 +30,7 @@
 #include "platform/base/Descriptor.h"
 #include "platform/network/SystemNetwork.h"
 #include "platform/system/Entitlements.h"
+#include "platform/system/JournalPowerLog.h"
 #include "platform/system/SettingsFile.h"
 #include "platform/system/SystemDeviceInformation.h"
 #include "platform/system/SystemLocale.h"
@@ -244,6 +245,29 @@ TEST_F(SandboxAllows, TheNetworkThreadToSendAndToBeAnswered) {
               return outcome.get() ? 0 : 6;
             }),
             0);
+}
+
+TEST_F(SandboxAllows, ThePowerLogToReachTheJournal) {
+  namespace fs = std::filesystem;
+  fs::create_directories(fs::path(paths.journalSocket).parent_path());
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  ASSERT_LT(paths.journalSocket.size(), sizeof address.sun_path);
+  paths.journalSocket.copy(address.sun_path, sizeof address.sun_path - 1);
+  const Descriptor journal(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0));
+  ASSERT_EQ(bind(journal.get(), generic(address), sizeof address), 0);
+  EXPECT_EQ(
+      inSandbox([&] {
+        JournalPowerLog(paths.journalSocket).logRegisteredEvent(28, "Cobaltd-CVD", {{"method", 7}});
+        return 0;
+      }),
+      0);
+  char entry[1024];
+  const ssize_t size = recv(journal.get(), entry, sizeof entry, 0);
+  ASSERT_GT(size, 0) << std::strerror(errno);
+  EXPECT_EQ(std::string_view(entry, static_cast<std::size_t>(size)),
+            "MESSAGE=Cobaltd-CVD\nPRIORITY=6\nSYSLOG_IDENTIFIER=corvidd\nCORVID_SUBSYSTEM=28\n"
+            "CORVID_EVENT_NAME=Cobaltd-CVD\nCORVID_METHOD=7\n");
 }
 
 TEST_F(SandboxAllows, Waiting) {
