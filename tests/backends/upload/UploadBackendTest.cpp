@@ -1,3 +1,4 @@
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <zlib.h>
@@ -15,6 +16,17 @@
 #include "protocol/Limits.h"
 #include "tests/fakes/FakeGrantedFile.h"
 #include "tests/fakes/TestPlatform.h"
+
+namespace {
+bool compressorFails = false;
+}  // namespace
+
+// Stands in front of the library's.
+extern "C" int deflate(z_streamp stream, int flush) {
+  if (compressorFails) return Z_STREAM_ERROR;
+  static const auto real = reinterpret_cast<decltype(&deflate)>(dlsym(RTLD_NEXT, "deflate"));
+  return real(stream, flush);
+}
 
 namespace corvid {
 namespace {
@@ -46,7 +58,10 @@ class UploadBackendTest : public testing::Test {
     reply("{\"success\":true}");
   }
   // Nothing is released that was not consumed, on whatever way the operation ended.
-  void TearDown() override { EXPECT_EQ(platform.extensionTokens->handles(), 0u); }
+  void TearDown() override {
+    compressorFails = false;
+    EXPECT_EQ(platform.extensionTokens->handles(), 0u);
+  }
 
   void make(const Dictionary& profile) {
     backend = UploadBackend::initWithName("uploadServer", &profile, "Robin");
@@ -271,6 +286,19 @@ TEST_F(UploadBackendTest, ATokenThatNobodyGrantedUploadsNothing) {
   EXPECT_EQ(consumed(), 2u);
 }
 
+TEST_F(UploadBackendTest, WhatCannotBeCompressedIsNotSent) {
+  compressorFails = true;
+  EXPECT_FALSE(upload());
+  EXPECT_THAT(errors(),
+              ElementsAre("compressDataWithZlibOrGzip: zlib error while attempting compression: "
+                          "\"The stream state was inconsistent (e.g., next_in or next_out was "
+                          "NULL).\" Message: \"(null)\""));
+  EXPECT_EQ(requests(), 0u);
+  EXPECT_EQ(file->removals, 0);
+  compressorFails = false;
+  EXPECT_TRUE(upload());
+}
+
 // ---- What comes of it
 
 TEST_F(UploadBackendTest, AReplyWithSuccessInItRemovesTheFile) {
@@ -317,6 +345,13 @@ TEST_F(UploadBackendTest, ATransportErrorKeepsTheFileAndIsStillAnUpload) {
   EXPECT_EQ(file->removals, 0);
 }
 
+TEST_F(UploadBackendTest, NeitherAnswerNorErrorKeepsTheFileAndIsStillAnUpload) {
+  platform.http->answerWith([](const HTTPRequest&) { return HTTPOutcome{}; });
+  EXPECT_TRUE(upload());
+  EXPECT_THAT(errors(), ElementsAre("UploadBackend(uploadFileAtPath): post (null)"));
+  EXPECT_EQ(file->removals, 0);
+}
+
 TEST_F(UploadBackendTest, TheHandleIsReleasedOnEveryWayOut) {
   const auto released = [&](const std::function<void()>& prepare) {
     const std::size_t before = consumed();
@@ -333,11 +368,17 @@ TEST_F(UploadBackendTest, TheHandleIsReleasedOnEveryWayOut) {
   EXPECT_EQ(released([&] { file->announced.isRegularFile = false; }), 1u);
   EXPECT_EQ(released([&] { file->announced.size = limits::uploadBytes + 1; }), 1u);
   EXPECT_EQ(released([&] { file->content.clear(); }), 1u);
+  EXPECT_EQ(released([] { compressorFails = true; }), 1u);
+  compressorFails = false;
   EXPECT_EQ(released([&] { backend->setUploadURL("no url"); }), 1u);
   EXPECT_EQ(released([&] { reply("failure"); }), 1u);
   EXPECT_EQ(released([&] {
               platform.http->answerWith(
                   [](const HTTPRequest&) { return FakeHTTPClient::error(7, "refused"); });
+            }),
+            1u);
+  EXPECT_EQ(released([&] {
+              platform.http->answerWith([](const HTTPRequest&) { return HTTPOutcome{}; });
             }),
             1u);
 }
