@@ -61,24 +61,11 @@ Deployment deploymentAt(const std::string& path) {
   return std::move(deployment).value();
 }
 
-bool enterSandbox(const Options& options, const Paths& paths, const Deployment& deployment) {
-  if (!options.enforcesSandbox) {
-    logWarning("main: The sandbox is off: corvidd may do whatever its user may");
-    return true;
-  }
-  const auto failure = sandboxInit(std::string(kCorvidServiceName), paths, deployment);
-  if (failure) logError("main: sandbox_init() fails: {}\n", *failure);
-  return !failure;
-}
-
-// Before the daemon is in its sandbox, which starts no processes; the trial is in its own.
-bool isBundleUsable(const Options& options, const Paths& paths, const Deployment& deployment) {
-  const auto fault = tryBundle(paths.performanceBundle, "MetrixAdaptor",
-                               [&] { return enterSandbox(options, paths, deployment); });
-  if (fault)
-    logError("main: The bundle {} is not used: {}; mend or remove it and start corvidd anew",
-             paths.performanceBundle, *fault);
-  return !fault;
+// Why it could not be entered.
+std::optional<std::string> enterSandbox(const Options& options, const Paths& paths,
+                                        const Deployment& deployment) {
+  if (!options.enforcesSandbox) return std::nullopt;
+  return sandboxInit(std::string(kCorvidServiceName), paths, deployment);
 }
 
 // What only setting up the listener needed. Not being able to give it up is no reason to end.
@@ -123,11 +110,21 @@ int runDaemon(const Options& options) {
   const Logging logging(options);
   const auto launcher = std::make_shared<Launcher>(clock);
   const Deployment deployment = deploymentAt(paths.deploymentFile);
-  const bool usesBundle = isBundleUsable(options, paths, deployment);
-  if (!enterSandbox(options, paths, deployment)) return sandboxFailure;
+  // Before the daemon is in its sandbox, which starts no processes; the trial is in its own.
+  const BundleTrial bundle = tryBundle(paths.performanceBundle, "MetrixAdaptor",
+                                       [&] { return !enterSandbox(options, paths, deployment); });
+  if (!options.enforcesSandbox)
+    logWarning("main: The sandbox is off: corvidd may do whatever its user may");
+  if (const auto failure = enterSandbox(options, paths, deployment)) {
+    logError("main: sandbox_init() fails: {}\n", *failure);
+    return sandboxFailure;
+  }
+  if (bundle.fault)
+    logError("main: The bundle {} is not used: {}; mend or remove it and start corvidd anew",
+             paths.performanceBundle, *bundle.fault);
 
   // Before the listener, so that it outlives the sessions.
-  Platform platform(systemServices(paths, deployment, clock, launcher, usesBundle));
+  Platform platform(systemServices(paths, deployment, clock, launcher, bundle.passed));
   Platform::install(&platform);
   auto created = createListener(paths, *launcher);
   if (!created) {

@@ -15,7 +15,8 @@ namespace corvid {
 
 Platform::Services systemServices(const Paths& paths, const Deployment& deployment,
                                   const std::shared_ptr<Clock>& clock,
-                                  const std::shared_ptr<Launcher>& launcher, bool isBundleUsable) {
+                                  const std::shared_ptr<Launcher>& launcher,
+                                  std::optional<BundleFile> triedBundle) {
   const auto http = std::make_shared<CurlHTTPClient>(CurlHTTPClient::Options{
       .caFile = deployment.caFile,
       .allowInsecureHTTP = deployment.allowInsecureHTTP,
@@ -37,7 +38,7 @@ Platform::Services systemServices(const Paths& paths, const Deployment& deployme
       .keepAlive = launcher,
       .files = std::make_shared<LocalFileSystem>(),
       .extensionTokens = std::make_shared<ExtensionTokens>(random),
-      .bundles = std::make_shared<DynamicBundleLoader>(paths.performanceBundle, isBundleUsable),
+      .bundles = std::make_shared<DynamicBundleLoader>(paths.performanceBundle, triedBundle),
       .powerLog = std::make_shared<JournalPowerLog>(paths.journalSocket),
       .paths = paths,
       .deployment = deployment,

@@ -1,5 +1,6 @@
 #include "platform/system/BundleTrial.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <poll.h>
 #include <sys/prctl.h>
@@ -8,9 +9,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <utility>
 
 #include "platform/base/Descriptor.h"
 #include "platform/system/DynamicBundleLoader.h"
@@ -25,16 +28,26 @@ constexpr int noSandbox = 94;
 constexpr int notLoaded = 95;
 
 [[noreturn]] void beTheChild(const std::string& path, std::string_view className,
-                             const std::function<bool()>& enterSandbox) {
+                             const std::function<bool()>& enterSandbox, const Descriptor& reason) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   constexpr rlimit noCore{};
   setrlimit(RLIMIT_CORE, &noCore);
   if (!enterSandbox()) _exit(noSandbox);
-  DynamicBundleLoader loader(path);
-  const auto bundle = loader.performanceBundle();
-  if (!bundle) _exit(notLoaded);
-  if (const BundleClass* const type = bundle->classNamed(className)) type->create();
+  const auto bundle = loadBundle(path);
+  if (!bundle) {
+    const std::string& why = bundle.failure().message;
+    [[maybe_unused]] const ssize_t written = write(reason.get(), why.data(), why.size());
+    _exit(notLoaded);
+  }
+  if (const BundleClass* const type = bundle.value()->classNamed(className)) type->create();
   _exit(didWell);
+}
+
+// What the child wrote before it ended.
+std::string reasonIn(const Descriptor& pipe) {
+  char text[512];
+  const ssize_t size = read(pipe.get(), text, sizeof text);
+  return {text, static_cast<std::size_t>(std::max<ssize_t>(size, 0))};
 }
 
 // How the child ended; nothing where it had to be ended.
@@ -51,15 +64,17 @@ std::optional<int> statusOf(pid_t child, std::chrono::milliseconds patience) {
   return ready > 0 ? std::optional(status) : std::nullopt;
 }
 
-}  // namespace
-
-std::optional<std::string> tryBundle(const std::string& path, std::string_view className,
-                                     const std::function<bool()>& enterSandbox,
-                                     std::chrono::milliseconds patience) {
-  if (access(path.c_str(), F_OK) != 0) return std::nullopt;
+std::optional<std::string> faultOf(const std::string& path, std::string_view className,
+                                   const std::function<bool()>& enterSandbox,
+                                   std::chrono::milliseconds patience) {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0)
+    return fmt::format("there is no pipe to try it with: {}", std::strerror(errno));
+  const Descriptor reason(ends[0]);
+  const Descriptor childsEnd(ends[1]);
   const pid_t child = fork();
   if (child < 0) return fmt::format("there is no process to try it in: {}", std::strerror(errno));
-  if (child == 0) beTheChild(path, className, enterSandbox);
+  if (child == 0) beTheChild(path, className, enterSandbox, childsEnd);
   const std::optional<int> status = statusOf(child, patience);
   if (!status) return fmt::format("it was not done after {} ms", patience.count());
   if (WIFSIGNALED(*status))
@@ -68,9 +83,21 @@ std::optional<std::string> tryBundle(const std::string& path, std::string_view c
   switch (WEXITSTATUS(*status)) {
     case didWell: return std::nullopt;
     case noSandbox: return "the sandbox to try it in could not be entered";
-    case notLoaded: return "it could not be loaded";
+    case notLoaded: return fmt::format("it could not be loaded: {}", reasonIn(reason));
     default: return fmt::format("it ended its process with status {}", WEXITSTATUS(*status));
   }
+}
+
+}  // namespace
+
+BundleTrial tryBundle(const std::string& path, std::string_view className,
+                      const std::function<bool()>& enterSandbox,
+                      std::chrono::milliseconds patience) {
+  const auto file = BundleFile::at(path);
+  if (!file) return {};
+  if (auto fault = faultOf(path, className, enterSandbox, patience))
+    return {.passed = std::nullopt, .fault = std::move(fault)};
+  return {.passed = file, .fault = std::nullopt};
 }
 
 }  // namespace corvid

@@ -2,7 +2,6 @@
 
 #include <dlfcn.h>
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <exception>
 #include <optional>
@@ -119,25 +118,46 @@ std::optional<std::string> faultOf(const corvid_bundle_t& table) {
   return std::nullopt;
 }
 
-Result<std::shared_ptr<const DynamicBundle>> load(const std::string& path) {
+Result<std::shared_ptr<const Bundle>> load(const std::string& path) {
   void* const library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (library == nullptr) return Failure{dlerror()};
   const auto* table = static_cast<const corvid_bundle_t*>(dlsym(library, "corvid_bundle"));
   if (table == nullptr) return Failure{dlerror()};
   if (auto fault = faultOf(*table)) return Failure{std::move(*fault)};
-  return std::shared_ptr<const DynamicBundle>(std::make_shared<DynamicBundle>(*table));
+  return std::shared_ptr<const Bundle>(std::make_shared<DynamicBundle>(*table));
 }
 
 }  // namespace
 
+Result<std::shared_ptr<const Bundle>> loadBundle(const std::string& path) {
+  try {
+    return load(path);
+  } catch (const std::exception& error) {
+    return Failure{fmt::format("it threw: {}", error.what())};
+  } catch (...) {
+    return Failure{"it threw"};
+  }
+}
+
+bool DynamicBundleLoader::isTheOneTried() {
+  const auto present = BundleFile::at(_path);
+  if (present == _tried) return present.has_value();
+  if (present && present != _passedOver)
+    logWarning(
+        "Bundle: {} is not the one that was tried at the start; start corvidd anew to use it",
+        _path);
+  _passedOver = present;
+  return false;
+}
+
 std::shared_ptr<const Bundle> DynamicBundleLoader::performanceBundle() {
   MutexLock lock(_mutex);
-  if (_bundle || !_isUsable || access(_path.c_str(), F_OK) != 0) return _bundle;
-  const auto loaded = guarded("loading " + _path, [&] { return load(_path); });
-  if (loaded && *loaded)
-    _bundle = loaded->value();
-  else if (loaded)
-    logError("Bundle: cannot use {}: {}", _path, loaded->failure().message);
+  if (_bundle || !isTheOneTried()) return _bundle;
+  auto loaded = loadBundle(_path);
+  if (loaded)
+    _bundle = std::move(loaded).value();
+  else
+    logError("Bundle: cannot use {}: {}", _path, loaded.failure().message);
   return _bundle;
 }
 

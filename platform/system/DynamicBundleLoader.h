@@ -2,29 +2,39 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 
 #include "platform/BundleLoader.h"
 #include "platform/base/Mutex.h"
+#include "platform/base/Result.h"
+#include "platform/system/BundleFile.h"
 
 namespace corvid {
 
-// Threads: any. What it has loaded stays in the process.
+// Loads the library at `path`, which stays in the process, and checks its table of classes.
+Result<std::shared_ptr<const Bundle>> loadBundle(const std::string& path);
+
+// Threads: any.
 class DynamicBundleLoader final : public BundleLoader {
  public:
-  // `isUsable` false: there is a bundle that must not be loaded. It is then as if there was none.
-  explicit DynamicBundleLoader(std::string path, bool isUsable = true)
-      : _path(std::move(path)), _isUsable(isUsable) {}
+  // `tried` is the file that may be loaded. Without one, or with another at `path`, it is as if
+  // there was no bundle; the log tells of the other one once.
+  DynamicBundleLoader(std::string path, std::optional<BundleFile> tried)
+      : _path(std::move(path)), _tried(tried) {}
 
   // A bundle that failed is tried again by the next call.
-  std::shared_ptr<const Bundle> performanceBundle() override;
+  std::shared_ptr<const Bundle> performanceBundle() override EXCLUDES(_mutex);
 
  private:
+  bool isTheOneTried() REQUIRES(_mutex);
+
   const std::string _path;
-  const bool _isUsable;
+  const std::optional<BundleFile> _tried;
   Mutex _mutex;
   std::shared_ptr<const Bundle> _bundle GUARDED_BY(_mutex);
+  std::optional<BundleFile> _passedOver GUARDED_BY(_mutex);
 };
 
 }  // namespace corvid

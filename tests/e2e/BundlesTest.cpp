@@ -95,5 +95,37 @@ TEST_F(Bundles, OneThatCrashedInItsTrialIsNotUsedAndTheLogSaysWhatToDo) {
   EXPECT_EQ(timesLogged("; mend or remove it and start corvidd anew"), 1u);
 }
 
+TEST_F(Bundles, WithOneAndNoSandboxProfileTheDaemonSaysOnceThatItCannotStart) {
+  install(CORVID_EXAMPLE_BUNDLE);
+  fs::remove(_root.path("usr/share/corvid/sandbox/com.halcyon.corvidd.plist"));
+  _daemon.emplace(_root, std::vector<std::string>{"--log", "stderr"});
+  EXPECT_EQ(_daemon->waitForExit(), 255);
+  EXPECT_EQ(timesLogged(" error corvidd["), 1u) << _daemon->standardError();
+  EXPECT_EQ(timesLogged("main: sandbox_init() fails: "), 1u);
+}
+
+TEST_F(Bundles, WithOneTheDaemonWarnsOnceThatTheSandboxIsOff) {
+  install(CORVID_EXAMPLE_BUNDLE);
+  startDaemon({"--sandbox", "off"});
+  EXPECT_EQ(timesLogged(" warning corvidd["), 1u) << _daemon->standardError();
+  EXPECT_EQ(timesLogged("main: The sandbox is off: "), 1u);
+}
+
+TEST_F(Bundles, OneThatIsNoLibraryIsOneErrorLineAtTheStart) {
+  install(faulty("NoBundle"));
+  startDaemon();
+  EXPECT_EQ(timesLogged(" error corvidd["), 1u) << _daemon->standardError();
+  EXPECT_EQ(timesLogged(" is not used: it could not be loaded: "), 1u);
+}
+
+TEST_F(Bundles, OneInstalledAfterTheStartIsSeenAfterTheNext) {
+  startDaemon();
+  install(faulty("CrashesAtLoad"));
+  sendTwo();
+  expectLogged(forwardingError);
+  EXPECT_EQ(
+      timesLogged(" is not the one that was tried at the start; start corvidd anew to use it"), 1u);
+}
+
 }  // namespace
 }  // namespace corvid

@@ -134,6 +134,15 @@ bool DaemonProcess::waitUntilReady() {
   }
 }
 
+std::size_t DaemonProcess::timesLogged(std::string_view fragment) const {
+  const std::string log = standardError();
+  std::size_t count = 0;
+  for (std::size_t at = log.find(fragment); at != std::string::npos;
+       at = log.find(fragment, at + 1))
+    ++count;
+  return count;
+}
+
 bool DaemonProcess::waitForLog(std::string_view fragment) const {
   const auto deadline = std::chrono::steady_clock::now() + patience;
   while (standardError().find(fragment) == std::string::npos) {

@@ -43,6 +43,8 @@ class DaemonProcess {
   bool waitUntilReady();
   // Until a line with that fragment is in the log (standard error).
   bool waitForLog(std::string_view fragment) const;
+  // How often the log holds that text.
+  std::size_t timesLogged(std::string_view fragment) const;
   // The exit status, or the negative number of the signal that ended it; nothing when it goes on.
   std::optional<int> waitForExit(std::chrono::milliseconds limit = patience);
 

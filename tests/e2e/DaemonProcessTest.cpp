@@ -183,8 +183,10 @@ TEST_F(DaemonProcessTest, WithoutASandboxItWarnsAndRuns) {
   root.remove(profileFile);
   DaemonProcess daemon(root, logging({"--sandbox", "off"}));
   ASSERT_TRUE(daemon.waitUntilReady()) << daemon.standardError();
-  EXPECT_TRUE(daemon.waitForLog("warning"));
   EXPECT_TRUE(connectTo(socketPath()));
+  EXPECT_EQ(daemon.timesLogged(" warning corvidd["), 1u) << daemon.standardError();
+  EXPECT_EQ(
+      daemon.timesLogged(": main: The sandbox is off: corvidd may do whatever its user may\n"), 1u);
 }
 
 TEST_F(DaemonProcessTest, ASecondDaemonLeavesTheFirstAlone) {
@@ -192,6 +194,8 @@ TEST_F(DaemonProcessTest, ASecondDaemonLeavesTheFirstAlone) {
   ASSERT_TRUE(first.waitUntilReady()) << first.standardError();
   DaemonProcess second(root, logging());
   EXPECT_EQ(second.waitForExit(), 1);
+  EXPECT_EQ(second.timesLogged(" error corvidd["), 1u);
+  EXPECT_EQ(second.timesLogged(": main: Cannot listen for clients: "), 1u);
   EXPECT_TRUE(connectTo(socketPath()));
 }
 
@@ -207,6 +211,8 @@ TEST_F(DaemonProcessTest, AFileInTheSocketsPlaceIsNotTouched) {
   root.write(socketFile, "precious");
   DaemonProcess daemon(root, logging());
   EXPECT_EQ(daemon.waitForExit(), 1);
+  EXPECT_EQ(daemon.timesLogged(" error corvidd["), 1u);
+  EXPECT_EQ(daemon.timesLogged(": main: Cannot listen for clients: "), 1u);
   struct stat status {};
   ASSERT_EQ(stat(socketPath().c_str(), &status), 0);
   EXPECT_TRUE(S_ISREG(status.st_mode));

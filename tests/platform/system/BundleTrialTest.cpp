@@ -25,8 +25,10 @@ class BundleTrialTest : public testing::Test {
   }
   static std::optional<std::string> tried(
       const std::string& bundle, std::chrono::milliseconds patience = std::chrono::seconds(20)) {
-    return tryBundle(
+    const BundleTrial trial = tryBundle(
         pathOf(bundle), "MetrixAdaptor", [] { return true; }, patience);
+    EXPECT_EQ(trial.passed, trial.fault ? std::nullopt : BundleFile::at(pathOf(bundle)));
+    return trial.fault;
   }
 
   CapturedLog log;
@@ -36,8 +38,10 @@ TEST_F(BundleTrialTest, ASoundBundleDoesWell) { EXPECT_EQ(tried("Sound"), std::n
 
 TEST_F(BundleTrialTest, AnAbsentBundleIsNotTried) {
   bool entered = false;
-  EXPECT_EQ(tryBundle(pathOf("Absent"), "MetrixAdaptor", [&] { return entered = true; }),
-            std::nullopt);
+  const BundleTrial trial =
+      tryBundle(pathOf("Absent"), "MetrixAdaptor", [&] { return entered = true; });
+  EXPECT_EQ(trial.passed, std::nullopt);
+  EXPECT_EQ(trial.fault, std::nullopt);
   EXPECT_FALSE(entered);
 }
 
@@ -70,13 +74,16 @@ TEST_F(BundleTrialTest, ABundleThatHangsIsGivenUp) {
   EXPECT_EQ(tried("HangsAtLoad", std::chrono::milliseconds(300)), "it was not done after 300 ms");
 }
 
-TEST_F(BundleTrialTest, ABundleThatCannotBeUsedDoesNotPass) {
-  EXPECT_EQ(tried("IsOfAnotherVersion"), "it could not be loaded");
-  EXPECT_EQ(tried("NoBundle"), "it could not be loaded");
+TEST_F(BundleTrialTest, ABundleThatCannotBeUsedDoesNotPassAndTheReasonIsTheFault) {
+  EXPECT_EQ(tried("IsOfAnotherVersion"),
+            "it could not be loaded: it is made for version 999 of the interface, this is 1");
+  EXPECT_THAT(tried("NoBundle").value_or("did well"),
+              AllOf(HasSubstr("it could not be loaded: "), HasSubstr("file too short")));
+  EXPECT_TRUE(log.lines().empty());
 }
 
 TEST_F(BundleTrialTest, NothingIsLoadedOutsideTheSandbox) {
-  EXPECT_EQ(tryBundle(pathOf("CrashesAtLoad"), "MetrixAdaptor", [] { return false; }),
+  EXPECT_EQ(tryBundle(pathOf("CrashesAtLoad"), "MetrixAdaptor", [] { return false; }).fault,
             "the sandbox to try it in could not be entered");
 }
 

@@ -1,6 +1,10 @@
 #include <dlfcn.h>
 #include <gmock/gmock.h>
+#include <gnu/libc-version.h>
 #include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <filesystem>
 
 #include "platform/data/PropertyList.h"
 #include "platform/system/DynamicBundleLoader.h"
@@ -21,9 +25,12 @@ std::string pathOf(const std::string& bundle) {
 
 class DynamicBundleLoaderTest : public testing::Test {
  protected:
+  static DynamicBundleLoader loaderOf(const std::string& bundle) {
+    return {pathOf(bundle), BundleFile::at(pathOf(bundle))};
+  }
   // An adaptor of a bundle that has been loaded.
   std::unique_ptr<BundleObject> adaptorOf(const std::string& bundle) {
-    const auto loaded = DynamicBundleLoader(pathOf(bundle)).performanceBundle();
+    const auto loaded = loaderOf(bundle).performanceBundle();
     const BundleClass* const type = loaded ? loaded->classNamed("MetrixAdaptor") : nullptr;
     return type ? type->create() : nullptr;
   }
@@ -70,7 +77,7 @@ TEST_F(DynamicBundleLoaderTest, AnObjectIsDestroyedWithItsOwnerAndTheBundleStays
 }
 
 TEST_F(DynamicBundleLoaderTest, OneLoaderLoadsOnce) {
-  DynamicBundleLoader loader(pathOf("Sound"));
+  DynamicBundleLoader loader = loaderOf("Sound");
   const auto bundle = loader.performanceBundle();
   ASSERT_NE(bundle, nullptr);
   EXPECT_EQ(loader.performanceBundle(), bundle);
@@ -79,13 +86,68 @@ TEST_F(DynamicBundleLoaderTest, OneLoaderLoadsOnce) {
 }
 
 TEST_F(DynamicBundleLoaderTest, AnAbsentBundleIsNothingToTalkAbout) {
-  EXPECT_EQ(DynamicBundleLoader(pathOf("Absent")).performanceBundle(), nullptr);
+  EXPECT_EQ(loaderOf("Absent").performanceBundle(), nullptr);
   EXPECT_THAT(errors(), IsEmpty());
 }
 
 TEST_F(DynamicBundleLoaderTest, OneThatMustNotBeUsedIsNotLoaded) {
-  EXPECT_EQ(DynamicBundleLoader(pathOf("CrashesAtLoad"), false).performanceBundle(), nullptr);
+  EXPECT_EQ(DynamicBundleLoader(pathOf("CrashesAtLoad"), std::nullopt).performanceBundle(),
+            nullptr);
   EXPECT_THAT(errors(), IsEmpty());
+}
+
+class ReplacedBundles : public DynamicBundleLoaderTest {
+ protected:
+  ~ReplacedBundles() override { std::filesystem::remove_all(folder); }
+  void install(const std::string& bundle) {
+    std::filesystem::copy_file(pathOf(bundle), path + ".new");
+    std::filesystem::rename(path + ".new", path);
+  }
+  void expectOneWarning() {
+    EXPECT_THAT(log.texts(LogLevel::warning),
+                ElementsAre("Bundle: " + path +
+                            " is not the one that was tried at the start; "
+                            "start corvidd anew to use it"));
+  }
+
+  std::string name = testing::TempDir() + "bundles-XXXXXX";
+  const std::string folder = mkdtemp(name.data());
+  const std::string path = folder + "/Bundle.so";
+};
+
+TEST_F(ReplacedBundles, OneThatCameLaterIsNotLoaded) {
+  DynamicBundleLoader loader(path, BundleFile::at(path));
+  EXPECT_EQ(loader.performanceBundle(), nullptr);
+  install("CrashesAtLoad");
+  EXPECT_EQ(loader.performanceBundle(), nullptr);
+  EXPECT_EQ(loader.performanceBundle(), nullptr);
+  expectOneWarning();
+}
+
+TEST_F(ReplacedBundles, OneInThePlaceOfTheOneThatWasTriedIsNotLoaded) {
+  install("Sound");
+  DynamicBundleLoader loader(path, BundleFile::at(path));
+  install("CrashesAtLoad");
+  EXPECT_EQ(loader.performanceBundle(), nullptr);
+  EXPECT_EQ(loader.performanceBundle(), nullptr);
+  expectOneWarning();
+}
+
+TEST_F(ReplacedBundles, OneThatWasWrittenAnewIsNotLoaded) {
+  install("Sound");
+  DynamicBundleLoader loader(path, BundleFile::at(path));
+  std::filesystem::copy_file(pathOf("CrashesAtLoad"), path,
+                             std::filesystem::copy_options::overwrite_existing);
+  EXPECT_EQ(loader.performanceBundle(), nullptr);
+  expectOneWarning();
+}
+
+TEST_F(ReplacedBundles, OneThatIsGoneIsNothingToTalkAbout) {
+  install("Sound");
+  DynamicBundleLoader loader(path, BundleFile::at(path));
+  std::filesystem::remove(path);
+  EXPECT_EQ(loader.performanceBundle(), nullptr);
+  EXPECT_THAT(log.lines(), IsEmpty());
 }
 
 struct UnusableBundle {
@@ -96,7 +158,7 @@ class UnusableBundles : public DynamicBundleLoaderTest,
                         public testing::WithParamInterface<UnusableBundle> {};
 
 TEST_P(UnusableBundles, GiveNothingAndSayWhy) {
-  DynamicBundleLoader loader(pathOf(GetParam().name));
+  DynamicBundleLoader loader = loaderOf(GetParam().name);
   EXPECT_EQ(loader.performanceBundle(), nullptr);
   EXPECT_THAT(errors(),
               ElementsAre(AllOf(HasSubstr("Bundle: cannot use " + pathOf(GetParam().name)),
@@ -111,9 +173,11 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& test) { return std::string(test.param.name); });
 
 TEST_F(DynamicBundleLoaderTest, ALibraryThatIsNoBundleIsSaidToBeNone) {
-  DynamicBundleLoader loader("libdl.so.2");
+  Dl_info library{};
+  ASSERT_NE(dladdr(reinterpret_cast<void*>(&gnu_get_libc_version), &library), 0);
+  DynamicBundleLoader loader(library.dli_fname, BundleFile::at(library.dli_fname));
   EXPECT_EQ(loader.performanceBundle(), nullptr);
-  EXPECT_THAT(errors(), IsEmpty()) << "a name without a folder is no bundle's path";
+  EXPECT_THAT(errors(), ElementsAre(HasSubstr("undefined symbol: corvid_bundle")));
 }
 
 TEST_F(DynamicBundleLoaderTest, AClassThatMakesNothingGivesNoObject) {
