@@ -53,7 +53,7 @@ void MetrixBackend::loadAdaptor() {
 std::optional<std::string> MetrixBackend::sendMessage(const Dictionary* payload, const TimeValue&,
                                                       std::uint16_t method, std::uint16_t respCode,
                                                       EventID, MessageFlag) {
-  RecursiveLock lock(_lock);
+  MutexLock lock(_adaptorLock);
   if (_metrixAdaptor && _metrixAdaptor->respondsTo(forwardingOperation))
     _metrixAdaptor->perform(forwardingOperation, method, respCode, payload);
   else

@@ -13,7 +13,8 @@ namespace corvid {
 // backend. Where bundle, class or object are missing, each event is one error line and nothing
 // else.
 //
-// Threads  As the base's; the adaptor is called by one thread at a time.
+// Threads  As the base's; the adaptor is called by one thread at a time, and with none of the locks
+//          that others of the chain need: its code may take its time.
 class MetrixBackend final : public CorvidBackend {
   struct Token {
     explicit Token() = default;
@@ -39,7 +40,8 @@ class MetrixBackend final : public CorvidBackend {
   // Answers nothing, whether the adaptor took the event or not.
   std::optional<std::string> sendMessage(const Dictionary* payload, const TimeValue& timestamp,
                                          std::uint16_t method, std::uint16_t respCode,
-                                         EventID eventID, MessageFlag flag) override;
+                                         EventID eventID, MessageFlag flag) override
+      EXCLUDES(_adaptorLock);
 
  private:
   void loadAdaptor();
@@ -48,6 +50,7 @@ class MetrixBackend final : public CorvidBackend {
   std::shared_ptr<const Bundle> _clientBundle;
   const BundleClass* _metrixAdaptorClass = nullptr;
   std::unique_ptr<BundleObject> _metrixAdaptor;
+  Mutex _adaptorLock;  // held while the adaptor's code runs
 };
 
 }  // namespace corvid

@@ -1,6 +1,7 @@
 // A bundle that a test fills with classes, and what its objects were asked to do.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -31,6 +32,7 @@ class FakeBundle final : public Bundle {
     }
     bool makes = true;
     std::set<std::string, std::less<>> operations;
+    std::function<void()> whilePerforming;  // may be empty
     mutable int created = 0;
     mutable int alive = 0;
     mutable std::vector<PerformedOperation> performed;
@@ -55,6 +57,7 @@ class FakeBundle final : public Bundle {
                  const Dictionary* payload) override {
       _class.performed.push_back({std::string(operation), method, respCode,
                                   payload ? std::optional(*payload) : std::nullopt});
+      if (_class.whilePerforming) _class.whilePerforming();
     }
     std::string description() const override { return "<fake adaptor>"; }
 

@@ -1,6 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <future>
 #include <limits>
 
 #include "backends/metrix/MetrixBackend.h"
@@ -99,6 +101,23 @@ TEST_F(MetrixBackendTest, AnEventIsForwardedWithMethodResponseCodeAndPayload) {
   EXPECT_EQ(type.performed[0].payload, payload);
   EXPECT_EQ(type.performed[1].payload, std::nullopt);
   EXPECT_THAT(errors(), IsEmpty());
+}
+
+TEST_F(MetrixBackendTest, AnAdaptorThatTakesItsTimeHoldsUpNobodyOfItsChain) {
+  FakeBundle::Class& type = installAdaptor();
+  const auto backend = make();
+  std::future_status walk = std::future_status::timeout;
+  std::future<void> walked;
+  type.whilePerforming = [&] {
+    walked = std::async(std::launch::async, [&] {
+      backend->setCorrelatedSessionID("1-2");
+      backend->setSamplingThreshold(backend->samplingThreshold());
+      backend->hierarchy();
+    });
+    walk = walked.wait_for(std::chrono::seconds(20));
+  };
+  send(*backend, nullptr);
+  EXPECT_EQ(walk, std::future_status::ready);
 }
 
 TEST_F(MetrixBackendTest, WithoutABundleEachEventIsOneErrorLine) {
