@@ -1,6 +1,8 @@
 #include "config/Identifiers.h"
 
+#include <ranges>
 #include <string_view>
+#include <utility>
 
 #include "platform/Platform.h"
 #include "platform/base/Log.h"
@@ -15,9 +17,6 @@ namespace {
 
 constexpr std::string_view keyPrefix = "uuid:";
 
-// Between the look for an identifier and its making, so that two sessions make only one.
-Mutex makingIdentifier;
-
 std::optional<std::string> storedIdentifier(const std::string& key) {
   const auto stored = Platform::current().preferences().value(corvidSuite, key);
   const std::string* identifier = stored ? stored->string() : nullptr;
@@ -29,23 +28,41 @@ std::size_t costOfIdentifier(const std::string& key) {
   return key.size() + besidesTheKey;
 }
 
-bool hasRoomFor(const std::string& newKey, Preferences& preferences) {
+// Whether a new one fits among those kept under `keys`.
+template <class Keys>
+bool hasRoomFor(const std::string& newKey, const Keys& keys) {
   std::size_t bytes = costOfIdentifier(newKey);
-  for (const std::string& key : preferences.keys(corvidSuite))
+  for (const std::string& key : keys)
     if (key.starts_with(keyPrefix)) bytes += costOfIdentifier(key);
   return bytes <= keptIdentifierBytes;
 }
 
+bool store(const std::string& key, const std::string& identifier) {
+  Preferences& preferences = Platform::current().preferences();
+  return hasRoomFor(key, preferences.keys(corvidSuite)) &&
+         preferences.setValue(corvidSuite, key, identifier);
+}
+
 std::string findOrMakeIdentifier(const std::string& key) {
   if (auto stored = storedIdentifier(key)) return *std::move(stored);
-  MutexLock lock(makingIdentifier);
-  if (auto stored = storedIdentifier(key)) return *std::move(stored);
   Platform& platform = Platform::current();
-  std::string identifier = uuidText(platform.random().uuid());
-  if (hasRoomFor(key, platform.preferences()))
-    platform.preferences().setValue(corvidSuite, key, identifier);
-  else
+  UnstoredIdentifiers& unstored = platform.unstoredIdentifiers;
+  // Between the look for an identifier and its making, so that two sessions make only one.
+  MutexLock lock(unstored.mutex);
+  if (auto stored = storedIdentifier(key)) return *std::move(stored);
+  const std::string* const kept = stringAt(unstored.byKey, key);
+  std::string identifier = kept ? *kept : uuidText(platform.random().uuid());
+  if (store(key, identifier)) {
+    unstored.byKey.erase(key);
+  } else if (!kept &&
+             hasRoomFor(key, unstored.byKey | std::views::transform(&Dictionary::Entry::key))) {
+    unstored.byKey.set(key, identifier);
+    logWarning(
+        "findOrMakeIdentifier: The identifier of {} cannot be stored; it holds until corvidd ends",
+        key);
+  } else if (!kept) {
     logWarning("findOrMakeIdentifier: Too many identifiers are kept; that of {} is not", key);
+  }
   return identifier;
 }
 

@@ -13,7 +13,8 @@ namespace corvid {
 inline constexpr std::size_t keptIdentifierBytes = std::size_t{256} << 10;
 
 // The identifier kept under "uuid:<first>:<second>" in the daemon's preferences, made at first use.
-// Where there is no room for another, a new one at each call, which is logged.
+// Where it cannot be stored, or there is no room for another, it holds until the process ends;
+// where too many of those are kept as well, there is a new one at each call. Either is logged.
 std::string getPersistentIdentifierForCustomClientIDSuffix(
     const std::optional<std::string>& first, const std::optional<std::string>& second);
 

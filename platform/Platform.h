@@ -25,6 +25,8 @@
 #include "platform/PowerLog.h"
 #include "platform/Preferences.h"
 #include "platform/Random.h"
+#include "platform/base/Mutex.h"
+#include "platform/base/Value.h"
 
 namespace corvid {
 
@@ -41,6 +43,12 @@ class OnceAnswer {
  private:
   std::once_flag _once;
   std::optional<T> _value;
+};
+
+// Identifiers that could not be stored, by key: they hold until the process ends.
+struct UnstoredIdentifiers {
+  Mutex mutex;
+  Dictionary byKey GUARDED_BY(mutex);
 };
 
 class Platform {
@@ -91,6 +99,7 @@ class Platform {
   OnceAnswer<bool> internalBuild;
   OnceAnswer<std::uint32_t> environmentType;
   OnceAnswer<std::string> storebagServerURL;
+  UnstoredIdentifiers unstoredIdentifiers;
 
  private:
   Services _services;

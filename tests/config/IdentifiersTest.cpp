@@ -78,24 +78,63 @@ TEST_F(Identifiers, AreLoggedWithTheirKeyWhetherMadeOrFound) {
             2);
 }
 
-TEST_F(Identifiers, AreKeptAsLongAsThereIsRoom) {
-  const std::string name(4000, 'n');
-  std::string last;
-  int kept = 0;
-  for (; kept < 1000; ++kept) {
-    last = getPersistentIdentifierForCustomClientIDSuffix(name, std::to_string(kept));
-    if (!platform.log.texts(LogLevel::warning).empty()) break;
+TEST_F(Identifiers, ThatCannotBeStoredHoldUntilTheProcessEnds) {
+  platform.preferences->isWritable = false;
+  const std::string identifier = getPersistentIdentifierForCustomClientIDSuffix("a", "b");
+  EXPECT_EQ(getPersistentIdentifierForCustomClientIDSuffix("a", "b"), identifier);
+  EXPECT_NE(getPersistentIdentifierForCustomClientIDSuffix("a", "c"), identifier);
+  EXPECT_EQ(platform.log.count(LogLevel::warning,
+                               "findOrMakeIdentifier: The identifier of uuid:a:b cannot be stored; "
+                               "it holds until corvidd ends"),
+            1);
+  platform.restart();
+  EXPECT_NE(getPersistentIdentifierForCustomClientIDSuffix("a", "b"), identifier);
+}
+
+TEST_F(Identifiers, AreStoredAsSoonAsTheyCanBe) {
+  platform.preferences->isWritable = false;
+  const std::string identifier = getPersistentIdentifierForCustomClientIDSuffix("a", "b");
+  platform.preferences->isWritable = true;
+  EXPECT_EQ(getPersistentIdentifierForCustomClientIDSuffix("a", "b"), identifier);
+  EXPECT_EQ(platform.preferences->value("com.halcyon.corvid", "uuid:a:b"), Value(identifier));
+  platform.preferences->removeValue("com.halcyon.corvid", "uuid:a:b");
+  EXPECT_NE(getPersistentIdentifierForCustomClientIDSuffix("a", "b"), identifier);
+}
+
+class IdentifierRoom : public Identifiers {
+ protected:
+  std::string ask(int number) {
+    return getPersistentIdentifierForCustomClientIDSuffix(name, std::to_string(number));
   }
-  const std::size_t cost = ("uuid:" + name + ":00").size() + 96;
-  EXPECT_EQ(kept, keptIdentifierBytes / cost);
-  const std::string key = "uuid:" + name + ":" + std::to_string(kept);
+  std::string keyOf(int number) const { return "uuid:" + name + ":" + std::to_string(number); }
+
+  const std::string name = std::string(4000, 'n');
+  const int room = static_cast<int>(keptIdentifierBytes / (("uuid:" + name + ":00").size() + 96));
+};
+
+TEST_F(IdentifierRoom, IsFilledAndNotExceeded) {
+  for (int number = 0; number < room; ++number) ask(number);
+  EXPECT_TRUE(platform.log.texts(LogLevel::warning).empty());
+  const std::string last = ask(room);
+  EXPECT_EQ(platform.preferences->value("com.halcyon.corvid", keyOf(room)), std::nullopt);
   EXPECT_EQ(platform.log.texts(LogLevel::warning),
-            std::vector<std::string>{
-                "findOrMakeIdentifier: Too many identifiers are kept; that of " + key + " is not"});
-  EXPECT_EQ(platform.preferences->value("com.halcyon.corvid", key), std::nullopt);
-  EXPECT_NE(getPersistentIdentifierForCustomClientIDSuffix(name, std::to_string(kept)), last);
-  EXPECT_EQ(getPersistentIdentifierForCustomClientIDSuffix(name, "0"),
-            "00000000-0000-0000-0000-000000000001");
+            std::vector<std::string>{"findOrMakeIdentifier: The identifier of " + keyOf(room) +
+                                     " cannot be stored; it holds until corvidd ends"});
+  EXPECT_EQ(ask(room), last);
+  EXPECT_EQ(ask(0), "00000000-0000-0000-0000-000000000001");
+}
+
+TEST_F(IdentifierRoom, IsAsMuchAgainForThoseThatAreNotStored) {
+  for (int number = 0; number < 2 * room; ++number) ask(number);
+  const std::string last = ask(2 * room - 1);
+  EXPECT_EQ(ask(2 * room - 1), last);
+  platform.log.clear();
+  const std::string beyond = ask(2 * room);
+  EXPECT_EQ(
+      platform.log.texts(LogLevel::warning),
+      std::vector<std::string>{"findOrMakeIdentifier: Too many identifiers are kept; that of " +
+                               keyOf(2 * room) + " is not"});
+  EXPECT_NE(ask(2 * room), beyond);
 }
 
 TEST_F(Identifiers, ShareTheirRoomWithNoOtherPreference) {

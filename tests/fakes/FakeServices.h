@@ -27,6 +27,7 @@ class FakePreferences final : public Preferences {
   }
   bool setValue(std::string_view suite, std::string_view key, Value value) override {
     std::lock_guard lock(_mutex);
+    if (!isWritable) return false;
     _suites[std::string(suite)].set(std::string(key), std::move(value));
     return true;
   }
@@ -41,6 +42,8 @@ class FakePreferences final : public Preferences {
     for (const auto& entry : _suites[std::string(suite)]) keys.push_back(entry.key);
     return keys;
   }
+
+  std::atomic<bool> isWritable{true};
 
  private:
   std::mutex _mutex;
