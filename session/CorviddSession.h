@@ -25,7 +25,9 @@ using BackendSetCreator = std::function<std::optional<BackendTable>(
     const Dictionary* section, const Dictionary* sessionInfo, const Dictionary* userInfo,
     const char* udid)>;
 
-// Threads   The client's calls and the destructor's farewell run on the connection's thread. The
+// Threads   The client's calls run on the connection's thread, and the destructor's farewell too,
+//           save where another session of the chain is delivering to this one as its client goes:
+//           then it runs on that one's. The
 //           agent reads properties and calls updateCombinedSessionID, syncReportingStates and
 //           shutdownSessionAggregation from other sessions' threads, with its own mutex held.
 //           Flush completions come on any thread and never touch the session. `_lock` guards the

@@ -38,6 +38,18 @@ TEST_F(CorviddSessionSyncTest, AChildTakesStateAndThresholdOfItsParentsBackend) 
                           "rate updated to 2, 0.50%"));
 }
 
+TEST_F(CorviddSessionSyncTest, TheThresholdIsPrintedAsAFloat) {
+  FakeBackend& parents = add(kCorvidBackendHTTPPost);
+  startParent();
+  parents.setSamplingThreshold(0.615);  // as a double it would be 0.61
+  add(kCorvidBackendHTTPPost);
+  configureAndStart();
+  session->syncReportingStates();
+  EXPECT_THAT(platform.log.texts(LogLevel::debug),
+              ElementsAre("HTTPSPostBackend(syncReportingStates): httpPost: state and sampling "
+                          "rate updated to 2, 0.62%"));
+}
+
 TEST_F(CorviddSessionSyncTest, AnAbsentThresholdIsCopiedTooAndPrintsAsZero) {
   FakeBackend& parents = add(kCorvidBackendHTTPPost);
   parents.stateAfterUpdate = BackendState::disabled;

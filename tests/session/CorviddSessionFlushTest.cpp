@@ -1,4 +1,6 @@
 #include <atomic>
+#include <chrono>
+#include <future>
 #include <latch>
 #include <thread>
 
@@ -172,27 +174,21 @@ TEST_F(CorviddSessionFlushTest, TwoFlushesCountTheirBackendsApart) {
 }
 
 // Whoever answers meanwhile, for whatever session, waits until the caller's completion has run.
-TEST_F(CorviddSessionFlushTest, TheCallersCompletionKeepsOtherAnswersWaiting) {
+TEST_F(CorviddSessionFlushTest, TheCallersCompletionKeepsTheAnswersOfOtherSessionsWaiting) {
   startWithHeldFlushes({kCorvidBackendHTTPPost});
-  RecordedFlush second;
-  std::thread other;
-  std::size_t answersMeanwhile = 1;
+  const auto another = std::exchange(session, newSession());
+  startWithHeldFlushes({kCorvidBackendHTTPPost});
+  RecordedFlush otherFlush;
+  another->flushMessagesWithCompletion(otherFlush.reply());
+  std::future<void> other;
   session->flushMessagesWithCompletion(FlushReply([&](auto, auto) {
-    std::latch begun(1);
-    other = std::thread([&] {
-      begun.count_down();
-      answer(0, "second");
-    });
-    begun.wait();
-    for (int round = 0; round < 1000; ++round) std::this_thread::yield();
-    answersMeanwhile = second.answers();
+    other = std::async(std::launch::async, [&] { answer(0, "other"); });
+    EXPECT_EQ(other.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+    EXPECT_EQ(otherFlush.answers(), 0u);
   }));
-  FlushCompletion first = std::move(held[0]->heldFlushes.back());
-  session->flushMessagesWithCompletion(second.reply());
-  first("first", std::nullopt);
-  other.join();
-  EXPECT_EQ(answersMeanwhile, 0u);
-  EXPECT_EQ(second.result(), "second");
+  answer(1, "own");
+  other.wait();
+  EXPECT_EQ(otherFlush.result(), "other");
 }
 
 TEST_F(CorviddSessionFlushTest, ACallbackMayFlushAgain) {

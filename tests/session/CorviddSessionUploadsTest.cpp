@@ -59,6 +59,15 @@ TEST_F(CorviddSessionUploadsTest, OneBackendThatTakesTheFileIsEnoughAndAllAreAsk
               ElementsAre("[uploadFileWithURL] Upload succeeded for file file:///tmp/log"));
 }
 
+TEST_F(CorviddSessionUploadsTest, TheLogHasTheOutcomeBeforeTheClientHears) {
+  add(kCorvidBackendUploadServer).uploadAnswer = true;
+  configureAndStart();
+  std::size_t linesAtAnswer = 0;
+  session->uploadFileAtPath("file:///tmp/log", "token",
+                            SuccessReply([&](bool) { linesAtAnswer = messageLog().size(); }));
+  EXPECT_EQ(linesAtAnswer, 1u);
+}
+
 TEST_F(CorviddSessionUploadsTest, AFileThatNoBackendTakesFails) {
   add(kCorvidBackendDashboard);
   add(kCorvidBackendUploadServer);
