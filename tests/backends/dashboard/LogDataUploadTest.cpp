@@ -46,6 +46,22 @@ TEST_F(LogDataUploadTest, TheReportOfTheLocationSendsNothing) {
   EXPECT_EQ(network.socket().attempts, 0);
 }
 
+// The running number of a backend's events, which nothing but its events shows.
+struct EventCounter : CorvidBackend {
+  static std::uint16_t of(const CorvidBackend& backend) {
+    return backend.*(&EventCounter::_eventID);
+  }
+};
+
+TEST_F(LogDataUploadTest, TheReportOfTheLocationCountsAsAnEvent) {
+  platform.http->answerWith([](const HTTPRequest&) { return FakeHTTPClient::response(200, "x"); });
+  ASSERT_EQ(EventCounter::of(*backend), 0);
+  ASSERT_TRUE(backend->uploadLogData(logData));
+  EXPECT_EQ(EventCounter::of(*backend), 1);
+  ASSERT_TRUE(backend->uploadLogData(logData));
+  EXPECT_EQ(EventCounter::of(*backend), 2);
+}
+
 TEST_F(LogDataUploadTest, AnyCompletedExchangeIsASuccess) {
   platform.http->answerWith([](const HTTPRequest&) { return FakeHTTPClient::response(500, ""); });
   EXPECT_TRUE(backend->uploadLogData({}));

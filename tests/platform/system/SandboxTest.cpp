@@ -6,6 +6,7 @@
 #include <sched.h>
 #include <seccomp.h>
 #include <signal.h>
+#include <sys/eventfd.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
@@ -20,6 +21,7 @@
 #include <semaphore>
 #include <thread>
 
+#include "platform/base/Descriptor.h"
 #include "platform/system/Sandbox.h"
 #include "tests/platform/system/SandboxFixture.h"
 
@@ -46,6 +48,30 @@ TEST_F(SandboxRefuses, ToReadWhatTheProfileDoesNotName) {
   EXPECT_EQ(inSandbox([] { return errorOfOpening("/etc/shadow", O_RDONLY); }), EACCES);
   EXPECT_EQ(inSandbox([] { return errorOfOpening("/root", O_RDONLY | O_DIRECTORY); }), EACCES);
   EXPECT_EQ(inSandbox([] { return errorOfOpening("/", O_RDONLY | O_DIRECTORY); }), EACCES);
+}
+
+TEST_F(SandboxRefuses, BundlesBesideTheOneThatWasThere) {
+  const std::string bundle = paths.performanceBundle;
+  const std::string sibling = root.write("usr/lib/corvid/Another.so", "x");
+  ASSERT_EQ(root.write("usr/lib/corvid/PerformanceBundle.so", "x"), bundle);
+  const Descriptor entered(eventfd(0, EFD_CLOEXEC)), replaced(eventfd(0, EFD_CLOEXEC));
+  std::thread replacing([&] {
+    eventfd_t value;
+    eventfd_read(entered.get(), &value);
+    std::filesystem::rename(sibling, bundle);
+    eventfd_write(replaced.get(), 1);
+  });
+  EXPECT_EQ(inSandbox([&] {
+              if (errorOfOpening(bundle, O_RDONLY) != 0) return 1;
+              if (errorOfOpening(sibling, O_RDONLY) != EACCES) return 2;
+              eventfd_t value;
+              eventfd_write(entered.get(), 1);
+              eventfd_read(replaced.get(), &value);
+              return errorOfOpening(bundle, O_RDONLY) == EACCES ? 0 : 3;
+            }),
+            0);
+  eventfd_write(entered.get(), 1);  // where the child did not come that far
+  replacing.join();
 }
 
 TEST_F(SandboxRefuses, ToReadTheMemoryAndDescriptorsOfOthers) {
