@@ -5,13 +5,13 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "backends/CorvidBackend.h"
 #include "backends/ExchangeGate.h"
 #include "backends/https/EventFilters.h"
 #include "backends/https/HeldRecords.h"
+#include "backends/https/MethodCounts.h"
 #include "platform/HTTPClient.h"
 
 namespace corvid {
@@ -149,7 +149,7 @@ class HTTPSPostBackend final : public CorvidBackend {
   // Absent between a flush and the next batched event.
   std::optional<HeldRecords> _batchedEvents GUARDED_BY(_lock);
   // How many events of each method the batch has got, and how many it takes.
-  std::unordered_map<std::int32_t, std::int32_t> _eventMethodCounts GUARDED_BY(_lock);
+  MethodCounts _eventMethodCounts GUARDED_BY(_lock);
   std::int32_t _eventThreshold GUARDED_BY(_lock) = 49;
 };
 

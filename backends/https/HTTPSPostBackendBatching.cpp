@@ -92,13 +92,13 @@ std::optional<std::string> HTTPSPostBackend::sendAtOnce(Dictionary record, Event
 bool HTTPSPostBackend::batchEvent(Dictionary& record, Records& displaced) {
   const std::int32_t method = int32At(record, "_method");
   if (!_batchedEvents) _batchedEvents.emplace();
-  if (_eventMethodCounts[method] > _eventThreshold) return false;
+  if (_eventMethodCounts.of(method) > _eventThreshold) return false;
   if (canFlush() && _batchedEvents->overflowsWith(record)) {
     logDebug("HTTPSPostBackend(batchEvent): Flushing all batched events as the batch is full");
     takeBatch(displaced);
   }
   hold(std::move(record));
-  ++_eventMethodCounts[method];
+  _eventMethodCounts.increment(method);
   return true;
 }
 
@@ -111,7 +111,7 @@ std::optional<std::string> HTTPSPostBackend::flushAtThreshold(Dictionary record)
   RecursiveLock lock(_lock);
   // A flush leaves no batch, except where it refuses; the event that forced it goes with the batch.
   if (_batchedEvents) hold(std::move(record));
-  _eventMethodCounts[method] = 1;
+  _eventMethodCounts.set(method, 1);
   return text;
 }
 

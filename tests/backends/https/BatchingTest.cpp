@@ -338,6 +338,20 @@ TEST_F(FullBatchTest, DropsItsOldestEventsWhileItMayNotBeFlushedAndSaysSoOnce) {
             "HTTPSPostBackend(batchEvent): backend httpPost dropped 4 events of a full batch");
 }
 
+TEST_F(FullBatchTest, CountsNoMoreMethodsThanEventsCanHaveWhateverTheUserInfoNames) {
+  const auto backend = makeInState(BackendState::held, openEntryWith("event_threshold", 0));
+  const auto sendWithMethod = [&](int method) {
+    backend->setUserInfoDict(Dictionary{{"_clientName", "player"}, {"_method", method}});
+    send(*backend, {});
+  };
+  for (int i = 0; i <= static_cast<int>(MethodCounts::limit); ++i) sendWithMethod(100'000 + i);
+  platform.log.clear();
+  sendWithMethod(100'000);
+  EXPECT_EQ(linesOf(thresholdLine), Lines{}) << "its count went with the others";
+  sendWithMethod(100'000);
+  EXPECT_EQ(linesOf(thresholdLine), Lines{thresholdLine + "100000"}) << "it is counted again";
+}
+
 TEST_F(FullBatchTest, StaysBoundedWhileUserInfoIsAwaited) {
   userInfo.reset();
   const auto backend = makeInState(BackendState::sending, openEntryWith("event_threshold", 1));
