@@ -56,12 +56,22 @@ std::string rootOf(const CommandLine& line) {
   return root;
 }
 
+// The commands do not know the option, and "unknown" would not say what to do.
+void refuseRootAfter(const std::string& command, const std::vector<std::string>& arguments) {
+  for (const std::string& argument : arguments) {
+    if (argument == "--") return;
+    if (argument == "--root" || argument.starts_with("--root="))
+      throw UsageError("--root goes before the command: corvidctl --root DIR " + command + " ...");
+  }
+}
+
 int run(const std::vector<std::string>& arguments) {
   const CommandLine line(arguments, {"--root"}, {}, CommandLine::Options::beforeFirstWord);
   if (line.words().empty()) throw UsageError("a command is missing");
   const std::string root = rootOf(line);
   const std::string& command = line.words().front();
   const std::vector<std::string> rest(line.words().begin() + 1, line.words().end());
+  refuseRootAfter(command, rest);
   if (command == "session") {
     if (const CommandLine none(rest, {}, {}); !none.words().empty())
       throw UsageError("unexpected " + none.words().front());

@@ -45,6 +45,12 @@ TEST(Usage, WrongUsesOfTheProgramAreNamed) {
   expectUsageError({"--root", "", "session"}, "--root takes a folder, not an empty text");
   expectUsageError({"session", "now"}, "unexpected now");
   expectUsageError({"session", "--fast"}, "unknown option --fast");
+  expectUsageError({"session", "--root", "/x"},
+                   "--root goes before the command: corvidctl --root DIR session ...");
+  expectUsageError({"prefs", "list", "--root=/x"},
+                   "--root goes before the command: corvidctl --root DIR prefs ...");
+  expectUsageError({"upload", "--", "--root"},
+                   "--client-type is missing: which storebag should decide?");
 }
 
 TEST(Usage, WrongUsesOfTheCommandsForPeopleAreNamed) {
