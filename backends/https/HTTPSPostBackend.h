@@ -124,8 +124,9 @@ class HTTPSPostBackend final : public CorvidBackend {
       Records records, std::optional<std::string>& prettyJsonString) const;
   std::optional<std::string> clientIdentifier() const REQUIRES(_lock);
   bool wantsMessageLog() const REQUIRES(_lock);
+  // `keptBytes` is what `completion` keeps in memory until it is called.
   void postJSONMessage(std::string message, MessageFlag flag, std::optional<EventCodes> codes,
-                       FlushCompletion completion);
+                       FlushCompletion completion, std::size_t keptBytes);
   std::optional<HTTPRequest> requestFor(MessageFlag flag, std::optional<EventCodes> codes) const;
 
   // Constant after construction.

@@ -85,7 +85,7 @@ std::optional<std::string> HTTPSPostBackend::sendAtOnce(Dictionary record, Event
   if (!message) return std::nullopt;
   if (flushed)
     text = fmt::format("Flushed events:\n{}\nStandalone event:\n{}", *flushed, orNull(text));
-  postJSONMessage(std::move(*message), flag, codes, nullptr);
+  postJSONMessage(std::move(*message), flag, codes, nullptr, 0);
   return text;
 }
 
@@ -155,12 +155,13 @@ std::optional<std::string> HTTPSPostBackend::postBatch(Records records,
     return std::nullopt;
   }
   FlushCompletion posted;
+  const std::size_t keptBytes = completion && text ? text->size() : 0;
   if (completion)
     posted = [completion = std::move(completion), text](std::optional<std::string>,
                                                         std::optional<CorvidError> error) {
       completion(text, std::move(error));
     };
-  postJSONMessage(std::move(*message), MessageFlag{0}, std::nullopt, std::move(posted));
+  postJSONMessage(std::move(*message), MessageFlag{0}, std::nullopt, std::move(posted), keptBytes);
   return text;
 }
 

@@ -124,8 +124,8 @@ bool HTTPSPostBackend::wantsMessageLog() const {
 }
 
 void HTTPSPostBackend::postJSONMessage(std::string message, MessageFlag flag,
-                                       std::optional<EventCodes> codes,
-                                       FlushCompletion completion) {
+                                       std::optional<EventCodes> codes, FlushCompletion completion,
+                                       std::size_t keptBytes) {
   std::optional<HTTPRequest> request = requestFor(flag, codes);
   if (!request) {
     if (completion) completion(std::nullopt, CorvidError::of(-1, "postURL is nil"));
@@ -135,7 +135,7 @@ void HTTPSPostBackend::postJSONMessage(std::string message, MessageFlag flag,
 
   // The time at the gate and that in front of a full queue count together.
   const auto start = std::chrono::steady_clock::now();
-  ExchangeGate::Pass pass = _gate->enter(request->timeout);
+  ExchangeGate::Pass pass = _gate->enter(request->timeout, request->body.size() + keptBytes);
   request->patience = request->timeout - std::chrono::duration_cast<std::chrono::milliseconds>(
                                              std::chrono::steady_clock::now() - start);
   Platform::current().http().start(

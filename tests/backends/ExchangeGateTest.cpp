@@ -41,6 +41,41 @@ TEST(ExchangeGate, AtTheLimitTheNextWaitsUntilOneLeaves) {
   EXPECT_EQ(gate->passesOut(), 1u);
 }
 
+TEST(ExchangeGate, WhatDoesNotFitBesideTheOthersWaitsUntilItDoes) {
+  const auto gate = std::make_shared<ExchangeGate>(8, 100);
+  ExchangeGate::Pass large = gate->enter(longPatience, 60);
+  const ExchangeGate::Pass fits = gate->enter(longPatience, 40);
+  auto next = std::async(std::launch::async, [&] { return gate->enter(longPatience, 1); });
+  EXPECT_EQ(next.wait_for(milliseconds(20)), std::future_status::timeout);
+  large.reset();
+  ASSERT_EQ(next.wait_for(longPatience), std::future_status::ready);
+  EXPECT_TRUE(next.get());
+}
+
+TEST(ExchangeGate, WhatFitsPassesThatWhichStillWaits) {
+  const auto gate = std::make_shared<ExchangeGate>(8, 100);
+  ExchangeGate::Pass first = gate->enter(longPatience, 50);
+  ExchangeGate::Pass second = gate->enter(longPatience, 50);
+  auto large = std::async(std::launch::async, [&] { return gate->enter(longPatience, 60); });
+  auto small = std::async(std::launch::async, [&] { return gate->enter(longPatience, 50); });
+  EXPECT_EQ(small.wait_for(milliseconds(20)), std::future_status::timeout);
+  first.reset();
+  ASSERT_EQ(small.wait_for(longPatience), std::future_status::ready);
+  EXPECT_EQ(large.wait_for(milliseconds(20)), std::future_status::timeout);
+  second.reset();
+  small.get().reset();
+  ASSERT_EQ(large.wait_for(longPatience), std::future_status::ready);
+}
+
+TEST(ExchangeGate, WhatIsPastTheLimitByItselfGoesAlone) {
+  const auto gate = std::make_shared<ExchangeGate>(8, 100);
+  ExchangeGate::Pass alone = gate->enter(longPatience, 1000);
+  auto next = std::async(std::launch::async, [&] { return gate->enter(longPatience, 0); });
+  EXPECT_EQ(next.wait_for(milliseconds(20)), std::future_status::timeout);
+  alone.reset();
+  ASSERT_EQ(next.wait_for(longPatience), std::future_status::ready);
+}
+
 TEST(ExchangeGate, WhenPatienceEndsThePassIsGivenAllTheSame) {
   const auto gate = std::make_shared<ExchangeGate>(1);
   const ExchangeGate::Pass first = gate->enter(longPatience);

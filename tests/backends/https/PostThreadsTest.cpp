@@ -37,6 +37,29 @@ TEST_F(PostThreadsTest, PastItsLimitASendWaitsForAnExchangeToEnd) {
   EXPECT_EQ(requests().size(), ExchangeGate::clientLimit + 1);
 }
 
+TEST_F(PostThreadsTest, TheTextThatAFlushKeepsForItsClientCountsAtTheGate) {
+  sessionInfo.set("BatchEvent", true);
+  constexpr std::size_t byteLimit = 100'000;
+  for (const bool hasClient : {true, false}) {
+    const auto gate = std::make_shared<ExchangeGate>(limit, byteLimit);
+    const auto backend = makeFor(openEntry());
+    backend->setExchangeGate(gate);
+    const auto flush = [&] {  // compresses to next to nothing
+      send(*backend, {{"text", std::string(byteLimit / 2, 'x')}});
+      backend->flushMessagesWithCompletion(hasClient ? [](auto, auto) {} : FlushCompletion());
+    };
+    flush();
+    auto next = std::async(std::launch::async, flush);
+    EXPECT_EQ(next.wait_for(std::chrono::milliseconds(hasClient ? 50 : 20'000)),
+              hasClient ? std::future_status::timeout : std::future_status::ready);
+    while (platform.http->exchangesUnderWay() > 0)
+      platform.http->completeNext(FakeHTTPClient::response(200));
+    next.wait();
+    while (platform.http->exchangesUnderWay() > 0)
+      platform.http->completeNext(FakeHTTPClient::response(200));
+  }
+}
+
 TEST_F(PostThreadsTest, ExchangesThatEndedMakeRoomWithoutWaiting) {
   platform.http->answerWith([](const HTTPRequest&) { return FakeHTTPClient::error(1, "refused"); });
   const auto backend = makeFor(openEntry());
