@@ -1,6 +1,5 @@
 #include "config/Identifiers.h"
 
-#include <ranges>
 #include <string_view>
 #include <utility>
 
@@ -28,19 +27,25 @@ std::size_t costOfIdentifier(const std::string& key) {
   return key.size() + besidesTheKey;
 }
 
-// Whether a new one fits among those kept under `keys`.
-template <class Keys>
-bool hasRoomFor(const std::string& newKey, const Keys& keys) {
-  std::size_t bytes = costOfIdentifier(newKey);
-  for (const std::string& key : keys)
-    if (key.starts_with(keyPrefix)) bytes += costOfIdentifier(key);
-  return bytes <= keptIdentifierBytes;
+bool fits(const std::string& newKey, std::size_t bytesKept) {
+  return bytesKept + costOfIdentifier(newKey) <= keptIdentifierBytes;
 }
 
 bool store(const std::string& key, const std::string& identifier) {
   Preferences& preferences = Platform::current().preferences();
-  return hasRoomFor(key, preferences.keys(corvidSuite)) &&
-         preferences.setValue(corvidSuite, key, identifier);
+  std::size_t bytes = 0;
+  for (const std::string& kept : preferences.keys(corvidSuite))
+    if (kept.starts_with(keyPrefix)) bytes += costOfIdentifier(kept);
+  return fits(key, bytes) && preferences.setValue(corvidSuite, key, identifier);
+}
+
+// False where too many are kept.
+bool keep(const std::string& key, const std::string& identifier, Dictionary& unstored) {
+  std::size_t bytes = 0;
+  for (const Dictionary::Entry& kept : unstored) bytes += costOfIdentifier(kept.key);
+  if (!fits(key, bytes)) return false;
+  unstored.set(key, identifier);
+  return true;
 }
 
 std::string findOrMakeIdentifier(const std::string& key) {
@@ -52,17 +57,14 @@ std::string findOrMakeIdentifier(const std::string& key) {
   if (auto stored = storedIdentifier(key)) return *std::move(stored);
   const std::string* const kept = stringAt(unstored.byKey, key);
   std::string identifier = kept ? *kept : uuidText(platform.random().uuid());
-  if (store(key, identifier)) {
+  if (store(key, identifier))
     unstored.byKey.erase(key);
-  } else if (!kept &&
-             hasRoomFor(key, unstored.byKey | std::views::transform(&Dictionary::Entry::key))) {
-    unstored.byKey.set(key, identifier);
+  else if (!kept && keep(key, identifier, unstored.byKey))
     logWarning(
         "findOrMakeIdentifier: The identifier of {} cannot be stored; it holds until corvidd ends",
         key);
-  } else if (!kept) {
+  else if (!kept)
     logWarning("findOrMakeIdentifier: Too many identifiers are kept; that of {} is not", key);
-  }
   return identifier;
 }
 
