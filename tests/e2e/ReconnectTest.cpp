@@ -50,6 +50,7 @@ TEST_F(Reconnect, TheNextCallFindsTheNewDaemonWhichKnowsTheClient) {
   TestClient client(_root.path());
   ASSERT_EQ(client.configure({.clientType = 5}).text(), "httpPost");
   expectReports(client, "before");
+  EXPECT_TRUE(waitFor([&] { return starts() == 1; }));
   for (int i = 1; i <= 3; ++i) {
     end(SIGKILL);
     EXPECT_TRUE(waitFor([&] { return client.invalidations() == i; }));
