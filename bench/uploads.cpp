@@ -103,6 +103,7 @@ void measureCase(const std::string& program, const std::string& root, std::strin
   const double before = daemon.peakMB();
   const auto start = Steady::now();
   std::vector<std::future<void>> uploads;
+  uploads.reserve(static_cast<std::size_t>(clients));
   for (int i = 0; i < clients; ++i)
     uploads.push_back(std::async(std::launch::async, [&, i] {
       all[static_cast<std::size_t>(i)]->upload(files[static_cast<std::size_t>(i)]);

@@ -2,12 +2,15 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 
 #include "daemon/CheckConfig.h"
 #include "daemon/Daemon.h"
 #include "daemon/Options.h"
 
-int main(int argc, char** argv) {
+namespace {
+
+int run(int argc, char** argv) {
   using corvid::Options;
   const auto options =
       corvid::parseOptions({argv + (argc > 0), argv + argc}, std::getenv("CORVID_ROOT"));
@@ -23,4 +26,15 @@ int main(int argc, char** argv) {
     case Options::Action::run: break;
   }
   return corvid::runDaemon(options.value());
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return run(argc, argv);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "corvidd: %s\n", error.what());
+    return 1;
+  }
 }
