@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/base/Sanitizer.h"
 #include "tests/fakes/ScratchRoot.h"
 
 namespace corvid {
@@ -22,7 +23,7 @@ namespace corvid {
 // Every wait ends after `patience`, so that a broken daemon fails a test and never hangs it.
 class DaemonProcess {
  public:
-  static constexpr std::chrono::seconds patience{20};
+  static constexpr std::chrono::seconds patience{hasSanitizer ? 60 : 20};
 
   // With a `listeningSocket` the daemon is started as if by its socket; the descriptor stays the
   // caller's.

@@ -16,13 +16,14 @@
 #include <stdexcept>
 #include <utility>
 
+#include "platform/base/Sanitizer.h"
 namespace corvid {
 
 namespace {
 
 using std::chrono::steady_clock;
 
-constexpr std::chrono::seconds patience{20};
+constexpr std::chrono::seconds patience{hasSanitizer ? 60 : 20};
 
 struct Pipe {
   Pipe() {
