@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "platform/base/Sanitizer.h"
+
 namespace corvid {
 
 namespace {
