@@ -96,8 +96,9 @@ void HTTPServer::add(int socket) {
   ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
   MutexLock lock(_mutex);
   _connections.remove_if([](const auto& connection) { return connection.isOver(); });
-  _connections.emplace_back(socket, HTTPServerConnection::Surroundings{_handler, _tls.get(), _fault,
-                                                                       _accepted++, _requests});
+  _connections.emplace_back(
+      socket, HTTPServerConnection::Surroundings{_handler, _tls.get(), _fault, _accepted++,
+                                                 _requests, _answers});
 }
 
 }  // namespace corvid::lab

@@ -62,6 +62,8 @@ class HTTPServer {
   // Since the start. A request counts once it was read wholly, before its handler runs.
   std::size_t connectionsAccepted() const { return _accepted; }
   std::size_t requestsReceived() const { return _requests; }
+  // Those whose answers have left wholly.
+  std::size_t requestsAnswered() const { return _answers; }
   std::size_t connectionsOpen() const EXCLUDES(_mutex);
 
  private:
@@ -76,6 +78,7 @@ class HTTPServer {
   std::atomic<ConnectionFault> _fault = ConnectionFault::none;
   std::atomic<std::size_t> _accepted = 0;
   std::atomic<std::size_t> _requests = 0;
+  std::atomic<std::size_t> _answers = 0;
 
   mutable Mutex _mutex;
   bool _stopping GUARDED_BY(_mutex) = false;

@@ -103,6 +103,7 @@ void HTTPServerConnection::serve() {
     ++_surroundings.requests;
     const Answer answer = _surroundings.handler(*request);
     if (!send(answer)) return;
+    ++_surroundings.answers;
     const auto wish = request->header("Connection");
     if (answer.hangUp || (wish && equalsIgnoringCase(*wish, "close"))) return _stream.finish();
   }

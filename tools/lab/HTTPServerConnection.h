@@ -25,6 +25,7 @@ class HTTPServerConnection {
     ConnectionFault fault;
     std::size_t number;
     std::atomic<std::size_t>& requests;  // counted here
+    std::atomic<std::size_t>& answers;   // those that have left wholly
   };
 
   HTTPServerConnection(int socket, Surroundings surroundings);

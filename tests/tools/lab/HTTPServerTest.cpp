@@ -76,6 +76,15 @@ TEST_P(HTTPServerTest, KeepsAConnectionForManyRequests) {
   EXPECT_EQ(server->requestsReceived(), 5u);
 }
 
+TEST_P(HTTPServerTest, CountsAnswersThatHaveLeft) {
+  serve(Answer{.body = "x"});
+  for (std::size_t i = 1; i <= 3; ++i) {
+    EXPECT_EQ(peer->get(server->url()).status, 200);
+    while (server->requestsAnswered() < i) std::this_thread::yield();  // the peer has it by now
+    EXPECT_EQ(server->requestsAnswered(), i);
+  }
+}
+
 TEST_P(HTTPServerTest, ServesManyConnectionsAtOnce) {
   serve([](const Request& request) { return Answer{.body = request.body}; });
   std::vector<std::thread> peers;
@@ -153,6 +162,7 @@ TEST_P(HTTPServerTest, NeverAnswersWhenSilent) {
   peer->timeout = 1s;
   EXPECT_EQ(peer->get(server->url()).code, CURLE_OPERATION_TIMEDOUT);
   EXPECT_EQ(server->requestsReceived(), 1u);
+  EXPECT_EQ(server->requestsAnswered(), 0u);
 }
 
 TEST_P(HTTPServerTest, SendsAnEndlessBodyUntilThePeerGoes) {
