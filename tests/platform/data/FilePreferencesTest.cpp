@@ -274,19 +274,17 @@ TEST_F(FilePreferencesTest, NoNameLeadsOutOfTheFolder) {
 
 TEST_F(FilePreferencesTest, WritersInOtherProcessesLoseNothing) {
   constexpr int writers = 4, changes = 25;
-  std::vector<std::thread> threads;  // each waits for a process of its own
-  std::vector<int> failures(writers, -1);
-  for (std::size_t w = 0; w < writers; ++w)
-    threads.emplace_back([&, w] {
-      failures[w] = inChild([&] {
-        FilePreferences own(folder);
-        int failed = 0;
-        for (int i = 0; i < changes; ++i)
-          failed += !own.setValue("suite", fmt::format("{}.{}", w, i), i);
-        return failed;
-      });
-    });
-  for (std::thread& thread : threads) thread.join();
+  std::vector<pid_t> children;
+  for (int w = 0; w < writers; ++w)
+    children.push_back(startChild([&] {
+      FilePreferences own(folder);
+      int failed = 0;
+      for (int i = 0; i < changes; ++i)
+        failed += !own.setValue("suite", fmt::format("{}.{}", w, i), i);
+      return failed;
+    }));
+  std::vector<int> failures;
+  for (const pid_t child : children) failures.push_back(awaitChild(child));
   EXPECT_EQ(failures, std::vector<int>(writers, 0));
   EXPECT_EQ(preferences.keys("suite").size(), std::size_t{writers} * changes);
   EXPECT_TRUE(errors().empty());

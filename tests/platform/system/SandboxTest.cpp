@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <linux/landlock.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sched.h>
 #include <seccomp.h>
 #include <signal.h>
@@ -55,23 +56,20 @@ TEST_F(SandboxRefuses, BundlesBesideTheOneThatWasThere) {
   const std::string sibling = root.write("usr/lib/corvid/Another.so", "x");
   ASSERT_EQ(root.write("usr/lib/corvid/PerformanceBundle.so", "x"), bundle);
   const Descriptor entered(eventfd(0, EFD_CLOEXEC)), replaced(eventfd(0, EFD_CLOEXEC));
-  std::thread replacing([&] {
+  const pid_t child = startChild([&] {
+    if (sandboxInit(profileName, paths, deployment)) return notEntered;
+    if (errorOfOpening(bundle, O_RDONLY) != 0) return 1;
+    if (errorOfOpening(sibling, O_RDONLY) != EACCES) return 2;
     eventfd_t value;
-    eventfd_read(entered.get(), &value);
-    std::filesystem::rename(sibling, bundle);
-    eventfd_write(replaced.get(), 1);
+    eventfd_write(entered.get(), 1);
+    eventfd_read(replaced.get(), &value);
+    return errorOfOpening(bundle, O_RDONLY) == EACCES ? 0 : 3;
   });
-  EXPECT_EQ(inSandbox([&] {
-              if (errorOfOpening(bundle, O_RDONLY) != 0) return 1;
-              if (errorOfOpening(sibling, O_RDONLY) != EACCES) return 2;
-              eventfd_t value;
-              eventfd_write(entered.get(), 1);
-              eventfd_read(replaced.get(), &value);
-              return errorOfOpening(bundle, O_RDONLY) == EACCES ? 0 : 3;
-            }),
-            0);
-  eventfd_write(entered.get(), 1);  // where the child did not come that far
-  replacing.join();
+  pollfd waiting{entered.get(), POLLIN, 0};
+  EXPECT_EQ(poll(&waiting, 1, 20'000), 1);
+  std::filesystem::rename(sibling, bundle);
+  eventfd_write(replaced.get(), 1);
+  EXPECT_EQ(awaitChild(child), 0);
 }
 
 TEST_F(SandboxRefuses, ToReadTheMemoryAndDescriptorsOfOthers) {

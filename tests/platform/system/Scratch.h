@@ -40,9 +40,9 @@ class Scratch {
   std::string _path;
 };
 
-// Runs `work` in a child process and gives its exit status, or minus the signal that ended it; one
-// that hangs is ended.
-inline int inChild(const std::function<int()>& work) {
+// Starts a child process that runs `work` and exits with what it returns; one that hangs is ended.
+// Other threads of this process should be at rest: the child has what they hold, and not them.
+inline pid_t startChild(const std::function<int()>& work) {
   std::fflush(nullptr);
   const pid_t child = fork();
   if (child < 0) throw std::runtime_error("fork");
@@ -50,9 +50,16 @@ inline int inChild(const std::function<int()>& work) {
     alarm(30);
     _exit(work());
   }
+  return child;
+}
+
+// Waits for its end: the exit status, or minus the signal that ended it.
+inline int awaitChild(pid_t child) {
   int status = 0;
   waitpid(child, &status, 0);
   return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
+
+inline int inChild(const std::function<int()>& work) { return awaitChild(startChild(work)); }
 
 }  // namespace corvid
