@@ -27,9 +27,9 @@ using BackendSetCreator = std::function<std::optional<BackendTable>(
 
 // Threads   The client's calls run on the connection's thread, and the destructor's farewell too,
 //           save where another session of the chain is delivering to this one as its client goes:
-//           then it runs on that one's. The
-//           agent reads properties and calls updateCombinedSessionID, syncReportingStates and
-//           shutdownSessionAggregation from other sessions' threads, with its own mutex held.
+//           then it runs on that one's. The agent reads properties and calls
+//           updateCombinedSessionID, syncReportingStates and shutdownSessionAggregation from other
+//           sessions' threads, with its own mutex held.
 //           Flush completions come on any thread and never touch the session. `_lock` guards the
 //           fields and is never held across a call to the agent, a backend or the client; the
 //           agent's mutex is always taken before it.
