@@ -5,8 +5,8 @@
 #include "backends/metrix/MetrixBackend.h"
 #include "backends/upload/UploadBackend.h"
 #include "backends/wattbook/WattbookBackend.h"
+#include "base/Log.h"
 #include "config/DeviceInformation.h"
-#include "platform/base/Log.h"
 #include "protocol/Keys.h"
 
 namespace corvid {

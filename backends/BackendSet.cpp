@@ -1,9 +1,9 @@
 #include "backends/BackendSet.h"
 
+#include "base/Log.h"
+#include "base/Reading.h"
 #include "config/DeviceInformation.h"
 #include "platform/Platform.h"
-#include "platform/base/Log.h"
-#include "platform/base/Reading.h"
 #include "protocol/Keys.h"
 
 namespace corvid {

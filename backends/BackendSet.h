@@ -7,7 +7,7 @@
 #include <string>
 
 #include "backends/CorvidBackend.h"
-#include "platform/base/Value.h"
+#include "base/Value.h"
 
 namespace corvid {
 

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <utility>
 
+#include "base/Reading.h"
+#include "base/Text.h"
 #include "platform/Platform.h"
-#include "platform/base/Reading.h"
-#include "platform/base/Text.h"
 #include "platform/data/Crypto.h"
 
 namespace corvid {

@@ -9,9 +9,9 @@
 #include <string>
 #include <string_view>
 
-#include "platform/base/Mutex.h"
-#include "platform/base/TimeValue.h"
-#include "platform/base/Value.h"
+#include "base/Mutex.h"
+#include "base/TimeValue.h"
+#include "base/Value.h"
 #include "protocol/CorvidError.h"
 
 namespace corvid {

@@ -10,7 +10,7 @@
 #include <cstddef>
 #include <memory>
 
-#include "platform/base/Mutex.h"
+#include "base/Mutex.h"
 
 namespace corvid {
 

@@ -16,9 +16,9 @@
 #include <vector>
 
 #include "backends/dashboard/DashboardBackend.h"
+#include "base/Descriptor.h"
 #include "bench/Program.h"
 #include "platform/Platform.h"
-#include "platform/base/Descriptor.h"
 #include "tools/corvidctl/SendingPlatform.h"
 
 namespace corvid::bench {

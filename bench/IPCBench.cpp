@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/ipc/IPCListener.h"
-#include "tests/platform/ipc/WireClient.h"
+#include "rpc/IPCListener.h"
+#include "tests/rpc/WireClient.h"
 
 namespace corvid {
 namespace {

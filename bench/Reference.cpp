@@ -10,7 +10,7 @@
 #include <stdexcept>
 #include <vector>
 
-#include "platform/base/Reading.h"
+#include "base/Reading.h"
 #include "platform/data/JSON.h"
 
 namespace corvid::bench {

@@ -6,10 +6,10 @@
 #include <stdexcept>
 #include <thread>
 
+#include "base/Reading.h"
 #include "bench/Bench.h"
 #include "bench/Program.h"
 #include "bench/Reference.h"
-#include "platform/base/Reading.h"
 #include "platform/data/JSON.h"
 #include "tools/lab/Gunzip.h"
 

@@ -3,8 +3,8 @@
 #include <exception>
 #include <string>
 
+#include "base/Reading.h"
 #include "client/Opaque.h"
-#include "platform/base/Reading.h"
 #include "protocol/Keys.h"
 #include "protocol/Limits.h"
 

@@ -15,9 +15,9 @@
 #include <utility>
 #include <vector>
 
+#include "base/Value.h"
 #include "client/UploadedFile.h"
 #include "client/include/corvid/corvid.h"
-#include "platform/base/Value.h"
 #include "protocol/corvid.capnp.h"
 #include "protocol/wire/ValueCodec.h"
 

@@ -1,8 +1,8 @@
 // The C types of values are the C++ ones behind a name: a pointer to one is a pointer to the other.
 #pragma once
 
+#include "base/Value.h"
 #include "client/include/corvid/corvid.h"
-#include "platform/base/Value.h"
 
 namespace corvid::library {
 

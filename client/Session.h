@@ -12,11 +12,11 @@
 #include <string>
 #include <thread>
 
+#include "base/Descriptor.h"
+#include "base/Mutex.h"
 #include "client/Call.h"
 #include "client/Link.h"
 #include "client/include/corvid/corvid.h"
-#include "platform/base/Descriptor.h"
-#include "platform/base/Mutex.h"
 
 namespace corvid::library {
 

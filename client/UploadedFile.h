@@ -9,7 +9,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/base/Descriptor.h"
+#include "base/Descriptor.h"
 
 namespace corvid::library {
 

@@ -5,8 +5,8 @@
 #include <string>
 #include <utility>
 
+#include "base/Text.h"
 #include "client/Opaque.h"
-#include "platform/base/Text.h"
 
 namespace {
 

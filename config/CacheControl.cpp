@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <limits>
 
-#include "platform/base/Reading.h"
+#include "base/Reading.h"
 
 namespace corvid {
 

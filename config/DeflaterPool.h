@@ -6,7 +6,7 @@
 #include <memory>
 #include <vector>
 
-#include "platform/base/Mutex.h"
+#include "base/Mutex.h"
 #include "platform/data/Deflater.h"
 
 namespace corvid {

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <string_view>
 
+#include "base/Reading.h"
 #include "platform/Platform.h"
-#include "platform/base/Reading.h"
 #include "platform/data/PropertyList.h"
 
 namespace corvid {

@@ -5,12 +5,12 @@
 #include <limits>
 #include <stdexcept>
 
+#include "base/Describe.h"
+#include "base/Log.h"
+#include "base/Reading.h"
 #include "config/DeviceInformation.h"
 #include "config/StorebagFetch.h"
 #include "platform/Platform.h"
-#include "platform/base/Describe.h"
-#include "platform/base/Log.h"
-#include "platform/base/Reading.h"
 
 namespace corvid {
 

@@ -1,7 +1,7 @@
 #include "config/Gzip.h"
 
+#include "base/Log.h"
 #include "config/DeflaterPool.h"
-#include "platform/base/Log.h"
 #include "platform/data/Deflater.h"
 
 namespace corvid {

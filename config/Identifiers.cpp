@@ -3,11 +3,11 @@
 #include <string_view>
 #include <utility>
 
+#include "base/Log.h"
+#include "base/Mutex.h"
+#include "base/Reading.h"
+#include "base/Text.h"
 #include "platform/Platform.h"
-#include "platform/base/Log.h"
-#include "platform/base/Mutex.h"
-#include "platform/base/Reading.h"
-#include "platform/base/Text.h"
 #include "protocol/Keys.h"
 
 namespace corvid {

@@ -5,10 +5,10 @@
 #include <string>
 #include <vector>
 
+#include "base/Describe.h"
+#include "base/Log.h"
+#include "base/Text.h"
 #include "platform/Platform.h"
-#include "platform/base/Describe.h"
-#include "platform/base/Log.h"
-#include "platform/base/Text.h"
 
 namespace corvid {
 

@@ -17,9 +17,8 @@ inline constexpr std::size_t mostMessageLogBytes = std::size_t{64} << 20;
 void writeToLogFile(std::string_view message);
 
 template <class... A>
-void writeToLogFile(fmt::format_string<const A&...> format, const A&... arguments)
-  requires(sizeof...(A) > 0)
-{
+void writeToLogFile(fmt::format_string<const A&...> format,
+                    const A&... arguments) requires(sizeof...(A) > 0) {
   writeToLogFile(std::string_view(fmt::format(format, arguments...)));
 }
 

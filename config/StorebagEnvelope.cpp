@@ -2,8 +2,8 @@
 
 #include <string>
 
-#include "platform/base/Log.h"
-#include "platform/base/Reading.h"
+#include "base/Log.h"
+#include "base/Reading.h"
 #include "platform/data/Crypto.h"
 #include "platform/data/PropertyList.h"
 

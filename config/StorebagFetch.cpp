@@ -3,12 +3,12 @@
 #include <chrono>
 #include <utility>
 
+#include "base/Describe.h"
+#include "base/Log.h"
 #include "config/CacheControl.h"
 #include "config/DeviceInformation.h"
 #include "config/StorebagEnvelope.h"
 #include "platform/Platform.h"
-#include "platform/base/Describe.h"
-#include "platform/base/Log.h"
 
 namespace corvid {
 

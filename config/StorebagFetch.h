@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/base/Value.h"
+#include "base/Value.h"
 
 namespace corvid {
 

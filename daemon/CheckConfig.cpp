@@ -11,11 +11,11 @@
 #include <system_error>
 #include <utility>
 
+#include "base/Reading.h"
+#include "base/Result.h"
 #include "config/DeviceInformation.h"
 #include "config/StorebagFetch.h"
 #include "platform/Deployment.h"
-#include "platform/base/Reading.h"
-#include "platform/base/Result.h"
 #include "platform/data/Crypto.h"
 #include "platform/data/DeploymentFile.h"
 #include "platform/data/RegularFile.h"

@@ -4,8 +4,8 @@
 
 #include <utility>
 
+#include "base/Log.h"
 #include "platform/Platform.h"
-#include "platform/base/Log.h"
 
 namespace corvid {
 

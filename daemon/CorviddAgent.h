@@ -12,10 +12,10 @@
 #include <string_view>
 #include <vector>
 
+#include "base/Mutex.h"
+#include "base/Value.h"
 #include "config/Environment.h"
-#include "platform/base/Mutex.h"
-#include "platform/base/Value.h"
-#include "platform/ipc/Connection.h"
+#include "protocol/Connection.h"
 #include "session/CorviddSession.h"
 #include "session/CorviddSessionDelegate.h"
 

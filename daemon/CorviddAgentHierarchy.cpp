@@ -2,10 +2,10 @@
 #include <algorithm>
 #include <utility>
 
+#include "base/Describe.h"
+#include "base/Log.h"
 #include "config/Identifiers.h"
 #include "daemon/CorviddAgent.h"
-#include "platform/base/Describe.h"
-#include "platform/base/Log.h"
 
 namespace corvid {
 

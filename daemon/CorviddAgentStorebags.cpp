@@ -2,10 +2,10 @@
 #include <cmath>
 #include <utility>
 
+#include "base/Log.h"
+#include "base/Reading.h"
 #include "daemon/CorviddAgent.h"
 #include "platform/Platform.h"
-#include "platform/base/Log.h"
-#include "platform/base/Reading.h"
 #include "protocol/Keys.h"
 
 namespace corvid {

@@ -8,12 +8,11 @@
 #include <string>
 #include <utility>
 
+#include "base/Log.h"
 #include "daemon/CorviddAgent.h"
 #include "daemon/SystemServices.h"
 #include "platform/Platform.h"
-#include "platform/base/Log.h"
 #include "platform/data/DeploymentFile.h"
-#include "platform/ipc/IPCListener.h"
 #include "platform/system/BundleTrial.h"
 #include "platform/system/Entitlements.h"
 #include "platform/system/Launcher.h"
@@ -23,6 +22,7 @@
 #include "platform/system/SystemClock.h"
 #include "platform/system/SystemLog.h"
 #include "protocol/Keys.h"
+#include "rpc/IPCListener.h"
 
 namespace corvid {
 

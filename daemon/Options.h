@@ -7,8 +7,8 @@
 #include <string>
 #include <string_view>
 
-#include "platform/base/Log.h"
-#include "platform/base/Result.h"
+#include "base/Log.h"
+#include "base/Result.h"
 #include "platform/system/SystemLog.h"
 
 namespace corvid {

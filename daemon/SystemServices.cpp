@@ -10,6 +10,7 @@
 #include "platform/system/JournalPowerLog.h"
 #include "platform/system/SystemDeviceInformation.h"
 #include "platform/system/SystemLocale.h"
+#include "protocol/Limits.h"
 
 namespace corvid {
 
@@ -37,7 +38,7 @@ Platform::Services systemServices(const Paths& paths, const Deployment& deployme
       .random = random,
       .keepAlive = launcher,
       .files = std::make_shared<LocalFileSystem>(),
-      .extensionTokens = std::make_shared<ExtensionTokens>(random),
+      .extensionTokens = std::make_shared<ExtensionTokens>(random, limits::uploadBytesUnderWay),
       .bundles = std::make_shared<DynamicBundleLoader>(paths.performanceBundle, triedBundle),
       .powerLog = std::make_shared<JournalPowerLog>(paths.journalSocket),
       .paths = paths,

@@ -3,7 +3,7 @@
 
 #include <chrono>
 
-#include "platform/base/TimeValue.h"
+#include "base/TimeValue.h"
 
 namespace corvid {
 

@@ -3,11 +3,11 @@
 #include <fmt/format.h>
 
 #include "platform/Random.h"
-#include "protocol/Limits.h"
 
 namespace corvid {
 
-ExtensionTokens::ExtensionTokens(std::shared_ptr<Random> random) : _random(std::move(random)) {}
+ExtensionTokens::ExtensionTokens(std::shared_ptr<Random> random, std::size_t claimLimit)
+    : _random(std::move(random)), _claimLimit(claimLimit) {}
 ExtensionTokens::~ExtensionTokens() = default;
 
 ExtensionTokens::Grant::Grant(ExtensionTokens& tokens, std::shared_ptr<GrantedFile> file)
@@ -56,7 +56,7 @@ void ExtensionTokens::release(std::size_t claimed) {
 bool ExtensionTokens::replaceClaim(std::size_t before, std::size_t after) {
   const MutexLock lock(_mutex);
   const std::size_t others = _claimed - before;
-  if (after > limits::uploadBytesUnderWay - others) return false;
+  if (after > _claimLimit - others) return false;
   _claimed = others + after;
   return true;
 }

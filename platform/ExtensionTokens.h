@@ -14,7 +14,7 @@
 #include <thread>
 #include <utility>
 
-#include "platform/base/Mutex.h"
+#include "base/Mutex.h"
 
 namespace corvid {
 
@@ -69,8 +69,8 @@ class ExtensionTokens {
       if (_file) _file->remove();
     }
     // Claims so much memory for what is done with the file, in place of what was claimed before.
-    // False, and nothing changes, where all handles together would have more than
-    // limits::uploadBytesUnderWay.
+    // False, and nothing changes, where all handles together would have more than the registry's
+    // limit.
     bool claim(std::size_t bytes);
 
    private:
@@ -82,7 +82,8 @@ class ExtensionTokens {
     std::size_t _claimed = 0;
   };
 
-  explicit ExtensionTokens(std::shared_ptr<Random> random);
+  // `claimLimit`: what all handles may claim together, in bytes.
+  ExtensionTokens(std::shared_ptr<Random> random, std::size_t claimLimit);
   ~ExtensionTokens();
 
   [[nodiscard]] Handle consume(const std::string& token) EXCLUDES(_mutex);
@@ -107,6 +108,7 @@ class ExtensionTokens {
   bool replaceClaim(std::size_t before, std::size_t after) EXCLUDES(_mutex);
 
   const std::shared_ptr<Random> _random;
+  const std::size_t _claimLimit;
   mutable Mutex _mutex;
   std::map<std::string, Granted> _granted GUARDED_BY(_mutex);
   std::size_t _handles GUARDED_BY(_mutex) = 0;

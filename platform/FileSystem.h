@@ -10,8 +10,8 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/base/Result.h"
-#include "platform/base/TimeValue.h"
+#include "base/Result.h"
+#include "base/TimeValue.h"
 
 namespace corvid {
 

@@ -3,7 +3,7 @@
 #include <memory>
 #include <semaphore>
 
-#include "platform/base/Text.h"
+#include "base/Text.h"
 
 namespace corvid {
 

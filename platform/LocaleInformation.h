@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/base/TimeValue.h"
+#include "base/TimeValue.h"
 
 namespace corvid {
 

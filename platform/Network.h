@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/base/Result.h"
+#include "base/Result.h"
 
 namespace corvid {
 

@@ -10,6 +10,8 @@
 #include <optional>
 #include <string>
 
+#include "base/Mutex.h"
+#include "base/Value.h"
 #include "platform/BundleLoader.h"
 #include "platform/Clock.h"
 #include "platform/Consent.h"
@@ -25,8 +27,6 @@
 #include "platform/PowerLog.h"
 #include "platform/Preferences.h"
 #include "platform/Random.h"
-#include "platform/base/Mutex.h"
-#include "platform/base/Value.h"
 
 namespace corvid {
 

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/base/Value.h"
+#include "base/Value.h"
 #include "protocol/CorvidError.h"
 #include "protocol/Reply.h"
 

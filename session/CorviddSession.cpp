@@ -6,8 +6,8 @@
 #include <utility>
 
 #include "backends/ExchangeGate.h"
+#include "base/Log.h"
 #include "platform/Platform.h"
-#include "platform/base/Log.h"
 #include "platform/data/Crypto.h"
 #include "protocol/Keys.h"
 

@@ -11,11 +11,11 @@
 #include <vector>
 
 #include "backends/BackendSet.h"
+#include "base/Mutex.h"
+#include "base/Value.h"
 #include "config/DeviceInformation.h"
-#include "platform/base/Mutex.h"
-#include "platform/base/Value.h"
-#include "platform/ipc/Connection.h"
 #include "protocol/ClientSessionInterface.h"
+#include "protocol/Connection.h"
 #include "session/CorviddSessionDelegate.h"
 
 namespace corvid {

@@ -5,8 +5,8 @@
 #include <optional>
 #include <string>
 
-#include "platform/base/Mutex.h"
-#include "platform/base/Value.h"
+#include "base/Mutex.h"
+#include "base/Value.h"
 
 namespace corvid {
 

@@ -1,10 +1,10 @@
 // From a client's message to every backend and back, and messages outside any configured session.
 #include <utility>
 
+#include "base/Log.h"
+#include "base/Reading.h"
 #include "config/MessageLog.h"
 #include "platform/Platform.h"
-#include "platform/base/Log.h"
-#include "platform/base/Reading.h"
 #include "protocol/Keys.h"
 #include "session/CorviddSession.h"
 

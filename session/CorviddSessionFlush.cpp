@@ -2,8 +2,8 @@
 #include <string_view>
 #include <utility>
 
+#include "base/Log.h"
 #include "config/MessageLog.h"
-#include "platform/base/Log.h"
 #include "session/CorviddSession.h"
 
 namespace corvid {

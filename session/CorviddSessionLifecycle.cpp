@@ -2,9 +2,9 @@
 #include <string_view>
 #include <utility>
 
+#include "base/Log.h"
+#include "base/Reading.h"
 #include "platform/Platform.h"
-#include "platform/base/Log.h"
-#include "platform/base/Reading.h"
 #include "protocol/Keys.h"
 #include "session/CorviddSession.h"
 

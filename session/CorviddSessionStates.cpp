@@ -3,8 +3,8 @@
 
 #include <utility>
 
-#include "platform/base/Log.h"
-#include "platform/base/Reading.h"
+#include "base/Log.h"
+#include "base/Reading.h"
 #include "protocol/Keys.h"
 #include "session/CorviddSession.h"
 

@@ -2,9 +2,9 @@
 #include <string_view>
 #include <utility>
 
+#include "base/Log.h"
+#include "base/URL.h"
 #include "config/MessageLog.h"
-#include "platform/base/Log.h"
-#include "platform/base/URL.h"
 #include "session/CorviddSession.h"
 
 namespace corvid {

@@ -2,7 +2,7 @@
 
 #include <fmt/format.h>
 
-#include "platform/base/Reading.h"
+#include "base/Reading.h"
 
 namespace corvid::tools {
 

@@ -8,11 +8,11 @@
 #include <utility>
 
 #include "backends/dashboard/PacketReader.h"
+#include "base/Log.h"
+#include "base/Reading.h"
+#include "base/Text.h"
 #include "config/Environment.h"
 #include "platform/Platform.h"
-#include "platform/base/Log.h"
-#include "platform/base/Reading.h"
-#include "platform/base/Text.h"
 
 namespace corvid {
 

@@ -4,7 +4,7 @@
 
 #include "backends/dashboard/DashboardBackend.h"
 #include "backends/dashboard/PacketReader.h"
-#include "platform/base/Log.h"
+#include "base/Log.h"
 
 namespace corvid {
 

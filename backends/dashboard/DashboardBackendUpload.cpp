@@ -2,10 +2,10 @@
 #include <utility>
 
 #include "backends/dashboard/DashboardBackend.h"
+#include "base/Describe.h"
+#include "base/Log.h"
+#include "base/Text.h"
 #include "platform/Platform.h"
-#include "platform/base/Describe.h"
-#include "platform/base/Log.h"
-#include "platform/base/Text.h"
 #include "platform/data/KeyedArchive.h"
 
 namespace corvid {

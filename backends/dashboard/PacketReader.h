@@ -7,8 +7,8 @@
 #include <string_view>
 
 #include "backends/dashboard/TagReportingPacket.h"
-#include "platform/base/Result.h"
-#include "platform/base/Value.h"
+#include "base/Result.h"
+#include "base/Value.h"
 
 namespace corvid {
 

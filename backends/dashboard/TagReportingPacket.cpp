@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/base/Text.h"
+#include "base/Text.h"
 
 namespace corvid {
 

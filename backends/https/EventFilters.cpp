@@ -4,9 +4,9 @@
 #include <cstring>
 
 #include "backends/CorvidBackend.h"
-#include "platform/base/Describe.h"
-#include "platform/base/Reading.h"
-#include "platform/base/Text.h"
+#include "base/Describe.h"
+#include "base/Reading.h"
+#include "base/Text.h"
 
 namespace corvid {
 

@@ -9,7 +9,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "platform/base/Value.h"
+#include "base/Value.h"
 
 namespace corvid {
 

@@ -3,9 +3,9 @@
 
 #include <utility>
 
+#include "base/Log.h"
+#include "base/Reading.h"
 #include "platform/Platform.h"
-#include "platform/base/Log.h"
-#include "platform/base/Reading.h"
 
 namespace corvid {
 

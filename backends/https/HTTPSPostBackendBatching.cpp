@@ -4,10 +4,10 @@
 #include <utility>
 
 #include "backends/https/HTTPSPostBackend.h"
-#include "platform/base/Describe.h"
-#include "platform/base/Footprint.h"
-#include "platform/base/Log.h"
-#include "platform/base/Reading.h"
+#include "base/Describe.h"
+#include "base/Footprint.h"
+#include "base/Log.h"
+#include "base/Reading.h"
 
 namespace corvid {
 

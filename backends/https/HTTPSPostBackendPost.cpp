@@ -6,12 +6,12 @@
 #include <utility>
 
 #include "backends/https/HTTPSPostBackend.h"
+#include "base/Describe.h"
+#include "base/Log.h"
+#include "base/Reading.h"
 #include "config/Environment.h"
 #include "config/Gzip.h"
 #include "platform/Platform.h"
-#include "platform/base/Describe.h"
-#include "platform/base/Log.h"
-#include "platform/base/Reading.h"
 #include "platform/data/JSON.h"
 #include "protocol/Keys.h"
 

@@ -3,11 +3,11 @@
 
 #include "backends/https/HTTPSPostBackend.h"
 #include "backends/https/ListMatching.h"
+#include "base/Describe.h"
+#include "base/Log.h"
+#include "base/Reading.h"
 #include "config/Identifiers.h"
 #include "platform/Platform.h"
-#include "platform/base/Describe.h"
-#include "platform/base/Log.h"
-#include "platform/base/Reading.h"
 #include "protocol/Keys.h"
 
 namespace corvid {

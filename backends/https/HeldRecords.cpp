@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "platform/base/Footprint.h"
+#include "base/Footprint.h"
 
 namespace corvid {
 

@@ -5,7 +5,7 @@
 #include <deque>
 #include <vector>
 
-#include "platform/base/Value.h"
+#include "base/Value.h"
 
 namespace corvid {
 

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/base/Value.h"
+#include "base/Value.h"
 
 namespace corvid {
 

@@ -2,8 +2,8 @@
 
 #include <string_view>
 
+#include "base/Log.h"
 #include "platform/Platform.h"
-#include "platform/base/Log.h"
 
 namespace corvid {
 

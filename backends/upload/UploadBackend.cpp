@@ -6,13 +6,13 @@
 #include <string_view>
 #include <utility>
 
+#include "base/Describe.h"
+#include "base/Log.h"
+#include "base/Reading.h"
+#include "base/Text.h"
+#include "base/URL.h"
 #include "config/Gzip.h"
 #include "platform/Platform.h"
-#include "platform/base/Describe.h"
-#include "platform/base/Log.h"
-#include "platform/base/Reading.h"
-#include "platform/base/Text.h"
-#include "platform/base/URL.h"
 #include "protocol/Limits.h"
 
 namespace corvid {

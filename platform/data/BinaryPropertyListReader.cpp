@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/base/Text.h"
+#include "base/Text.h"
 #include "platform/data/PropertyListForms.h"
 
 namespace corvid {

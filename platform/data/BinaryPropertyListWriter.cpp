@@ -6,7 +6,7 @@
 #include <variant>
 #include <vector>
 
-#include "platform/base/Text.h"
+#include "base/Text.h"
 #include "platform/data/PropertyListForms.h"
 
 namespace corvid {

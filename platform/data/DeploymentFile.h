@@ -3,8 +3,8 @@
 
 #include <string>
 
+#include "base/Result.h"
 #include "platform/Deployment.h"
-#include "platform/base/Result.h"
 
 namespace corvid {
 

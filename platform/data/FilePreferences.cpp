@@ -13,8 +13,8 @@
 #include <system_error>
 #include <utility>
 
-#include "platform/base/Descriptor.h"
-#include "platform/base/Log.h"
+#include "base/Descriptor.h"
+#include "base/Log.h"
 #include "platform/data/PropertyList.h"
 #include "platform/data/RegularFile.h"
 

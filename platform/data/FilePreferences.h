@@ -4,8 +4,8 @@
 #include <map>
 #include <string>
 
+#include "base/Mutex.h"
 #include "platform/Preferences.h"
-#include "platform/base/Mutex.h"
 
 namespace corvid {
 

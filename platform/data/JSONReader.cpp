@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/base/Text.h"
+#include "base/Text.h"
 #include "platform/data/JSON.h"
 
 namespace corvid {

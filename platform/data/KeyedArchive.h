@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/base/Value.h"
+#include "base/Value.h"
 
 namespace corvid {
 

@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <system_error>
 
-#include "platform/base/Descriptor.h"
+#include "base/Descriptor.h"
 #include "platform/data/RegularFile.h"
 
 namespace corvid {

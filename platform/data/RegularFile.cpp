@@ -9,7 +9,7 @@
 #include <cstring>
 #include <filesystem>
 
-#include "platform/base/Descriptor.h"
+#include "base/Descriptor.h"
 
 namespace corvid {
 

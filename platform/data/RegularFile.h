@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/base/Result.h"
+#include "base/Result.h"
 
 namespace corvid {
 

@@ -6,10 +6,10 @@
 #include <string>
 #include <utility>
 
+#include "base/Mutex.h"
 #include "platform/Consent.h"
 #include "platform/Preferences.h"
 #include "platform/Random.h"
-#include "platform/base/Mutex.h"
 
 namespace corvid {
 

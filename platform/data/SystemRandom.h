@@ -3,8 +3,8 @@
 
 #include <array>
 
+#include "base/Mutex.h"
 #include "platform/Random.h"
-#include "platform/base/Mutex.h"
 
 namespace corvid {
 

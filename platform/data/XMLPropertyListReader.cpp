@@ -8,7 +8,7 @@
 #include <optional>
 #include <utility>
 
-#include "platform/base/Text.h"
+#include "base/Text.h"
 #include "platform/data/Crypto.h"
 #include "platform/data/PropertyListForms.h"
 #include "platform/data/XMLPropertyListScalars.h"

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "platform/base/Text.h"
+#include "base/Text.h"
 #include "platform/data/Crypto.h"
 #include "platform/data/PropertyList.h"
 #include "platform/data/XMLPropertyListScalars.h"

@@ -3,7 +3,7 @@
 
 #include <curl/curl.h>
 
-#include "platform/base/Result.h"
+#include "base/Result.h"
 
 namespace corvid {
 

@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-#include "platform/base/Text.h"
+#include "base/Text.h"
 
 namespace corvid {
 namespace {

@@ -9,7 +9,7 @@
 #include <new>
 #include <utility>
 
-#include "platform/base/Log.h"
+#include "base/Log.h"
 #include "platform/http/CurlHTTPClient.h"
 
 namespace corvid {
@@ -83,7 +83,8 @@ void HTTPWorker::add(Exchange exchange) {
 bool HTTPWorker::awaitRoom(Exchange& exchange) {
   const auto hasRoom = [&]() NO_THREAD_SAFETY_ANALYSIS { return !_queue.isFull(exchange.host); };
   if (hasRoom()) return true;
-  if (exchange.patience <= milliseconds(0) || _thread.get_id() == std::this_thread::get_id()) return false;
+  if (exchange.patience <= milliseconds(0) || _thread.get_id() == std::this_thread::get_id())
+    return false;
   const auto start = steady_clock::now();
   ++_waitingForRoom;
   const bool inTime = _room.wait_for(_mutex, exchange.patience, hasRoom);

@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/base/Mutex.h"
+#include "base/Mutex.h"
 #include "platform/http/CurlHTTPClient.h"
 #include "platform/http/CurlLibrary.h"
 #include "platform/http/ExchangeQueue.h"

@@ -12,9 +12,9 @@
 #include <utility>
 #include <vector>
 
+#include "base/Descriptor.h"
+#include "base/Mutex.h"
 #include "platform/Network.h"
-#include "platform/base/Descriptor.h"
-#include "platform/base/Mutex.h"
 
 namespace corvid {
 

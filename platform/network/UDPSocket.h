@@ -3,8 +3,8 @@
 
 #include <memory>
 
+#include "base/Descriptor.h"
 #include "platform/Network.h"
-#include "platform/base/Descriptor.h"
 
 namespace corvid {
 

@@ -15,7 +15,7 @@
 #include <cstring>
 #include <utility>
 
-#include "platform/base/Descriptor.h"
+#include "base/Descriptor.h"
 #include "platform/system/DynamicBundleLoader.h"
 
 namespace corvid {

@@ -1,6 +1,6 @@
 #include "platform/system/ControlGroup.h"
 
-#include "platform/base/Text.h"
+#include "base/Text.h"
 
 namespace corvid {
 

@@ -8,9 +8,9 @@
 #include <utility>
 #include <vector>
 
+#include "base/Log.h"
+#include "base/Result.h"
 #include "include/corvid/bundle.h"
-#include "platform/base/Log.h"
-#include "platform/base/Result.h"
 #include "platform/data/PropertyList.h"
 
 namespace corvid {

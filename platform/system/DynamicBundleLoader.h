@@ -6,9 +6,9 @@
 #include <string>
 #include <utility>
 
+#include "base/Mutex.h"
+#include "base/Result.h"
 #include "platform/BundleLoader.h"
-#include "platform/base/Mutex.h"
-#include "platform/base/Result.h"
 #include "platform/system/BundleFile.h"
 
 namespace corvid {

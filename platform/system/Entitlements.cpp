@@ -16,9 +16,9 @@
 #include <optional>
 #include <string_view>
 
-#include "platform/base/Log.h"
-#include "platform/base/Mutex.h"
-#include "platform/base/Reading.h"
+#include "base/Log.h"
+#include "base/Mutex.h"
+#include "base/Reading.h"
 #include "platform/system/SettingsFile.h"
 
 namespace corvid {

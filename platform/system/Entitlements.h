@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/base/Result.h"
-#include "platform/base/Value.h"
+#include "base/Result.h"
+#include "base/Value.h"
 
 namespace corvid {
 

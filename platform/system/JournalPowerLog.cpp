@@ -7,9 +7,9 @@
 #include <cerrno>
 #include <cstring>
 
-#include "platform/base/Describe.h"
-#include "platform/base/Descriptor.h"
-#include "platform/base/Log.h"
+#include "base/Describe.h"
+#include "base/Descriptor.h"
+#include "base/Log.h"
 
 // The journal's native protocol, one datagram an entry, is spoken here directly: it is documented
 // as stable and small, while loading libsystemd costs 1 MB of resident memory.

@@ -12,7 +12,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "platform/base/Descriptor.h"
+#include "base/Descriptor.h"
 
 // Younger than the oldest headers this builds with.
 #ifndef LANDLOCK_ACCESS_FS_TRUNCATE

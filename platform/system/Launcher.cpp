@@ -13,7 +13,7 @@
 #include <cstring>
 #include <string>
 
-#include "platform/base/Log.h"
+#include "base/Log.h"
 
 // The launcher's two protocols, sockets by LISTEN_FDS and messages to NOTIFY_SOCKET, are spoken
 // here directly: both are documented as stable and small, while loading libsystemd costs 1 MB of

@@ -9,10 +9,10 @@
 #include <optional>
 #include <string_view>
 
+#include "base/Descriptor.h"
+#include "base/Mutex.h"
 #include "platform/Clock.h"
 #include "platform/KeepAlive.h"
-#include "platform/base/Descriptor.h"
-#include "platform/base/Mutex.h"
 
 namespace corvid {
 

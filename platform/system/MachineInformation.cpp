@@ -8,8 +8,8 @@
 #include <charconv>
 #include <cstdint>
 
-#include "platform/base/Reading.h"
-#include "platform/base/Text.h"
+#include "base/Reading.h"
+#include "base/Text.h"
 #include "platform/data/Crypto.h"
 #include "platform/system/SettingsFile.h"
 

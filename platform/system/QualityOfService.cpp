@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "platform/base/Log.h"
+#include "base/Log.h"
 
 namespace corvid {
 

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <filesystem>
 
-#include "platform/base/Sanitizer.h"
+#include "base/Sanitizer.h"
 #include "platform/system/Landlock.h"
 #include "platform/system/SandboxProfile.h"
 #include "platform/system/SeccompFilter.h"

@@ -16,7 +16,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/base/Result.h"
+#include "base/Result.h"
 
 namespace corvid {
 

@@ -1,6 +1,6 @@
 #include "platform/system/SettingsFile.h"
 
-#include "platform/base/Text.h"
+#include "base/Text.h"
 #include "platform/data/LocalFileSystem.h"
 #include "platform/data/PropertyList.h"
 

@@ -5,8 +5,8 @@
 #include <string>
 #include <string_view>
 
-#include "platform/base/Result.h"
-#include "platform/base/Value.h"
+#include "base/Result.h"
+#include "base/Value.h"
 
 namespace corvid {
 

@@ -4,8 +4,8 @@
 
 #include <cerrno>
 
-#include "platform/base/Log.h"
-#include "platform/base/Reading.h"
+#include "base/Log.h"
+#include "base/Reading.h"
 #include "platform/system/MachineInformation.h"
 #include "platform/system/SettingsFile.h"
 

@@ -4,9 +4,9 @@
 #include <map>
 #include <string>
 
+#include "base/Mutex.h"
+#include "base/Value.h"
 #include "platform/DeviceInformationService.h"
-#include "platform/base/Mutex.h"
-#include "platform/base/Value.h"
 
 namespace corvid {
 

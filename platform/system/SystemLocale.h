@@ -5,8 +5,8 @@
 #include <optional>
 #include <string>
 
+#include "base/Mutex.h"
 #include "platform/LocaleInformation.h"
-#include "platform/base/Mutex.h"
 
 namespace corvid {
 

@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-#include "platform/base/Log.h"
+#include "base/Log.h"
 
 namespace corvid {
 

@@ -3,7 +3,7 @@
 
 #include <kj/exception.h>
 
-#include "platform/base/Log.h"
+#include "base/Log.h"
 
 namespace corvid::wire {
 

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <utility>
 
-#include "platform/base/Text.h"
+#include "base/Text.h"
 
 namespace corvid::wire {
 

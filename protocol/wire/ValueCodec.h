@@ -11,7 +11,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "platform/base/Value.h"
+#include "base/Value.h"
 #include "protocol/Limits.h"
 #include "protocol/corvid.capnp.h"
 

@@ -2,7 +2,7 @@
 
 #include <limits>
 
-#include "platform/base/Describe.h"
+#include "base/Describe.h"
 
 namespace corvid {
 namespace {

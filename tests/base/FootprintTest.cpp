@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "platform/base/Footprint.h"
+#include "base/Footprint.h"
 
 namespace corvid {
 namespace {

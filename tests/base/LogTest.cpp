@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
-#include "platform/base/Describe.h"
-#include "platform/base/Log.h"
+#include "base/Describe.h"
+#include "base/Log.h"
 #include "tests/fakes/CapturedLog.h"
 
 namespace corvid {

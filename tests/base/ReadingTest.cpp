@@ -2,7 +2,7 @@
 
 #include <limits>
 
-#include "platform/base/Reading.h"
+#include "base/Reading.h"
 
 namespace corvid {
 namespace {

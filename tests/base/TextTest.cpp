@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "platform/base/Text.h"
+#include "base/Text.h"
 
 namespace corvid {
 namespace {

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "platform/base/URL.h"
+#include "base/URL.h"
 
 namespace corvid {
 namespace {

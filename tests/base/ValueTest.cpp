@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "platform/base/Value.h"
+#include "base/Value.h"
 
 namespace corvid {
 namespace {

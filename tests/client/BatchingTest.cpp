@@ -8,9 +8,9 @@
 #include <thread>
 #include <vector>
 
-#include "platform/ipc/ServiceSocket.h"
 #include "protocol/corvid.capnp.h"
 #include "protocol/wire/MessageSocket.h"
+#include "rpc/ServiceSocket.h"
 #include "tests/client/SessionFixture.h"
 
 namespace corvid {

@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "tests/platform/ipc/ServiceFixture.h"
+#include "tests/rpc/ServiceFixture.h"
 
 namespace corvid {
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/base/Value.h"
+#include "base/Value.h"
 
 namespace corvid {
 

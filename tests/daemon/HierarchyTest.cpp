@@ -1,6 +1,6 @@
 #include <fmt/format.h>
 
-#include "platform/base/Mutex.h"
+#include "base/Mutex.h"
 #include "tests/daemon/AgentFixture.h"
 
 namespace corvid {

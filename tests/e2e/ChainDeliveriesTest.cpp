@@ -8,7 +8,7 @@
 #include <mutex>
 #include <thread>
 
-#include "platform/base/Reading.h"
+#include "base/Reading.h"
 #include "tests/e2e/ChainFixture.h"
 
 namespace corvid {

@@ -5,7 +5,7 @@
 #include <array>
 #include <utility>
 
-#include "platform/base/Reading.h"
+#include "base/Reading.h"
 
 namespace corvid {
 

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/base/Value.h"
+#include "base/Value.h"
 #include "tests/e2e/ClientProcess.h"
 #include "tests/e2e/LabFixture.h"
 

@@ -1,5 +1,5 @@
 // What a parent's state does to its child's events, and what user info and batches do.
-#include "platform/base/Reading.h"
+#include "base/Reading.h"
 #include "tests/e2e/ChainFixture.h"
 #include "tools/lab/FaultPlan.h"
 

@@ -6,7 +6,7 @@
 #include <map>
 #include <utility>
 
-#include "platform/base/Reading.h"
+#include "base/Reading.h"
 #include "tests/e2e/ChainFixture.h"
 
 namespace corvid {

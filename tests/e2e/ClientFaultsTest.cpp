@@ -14,12 +14,12 @@
 #include <thread>
 #include <vector>
 
-#include "platform/base/Reading.h"
+#include "base/Reading.h"
 #include "protocol/Limits.h"
 #include "tests/e2e/ClientProcess.h"
 #include "tests/e2e/LabFixture.h"
 #include "tests/e2e/Limits.h"
-#include "tests/platform/ipc/WireClient.h"
+#include "tests/rpc/WireClient.h"
 
 namespace corvid {
 namespace {

@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/base/Descriptor.h"
-#include "platform/base/Value.h"
+#include "base/Descriptor.h"
+#include "base/Value.h"
 
 namespace corvid {
 

@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/base/Sanitizer.h"
+#include "base/Sanitizer.h"
 #include "tests/fakes/ScratchRoot.h"
 
 namespace corvid {

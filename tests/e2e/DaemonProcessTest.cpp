@@ -9,7 +9,7 @@
 
 #include <algorithm>
 
-#include "platform/base/Descriptor.h"
+#include "base/Descriptor.h"
 #include "tests/e2e/DaemonProcess.h"
 
 namespace corvid {

@@ -7,7 +7,7 @@
 #include <sstream>
 #include <string>
 
-#include "platform/base/Reading.h"
+#include "base/Reading.h"
 #include "tests/e2e/LabFixture.h"
 
 namespace corvid {

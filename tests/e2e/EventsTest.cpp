@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/base/Reading.h"
+#include "base/Reading.h"
 #include "tests/e2e/LabFixture.h"
 
 namespace corvid {

@@ -11,7 +11,7 @@
 #include <string_view>
 #include <utility>
 
-#include "platform/base/Reading.h"
+#include "base/Reading.h"
 #include "platform/data/PropertyList.h"
 #include "tests/e2e/LabFixture.h"
 

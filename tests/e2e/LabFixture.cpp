@@ -6,7 +6,7 @@
 #include <fstream>
 #include <utility>
 
-#include "platform/base/Reading.h"
+#include "base/Reading.h"
 #include "platform/data/JSON.h"
 #include "platform/data/PropertyList.h"
 

@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/base/Value.h"
+#include "base/Value.h"
 #include "tests/e2e/DaemonProcess.h"
 #include "tests/e2e/TestClient.h"
 #include "tests/fakes/ScratchRoot.h"

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/base/Descriptor.h"
-#include "platform/base/Reading.h"
+#include "base/Descriptor.h"
+#include "base/Reading.h"
 #include "tests/e2e/LabFixture.h"
 
 namespace corvid {

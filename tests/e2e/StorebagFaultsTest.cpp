@@ -9,7 +9,7 @@
 #include <string>
 #include <utility>
 
-#include "platform/base/Describe.h"
+#include "base/Describe.h"
 #include "platform/data/Crypto.h"
 #include "platform/data/PropertyList.h"
 #include "tests/e2e/LabFixture.h"

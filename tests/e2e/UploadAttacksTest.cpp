@@ -15,12 +15,12 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/base/Reading.h"
+#include "base/Reading.h"
 #include "protocol/Limits.h"
 #include "tests/e2e/LabFixture.h"
 #include "tests/e2e/Limits.h"
-#include "tests/platform/ipc/TestGrant.h"
-#include "tests/platform/ipc/WireClient.h"
+#include "tests/rpc/TestGrant.h"
+#include "tests/rpc/WireClient.h"
 
 namespace corvid {
 namespace {

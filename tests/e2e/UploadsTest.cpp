@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/base/Reading.h"
+#include "base/Reading.h"
 #include "tests/e2e/ClientProcess.h"
 #include "tests/e2e/LabFixture.h"
 

@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/base/Log.h"
+#include "base/Log.h"
 
 namespace corvid {
 

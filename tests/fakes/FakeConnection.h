@@ -4,7 +4,7 @@
 #include <mutex>
 #include <vector>
 
-#include "platform/ipc/Connection.h"
+#include "protocol/Connection.h"
 
 namespace corvid {
 

@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "platform/Platform.h"
+#include "protocol/Limits.h"
 #include "tests/fakes/CapturedLog.h"
 #include "tests/fakes/FakeBundles.h"
 #include "tests/fakes/FakeClock.h"
@@ -40,7 +41,8 @@ struct TestPlatform {
   std::shared_ptr<FakeRandom> random = std::make_shared<FakeRandom>();
   std::shared_ptr<FakeKeepAlive> keepAlive = std::make_shared<FakeKeepAlive>();
   std::shared_ptr<FakeFileSystem> files = std::make_shared<FakeFileSystem>(clock);
-  std::shared_ptr<ExtensionTokens> extensionTokens = std::make_shared<ExtensionTokens>(random);
+  std::shared_ptr<ExtensionTokens> extensionTokens =
+      std::make_shared<ExtensionTokens>(random, limits::uploadBytesUnderWay);
   std::shared_ptr<FakeBundleLoader> bundles = std::make_shared<FakeBundleLoader>();
   std::shared_ptr<FakePowerLog> powerLog = std::make_shared<FakePowerLog>();
 

@@ -6,9 +6,9 @@
 #include <string>
 #include <string_view>
 
+#include "base/Reading.h"
+#include "base/Text.h"
 #include "config/CacheControl.h"
-#include "platform/base/Reading.h"
-#include "platform/base/Text.h"
 
 namespace {
 

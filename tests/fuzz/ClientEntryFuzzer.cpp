@@ -6,7 +6,7 @@
 #include <string_view>
 
 #include "backends/https/HTTPSPostBackend.h"
-#include "platform/base/Reading.h"
+#include "base/Reading.h"
 #include "platform/data/PropertyList.h"
 #include "tests/fakes/TestPlatform.h"
 

@@ -19,7 +19,7 @@ class ExtensionTokensTest : public testing::Test {
  protected:
   bool grants(const std::string& token) { return tokens.consume(token).attributes().isRegularFile; }
 
-  ExtensionTokens tokens{std::make_shared<FakeRandom>()};
+  ExtensionTokens tokens{std::make_shared<FakeRandom>(), limits::uploadBytesUnderWay};
   const std::shared_ptr<FakeGrantedFile> file = std::make_shared<FakeGrantedFile>("content");
 };
 

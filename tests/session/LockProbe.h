@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/base/Mutex.h"
+#include "base/Mutex.h"
 
 namespace corvid {
 

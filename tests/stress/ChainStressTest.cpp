@@ -19,8 +19,8 @@
 
 #include "config/Identifiers.h"
 #include "daemon/CorviddAgent.h"
-#include "platform/ipc/IPCListener.h"
 #include "protocol/Keys.h"
+#include "rpc/IPCListener.h"
 #include "tests/fakes/ScratchRoot.h"
 #include "tests/fakes/TestPlatform.h"
 #include "tests/stress/StressClient.h"

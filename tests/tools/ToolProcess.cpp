@@ -16,7 +16,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "platform/base/Sanitizer.h"
+#include "base/Sanitizer.h"
 
 namespace corvid {
 

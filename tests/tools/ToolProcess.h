@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/base/Descriptor.h"
+#include "base/Descriptor.h"
 
 namespace corvid {
 

@@ -10,8 +10,8 @@
 #include <stdexcept>
 #include <string>
 
-#include "platform/base/Mutex.h"
-#include "platform/base/Value.h"
+#include "base/Mutex.h"
+#include "base/Value.h"
 #include "protocol/CorvidError.h"
 
 namespace corvid::ctl {

@@ -5,7 +5,7 @@
 
 #include <memory>
 
-#include "platform/base/Value.h"
+#include "base/Value.h"
 
 namespace corvid::ctl {
 

@@ -1,7 +1,7 @@
 #include "tools/corvidctl/JSONValues.h"
 
-#include "platform/base/Describe.h"
-#include "platform/base/Reading.h"
+#include "base/Describe.h"
+#include "base/Reading.h"
 #include "platform/data/Crypto.h"
 #include "platform/data/JSON.h"
 

@@ -4,8 +4,8 @@
 
 #include <string>
 
-#include "platform/base/Result.h"
-#include "platform/base/Value.h"
+#include "base/Result.h"
+#include "base/Value.h"
 
 namespace corvid::ctl {
 

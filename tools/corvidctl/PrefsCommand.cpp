@@ -8,8 +8,8 @@
 #include <cstdio>
 #include <stdexcept>
 
+#include "base/Describe.h"
 #include "platform/Paths.h"
-#include "platform/base/Describe.h"
 #include "platform/data/FilePreferences.h"
 #include "tools/CommandLine.h"
 #include "tools/corvidctl/JSONValues.h"

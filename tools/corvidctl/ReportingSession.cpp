@@ -1,6 +1,6 @@
 #include "tools/corvidctl/ReportingSession.h"
 
-#include "platform/base/Describe.h"
+#include "base/Describe.h"
 #include "protocol/Keys.h"
 
 namespace corvid::ctl {

@@ -5,7 +5,7 @@
 #include <set>
 #include <string>
 
-#include "platform/base/Value.h"
+#include "base/Value.h"
 #include "tools/CommandLine.h"
 #include "tools/corvidctl/Client.h"
 

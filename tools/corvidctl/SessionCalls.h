@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <optional>
 
-#include "platform/base/Value.h"
+#include "base/Value.h"
 #include "tools/Arguments.h"
 #include "tools/corvidctl/Client.h"
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/base/Log.h"
+#include "base/Log.h"
 #include "platform/system/SystemLog.h"
 #include "tools/CommandLine.h"
 #include "tools/corvidctl/DashboardCommand.h"

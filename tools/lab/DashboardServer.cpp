@@ -14,8 +14,8 @@
 #include <utility>
 
 #include "backends/dashboard/PacketReader.h"
-#include "platform/base/Reading.h"
-#include "platform/base/Text.h"
+#include "base/Reading.h"
+#include "base/Text.h"
 
 namespace corvid::lab {
 

@@ -9,10 +9,10 @@
 #include <string>
 #include <thread>
 
-#include "platform/base/Descriptor.h"
-#include "platform/base/Mutex.h"
-#include "platform/base/Result.h"
-#include "platform/base/Value.h"
+#include "base/Descriptor.h"
+#include "base/Mutex.h"
+#include "base/Result.h"
+#include "base/Value.h"
 #include "tools/lab/FaultyWire.h"
 
 namespace corvid::lab {

@@ -1,6 +1,6 @@
 #include "tools/lab/EventCollector.h"
 
-#include "platform/base/Text.h"
+#include "base/Text.h"
 #include "platform/data/JSON.h"
 #include "tools/lab/Gunzip.h"
 

@@ -6,7 +6,7 @@
 #include <cmath>
 #include <iterator>
 
-#include "platform/base/Reading.h"
+#include "base/Reading.h"
 #include "tools/Arguments.h"
 
 namespace corvid::lab {

@@ -5,9 +5,9 @@
 #include <set>
 #include <string>
 
-#include "platform/base/Mutex.h"
-#include "platform/base/Result.h"
-#include "platform/base/Value.h"
+#include "base/Mutex.h"
+#include "base/Result.h"
+#include "base/Value.h"
 #include "tools/lab/HTTPExchange.h"
 
 namespace corvid::lab {

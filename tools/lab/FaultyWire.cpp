@@ -4,7 +4,7 @@
 
 #include <utility>
 
-#include "platform/base/Reading.h"
+#include "base/Reading.h"
 
 namespace corvid::lab {
 

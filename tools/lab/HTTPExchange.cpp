@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "platform/base/Text.h"
+#include "base/Text.h"
 
 namespace corvid::lab {
 

@@ -10,7 +10,7 @@
 #include <string>
 #include <thread>
 
-#include "platform/base/Mutex.h"
+#include "base/Mutex.h"
 #include "tools/lab/HTTPExchange.h"
 #include "tools/lab/TLSIdentity.h"
 

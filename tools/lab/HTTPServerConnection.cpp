@@ -8,7 +8,7 @@
 #include <csignal>
 #include <mutex>
 
-#include "platform/base/Text.h"
+#include "base/Text.h"
 
 namespace corvid::lab {
 namespace {

@@ -4,7 +4,7 @@
 
 #include <utility>
 
-#include "platform/base/Reading.h"
+#include "base/Reading.h"
 #include "platform/data/JSON.h"
 
 namespace corvid::lab {

@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-#include "platform/base/Value.h"
+#include "base/Value.h"
 #include "tools/lab/DashboardServer.h"
 #include "tools/lab/EventCollector.h"
 #include "tools/lab/FaultPlan.h"

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-#include "platform/base/Descriptor.h"
+#include "base/Descriptor.h"
 
 namespace corvid::lab {
 

@@ -4,8 +4,8 @@
 #include <fstream>
 #include <string>
 
-#include "platform/base/Mutex.h"
-#include "platform/base/Value.h"
+#include "base/Mutex.h"
+#include "base/Value.h"
 
 namespace corvid::lab {
 

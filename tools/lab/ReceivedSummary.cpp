@@ -2,8 +2,8 @@
 
 #include <fmt/format.h>
 
-#include "platform/base/Describe.h"
-#include "platform/base/Reading.h"
+#include "base/Describe.h"
+#include "base/Reading.h"
 
 namespace corvid::lab {
 

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "platform/base/Value.h"
+#include "base/Value.h"
 
 namespace corvid::lab {
 

@@ -10,7 +10,7 @@
 #include <filesystem>
 #include <stdexcept>
 
-#include "platform/base/Value.h"
+#include "base/Value.h"
 #include "platform/data/Crypto.h"
 #include "platform/data/PropertyList.h"
 

@@ -7,9 +7,9 @@
 #include <optional>
 #include <string_view>
 
-#include "platform/base/Text.h"
-#include "platform/base/URL.h"
-#include "platform/base/Value.h"
+#include "base/Text.h"
+#include "base/URL.h"
+#include "base/Value.h"
 #include "platform/data/Crypto.h"
 #include "tools/lab/EventCollector.h"
 #include "tools/lab/Gunzip.h"

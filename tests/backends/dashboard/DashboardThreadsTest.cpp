@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "backends/dashboard/DashboardBackend.h"
-#include "platform/base/Descriptor.h"
+#include "base/Descriptor.h"
 #include "platform/network/SystemNetwork.h"
 #include "tests/fakes/TestPlatform.h"
 

@@ -12,7 +12,7 @@
 
 #include "backends/dashboard/DashboardBackend.h"
 #include "backends/dashboard/PacketReader.h"
-#include "platform/base/Reading.h"
+#include "base/Reading.h"
 #include "platform/network/SystemNetwork.h"
 #include "tests/fakes/TestPlatform.h"
 #include "tools/lab/DashboardServer.h"

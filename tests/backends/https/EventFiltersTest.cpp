@@ -4,8 +4,8 @@
 
 #include "backends/CorvidBackend.h"
 #include "backends/https/EventFilters.h"
-#include "platform/base/Reading.h"
-#include "platform/base/Text.h"
+#include "base/Reading.h"
+#include "base/Text.h"
 
 namespace corvid {
 namespace {

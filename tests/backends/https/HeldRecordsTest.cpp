@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "backends/https/HeldRecords.h"
-#include "platform/base/Reading.h"
+#include "base/Reading.h"
 
 namespace corvid {
 namespace {

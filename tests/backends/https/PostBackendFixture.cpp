@@ -3,8 +3,8 @@
 #include <zlib.h>
 
 #include "backends/BackendSet.h"
-#include "platform/base/Describe.h"
-#include "platform/base/Reading.h"
+#include "base/Describe.h"
+#include "base/Reading.h"
 #include "platform/data/JSON.h"
 
 namespace corvid {

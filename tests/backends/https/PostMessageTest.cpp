@@ -2,8 +2,8 @@
 #include <algorithm>
 #include <limits>
 
+#include "base/Reading.h"
 #include "config/Gzip.h"
-#include "platform/base/Reading.h"
 #include "platform/data/JSON.h"
 #include "tests/backends/https/PostBackendFixture.h"
 

@@ -9,7 +9,7 @@
 #include <iterator>
 #include <thread>
 
-#include "platform/base/Descriptor.h"
+#include "base/Descriptor.h"
 #include "platform/data/FilePreferences.h"
 #include "platform/data/PropertyList.h"
 #include "tests/fakes/CapturedLog.h"

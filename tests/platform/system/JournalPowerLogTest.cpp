@@ -5,7 +5,7 @@
 
 #include <vector>
 
-#include "platform/base/Descriptor.h"
+#include "base/Descriptor.h"
 #include "platform/system/JournalPowerLog.h"
 #include "tests/fakes/CapturedLog.h"
 #include "tests/fakes/ScratchRoot.h"

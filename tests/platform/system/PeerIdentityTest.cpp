@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "platform/base/Descriptor.h"
+#include "base/Descriptor.h"
 #include "platform/system/ControlGroup.h"
 #include "platform/system/Entitlements.h"
 #include "platform/system/SettingsFile.h"

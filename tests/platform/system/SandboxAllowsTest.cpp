@@ -27,7 +27,7 @@
 #include <sanitizer/lsan_interface.h>
 #endif
 
-#include "platform/base/Descriptor.h"
+#include "base/Descriptor.h"
 #include "platform/network/SystemNetwork.h"
 #include "platform/system/Entitlements.h"
 #include "platform/system/JournalPowerLog.h"

@@ -8,7 +8,7 @@
 #include <functional>
 #include <string>
 
-#include "platform/base/Sanitizer.h"
+#include "base/Sanitizer.h"
 #include "platform/system/Sandbox.h"
 #include "tests/platform/system/Scratch.h"
 

@@ -22,7 +22,7 @@
 #include <semaphore>
 #include <thread>
 
-#include "platform/base/Descriptor.h"
+#include "base/Descriptor.h"
 #include "platform/system/Sandbox.h"
 #include "tests/platform/system/SandboxFixture.h"
 

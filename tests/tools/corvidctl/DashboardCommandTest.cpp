@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/base/Reading.h"
+#include "base/Reading.h"
 #include "tests/tools/ToolProcess.h"
 #include "tools/lab/DashboardServer.h"
 

@@ -3,7 +3,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include "platform/base/Descriptor.h"
+#include "base/Descriptor.h"
 #include "tests/tools/corvidctl/SessionProcess.h"
 
 namespace corvid {

@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "tests/platform/ipc/ServiceFixture.h"
+#include "tests/rpc/ServiceFixture.h"
 #include "tests/tools/ToolProcess.h"
 
 namespace corvid {

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "backends/dashboard/TagReportingPacket.h"
-#include "platform/base/Reading.h"
+#include "base/Reading.h"
 #include "tools/lab/DashboardServer.h"
 
 namespace corvid::lab {

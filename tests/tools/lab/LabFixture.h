@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/base/Reading.h"
+#include "base/Reading.h"
 #include "platform/data/JSON.h"
 #include "tests/fakes/ScratchRoot.h"
 #include "tests/tools/lab/Peer.h"

@@ -4,7 +4,7 @@
 
 #include <filesystem>
 
-#include "platform/base/Reading.h"
+#include "base/Reading.h"
 #include "platform/data/JSON.h"
 #include "tests/fakes/ScratchRoot.h"
 #include "tests/tools/ToolProcess.h"

@@ -4,7 +4,7 @@
 #include <fstream>
 #include <stdexcept>
 
-#include "platform/base/Reading.h"
+#include "base/Reading.h"
 #include "platform/data/Crypto.h"
 #include "platform/data/PropertyList.h"
 #include "tests/fakes/ScratchRoot.h"

@@ -1,0 +1,77 @@
+#include "base/Reading.h"
+
+#include <cmath>
+#include <limits>
+
+namespace corvid {
+
+std::int64_t integerFromText(std::string_view text) {
+  constexpr std::int64_t most = std::numeric_limits<std::int64_t>::max();
+  constexpr std::int64_t least = std::numeric_limits<std::int64_t>::min();
+  std::size_t at = 0;
+  while (at < text.size() && (text[at] == ' ' || (text[at] >= '\t' && text[at] <= '\r'))) ++at;
+  const bool negative = at < text.size() && text[at] == '-';
+  if (at < text.size() && (text[at] == '-' || text[at] == '+')) ++at;
+  std::int64_t result = 0;  // kept negative: that range is the larger one
+  for (; at < text.size() && text[at] >= '0' && text[at] <= '9'; ++at) {
+    const int digit = text[at] - '0';
+    if (result < (least + digit) / 10) return negative ? least : most;
+    result = result * 10 - digit;
+  }
+  if (negative) return result;
+  return result == least ? most : -result;
+}
+
+std::optional<std::int64_t> asInteger(const Value* value) {
+  if (value == nullptr) return std::nullopt;
+  if (auto integer = value->integer()) return integer;
+  if (auto boolean = value->boolean()) return *boolean ? 1 : 0;
+  if (auto real = value->real()) {
+    if (std::isnan(*real)) return 0;
+    if (*real >= 9223372036854775808.0) return std::numeric_limits<std::int64_t>::max();
+    if (*real < -9223372036854775808.0) return std::numeric_limits<std::int64_t>::min();
+    return static_cast<std::int64_t>(*real);
+  }
+  if (const std::string* text = value->string()) return integerFromText(*text);
+  return std::nullopt;
+}
+
+std::optional<double> asNumber(const Value* value) {
+  if (value == nullptr) return std::nullopt;
+  if (auto real = value->real()) return real;
+  if (auto integer = value->integer()) return static_cast<double>(*integer);
+  if (auto boolean = value->boolean()) return *boolean ? 1.0 : 0.0;
+  return std::nullopt;
+}
+
+std::optional<bool> asBoolean(const Value* value) {
+  if (value == nullptr) return std::nullopt;
+  if (auto boolean = value->boolean()) return boolean;
+  if (auto integer = value->integer()) return *integer != 0;
+  if (auto real = value->real()) return *real != 0;
+  return std::nullopt;
+}
+
+std::int32_t int32At(const Dictionary& dictionary, std::string_view key) {
+  return static_cast<std::int32_t>(integerAt(dictionary, key).value_or(0));
+}
+std::optional<std::int64_t> integerAt(const Dictionary& dictionary, std::string_view key) {
+  return asInteger(dictionary.find(key));
+}
+bool booleanAt(const Dictionary& dictionary, std::string_view key) {
+  return asBoolean(dictionary.find(key)).value_or(false);
+}
+const std::string* stringAt(const Dictionary& dictionary, std::string_view key) {
+  const Value* value = dictionary.find(key);
+  return value ? value->string() : nullptr;
+}
+const Array* arrayAt(const Dictionary& dictionary, std::string_view key) {
+  const Value* value = dictionary.find(key);
+  return value ? value->array() : nullptr;
+}
+const Dictionary* dictionaryAt(const Dictionary& dictionary, std::string_view key) {
+  const Value* value = dictionary.find(key);
+  return value ? value->dictionary() : nullptr;
+}
+
+}  // namespace corvid

@@ -1,0 +1,35 @@
+// Typed reads from dictionaries whose content nobody has checked: storebags, session infos,
+// preferences. A value of a type that cannot stand for the wanted one counts as absent.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+#include "base/Value.h"
+
+namespace corvid {
+
+// Reads leading decimal digits after optional blanks and an optional sign; 0 when there are none.
+// Saturates at the ends of the 64-bit range.
+std::int64_t integerFromText(std::string_view text);
+
+// The value as an integer: integers as they are, reals cut toward zero (not a number gives 0,
+// saturating), booleans 1 and 0, strings by integerFromText. Nothing for the other types.
+std::optional<std::int64_t> asInteger(const Value* value);
+// The value as a double: reals, integers, booleans as 1 and 0. Nothing for the other types.
+std::optional<double> asNumber(const Value* value);
+// The value as a truth value: booleans, and numbers other than 0 are true. Nothing otherwise.
+std::optional<bool> asBoolean(const Value* value);
+
+// The low 32 bits of asInteger, 0 when there is none.
+std::int32_t int32At(const Dictionary& dictionary, std::string_view key);
+std::optional<std::int64_t> integerAt(const Dictionary& dictionary, std::string_view key);
+bool booleanAt(const Dictionary& dictionary, std::string_view key);
+// Nothing when the key is missing or holds another type. The pointers live as long as the
+// dictionary is unchanged.
+const std::string* stringAt(const Dictionary& dictionary, std::string_view key);
+const Array* arrayAt(const Dictionary& dictionary, std::string_view key);
+const Dictionary* dictionaryAt(const Dictionary& dictionary, std::string_view key);
+
+}  // namespace corvid

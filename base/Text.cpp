@@ -1,0 +1,192 @@
+#include "base/Text.h"
+
+#include <locale.h>
+#include <wctype.h>
+
+#include <clocale>
+#include <cstdint>
+
+namespace corvid {
+
+namespace {
+
+constexpr char32_t replacement = 0xFFFD;
+
+struct Decoded {
+  char32_t character = replacement;
+  std::size_t length = 1;  // bytes consumed, 1 or more
+  bool valid = false;
+};
+
+bool isContinuation(std::string_view text, std::size_t at) {
+  return at < text.size() && (static_cast<unsigned char>(text[at]) & 0xC0) == 0x80;
+}
+
+Decoded decode(std::string_view text, std::size_t at) {
+  const auto byte = [&](std::size_t i) {
+    return static_cast<char32_t>(static_cast<unsigned char>(text[i]));
+  };
+  const char32_t first = byte(at);
+  if (first < 0x80) return {first, 1, true};
+  std::size_t length = 0;
+  char32_t character = 0;
+  char32_t least = 0;
+  if (first >= 0xC2 && first <= 0xDF) {
+    length = 2, character = first & 0x1F, least = 0x80;
+  } else if (first >= 0xE0 && first <= 0xEF) {
+    length = 3, character = first & 0x0F, least = 0x800;
+  } else if (first >= 0xF0 && first <= 0xF4) {
+    length = 4, character = first & 0x07, least = 0x10000;
+  } else {
+    return {};
+  }
+  for (std::size_t i = 1; i < length; ++i) {
+    if (!isContinuation(text, at + i)) return {replacement, i, false};
+    character = (character << 6) | (byte(at + i) & 0x3F);
+  }
+  if (character < least || character > 0x10FFFF || (character >= 0xD800 && character <= 0xDFFF))
+    return {replacement, length, false};
+  return {character, length, true};
+}
+
+// The C library's Unicode tables, whatever locale the process runs in. C.UTF-8 is part of every
+// Debian system; without it only ASCII letters are mapped.
+locale_t unicodeLocale() {
+  static const locale_t locale = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+  return locale;
+}
+
+char32_t lower(char32_t character) {
+  if (character < 0x80) return character >= 'A' && character <= 'Z' ? character + 32 : character;
+  const locale_t locale = unicodeLocale();
+  return locale ? static_cast<char32_t>(towlower_l(static_cast<wint_t>(character), locale))
+                : character;
+}
+
+char32_t fold(char32_t character) {
+  if (character < 0x80) return lower(character);
+  // The dotted and dotless i have no simple folding of their own.
+  if (character == 0x130 || character == 0x131) return character;
+  const locale_t locale = unicodeLocale();
+  if (!locale) return character;
+  const wint_t upper = towupper_l(static_cast<wint_t>(character), locale);
+  return static_cast<char32_t>(towlower_l(upper, locale));
+}
+
+template <class Mapping>
+std::string mapped(std::string_view text, Mapping mapping) {
+  std::string result;
+  result.reserve(text.size());
+  for (std::size_t at = 0; at < text.size();) {
+    const Decoded decoded = decode(text, at);
+    if (decoded.valid)
+      appendUTF8(result, mapping(decoded.character));
+    else
+      result.append(text, at, decoded.length);
+    at += decoded.length;
+  }
+  return result;
+}
+
+bool isASCII(std::string_view text) {
+  for (const char c : text)
+    if (static_cast<unsigned char>(c) >= 0x80) return false;
+  return true;
+}
+
+}  // namespace
+
+void appendUTF8(std::string& text, char32_t character) {
+  const auto byte = [&](char32_t bits) { text.push_back(static_cast<char>(bits)); };
+  if (character < 0x80) {
+    byte(character);
+  } else if (character < 0x800) {
+    byte(0xC0 | (character >> 6)), byte(0x80 | (character & 0x3F));
+  } else if (character < 0x10000) {
+    byte(0xE0 | (character >> 12)), byte(0x80 | ((character >> 6) & 0x3F));
+    byte(0x80 | (character & 0x3F));
+  } else {
+    byte(0xF0 | (character >> 18)), byte(0x80 | ((character >> 12) & 0x3F));
+    byte(0x80 | ((character >> 6) & 0x3F)), byte(0x80 | (character & 0x3F));
+  }
+}
+
+bool isValidUTF8(std::string_view text) {
+  for (std::size_t at = 0; at < text.size();) {
+    if (static_cast<unsigned char>(text[at]) < 0x80) {
+      ++at;
+      continue;
+    }
+    const Decoded decoded = decode(text, at);
+    if (!decoded.valid) return false;
+    at += decoded.length;
+  }
+  return true;
+}
+
+std::string replacingInvalidUTF8(std::string_view text) {
+  std::string result;
+  result.reserve(text.size());
+  for (std::size_t at = 0; at < text.size();) {
+    const Decoded decoded = decode(text, at);
+    appendUTF8(result, decoded.character);
+    at += decoded.length;
+  }
+  return result;
+}
+
+std::size_t utf16Length(std::string_view text) {
+  std::size_t units = 0;
+  for (std::size_t at = 0; at < text.size();) {
+    const Decoded decoded = decode(text, at);
+    units += decoded.character >= 0x10000 ? 2 : 1;
+    at += decoded.length;
+  }
+  return units;
+}
+
+std::u16string utf16(std::string_view text) {
+  std::u16string units;
+  units.reserve(text.size());
+  for (std::size_t at = 0; at < text.size();) {
+    const Decoded decoded = decode(text, at);
+    at += decoded.length;
+    if (decoded.character < 0x10000) {
+      units.push_back(static_cast<char16_t>(decoded.character));
+    } else {
+      units.push_back(static_cast<char16_t>(0xD7C0 + (decoded.character >> 10)));
+      units.push_back(static_cast<char16_t>(0xDC00 | (decoded.character & 0x3FF)));
+    }
+  }
+  return units;
+}
+
+std::string lowerCased(std::string_view text) { return mapped(text, lower); }
+std::string caseFolded(std::string_view text) { return mapped(text, fold); }
+
+bool equalsIgnoringCase(std::string_view a, std::string_view b) {
+  if (a == b) return true;
+  if (!isASCII(a) || !isASCII(b)) return caseFolded(a) == caseFolded(b);
+  if (a.size() != b.size()) return false;
+  for (std::size_t i = 0; i < a.size(); ++i)
+    if (lower(static_cast<unsigned char>(a[i])) != lower(static_cast<unsigned char>(b[i])))
+      return false;
+  return true;
+}
+
+bool containsIgnoringCase(std::string_view text, std::string_view needle) {
+  if (needle.empty()) return false;
+  return caseFolded(text).find(caseFolded(needle)) != std::string::npos;
+}
+
+std::vector<std::string_view> split(std::string_view text, char separator) {
+  std::vector<std::string_view> parts;
+  for (;;) {
+    const std::size_t end = text.find(separator);
+    parts.push_back(text.substr(0, end));
+    if (end == std::string_view::npos) return parts;
+    text.remove_prefix(end + 1);
+  }
+}
+
+}  // namespace corvid

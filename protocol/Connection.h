@@ -1,0 +1,56 @@
+// One client's connection as the daemon sees it, and the listener that brings it.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "base/Value.h"
+#include "protocol/ClientSessionInterface.h"
+#include "protocol/ClientSessionReplyInterface.h"
+
+namespace corvid {
+
+// A connection from acceptance to invalidation.
+//
+// Threads   The delegate sets it up on its accept callback; from resume() on, the exported
+//           object's operations and the handlers run on the connection's own thread, one after
+//           the other. remoteObjectProxyWithErrorHandler, description and invalidate: any thread.
+// Ownership The connection holds its exported object and handlers until it is invalidated, and
+//           drops them after the invalidation handler has run.
+class Connection {
+ public:
+  virtual ~Connection() = default;
+
+  // For log lines: peer's process, user and the connection's number.
+  virtual std::string description() const = 0;
+  // What the peer is entitled to under `name`; nothing where it is not.
+  virtual std::optional<Value> valueForEntitlement(std::string_view name) = 0;
+
+  virtual void setExportedObject(std::shared_ptr<ClientSessionInterface> object) = 0;
+  // The connection broke but may come back. Not used by a transport that cannot resume.
+  virtual void setInterruptionHandler(std::function<void()> handler) = 0;
+  // The connection is gone. Runs once.
+  virtual void setInvalidationHandler(std::function<void()> handler) = 0;
+  virtual void resume() = 0;
+
+  // The client's interface. A call that cannot be delivered gives `onError` a description; so does
+  // a proxy of a connection that is already gone, at its first call.
+  virtual std::shared_ptr<ClientSessionReplyInterface> remoteObjectProxyWithErrorHandler(
+      std::function<void(const std::string&)> onError) = 0;
+
+  // Closes the connection with one log line that says why. Returns at once.
+  virtual void invalidate(std::string_view reason) = 0;
+};
+
+class ListenerDelegate {
+ public:
+  virtual ~ListenerDelegate() = default;
+  // Decides on a new connection; false closes it. On the accept thread.
+  virtual bool shouldAcceptNewConnection(std::shared_ptr<Connection> connection) = 0;
+};
+
+}  // namespace corvid

@@ -1,0 +1,83 @@
+// What other threads hand to a connection's thread: deliveries for the client and the outcome of
+// calls that were answered elsewhere.
+//
+// Threads   add, post, close, dropped: any, never waiting. The rest: the connection's thread.
+// Limits    limits::deliveriesWaiting and limits::deliveryBytesWaiting; past either the oldest
+//           deliveries are dropped, counted, and logged once.
+// Life      Outlives the connection where replies or proxies do; after stop() it takes nothing
+// more.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "base/Mutex.h"
+#include "base/Value.h"
+#include "protocol/wire/SocketPort.h"
+
+namespace corvid {
+
+struct Delivery {
+  std::optional<Dictionary> message;
+  double timestamp = 0;
+  std::uint16_t category = 0;
+  std::uint16_t type = 0;
+  std::optional<Dictionary> payload;
+};
+
+class Outbox {
+ public:
+  using Task = std::function<void()>;
+
+  // `client` names the client in log lines.
+  explicit Outbox(std::string client) : _client(std::move(client)) {}
+
+  // False where the connection is gone.
+  bool add(Delivery delivery) EXCLUDES(_mutex);
+  // Runs `task` on the connection's thread. A task that comes too late is destroyed unrun.
+  void post(Task task) EXCLUDES(_mutex);
+  // Asks the connection to end. False where it was asked before or is gone.
+  bool close() EXCLUDES(_mutex);
+  std::size_t dropped() const EXCLUDES(_mutex);
+
+  // From here on this thread is the connection's and `port` its event loop's.
+  void start(const wire::SocketPort& port) EXCLUDES(_mutex);
+  // Takes nothing more and drops what waits.
+  void stop() EXCLUDES(_mutex);
+  bool onConnectionThread() const { return _thread == std::this_thread::get_id(); }
+  bool hasDeliveries() const { return _hasDeliveries; }
+  std::vector<Task> takeTasks() EXCLUDES(_mutex);
+  std::deque<Delivery> takeDeliveries() EXCLUDES(_mutex);
+  bool mustClose() const EXCLUDES(_mutex);
+
+ private:
+  struct Waiting {
+    Delivery delivery;
+    std::size_t bytes;
+  };
+  void dropOldest() REQUIRES(_mutex);
+  void wake() REQUIRES(_mutex);
+
+  const std::string _client;
+  std::atomic<std::thread::id> _thread;
+  std::atomic<bool> _hasDeliveries{false};
+
+  mutable Mutex _mutex;
+  const wire::SocketPort* _port GUARDED_BY(_mutex) = nullptr;
+  std::vector<Task> _tasks GUARDED_BY(_mutex);
+  std::deque<Waiting> _deliveries GUARDED_BY(_mutex);
+  std::size_t _bytes GUARDED_BY(_mutex) = 0;
+  std::size_t _dropped GUARDED_BY(_mutex) = 0;
+  bool _closing GUARDED_BY(_mutex) = false;
+  bool _stopped GUARDED_BY(_mutex) = false;
+};
+
+}  // namespace corvid

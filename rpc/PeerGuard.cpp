@@ -1,0 +1,131 @@
+#include "rpc/PeerGuard.h"
+
+#include <fmt/format.h>
+#include <kj/debug.h>
+
+#include <utility>
+
+#include "protocol/Limits.h"
+
+namespace corvid {
+
+using capnp::rpc::Message;
+
+namespace {
+
+// What the RPC system tells the client when it ends the connection.
+kj::Exception failure(const std::string& rule) {
+  return {kj::Exception::Type::FAILED, __FILE__, __LINE__, kj::heapString(rule.c_str())};
+}
+
+}  // namespace
+
+void PeerGuard::fail(std::string rule) {
+  if (_breach) return;
+  _breach = std::move(rule);
+  _owner.ruleBroken(*_breach);
+  openGate();
+}
+
+void PeerGuard::openGate() {
+  if (auto gate = kj::mv(_gate); gate.get() != nullptr) gate->fulfill();
+}
+
+kj::Promise<PeerGuard::Incoming> PeerGuard::refuse(std::string rule) {
+  fail(std::move(rule));
+  return failure(*_breach);
+}
+
+kj::Promise<PeerGuard::Incoming> PeerGuard::tryReadMessage(
+    kj::ArrayPtr<kj::AutoCloseFd> descriptorSpace, capnp::ReaderOptions,
+    kj::ArrayPtr<capnp::word>) {
+  return kj::evalLast([this, descriptorSpace] { return readWhenAllowed(descriptorSpace); });
+}
+
+kj::Promise<PeerGuard::Incoming> PeerGuard::readWhenAllowed(
+    kj::ArrayPtr<kj::AutoCloseFd> descriptorSpace) {
+  if (_breach) return failure(*_breach);
+  if (_writing || _unanswered >= limits::callsInFlight) {
+    auto pair = kj::newPromiseAndFulfiller<void>();
+    _gate = kj::mv(pair.fulfiller);
+    return pair.promise.then([this, descriptorSpace] { return readWhenAllowed(descriptorSpace); });
+  }
+  return _stream.tryReadMessage(descriptorSpace)
+      .then(
+          [this](Incoming&& incoming) -> kj::Promise<Incoming> {
+            KJ_IF_MAYBE (message, incoming) {
+              try {
+                const auto root = message->reader->getRoot<Message>();
+                // The client says good-bye with a reason.
+                if (root.isAbort()) return Incoming();
+                if (auto breach = breachOf(root)) return refuse(std::move(*breach));
+              } catch (const kj::Exception& exception) {
+                return refuse(
+                    fmt::format("a malformed message ({})", exception.getDescription().cStr()));
+              }
+            }
+            return kj::mv(incoming);
+          },
+          [this](kj::Exception&& exception) -> kj::Promise<Incoming> {
+            if (exception.getType() == kj::Exception::Type::DISCONNECTED) return kj::mv(exception);
+            return refuse(exception.getDescription().cStr());
+          });
+}
+
+std::optional<std::string> PeerGuard::breachOf(Message::Reader message) {
+  std::size_t capabilities = 0;
+  switch (message.which()) {
+    case Message::CALL:
+      capabilities = message.getCall().getParams().getCapTable().size();
+      [[fallthrough]];
+    case Message::BOOTSTRAP:
+      ++_unanswered;
+      if (++_unfinished > limits::unfinishedCalls)
+        return fmt::format("more than {} unfinished calls", limits::unfinishedCalls);
+      break;
+    case Message::FINISH:
+      if (_unfinished > 0) --_unfinished;
+      break;
+    case Message::RETURN:
+      if (const auto answer = message.getReturn(); answer.isResults())
+        capabilities = answer.getResults().getCapTable().size();
+      break;
+    default: break;
+  }
+  if (capabilities > limits::capabilitiesPerMessage)
+    return fmt::format("a message with {} capabilities", capabilities);
+  return std::nullopt;
+}
+
+void PeerGuard::inspectOutgoing(kj::ArrayPtr<const kj::ArrayPtr<const capnp::word>> segments) {
+  capnp::SegmentArrayMessageReader reader(segments);
+  const auto message = reader.getRoot<Message>();
+  if (message.isReturn() && _unanswered > 0) --_unanswered;
+  // The RPC system ends the connection, over a message that made no sense at its place or because
+  // the client is gone.
+  if (message.isAbort() &&
+      message.getAbort().getType() != capnp::rpc::Exception::Type::DISCONNECTED)
+    fail(fmt::format("a message out of place ({})", message.getAbort().getReason().cStr()));
+}
+
+kj::Promise<void> PeerGuard::writeMessage(
+    kj::ArrayPtr<const int> descriptors,
+    kj::ArrayPtr<const kj::ArrayPtr<const capnp::word>> segments) {
+  inspectOutgoing(segments);
+  _writing = true;
+  return _stream.writeMessage(descriptors, segments).then([this] {
+    _writing = false;
+    _owner.written();
+    openGate();
+  });
+}
+
+kj::Promise<void> PeerGuard::writeMessages(
+    kj::ArrayPtr<kj::ArrayPtr<const kj::ArrayPtr<const capnp::word>>> messages) {
+  kj::Promise<void> written = kj::READY_NOW;
+  for (const auto message : messages)
+    written = written.then([this, message] { return writeMessage(nullptr, message); });
+  return written;
+}
+
+}  // namespace corvid

@@ -1,0 +1,56 @@
+// The daemon's exported object on the wire: decodes calls, hands them to the session, writes what
+// it answers.
+//
+// Threads: the event loop's.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "protocol/ClientSessionInterface.h"
+#include "protocol/corvid.capnp.h"
+#include "rpc/DeliverySender.h"
+#include "rpc/Outbox.h"
+#include "rpc/PeerGuard.h"
+
+namespace corvid {
+
+class SessionServer final : public wire::ClientSession::Server {
+ public:
+  // `guard` and `sender` are borrowed. `client` names the client in log lines.
+  SessionServer(std::shared_ptr<ClientSessionInterface> session, std::shared_ptr<Outbox> outbox,
+                PeerGuard& guard, DeliverySender& sender, std::string client);
+
+ private:
+  kj::Promise<void> setSessionInfo(SetSessionInfoContext context) override;
+  kj::Promise<void> startConfig(StartConfigContext context) override;
+  kj::Promise<void> fetchStates(FetchStatesContext context) override;
+  kj::Promise<void> fetchDisplayURL(FetchDisplayURLContext context) override;
+  kj::Promise<void> sendMessages(SendMessagesContext context) override;
+  kj::Promise<void> flush(FlushContext context) override;
+  kj::Promise<void> finish(FinishContext context) override;
+  kj::Promise<void> uploadFile(UploadFileContext context) override;
+  kj::Promise<void> uploadLogData(UploadLogDataContext context) override;
+  kj::Promise<void> sendSingleMessage(SendSingleMessageContext context) override;
+
+  // Runs `decode` on the call's parameters, which are gone afterwards: a call may wait long for its
+  // answer, and for the client to take note of it. What breaks a rule ends the connection.
+  template <class Context, class Decode>
+  void decoding(Context& context, Decode decode);
+  template <class Context>
+  bool wantsReply(Context& context);
+  // Runs an operation of the session.
+  template <class Operation>
+  void run(const char* name, Operation operation);
+  // Runs an operation that takes a Reply<Results...>, and `write` on what it answers.
+  template <class... Results, class Operation, class Write>
+  kj::Promise<void> perform(const char* name, bool replyWanted, Operation operation, Write write);
+
+  const std::shared_ptr<ClientSessionInterface> _session;
+  const std::shared_ptr<Outbox> _outbox;
+  PeerGuard& _guard;
+  DeliverySender& _sender;
+  const std::string _client;
+};
+
+}  // namespace corvid

@@ -1,0 +1,56 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "protocol/Limits.h"
+#include "rpc/Admission.h"
+#include "tests/fakes/CapturedLog.h"
+
+namespace corvid {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+const IPCConnection::Peer peer{9, 4711, 1000};
+
+constexpr const char* tooMany =
+    "IPCListener: Process 4711, user 1000 opened more than 512 connections; closing it";
+constexpr const char* tooManyOfUser =
+    "IPCListener: Process 4711, user 1000 opened more than 256 connections of one user; closing it";
+
+TEST(Admission, TheLastConnectionOfAllIsTaken) {
+  const CapturedLog log;
+  EXPECT_TRUE(admitsConnection(peer, 0, 0));
+  EXPECT_TRUE(admitsConnection(peer, 511, 0));
+  EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST(Admission, OneMoreThanAllIsRefusedWhoeverItIs) {
+  const CapturedLog log;
+  EXPECT_FALSE(admitsConnection(peer, 512, 0));
+  EXPECT_FALSE(admitsConnection(peer, 513, 255));
+  EXPECT_THAT(log.texts(LogLevel::warning), ElementsAre(tooMany, tooMany));
+}
+
+TEST(Admission, TheLastConnectionOfAUserIsTaken) {
+  const CapturedLog log;
+  EXPECT_TRUE(admitsConnection(peer, 255, 255));
+  EXPECT_TRUE(admitsConnection(peer, 511, 255));
+  EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST(Admission, OneMoreOfAUserIsRefusedWhileOthersHaveRoom) {
+  const CapturedLog log;
+  EXPECT_FALSE(admitsConnection(peer, 256, 256));
+  EXPECT_FALSE(admitsConnection(peer, 511, 257));
+  EXPECT_THAT(log.texts(LogLevel::warning), ElementsAre(tooManyOfUser, tooManyOfUser));
+}
+
+TEST(Admission, WhereBothLimitsAreReachedThatOfAllIsNamed) {
+  const CapturedLog log;
+  EXPECT_FALSE(admitsConnection(peer, 512, 256));
+  EXPECT_THAT(log.texts(LogLevel::warning), ElementsAre(tooMany));
+}
+
+}  // namespace
+}  // namespace corvid
