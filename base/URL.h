@@ -1,14 +1,26 @@
 // The few things that are done with a URL as a text.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
 namespace corvid {
 
-// Whether the text consists of what a URL, absolute or relative, may consist of: no blanks, no
-// control characters, nothing but ASCII, escapes that are whole, one "#" at most.
-bool isURL(std::string_view text);
+// A URL taken apart. The parts are views of the text that it was read from; what the text lacks is
+// empty.
+struct URL {
+  std::string_view scheme;     // without its colon; empty in a relative URL
+  std::string_view authority;  // what stands between "//" and the path: user, host and port
+  std::string_view host;       // of the authority; an IPv6 address in its brackets
+};
+
+// Nothing where the text is no URL, absolute or relative, by RFC 3986: where it is empty or has
+// characters that must be escaped, an escape that is not whole, a second "#", a colon behind what
+// is no scheme, brackets in its authority around or beside anything but one IPv6 address, or a port
+// that is none (digits up to 65535, or none at all). Brackets behind the authority are let pass:
+// queries are often written with them.
+std::optional<URL> parseURL(std::string_view text);
 
 // The text with every byte but those that may stand in a URL's query as they are (letters, digits
 // and -._~!$&'()*+,;=:@/?) as an escape of two upper-case hexadecimal digits.

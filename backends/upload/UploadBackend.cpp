@@ -73,7 +73,7 @@ bool UploadBackend::uploadFileAtPath(const std::string& path, const std::string&
   if (!body) return false;
   HTTPRequest request;
   request.url = requestURL(*target, path);
-  if (!isURL(request.url)) {
+  if (!parseURL(request.url)) {
     logError("UploadBackend(uploadFileAtPath): Unable to create URL request");
     return false;
   }

@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "base/Text.h"
+#include "base/URL.h"
 
 namespace corvid {
 namespace {
@@ -14,26 +15,11 @@ using namespace std::literals;
 
 constexpr std::chrono::milliseconds kLongestTimeout = std::chrono::hours(24);
 
-struct URLParts {
-  std::string_view scheme;
-  std::string_view authority;
-};
-
-std::optional<URLParts> partsOf(std::string_view url) {
-  const auto separator = url.find("://");
-  if (separator == url.npos) return std::nullopt;
-  std::string_view authority = url.substr(separator + 3);
-  authority = authority.substr(0, authority.find_first_of("/?#"));
-  if (authority.empty()) return std::nullopt;
-  return URLParts{url.substr(0, separator), authority};
-}
-
 // These names are known to belong to nobody, so the resolver need not be asked.
-bool isInvalidName(std::string_view authority) {
+bool isInvalidName(std::string_view host) {
   constexpr auto ending = ".invalid"sv;
-  const std::string_view name = authority.substr(0, authority.find(':'));
-  return name.size() > ending.size() &&
-         equalsIgnoringCase(name.substr(name.size() - ending.size()), ending);
+  return host.size() > ending.size() &&
+         equalsIgnoringCase(host.substr(host.size() - ending.size()), ending);
 }
 
 bool isHeaderName(std::string_view name) {
@@ -77,17 +63,17 @@ HTTPOutcome failedOutcome(int code, std::string description) {
 
 std::variant<Exchange, HTTPError> makeExchange(HTTPRequest request, bool allowInsecureHTTP,
                                                Exchange::Time now) {
-  const auto parts = partsOf(request.url);
-  if (!parts) return HTTPError{CURLE_URL_MALFORMAT, "not a URL of a host"};
+  const auto url = parseURL(request.url);
+  if (!url || url->host.empty()) return HTTPError{CURLE_URL_MALFORMAT, "not a URL of a host"};
   const auto refuse = [&](CURLcode code, std::string_view why) {
-    return HTTPError{code, fmt::format("{}: {}", parts->authority, why)};
+    return HTTPError{code, fmt::format("{}: {}", url->authority, why)};
   };
-  if (parts->authority.find('@') != std::string_view::npos)
+  if (url->authority.find('@') != std::string_view::npos)
     return HTTPError{CURLE_LOGIN_DENIED, "a URL with a user name is not sent"};
-  if (equalsIgnoringCase(parts->scheme, "http")) {
+  if (equalsIgnoringCase(url->scheme, "http")) {
     if (!allowInsecureHTTP)
       return refuse(CURLE_UNSUPPORTED_PROTOCOL, "plain http is not allowed, only https");
-  } else if (!equalsIgnoringCase(parts->scheme, "https")) {
+  } else if (!equalsIgnoringCase(url->scheme, "https")) {
     return refuse(CURLE_UNSUPPORTED_PROTOCOL, "the URL is neither https nor http");
   }
   if (request.method != "GET" && request.method != "POST")
@@ -95,11 +81,11 @@ std::variant<Exchange, HTTPError> makeExchange(HTTPRequest request, bool allowIn
   for (const auto& [name, value] : request.headers)
     if (!isHeaderName(name) || !isHeaderValue(value))
       return refuse(CURLE_BAD_FUNCTION_ARGUMENT, "a header cannot be sent as given");
-  if (isInvalidName(parts->authority))
+  if (isInvalidName(url->host))
     return refuse(CURLE_COULDNT_RESOLVE_HOST, "the name belongs to no host");
 
   Exchange exchange;
-  exchange.host = parts->authority;
+  exchange.host = url->authority;
   exchange.url = std::move(request.url);
   exchange.headerLines = headerLinesFor(request.headers);
   exchange.isPost = request.method == "POST";

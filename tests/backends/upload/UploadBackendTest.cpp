@@ -194,7 +194,8 @@ TEST_F(UploadBackendTest, WithoutAnURLNothingHappens) {
 }
 
 TEST_F(UploadBackendTest, ATextThatIsNoURLMakesNoRequest) {
-  for (const char* odd : {"https://up test/put", "https://up.test/\xc3\xbc", "https://up.test/%"}) {
+  for (const char* odd : {"https://up test/put", "https://up.test/\xc3\xbc", "https://up.test/%",
+                          "https://[::1/upload", "https://host:port/upload"}) {
     backend->setUploadURL(odd);
     EXPECT_FALSE(upload()) << odd;
     EXPECT_THAT(errors(),

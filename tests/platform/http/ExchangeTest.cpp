@@ -36,7 +36,13 @@ TEST(ExchangeTest, RefusesOtherSchemesAlways) {
 }
 
 TEST(ExchangeTest, RefusesURLsWithoutAHost) {
-  for (const char* url : {"", "host/path", "https:host", "https://", "https:///path", "https://?q"})
+  for (const char* url :
+       {"", "host/path", "https:host", "https://", "https:///path", "https://?q", "https://:1/"})
+    EXPECT_EQ(refusalOf({.url = url}), CURLE_URL_MALFORMAT) << url;
+}
+
+TEST(ExchangeTest, RefusesTextsThatAreNoURL) {
+  for (const char* url : {"https://[::1/upload", "https://host:port/upload", "https://host/a b"})
     EXPECT_EQ(refusalOf({.url = url}), CURLE_URL_MALFORMAT) << url;
 }
 
