@@ -1,15 +1,14 @@
 #include "platform/http/HTTPWorker.h"
 
 #include <fmt/format.h>
-#include <pthread.h>
 
 #include <algorithm>
 #include <chrono>
-#include <csignal>
 #include <new>
 #include <utility>
 
 #include "base/Log.h"
+#include "base/Thread.h"
 #include "platform/http/CurlHTTPClient.h"
 
 namespace corvid {
@@ -20,13 +19,6 @@ using std::chrono::steady_clock;
 
 constexpr milliseconds kLongestSleep = std::chrono::minutes(1);
 constexpr std::string_view kEnded = "the HTTP client has ended";
-
-// Signals are the main thread's; SIGPIPE besides would end the process.
-void blockSignals() {
-  sigset_t all;
-  sigfillset(&all);
-  pthread_sigmask(SIG_BLOCK, &all, nullptr);
-}
 
 HTTPOutcome failed(const Exchange& exchange, CURLcode code, std::string_view why) {
   return failedOutcome(code, fmt::format("{}: {}", exchange.host, why));
@@ -72,7 +64,7 @@ void HTTPWorker::add(Exchange exchange) {
       ++_underWay;
       _queue.add(std::move(exchange));
       _hasNews = true;
-      if (!_thread.joinable()) _thread = std::thread([this] { run(); });
+      if (!_thread.joinable()) _thread = startThread("corvid-http", [this] { run(); });
       wake();
       return;
     }
@@ -100,8 +92,6 @@ void HTTPWorker::wake() {
 }
 
 void HTTPWorker::run() {
-  blockSignals();
-  pthread_setname_np(pthread_self(), "corvid-http");
   while (takeWork()) {
     failExpired();
     beginTransfers();

@@ -1,9 +1,6 @@
 #include "platform/network/NetworkLoop.h"
 
-#include <pthread.h>
-#include <signal.h>
 #include <sys/epoll.h>
-#include <sys/eventfd.h>
 
 #include <algorithm>
 #include <array>
@@ -11,18 +8,13 @@
 #include <limits>
 #include <system_error>
 
+#include "base/Thread.h"
+
 namespace corvid {
 
 namespace {
 
 constexpr std::size_t eventsPerWait = 64;
-
-// Signals are the main thread's.
-void blockSignals() {
-  sigset_t all;
-  sigfillset(&all);
-  pthread_sigmask(SIG_BLOCK, &all, nullptr);
-}
 
 Descriptor made(int descriptor) {
   if (descriptor < 0) throw std::system_error(errno, std::generic_category(), "network loop");
@@ -40,10 +32,8 @@ bool watch(int poll, int descriptor, std::uint64_t source) {
 }  // namespace
 
 NetworkLoop::NetworkLoop(std::function<void()> onIdle)
-    : _onIdle(std::move(onIdle)),
-      _poll(made(epoll_create1(EPOLL_CLOEXEC))),
-      _wakeUp(made(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))) {
-  if (!watch(_poll.get(), _wakeUp.get(), noSource))
+    : _onIdle(std::move(onIdle)), _poll(made(epoll_create1(EPOLL_CLOEXEC))) {
+  if (!watch(_poll.get(), _wakeup.descriptor(), noSource))
     throw std::system_error(errno, std::generic_category(), "network loop");
 }
 
@@ -128,8 +118,8 @@ void NetworkLoop::remove(SourceID source) {
 }
 
 void NetworkLoop::startOrWake() {
-  if (!_thread.joinable()) _thread = std::thread([this] { run(); });
-  if (_isAsleep) eventfd_write(_wakeUp.get(), 1);
+  if (!_thread.joinable()) _thread = startThread("corvid-network", [this] { run(); });
+  if (_isAsleep) _wakeup.wake();
   _isAsleep = false;
 }
 
@@ -156,8 +146,6 @@ void NetworkLoop::stop() {
 }
 
 void NetworkLoop::run() {
-  blockSignals();
-  pthread_setname_np(pthread_self(), "corvid-network");
   while (runTasks()) {
     runDue();
     runReadable();
@@ -246,8 +234,7 @@ void NetworkLoop::runReadable() {
   for (int i = 0; i < count; ++i) {
     const SourceID source = events[static_cast<std::size_t>(i)].data.u64;
     if (source == noSource) {
-      eventfd_t ignored = 0;
-      eventfd_read(_wakeUp.get(), &ignored);
+      _wakeup.drain();
     } else if (const std::shared_ptr<Task> handler = handlerOf(source)) {
       (*handler)();
     }

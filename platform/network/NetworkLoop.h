@@ -14,6 +14,7 @@
 
 #include "base/Descriptor.h"
 #include "base/Mutex.h"
+#include "base/Wakeup.h"
 #include "platform/Network.h"
 
 namespace corvid {
@@ -80,7 +81,7 @@ class NetworkLoop {
   // Constant after construction.
   const std::function<void()> _onIdle;
   const Descriptor _poll;
-  const Descriptor _wakeUp;
+  const Wakeup _wakeup;
 
   mutable Mutex _mutex;
   std::vector<Task> _tasks GUARDED_BY(_mutex);

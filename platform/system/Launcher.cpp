@@ -161,9 +161,8 @@ int Launcher::runLoop(std::chrono::seconds idleExit, const std::function<bool()>
     const bool isBusy = busy();
     _mutex.lock();
     if (_transactions > 0) continue;
-    const auto now = _clock->steadyNow();
-    if (isBusy) _lastWork = now;
-    const auto left = _lastWork + idleExit - now;
+    if (isBusy) _lastWork = _clock->steadyNow();
+    const auto left = _clock->sleepTowards(_lastWork + idleExit);
     if (left.count() <= 0)
       _isEnding = true;
     else

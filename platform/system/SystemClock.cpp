@@ -1,5 +1,6 @@
 #include "platform/system/SystemClock.h"
 
+#include <algorithm>
 #include <ctime>
 
 namespace corvid {
@@ -10,8 +11,11 @@ TimeValue SystemClock::now() {
   return {time.tv_sec, static_cast<std::int32_t>(time.tv_nsec / 1000)};
 }
 
-std::chrono::steady_clock::time_point SystemClock::steadyNow() {
-  return std::chrono::steady_clock::now();
+Clock::TimePoint SystemClock::steadyNow() { return std::chrono::steady_clock::now(); }
+
+std::chrono::nanoseconds SystemClock::sleepTowards(TimePoint deadline) {
+  using std::chrono::nanoseconds;
+  return std::clamp<nanoseconds>(deadline - steadyNow(), nanoseconds(0), std::chrono::hours(24));
 }
 
 }  // namespace corvid

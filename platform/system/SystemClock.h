@@ -8,7 +8,8 @@ namespace corvid {
 class SystemClock final : public Clock {
  public:
   TimeValue now() override;
-  std::chrono::steady_clock::time_point steadyNow() override;
+  TimePoint steadyNow() override;
+  std::chrono::nanoseconds sleepTowards(TimePoint deadline) override;
 };
 
 }  // namespace corvid

@@ -29,5 +29,14 @@ TEST(SystemClock, MeasuresOnTheSteadyClock) {
   EXPECT_LE(now, std::chrono::steady_clock::now());
 }
 
+TEST(SystemClock, SleepsUpToTheDeadlineAndADayAtMost) {
+  SystemClock clock;
+  const auto now = clock.steadyNow();
+  EXPECT_EQ(clock.sleepTowards(now), std::chrono::nanoseconds(0));
+  EXPECT_LE(clock.sleepTowards(now + std::chrono::hours(1)), std::chrono::hours(1));
+  EXPECT_GT(clock.sleepTowards(now + std::chrono::hours(1)), std::chrono::minutes(59));
+  EXPECT_EQ(clock.sleepTowards(Clock::TimePoint::max()), std::chrono::hours(24));
+}
+
 }  // namespace
 }  // namespace corvid
