@@ -113,8 +113,7 @@ int main(int count, char** arguments) {
       fmt::print(stderr, "{}\n", listener.failure().message);
       return 1;
     }
-    listener.value()->setDelegate(std::make_shared<Delegate>());
-    listener.value()->resume();
+    listener.value()->resume(std::make_shared<Delegate>());
     WireClient client(path);
     measure(client, 64, 200, true);
     const auto only = static_cast<capnp::uint>(count > 1 ? std::atoi(arguments[1]) : 0);

@@ -132,10 +132,8 @@ int runDaemon(const Options& options) {
     return socketFailure;
   }
   const std::unique_ptr<IPCListener> listener = std::move(created).value();
-  listener->setDelegate(CorviddAgent::create());
-  listener->setAcceptGate({[launcher] { return launcher->tryBeginTransaction(); },
-                           [launcher] { launcher->endTransaction(); }});
-  listener->resume();
+  listener->resume(CorviddAgent::create(), {[launcher] { return launcher->tryBeginTransaction(); },
+                                            [launcher] { launcher->endTransaction(); }});
   logInfo("main: Listener resumes with sandbox, start loop.");
   sealSandbox(options);
   launcher->notifyReady("Serving");

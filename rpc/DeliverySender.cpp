@@ -10,16 +10,12 @@ namespace corvid {
 
 namespace {
 
-capnp::uint count(std::size_t size) { return static_cast<capnp::uint>(size); }
-
 void encode(const Delivery& delivery, wire::Delivery::Builder target) {
-  if (delivery.message)
-    wire::encode(*delivery.message, target.initMessage(count(delivery.message->size())));
+  wire::encode(delivery.message, [&](auto size) { return target.initMessage(size); });
   target.setTimestamp(delivery.timestamp);
   target.setCategory(delivery.category);
   target.setType(delivery.type);
-  if (delivery.payload)
-    wire::encode(*delivery.payload, target.initPayload(count(delivery.payload->size())));
+  wire::encode(delivery.payload, [&](auto size) { return target.initPayload(size); });
 }
 
 }  // namespace
@@ -38,8 +34,8 @@ void DeliverySender::flush() {
   const std::deque<Delivery> deliveries = _outbox.takeDeliveries();
   if (deliveries.empty()) return;
   auto request = _client->sendMessagesToClientRequest();
-  auto list = request.initDeliveries(count(deliveries.size()));
-  for (std::size_t i = 0; i < deliveries.size(); ++i) encode(deliveries[i], list[count(i)]);
+  auto list = request.initDeliveries(wire::count(deliveries.size()));
+  for (capnp::uint i = 0; i < list.size(); ++i) encode(deliveries[i], list[i]);
   ++_inFlight;
   _calls.add(request.send().ignoreResult().then([this] { acknowledged(); },
                                                 [this](kj::Exception&&) { acknowledged(); }));

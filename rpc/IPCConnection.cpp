@@ -42,13 +42,15 @@ class Proxy final : public ClientSessionReplyInterface {
 }  // namespace
 
 // The connection's event loop, while there is a peer.
-class IPCConnection::Serving final : private PeerGuard::Owner {
+class IPCConnection::Serving {
  public:
   Serving(IPCConnection& connection, wire::SocketPort& port)
       : _connection(connection),
         _port(port),
         _stream(port),
-        _guard(_stream, *this),
+        _guard(
+            _stream, [this](const std::string& rule) { ruleBroken(rule); },
+            [this] { _sender.flushIfClientReads(); }),
         _network(_guard, limits::descriptorsPerMessage, capnp::rpc::twoparty::Side::SERVER),
         _sender(*connection._outbox, _guard, _network, [this] { return client(); }),
         _rpc(capnp::makeRpcServer(
@@ -63,14 +65,13 @@ class IPCConnection::Serving final : private PeerGuard::Owner {
   }
 
  private:
-  void ruleBroken(const std::string& rule) override {
+  void ruleBroken(const std::string& rule) {
     if (_connection._outbox->close())
       logWarning("IPCConnection: {} broke a rule: {}; closing the connection",
                  _connection._description, rule);
     // The client is told, where its socket still takes that.
     _farewell = kj::evalLast([this] { _end->fulfill(); }).eagerlyEvaluate(nullptr);
   }
-  void written() override { _sender.flushIfClientReads(); }
 
   kj::Promise<void> whenWoken() {
     return _port.whenWoken().then([this] {

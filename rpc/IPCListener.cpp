@@ -9,19 +9,13 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <cstdint>
 #include <exception>
-#include <string_view>
 #include <system_error>
-#include <thread>
 #include <utility>
-#include <vector>
 
 #include "base/Log.h"
-#include "base/Mutex.h"
-#include "rpc/Admission.h"
+#include "protocol/Limits.h"
 #include "rpc/IPCConnection.h"
-#include "rpc/ServiceSocket.h"
 
 namespace corvid {
 
@@ -33,58 +27,21 @@ std::string errorText(int error) { return std::generic_category().message(error)
 
 }  // namespace
 
-// The accept thread and the connections that it brought.
-class IPCListener::Acceptor {
- public:
-  Acceptor(ServiceSocket socket, Descriptor wakeup, EntitlementReader entitlements)
-      : _entitlements(std::move(entitlements)),
-        _wakeup(std::move(wakeup)),
-        _socket(std::move(socket)) {}
-  ~Acceptor();
+bool admitsConnection(pid_t process, uid_t user, std::size_t all, std::size_t ofUser) {
+  if (all < limits::connections && ofUser < limits::connectionsPerUser) return true;
+  const bool forUser = all < limits::connections;
+  logWarning("IPCListener: Process {}, user {} opened more than {} connections{}; closing it",
+             process, user, forUser ? limits::connectionsPerUser : limits::connections,
+             forUser ? " of one user" : "");
+  return false;
+}
 
-  void setDelegate(std::shared_ptr<ListenerDelegate> delegate) { _delegate = std::move(delegate); }
-  void setGate(AcceptGate gate) { _gate = std::move(gate); }
-  void resume() {
-    _thread = std::thread([this] { run(); });
-  }
-  std::size_t connections() const {
-    const MutexLock lock(_mutex);
-    return _connections.size();
-  }
+IPCListener::IPCListener(ServiceSocket socket, Descriptor wakeup, EntitlementReader entitlements)
+    : _entitlements(std::move(entitlements)),
+      _wakeup(std::move(wakeup)),
+      _socket(std::move(socket)) {}
 
- private:
-  struct Open {
-    std::shared_ptr<IPCConnection> connection;
-    bool ended = false;
-  };
-  enum class Accepted { one, none, starved, refused };
-
-  void run();
-  Accepted acceptThroughGate();
-  Accepted acceptOne();
-  void starve(std::string_view action, int error);
-  void bring(Descriptor socket);
-  bool admits(const IPCConnection::Peer& peer);
-  void connectionEnded(std::uint64_t number);
-  void reap();
-  void wake() const;
-
-  const EntitlementReader _entitlements;
-  const Descriptor _wakeup;
-  ServiceSocket _socket;
-  std::shared_ptr<ListenerDelegate> _delegate;
-  AcceptGate _gate;
-  std::uint64_t _lastNumber = 0;
-  bool _starved = false;
-  bool _refused = false;  // by the gate
-
-  mutable Mutex _mutex;
-  std::vector<Open> _connections GUARDED_BY(_mutex);
-  bool _stopping GUARDED_BY(_mutex) = false;
-  std::thread _thread;
-};
-
-IPCListener::Acceptor::~Acceptor() {
+IPCListener::~IPCListener() {
   {
     const MutexLock lock(_mutex);
     _stopping = true;
@@ -101,12 +58,12 @@ IPCListener::Acceptor::~Acceptor() {
   for (const auto& connection : connections) connection->join();
 }
 
-void IPCListener::Acceptor::wake() const {
+void IPCListener::wake() const {
   const std::uint64_t one = 1;
   [[maybe_unused]] const auto written = write(_wakeup.get(), &one, sizeof one);
 }
 
-void IPCListener::Acceptor::run() {
+void IPCListener::run() {
   for (;;) {
     std::array<pollfd, 2> ready{{{_wakeup.get(), POLLIN, 0}, {_socket.get(), POLLIN, 0}}};
     // What is refused or cannot be accepted keeps the socket readable.
@@ -129,7 +86,7 @@ void IPCListener::Acceptor::run() {
   }
 }
 
-IPCListener::Acceptor::Accepted IPCListener::Acceptor::acceptThroughGate() {
+IPCListener::Accepted IPCListener::acceptThroughGate() {
   if (!_gate.enter) return acceptOne();
   _refused = !_gate.enter();
   if (_refused) return Accepted::refused;
@@ -138,7 +95,7 @@ IPCListener::Acceptor::Accepted IPCListener::Acceptor::acceptThroughGate() {
   return accepted;
 }
 
-IPCListener::Acceptor::Accepted IPCListener::Acceptor::acceptOne() {
+IPCListener::Accepted IPCListener::acceptOne() {
   Descriptor socket(accept4(_socket.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
   const int error = errno;
   if (socket) {
@@ -155,17 +112,17 @@ IPCListener::Acceptor::Accepted IPCListener::Acceptor::acceptOne() {
 }
 
 // One line for the whole time in which the system lacks something.
-void IPCListener::Acceptor::starve(std::string_view action, int error) {
+void IPCListener::starve(std::string_view action, int error) {
   if (!std::exchange(_starved, true))
     logError("IPCListener: {} failed, trying again: {}", action, errorText(error));
 }
 
-void IPCListener::Acceptor::bring(Descriptor socket) {
+void IPCListener::bring(Descriptor socket) {
   ucred credentials{};
   socklen_t length = sizeof credentials;
   if (getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) return;
   const IPCConnection::Peer peer{++_lastNumber, credentials.pid, credentials.uid};
-  if (!admits(peer)) return;
+  if (!admits(peer.process, peer.user)) return;
   std::shared_ptr<IPCConnection> connection;
   try {
     Dictionary entitlements = _entitlements(socket.get());
@@ -191,18 +148,18 @@ void IPCListener::Acceptor::bring(Descriptor socket) {
   connectionEnded(peer.number);
 }
 
-bool IPCListener::Acceptor::admits(const IPCConnection::Peer& peer) {
+bool IPCListener::admits(pid_t process, uid_t user) const {
   std::size_t all = 0;
   std::size_t ofUser = 0;
   {
     const MutexLock lock(_mutex);
     all = _connections.size();
-    for (const Open& open : _connections) ofUser += open.connection->peer().user == peer.user;
+    for (const Open& open : _connections) ofUser += open.connection->peer().user == user;
   }
-  return admitsConnection(peer, all, ofUser);
+  return admitsConnection(process, user, all, ofUser);
 }
 
-void IPCListener::Acceptor::connectionEnded(std::uint64_t number) {
+void IPCListener::connectionEnded(std::uint64_t number) {
   {
     const MutexLock lock(_mutex);
     for (Open& open : _connections)
@@ -211,7 +168,7 @@ void IPCListener::Acceptor::connectionEnded(std::uint64_t number) {
   wake();
 }
 
-void IPCListener::Acceptor::reap() {
+void IPCListener::reap() {
   std::vector<Open> ended;
   {
     const MutexLock lock(_mutex);
@@ -223,16 +180,13 @@ void IPCListener::Acceptor::reap() {
   for (const Open& open : ended) open.connection->join();
 }
 
-IPCListener::IPCListener(std::unique_ptr<Acceptor> acceptor) : _acceptor(std::move(acceptor)) {}
-IPCListener::~IPCListener() = default;
-
 Result<std::unique_ptr<IPCListener>> IPCListener::serving(Result<ServiceSocket> socket,
                                                           EntitlementReader entitlements) {
   if (!socket) return socket.failure();
   Descriptor wakeup(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   if (!wakeup) return Failure{"Creating an event failed: " + errorText(errno), errno};
-  return std::unique_ptr<IPCListener>(new IPCListener(std::make_unique<Acceptor>(
-      std::move(socket).value(), std::move(wakeup), std::move(entitlements))));
+  return std::unique_ptr<IPCListener>(
+      new IPCListener(std::move(socket).value(), std::move(wakeup), std::move(entitlements)));
 }
 
 Result<std::unique_ptr<IPCListener>> IPCListener::bind(const std::string& path,
@@ -245,11 +199,15 @@ Result<std::unique_ptr<IPCListener>> IPCListener::adopt(int socket,
   return serving(ServiceSocket::adopt(Descriptor(socket)), std::move(entitlements));
 }
 
-void IPCListener::setDelegate(std::shared_ptr<ListenerDelegate> delegate) {
-  _acceptor->setDelegate(std::move(delegate));
+void IPCListener::resume(std::shared_ptr<ListenerDelegate> delegate, AcceptGate gate) {
+  _delegate = std::move(delegate);
+  _gate = std::move(gate);
+  _thread = std::thread([this] { run(); });
 }
-void IPCListener::setAcceptGate(AcceptGate gate) { _acceptor->setGate(std::move(gate)); }
-void IPCListener::resume() { _acceptor->resume(); }
-std::size_t IPCListener::connections() const { return _acceptor->connections(); }
+
+std::size_t IPCListener::connections() const {
+  const MutexLock lock(_mutex);
+  return _connections.size();
+}
 
 }  // namespace corvid

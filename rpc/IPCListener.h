@@ -1,19 +1,27 @@
 // The daemon's end of the service socket: brings connections to its delegate.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
 
+#include "base/Descriptor.h"
+#include "base/Mutex.h"
 #include "base/Result.h"
 #include "base/Value.h"
 #include "protocol/Connection.h"
+#include "rpc/ServiceSocket.h"
 
 namespace corvid {
 
-class ServiceSocket;
+class IPCConnection;
 
 // What the process at the other end of a connected socket is entitled to.
 using EntitlementReader = std::function<Dictionary(int socket)>;
@@ -26,11 +34,15 @@ struct AcceptGate {
   std::function<void()> leave;
 };
 
+// Whether a peer's connection may be opened while `all` others are, `ofUser` of them by the peer's
+// user. A refusal is logged with the limit that it would pass; that of all connections comes first.
+bool admitsConnection(pid_t process, uid_t user, std::size_t all, std::size_t ofUser);
+
 // Accepts connections on one Unix socket.
 //
 // Threads   One accept thread, which asks the delegate, and one thread a connection, on which that
-//           client's calls run one after the other. setDelegate and setAcceptGate before resume;
-//           resume once. A connection thread may block without holding up anyone else.
+//           client's calls run one after the other. A connection thread may block without holding
+//           up anyone else.
 // Limits    limits::connections and limits::connectionsPerUser; one connection more is closed with
 //           a log line. Without file descriptors left, clients wait until there are some again.
 // Stop      The destructor accepts nothing more, closes every connection and waits for the threads,
@@ -47,21 +59,48 @@ class IPCListener {
   IPCListener(const IPCListener&) = delete;
   IPCListener& operator=(const IPCListener&) = delete;
 
-  void setDelegate(std::shared_ptr<ListenerDelegate> delegate);
-  // Without a gate every connection is taken.
-  void setAcceptGate(AcceptGate gate);
-  void resume();
+  // Starts the accept thread, once. Without a gate every connection is taken.
+  void resume(std::shared_ptr<ListenerDelegate> delegate, AcceptGate gate = {});
 
   // Connections that are open or being closed. Any thread.
   std::size_t connections() const;
 
  private:
-  class Acceptor;
-  explicit IPCListener(std::unique_ptr<Acceptor> acceptor);
+  struct Open {
+    std::shared_ptr<IPCConnection> connection;
+    bool ended = false;
+  };
+  enum class Accepted { one, none, starved, refused };
+
+  IPCListener(ServiceSocket socket, Descriptor wakeup, EntitlementReader entitlements);
   static Result<std::unique_ptr<IPCListener>> serving(Result<ServiceSocket> socket,
                                                       EntitlementReader entitlements);
+  void run();
+  Accepted acceptThroughGate();
+  Accepted acceptOne();
+  void starve(std::string_view action, int error);
+  void bring(Descriptor socket);
+  bool admits(pid_t process, uid_t user) const EXCLUDES(_mutex);
+  void connectionEnded(std::uint64_t number) EXCLUDES(_mutex);
+  void reap() EXCLUDES(_mutex);
+  void wake() const;
 
-  std::unique_ptr<Acceptor> _acceptor;
+  // Constant after resume().
+  const EntitlementReader _entitlements;
+  const Descriptor _wakeup;
+  const ServiceSocket _socket;
+  std::shared_ptr<ListenerDelegate> _delegate;
+  AcceptGate _gate;
+  std::thread _thread;
+
+  // The accept thread's.
+  std::uint64_t _lastNumber = 0;
+  bool _starved = false;
+  bool _refused = false;  // by the gate
+
+  mutable Mutex _mutex;
+  std::vector<Open> _connections GUARDED_BY(_mutex);
+  bool _stopping GUARDED_BY(_mutex) = false;
 };
 
 }  // namespace corvid

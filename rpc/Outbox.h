@@ -4,8 +4,7 @@
 // Threads   add, post, close, dropped: any, never waiting. The rest: the connection's thread.
 // Limits    limits::deliveriesWaiting and limits::deliveryBytesWaiting; past either the oldest
 //           deliveries are dropped, counted, and logged once.
-// Life      Outlives the connection where replies or proxies do; after stop() it takes nothing
-// more.
+// Life      Outlives the connection where replies or proxies do, and takes nothing after stop().
 #pragma once
 
 #include <atomic>

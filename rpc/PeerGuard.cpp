@@ -23,7 +23,7 @@ kj::Exception failure(const std::string& rule) {
 void PeerGuard::fail(std::string rule) {
   if (_breach) return;
   _breach = std::move(rule);
-  _owner.ruleBroken(*_breach);
+  _broken(*_breach);
   openGate();
 }
 
@@ -115,7 +115,7 @@ kj::Promise<void> PeerGuard::writeMessage(
   _writing = true;
   return _stream.writeMessage(descriptors, segments).then([this] {
     _writing = false;
-    _owner.written();
+    _written();
     openGate();
   });
 }

@@ -5,19 +5,20 @@
 // is read while something waits to be written, or while too many calls are unanswered; so a client
 // that does not read cannot make the daemon's memory grow.
 //
-// A rule is broken where a message is malformed, beyond a limit, or no sense at its place. The
-// owner hears of the first breach; the RPC system then tells the client and ends the connection.
+// A rule is broken where a message is malformed, beyond a limit, or makes no sense at its place.
+// After the first breach the RPC system tells the client and ends the connection.
 //
 // Threads: the event loop's.
 #pragma once
 
 #include <capnp/rpc.capnp.h>
 #include <capnp/serialize-async.h>
-#include <kj/function.h>
 
 #include <cstddef>
+#include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 
 namespace corvid {
 
@@ -26,18 +27,11 @@ class PeerGuard final : public capnp::MessageStream {
   using capnp::MessageStream::writeMessage;
   using capnp::MessageStream::writeMessages;
 
-  class Owner {
-   public:
-    virtual void ruleBroken(const std::string& rule) = 0;
-    // The socket has taken a message.
-    virtual void written() = 0;
-
-   protected:
-    ~Owner() = default;
-  };
-
-  // Both are borrowed.
-  PeerGuard(capnp::MessageStream& stream, Owner& owner) : _stream(stream), _owner(owner) {}
+  // `stream` is borrowed. `broken` hears of the first breach, `written` whenever the socket has
+  // taken a message.
+  PeerGuard(capnp::MessageStream& stream, std::function<void(const std::string& rule)> broken,
+            std::function<void()> written)
+      : _stream(stream), _broken(std::move(broken)), _written(std::move(written)) {}
 
   // The client broke a rule that only the reader of a call can see.
   void fail(std::string rule);
@@ -64,7 +58,8 @@ class PeerGuard final : public capnp::MessageStream {
   void openGate();
 
   capnp::MessageStream& _stream;
-  Owner& _owner;
+  const std::function<void(const std::string&)> _broken;
+  const std::function<void()> _written;
   std::optional<std::string> _breach;
   std::size_t _unanswered = 0;  // calls begun less calls returned
   std::size_t _unfinished = 0;  // calls begun less calls that the client has finished with

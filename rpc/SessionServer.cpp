@@ -6,6 +6,7 @@
 
 #include <exception>
 #include <optional>
+#include <tuple>
 #include <utility>
 
 #include "base/Log.h"
@@ -21,17 +22,13 @@ namespace {
 
 using wire::ValueDecoder;
 
-capnp::uint count(std::size_t size) { return static_cast<capnp::uint>(size); }
-
-capnp::Text::Reader textReader(const std::string& text) { return {text.c_str(), text.size()}; }
-
-// Writes the texts of one answer as far as the answer has room for them.
-class TextWriter {
+// Writes what one call answers into its results, texts as far as there is room for them.
+class AnswerWriter {
  public:
   // `client` is borrowed and names the client in log lines.
-  explicit TextWriter(const std::string& client) : _client(client) {}
+  explicit AnswerWriter(const std::string& client) : _client(client) {}
 
-  void write(wire::TextResult::Builder result, const std::optional<std::string>& text) {
+  void writeText(wire::TextResult::Builder result, const std::optional<std::string>& text) {
     result.setNone();
     if (!text) return;
     if (text->size() > _room) {
@@ -40,7 +37,34 @@ class TextWriter {
       return;
     }
     _room -= text->size();
-    result.setText(textReader(*text));
+    result.setText(wire::textReader(*text));
+  }
+
+  template <class Results>
+  void write(Results results, const std::optional<std::string>& text) {
+    if constexpr (requires { results.initUrl(); })
+      writeText(results.initUrl(), text);
+    else
+      writeText(results.initResult(), text);
+  }
+  template <class Results>
+  void write(Results results, bool success) {
+    results.setAnswered(true);
+    results.setSuccess(success);
+  }
+  template <class Results>
+  void write(Results results, const std::optional<Array>& states) {
+    results.setAnswered(true);
+    wire::encode(states, [&](auto size) { return results.initStates(size); });
+  }
+  // The builder keeps the error absent where there is none.
+  template <class Results>
+  void write(Results results, const std::optional<CorvidError>& error) {
+    if (!error) return;
+    wire::Error::Builder target = results.initError();
+    target.setDomain(wire::textReader(error->domain));
+    target.setCode(error->code);
+    target.setDescription(wire::textReader(error->localizedDescription));
   }
 
  private:
@@ -48,33 +72,13 @@ class TextWriter {
   std::size_t _room = limits::answerTextBytes;
 };
 
-// The builder keeps the error absent where there is none.
-template <class Results>
-void writeError(Results results, const std::optional<CorvidError>& error) {
-  if (!error) return;
-  wire::Error::Builder target = results.initError();
-  target.setDomain(textReader(error->domain));
-  target.setCode(error->code);
-  target.setDescription(textReader(error->localizedDescription));
-}
-
-template <class Results>
-void writeStates(Results results, const std::optional<Array>& states) {
-  results.setAnswered(true);
-  if (states) wire::encode(*states, results.initStates(count(states->size())));
-}
-
-template <class Parameters>
-std::optional<Dictionary> userInfoOf(ValueDecoder& decoder, Parameters parameters) {
-  if (!parameters.hasUserInfo()) return std::nullopt;
-  return decoder.dictionary(parameters.getUserInfo());
-}
-
-template <class Parameters>
-std::optional<Dictionary> payloadOf(ValueDecoder& decoder, Parameters parameters) {
-  if (!parameters.hasPayload()) return std::nullopt;
-  return decoder.dictionary(parameters.getPayload());
-}
+// The pending call of an operation whose last argument is its reply.
+template <class Reply>
+struct PendingCallOf;
+template <class... Results>
+struct PendingCallOf<Reply<Results...>> {
+  using Type = PendingCall<Results...>;
+};
 
 // What a session is to keep of the client's infos.
 void checkInfos(const Dictionary& sessionInfo, const std::optional<Dictionary>& userInfo,
@@ -96,19 +100,6 @@ std::shared_ptr<PassedFile> passedFile(wire::FileGrant::Client file) {
   return nullptr;
 }
 
-std::string bytesOf(capnp::Data::Reader data) {
-  return {reinterpret_cast<const char*>(data.begin()), data.size()};
-}
-
-// Runs `finish`, which owns the call, once there is an outcome: at once where the session answered
-// while it was called.
-template <class Finish>
-kj::Promise<void> whenSettled(PendingCall& call, Finish finish) {
-  if (!call.isSettled()) return call.whenSettled().then(kj::mv(finish));
-  finish();
-  return kj::READY_NOW;
-}
-
 }  // namespace
 
 SessionServer::SessionServer(std::shared_ptr<ClientSessionInterface> session,
@@ -121,24 +112,18 @@ SessionServer::SessionServer(std::shared_ptr<ClientSessionInterface> session,
       _client(std::move(client)) {}
 
 template <class Context, class Decode>
-void SessionServer::decoding(Context& context, Decode decode) {
+auto SessionServer::decoded(Context& context, Decode decode) {
   try {
-    decode(context.getParams());
+    ValueDecoder decoder;
+    auto values = decode(context.getParams(), decoder);
     context.releaseParams();
-    return;
+    return values;
   } catch (const wire::BrokenRule& rule) {
     _guard.fail(rule.what());
   } catch (const kj::Exception& exception) {
     _guard.fail(fmt::format("a malformed message ({})", exception.getDescription().cStr()));
   }
   kj::throwFatalException(KJ_EXCEPTION(FAILED, "the call breaks a rule"));
-}
-
-template <class Context>
-bool SessionServer::wantsReply(Context& context) {
-  bool wanted = false;
-  decoding(context, [&](auto parameters) { wanted = parameters.getReplyWanted(); });
-  return wanted;
 }
 
 template <class Operation>
@@ -152,98 +137,88 @@ void SessionServer::run(const char* name, Operation operation) {
   }
 }
 
-template <class... Results, class Operation, class Write>
-kj::Promise<void> SessionServer::perform(const char* name, bool replyWanted, Operation operation,
-                                         Write write) {
-  const auto call = std::make_shared<SingleCall<Results...>>(_outbox);
-  Reply<Results...> reply;
-  if (replyWanted)
-    reply = Reply<Results...>(std::make_unique<SlotSink<Results...>>(call, call->slot));
-  run(name, [&] { operation(std::move(reply)); });
+template <class Context, class... Arguments, class Decode>
+kj::Promise<void> SessionServer::perform(const char* name, Context context,
+                                         void (ClientSessionInterface::*operation)(Arguments...),
+                                         Decode decode) {
+  using Last = std::tuple_element_t<sizeof...(Arguments) - 1, std::tuple<Arguments...>>;
+  const auto call = std::make_shared<typename PendingCallOf<Last>::Type>(_outbox, 1);
+  bool replyWanted = false;
+  auto arguments = decoded(context, [&](auto parameters, ValueDecoder& decoder) {
+    replyWanted = parameters.getReplyWanted();
+    return decode(parameters, decoder);
+  });
+  run(name, [&] {
+    const auto operate = [&](auto&... each) {
+      (*_session.*operation)(std::move(each)..., call->reply(0, replyWanted));
+    };
+    std::apply(operate, arguments);
+  });
   _sender.flush();
-  auto finish = [call, write = kj::mv(write)]() mutable {
-    if (call->slot) std::apply(write, *call->slot);
-  };
-  return whenSettled(*call, kj::mv(finish));
+  return call->whenSettled([this, call, context]() mutable {
+    AnswerWriter writer(_client);
+    const auto write = [&](const auto&... each) {
+      (writer.write(context.getResults(), each), ...);
+    };
+    if (const auto& outcome = call->outcomes().front()) std::apply(write, *outcome);
+  });
 }
 
+template <class Context, class... Arguments>
+kj::Promise<void> SessionServer::perform(const char* name, Context context,
+                                         void (ClientSessionInterface::*operation)(Arguments...)) {
+  return perform(name, context, operation, [](auto, ValueDecoder&) { return std::tuple<>(); });
+}
+
+// In the braces of a tuple the parameters are decoded in order.
+
 kj::Promise<void> SessionServer::setSessionInfo(SetSessionInfoContext context) {
-  Dictionary sessionInfo;
-  std::optional<Dictionary> userInfo;
-  Array frameworks;
-  bool hasAggregationBlock = false;
-  decoding(context, [&](auto parameters) {
-    ValueDecoder decoder;
-    sessionInfo = decoder.dictionary(parameters.getSessionInfo());
-    userInfo = userInfoOf(decoder, parameters);
-    frameworks = decoder.array(parameters.getFrameworksToCheck());
-    hasAggregationBlock = parameters.getHasAggregationBlock();
-    checkInfos(sessionInfo, userInfo, frameworks);
+  auto arguments = decoded(context, [](auto parameters, ValueDecoder& decoder) {
+    std::tuple infos{decoder.dictionary(parameters.getSessionInfo()),
+                     decoder.dictionary(parameters.hasUserInfo(), parameters.getUserInfo()),
+                     decoder.array(parameters.getFrameworksToCheck())};
+    std::apply(checkInfos, infos);
+    return std::tuple_cat(std::move(infos), std::tuple{parameters.getHasAggregationBlock()});
   });
   run("setSessionInfo", [&] {
-    _session->setSessionInfo(std::move(sessionInfo), std::move(userInfo), std::move(frameworks),
-                             hasAggregationBlock);
+    const auto set = [&](auto&... each) { _session->setSessionInfo(std::move(each)...); };
+    std::apply(set, arguments);
   });
   _sender.flush();
   return kj::READY_NOW;
 }
 
 kj::Promise<void> SessionServer::startConfig(StartConfigContext context) {
-  return perform<std::optional<Array>>(
-      "startConfig", wantsReply(context),
-      [&](StatesReply reply) { _session->startConfigWithCompletionHandler(std::move(reply)); },
-      [context](const std::optional<Array>& states) mutable {
-        writeStates(context.getResults(), states);
-      });
+  return perform("startConfig", context, &ClientSessionInterface::startConfigWithCompletionHandler);
 }
 
 kj::Promise<void> SessionServer::fetchStates(FetchStatesContext context) {
-  bool replyWanted = false;
-  std::optional<Dictionary> userInfo;
-  decoding(context, [&](auto parameters) {
-    ValueDecoder decoder;
-    replyWanted = parameters.getReplyWanted();
-    userInfo = userInfoOf(decoder, parameters);
-    checkInfos({}, userInfo);
-  });
-  return perform<std::optional<Array>>(
-      "fetchStates", replyWanted,
-      [&](StatesReply reply) {
-        _session->fetchStatesWithUserInfo(std::move(userInfo), std::move(reply));
-      },
-      [context](const std::optional<Array>& states) mutable {
-        writeStates(context.getResults(), states);
-      });
+  return perform("fetchStates", context, &ClientSessionInterface::fetchStatesWithUserInfo,
+                 [](auto parameters, ValueDecoder& decoder) {
+                   auto userInfo =
+                       decoder.dictionary(parameters.hasUserInfo(), parameters.getUserInfo());
+                   checkInfos({}, userInfo);
+                   return std::tuple{std::move(userInfo)};
+                 });
 }
 
 kj::Promise<void> SessionServer::fetchDisplayURL(FetchDisplayURLContext context) {
-  return perform<std::string>(
-      "fetchDisplayURL", wantsReply(context),
-      [&](Reply<std::string> reply) { _session->fetchDisplayURL(std::move(reply)); },
-      [this, context](const std::string& url) mutable {
-        TextWriter(_client).write(context.getResults().initUrl(), url);
-      });
+  return perform("fetchDisplayURL", context, &ClientSessionInterface::fetchDisplayURL);
 }
 
 kj::Promise<void> SessionServer::sendMessages(SendMessagesContext context) {
-  std::shared_ptr<MessagesCall> call;
-  decoding(context, [&](auto parameters) {
-    ValueDecoder decoder;
+  using Call = PendingCallOf<ResultReply>::Type;
+  const auto call = decoded(context, [this](auto parameters, ValueDecoder& decoder) {
     const auto messages = parameters.getMessages();
     if (messages.size() > limits::messagesPerCall)
       throw wire::BrokenRule(fmt::format("{} events in a call", messages.size()));
-    call = std::make_shared<MessagesCall>(_outbox, messages.size());
-    std::size_t at = 0;
-    for (const wire::Message::Reader message : messages) {
-      MessagesCall::TextSlot& slot = call->slots[at++];
-      const auto reply = [&] {
-        if (!message.getReplyWanted()) return ResultReply();
-        return ResultReply(std::make_unique<SlotSink<std::optional<std::string>>>(call, slot));
-      };
+    const auto pending = std::make_shared<Call>(_outbox, messages.size());
+    for (std::size_t slot = 0; const wire::Message::Reader message : messages) {
+      const auto reply = [&, slot] { return pending->reply(slot, message.getReplyWanted()); };
       switch (message.which()) {
         case wire::Message::EVENT: {
           const auto event = message.getEvent();
-          auto payload = payloadOf(decoder, event);
+          auto payload = decoder.dictionary(event.hasPayload(), event.getPayload());
           run("sendMessage", [&] {
             _session->sendMessageWithCategory(event.getCategory(), event.getType(),
                                               std::move(payload), reply());
@@ -258,67 +233,45 @@ kj::Promise<void> SessionServer::sendMessages(SendMessagesContext context) {
         }
         default: throw wire::BrokenRule("an event of a kind that is not known");
       }
+      ++slot;
     }
+    return pending;
   });
   _sender.flush();
-  auto finish = [this, call, context]() mutable {
-    auto results = context.getResults().initResults(count(call->slots.size()));
-    TextWriter writer(_client);
+  return call->whenSettled([this, call, context]() mutable {
+    const auto& outcomes = call->outcomes();
+    auto results = context.getResults().initResults(wire::count(outcomes.size()));
+    AnswerWriter writer(_client);
     for (capnp::uint i = 0; i < results.size(); ++i)
-      if (const auto& slot = call->slots[i]) writer.write(results[i], std::get<0>(*slot));
-  };
-  return whenSettled(*call, kj::mv(finish));
+      if (outcomes[i]) writer.writeText(results[i], std::get<0>(*outcomes[i]));
+  });
 }
 
 kj::Promise<void> SessionServer::flush(FlushContext context) {
-  return perform<std::optional<std::string>, std::optional<CorvidError>>(
-      "flush", wantsReply(context),
-      [&](FlushReply completion) { _session->flushMessagesWithCompletion(std::move(completion)); },
-      [this, context](const std::optional<std::string>& text,
-                      const std::optional<CorvidError>& error) mutable {
-        TextWriter(_client).write(context.getResults().initResult(), text);
-        writeError(context.getResults(), error);
-      });
+  return perform("flush", context, &ClientSessionInterface::flushMessagesWithCompletion);
 }
 
 kj::Promise<void> SessionServer::finish(FinishContext context) {
-  return perform<std::optional<std::string>>(
-      "finish", wantsReply(context),
-      [&](ResultReply reply) { _session->finishSessionWithReply(std::move(reply)); },
-      [this, context](const std::optional<std::string>& text) mutable {
-        TextWriter(_client).write(context.getResults().initResult(), text);
-      });
+  return perform("finish", context, &ClientSessionInterface::finishSessionWithReply);
 }
 
 kj::Promise<void> SessionServer::uploadFile(UploadFileContext context) {
-  bool replyWanted = false;
-  std::string fileURL;
-  std::string extensionToken;
   wire::FileGrant::Client grantedFile = nullptr;
   std::shared_ptr<PassedFile> file;
-  decoding(context, [&](auto parameters) {
-    ValueDecoder decoder;
-    replyWanted = parameters.getReplyWanted();
-    fileURL = decoder.text(parameters.getFileURL());
-    if (fileURL.size() > limits::fileURLBytes)
-      throw wire::BrokenRule(fmt::format("a file URL of {} bytes", fileURL.size()));
-    extensionToken = bytesOf(parameters.getExtensionToken());
-    if (!parameters.hasFile()) return;
-    grantedFile = parameters.getFile();
-    file = passedFile(grantedFile);
-  });
   std::optional<ExtensionTokens::Grant> grant;
-  if (file) extensionToken = grant.emplace(Platform::current().extensionTokens(), file).token();
-  auto done = perform<bool>(
-      "uploadFile", replyWanted,
-      [&](SuccessReply completion) {
-        _session->uploadFileAtPath(std::move(fileURL), std::move(extensionToken),
-                                   std::move(completion));
-      },
-      [context](bool success) mutable {
-        context.getResults().setAnswered(true);
-        context.getResults().setSuccess(success);
-      });
+  auto done =
+      perform("uploadFile", context, &ClientSessionInterface::uploadFileAtPath,
+              [&](auto parameters, ValueDecoder& decoder) {
+                std::string fileURL = decoder.text(parameters.getFileURL());
+                if (fileURL.size() > limits::fileURLBytes)
+                  throw wire::BrokenRule(fmt::format("a file URL of {} bytes", fileURL.size()));
+                const auto token = parameters.getExtensionToken().asChars();
+                if (parameters.hasFile()) file = passedFile(grantedFile = parameters.getFile());
+                if (!file)
+                  return std::tuple{std::move(fileURL), std::string(token.begin(), token.end())};
+                grant.emplace(Platform::current().extensionTokens(), file);
+                return std::tuple{std::move(fileURL), grant->token()};
+              });
   if (!file || !file->isToBeRemoved()) return done;
   // Whether it could be removed or not, the client hears the outcome of its call after that.
   return grantedFile.removeRequest()
@@ -329,51 +282,23 @@ kj::Promise<void> SessionServer::uploadFile(UploadFileContext context) {
 }
 
 kj::Promise<void> SessionServer::uploadLogData(UploadLogDataContext context) {
-  bool replyWanted = false;
-  Array logData;
-  decoding(context, [&](auto parameters) {
-    ValueDecoder decoder;
-    replyWanted = parameters.getReplyWanted();
-    logData = decoder.array(parameters.getLogData());
-  });
-  return perform<bool, std::optional<CorvidError>>(
-      "uploadLogData", replyWanted,
-      [&](LogDataReply completion) {
-        _session->uploadLogData(std::move(logData), std::move(completion));
-      },
-      [context](bool success, const std::optional<CorvidError>& error) mutable {
-        context.getResults().setAnswered(true);
-        context.getResults().setSuccess(success);
-        writeError(context.getResults(), error);
-      });
+  return perform("uploadLogData", context, &ClientSessionInterface::uploadLogData,
+                 [](auto parameters, ValueDecoder& decoder) {
+                   return std::tuple{decoder.array(parameters.getLogData())};
+                 });
 }
 
 kj::Promise<void> SessionServer::sendSingleMessage(SendSingleMessageContext context) {
-  bool replyWanted = false;
-  Dictionary sessionInfo;
-  std::optional<Dictionary> userInfo;
-  std::uint16_t category = 0;
-  std::uint16_t type = 0;
-  std::optional<Dictionary> payload;
-  decoding(context, [&](auto parameters) {
-    ValueDecoder decoder;
-    replyWanted = parameters.getReplyWanted();
-    sessionInfo = decoder.dictionary(parameters.getSessionInfo());
-    userInfo = userInfoOf(decoder, parameters);
-    category = parameters.getCategory();
-    type = parameters.getType();
-    payload = payloadOf(decoder, parameters);
-    checkInfos(sessionInfo, userInfo);
-  });
-  return perform<std::string>(
-      "sendSingleMessage", replyWanted,
-      [&](Reply<std::string> reply) {
-        _session->sendMessageWithSessionInfo(std::move(sessionInfo), std::move(userInfo), category,
-                                             type, std::move(payload), std::move(reply));
-      },
-      [this, context](const std::string& text) mutable {
-        TextWriter(_client).write(context.getResults().initResult(), text);
-      });
+  return perform("sendSingleMessage", context, &ClientSessionInterface::sendMessageWithSessionInfo,
+                 [](auto parameters, ValueDecoder& decoder) {
+                   std::tuple arguments{
+                       decoder.dictionary(parameters.getSessionInfo()),
+                       decoder.dictionary(parameters.hasUserInfo(), parameters.getUserInfo()),
+                       parameters.getCategory(), parameters.getType(),
+                       decoder.dictionary(parameters.hasPayload(), parameters.getPayload())};
+                   checkInfos(std::get<0>(arguments), std::get<1>(arguments));
+                   return arguments;
+                 });
 }
 
 }  // namespace corvid

@@ -33,18 +33,21 @@ class SessionServer final : public wire::ClientSession::Server {
   kj::Promise<void> uploadLogData(UploadLogDataContext context) override;
   kj::Promise<void> sendSingleMessage(SendSingleMessageContext context) override;
 
-  // Runs `decode` on the call's parameters, which are gone afterwards: a call may wait long for its
-  // answer, and for the client to take note of it. What breaks a rule ends the connection.
+  // What `decode(parameters, decoder)` makes of the call's parameters, which are gone afterwards: a
+  // call may wait long for its answer, and for the client to take note of it. What breaks a rule
+  // ends the connection.
   template <class Context, class Decode>
-  void decoding(Context& context, Decode decode);
-  template <class Context>
-  bool wantsReply(Context& context);
-  // Runs an operation of the session.
+  auto decoded(Context& context, Decode decode);
+  // Runs what the session does for the call of this name. It throws nothing.
   template <class Operation>
   void run(const char* name, Operation operation);
-  // Runs an operation that takes a Reply<Results...>, and `write` on what it answers.
-  template <class... Results, class Operation, class Write>
-  kj::Promise<void> perform(const char* name, bool replyWanted, Operation operation, Write write);
+  // Runs an operation with the tuple that `decode` gives and with a reply, and writes its answer.
+  template <class Context, class... Arguments, class Decode>
+  kj::Promise<void> perform(const char* name, Context context,
+                            void (ClientSessionInterface::*operation)(Arguments...), Decode decode);
+  template <class Context, class... Arguments>
+  kj::Promise<void> perform(const char* name, Context context,
+                            void (ClientSessionInterface::*operation)(Arguments...));
 
   const std::shared_ptr<ClientSessionInterface> _session;
   const std::shared_ptr<Outbox> _outbox;

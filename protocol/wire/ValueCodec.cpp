@@ -29,13 +29,9 @@ bool isWellFormed(std::string_view text) {
 
 constexpr std::size_t words(std::size_t bytes) { return (bytes + 7) / 8; }
 
-capnp::Text::Reader textReader(const std::string& text) { return {text.c_str(), text.size()}; }
-
 capnp::Data::Reader dataReader(const std::string& bytes) {
   return {reinterpret_cast<const capnp::byte*>(bytes.data()), bytes.size()};
 }
-
-capnp::uint count(std::size_t size) { return static_cast<capnp::uint>(size); }
 
 void encodeValue(const Value& value, PropertyValue::Builder target) {
   switch (value.type()) {
@@ -47,10 +43,10 @@ void encodeValue(const Value& value, PropertyValue::Builder target) {
     case Value::Type::string: target.setText(textReader(*value.string())); break;
     case Value::Type::data: target.setData(dataReader(*value.data())); break;
     case Value::Type::array:
-      encode(*value.array(), target.initList(count(value.array()->size())));
+      encode(*value.array(), [&](auto size) { return target.initList(size); });
       break;
     case Value::Type::dictionary:
-      encode(*value.dictionary(), target.initDictionary(count(value.dictionary()->size())));
+      encode(*value.dictionary(), [&](auto size) { return target.initDictionary(size); });
       break;
   }
 }
@@ -79,6 +75,11 @@ Dictionary ValueDecoder::dictionary(ValueList::Reader entries) {
     dictionary.set(text(entry.getKey()), value(entry));
   leave();
   return dictionary;
+}
+
+std::optional<Dictionary> ValueDecoder::dictionary(bool isPresent, ValueList::Reader entries) {
+  if (!isPresent) return std::nullopt;
+  return dictionary(entries);
 }
 
 Array ValueDecoder::array(ValueList::Reader elements) {

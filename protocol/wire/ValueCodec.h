@@ -6,6 +6,7 @@
 
 #include <capnp/list.h>
 
+#include <concepts>
 #include <cstddef>
 #include <optional>
 #include <stdexcept>
@@ -30,6 +31,7 @@ class BrokenRule final : public std::runtime_error {
 class ValueDecoder {
  public:
   Dictionary dictionary(ValueList::Reader entries);
+  std::optional<Dictionary> dictionary(bool isPresent, ValueList::Reader entries);
   Array array(ValueList::Reader elements);
   std::string text(capnp::Text::Reader text);
 
@@ -42,8 +44,22 @@ class ValueDecoder {
   std::size_t _depth = 0;
 };
 
+inline capnp::uint count(std::size_t size) { return static_cast<capnp::uint>(size); }
+inline capnp::Text::Reader textReader(const std::string& text) {
+  return {text.c_str(), text.size()};
+}
+
 void encode(const Dictionary& dictionary, ValueList::Builder entries);
 void encode(const Array& array, ValueList::Builder elements);
+// Fills the list that `init` makes for a number of elements; without content none is made.
+template <class Content, std::invocable<capnp::uint> Init>
+void encode(const Content& content, Init init) {
+  encode(content, init(count(content.size())));
+}
+template <class Content, std::invocable<capnp::uint> Init>
+void encode(const std::optional<Content>& content, Init init) {
+  if (content) encode(*content, init);
+}
 
 // Whether a value may cross the connection.
 enum class Fitness { fits, tooDeep, tooLarge, invalidText, invalidNumber };

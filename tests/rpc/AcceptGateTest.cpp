@@ -26,9 +26,7 @@ class AcceptGateTest : public ServiceFixture {
     auto adopted = IPCListener::adopt(dup(_socket.get()), [](int) { return Dictionary(); });
     ASSERT_TRUE(adopted) << adopted.failure().message;
     listener = std::move(adopted).value();
-    listener->setDelegate(delegate);
-    listener->setAcceptGate(std::move(gate));
-    listener->resume();
+    listener->resume(delegate, std::move(gate));
   }
 
   // A gate that counts.

@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "protocol/Limits.h"
-#include "rpc/Admission.h"
+#include "rpc/IPCListener.h"
 #include "tests/fakes/CapturedLog.h"
 
 namespace corvid {
@@ -11,8 +11,6 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-const IPCConnection::Peer peer{9, 4711, 1000};
-
 constexpr const char* tooMany =
     "IPCListener: Process 4711, user 1000 opened more than 512 connections; closing it";
 constexpr const char* tooManyOfUser =
@@ -20,35 +18,35 @@ constexpr const char* tooManyOfUser =
 
 TEST(Admission, TheLastConnectionOfAllIsTaken) {
   const CapturedLog log;
-  EXPECT_TRUE(admitsConnection(peer, 0, 0));
-  EXPECT_TRUE(admitsConnection(peer, 511, 0));
+  EXPECT_TRUE(admitsConnection(4711, 1000, 0, 0));
+  EXPECT_TRUE(admitsConnection(4711, 1000, 511, 0));
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
 TEST(Admission, OneMoreThanAllIsRefusedWhoeverItIs) {
   const CapturedLog log;
-  EXPECT_FALSE(admitsConnection(peer, 512, 0));
-  EXPECT_FALSE(admitsConnection(peer, 513, 255));
+  EXPECT_FALSE(admitsConnection(4711, 1000, 512, 0));
+  EXPECT_FALSE(admitsConnection(4711, 1000, 513, 255));
   EXPECT_THAT(log.texts(LogLevel::warning), ElementsAre(tooMany, tooMany));
 }
 
 TEST(Admission, TheLastConnectionOfAUserIsTaken) {
   const CapturedLog log;
-  EXPECT_TRUE(admitsConnection(peer, 255, 255));
-  EXPECT_TRUE(admitsConnection(peer, 511, 255));
+  EXPECT_TRUE(admitsConnection(4711, 1000, 255, 255));
+  EXPECT_TRUE(admitsConnection(4711, 1000, 511, 255));
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
 TEST(Admission, OneMoreOfAUserIsRefusedWhileOthersHaveRoom) {
   const CapturedLog log;
-  EXPECT_FALSE(admitsConnection(peer, 256, 256));
-  EXPECT_FALSE(admitsConnection(peer, 511, 257));
+  EXPECT_FALSE(admitsConnection(4711, 1000, 256, 256));
+  EXPECT_FALSE(admitsConnection(4711, 1000, 511, 257));
   EXPECT_THAT(log.texts(LogLevel::warning), ElementsAre(tooManyOfUser, tooManyOfUser));
 }
 
 TEST(Admission, WhereBothLimitsAreReachedThatOfAllIsNamed) {
   const CapturedLog log;
-  EXPECT_FALSE(admitsConnection(peer, 512, 256));
+  EXPECT_FALSE(admitsConnection(4711, 1000, 512, 256));
   EXPECT_THAT(log.texts(LogLevel::warning), ElementsAre(tooMany));
 }
 

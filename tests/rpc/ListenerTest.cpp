@@ -99,8 +99,7 @@ TEST_F(Listener, TakesOverASocketThatListens) {
   ASSERT_EQ(listen(inherited.get(), 5), 0);
   auto adopted = IPCListener::adopt(dup(inherited.get()), noEntitlements);
   ASSERT_TRUE(adopted) << adopted.failure().message;
-  adopted.value()->setDelegate(delegate);
-  adopted.value()->resume();
+  adopted.value()->resume(delegate);
   {
     WireClient client(place);
     EXPECT_EQ(sendEvent(client, 1, 1), "sent 1");

@@ -253,8 +253,7 @@ class ServiceFixture : public testing::Test {
     });
     ASSERT_TRUE(bound) << bound.failure().message;
     listener = std::move(bound).value();
-    listener->setDelegate(delegate);
-    listener->resume();
+    listener->resume(delegate);
   }
   void stop() { listener = nullptr; }
   void TearDown() override { stop(); }

@@ -142,8 +142,7 @@ class ChainStress : public testing::TestWithParam<unsigned> {
     });
     EXPECT_TRUE(bound);
     listener = std::move(bound).value();
-    listener->setDelegate(watched);
-    listener->resume();
+    listener->resume(watched);
     for (int chain = 0; chain < chains; ++chain)
       for (int level = 0; level < StressClient::levels; ++level) {
         const int number = chain * 10 + level + 1;

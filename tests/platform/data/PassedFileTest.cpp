@@ -10,7 +10,7 @@
 #include <utility>
 
 #include "platform/data/PassedFile.h"
-#include "tests/rpc/ServiceFixture.h"
+#include "tests/fakes/ScratchRoot.h"
 
 namespace corvid {
 namespace {
@@ -25,8 +25,8 @@ class PassedFileTest : public testing::Test {
     return PassedFile(Descriptor(::open(path.c_str(), flags | O_CLOEXEC)));
   }
 
-  const TemporaryFolder folder;
-  const std::string path = folder.path + "/file";
+  const ScratchRoot folder;
+  const std::string path = folder.path("file");
 };
 
 TEST_F(PassedFileTest, TellsAndReadsARegularFile) {
@@ -50,7 +50,7 @@ TEST_F(PassedFileTest, OnlyARegularFileIsOne) {
   int ends[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
   const Descriptor other(ends[1]);
-  EXPECT_FALSE(passed(folder.path, O_RDONLY).attributes().isRegularFile);
+  EXPECT_FALSE(passed(folder.path(), O_RDONLY).attributes().isRegularFile);
   EXPECT_FALSE(passed("/dev/zero", O_RDONLY).attributes().isRegularFile);
   EXPECT_FALSE(passed(path + ".pipe", O_RDONLY | O_NONBLOCK).attributes().isRegularFile);
   EXPECT_FALSE(PassedFile(Descriptor(ends[0])).attributes().isRegularFile);
@@ -70,7 +70,7 @@ TEST_F(PassedFileTest, WhatWasNotOpenedForReadingIsNotRead) {
   write("secret");
   EXPECT_EQ(passed(path, O_PATH).read(6), "");
   EXPECT_EQ(passed(path, O_WRONLY).read(6), "");
-  EXPECT_EQ(passed(folder.path, O_RDONLY).read(6), "");
+  EXPECT_EQ(passed(folder.path(), O_RDONLY).read(6), "");
 }
 
 TEST_F(PassedFileTest, RemovalIsOnlyNoted) {
