@@ -14,6 +14,7 @@
 #include "base/Value.h"
 #include "platform/BundleLoader.h"
 #include "platform/Clock.h"
+#include "platform/Compressor.h"
 #include "platform/Consent.h"
 #include "platform/Deployment.h"
 #include "platform/DeviceInformationService.h"
@@ -100,6 +101,8 @@ class Platform {
   OnceAnswer<std::uint32_t> environmentType;
   OnceAnswer<std::string> storebagServerURL;
   UnstoredIdentifiers unstoredIdentifiers;
+
+  Compressor compressor;
 
  private:
   Services _services;

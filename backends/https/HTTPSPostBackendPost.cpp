@@ -10,7 +10,6 @@
 #include "base/Log.h"
 #include "base/Reading.h"
 #include "config/Environment.h"
-#include "config/Gzip.h"
 #include "platform/Platform.h"
 #include "platform/data/JSON.h"
 #include "protocol/Keys.h"
@@ -48,7 +47,7 @@ std::string headerValue(std::string text) {
 // What of the message travels: its gzip form where that is shorter. Adds the headers that tell of
 // it. The message is taken by value so that nothing of it is left while the caller waits.
 std::string bodyOf(std::string message, HTTPHeaders& headers) {
-  std::optional<std::string> compressed = gzipDeflate(message);
+  std::optional<std::string> compressed = Platform::current().compressor.gzipDeflate(message);
   const bool smaller = compressed && !compressed->empty() && compressed->size() < message.size();
   std::string body = std::move(smaller ? *compressed : message);
   // Both texts were made with room for the worst case, which would be kept as long as the exchange

@@ -11,7 +11,6 @@
 #include "base/Reading.h"
 #include "base/Text.h"
 #include "base/URL.h"
-#include "config/Gzip.h"
 #include "platform/Platform.h"
 #include "protocol/Limits.h"
 
@@ -121,7 +120,7 @@ std::optional<std::string> UploadBackend::compressedContent(ExtensionTokens::Han
     logError("UploadBackend(uploadFileAtPath): Input file is empty");
     return std::nullopt;
   }
-  return gzipDeflate(content);
+  return Platform::current().compressor.gzipDeflate(content);
 }
 
 std::string UploadBackend::requestURL(const std::string& uploadURL, const std::string& path) const {

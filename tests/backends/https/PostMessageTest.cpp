@@ -3,7 +3,6 @@
 #include <limits>
 
 #include "base/Reading.h"
-#include "config/Gzip.h"
 #include "platform/data/JSON.h"
 #include "tests/backends/https/PostBackendFixture.h"
 
@@ -305,7 +304,7 @@ TEST_F(PostMessageTest, AMessageIsCompressedOnlyWhereThatIsShorter) {
     send(*backend, {{"x", std::string(length, 'a')}});
     const HTTPRequest request = requests().back();
     const std::string message = messageOf(request);
-    const std::size_t compressed = gzipDeflate(message)->size();
+    const std::size_t compressed = Compressor().gzipDeflate(message)->size();
     ++(compressed > message.size() ? longer : compressed < message.size() ? shorter : equal);
     const bool isCompressed = headerOf(request, "Content-Encoding") == "gzip";
     EXPECT_EQ(isCompressed, compressed < message.size()) << length;

@@ -1,7 +1,7 @@
 // Posts as the lab receives and writes them down, over TLS; and the text made of them for people.
 #include <thread>
 
-#include "config/Gzip.h"
+#include "platform/Compressor.h"
 #include "tests/tools/lab/LabFixture.h"
 #include "tools/lab/Gunzip.h"
 #include "tools/lab/ReceivedSummary.h"
@@ -23,7 +23,7 @@ class EventCollectorTest : public LabFixture {
 
 // The same as a client would compress it.
 std::string gzipped(const std::string& text) {
-  const auto stream = compressDataWithZlibOrGzip(true, text);
+  const auto stream = Compressor().gzipDeflate(text);
   EXPECT_TRUE(stream);
   return stream.value_or("");
 }

@@ -1,7 +1,7 @@
 // Files as the lab receives them, and what it tells people of them.
 #include <string>
 
-#include "config/Gzip.h"
+#include "platform/Compressor.h"
 #include "tests/tools/lab/LabFixture.h"
 #include "tools/lab/ReceivedSummary.h"
 #include "tools/lab/UploadCollector.h"
@@ -12,7 +12,7 @@ namespace {
 class UploadCollectorTest : public LabFixture {
  protected:
   Got post(const std::string& query, const std::string& content) {
-    return peer.post(address("upload") + query, *gzipDeflate(content));
+    return peer.post(address("upload") + query, *Compressor().gzipDeflate(content));
   }
   void plan(const std::string& json) const {
     EXPECT_EQ(Peer("").post(address("control"), json).status, 200) << json;

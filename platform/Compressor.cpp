@@ -1,0 +1,130 @@
+#include "platform/Compressor.h"
+
+#include <zlib.h>
+
+#include <algorithm>
+#include <limits>
+#include <utility>
+
+#include "base/Describe.h"
+#include "base/Log.h"
+
+namespace corvid {
+
+namespace {
+
+constexpr int memoryLevel = 8;
+constexpr int gzipWrapping = 16;
+
+constexpr std::string_view unknownError = "Unknown error code.";
+constexpr std::string_view versionError =
+    "The version of zlib.h and the version of the library linked do not match.";
+
+std::string_view initialisationErrorText(int code) {
+  switch (code) {
+    case Z_VERSION_ERROR: return versionError;
+    case Z_MEM_ERROR: return "Insufficient memory.";
+    case Z_STREAM_ERROR: return "Invalid parameter passed in to function.";
+    default: return unknownError;
+  }
+}
+
+std::string_view compressionErrorText(int code) {
+  switch (code) {
+    case Z_VERSION_ERROR: return versionError;
+    case Z_BUF_ERROR: return "Ran out of output buffer for writing compressed bytes.";
+    case Z_MEM_ERROR: return "Memory could not be allocated for processing.";
+    case Z_DATA_ERROR: return "The deflate data was invalid or incomplete.";
+    case Z_STREAM_ERROR:
+      return "The stream state was inconsistent (e.g., next_in or next_out was NULL).";
+    case Z_ERRNO: return "Error occured while reading file.";
+    default: return unknownError;
+  }
+}
+
+}  // namespace
+
+struct Compressor::Stream {
+  explicit Stream(bool isGzip) : gzip(isGzip) {}
+  Stream(const Stream&) = delete;
+  Stream& operator=(const Stream&) = delete;
+  ~Stream() {
+    if (initialised) deflateEnd(&zlib);
+  }
+
+  int begin() {
+    if (initialised) return deflateReset(&zlib);
+    // The version that this code was written against; the library refuses one it cannot stand in
+    // for.
+    const int result = deflateInit2_(&zlib, Z_DEFAULT_COMPRESSION, Z_DEFLATED,
+                                     gzip ? MAX_WBITS + gzipWrapping : MAX_WBITS, memoryLevel,
+                                     Z_DEFAULT_STRATEGY, "1.2.8", static_cast<int>(sizeof zlib));
+    initialised = result == Z_OK;
+    return result;
+  }
+  std::string_view message() const { return zlib.msg ? zlib.msg : nullDescription; }
+
+  const bool gzip;
+  bool initialised = false;
+  z_stream zlib{};
+};
+
+Compressor::Compressor() { _idle.reserve(capacity); }
+Compressor::~Compressor() = default;
+
+std::optional<std::string> Compressor::compressDataWithZlibOrGzip(bool gzip,
+                                                                  std::string_view data) {
+  if (data.empty()) {
+    logError("compressDataWithZlibOrGzip: Cannot compress empty DataBuffer");
+    return std::nullopt;
+  }
+  std::unique_ptr<Stream> stream = take(gzip);
+  if (const int begun = stream->begin(); begun != Z_OK) {
+    logError("compressDataWithZlibOrGzip: deflateInit2() Error: \"{}\" Message: \"{}\"",
+             initialisationErrorText(begun), stream->message());
+    return std::nullopt;
+  }
+
+  z_stream& zlib = stream->zlib;
+  std::string output(deflateBound(&zlib, static_cast<uLong>(data.size())), '\0');
+  // zlib's interface lacks a const here; it only reads its input.
+  zlib.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.data()));
+  zlib.avail_in = static_cast<uInt>(data.size());
+  int result = Z_OK;
+  while (result == Z_OK) {
+    zlib.next_out = reinterpret_cast<Bytef*>(output.data() + zlib.total_out);
+    zlib.avail_out = static_cast<uInt>(
+        std::min<std::size_t>(output.size() - zlib.total_out, std::numeric_limits<uInt>::max()));
+    result = deflate(&zlib, Z_FINISH);
+  }
+  if (result != Z_STREAM_END) {
+    logError(
+        "compressDataWithZlibOrGzip: zlib error while attempting compression: \"{}\" Message: \"{}\"",
+        compressionErrorText(result), stream->message());
+    return std::nullopt;
+  }
+  output.resize(zlib.total_out);
+  giveBack(std::move(stream));
+  logDebug("compressDataWithZlibOrGzip: Compressed file from {} to {}", data.size(), output.size());
+  return output;
+}
+
+std::unique_ptr<Compressor::Stream> Compressor::take(bool gzip) {
+  {
+    MutexLock lock(_mutex);
+    const auto found = std::ranges::find(_idle, gzip, [](const auto& idle) { return idle->gzip; });
+    if (found != _idle.end()) {
+      std::unique_ptr<Stream> stream = std::move(*found);
+      _idle.erase(found);
+      return stream;
+    }
+  }
+  return std::make_unique<Stream>(gzip);
+}
+
+void Compressor::giveBack(std::unique_ptr<Stream> stream) {
+  MutexLock lock(_mutex);
+  if (_idle.size() < capacity) _idle.push_back(std::move(stream));
+}
+
+}  // namespace corvid
