@@ -18,14 +18,7 @@ CorvidBackend::CorvidBackend(std::string name, Dictionary profile,
       _samplingFactor(Platform::current().random().uniform()) {}
 
 std::string CorvidBackend::convertIntoSHA256(std::string_view text) {
-  static constexpr char digits[] = "0123456789abcdef";
-  std::string hexadecimal;
-  hexadecimal.reserve(64);
-  for (const std::uint8_t byte : sha256(text.substr(0, utf16Length(text)))) {
-    hexadecimal.push_back(digits[byte >> 4]);
-    hexadecimal.push_back(digits[byte & 0xF]);
-  }
-  return hexadecimal;
+  return hexadecimal(sha256(text.substr(0, utf16Length(text))));
 }
 
 void CorvidBackend::setSelfVersion(std::string_view version) {

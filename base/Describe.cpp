@@ -54,12 +54,6 @@ void appendJSON(std::string& text, const Dictionary& dictionary) {
   text.push_back('}');
 }
 
-std::string hexadecimal(std::string_view bytes) {
-  std::string text;
-  for (const char c : bytes) text += fmt::format("{:02x}", static_cast<unsigned char>(c));
-  return text;
-}
-
 void appendJSON(std::string& text, const Value& value) {
   switch (value.type()) {
     case Value::Type::null: text += "null"; break;

@@ -3,7 +3,30 @@
 #include <cmath>
 #include <limits>
 
+#include "base/Text.h"
+
 namespace corvid {
+
+namespace {
+
+// A shell word: in single quotes everything stands for itself, elsewhere a backslash takes the next
+// character as it is.
+std::string unquoted(std::string_view word) {
+  std::string text;
+  char quote = 0;
+  for (std::size_t i = 0; i < word.size(); ++i) {
+    const char c = word[i];
+    if (quote == 0 ? c == '"' || c == '\'' : c == quote)
+      quote = quote == 0 ? c : '\0';
+    else if (c == '\\' && quote != '\'' && i + 1 < word.size())
+      text.push_back(word[++i]);
+    else
+      text.push_back(c);
+  }
+  return text;
+}
+
+}  // namespace
 
 std::int64_t integerFromText(std::string_view text) {
   constexpr std::int64_t most = std::numeric_limits<std::int64_t>::max();
@@ -20,6 +43,17 @@ std::int64_t integerFromText(std::string_view text) {
   }
   if (negative) return result;
   return result == least ? most : -result;
+}
+
+std::optional<std::string> assignedValue(std::string_view text, std::string_view name) {
+  std::string value;
+  for (std::string_view line : split(text, '\n')) {
+    line = trimmed(line);
+    if (!line.starts_with(name) || line.substr(name.size(), 1) != "=") continue;
+    value = unquoted(trimmed(line.substr(name.size() + 1)));
+  }
+  if (value.empty()) return std::nullopt;
+  return value;
 }
 
 std::optional<std::int64_t> asInteger(const Value* value) {

@@ -1,9 +1,10 @@
-// Typed reads from dictionaries whose content nobody has checked: storebags, session infos,
-// preferences. A value of a type that cannot stand for the wanted one counts as absent.
+// Typed reads from texts and dictionaries whose content nobody has checked: storebags, session
+// infos, preferences. A value of a type that cannot stand for the wanted one counts as absent.
 #pragma once
 
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <string_view>
 
 #include "base/Value.h"
@@ -13,6 +14,10 @@ namespace corvid {
 // Reads leading decimal digits after optional blanks and an optional sign; 0 when there are none.
 // Saturates at the ends of the 64-bit range.
 std::int64_t integerFromText(std::string_view text);
+
+// The value of `name` in a text of shell-like assignments such as os-release or locale.conf: the
+// last one counts, quotes and backslashes are taken away. Nothing where it is missing or empty.
+std::optional<std::string> assignedValue(std::string_view text, std::string_view name);
 
 // The value as an integer: integers as they are, reals cut toward zero (not a number gives 0,
 // saturating), booleans 1 and 0, strings by integerFromText. Nothing for the other types.

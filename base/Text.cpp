@@ -3,6 +3,8 @@
 #include <locale.h>
 #include <wctype.h>
 
+#include <algorithm>
+#include <charconv>
 #include <clocale>
 #include <cstdint>
 
@@ -88,13 +90,22 @@ std::string mapped(std::string_view text, Mapping mapping) {
   return result;
 }
 
-bool isASCII(std::string_view text) {
-  for (const char c : text)
-    if (static_cast<unsigned char>(c) >= 0x80) return false;
-  return true;
+std::string digitsOf(std::string_view bytes, const char* digits) {
+  std::string text;
+  text.reserve(bytes.size() * 2);
+  for (const char c : bytes) {
+    const auto byte = static_cast<unsigned char>(c);
+    text.push_back(digits[byte >> 4]);
+    text.push_back(digits[byte & 15]);
+  }
+  return text;
 }
 
 }  // namespace
+
+bool isASCII(std::string_view text) {
+  return std::ranges::all_of(text, [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+}
 
 void appendUTF8(std::string& text, char32_t character) {
   const auto byte = [&](char32_t bits) { text.push_back(static_cast<char>(bits)); };
@@ -187,6 +198,33 @@ std::vector<std::string_view> split(std::string_view text, char separator) {
     if (end == std::string_view::npos) return parts;
     text.remove_prefix(end + 1);
   }
+}
+
+std::string_view trimmed(std::string_view text) {
+  constexpr std::string_view blanks = " \t\r\n";
+  const std::size_t first = text.find_first_not_of(blanks);
+  if (first == std::string_view::npos) return {};
+  return text.substr(first, text.find_last_not_of(blanks) - first + 1);
+}
+
+std::string hexadecimal(std::string_view bytes) { return digitsOf(bytes, "0123456789abcdef"); }
+std::string hexadecimal(std::span<const std::uint8_t> bytes) {
+  return hexadecimal({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+}
+std::string upperCaseHexadecimal(std::string_view bytes) {
+  return digitsOf(bytes, "0123456789ABCDEF");
+}
+
+std::optional<std::string> bytesFromHexadecimal(std::string_view digits) {
+  if (digits.size() % 2 != 0) return std::nullopt;
+  std::string bytes(digits.size() / 2, '\0');
+  for (std::size_t i = 0; i < bytes.size(); ++i) {
+    const char* const pair = digits.data() + 2 * i;
+    std::uint8_t byte = 0;
+    if (std::from_chars(pair, pair + 2, byte, 16).ptr != pair + 2) return std::nullopt;
+    bytes[i] = static_cast<char>(byte);
+  }
+  return bytes;
 }
 
 }  // namespace corvid

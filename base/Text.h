@@ -2,11 +2,19 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace corvid {
+
+bool isASCII(std::string_view text);
+constexpr bool isASCIILetterOrDigit(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
+}
 
 // True for well-formed UTF-8 (no overlong forms, no surrogates, at most U+10FFFF).
 bool isValidUTF8(std::string_view text);
@@ -29,5 +37,14 @@ bool containsIgnoringCase(std::string_view text, std::string_view needle);
 
 // Splits at every separator, keeping empty parts: "a,,b" has three, "" has one.
 std::vector<std::string_view> split(std::string_view text, char separator);
+// Without the blanks, tabs and line ends around it.
+std::string_view trimmed(std::string_view text);
+
+// Two digits a byte, lower-case or upper-case.
+std::string hexadecimal(std::string_view bytes);
+std::string hexadecimal(std::span<const std::uint8_t> bytes);
+std::string upperCaseHexadecimal(std::string_view bytes);
+// The bytes of pairs of digits of either case; nothing where the text is anything else.
+std::optional<std::string> bytesFromHexadecimal(std::string_view digits);
 
 }  // namespace corvid

@@ -4,33 +4,40 @@
 
 #include <algorithm>
 
+#include "base/Text.h"
+
 namespace corvid {
 
 namespace {
 
-constexpr std::string_view letters = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
-constexpr std::string_view queryMarks = "0123456789-._~!$&'()*+,;=:@/?";
+constexpr std::string_view queryMarks = "-._~!$&'()*+,;=:@/?";
 constexpr std::string_view otherMarks = "#[]";
-constexpr std::string_view hexadecimalDigits = "0123456789ABCDEF";
 
 bool isOneOf(std::string_view characters, char c) {
   return characters.find(c) != std::string_view::npos;
 }
 
-int hexValue(char digit) {
-  if (digit >= '0' && digit <= '9') return digit - '0';
-  if (digit >= 'a' && digit <= 'f') return digit - 'a' + 10;
-  if (digit >= 'A' && digit <= 'F') return digit - 'A' + 10;
-  return -1;
-}
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
-bool mayStandInQuery(char c) { return isOneOf(letters, c) || isOneOf(queryMarks, c); }
+bool mayStandInQuery(char c) { return isASCIILetterOrDigit(c) || isOneOf(queryMarks, c); }
+
+template <class Plain>
+std::string percentEncoded(std::string_view text, Plain isPlain) {
+  std::string encoded;
+  encoded.reserve(text.size());
+  for (const char c : text) {
+    if (isPlain(c))
+      encoded.push_back(c);
+    else
+      encoded.append("%").append(upperCaseHexadecimal({&c, 1}));
+  }
+  return encoded;
+}
 
 bool hasOnlyURLCharacters(std::string_view text) {
   for (std::size_t at = 0; at < text.size(); ++at) {
     if (mayStandInQuery(text[at]) || isOneOf(otherMarks, text[at])) continue;
-    if (text[at] != '%' || text.size() - at < 3 || hexValue(text[at + 1]) < 0 ||
-        hexValue(text[at + 2]) < 0)
+    if (text[at] != '%' || text.size() - at < 3 || !bytesFromHexadecimal(text.substr(at + 1, 2)))
       return false;
     at += 2;
   }
@@ -38,9 +45,9 @@ bool hasOnlyURLCharacters(std::string_view text) {
 }
 
 bool isScheme(std::string_view text) {
-  return !text.empty() && isOneOf(letters, text.front()) && std::ranges::all_of(text, [](char c) {
-    return isOneOf(letters, c) || isOneOf("0123456789+-.", c);
-  });
+  return !text.empty() && isASCIILetterOrDigit(text.front()) && !isDigit(text.front()) &&
+         std::ranges::all_of(text,
+                             [](char c) { return isASCIILetterOrDigit(c) || isOneOf("+-.", c); });
 }
 
 // A name, or an IPv6 address in brackets, with or without a zone.
@@ -55,7 +62,7 @@ bool isHost(std::string_view text) {
 bool isPort(std::string_view text) {
   unsigned port = 0;
   for (const char digit : text) {
-    if (digit < '0' || digit > '9') return false;
+    if (!isDigit(digit)) return false;
     port = port * 10 + static_cast<unsigned>(digit - '0');
     if (port > 65535) return false;
   }
@@ -84,17 +91,11 @@ std::optional<URL> parseURL(std::string_view text) {
 }
 
 std::string percentEncodedForQuery(std::string_view text) {
-  std::string encoded;
-  encoded.reserve(text.size());
-  for (const char c : text) {
-    if (mayStandInQuery(c)) {
-      encoded.push_back(c);
-    } else {
-      const auto byte = static_cast<unsigned char>(c);
-      encoded.append({'%', hexadecimalDigits[byte >> 4], hexadecimalDigits[byte & 15]});
-    }
-  }
-  return encoded;
+  return percentEncoded(text, mayStandInQuery);
+}
+
+std::string percentEncodedForPath(std::string_view text) {
+  return percentEncoded(text, [](char c) { return c != '?' && mayStandInQuery(c); });
 }
 
 std::string percentDecoded(std::string_view text) {
@@ -102,10 +103,9 @@ std::string percentDecoded(std::string_view text) {
   decoded.reserve(text.size());
   for (std::size_t at = 0; at < text.size(); ++at) {
     if (text[at] == '%' && at + 2 < text.size()) {
-      const int high = hexValue(text[at + 1]);
-      const int low = hexValue(text[at + 2]);
-      if (high >= 0 && low >= 0 && high + low > 0) {
-        decoded += static_cast<char>(high * 16 + low);
+      const auto byte = bytesFromHexadecimal(text.substr(at + 1, 2));
+      if (byte && byte->front() != '\0') {
+        decoded += *byte;
         at += 2;
         continue;
       }

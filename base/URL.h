@@ -25,6 +25,8 @@ std::optional<URL> parseURL(std::string_view text);
 // The text with every byte but those that may stand in a URL's query as they are (letters, digits
 // and -._~!$&'()*+,;=:@/?) as an escape of two upper-case hexadecimal digits.
 std::string percentEncodedForQuery(std::string_view text);
+// The same for a path, in which a "?" becomes an escape too.
+std::string percentEncodedForPath(std::string_view text);
 
 // The text with its escapes resolved. What is no escape stays as it is, and so does "%00", which no
 // path can hold.

@@ -134,4 +134,9 @@ class Dictionary {
   std::vector<std::uint32_t> _index;
 };
 
+// How much memory it takes, for bounds on what is held: bytes, estimated from above without the
+// allocator's own. Entries, long strings, data, and all that is within; what several values share
+// counts for each.
+std::size_t footprint(const Dictionary& dictionary);
+
 }  // namespace corvid

@@ -7,8 +7,8 @@
 #include <system_error>
 #include <utility>
 
+#include "base/URL.h"
 #include "client/Call.h"
-#include "client/FileURL.h"
 #include "client/Opaque.h"
 #include "client/Session.h"
 #include "client/UploadedFile.h"
@@ -218,7 +218,7 @@ int corvid_session_upload_file(corvid_session_t* session, const char* path,
     std::error_code error;
     const std::filesystem::path absolute = std::filesystem::absolute(path, error);
     if (error) return static_cast<int>(CORVID_ERROR_SYSTEM);
-    std::string url = library::fileURL(absolute.native());
+    std::string url = "file://" + corvid::percentEncodedForPath(absolute.native());
     if (url.size() > corvid::limits::fileURLBytes) return static_cast<int>(CORVID_ERROR_TOO_LARGE);
     std::optional<library::UploadedFile> file;
     if (const int result = library::UploadedFile::open(absolute, file); result != CORVID_OK)

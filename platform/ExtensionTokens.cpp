@@ -1,7 +1,6 @@
 #include "platform/ExtensionTokens.h"
 
-#include <fmt/format.h>
-
+#include "base/Text.h"
 #include "platform/Random.h"
 
 namespace corvid {
@@ -25,8 +24,7 @@ bool ExtensionTokens::Handle::claim(std::size_t bytes) {
 }
 
 std::string ExtensionTokens::add(std::shared_ptr<GrantedFile> file) {
-  std::string token;
-  for (const std::uint8_t byte : _random->uuid()) token += fmt::format("{:02x}", byte);
+  const std::string token = hexadecimal(_random->uuid());
   const MutexLock lock(_mutex);
   _granted.insert_or_assign(token, Granted{std::move(file), std::this_thread::get_id()});
   return token;

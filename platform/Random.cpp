@@ -1,16 +1,13 @@
 #include "platform/Random.h"
 
-#include <fmt/format.h>
+#include "base/Text.h"
 
 namespace corvid {
 
 std::string uuidText(const UUIDBytes& uuid) {
-  std::string text;
-  text.reserve(36);
-  for (std::size_t i = 0; i < uuid.size(); ++i) {
-    if (i == 4 || i == 6 || i == 8 || i == 10) text.push_back('-');
-    text += fmt::format("{:02X}", uuid[i]);
-  }
+  std::string text =
+      upperCaseHexadecimal({reinterpret_cast<const char*>(uuid.data()), uuid.size()});
+  for (const std::size_t dash : {8u, 13u, 18u, 23u}) text.insert(dash, 1, '-');
   return text;
 }
 

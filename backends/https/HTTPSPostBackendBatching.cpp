@@ -5,9 +5,9 @@
 
 #include "backends/https/HTTPSPostBackend.h"
 #include "base/Describe.h"
-#include "base/Footprint.h"
 #include "base/Log.h"
 #include "base/Reading.h"
+#include "base/Value.h"
 
 namespace corvid {
 

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "base/Footprint.h"
+#include "base/Value.h"
 
 namespace corvid {
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "base/Text.h"
 #include "platform/data/Crypto.h"
 
 namespace corvid {
@@ -18,10 +19,7 @@ const unsigned char* bytesOf(std::string_view text) {
 }
 unsigned char* bytesOf(std::string& text) { return reinterpret_cast<unsigned char*>(text.data()); }
 
-bool isInAlphabet(char c) {
-  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '+' ||
-         c == '/';
-}
+bool isInAlphabet(char c) { return isASCIILetterOrDigit(c) || c == '+' || c == '/'; }
 
 }  // namespace
 

@@ -13,12 +13,6 @@ namespace corvid {
 
 namespace {
 
-bool isASCII(std::string_view text) {
-  for (const char c : text)
-    if (static_cast<unsigned char>(c) >= 0x80) return false;
-  return true;
-}
-
 // 1, 2, 4 or 8: the bytes that such a number needs.
 std::size_t sizeOf(std::uint64_t number) {
   return number <= 0xFF ? 1 : number <= 0xFFFF ? 2 : number <= 0xFFFF'FFFF ? 4 : 8;

@@ -70,6 +70,14 @@ Owned<EVP_PKEY> decodeWhole(std::string_view der, Decode decode) {
 SHA1Digest sha1(std::string_view bytes) { return digest<20>(sha1Algorithm(), bytes); }
 SHA256Digest sha256(std::string_view bytes) { return digest<32>(sha256Algorithm(), bytes); }
 
+SHA256Digest hmacSHA256(std::string_view key, std::string_view message) {
+  SHA256Digest code;
+  if (!EVP_Q_mac(nullptr, "HMAC", nullptr, "SHA256", nullptr, key.data(), key.size(),
+                 bytesOf(message), message.size(), code.data(), code.size(), nullptr))
+    std::abort();
+  return code;
+}
+
 struct RSAPublicKey::Key {
   Owned<EVP_PKEY> pkey;
 };

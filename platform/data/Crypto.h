@@ -15,6 +15,7 @@ using SHA256Digest = std::array<std::uint8_t, 32>;
 
 SHA1Digest sha1(std::string_view bytes);
 SHA256Digest sha256(std::string_view bytes);
+SHA256Digest hmacSHA256(std::string_view key, std::string_view message);
 
 // An RSA public key. Immutable; any thread.
 class RSAPublicKey {

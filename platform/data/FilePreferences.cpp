@@ -15,6 +15,7 @@
 
 #include "base/Descriptor.h"
 #include "base/Log.h"
+#include "base/Text.h"
 #include "platform/data/PropertyList.h"
 #include "platform/data/RegularFile.h"
 
@@ -26,8 +27,7 @@ constexpr std::size_t longestSuiteName = 200;  // leaves room for what is put be
 
 bool isSuiteName(std::string_view name) {
   const auto isAllowed = [](char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
-           c == '_' || c == '.';
+    return isASCIILetterOrDigit(c) || c == '-' || c == '_' || c == '.';
   };
   if (!name.empty() && name.size() <= longestSuiteName && name.front() != '.' &&
       std::all_of(name.begin(), name.end(), isAllowed))

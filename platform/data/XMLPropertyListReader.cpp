@@ -19,12 +19,6 @@ namespace {
 
 constexpr std::string_view blanks = " \t\r\n";
 
-std::string_view trimmed(std::string_view text) {
-  const std::size_t first = text.find_first_not_of(blanks);
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(blanks) - first + 1);
-}
-
 // The character that "#233" or "#xE9" names.
 std::optional<char32_t> characterFrom(std::string_view reference) {
   const bool isHexadecimal = reference.starts_with("#x");

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <new>
 
+#include "base/Text.h"
 #include "platform/http/CurlHTTPClient.h"
 
 namespace corvid {
@@ -16,12 +17,6 @@ namespace {
 template <class T>
 void set(CURL* handle, CURLoption option, T value) {
   if (curl().easy_setopt(handle, option, value) == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
-}
-
-std::string_view withoutBlanks(std::string_view text) {
-  const auto first = text.find_first_not_of(" \t\r\n");
-  if (first == text.npos) return {};
-  return text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
 }
 
 }  // namespace
@@ -182,8 +177,7 @@ std::size_t Transfer::takeHeader(std::string_view line) {
   } else if (line == "\r\n" || line == "\n") {
     _hasWholeHead = true;
   } else if (colon != line.npos) {
-    _response.headers.emplace_back(withoutBlanks(line.substr(0, colon)),
-                                   withoutBlanks(line.substr(colon + 1)));
+    _response.headers.emplace_back(trimmed(line.substr(0, colon)), trimmed(line.substr(colon + 1)));
   }
   return line.size();
 }

@@ -10,6 +10,7 @@
 #include "base/Describe.h"
 #include "base/Descriptor.h"
 #include "base/Log.h"
+#include "base/Text.h"
 
 // The journal's native protocol, one datagram an entry, is spoken here directly: it is documented
 // as stable and small, while loading libsystemd costs 1 MB of resident memory.
@@ -54,10 +55,8 @@ std::string JournalPowerLog::fieldName(std::string_view key) {
   for (const char c : key.substr(0, longestFieldName - name.size())) {
     if (c >= 'a' && c <= 'z')
       name += static_cast<char>(c - 'a' + 'A');
-    else if ((c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9'))
-      name += c;
     else
-      name += '_';
+      name += isASCIILetterOrDigit(c) ? c : '_';
   }
   return name;
 }

@@ -4,9 +4,7 @@
 #include <sys/utsname.h>
 
 #include <algorithm>
-#include <array>
-#include <charconv>
-#include <cstdint>
+#include <span>
 
 #include "base/Reading.h"
 #include "base/Text.h"
@@ -127,22 +125,6 @@ std::optional<std::string> Machine::dmiChassis() const {
   }
 }
 
-// HMAC-SHA256 of `message`; the key fits in one block.
-SHA256Digest hmacSHA256(std::string_view key, std::string_view message) {
-  constexpr std::size_t blockSize = 64;
-  std::string inner(blockSize, '\x36');
-  std::string outer(blockSize, '\x5c');
-  for (std::size_t i = 0; i < key.size(); ++i) {
-    inner[i] = static_cast<char>(inner[i] ^ key[i]);
-    outer[i] = static_cast<char>(outer[i] ^ key[i]);
-  }
-  const auto bytes = [](const SHA256Digest& digest) {
-    return std::string_view(reinterpret_cast<const char*>(digest.data()), digest.size());
-  };
-  const SHA256Digest digest = sha256(inner.append(message));
-  return sha256(outer.append(bytes(digest)));
-}
-
 // The machine id is confidential, so what leaves the device is a keyed hash of this system's own
 // number: others cannot compute it, nor the machine id from it.
 std::optional<std::string> Machine::uniqueDeviceID() const {
@@ -154,16 +136,12 @@ std::optional<std::string> Machine::uniqueDeviceID() const {
   constexpr std::size_t identifierBytes = 20;
 
   const auto machineID = firmwareText(_root + "/etc/machine-id");
-  if (!machineID || machineID->size() != machineIDDigits) return std::nullopt;
-  std::string key(machineIDDigits / 2, '\0');
-  for (std::size_t i = 0; i < key.size(); ++i) {
-    const char* const digits = machineID->data() + 2 * i;
-    std::uint8_t byte = 0;
-    if (std::from_chars(digits, digits + 2, byte, 16).ptr != digits + 2) return std::nullopt;
-    key[i] = static_cast<char>(byte);
-  }
-  const SHA256Digest digest = hmacSHA256(key, application);
-  return fmt::format("{:02x}", fmt::join(digest.begin(), digest.begin() + identifierBytes, ""));
+  const auto key = machineID && machineID->size() == machineIDDigits
+                       ? bytesFromHexadecimal(*machineID)
+                       : std::nullopt;
+  if (!key) return std::nullopt;
+  const SHA256Digest identifier = hmacSHA256(*key, application);
+  return hexadecimal(std::span(identifier).first(identifierBytes));
 }
 
 struct Question {

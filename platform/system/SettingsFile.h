@@ -1,9 +1,7 @@
 // Reads property lists of settings, and the machine's own small files.
 #pragma once
 
-#include <optional>
 #include <string>
-#include <string_view>
 
 #include "base/Result.h"
 #include "base/Value.h"
@@ -16,9 +14,5 @@ Result<std::string> readSettingsFile(const std::string& path);
 
 // The dictionary in a property list. The failure names the file and what is wrong with it.
 Result<Dictionary> readDictionaryFile(const std::string& path);
-
-// The value of `name` in a text of shell-like assignments such as os-release or locale.conf: the
-// last one counts, quotes and backslashes are taken away. Nothing where it is missing or empty.
-std::optional<std::string> assignedValue(std::string_view text, std::string_view name);
 
 }  // namespace corvid

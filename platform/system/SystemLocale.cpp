@@ -5,6 +5,8 @@
 #include <ctime>
 #include <string_view>
 
+#include "base/Reading.h"
+#include "base/Text.h"
 #include "platform/system/SettingsFile.h"
 
 namespace corvid {
@@ -13,10 +15,6 @@ namespace {
 
 constexpr const char* localeVariables[] = {"LC_ALL", "LC_MESSAGES", "LANG"};
 
-bool isASCIIAlphanumeric(char c) {
-  return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-}
-
 // Of language[_territory][.codeset][@modifier] the territory, in upper case: two letters, or three
 // digits as in "es_419".
 std::optional<std::string> territory(std::string_view locale) {
@@ -24,7 +22,7 @@ std::optional<std::string> territory(std::string_view locale) {
   const auto underscore = locale.find('_');
   if (underscore == std::string_view::npos) return std::nullopt;
   std::string name(locale.substr(underscore + 1));
-  if (name.size() < 2 || name.size() > 3 || !std::ranges::all_of(name, isASCIIAlphanumeric))
+  if (name.size() < 2 || name.size() > 3 || !std::ranges::all_of(name, isASCIILetterOrDigit))
     return std::nullopt;
   for (char& c : name)
     if (c >= 'a') c = static_cast<char>(c - 'a' + 'A');

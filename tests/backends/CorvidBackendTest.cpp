@@ -1,7 +1,7 @@
-#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include "backends/CorvidBackend.h"
+#include "base/Text.h"
 #include "platform/data/Crypto.h"
 #include "tests/fakes/TestPlatform.h"
 
@@ -42,12 +42,6 @@ struct RecordingBackend final : PlainBackend {
   }
   std::vector<Sent> sent;
 };
-
-std::string hexadecimal(const SHA256Digest& digest) {
-  std::string text;
-  for (const std::uint8_t byte : digest) text += fmt::format("{:02x}", byte);
-  return text;
-}
 
 struct CorvidBackendTest : testing::Test {
   TestPlatform platform;

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "base/Footprint.h"
+#include "base/Value.h"
 
 namespace corvid {
 namespace {

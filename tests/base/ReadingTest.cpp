@@ -62,5 +62,31 @@ TEST(Reading, ContainersAndTextOfAnotherTypeAreAbsent) {
   EXPECT_EQ(dictionaryAt(d, "s"), nullptr);
 }
 
+TEST(AssignedValue, IsFoundByItsWholeName) {
+  const std::string_view text = "VERSION=\"12 (x)\"\nVERSION_ID=\"12\"\nID=debian\n";
+  EXPECT_EQ(assignedValue(text, "VERSION_ID"), "12");
+  EXPECT_EQ(assignedValue(text, "VERSION"), "12 (x)");
+  EXPECT_EQ(assignedValue(text, "ID"), "debian");
+  EXPECT_EQ(assignedValue(text, "BUILD_ID"), std::nullopt);
+}
+
+TEST(AssignedValue, LosesItsQuotesAndBackslashes) {
+  EXPECT_EQ(assignedValue("A='x \"y\" \\z'", "A"), "x \"y\" \\z");
+  EXPECT_EQ(assignedValue("A=\"x \\\"y\\\" 'z'\"", "A"), "x \"y\" 'z'");
+  EXPECT_EQ(assignedValue("A=x\\ y", "A"), "x y");
+  EXPECT_EQ(assignedValue("A=\\", "A"), "\\");
+}
+
+TEST(AssignedValue, IsTheLastOneAndNoComment) {
+  EXPECT_EQ(assignedValue("A=1\n  A=2 \r\n#A=3\n", "A"), "2");
+}
+
+TEST(AssignedValue, ThatIsEmptyIsNone) {
+  EXPECT_EQ(assignedValue("A=", "A"), std::nullopt);
+  EXPECT_EQ(assignedValue("A=\"\"", "A"), std::nullopt);
+  EXPECT_EQ(assignedValue("A", "A"), std::nullopt);
+  EXPECT_EQ(assignedValue("", "A"), std::nullopt);
+}
+
 }  // namespace
 }  // namespace corvid

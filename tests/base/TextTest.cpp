@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <array>
+
 #include "base/Text.h"
 
 namespace corvid {
@@ -59,6 +61,41 @@ TEST(Text, FindsIgnoringCaseAndNeverAnEmptyNeedle) {
   EXPECT_TRUE(containsIgnoringCase("xABCy", "abc"));
   EXPECT_FALSE(containsIgnoringCase("abc", "xABCy"));
   EXPECT_FALSE(containsIgnoringCase("abc", ""));
+}
+
+TEST(Text, TellsASCII) {
+  EXPECT_TRUE(isASCII(std::string_view("\0a~\x7F", 4)));
+  EXPECT_FALSE(isASCII("gr\u00fcn"));
+  EXPECT_TRUE(isASCII(""));
+}
+
+TEST(Text, TellsASCIILettersAndDigits) {
+  std::string found;
+  for (int c = 0; c < 256; ++c)
+    if (isASCIILetterOrDigit(static_cast<char>(c))) found.push_back(static_cast<char>(c));
+  EXPECT_EQ(found, "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz");
+}
+
+TEST(Text, IsTrimmedOfBlanksAtBothEndsOnly) {
+  EXPECT_EQ(trimmed(" \t a b\r\n"), "a b");
+  EXPECT_EQ(trimmed("a"), "a");
+  EXPECT_EQ(trimmed(" \r\n\t"), "");
+  EXPECT_EQ(trimmed(""), "");
+}
+
+TEST(Text, BytesBecomeTwoDigitsEach) {
+  const std::array<std::uint8_t, 3> bytes{0x00, 0x9F, 0xFF};
+  EXPECT_EQ(hexadecimal(bytes), "009fff");
+  EXPECT_EQ(hexadecimal(std::string_view("\x0A\xB1")), "0ab1");
+  EXPECT_EQ(upperCaseHexadecimal("\x0A\xB1"), "0AB1");
+  EXPECT_EQ(hexadecimal(""), "");
+}
+
+TEST(Text, PairsOfDigitsBecomeBytes) {
+  EXPECT_EQ(bytesFromHexadecimal("0aB1"), "\x0A\xB1");
+  EXPECT_EQ(bytesFromHexadecimal(""), "");
+  for (const char* wrong : {"0", "0ab", "0g", "g0", "+1", "-1", " 1", "0x"})
+    EXPECT_EQ(bytesFromHexadecimal(wrong), std::nullopt) << wrong;
 }
 
 TEST(Text, SplitKeepsEmptyParts) {

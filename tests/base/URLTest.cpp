@@ -95,5 +95,9 @@ TEST(URL, EveryOtherByteIsEscaped) {
   EXPECT_EQ(percentEncodedForQuery("a%b#c[\"\xc3\xbc\n]"), "a%25b%23c%5B%22%C3%BC%0A%5D");
 }
 
+TEST(URL, APathKeepsWhatAQueryKeepsButTheMarkThatBeginsOne) {
+  EXPECT_EQ(percentEncodedForPath("/a b/c?d=e&f"), "/a%20b/c%3Fd=e&f");
+}
+
 }  // namespace
 }  // namespace corvid

@@ -25,12 +25,6 @@ void blockBrokenPipeSignal() {
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 
-std::string_view trimmed(std::string_view text) {
-  const auto first = text.find_first_not_of(" \t");
-  if (first == text.npos) return {};
-  return text.substr(first, text.find_last_not_of(" \t") - first + 1);
-}
-
 // `head` without its last empty line.
 std::optional<Request> parseHead(std::string_view head) {
   Request request;

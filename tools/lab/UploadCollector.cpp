@@ -1,7 +1,5 @@
 #include "tools/lab/UploadCollector.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <optional>
@@ -32,9 +30,7 @@ Dictionary queryOf(std::string_view target) {
 }
 
 Dictionary describedFile(const std::string& content) {
-  std::string digest;
-  for (const std::uint8_t byte : sha256(content)) digest += fmt::format("{:02x}", byte);
-  Dictionary file{{"size", content.size()}, {"sha256", digest}};
+  Dictionary file{{"size", content.size()}, {"sha256", hexadecimal(sha256(content))}};
   if (content.size() <= UploadCollector::shownBytes && isValidUTF8(content))
     file.set("content", content);
   return file;

@@ -6,22 +6,15 @@
 #include <string>
 
 #include "backends/dashboard/TagReportingPacket.h"
+#include "base/Text.h"
 
 namespace corvid {
 namespace {
 
 using namespace std::string_literals;
 
-std::string hex(std::string_view bytes) {
-  std::string text;
-  for (const char byte : bytes) {
-    text += "0123456789abcdef"[static_cast<unsigned char>(byte) >> 4];
-    text += "0123456789abcdef"[static_cast<unsigned char>(byte) & 15];
-  }
-  return text;
-}
 std::string hexOf(const TagReportingPacket& packet, std::size_t offset, std::size_t size) {
-  return hex(packet.datagram().substr(offset, size));
+  return hexadecimal(packet.datagram().substr(offset, size));
 }
 
 std::string payloadOf(const Dictionary& payload) {
@@ -81,7 +74,7 @@ TEST(TagReportingPacketTest, IsTheDocumentedExample) {
   header.eventID = 258;
   header.flags = packetFlagReliable;
   const Dictionary payload{{"formula", "a=b\\c"}, {"count", 4}, {"note", "\n"}};
-  EXPECT_EQ(hex(TagReportingPacket(header, &payload).datagram()), documented);
+  EXPECT_EQ(hexadecimal(TagReportingPacket(header, &payload).datagram()), documented);
 }
 
 TEST(TagReportingPacketTest, AnEmptyOrAbsentPayloadIsTheHeaderAlone) {

@@ -8,17 +8,11 @@
 #include <thread>
 #include <vector>
 
+#include "base/Text.h"
 #include "platform/data/Crypto.h"
 
 namespace corvid {
 namespace {
-
-template <std::size_t length>
-std::string hexadecimal(const std::array<std::uint8_t, length>& digest) {
-  std::string text;
-  for (const std::uint8_t byte : digest) text += fmt::format("{:02x}", byte);
-  return text;
-}
 
 TEST(Digest, MatchesThePublishedVectors) {
   EXPECT_EQ(hexadecimal(sha1("")), "da39a3ee5e6b4b0d3255bfef95601890afd80709");
@@ -27,6 +21,14 @@ TEST(Digest, MatchesThePublishedVectors) {
             "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
   EXPECT_EQ(hexadecimal(sha256("abc")),
             "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+}
+
+TEST(Digest, WithAKeyMatchesThePublishedVectors) {
+  EXPECT_EQ(hexadecimal(hmacSHA256("Jefe", "what do ya want for nothing?")),
+            "5bdcc146bf60754e6a042426089575c75a003f089d2739839dec58b964ec3843");
+  EXPECT_EQ(hexadecimal(hmacSHA256(std::string(131, '\xAA'),
+                                   "Test Using Larger Than Block-Size Key - Hash Key First")),
+            "60e431591ee0b67f0d8a26aacbf5b77f8e0bc6213728c5140546040f0ee37f54");
 }
 
 TEST(Digest, ThreadsDoNotDisturbEachOther) {
