@@ -2,13 +2,14 @@
 
 #include <fmt/format.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <fstream>
 #include <stdexcept>
 #include <thread>
 
+#include "base/Descriptor.h"
+#include "base/UnixAddress.h"
 #include "platform/Paths.h"
 #include "platform/data/PropertyList.h"
 
@@ -17,14 +18,8 @@ namespace corvid::bench {
 namespace {
 
 bool acceptsConnection(const std::string& path) {
-  const int probe = socket(AF_UNIX, SOCK_STREAM, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  path.copy(address.sun_path, sizeof address.sun_path - 1);
-  const bool connected =
-      connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-  close(probe);
-  return connected;
+  const Descriptor probe(socket(AF_UNIX, SOCK_STREAM, 0));
+  return UnixAddress(path).connect(probe.get()) == 0;
 }
 
 }  // namespace

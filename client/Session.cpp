@@ -3,18 +3,16 @@
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <exception>
 #include <utility>
 #include <vector>
 
+#include "base/UnixAddress.h"
 #include "client/Opaque.h"
-#include "protocol/wire/QuietLibrary.h"
 
 namespace corvid::library {
 
@@ -24,11 +22,6 @@ using std::chrono::steady_clock;
 
 // Connects within the time that is left; without any, only where the daemon takes it at once.
 int connectTo(const std::string& path, steady_clock::time_point deadline, Descriptor& connected) {
-  sockaddr_un address{};
-  if (path.size() >= sizeof address.sun_path) return CORVID_ERROR_NOT_CONNECTED;
-  address.sun_family = AF_UNIX;
-  std::memcpy(address.sun_path, path.c_str(), path.size());
-
   const auto left =
       std::chrono::duration_cast<std::chrono::microseconds>(deadline - steady_clock::now());
   const int mode = left.count() > 0 ? 0 : SOCK_NONBLOCK;
@@ -39,8 +32,7 @@ int connectTo(const std::string& path, steady_clock::time_point deadline, Descri
                         static_cast<suseconds_t>(left.count() % 1000000)};
     setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &bound, sizeof bound);
   }
-  if (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-    return CORVID_ERROR_NOT_CONNECTED;
+  if (UnixAddress(path).connect(socket.get()) != 0) return CORVID_ERROR_NOT_CONNECTED;
   connected = std::move(socket);
   return CORVID_OK;
 }

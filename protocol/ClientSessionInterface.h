@@ -1,5 +1,4 @@
-// What a client may ask of its session. The transport calls these on the connection's own thread,
-// one after the other in the order in which the client made them; replies may come from any thread.
+// What a client and the daemon may ask of each other.
 #pragma once
 
 #include <cstdint>
@@ -7,7 +6,6 @@
 #include <string>
 
 #include "base/Value.h"
-#include "protocol/CorvidError.h"
 #include "protocol/Reply.h"
 
 namespace corvid {
@@ -20,6 +18,8 @@ using FlushReply = Reply<std::optional<std::string>, std::optional<CorvidError>>
 using SuccessReply = Reply<bool>;
 using LogDataReply = Reply<bool, std::optional<CorvidError>>;
 
+// What a client may ask of its session. The transport calls these on the connection's own thread,
+// one after the other in the order in which the client made them; replies may come from any thread.
 class ClientSessionInterface {
  public:
   virtual ~ClientSessionInterface() = default;
@@ -43,6 +43,18 @@ class ClientSessionInterface {
                                           std::uint16_t category, std::uint16_t type,
                                           std::optional<Dictionary> payload,
                                           Reply<std::string> reply) = 0;
+};
+
+// What the daemon may ask of a client.
+class ClientSessionReplyInterface {
+ public:
+  virtual ~ClientSessionReplyInterface() = default;
+
+  // Delivers a message to the client's aggregation block; with every argument absent or zero it
+  // tells the client's aggregator to shut down. Does not wait for the client. Any thread.
+  virtual void sendMessageToClient(std::optional<Dictionary> message, double timestamp,
+                                   std::uint16_t category, std::uint16_t type,
+                                   std::optional<Dictionary> payload) = 0;
 };
 
 }  // namespace corvid

@@ -10,7 +10,6 @@
 
 #include "base/Value.h"
 #include "protocol/ClientSessionInterface.h"
-#include "protocol/ClientSessionReplyInterface.h"
 
 namespace corvid {
 

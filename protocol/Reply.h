@@ -1,16 +1,26 @@
-// The reply callback of one client call.
-//
-// A reply answers once; a reply that is destroyed unanswered tells the transport so, and the client
-// library then drops its callback uncalled. A client that passed no callback gives an empty Reply.
-//
-// Threads: may be moved to, answered and destroyed on any thread.
+// What answers a client's call: the reply callback, and the error object that replies carry.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
+#include <string>
 #include <utility>
 
+#include "protocol/Keys.h"
+
 namespace corvid {
+
+struct CorvidError {
+  std::string domain{kCorvidErrorDomain};
+  std::int64_t code = 0;
+  std::string localizedDescription;
+
+  static CorvidError of(std::int64_t code, std::string description) {
+    return {std::string(kCorvidErrorDomain), code, std::move(description)};
+  }
+  bool operator==(const CorvidError&) const = default;
+};
 
 // The transport's side of a reply. The destructor of an unanswered sink reports "unanswered".
 template <class... Results>
@@ -20,6 +30,10 @@ class ReplySink {
   virtual void answer(Results... results) = 0;
 };
 
+// A reply answers once; a reply that is destroyed unanswered tells the transport so, and the client
+// library then drops its callback uncalled. A client that passed no callback gives an empty Reply.
+//
+// Threads: may be moved to, answered and destroyed on any thread.
 template <class... Results>
 class Reply {
  public:

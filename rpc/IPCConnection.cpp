@@ -9,9 +9,9 @@
 #include <utility>
 
 #include "base/Log.h"
+#include "base/Thread.h"
 #include "protocol/Limits.h"
 #include "protocol/wire/MessageSocket.h"
-#include "protocol/wire/QuietLibrary.h"
 #include "protocol/wire/SocketPort.h"
 #include "rpc/DeliverySender.h"
 #include "rpc/PeerGuard.h"
@@ -132,7 +132,7 @@ void IPCConnection::setInvalidationHandler(std::function<void()> handler) {
 void IPCConnection::resume() {
   if (!_exportedObject) throw std::logic_error("a connection is resumed without an object");
   try {
-    _thread = std::thread([this] { run(); });
+    _thread = startThread("corvid-client", [this] { run(); });
   } catch (const std::system_error& error) {
     logError("IPCConnection: No thread for {}: {}", _description, error.what());
     tearDown();

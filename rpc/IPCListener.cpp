@@ -1,7 +1,6 @@
 #include "rpc/IPCListener.h"
 
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -14,6 +13,7 @@
 #include <utility>
 
 #include "base/Log.h"
+#include "base/Thread.h"
 #include "protocol/Limits.h"
 #include "rpc/IPCConnection.h"
 
@@ -36,17 +36,15 @@ bool admitsConnection(pid_t process, uid_t user, std::size_t all, std::size_t of
   return false;
 }
 
-IPCListener::IPCListener(ServiceSocket socket, Descriptor wakeup, EntitlementReader entitlements)
-    : _entitlements(std::move(entitlements)),
-      _wakeup(std::move(wakeup)),
-      _socket(std::move(socket)) {}
+IPCListener::IPCListener(ServiceSocket socket, EntitlementReader entitlements)
+    : _entitlements(std::move(entitlements)), _socket(std::move(socket)) {}
 
 IPCListener::~IPCListener() {
   {
     const MutexLock lock(_mutex);
     _stopping = true;
   }
-  wake();
+  _wakeup.wake();
   if (_thread.joinable()) _thread.join();
   // Nobody else changes the list from here on, only the marks in it.
   std::vector<std::shared_ptr<IPCConnection>> connections;
@@ -58,24 +56,16 @@ IPCListener::~IPCListener() {
   for (const auto& connection : connections) connection->join();
 }
 
-void IPCListener::wake() const {
-  const std::uint64_t one = 1;
-  [[maybe_unused]] const auto written = write(_wakeup.get(), &one, sizeof one);
-}
-
 void IPCListener::run() {
   for (;;) {
-    std::array<pollfd, 2> ready{{{_wakeup.get(), POLLIN, 0}, {_socket.get(), POLLIN, 0}}};
+    std::array<pollfd, 2> ready{{{_wakeup.descriptor(), POLLIN, 0}, {_socket.get(), POLLIN, 0}}};
     // What is refused or cannot be accepted keeps the socket readable.
     if (_starved || _refused) ready[1].fd = -1;
     if (poll(ready.data(), ready.size(), _starved ? starvedPause : -1) < 0 && errno != EINTR) {
       starve("Waiting for connections", errno);
       std::this_thread::sleep_for(std::chrono::milliseconds(starvedPause));
     }
-    if (ready[0].revents != 0) {
-      std::uint64_t count = 0;
-      [[maybe_unused]] const auto taken = read(_wakeup.get(), &count, sizeof count);
-    }
+    _wakeup.drain();
     reap();
     {
       const MutexLock lock(_mutex);
@@ -165,7 +155,7 @@ void IPCListener::connectionEnded(std::uint64_t number) {
     for (Open& open : _connections)
       if (open.connection->peer().number == number) open.ended = true;
   }
-  wake();
+  _wakeup.wake();
 }
 
 void IPCListener::reap() {
@@ -183,10 +173,12 @@ void IPCListener::reap() {
 Result<std::unique_ptr<IPCListener>> IPCListener::serving(Result<ServiceSocket> socket,
                                                           EntitlementReader entitlements) {
   if (!socket) return socket.failure();
-  Descriptor wakeup(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-  if (!wakeup) return Failure{"Creating an event failed: " + errorText(errno), errno};
-  return std::unique_ptr<IPCListener>(
-      new IPCListener(std::move(socket).value(), std::move(wakeup), std::move(entitlements)));
+  try {
+    return std::unique_ptr<IPCListener>(
+        new IPCListener(std::move(socket).value(), std::move(entitlements)));
+  } catch (const std::system_error& error) {
+    return Failure{"Creating an event failed: " + error.code().message(), error.code().value()};
+  }
 }
 
 Result<std::unique_ptr<IPCListener>> IPCListener::bind(const std::string& path,
@@ -202,7 +194,7 @@ Result<std::unique_ptr<IPCListener>> IPCListener::adopt(int socket,
 void IPCListener::resume(std::shared_ptr<ListenerDelegate> delegate, AcceptGate gate) {
   _delegate = std::move(delegate);
   _gate = std::move(gate);
-  _thread = std::thread([this] { run(); });
+  _thread = startThread("corvid-accept", [this] { run(); });
 }
 
 std::size_t IPCListener::connections() const {

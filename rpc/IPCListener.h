@@ -16,6 +16,7 @@
 #include "base/Mutex.h"
 #include "base/Result.h"
 #include "base/Value.h"
+#include "base/Wakeup.h"
 #include "protocol/Connection.h"
 #include "rpc/ServiceSocket.h"
 
@@ -72,7 +73,7 @@ class IPCListener {
   };
   enum class Accepted { one, none, starved, refused };
 
-  IPCListener(ServiceSocket socket, Descriptor wakeup, EntitlementReader entitlements);
+  IPCListener(ServiceSocket socket, EntitlementReader entitlements);
   static Result<std::unique_ptr<IPCListener>> serving(Result<ServiceSocket> socket,
                                                       EntitlementReader entitlements);
   void run();
@@ -83,11 +84,10 @@ class IPCListener {
   bool admits(pid_t process, uid_t user) const EXCLUDES(_mutex);
   void connectionEnded(std::uint64_t number) EXCLUDES(_mutex);
   void reap() EXCLUDES(_mutex);
-  void wake() const;
 
   // Constant after resume().
   const EntitlementReader _entitlements;
-  const Descriptor _wakeup;
+  const Wakeup _wakeup;
   const ServiceSocket _socket;
   std::shared_ptr<ListenerDelegate> _delegate;
   AcceptGate _gate;

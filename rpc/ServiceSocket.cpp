@@ -4,14 +4,14 @@
 #include <fmt/format.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <system_error>
 #include <utility>
+
+#include "base/UnixAddress.h"
 
 namespace corvid {
 
@@ -25,28 +25,16 @@ Failure failure(std::string_view what, const std::string& path, int error) {
           error};
 }
 
-sockaddr_un addressOf(const std::string& path) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::memcpy(address.sun_path, path.c_str(), path.size());
-  return address;
-}
-
 int newSocket() { return socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0); }
 
-const sockaddr* generic(const sockaddr_un& address) {
-  return reinterpret_cast<const sockaddr*>(&address);
-}
-
 // Removes a socket file that nobody serves; 0, or why it may not be removed.
-int removeStale(const std::string& path, const sockaddr_un& address) {
+int removeStale(const std::string& path, const UnixAddress& address) {
   struct stat file {};
   if (lstat(path.c_str(), &file) != 0) return errno == ENOENT ? 0 : errno;
   if (!S_ISSOCK(file.st_mode)) return ENOTSOCK;
   const Descriptor probe(newSocket());
   if (!probe) return errno;
-  if (connect(probe.get(), generic(address), sizeof address) == 0 || errno == EAGAIN)
-    return EADDRINUSE;
+  if (address.connect(probe.get()) == 0 || errno == EAGAIN) return EADDRINUSE;
   if (errno != ECONNREFUSED) return errno;
   return unlink(path.c_str()) == 0 || errno == ENOENT ? 0 : errno;
 }
@@ -68,21 +56,19 @@ ServiceSocket::~ServiceSocket() {
 }
 
 Result<ServiceSocket> ServiceSocket::bind(const std::string& path) {
-  if (path.size() >= sizeof(sockaddr_un::sun_path))
-    return failure("Creating the socket", path, ENAMETOOLONG);
+  const UnixAddress address(path);
+  if (!address) return failure("Creating the socket", path, ENAMETOOLONG);
   std::error_code error;
   std::filesystem::create_directories(std::filesystem::path(path).parent_path(), error);
   if (error) return failure("Creating the folder of", path, error.value());
 
-  const sockaddr_un address = addressOf(path);
   Descriptor socket(newSocket());
   if (!socket) return failure("Creating the socket", path, errno);
   if (const int reason = removeStale(path, address); reason == EADDRINUSE)
     return Failure{fmt::format("Another process serves {}", path), reason};
   else if (reason != 0)
     return failure("Replacing the socket", path, reason);
-  if (::bind(socket.get(), generic(address), sizeof address) != 0)
-    return failure("Binding the socket", path, errno);
+  if (address.bind(socket.get()) != 0) return failure("Binding the socket", path, errno);
   ServiceSocket bound(std::move(socket), path);
   if (chmod(path.c_str(), everybody) != 0) return failure("Opening the socket", path, errno);
   if (listen(bound.get(), backlog) != 0) return failure("Listening on the socket", path, errno);

@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 
 #include <cerrno>
 #include <cstring>
@@ -11,6 +10,7 @@
 #include "base/Descriptor.h"
 #include "base/Log.h"
 #include "base/Text.h"
+#include "base/UnixAddress.h"
 
 // The journal's native protocol, one datagram an entry, is spoken here directly: it is documented
 // as stable and small, while loading libsystemd costs 1 MB of resident memory.
@@ -37,15 +37,10 @@ void appendField(std::string& entry, std::string_view name, std::string_view val
 
 // 0, or the system's error number.
 int sendDatagram(const std::string& path, std::string_view datagram) {
-  sockaddr_un address{};
-  if (path.size() >= sizeof address.sun_path) return ENAMETOOLONG;
-  address.sun_family = AF_UNIX;
-  path.copy(address.sun_path, sizeof address.sun_path - 1);
   const Descriptor socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!socket) return errno;
-  const ssize_t sent = sendto(socket.get(), datagram.data(), datagram.size(), MSG_NOSIGNAL,
-                              reinterpret_cast<const sockaddr*>(&address), sizeof address);
-  return sent < 0 ? errno : 0;
+  if (UnixAddress(path).connect(socket.get()) != 0) return errno;
+  return send(socket.get(), datagram.data(), datagram.size(), MSG_NOSIGNAL) < 0 ? errno : 0;
 }
 
 }  // namespace

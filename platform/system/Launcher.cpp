@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,6 +13,7 @@
 #include <string>
 
 #include "base/Log.h"
+#include "base/UnixAddress.h"
 
 // The launcher's two protocols, sockets by LISTEN_FDS and messages to NOTIFY_SOCKET, are spoken
 // here directly: both are documented as stable and small, while loading libsystemd costs 1 MB of
@@ -71,21 +71,11 @@ Descriptor passedListeningSocket() {
 Descriptor socketToLauncher() {
   const char* const path = std::getenv("NOTIFY_SOCKET");
   if (path == nullptr || (path[0] != '/' && path[0] != '@')) return Descriptor();
-  sockaddr_un address{};
-  const std::size_t length = std::strlen(path);
-  if (length < 2 || length >= sizeof address.sun_path) return Descriptor();
-  address.sun_family = AF_UNIX;
-  std::memcpy(address.sun_path, path, length);
-  // An abstract address begins with a zero byte and ends with its last character.
-  std::size_t size = offsetof(sockaddr_un, sun_path) + length;
-  if (path[0] == '@')
-    address.sun_path[0] = '\0';
-  else
-    ++size;
+  std::string address = path;
+  if (address.size() < 2) return Descriptor();
+  if (address.front() == '@') address.front() = '\0';  // an abstract name
   Descriptor launcher(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  if (!launcher || connect(launcher.get(), reinterpret_cast<const sockaddr*>(&address),
-                           static_cast<socklen_t>(size)) != 0)
-    return Descriptor();
+  if (!launcher || UnixAddress(address).connect(launcher.get()) != 0) return Descriptor();
   return launcher;
 }
 

@@ -1,13 +1,8 @@
 #include "protocol/wire/SocketPort.h"
 
 #include <poll.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <array>
-#include <cerrno>
-#include <cstdint>
-#include <system_error>
 #include <utility>
 
 namespace corvid::wire {
@@ -28,17 +23,7 @@ void fulfil(Waiter& waiter) {
   if (Waiter taken = kj::mv(waiter); taken.get() != nullptr) taken->fulfill();
 }
 
-int newEvent() {
-  const int event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (event < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
-  return event;
-}
-
 }  // namespace
-
-SocketPort::SocketPort(int socket) : _socket(socket), _wakeup(newEvent()) {}
-
-SocketPort::~SocketPort() { close(_wakeup); }
 
 kj::Promise<void> SocketPort::whenReadable() { return wire::wait(_readable); }
 kj::Promise<void> SocketPort::whenWritable() { return wire::wait(_writable); }
@@ -50,25 +35,19 @@ kj::Promise<void> SocketPort::whenWoken() {
 bool SocketPort::wait() { return pollFor(-1); }
 bool SocketPort::poll() { return pollFor(0); }
 
-void SocketPort::wake() const {
-  const std::uint64_t one = 1;
-  // Fails only where the count is full, and then the loop is awake anyway.
-  [[maybe_unused]] const auto written = write(_wakeup, &one, sizeof one);
-}
-
 bool SocketPort::pollFor(int milliseconds) {
   short events = 0;
   if (isWanted(_readable)) events |= POLLIN;
   if (isWanted(_writable)) events |= POLLOUT;
-  std::array<pollfd, 2> ready{{{_wakeup, POLLIN, 0}, {events != 0 ? _socket : -1, events, 0}}};
+  std::array<pollfd, 2> ready{
+      {{_wakeup.descriptor(), POLLIN, 0}, {events != 0 ? _socket : -1, events, 0}}};
   if (::poll(ready.data(), ready.size(), milliseconds) <= 0) return false;
 
   constexpr short gone = POLLHUP | POLLERR | POLLNVAL;
   if ((ready[1].revents & (POLLIN | gone)) != 0) fulfil(_readable);
   if ((ready[1].revents & (POLLOUT | gone)) != 0) fulfil(_writable);
   if (ready[0].revents == 0) return false;
-  std::uint64_t count = 0;
-  [[maybe_unused]] const auto taken = read(_wakeup, &count, sizeof count);
+  _wakeup.drain();
   if (isWanted(_woken))
     fulfil(_woken);
   else

@@ -5,16 +5,17 @@
 #pragma once
 
 #include <kj/async.h>
+#include <kj/exception.h>
+
+#include "base/Log.h"
+#include "base/Wakeup.h"
 
 namespace corvid::wire {
 
 class SocketPort final : public kj::EventPort {
  public:
   // `socket` is borrowed. Throws std::system_error where the system has no descriptor left.
-  explicit SocketPort(int socket);
-  ~SocketPort();
-  SocketPort(const SocketPort&) = delete;
-  SocketPort& operator=(const SocketPort&) = delete;
+  explicit SocketPort(int socket) : _socket(socket) {}
 
   int socket() const { return _socket; }
   // One waiter each at a time. Ready also when the peer is gone.
@@ -24,18 +25,28 @@ class SocketPort final : public kj::EventPort {
 
   bool wait() override;
   bool poll() override;
-  void wake() const override;
+  void wake() const override { _wakeup.wake(); }
 
  private:
   using Waiter = kj::Own<kj::PromiseFulfiller<void>>;
   bool pollFor(int milliseconds);
 
   const int _socket;
-  const int _wakeup;
+  const Wakeup _wakeup;
   Waiter _readable;
   Waiter _writable;
   Waiter _woken;
   bool _wasWoken = false;
+};
+
+// Keeps the RPC library from writing to standard error on the thread that holds one, on its stack.
+class QuietLibrary final : public kj::ExceptionCallback {
+ public:
+  void logMessage(kj::LogSeverity, const char*, int, int, kj::String&& text) override {
+    logDebug("RPC library: {}", text.cStr());
+  }
+  // Nobody reads the traces, and unwinding the stack for them is slow.
+  StackTraceMode stackTraceMode() override { return StackTraceMode::NONE; }
 };
 
 }  // namespace corvid::wire

@@ -10,7 +10,7 @@
 
 #include "protocol/corvid.capnp.h"
 #include "protocol/wire/FrameReader.h"
-#include "protocol/wire/QuietLibrary.h"
+#include "protocol/wire/SocketPort.h"
 #include "protocol/wire/ValueCodec.h"
 
 namespace {

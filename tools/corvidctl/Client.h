@@ -12,7 +12,7 @@
 
 #include "base/Mutex.h"
 #include "base/Value.h"
-#include "protocol/CorvidError.h"
+#include "protocol/Reply.h"
 
 namespace corvid::ctl {
 

@@ -13,10 +13,10 @@
  * Waiting    A function never waits longer than the session's deadline, and in a callback not at
  *            all; it waits only for room in the queue of calls, and for a connection.
  * Connection Made by the first call or corvid_session_connect. When it is lost, all calls under way
- *            end with CORVID_ERROR_CONNECTION_LOST and the session's `invalidated` handler is
- * called. The next call connects again; the last session info with the last user info and,
- *            where it was started, the configuration are sent again before it, and `reconnected`
- *            is called.
+ *            end with CORVID_ERROR_CONNECTION_LOST and the `invalidated` handler is called. The
+ *            next call connects again; the last session info with the last user info and, where
+ *            it was started, the configuration are sent again before it, and `reconnected` is
+ *            called.
  * Signals    The session's thread takes no signals; the library raises none and changes none.
  * fork       A child process has no use of its parent's sessions: calls there are refused with
  *            CORVID_ERROR_FORKED, and destroying a session there does nothing. Create a new one.

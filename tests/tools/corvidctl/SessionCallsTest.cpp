@@ -1,5 +1,5 @@
 // Every call of `corvidctl session`: what reaches the daemon and what is printed.
-#include "protocol/CorvidError.h"
+#include "protocol/Reply.h"
 #include "tests/tools/corvidctl/SessionProcess.h"
 
 namespace corvid {
