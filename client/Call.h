@@ -8,45 +8,38 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <optional>
-#include <string>
 #include <utility>
 #include <vector>
 
 #include "base/Value.h"
-#include "client/UploadedFile.h"
-#include "client/include/corvid/corvid.h"
+#include "client/Completion.h"
 #include "protocol/corvid.capnp.h"
 #include "protocol/wire/ValueCodec.h"
 
 namespace corvid::library {
 
-// What the host gave with a call to hear of its end.
-template <class Callback>
-struct Completion {
-  Callback callback = nullptr;
-  corvid_finished_callback_t finished = nullptr;
-  void* context = nullptr;
-
-  bool wantsReply() const { return callback != nullptr; }
-  void end(corvid_outcome_t outcome) const {
-    if (finished != nullptr) finished(context, outcome);
-  }
-};
+using Daemon = wire::ClientSession::Client;
 
 struct SessionInfo {
   Dictionary sessionInfo;
   std::optional<Dictionary> userInfo;
   Array frameworksToCheck;
   bool hasAggregationBlock = false;
+
+  void encode(wire::ClientSession::SetSessionInfoParams::Builder target) const;
 };
 
 // What a new connection is told before anything else.
 struct Replay {
   std::shared_ptr<const SessionInfo> sessionInfo;
   bool startConfig = false;
+
+  // As the daemon takes it: who requires user info keeps what there is when given none.
+  void replaceUserInfo(const std::optional<Dictionary>& userInfo);
+  // Done when the daemon has taken it.
+  kj::Promise<void> send(Daemon& daemon) const;
 };
 
 // A call that waits in the queue.
@@ -61,7 +54,7 @@ class Call {
   virtual void fail(int error) = 0;
   // Called when the call is accepted.
   virtual void remember(Replay&) const {}
-  // Events travel together, other calls alone.
+  // Events travel together in a batch, other calls alone.
   virtual bool isEvent() const { return false; }
 
  private:
@@ -71,32 +64,41 @@ class Call {
 // What travels in one remote call.
 class RemoteCall : public Call {
  public:
-  using Daemon = wire::ClientSession::Client;
   using Call::Call;
   // Done when what the daemon answered has been handed over. Otherwise fail() ends the call.
   virtual kj::Promise<void> perform(Daemon& daemon) = 0;
 };
 
-using TextHandler = Completion<corvid_text_callback_t>;
-
 // A message for the session, by category and type or as a dictionary.
 class Event final : public Call {
  public:
   Event(std::uint16_t category, std::uint16_t type, std::optional<Dictionary> payload,
-        wire::Extent extent, TextHandler handler);
-  Event(Dictionary message, wire::Extent extent, TextHandler handler);
+        wire::Extent extent, TextCompletion completion)
+      : Call(extent),
+        _isDictionary(false),
+        _category(category),
+        _type(type),
+        _content(std::move(payload)),
+        _completion(completion) {}
+  Event(Dictionary message, wire::Extent extent, TextCompletion completion)
+      : Call(extent),
+        _isDictionary(true),
+        _category(0),
+        _type(0),
+        _content(std::move(message)),
+        _completion(completion) {}
 
   bool isEvent() const override { return true; }
-  void fail(int error) override;
+  void fail(int error) override { _completion.fail(error); }
   void encode(wire::Message::Builder message) const;
-  void answer(wire::TextResult::Reader result);
+  void answer(wire::TextResult::Reader result) { _completion.answer(result); }
 
  private:
   const bool _isDictionary;
   const std::uint16_t _category;
   const std::uint16_t _type;
   const std::optional<Dictionary> _content;
-  const TextHandler _handler;
+  const TextCompletion _completion;
 };
 
 // Events that travel together.
@@ -105,8 +107,9 @@ class EventBatch final : public RemoteCall {
   EventBatch() : RemoteCall(wire::Extent()) {}
 
   bool isEvent() const override { return true; }
-  // Events only. False, and `event` stays, where it has to wait for the next batch.
-  bool add(std::unique_ptr<Call>& event);
+  // False where an event has to wait for the next batch. The first never has to.
+  bool hasRoomFor(const Call& event) const;
+  void add(std::unique_ptr<Event> event);
   kj::Promise<void> perform(Daemon& daemon) override;
   void fail(int error) override;
 
@@ -116,30 +119,52 @@ class EventBatch final : public RemoteCall {
   std::size_t _values = 0;
 };
 
-using StatesHandler = Completion<corvid_states_callback_t>;
-using FlushHandler = Completion<corvid_flush_callback_t>;
-using SuccessHandler = Completion<corvid_success_callback_t>;
-// setSessionInfo has no reply.
-using NoCallback = void (*)(void* context, int error);
-using DoneHandler = Completion<NoCallback>;
+// The room that a call with such content takes.
+inline capnp::MessageSize sizeHint(std::size_t words) {
+  constexpr std::size_t envelope = 64;
+  return {words + envelope, 0};
+}
 
-std::unique_ptr<RemoteCall> setSessionInfo(std::shared_ptr<const SessionInfo> info,
-                                           wire::Extent extent, DoneHandler handler);
-std::unique_ptr<RemoteCall> startConfig(StatesHandler handler);
-std::unique_ptr<RemoteCall> fetchStates(std::optional<Dictionary> userInfo, wire::Extent extent,
-                                        StatesHandler handler);
-std::unique_ptr<RemoteCall> fetchDisplayURL(TextHandler handler);
-std::unique_ptr<RemoteCall> flush(FlushHandler handler);
-std::unique_ptr<RemoteCall> finish(TextHandler handler);
-// Without a file the daemon hears of the URL all the same, and refuses it.
-std::unique_ptr<RemoteCall> uploadFile(std::string fileURL, std::optional<UploadedFile> file,
-                                       wire::Extent extent, SuccessHandler handler);
-std::unique_ptr<RemoteCall> uploadLogData(Array logData, wire::Extent extent,
-                                          SuccessHandler handler);
-std::unique_ptr<RemoteCall> sendSingleMessage(Dictionary sessionInfo,
-                                              std::optional<Dictionary> userInfo,
-                                              std::uint16_t category, std::uint16_t type,
-                                              std::optional<Dictionary> payload,
-                                              wire::Extent extent, TextHandler handler);
+// A call of another kind. `request` is the daemon's operation, `fill` writes its parameters, and
+// `note` tells what a later connection is told again.
+template <class Callback, class Request, class Fill, class Note>
+class SingleCall final : public RemoteCall {
+ public:
+  SingleCall(const wire::Extent& extent, Completion<Callback> completion, Request request,
+             Fill fill, Note note)
+      : RemoteCall(extent),
+        _completion(completion),
+        _request(request),
+        _fill(std::move(fill)),
+        _note(std::move(note)) {}
+
+  kj::Promise<void> perform(Daemon& daemon) override {
+    auto request = (daemon.*_request)(sizeHint(extent().words));
+    if constexpr (requires { request.setReplyWanted(true); })
+      request.setReplyWanted(_completion.wantsReply());
+    _fill(request);
+    return request.send().then([this](auto&& results) { _completion.answer(results); });
+  }
+  void fail(int error) override { _completion.fail(error); }
+  void remember(Replay& replay) const override { _note(replay); }
+
+ private:
+  const Completion<Callback> _completion;
+  const Request _request;
+  Fill _fill;
+  const Note _note;
+};
+
+struct Nothing {
+  template <class Target>
+  void operator()(Target&) const {}
+};
+
+template <class Callback, class Request, class Fill = Nothing, class Note = Nothing>
+std::unique_ptr<Call> singleCall(const wire::Extent& extent, Completion<Callback> completion,
+                                 Request request, Fill fill = {}, Note note = {}) {
+  return std::make_unique<SingleCall<Callback, Request, Fill, Note>>(
+      extent, completion, request, std::move(fill), std::move(note));
+}
 
 }  // namespace corvid::library

@@ -1,18 +1,12 @@
 #include "client/Session.h"
 
-#include <signal.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
-#include <exception>
 #include <utility>
-#include <vector>
 
 #include "base/UnixAddress.h"
-#include "client/Opaque.h"
 
 namespace corvid::library {
 
@@ -37,52 +31,17 @@ int connectTo(const std::string& path, steady_clock::time_point deadline, Descri
   return CORVID_OK;
 }
 
-// A thread of the library takes no signals of the host.
-class SignalsBlocked {
- public:
-  SignalsBlocked() {
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &_before);
-  }
-  ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &_before, nullptr); }
-  SignalsBlocked(const SignalsBlocked&) = delete;
-  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
-
- private:
-  sigset_t _before;
-};
-
-std::optional<Dictionary> decoded(bool present, const auto& get) {
-  if (!present) return std::nullopt;
-  return wire::ValueDecoder().dictionary(get());
-}
-
-const corvid_dictionary_t* orNone(const std::optional<Dictionary>& dictionary) {
-  return dictionary ? outside(&*dictionary) : nullptr;
-}
-
 }  // namespace
 
 Session::Session(Options options) : _options(std::move(options)), _process(getpid()) {}
 
-void Session::start() {
-  const SignalsBlocked blocked;
-  _thread = std::thread([self = shared_from_this()] { self->run(); });
-  _threadID = _thread.get_id();
-}
-
 bool Session::isInItsProcess() const { return getpid() == _process; }
 
-Session::Deadline Session::deadline() const { return steady_clock::now() + _options.deadline; }
-
 bool Session::await(Deadline deadline) {
-  if (isOwnThread()) return false;
+  if (std::this_thread::get_id() == _servingThread) return false;
   return _changed.wait_until(_mutex, deadline) == std::cv_status::no_timeout ||
          steady_clock::now() < deadline;
 }
-
-// ---- Any thread
 
 int Session::awaitConnection(Deadline deadline) {
   while (_state == State::connecting)
@@ -91,9 +50,11 @@ int Session::awaitConnection(Deadline deadline) {
   if (_state == State::connected) return CORVID_OK;
 
   _state = State::connecting;
+  // The serving thread does not wait.
+  if (std::this_thread::get_id() == _servingThread) deadline = {};
   _mutex.unlock();
   Descriptor socket;
-  const int result = connectTo(_options.socketPath, isOwnThread() ? Deadline() : deadline, socket);
+  const int result = connectTo(_options.socketPath, deadline, socket);
   _mutex.lock();
   _state = result == CORVID_OK ? State::connected : State::apart;
   if (result == CORVID_OK) {
@@ -136,118 +97,57 @@ void Session::wakeLink() {
 
 void Session::close() {
   const Deadline until = deadline();
-  {
-    const MutexLock lock(_mutex);
-    _closing = true;
-    while (_state == State::connecting ||
-           (_state == State::connected && (_callsUnderWay || !_queue.empty())))
-      if (!await(until)) break;
-    _stopping = true;
-    wakeLink();
-    _changed.notify_all();
-  }
-  if (isOwnThread())
-    _thread.detach();
-  else
-    _thread.join();
-}
-
-// ---- The session's thread
-
-void Session::run() {
-  const wire::QuietLibrary quiet;
-  Descriptor socket;
-  while (awaitSocket(socket)) serve(std::move(socket));
-  for (const auto& call : leave()) call->fail(CORVID_ERROR_CLOSED);
-  if (_options.handlers.released != nullptr) _options.handlers.released(_options.handlers.context);
-}
-
-bool Session::awaitSocket(Descriptor& socket) {
   const MutexLock lock(_mutex);
-  while (!_newSocket && !_stopping) _changed.wait(_mutex);
-  socket = std::move(_newSocket);
-  return !_stopping;
-}
-
-void Session::serve(Descriptor socket) {
-  std::vector<std::unique_ptr<RemoteCall>> underWay;
-  try {
-    wire::SocketPort port(socket.get());
-    kj::EventLoop loop(port);
-    kj::WaitScope scope(loop);
-    Link link(*this, port);
-    bool again = false;
-    Replay replay;
-    {
-      const MutexLock lock(_mutex);
-      _port = &port;
-      if (_stopping) port.wake();
-      _callsUnderWay = true;
-      again = std::exchange(_wasConnected, true);
-      replay = std::move(_replay);
-    }
-    KJ_DEFER({
-      const MutexLock lock(_mutex);
-      _port = nullptr;
-    });
-    if (again) link.replay(replay);
-    link.run(scope);
-    underWay = link.takeUnfinished();
-  } catch (const std::exception&) {
-    // No descriptor for the event loop: the connection ends as if it were lost.
-  }
-  socket.reset();
-
-  const std::vector<std::unique_ptr<Call>> waiting = leave();
-  const bool stopping = isStopping();
-  const int error = stopping ? CORVID_ERROR_CLOSED : CORVID_ERROR_CONNECTION_LOST;
-  for (const auto& call : underWay) call->fail(error);
-  for (const auto& call : waiting) call->fail(error);
-  if (!stopping && _options.handlers.invalidated != nullptr)
-    _options.handlers.invalidated(_options.handlers.context);
-}
-
-// Gives up the connection with the calls that wait for it. Calls that come from here on wait for
-// the next one.
-std::vector<std::unique_ptr<Call>> Session::leave() {
-  std::vector<std::unique_ptr<Call>> waiting;
-  const MutexLock lock(_mutex);
-  if (_state == State::connected && !_newSocket) _state = State::apart;
-  std::move(_queue.begin(), _queue.end(), std::back_inserter(waiting));
-  _queue.clear();
-  _queuedBytes = 0;
-  _linkWaits = false;
-  _callsUnderWay = false;
+  _closing = true;
+  while (_state == State::connecting ||
+         (_state == State::connected && (_callsUnderWay || !_queue.empty())))
+    if (!await(until)) break;
+  _stopping = true;
+  wakeLink();
   _changed.notify_all();
-  return waiting;
 }
 
-std::unique_ptr<RemoteCall> Session::nextCall(bool eventsToo) {
+std::optional<Descriptor> Session::awaitSocket() {
   const MutexLock lock(_mutex);
-  if (_queue.empty()) {
-    _linkWaits = true;
-    return nullptr;
-  }
-  std::unique_ptr<RemoteCall> next;
-  if (!_queue.front()->isEvent()) {
-    next.reset(static_cast<RemoteCall*>(_queue.front().release()));
-    _queuedBytes -= next->extent().bytes();
-    _queue.pop_front();
-  } else if (eventsToo) {
-    auto batch = std::make_unique<EventBatch>();
-    while (!_queue.empty() && _queue.front()->isEvent()) {
-      const std::size_t bytes = _queue.front()->extent().bytes();
-      if (!batch->add(_queue.front())) break;
-      _queuedBytes -= bytes;
-      _queue.pop_front();
-    }
-    next = std::move(batch);
-  } else {
-    return nullptr;
-  }
+  _servingThread = std::this_thread::get_id();
+  while (!_newSocket && !_stopping) _changed.wait(_mutex);
+  if (_stopping) return std::nullopt;
+  return std::move(_newSocket);
+}
+
+std::optional<Replay> Session::attach(const wire::SocketPort& port) {
+  const MutexLock lock(_mutex);
+  _port = &port;
+  if (_stopping) port.wake();
+  _callsUnderWay = true;
+  if (!std::exchange(_wasConnected, true)) return std::nullopt;
+  return std::move(_replay);
+}
+
+void Session::detach() {
+  const MutexLock lock(_mutex);
+  _port = nullptr;
+}
+
+std::unique_ptr<Call> Session::takeFirst() {
+  std::unique_ptr<Call> first = std::move(_queue.front());
+  _queue.pop_front();
+  _queuedBytes -= first->extent().bytes();
+  return first;
+}
+
+std::unique_ptr<RemoteCall> Session::next(bool eventsToo) {
+  const MutexLock lock(_mutex);
+  _linkWaits = _queue.empty();
+  if (_queue.empty() || (_queue.front()->isEvent() && !eventsToo)) return nullptr;
   _callsUnderWay = true;
   _changed.notify_all();
-  return next;
+  if (!_queue.front()->isEvent())
+    return std::unique_ptr<RemoteCall>(static_cast<RemoteCall*>(takeFirst().release()));
+  auto batch = std::make_unique<EventBatch>();
+  while (!_queue.empty() && _queue.front()->isEvent() && batch->hasRoomFor(*_queue.front()))
+    batch->add(std::unique_ptr<Event>(static_cast<Event*>(takeFirst().release())));
+  return batch;
 }
 
 void Session::nothingUnderWay() {
@@ -256,28 +156,19 @@ void Session::nothingUnderWay() {
   _changed.notify_all();
 }
 
-bool Session::isStopping() {
+bool Session::isStopping() const {
   const MutexLock lock(_mutex);
   return _stopping;
 }
 
-void Session::reconnected() {
-  if (!isStopping() && _options.handlers.reconnected != nullptr)
-    _options.handlers.reconnected(_options.handlers.context);
-}
-
-void Session::received(wire::Delivery::Reader delivery) {
-  if (_options.handlers.message == nullptr || isStopping()) return;
-  std::optional<Dictionary> message;
-  std::optional<Dictionary> payload;
-  try {
-    message = decoded(delivery.hasMessage(), [&] { return delivery.getMessage(); });
-    payload = decoded(delivery.hasPayload(), [&] { return delivery.getPayload(); });
-  } catch (const std::exception&) {
-    return;  // not something that this library knows; the next one may be
-  }
-  _options.handlers.message(_options.handlers.context, orNone(message), delivery.getTimestamp(),
-                            delivery.getCategory(), delivery.getType(), orNone(payload));
+std::deque<std::unique_ptr<Call>> Session::leave() {
+  const MutexLock lock(_mutex);
+  if (_state == State::connected && !_newSocket) _state = State::apart;
+  _queuedBytes = 0;
+  _linkWaits = false;
+  _callsUnderWay = false;
+  _changed.notify_all();
+  return std::exchange(_queue, {});
 }
 
 }  // namespace corvid::library

@@ -1,4 +1,4 @@
-// A host's session: the queue of its calls and the connection that carries them.
+// A host's session: whether it is connected, and the calls that wait for the connection.
 #pragma once
 
 #include <sys/types.h>
@@ -6,26 +6,26 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
-#include <cstdint>
 #include <deque>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "base/Descriptor.h"
 #include "base/Mutex.h"
 #include "client/Call.h"
-#include "client/Link.h"
 #include "client/include/corvid/corvid.h"
+#include "protocol/wire/SocketPort.h"
 
 namespace corvid::library {
 
-// Threads   connect, submit and close: any. The session's own thread, which lives from start() to
-//           the end of close(), waits for a connection, runs it and calls the host back, never with
-//           _mutex held.
+// Threads   connect, submit and close: any. What serves the session runs on a thread of its own,
+//           which is also the one that calls the host back; client/Link.h starts it.
 // Limits    mostQueuedCalls and mostQueuedBytes; a larger single call passes through an empty
-// queue. Ownership The thread shares in the session, which may so be closed from a callback.
-class Session final : public std::enable_shared_from_this<Session>, private Link::Owner {
+// queue. Locks     The host is never called with one held.
+class Session {
  public:
   static constexpr std::size_t mostQueuedCalls = 4096;
   static constexpr std::size_t mostQueuedBytes = std::size_t{8} << 20;
@@ -37,52 +37,54 @@ class Session final : public std::enable_shared_from_this<Session>, private Link
   };
 
   explicit Session(Options options);
-  // Starts the thread. Throws std::system_error.
-  void start();
 
   // Both give a result code of the library.
-  int connect();
-  int submit(std::unique_ptr<Call> call);
-  // Once, and nothing else after it.
-  void close();
+  int connect() EXCLUDES(_mutex);
+  int submit(std::unique_ptr<Call> call) EXCLUDES(_mutex);
+  // Waits for the calls that are under way, and ends the connection. Once, and nothing else after.
+  void close() EXCLUDES(_mutex);
 
   // False in a process that was forked from the session's.
   bool isInItsProcess() const;
+  const corvid_options_t& handlers() const { return _options.handlers; }
+
+  // The rest is for the serving thread.
+
+  // A connected socket, as soon as there is one; nothing once the session is closed.
+  std::optional<Descriptor> awaitSocket() EXCLUDES(_mutex);
+  // From here to detach(), `port` is woken when calls come after next() found none, and when the
+  // connection is to end. Gives what the daemon is to be told first, if this is not the first
+  // connection.
+  std::optional<Replay> attach(const wire::SocketPort& port) EXCLUDES(_mutex);
+  void detach() EXCLUDES(_mutex);
+  // What travels next; null where nothing waits, or only events while `eventsToo` is false.
+  std::unique_ptr<RemoteCall> next(bool eventsToo) EXCLUDES(_mutex);
+  void nothingUnderWay() EXCLUDES(_mutex);
+  bool isStopping() const EXCLUDES(_mutex);
+  // Gives up the connection with the calls that wait for it. Calls that come from here on wait for
+  // the next one.
+  std::deque<std::unique_ptr<Call>> leave() EXCLUDES(_mutex);
 
  private:
   using Deadline = std::chrono::steady_clock::time_point;
   enum class State { apart, connecting, connected };
 
-  // Link::Owner, on the session's thread.
-  std::unique_ptr<RemoteCall> nextCall(bool eventsToo) override;
-  void nothingUnderWay() override;
-  bool isStopping() override;
-  void reconnected() override;
-  void received(wire::Delivery::Reader delivery) override;
-
-  void run();
-  void serve(Descriptor socket);
-  bool awaitSocket(Descriptor& socket);
-  std::vector<std::unique_ptr<Call>> leave();
-
-  Deadline deadline() const;
+  Deadline deadline() const { return std::chrono::steady_clock::now() + _options.deadline; }
   int awaitConnection(Deadline deadline) REQUIRES(_mutex);
   bool hasRoomFor(const Call& call) const REQUIRES(_mutex);
-  bool isOwnThread() const { return std::this_thread::get_id() == _threadID; }
-  // Until something changes; false at the deadline, and at once on the session's thread.
+  // Until something changes; false at the deadline, and at once on the serving thread.
   bool await(Deadline deadline) REQUIRES(_mutex);
+  std::unique_ptr<Call> takeFirst() REQUIRES(_mutex);
   void wakeLink() REQUIRES(_mutex);
 
-  // Constant after start().
   const Options _options;
   const pid_t _process;
-  std::thread _thread;
-  std::thread::id _threadID;
 
   mutable Mutex _mutex;
   std::condition_variable_any _changed;
+  std::thread::id _servingThread GUARDED_BY(_mutex);
   State _state GUARDED_BY(_mutex) = State::apart;
-  Descriptor _newSocket GUARDED_BY(_mutex);                    // connected, for the thread to take
+  Descriptor _newSocket GUARDED_BY(_mutex);                    // connected, to be served
   const wire::SocketPort* _port GUARDED_BY(_mutex) = nullptr;  // while a connection is served
   std::deque<std::unique_ptr<Call>> _queue GUARDED_BY(_mutex);
   std::size_t _queuedBytes GUARDED_BY(_mutex) = 0;

@@ -5,10 +5,12 @@
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 #include "base/URL.h"
 #include "client/Call.h"
+#include "client/Link.h"
 #include "client/Opaque.h"
 #include "client/Session.h"
 #include "client/UploadedFile.h"
@@ -16,20 +18,28 @@
 #include "protocol/Limits.h"
 
 struct corvid_session {
-  std::shared_ptr<corvid::library::Session> session;
+  const std::shared_ptr<corvid::library::Session> session;
+  std::thread thread;  // serves the session
 };
 
 namespace {
 
 using corvid::Array;
 using corvid::Dictionary;
+using corvid::library::Completion;
+using corvid::library::Daemon;
+using corvid::library::Event;
 using corvid::library::guarded;
 using corvid::library::inside;
+using corvid::library::Nothing;
+using corvid::library::Replay;
 using corvid::library::Session;
+using corvid::library::SessionInfo;
+using corvid::library::singleCall;
+using corvid::library::UploadedFile;
+using corvid::wire::encode;
 using corvid::wire::Extent;
 using corvid::wire::Fitness;
-
-namespace library = corvid::library;
 
 // Room for what travels around the values of a call.
 constexpr std::size_t mostBytes = corvid::limits::messageBytes - 4096;
@@ -64,6 +74,21 @@ std::optional<Dictionary> copyOf(const corvid_dictionary_t* dictionary) {
   if (dictionary == nullptr) return std::nullopt;
   return inside(dictionary);
 }
+
+// What the daemon gets of a file: its descriptor, and this to remove it.
+class FileGrant final : public corvid::wire::FileGrant::Server {
+ public:
+  explicit FileGrant(UploadedFile file) : _file(std::move(file)) {}
+
+  kj::Maybe<int> getFd() override { return _file.descriptor(); }
+  kj::Promise<void> remove(RemoveContext) override {
+    _file.remove();
+    return kj::READY_NOW;
+  }
+
+ private:
+  const UploadedFile _file;
+};
 
 // Hands the call that `make` gives to the session, where what it carries may travel.
 template <class Make>
@@ -117,9 +142,9 @@ int corvid_session_create(const corvid_options_t* options, corvid_session_t** se
     }
     chosen.socketPath = socketPath(options ? options->root : nullptr);
     chosen.handlers.root = nullptr;
-    auto created = std::make_unique<corvid_session>();
-    created->session = std::make_shared<Session>(std::move(chosen));
-    created->session->start();
+    std::unique_ptr<corvid_session> created(
+        new corvid_session{std::make_shared<Session>(std::move(chosen)), {}});
+    created->thread = corvid::library::serve(created->session);
     *session = created.release();
     return CORVID_OK;
   });
@@ -128,7 +153,11 @@ int corvid_session_create(const corvid_options_t* options, corvid_session_t** se
 void corvid_session_destroy(corvid_session_t* session) {
   if (session == nullptr || !session->session->isInItsProcess()) return;
   const std::unique_ptr<corvid_session> owned(session);
-  guarded([&] { return owned->session->close(), CORVID_OK; });
+  owned->session->close();
+  if (owned->thread.get_id() == std::this_thread::get_id())
+    owned->thread.detach();  // in a callback of the session
+  else
+    owned->thread.join();
 }
 
 int corvid_session_connect(corvid_session_t* session) {
@@ -146,18 +175,22 @@ int corvid_session_set_session_info(corvid_session_t* session,
   const Extent extent = extentOf(session_info, user_info, frameworks);
   if (isTooLargeToKeep(extent)) return CORVID_ERROR_TOO_LARGE;
   return submit(session, extent, [&] {
-    auto info = std::make_shared<library::SessionInfo>();
-    info->sessionInfo = inside(session_info);
-    info->userInfo = copyOf(user_info);
-    if (frameworks != nullptr) info->frameworksToCheck = inside(frameworks);
-    info->hasAggregationBlock = has_aggregation_block;
-    return library::setSessionInfo(std::move(info), extent, {nullptr, finished, context});
+    const auto info = std::make_shared<const SessionInfo>(
+        SessionInfo{inside(session_info), copyOf(user_info),
+                    frameworks != nullptr ? inside(frameworks) : Array(), has_aggregation_block});
+    return singleCall(
+        extent, Completion{nullptr, finished, context}, &Daemon::setSessionInfoRequest,
+        [info](auto& request) { info->encode(request); },
+        [info](Replay& replay) { replay.sessionInfo = info; });
   });
 }
 
 int corvid_session_start_config(corvid_session_t* session, corvid_states_callback_t callback,
                                 corvid_finished_callback_t finished, void* context) {
-  return submit(session, {}, [&] { return library::startConfig({callback, finished, context}); });
+  return submit(session, {}, [&] {
+    return singleCall({}, Completion{callback, finished, context}, &Daemon::startConfigRequest,
+                      Nothing(), [](Replay& replay) { replay.startConfig = true; });
+  });
 }
 
 int corvid_session_fetch_states(corvid_session_t* session, const corvid_dictionary_t* user_info,
@@ -166,14 +199,20 @@ int corvid_session_fetch_states(corvid_session_t* session, const corvid_dictiona
   const Extent extent = extentOf(user_info);
   if (isTooLargeToKeep(extent)) return CORVID_ERROR_TOO_LARGE;
   return submit(session, extent, [&] {
-    return library::fetchStates(copyOf(user_info), extent, {callback, finished, context});
+    const auto info = std::make_shared<const std::optional<Dictionary>>(copyOf(user_info));
+    return singleCall(
+        extent, Completion{callback, finished, context}, &Daemon::fetchStatesRequest,
+        [info](auto& request) {
+          encode(*info, [&](auto size) { return request.initUserInfo(size); });
+        },
+        [info](Replay& replay) { replay.replaceUserInfo(*info); });
   });
 }
 
 int corvid_session_fetch_display_url(corvid_session_t* session, corvid_text_callback_t callback,
                                      corvid_finished_callback_t finished, void* context) {
   return submit(session, {}, [&] {
-    return library::fetchDisplayURL({callback, finished, context});
+    return singleCall({}, Completion{callback, finished, context}, &Daemon::fetchDisplayURLRequest);
   });
 }
 
@@ -182,8 +221,8 @@ int corvid_session_send_message(corvid_session_t* session, uint16_t category, ui
                                 corvid_finished_callback_t finished, void* context) {
   const Extent extent = extentOf(payload);
   return submit(session, extent, [&] {
-    return std::make_unique<library::Event>(category, type, copyOf(payload), extent,
-                                            library::TextHandler{callback, finished, context});
+    return std::make_unique<Event>(category, type, copyOf(payload), extent,
+                                   Completion{callback, finished, context});
   });
 }
 
@@ -195,19 +234,23 @@ int corvid_session_send_message_with_dictionary(corvid_session_t* session,
   if (message == nullptr) return CORVID_ERROR_INVALID_ARGUMENT;
   const Extent extent = extentOf(message);
   return submit(session, extent, [&] {
-    return std::make_unique<library::Event>(inside(message), extent,
-                                            library::TextHandler{callback, finished, context});
+    return std::make_unique<Event>(inside(message), extent,
+                                   Completion{callback, finished, context});
   });
 }
 
 int corvid_session_flush(corvid_session_t* session, corvid_flush_callback_t callback,
                          corvid_finished_callback_t finished, void* context) {
-  return submit(session, {}, [&] { return library::flush({callback, finished, context}); });
+  return submit(session, {}, [&] {
+    return singleCall({}, Completion{callback, finished, context}, &Daemon::flushRequest);
+  });
 }
 
 int corvid_session_finish(corvid_session_t* session, corvid_text_callback_t callback,
                           corvid_finished_callback_t finished, void* context) {
-  return submit(session, {}, [&] { return library::finish({callback, finished, context}); });
+  return submit(session, {}, [&] {
+    return singleCall({}, Completion{callback, finished, context}, &Daemon::finishRequest);
+  });
 }
 
 int corvid_session_upload_file(corvid_session_t* session, const char* path,
@@ -220,14 +263,18 @@ int corvid_session_upload_file(corvid_session_t* session, const char* path,
     if (error) return static_cast<int>(CORVID_ERROR_SYSTEM);
     std::string url = "file://" + corvid::percentEncodedForPath(absolute.native());
     if (url.size() > corvid::limits::fileURLBytes) return static_cast<int>(CORVID_ERROR_TOO_LARGE);
-    std::optional<library::UploadedFile> file;
-    if (const int result = library::UploadedFile::open(absolute, file); result != CORVID_OK)
-      return result;
+    std::optional<UploadedFile> file;
+    if (const int result = UploadedFile::open(absolute, file); result != CORVID_OK) return result;
     Extent extent;
     extent.addText(url);
     return submit(session, extent, [&] {
-      return library::uploadFile(std::move(url), std::move(file), extent,
-                                 {callback, finished, context});
+      return singleCall(
+          extent, Completion{callback, finished, context}, &Daemon::uploadFileRequest,
+          [url = std::move(url), file = std::move(file)](auto& request) mutable {
+            request.setFileURL(corvid::wire::textReader(url));
+            // Without a file the daemon hears of the URL all the same, and refuses it.
+            if (file) request.setFile(kj::heap<FileGrant>(*std::exchange(file, std::nullopt)));
+          });
     });
   });
 }
@@ -238,7 +285,10 @@ int corvid_session_upload_log_data(corvid_session_t* session, const corvid_array
   if (log_data == nullptr) return CORVID_ERROR_INVALID_ARGUMENT;
   const Extent extent = extentOf(log_data);
   return submit(session, extent, [&] {
-    return library::uploadLogData(inside(log_data), extent, {callback, finished, context});
+    return singleCall(extent, Completion{callback, finished, context},
+                      &Daemon::uploadLogDataRequest, [logData = inside(log_data)](auto& request) {
+                        encode(logData, [&](auto size) { return request.initLogData(size); });
+                      });
   });
 }
 
@@ -252,7 +302,15 @@ int corvid_session_send_single_message(corvid_session_t* session,
   if (isTooLargeToKeep(extentOf(session_info, user_info))) return CORVID_ERROR_TOO_LARGE;
   const Extent extent = extentOf(session_info, user_info, payload);
   return submit(session, extent, [&] {
-    return library::sendSingleMessage(inside(session_info), copyOf(user_info), category, type,
-                                      copyOf(payload), extent, {callback, finished, context});
+    return singleCall(
+        extent, Completion{callback, finished, context}, &Daemon::sendSingleMessageRequest,
+        [sessionInfo = inside(session_info), userInfo = copyOf(user_info), category, type,
+         payload = copyOf(payload)](auto& request) {
+          encode(sessionInfo, [&](auto size) { return request.initSessionInfo(size); });
+          encode(userInfo, [&](auto size) { return request.initUserInfo(size); });
+          request.setCategory(category);
+          request.setType(type);
+          encode(payload, [&](auto size) { return request.initPayload(size); });
+        });
   });
 }
