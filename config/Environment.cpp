@@ -3,13 +3,12 @@
 #include <algorithm>
 #include <array>
 #include <limits>
-#include <stdexcept>
+#include <utility>
 
 #include "base/Describe.h"
 #include "base/Log.h"
 #include "base/Reading.h"
 #include "config/DeviceInformation.h"
-#include "config/StorebagFetch.h"
 #include "platform/Platform.h"
 
 namespace corvid {
@@ -114,38 +113,45 @@ CorvidEnvironmentType currentEnvironment() {
       Platform::current().environmentType.get(userDefaultsEnvironment));
 }
 
-std::optional<Dictionary> fetchStorebagForEnvironmentAndClientType(
-    std::int32_t clientType, std::int32_t& maxAge, std::optional<std::string>& version,
-    bool& notModified, std::optional<std::string>* lastModified) {
+FetchedStorebag fetchStorebagForEnvironmentAndClientType(
+    std::int32_t clientType, const std::optional<std::string>& lastModified) {
   if (clientType == 0) {
     logError(
         "fetchStorebagForEnvironmentAndClientType: Could not find storebag name for client type {}",
         clientType);
-    return std::nullopt;
+    return {};
   }
   // Without a name the server is asked all the same; only client type 0 is known to have nothing.
-  const std::optional<Dictionary> storebag = fetchStorebagWithName(
-      storebagNameForClientType(clientType), maxAge, notModified, lastModified);
-  if (!storebag) {
-    if (!notModified)
+  FetchedStorebag fetched =
+      fetchStorebagWithName(storebagNameForClientType(clientType), lastModified);
+  if (!fetched.storebag) {
+    if (!fetched.notModified)
       logError(
           "fetchStorebagForEnvironmentAndClientType: Could not fetch storebag for client type {}",
           clientType);
-    return std::nullopt;
+    return fetched;
   }
-  const Dictionary* section = currentSection(*storebag, clientType);
-  if (section == nullptr) return std::nullopt;
+  const Dictionary whole = *std::exchange(fetched.storebag, std::nullopt);
+  const Dictionary* section = currentSection(whole, clientType);
+  if (section == nullptr) return fetched;
+  fetched.storebag = *section;
 
-  const std::string* storebagVersion = stringAt(*storebag, "version");
-  if (storebagVersion == nullptr) throw std::invalid_argument("the storebag has no version");
-  version = *storebagVersion;
+  const std::string* version = stringAt(whole, "version");
+  if (version == nullptr) {
+    logError(
+        "fetchStorebagForEnvironmentAndClientType: The storebag for client type {} has no version",
+        clientType);
+    return fetched;
+  }
+  fetched.version = *version;
 
-  if (const auto refreshCycle = integerAt(*storebag, "refresh_cycle")) {
-    maxAge = static_cast<std::int32_t>(std::clamp<std::int64_t>(
+  if (const auto refreshCycle = integerAt(whole, "refresh_cycle")) {
+    fetched.maxAge = static_cast<std::int32_t>(std::clamp<std::int64_t>(
         *refreshCycle, std::numeric_limits<std::int32_t>::min(), maxRefreshCycle));
-    logInfo("fetchStorebagForEnvironmentAndClientType: Store bag override MaxAge={}", maxAge);
+    logInfo("fetchStorebagForEnvironmentAndClientType: Store bag override MaxAge={}",
+            fetched.maxAge);
   }
-  return *section;
+  return fetched;
 }
 
 }  // namespace corvid

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "base/Value.h"
+#include "config/StorebagFetch.h"
 
 namespace corvid {
 
@@ -29,11 +29,10 @@ std::optional<std::string> environmentNameForType(CorvidEnvironmentType type);
 // once per process.
 CorvidEnvironmentType currentEnvironment();
 
-// Fetches the storebag of a client type and returns the section of the current environment, or
-// nothing (logged, except where the storebag is unchanged). `version` receives the storebag's
-// version. Throws std::invalid_argument for a storebag that has the section but no version.
-std::optional<Dictionary> fetchStorebagForEnvironmentAndClientType(
-    std::int32_t clientType, std::int32_t& maxAge, std::optional<std::string>& version,
-    bool& notModified, std::optional<std::string>* lastModified);
+// Fetches the storebag of a client type and cuts it down to the section of the current environment,
+// with the storebag's version. Where there is no section the reason has been logged, save where the
+// storebag is unchanged. A section without a version is one that its server must not have sent.
+FetchedStorebag fetchStorebagForEnvironmentAndClientType(
+    std::int32_t clientType, const std::optional<std::string>& lastModified);
 
 }  // namespace corvid

@@ -17,6 +17,8 @@ namespace {
 constexpr std::string_view processPart = "corvidd";
 constexpr std::string_view kindPart = "messageLog.diag";
 constexpr double secondsUntilExpiry = 86400;
+// A folder that has changed this lately may change once more at the same tick of its clock.
+constexpr double secondsUntilSettled = 1;
 
 struct LogFile {
   std::string path;
@@ -81,6 +83,29 @@ std::optional<LogFile> keepNewestLogFile(FileSystem& files, const std::string& d
   return candidate;
 }
 
+// The same, without a look into a directory that has not changed since the last one.
+std::optional<LogFile> findLogFile(Platform& platform, const std::string& directory,
+                                   const TimeValue& now) {
+  FileSystem& files = platform.files();
+  FoundMessageLog& found = platform.foundMessageLog;
+  const std::optional<TimeValue> change = files.changeDate(directory);
+  LogFile known;
+  {
+    const MutexLock lock(found.mutex);
+    if (change && change == found.folderChange) known.path = found.path;
+  }
+  if (!known.path.empty()) {
+    known.creationDate = files.creationDate(known.path);
+    if (known.creationDate && !isExpired(known, now)) return known;
+  }
+  std::optional<LogFile> file = keepNewestLogFile(files, directory, now);
+  const bool settled = change && now.asDouble() - change->asDouble() > secondsUntilSettled;
+  const MutexLock lock(found.mutex);
+  found.path = file ? file->path : std::string();
+  found.folderChange = settled ? change : std::nullopt;
+  return file;
+}
+
 std::optional<LogFile> createLogFile(FileSystem& files, const std::string& directory,
                                      const TimeValue& now) {
   LogFile file{fmt::format("{}/{}_{}_{}", directory, processPart,
@@ -105,7 +130,7 @@ void writeToLogFile(std::string_view message) {
   const std::string directory = platform.paths().home + "/Library/Logs/Faultline/Retired";
   const TimeValue now = platform.clock().now();
 
-  std::optional<LogFile> file = keepNewestLogFile(files, directory, now);
+  std::optional<LogFile> file = findLogFile(platform, directory, now);
   if (file && files.size(file->path) >= mostMessageLogBytes) {
     deleteLogFile(files, *file);
     file.reset();

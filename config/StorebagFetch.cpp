@@ -1,14 +1,17 @@
 #include "config/StorebagFetch.h"
 
+#include <algorithm>
 #include <chrono>
+#include <limits>
 #include <utility>
 
 #include "base/Describe.h"
 #include "base/Log.h"
-#include "config/CacheControl.h"
+#include "base/Reading.h"
 #include "config/DeviceInformation.h"
-#include "config/StorebagEnvelope.h"
 #include "platform/Platform.h"
+#include "platform/data/Crypto.h"
+#include "platform/data/PropertyList.h"
 
 namespace corvid {
 
@@ -38,31 +41,17 @@ Dictionary fallbackStorebag() {
           {"refresh_cycle", 3600}};
 }
 
-HTTPRequest storebagRequest(std::string url, const std::optional<std::string>* lastModified) {
+HTTPRequest storebagRequest(std::string url, const std::optional<std::string>& lastModified) {
   HTTPRequest request;
   request.url = std::move(url);
   request.timeout = fetchTimeout;
   request.patience = fetchTimeout;
   request.timeoutCoversWait = true;  // the caller is blocked all the while
-  if (lastModified != nullptr && lastModified->has_value()) {
-    logDebug("fetchStorebagWithName: Adding 'Last-Modified: {}' to the header", **lastModified);
-    request.headers.emplace_back("If-Modified-Since", **lastModified);
+  if (lastModified) {
+    logDebug("fetchStorebagWithName: Adding 'Last-Modified: {}' to the header", *lastModified);
+    request.headers.emplace_back("If-Modified-Since", *lastModified);
   }
   return request;
-}
-
-// Compares and exchanges "Last-Modified"; true when the caller's storebag still holds. No status
-// code tells that: an empty body with that header does.
-bool exchangeLastModified(const HTTPResponse& response, std::optional<std::string>& lastModified) {
-  std::optional<std::string> received = response.header("Last-Modified");
-  if (!received) return false;
-  if (response.body.empty() && lastModified) {
-    logDebug("fetchStorebagWithName: storebag content has not changed. using its cached version");
-    return true;
-  }
-  lastModified = std::move(received);
-  logDebug("fetchStorebagWithName: New 'Last-Modified: {}' received", *lastModified);
-  return false;
 }
 
 std::string readPublicKey() {
@@ -71,20 +60,28 @@ std::string readPublicKey() {
   return key ? std::move(key).value() : std::string();
 }
 
+const Dictionary* dictionaryIn(const Result<Value>& parsed) {
+  return parsed ? parsed.value().dictionary() : nullptr;
+}
+
+bool verifyStorebagSignature(const RSAPublicKey& key, std::string_view bag,
+                             std::string_view signature) {
+  return key.verifies(sha1(bag), signature);
+}
+
 }  // namespace
 
 const std::string& storebagServerURL() {
   return Platform::current().storebagServerURL.get(computeStorebagServerURL);
 }
 
-std::optional<Dictionary> fetchStorebagWithName(const std::optional<std::string>& name,
-                                                std::int32_t& maxAge, bool& notModified,
-                                                std::optional<std::string>* lastModified) {
-  const std::string version = clientLibraryVersion();
+FetchedStorebag fetchStorebagWithName(const std::optional<std::string>& name,
+                                      const std::optional<std::string>& lastModified) {
   const std::string url =
-      fmt::format("{}/{}?version={}", storebagServerURL(), orNull(name), version);
+      fmt::format("{}/{}?version={}", storebagServerURL(), orNull(name), clientLibraryVersion());
   logDebug("fetchStorebagWithName: Storebag Server URL: {}", url);
 
+  FetchedStorebag fetched;
   const HTTPOutcome outcome =
       performAndWait(Platform::current().http(), storebagRequest(url, lastModified));
   if (!outcome.response) {
@@ -93,18 +90,72 @@ std::optional<Dictionary> fetchStorebagWithName(const std::optional<std::string>
     logInfo(
         "fetchStorebagWithName: Error resolving with lookup server {}, sendSynchronousRequest error {}",
         url, reason);
-    if (name != fallbackName) return std::nullopt;
+    if (name != fallbackName) return fetched;
     logInfo("fetchStorebagWithName: Loading default storebag '{}'", *name);
-    return fallbackStorebag();
+    fetched.storebag = fallbackStorebag();
+    return fetched;
   }
 
   const HTTPResponse& response = *outcome.response;
-  maxAge = maxAgeFromCacheControl(response.header("Cache-Control").value_or(std::string()));
-  if (lastModified != nullptr && exchangeLastModified(response, *lastModified)) {
-    notModified = true;
+  fetched.maxAge = maxAgeFromCacheControl(response.header("Cache-Control").value_or(std::string()));
+  if (std::optional<std::string> received = response.header("Last-Modified")) {
+    // No status code tells that the caller's storebag still holds: an empty body does.
+    if (response.body.empty() && lastModified) {
+      logDebug("fetchStorebagWithName: storebag content has not changed. using its cached version");
+      fetched.notModified = true;
+      return fetched;
+    }
+    logDebug("fetchStorebagWithName: New 'Last-Modified: {}' received", *received);
+    fetched.lastModified = std::move(received);
+  }
+  fetched.storebag = storebagFromEnvelope(response.body, readPublicKey());
+  return fetched;
+}
+
+std::int32_t maxAgeFromCacheControl(std::string_view header) {
+  using Limits = std::numeric_limits<std::int32_t>;
+  constexpr std::string_view separators = "= ";
+  bool found = false;
+  for (;;) {
+    const std::size_t end = header.find_first_of(separators);
+    const std::string_view component = header.substr(0, end);
+    if (found)
+      return static_cast<std::int32_t>(
+          std::clamp<std::int64_t>(integerFromText(component), Limits::min(), Limits::max()));
+    if (end == std::string_view::npos) return defaultMaxAge;
+    found = component == "max-age";
+    header.remove_prefix(end + 1);
+  }
+}
+
+std::optional<Dictionary> storebagFromEnvelope(std::string_view envelope,
+                                               std::string_view publicKeyDER) {
+  const Result<Value> parsed = parsePropertyList(envelope);
+  if (!parsed)
+    logError("fetchStorebagWithName: propertyListWithData error {}", parsed.failure().message);
+
+  const Dictionary* fields = dictionaryIn(parsed);
+  const std::string* signatureText = fields ? stringAt(*fields, "signature") : nullptr;
+  if (signatureText == nullptr) {
+    logError("fetchStorebagWithName: Signature is missing");
     return std::nullopt;
   }
-  return storebagFromEnvelope(response.body, readPublicKey());
+  const std::optional<RSAPublicKey> key = RSAPublicKey::fromDER(publicKeyDER);
+  if (!key) return std::nullopt;
+  const auto signature = base64DecodeIgnoringUnknownCharacters(*signatureText);
+  if (!signature) return std::nullopt;
+  const std::string* bagText = stringAt(*fields, "bag");
+  if (bagText == nullptr) return std::nullopt;
+  const auto bag = base64DecodeIgnoringUnknownCharacters(*bagText);
+  if (!bag) return std::nullopt;
+
+  if (!verifyStorebagSignature(*key, *bag, *signature)) {
+    logError("fetchStorebagWithName: Signature can not be verified, {}", key->address());
+    return std::nullopt;
+  }
+  const Result<Value> storebag = parsePropertyList(*bag);
+  const Dictionary* content = dictionaryIn(storebag);
+  return content ? std::optional(*content) : std::nullopt;
 }
 
 }  // namespace corvid

@@ -1,9 +1,11 @@
 // Fetches one signed storebag by name and verifies it.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "base/Value.h"
 
@@ -12,17 +14,42 @@ namespace corvid {
 // A longer public key file counts as none.
 inline constexpr std::size_t publicKeyLimit = std::size_t{16} << 10;
 
+// What a fetch brought.
+struct FetchedStorebag {
+  std::optional<Dictionary> storebag{};
+  std::int32_t maxAge = 0;                    // seconds; 0 where the exchange did not complete
+  std::optional<std::string> version{};       // filled in where a section is chosen
+  bool notModified = false;                   // what the caller has still holds
+  std::optional<std::string> lastModified{};  // a new one from the server
+};
+
 // Base URL of the storebag server, without a trailing slash; computed once per process.
 const std::string& storebagServerURL();
 
-// Fetches, verifies and returns the storebag, or nothing (the reason has been logged). Blocks its
-// caller until the exchange ends, at most 15 seconds.
+// Fetches and verifies the whole storebag; where there is none, and it is not unchanged either, the
+// reason has been logged. Blocks its caller until the exchange ends, at most 15 seconds.
 //
-// `maxAge` (seconds) is written only when the exchange completed. `notModified` is only ever set.
-// `lastModified` carries the previous "Last-Modified" in and a new one out; nullptr leaves the
-// request unconditional. An absent `name` goes into the URL as "(null)".
-std::optional<Dictionary> fetchStorebagWithName(const std::optional<std::string>& name,
-                                                std::int32_t& maxAge, bool& notModified,
-                                                std::optional<std::string>* lastModified);
+// `lastModified` is the "Last-Modified" of the storebag that the caller has; without one the
+// request is unconditional. An absent `name` goes into the URL as "(null)".
+FetchedStorebag fetchStorebagWithName(const std::optional<std::string>& name,
+                                      const std::optional<std::string>& lastModified);
+
+// What holds where the server says nothing: one day, in seconds.
+inline constexpr std::int32_t defaultMaxAge = 86400;
+
+// The number after the first "max-age" of a "Cache-Control" header, in seconds; the header is cut
+// at every "=" and every blank, and nothing else separates. 0 where no number stands there,
+// `defaultMaxAge` where nothing stands there at all or the header is empty. Saturates at the ends
+// of its type.
+std::int32_t maxAgeFromCacheControl(std::string_view header);
+
+// Opens an envelope: a property list whose "bag" (Base64 of a property list) must be the one that
+// its "signature" (Base64, RSA PKCS#1 v1.5 over SHA-1) was made for with the private half of the
+// key. `publicKeyDER` is the key file's content, empty without one.
+//
+// Nothing comes back unless the signature holds. Only a damaged envelope, a missing signature and
+// one that does not fit are logged. Any thread.
+std::optional<Dictionary> storebagFromEnvelope(std::string_view envelope,
+                                               std::string_view publicKeyDER);
 
 }  // namespace corvid

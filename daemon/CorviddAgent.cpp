@@ -2,14 +2,35 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "base/Log.h"
+#include "base/Reading.h"
+#include "config/Identifiers.h"
 #include "platform/Platform.h"
+#include "protocol/Keys.h"
 
 namespace corvid {
 
-std::shared_ptr<CorviddAgent> CorviddAgent::create(StorebagFetch fetch) {
+namespace {
+
+std::int32_t clientTypeOf(const CorviddSession& session) {
+  return int32At(session.sessionInfo(), kCorvidSessionInfoClientType);
+}
+
+std::string keyOf(const CorviddSession& session) {
+  return clientKey(session.sharedUserInfo().get());
+}
+
+bool contains(const SessionList& sessions, const CorviddSession& session) {
+  return std::ranges::any_of(sessions,
+                             [&](const auto& member) { return member.get() == &session; });
+}
+
+}  // namespace
+
+std::shared_ptr<CorviddAgent> CorviddAgent::create(StorebagCache::Fetch fetch) {
   return std::shared_ptr<CorviddAgent>(new CorviddAgent(std::move(fetch)));
 }
 
@@ -44,7 +65,7 @@ bool CorviddAgent::shouldAcceptNewConnection(std::shared_ptr<Connection> connect
 }
 
 void CorviddAgent::addSession(std::shared_ptr<CorviddSession> session) {
-  const RecursiveLock lock(_sessionListMutex);
+  const MutexLock lock(_sessionListMutex);
   if (_sessionList.empty()) Platform::current().keepAlive().beginTransaction();
   _sessionList.push_back(std::move(session));
   _sessionCount = _sessionList.size();
@@ -54,13 +75,135 @@ void CorviddAgent::addSession(std::shared_ptr<CorviddSession> session) {
 void CorviddAgent::connectionInvalidated(const std::shared_ptr<CorviddSession>& session) {
   logDebug("listener: IPC connection to {} was invalidated", session->description());
   {
-    const RecursiveLock lock(_sessionListMutex);
+    const MutexLock lock(_sessionListMutex);
     if (std::erase(_sessionList, session) > 0 && _sessionList.empty())
       Platform::current().keepAlive().endTransaction();
     _sessionCount = _sessionList.size();
   }
   const RecursiveLock lock(_mutex);
-  removeFromGroups(*session);
+  _chains.leave(*session);
+}
+
+Result<std::optional<Dictionary>> CorviddAgent::storebagForSession(CorviddSession& session) {
+  const std::int32_t clientType = clientTypeOf(session);
+  logDebug("storebagForSession: Retrieving storebag for session {} with client type {}",
+           session.sessionID(), clientType);
+  const RecursiveLock lock(_mutex);
+  return _storebags.storebag(clientType);
+}
+
+std::optional<std::string> CorviddAgent::storebagVersionForSession(CorviddSession& session) {
+  const RecursiveLock lock(_mutex);
+  return _storebags.version(clientTypeOf(session));
+}
+
+void CorviddAgent::userInfoUpdatedForSession(CorviddSession& session) {
+  const auto userInfo = session.sharedUserInfo();
+  if (!userInfo) {
+    logInfo("userInfoUpdatedForSession: No user info found for session {}", session.sessionID());
+    return;
+  }
+  const std::string key = clientKey(userInfo.get());
+  // Taken before the lock, so that leaving a group never drops the last reference under it.
+  const std::shared_ptr<CorviddSession> joining = session.shared_from_this();
+
+  const RecursiveLock lock(_mutex);
+  logDebug("userInfoUpdatedForSession: Adding session {} to list for userInfoKey {}",
+           session.sessionID(), key);
+  _chains.join(key, joining);
+  _groupCount = _chains.groupCount();
+}
+
+std::optional<std::string> CorviddAgent::parentSessionIDStringForSession(CorviddSession& session) {
+  const std::int32_t hierarchy = session.getSessionHierarchy();
+  if (hierarchy == 0) return std::nullopt;
+  const std::string key = keyOf(session);
+  logDebug("parentSessionIDStringForSession: Checking userInfoKey '{}' for session {}", key,
+           session.sessionID());
+
+  const RecursiveLock lock(_mutex);
+  const SessionList* sessions = _chains.group(key);
+  if (!sessions) {
+    logError("parentSessionIDStringForSession: ERROR: No sessions found for user info key {}", key);
+    return std::nullopt;
+  }
+  if (!contains(*sessions, session)) {
+    logError("parentSessionIDStringForSession: ERROR: Session {} not found for user info key {}",
+             session.sessionID(), key);
+    return std::nullopt;
+  }
+  return joinedSessionIDsAbove(hierarchy, *sessions);
+}
+
+CorviddSession* CorviddAgent::parentSessionForChild(CorviddSession& session) {
+  const std::int32_t hierarchy = session.getSessionHierarchy();
+  if (hierarchy == 0) return nullptr;
+  const std::string key = keyOf(session);
+  logDebug("parentSessionForChild: Checking userInfoKey '{}' for session {}", key,
+           session.sessionID());
+  const SessionList* sessions = _chains.group(key);
+  if (!sessions) {
+    logError("parentSessionForChild: ERROR: No sessions found for user info key {}", key);
+    return nullptr;
+  }
+  if (!contains(*sessions, session)) {
+    logError("parentSessionForChild: ERROR: Session {} not found for user info key {}",
+             session.sessionID(), key);
+    return nullptr;
+  }
+  const std::int64_t level = std::int64_t{hierarchy} - 1;
+  CorviddSession* parent =
+      level < 0 ? nullptr
+                : getFirstSessionWithHierarchy(static_cast<std::uint32_t>(level), *sessions);
+  if (!parent)
+    logInfo(
+        "parentSessionForChild: Unable to find session with hierarchy of {} for userInfoKey '{}'",
+        level, key);
+  return parent;
+}
+
+CorviddSession* CorviddAgent::getAncestorWithAggregatorForSession(CorviddSession& session) {
+  const auto userInfo = session.sharedUserInfo();
+  if (!userInfo) {
+    logInfo("getAncestorWithAggregatorForSession: No user info found for session {}",
+            session.sessionID());
+    return nullptr;
+  }
+  const std::int32_t hierarchy = session.getSessionHierarchy();
+  if (hierarchy < 1) return nullptr;
+  const SessionList* sessions = _chains.group(clientKey(userInfo.get()));
+  return sessions ? topmostAggregatorAbove(hierarchy, *sessions) : nullptr;
+}
+
+void CorviddAgent::takeFromParent(CorviddSession& session) {
+  session.updateCombinedSessionID(parentSessionIDStringForSession(session));
+  session.syncReportingStates(parentSessionForChild(session));
+}
+
+void CorviddAgent::updateDownstreamSessions(CorviddSession& session) {
+  const auto userInfo = session.sharedUserInfo();
+  if (!userInfo) {
+    logInfo("updateDownstreamSessions: No user info found for session {}", session.sessionID());
+    return;
+  }
+  const std::int32_t hierarchy = session.getSessionHierarchy();
+
+  const RecursiveLock lock(_mutex);
+  takeFromParent(session);
+  const bool ancestorAggregates = hierarchy >= 1 && getAncestorWithAggregatorForSession(session);
+  if (ancestorAggregates) session.shutdownSessionAggregation();
+
+  const SessionList* sessions = _chains.group(clientKey(userInfo.get()));
+  if (!sessions) return;
+  for (const auto& descendant : *sessions) {
+    if (descendant->getSessionHierarchy() <= hierarchy) continue;
+    logDebug(
+        "updateDownstreamSessions: Updating combined session ID and syncing reporting states for session {}",
+        descendant->sessionID());
+    takeFromParent(*descendant);
+    if ((ancestorAggregates || session.hasAggregator()) && descendant->hasAggregator())
+      descendant->shutdownSessionAggregation();
+  }
 }
 
 }  // namespace corvid

@@ -25,6 +25,9 @@ class FileSystem {
   virtual bool createDirectories(const std::string& path) = 0;
   // The earlier of birth and modification time; nothing where neither is known.
   virtual std::optional<TimeValue> creationDate(const std::string& path) = 0;
+  // When an entry of the directory last came or went, or its rights changed; nothing where there is
+  // no directory. As coarse as the file system's clock.
+  virtual std::optional<TimeValue> changeDate(const std::string& directory) = 0;
   // Bytes of a file; 0 where there is none.
   virtual std::size_t size(const std::string& path) = 0;
   // An empty file; an existing one is left as it is.

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "base/Mutex.h"
+#include "base/TimeValue.h"
 #include "base/Value.h"
 #include "platform/BundleLoader.h"
 #include "platform/Clock.h"
@@ -50,6 +51,14 @@ class OnceAnswer {
 struct UnstoredIdentifiers {
   Mutex mutex;
   Dictionary byKey GUARDED_BY(mutex);
+};
+
+// The message log's file as its folder was last found, so that nobody lists a folder that has not
+// changed since.
+struct FoundMessageLog {
+  Mutex mutex;
+  std::string path GUARDED_BY(mutex);
+  std::optional<TimeValue> folderChange GUARDED_BY(mutex);
 };
 
 class Platform {
@@ -101,6 +110,7 @@ class Platform {
   OnceAnswer<std::uint32_t> environmentType;
   OnceAnswer<std::string> storebagServerURL;
   UnstoredIdentifiers unstoredIdentifiers;
+  FoundMessageLog foundMessageLog;
 
   Compressor compressor;
 

@@ -36,8 +36,8 @@ using BackendSetCreator = std::function<std::optional<BackendTable>(
 // Ownership Held by the agent's list and as the connection's exported object; holds agent and
 //           connection. Ends when the last goes, after the connection's invalidation, and never
 //           under the agent's mutex.
-// Errors    What the agent throws while it looks for a storebag passes through the client's call,
-//           whose reply is dropped unanswered; the session stays as it was.
+// Errors    A storebag that cannot be used leaves the client's call unanswered and the session as
+//           it was.
 class CorviddSession final : public ClientSessionInterface,
                              public std::enable_shared_from_this<CorviddSession> {
  public:
@@ -90,9 +90,12 @@ class CorviddSession final : public ClientSessionInterface,
   // Level in the chain: that of the backend httpPost2, else of httpPost, else 0.
   std::int32_t getSessionHierarchy() const;
 
-  // Called by the agent when the chain changes, with its mutex held.
-  void updateCombinedSessionID();
-  void syncReportingStates();
+  // Called by the agent when the chain changes, with its mutex held: gives the backends the
+  // combined session ID below the parents' (nothing: they keep theirs), and state and sampling
+  // threshold of the parent's backends. `parent` is null where there is none.
+  void updateCombinedSessionID(const std::optional<std::string>& parentSessionIDString);
+  void syncReportingStates(const CorviddSession* parent);
+  // Tells the client's aggregator, if it has one, to shut down.
   void shutdownSessionAggregation();
 
  private:
@@ -131,9 +134,8 @@ class CorviddSession final : public ClientSessionInterface,
   void updateUserInfoForBackends();
   void receivedUserInfo(std::shared_ptr<const Dictionary> userInfo);
   void aggregateMessage(const Message& message, double timestamp);
-  std::optional<Dictionary> payloadWithUserInfo(const Dictionary* payload) const;
   void sendToAggregator(std::optional<Dictionary> message, double timestamp, std::uint16_t category,
-                        std::uint16_t type, std::optional<Dictionary> payload);
+                        std::uint16_t type, std::optional<Dictionary> payload) const;
 
   // Uploads.
   void uploadFileWithURL(const std::string& fileURL, const std::string& extensionToken,

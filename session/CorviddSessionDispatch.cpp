@@ -123,7 +123,9 @@ void CorviddSession::sendMessageWithSessionInfo(Dictionary sessionInfo,
   logDebug("sendMessageWithSessionInfo: Sending message with session info for session {}",
            sessionID());
 
-  const std::optional<Dictionary> storebag = _sessionDelegate->storebagForSession(*this);
+  const auto found = _sessionDelegate->storebagForSession(*this);
+  if (!found) return;  // nor here
+  const std::optional<Dictionary>& storebag = found.value();
   if (!storebag) {
     reply("storebag not available");
     return;

@@ -48,7 +48,9 @@ void CorviddSession::setSessionInfo(Dictionary sessionInfo, std::optional<Dictio
 
 void CorviddSession::startConfigWithCompletionHandler(StatesReply reply) {
   logDebug("startConfigWithCompletionHandler: Starting configuration for session {}", sessionID());
-  const std::optional<Dictionary> storebag = _sessionDelegate->storebagForSession(*this);
+  const auto found = _sessionDelegate->storebagForSession(*this);
+  if (!found) return;  // the client gets no answer
+  const std::optional<Dictionary>& storebag = found.value();
   if (!storebag) {
     reply(std::nullopt);
     return;

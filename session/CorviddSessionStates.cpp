@@ -85,18 +85,10 @@ void CorviddSession::receivedUserInfo(std::shared_ptr<const Dictionary> userInfo
   updateSessionWithDefaultSessionInfo();
 }
 
-void CorviddSession::syncReportingStates() {
-  // These outlive the lock: dropping the last reference must not end a session under it.
-  std::shared_ptr<CorviddSession> parent;
-  std::shared_ptr<const BackendTable> table;
-  std::shared_ptr<const BackendTable> parentTable;
-
-  CorviddSessionDelegate& agent = *_sessionDelegate;
-  const RecursiveLock lock(agent.mutex());
-  parent = agent.parentSessionForChild(*this);
-  table = backends();
+void CorviddSession::syncReportingStates(const CorviddSession* parent) {
+  const auto table = backends();
   if (!table) return;
-  if (parent) parentTable = parent->backends();
+  const auto parentTable = parent ? parent->backends() : nullptr;
   for (const auto& [key, backend] : *table) {
     if (parent) {
       followParent(*backend, backendNamed(key, parentTable.get()));
@@ -108,10 +100,10 @@ void CorviddSession::syncReportingStates() {
   }
 }
 
-void CorviddSession::updateCombinedSessionID() {
-  const auto parentID = _sessionDelegate->parentSessionIDStringForSession(*this);
-  if (!parentID) return;
-  const std::string combinedID = fmt::format("{}.{}", *parentID, sessionIDString());
+void CorviddSession::updateCombinedSessionID(
+    const std::optional<std::string>& parentSessionIDString) {
+  if (!parentSessionIDString) return;
+  const std::string combinedID = fmt::format("{}.{}", *parentSessionIDString, sessionIDString());
   logDebug("updateCombinedSessionID: Updating combined session ID '{}' for session {} backends",
            combinedID, sessionID());
   if (const auto table = backends())
@@ -119,31 +111,30 @@ void CorviddSession::updateCombinedSessionID() {
 }
 
 void CorviddSession::aggregateMessage(const Message& message, double timestamp) {
-  const auto deliver = [&](CorviddSession& aggregating) {
+  const auto deliverTo = [&](const CorviddSession& aggregating) {
+    std::optional<Dictionary> payload;
+    if (message.payload) {
+      payload = *message.payload;
+      // Its entries win over equal keys. Without a payload the user info is not told either.
+      if (const auto info = sharedUserInfo()) payload->addEntriesFrom(*info);
+    }
     aggregating.sendToAggregator(sessionInfo(), timestamp, message.category, message.type,
-                                 payloadWithUserInfo(message.payload));
+                                 std::move(payload));
   };
-  std::shared_ptr<CorviddSession> ancestor;  // outlives the lock
   {
     CorviddSessionDelegate& agent = *_sessionDelegate;
     const RecursiveLock lock(agent.mutex());
-    ancestor = agent.getAncestorWithAggregatorForSession(*this);
-    if (ancestor) deliver(*ancestor);
+    if (const CorviddSession* ancestor = agent.getAncestorWithAggregatorForSession(*this)) {
+      deliverTo(*ancestor);
+      return;
+    }
   }
-  if (!ancestor && hasAggregator()) deliver(*this);
-}
-
-// Entries of the user info win over equal keys. Without a payload the user info is not told either.
-std::optional<Dictionary> CorviddSession::payloadWithUserInfo(const Dictionary* payload) const {
-  if (!payload) return std::nullopt;
-  Dictionary merged = *payload;
-  if (const auto info = sharedUserInfo()) merged.addEntriesFrom(*info);
-  return merged;
+  if (hasAggregator()) deliverTo(*this);
 }
 
 void CorviddSession::sendToAggregator(std::optional<Dictionary> message, double timestamp,
                                       std::uint16_t category, std::uint16_t type,
-                                      std::optional<Dictionary> payload) {
+                                      std::optional<Dictionary> payload) const {
   const auto proxy =
       _connection->remoteObjectProxyWithErrorHandler([](const std::string& description) {
         logError("sendMessageWithDictionary: Failed to get remote object proxy: {}", description);

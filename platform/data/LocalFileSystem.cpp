@@ -55,6 +55,12 @@ std::optional<TimeValue> LocalFileSystem::creationDate(const std::string& path) 
   return earliest;
 }
 
+std::optional<TimeValue> LocalFileSystem::changeDate(const std::string& directory) {
+  struct statx status {};
+  if (statx(AT_FDCWD, directory.c_str(), 0, STATX_CTIME, &status) != 0) return std::nullopt;
+  return timeValue(status.stx_ctime);
+}
+
 std::size_t LocalFileSystem::size(const std::string& path) {
   struct stat status {};
   return lstat(path.c_str(), &status) == 0 ? static_cast<std::size_t>(status.st_size) : 0;

@@ -11,6 +11,7 @@ class LocalFileSystem final : public FileSystem {
   Result<std::vector<std::string>> listDirectory(const std::string& path) override;
   bool createDirectories(const std::string& path) override;
   std::optional<TimeValue> creationDate(const std::string& path) override;
+  std::optional<TimeValue> changeDate(const std::string& directory) override;
   std::size_t size(const std::string& path) override;
   void createFile(const std::string& path) override;
   bool exists(const std::string& path) override;

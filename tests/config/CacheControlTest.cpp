@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "config/CacheControl.h"
+#include "config/StorebagFetch.h"
 
 namespace corvid {
 namespace {

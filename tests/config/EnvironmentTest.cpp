@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <limits>
-#include <stdexcept>
 
 #include "config/Environment.h"
 #include "tests/config/StorebagSigner.h"
@@ -146,8 +145,8 @@ struct EnvironmentFetch : testing::Test {
     platform.preferences->setValue(corvidSuite, "environmentType", type);
   }
   std::optional<Dictionary> fetch(std::int32_t clientType = 5) {
-    return fetchStorebagForEnvironmentAndClientType(clientType, maxAge, version, notModified,
-                                                    &lastModified);
+    fetched = fetchStorebagForEnvironmentAndClientType(clientType, lastModified);
+    return fetched.storebag;
   }
   bool errorIs(const std::string& text) {
     return platform.log.texts(LogLevel::error) == std::vector{text};
@@ -161,10 +160,8 @@ struct EnvironmentFetch : testing::Test {
                             {"version", "7.1"}};
 
   TestPlatform platform;
-  std::int32_t maxAge = -7;
-  std::optional<std::string> version;
-  bool notModified = false;
-  std::optional<std::string> lastModified;
+  std::optional<std::string> lastModified;  // of the storebag that the caller has
+  FetchedStorebag fetched;
 };
 
 TEST_F(EnvironmentFetch, ReturnsTheSectionOfTheEnvironmentAndTheVersion) {
@@ -172,10 +169,9 @@ TEST_F(EnvironmentFetch, ReturnsTheSectionOfTheEnvironmentAndTheVersion) {
   for (std::uint32_t type = 1; type <= 4; ++type) {
     setEnvironment(type);
     platform.restart();
-    version.reset();
     EXPECT_EQ(fetch(), section(names[type - 1]));
-    EXPECT_EQ(version, "7.1");
-    EXPECT_EQ(maxAge, 500);
+    EXPECT_EQ(fetched.version, "7.1");
+    EXPECT_EQ(fetched.maxAge, 500);
   }
 }
 
@@ -216,8 +212,8 @@ TEST_F(EnvironmentFetch, AFailedFetchIsTold) {
   EXPECT_FALSE(fetch(5));
   EXPECT_TRUE(errorIs(
       "fetchStorebagForEnvironmentAndClientType: Could not fetch storebag for client type 5"));
-  EXPECT_FALSE(version);
-  EXPECT_EQ(maxAge, -7);
+  EXPECT_FALSE(fetched.version);
+  EXPECT_EQ(fetched.maxAge, 0);
 }
 
 TEST_F(EnvironmentFetch, AnUnchangedStorebagIsSilent) {
@@ -226,9 +222,9 @@ TEST_F(EnvironmentFetch, AnUnchangedStorebagIsSilent) {
     return FakeHTTPClient::response(304, "", {{"Last-Modified", "before"}});
   });
   EXPECT_FALSE(fetch());
-  EXPECT_TRUE(notModified);
+  EXPECT_TRUE(fetched.notModified);
   EXPECT_TRUE(platform.log.texts(LogLevel::error).empty());
-  EXPECT_FALSE(version);
+  EXPECT_FALSE(fetched.version);
 }
 
 TEST_F(EnvironmentFetch, LastModifiedTravelsThrough) {
@@ -239,7 +235,7 @@ TEST_F(EnvironmentFetch, LastModifiedTravelsThrough) {
     return FakeHTTPClient::response(200, body, {{"Last-Modified", "after"}});
   });
   EXPECT_TRUE(fetch());
-  EXPECT_EQ(lastModified, "after");
+  EXPECT_EQ(fetched.lastModified, "after");
 }
 
 TEST_F(EnvironmentFetch, ASeedDeviceFallsBackToRelease) {
@@ -259,8 +255,8 @@ TEST_F(EnvironmentFetch, ASeedDeviceUsesTheFallbackStorebagsRelease) {
       [](const HTTPRequest&) { return FakeHTTPClient::error(7, "no route to host"); });
   EXPECT_EQ(fetch(7), (Dictionary{{"metrix", Dictionary{{"active", true}}}}));
   EXPECT_EQ(platform.log.texts(LogLevel::warning).size(), 1u);
-  EXPECT_EQ(version, "1.0.0-Parlor-Fallback");
-  EXPECT_EQ(maxAge, 3600);
+  EXPECT_EQ(fetched.version, "1.0.0-Parlor-Fallback");
+  EXPECT_EQ(fetched.maxAge, 3600);
 }
 
 TEST_F(EnvironmentFetch, AStorebagWithoutTheSectionIsTold) {
@@ -271,7 +267,7 @@ TEST_F(EnvironmentFetch, AStorebagWithoutTheSectionIsTold) {
   EXPECT_TRUE(errorIs(
       "fetchStorebagForEnvironmentAndClientType: Could not find storebag for client type 5 with "
       "release environment"));
-  EXPECT_FALSE(version);
+  EXPECT_FALSE(fetched.version);
 }
 
 TEST_F(EnvironmentFetch, OnlySeedFallsBackToRelease) {
@@ -315,19 +311,22 @@ TEST_F(EnvironmentFetch, ASectionOfAnotherTypeCountsAsMissing) {
   }
 }
 
-TEST_F(EnvironmentFetch, AStorebagWithoutVersionEndsTheCall) {
+TEST_F(EnvironmentFetch, AStorebagWithoutVersionIsOneErrorLineAndASectionWithoutVersion) {
   Dictionary content = storebag;
   content.erase("version");
   content.set("refresh_cycle", 30);
   serve(content);
-  EXPECT_THROW(fetch(), std::invalid_argument);
-  EXPECT_FALSE(version);
-  EXPECT_EQ(maxAge, 500) << "the refresh cycle comes after the version";
+  EXPECT_EQ(fetch(5), section("release"));
+  EXPECT_FALSE(fetched.version);
+  EXPECT_EQ(fetched.maxAge, 500) << "the refresh cycle comes after the version";
+  EXPECT_TRUE(errorIs(
+      "fetchStorebagForEnvironmentAndClientType: The storebag for client type 5 has no version"));
   for (const Value& wrong : {Value(7.1), Value(7), Value(true), Value(Date{7}), Value(Array{"7.1"}),
                              Value(Data{"7.1"}), Value(Dictionary{{"7.1", 1}})}) {
     content.set("version", wrong);
     serve(content);
-    EXPECT_THROW(fetch(), std::invalid_argument);
+    EXPECT_TRUE(fetch());
+    EXPECT_FALSE(fetched.version);
   }
 }
 
@@ -339,7 +338,7 @@ TEST_F(EnvironmentFetch, AStorebagWithoutSectionNorVersionIsOnlyTold) {
 TEST_F(EnvironmentFetch, TheRefreshCycleOverridesMaxAge) {
   serveWithRefreshCycle(30);
   EXPECT_TRUE(fetch());
-  EXPECT_EQ(maxAge, 30);
+  EXPECT_EQ(fetched.maxAge, 30);
   EXPECT_TRUE(platform.log.has(
       LogLevel::info, "fetchStorebagForEnvironmentAndClientType: Store bag override MaxAge=30"));
 }
@@ -348,31 +347,31 @@ TEST_F(EnvironmentFetch, TheRefreshCycleIsCappedAtADay) {
   for (const std::int64_t cycle : {86400L, 86401L, 100000L, 5'000'000'000L}) {
     serveWithRefreshCycle(cycle);
     EXPECT_TRUE(fetch());
-    EXPECT_EQ(maxAge, 86400) << cycle;
+    EXPECT_EQ(fetched.maxAge, 86400) << cycle;
   }
   EXPECT_TRUE(platform.log.has(
       LogLevel::info, "fetchStorebagForEnvironmentAndClientType: Store bag override MaxAge=86400"));
   serveWithRefreshCycle(86399);
   EXPECT_TRUE(fetch());
-  EXPECT_EQ(maxAge, 86399);
+  EXPECT_EQ(fetched.maxAge, 86399);
 }
 
 TEST_F(EnvironmentFetch, TheRefreshCycleHasNoLowerBound) {
   serveWithRefreshCycle(0);
   EXPECT_TRUE(fetch());
-  EXPECT_EQ(maxAge, 0);
+  EXPECT_EQ(fetched.maxAge, 0);
   serveWithRefreshCycle(-5);
   EXPECT_TRUE(fetch());
-  EXPECT_EQ(maxAge, -5);
+  EXPECT_EQ(fetched.maxAge, -5);
   serveWithRefreshCycle(-5'000'000'000L);
   EXPECT_TRUE(fetch());
-  EXPECT_EQ(maxAge, std::numeric_limits<std::int32_t>::min()) << "but that of its type";
+  EXPECT_EQ(fetched.maxAge, std::numeric_limits<std::int32_t>::min()) << "but that of its type";
 }
 
 TEST_F(EnvironmentFetch, TheRefreshCycleIsReadAsAnInteger) {
   serveWithRefreshCycle("90 seconds");
   EXPECT_TRUE(fetch());
-  EXPECT_EQ(maxAge, 90);
+  EXPECT_EQ(fetched.maxAge, 90);
   for (const auto& [cycle, age] : std::vector<std::pair<Value, std::int32_t>>{
            {12.9, 12},
            {-12.9, -12},
@@ -382,7 +381,7 @@ TEST_F(EnvironmentFetch, TheRefreshCycleIsReadAsAnInteger) {
            {-1e300, std::numeric_limits<std::int32_t>::min()}}) {
     serveWithRefreshCycle(cycle);
     EXPECT_TRUE(fetch());
-    EXPECT_EQ(maxAge, age);
+    EXPECT_EQ(fetched.maxAge, age);
   }
 }
 
@@ -391,7 +390,7 @@ TEST_F(EnvironmentFetch, ARefreshCycleOfAnotherTypeCountsAsAbsent) {
        {Value(Array{30}), Value(Dictionary{}), Value(Data{"30"}), Value(Date{30})}) {
     serveWithRefreshCycle(wrong);
     EXPECT_TRUE(fetch());
-    EXPECT_EQ(maxAge, 500);
+    EXPECT_EQ(fetched.maxAge, 500);
   }
   EXPECT_FALSE(platform.log.anyContains("override MaxAge"));
 }

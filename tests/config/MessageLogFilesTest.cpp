@@ -81,6 +81,16 @@ TEST_F(MessageLogFiles, ADayLaterANewFileReplacesTheOld) {
   EXPECT_EQ(content(folder / currentName()).find("one"), std::string::npos);
 }
 
+TEST_F(MessageLogFiles, AFileThatIsRemovedIsMadeAnew) {
+  writeToLogFile("one");
+  fakes.clock->advance(std::chrono::seconds(60));
+  writeToLogFile("two");
+  fs::remove(*fs::directory_iterator(folder));
+  writeToLogFile("three");
+  EXPECT_EQ(names(), std::set{currentName()});
+  EXPECT_TRUE(content(folder / currentName()).ends_with(" three\n"));
+}
+
 TEST_F(MessageLogFiles, AFileCopiedFromEarlierCountsByItsModification) {
   const fs::path copied = folder / "corvidd_1_messageLog.diag";
   write(copied, "old\n");

@@ -111,6 +111,59 @@ TEST_F(MessageLog, TheFileOfTodayReceivesFurtherLines) {
   EXPECT_TRUE(platform.log.has(LogLevel::info, "writeToLogFile: Saved log message to " + newFile));
 }
 
+TEST_F(MessageLog, TheFolderIsListedOnlyAfterAChange) {
+  writeToLogFile("makes the file");
+  writeToLogFile("finds it");
+  platform.files->listings = 0;
+  for (int i = 0; i < 10; ++i) writeToLogFile("more");
+  EXPECT_EQ(platform.files->listings, 0);
+  add("other", std::nullopt);
+  writeToLogFile("more");
+  EXPECT_EQ(platform.files->listings, 1);
+}
+
+TEST_F(MessageLog, AFolderThatHasJustChangedIsListedAgain) {
+  const std::string file = add("corvidd_1_messageLog.diag", std::nullopt);
+  const TimeValue change = *platform.files->changeDate(directory);
+  platform.files->files[file].created = change;
+  platform.clock->set(change);
+  for (int i = 0; i < 3; ++i) writeToLogFile("more");
+  EXPECT_EQ(platform.files->listings, 3);
+  platform.clock->advance(std::chrono::seconds(2));
+  for (int i = 0; i < 3; ++i) writeToLogFile("more");
+  EXPECT_EQ(platform.files->listings, 4);
+}
+
+TEST_F(MessageLog, AFileThatAppearsIsSeenAtTheNextLine) {
+  writeToLogFile("one");
+  writeToLogFile("two");
+  const std::string older = add("corvidd_0_messageLog.diag", TimeValue{now - 100, 0});
+  writeToLogFile("three");
+  EXPECT_FALSE(exists(older));
+  const std::string newer = add("corvidd_1_messageLog.diag", TimeValue{now + 100, 0});
+  writeToLogFile("four");
+  EXPECT_FALSE(exists(newFile));
+  EXPECT_EQ(content(newer), "(2023-11-14 22:13:20 +0000) four\n");
+}
+
+TEST_F(MessageLog, AFileThatIsGoneIsReplacedAtTheNextLine) {
+  writeToLogFile("one");
+  writeToLogFile("two");
+  platform.files->files.clear();
+  writeToLogFile("three");
+  EXPECT_EQ(content(newFile), "(2023-11-14 22:13:20 +0000) three\n");
+}
+
+TEST_F(MessageLog, AFileThatTurnsOutOlderExpires) {
+  const std::string file = add("corvidd_1_messageLog.diag", TimeValue{now - 100, 0});
+  writeToLogFile("one");
+  writeToLogFile("two");
+  platform.files->files[file].created = TimeValue{now - 86401, 0};
+  writeToLogFile("three");
+  EXPECT_FALSE(exists(file));
+  EXPECT_EQ(content(newFile), "(2023-11-14 22:13:20 +0000) three\n");
+}
+
 TEST_F(MessageLog, OfTwoFilesOfTodayTheNewerStays) {
   const std::string older = add("corvidd_1_messageLog.diag", TimeValue{now - 200, 0});
   const std::string newer = add("corvidd_2_messageLog.diag", TimeValue{now - 100, 0});

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "config/StorebagEnvelope.h"
+#include "config/StorebagFetch.h"
 #include "platform/data/Crypto.h"
 #include "platform/data/PropertyList.h"
 #include "tests/config/StorebagSigner.h"

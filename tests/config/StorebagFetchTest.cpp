@@ -29,15 +29,15 @@ struct StorebagFetch : testing::Test {
         [](const HTTPRequest&) { return FakeHTTPClient::error(7, "no route to host"); });
   }
   std::optional<Dictionary> fetch(const std::optional<std::string>& name = "lumen") {
-    return fetchStorebagWithName(name, maxAge, notModified, &lastModified);
+    fetched = fetchStorebagWithName(name, lastModified);
+    return fetched.storebag;
   }
   std::string requestedURL() { return platform.http->requests().back().url; }
 
   TestPlatform platform;
   const Paths paths{"/nonexistent/root"};
-  std::int32_t maxAge = -7;
-  bool notModified = false;
-  std::optional<std::string> lastModified;
+  std::optional<std::string> lastModified;  // of the storebag that the caller has
+  FetchedStorebag fetched;
 };
 
 TEST_F(StorebagFetch, TheProductionServerIsAskedByDefault) { EXPECT_EQ(storebagServerURL(), base); }
@@ -136,25 +136,13 @@ TEST_F(StorebagFetch, AnEmptyLastModifiedIsAValueToo) {
   EXPECT_EQ(platform.http->requests().back().headers, (HTTPHeaders{{"If-Modified-Since", ""}}));
 }
 
-TEST_F(StorebagFetch, WithoutASlotTheRequestIsUnconditionalAndNothingIsKept) {
-  answer(200, trustedSigner().envelope(storebag), {{"Last-Modified", "now"}});
-  EXPECT_EQ(fetchStorebagWithName("lumen", maxAge, notModified, nullptr), storebag);
-  EXPECT_TRUE(platform.http->requests().back().headers.empty());
-  EXPECT_FALSE(notModified);
-  EXPECT_FALSE(platform.log.anyContains("Last-Modified"));
-
-  answer(304, "", {{"Last-Modified", "now"}});
-  EXPECT_FALSE(fetchStorebagWithName("lumen", maxAge, notModified, nullptr));
-  EXPECT_FALSE(notModified);
-}
-
-TEST_F(StorebagFetch, ATransportErrorYieldsNothingAndTouchesNothing) {
+TEST_F(StorebagFetch, ATransportErrorYieldsNothing) {
   answerWithError();
   lastModified = "before";
   EXPECT_FALSE(fetch());
-  EXPECT_EQ(maxAge, -7);
-  EXPECT_FALSE(notModified);
-  EXPECT_EQ(lastModified, "before");
+  EXPECT_EQ(fetched.maxAge, 0);
+  EXPECT_FALSE(fetched.notModified);
+  EXPECT_EQ(fetched.lastModified, std::nullopt);
   EXPECT_EQ(platform.log.texts(LogLevel::info),
             (std::vector<std::string>{
                 "fetchStorebagWithName: Error resolving with lookup server " + std::string(base) +
@@ -171,8 +159,8 @@ TEST_F(StorebagFetch, ATransportErrorGivesParlorItsFallback) {
                             {"version", "1.0.0-Parlor-Fallback"},
                             {"refresh_cycle", 3600}};
   EXPECT_EQ(fetch("parlor"), fallback);
-  EXPECT_EQ(maxAge, -7);
-  EXPECT_FALSE(notModified);
+  EXPECT_EQ(fetched.maxAge, 0);
+  EXPECT_FALSE(fetched.notModified);
   EXPECT_EQ(platform.log.texts(LogLevel::info).back(),
             "fetchStorebagWithName: Loading default storebag 'parlor'");
 }
@@ -192,37 +180,36 @@ TEST_F(StorebagFetch, MaxAgeComesFromCacheControl) {
   const std::string body = trustedSigner().envelope(storebag);
   answer(200, body, {{"Cache-Control", "max-age=600"}});
   EXPECT_TRUE(fetch());
-  EXPECT_EQ(maxAge, 600);
+  EXPECT_EQ(fetched.maxAge, 600);
   answer(200, body, {{"cache-control", "public, max-age=60"}});
   EXPECT_TRUE(fetch());
-  EXPECT_EQ(maxAge, 60);
+  EXPECT_EQ(fetched.maxAge, 60);
 }
 
 TEST_F(StorebagFetch, WithoutCacheControlMaxAgeIsADay) {
   EXPECT_TRUE(fetch());
-  EXPECT_EQ(maxAge, 86400);
+  EXPECT_EQ(fetched.maxAge, 86400);
 }
 
 TEST_F(StorebagFetch, MaxAgeIsWrittenForEveryExchangeThatCompleted) {
   answer(404, "not found", {{"Cache-Control", "max-age=30"}});
   EXPECT_FALSE(fetch());
-  EXPECT_EQ(maxAge, 30);
+  EXPECT_EQ(fetched.maxAge, 30);
 
   lastModified = "before";
   answer(304, "", {{"Cache-Control", "max-age=40"}, {"Last-Modified", "before"}});
   EXPECT_FALSE(fetch());
-  EXPECT_EQ(maxAge, 40);
+  EXPECT_EQ(fetched.maxAge, 40);
 }
 
 TEST_F(StorebagFetch, AnEmptyBodyWithLastModifiedMeansUnchanged) {
   for (const int status : {304, 200}) {
     platform.log.clear();
-    notModified = false;
     lastModified = "before";
     answer(status, "", {{"Last-Modified", "after"}});
     EXPECT_FALSE(fetch());
-    EXPECT_TRUE(notModified);
-    EXPECT_EQ(lastModified, "before");
+    EXPECT_TRUE(fetched.notModified);
+    EXPECT_EQ(fetched.lastModified, std::nullopt);
     EXPECT_EQ(platform.log.texts(LogLevel::debug).back(),
               "fetchStorebagWithName: storebag content has not changed. using its cached version");
     EXPECT_TRUE(platform.log.texts(LogLevel::error).empty());
@@ -232,8 +219,8 @@ TEST_F(StorebagFetch, AnEmptyBodyWithLastModifiedMeansUnchanged) {
 TEST_F(StorebagFetch, OnAFirstFetchAnEmptyBodyStoresTheValueAndFails) {
   answer(304, "", {{"Last-Modified", "after"}});
   EXPECT_FALSE(fetch());
-  EXPECT_FALSE(notModified);
-  EXPECT_EQ(lastModified, "after");
+  EXPECT_FALSE(fetched.notModified);
+  EXPECT_EQ(fetched.lastModified, "after");
   EXPECT_TRUE(platform.log.has(LogLevel::debug,
                                "fetchStorebagWithName: New 'Last-Modified: after' received"));
   const auto errors = platform.log.texts(LogLevel::error);
@@ -246,8 +233,8 @@ TEST_F(StorebagFetch, WithoutLastModifiedAnEmptyBodyIsNeverUnchanged) {
   lastModified = "before";
   answer(304, "");
   EXPECT_FALSE(fetch());
-  EXPECT_FALSE(notModified);
-  EXPECT_EQ(lastModified, "before");
+  EXPECT_FALSE(fetched.notModified);
+  EXPECT_EQ(fetched.lastModified, std::nullopt);
   EXPECT_TRUE(platform.log.has(LogLevel::error, signatureMissing));
 }
 
@@ -255,8 +242,8 @@ TEST_F(StorebagFetch, ANewLastModifiedReplacesTheOldOne) {
   lastModified = "before";
   answer(200, trustedSigner().envelope(storebag), {{"Last-Modified", "after"}});
   EXPECT_EQ(fetch(), storebag);
-  EXPECT_EQ(lastModified, "after");
-  EXPECT_FALSE(notModified);
+  EXPECT_EQ(fetched.lastModified, "after");
+  EXPECT_FALSE(fetched.notModified);
   EXPECT_EQ(platform.log.texts(LogLevel::debug).back(),
             "fetchStorebagWithName: New 'Last-Modified: after' received");
 }
@@ -265,13 +252,7 @@ TEST_F(StorebagFetch, ALaterFailureKeepsTheNewLastModified) {
   lastModified = "before";
   answer(200, "garbage", {{"Last-Modified", "after"}});
   EXPECT_FALSE(fetch());
-  EXPECT_EQ(lastModified, "after");
-}
-
-TEST_F(StorebagFetch, NotModifiedIsNeverCleared) {
-  notModified = true;
-  EXPECT_TRUE(fetch());
-  EXPECT_TRUE(notModified);
+  EXPECT_EQ(fetched.lastModified, "after");
 }
 
 TEST_F(StorebagFetch, TheStatusCodeIsNotExamined) {
@@ -308,8 +289,7 @@ TEST_F(StorebagFetch, AMissingOrUnusableKeyFileIsNotLogged) {
 
 TEST_F(StorebagFetch, BlocksItsCallerUntilTheExchangeEnds) {
   platform.http->hold();
-  std::optional<Dictionary> fetched;
-  std::thread caller([&] { fetched = fetch(); });
+  std::thread caller([&] { fetch(); });
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
   while (platform.http->exchangesUnderWay() == 0 && std::chrono::steady_clock::now() < deadline)
     std::this_thread::yield();
@@ -317,7 +297,7 @@ TEST_F(StorebagFetch, BlocksItsCallerUntilTheExchangeEnds) {
   platform.http->completeNext(
       FakeHTTPClient::response(200, trustedSigner().envelope(storebag), {}));
   caller.join();
-  EXPECT_EQ(fetched, storebag);
+  EXPECT_EQ(fetched.storebag, storebag);
 }
 
 }  // namespace

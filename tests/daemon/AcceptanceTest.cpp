@@ -202,9 +202,10 @@ class DuringAFetch : public AgentTest {
     answerFetch = [this](std::int32_t) {
       begun.set_value();
       released.get_future().wait();
-      return Fetched{.storebag = Dictionary{}, .maxAge = 3600, .version = "of this fetch"};
+      return FetchedStorebag{.storebag = Dictionary{}, .maxAge = 3600, .version = "of this fetch"};
     };
-    fetch = std::async(std::launch::async, [this] { agent->storebagForSession(*waiting); });
+    fetch = std::async(std::launch::async,
+                       [this] { EXPECT_TRUE(agent->storebagForSession(*waiting)); });
     begun.get_future().wait();
   }
   ~DuringAFetch() override { letGo(); }
@@ -248,7 +249,8 @@ TEST_F(DuringAFetch, AVersionIsToldOnceTheFetchHasEnded) {
 
 TEST_F(DuringAFetch, AnotherSessionWaitsAndThenUsesTheSameRecord) {
   CorviddSession& second = connectAs(2, 8);
-  auto served = std::async(std::launch::async, [&] { return agent->storebagForSession(second); });
+  auto served =
+      std::async(std::launch::async, [&] { return agent->storebagForSession(second).value(); });
   EXPECT_EQ(served.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
   letGo();
   ASSERT_EQ(served.wait_for(std::chrono::seconds(30)), std::future_status::ready);

@@ -27,21 +27,15 @@ AgentTest::~AgentTest() {
 
 std::shared_ptr<CorviddAgent> AgentTest::makeAgent() {
   answerFetch = [](std::int32_t clientType) {
-    return Fetched{.storebag = sectionWithHierarchy(levelOfClientType(clientType)),
-                   .maxAge = 3600,
-                   .version = "1.0"};
+    return FetchedStorebag{.storebag = sectionWithHierarchy(levelOfClientType(clientType)),
+                           .maxAge = 3600,
+                           .version = "1.0"};
   };
-  return CorviddAgent::create([this](std::int32_t clientType, std::int32_t& maxAge,
-                                     std::optional<std::string>& version, bool& notModified,
-                                     std::optional<std::string>* lastModified) {
-    fetches.push_back({clientType, maxAge, *lastModified});
-    Fetched fetched = answerFetch(clientType);
-    maxAge = fetched.maxAge;
-    version = fetched.version;
-    notModified = fetched.notModified;
-    if (fetched.lastModified) *lastModified = fetched.lastModified;
-    return fetched.storebag;
-  });
+  return CorviddAgent::create(
+      [this](std::int32_t clientType, const std::optional<std::string>& lastModified) {
+        fetches.push_back({clientType, lastModified});
+        return answerFetch(clientType);
+      });
 }
 
 std::shared_ptr<FakeConnection> AgentTest::newConnection(const std::string& description) {

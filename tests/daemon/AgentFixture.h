@@ -17,18 +17,10 @@ namespace corvid {
 
 class AgentTest : public testing::Test {
  protected:
-  // What one call of the fetch was given, and what it answers.
+  // What one call of the fetch was given.
   struct Fetch {
     std::int32_t clientType;
-    std::int32_t maxAge;
     std::optional<std::string> lastModified;
-  };
-  struct Fetched {
-    std::optional<Dictionary> storebag = std::nullopt;
-    std::int32_t maxAge = 0;
-    std::optional<std::string> version = std::nullopt;
-    bool notModified = false;
-    std::optional<std::string> lastModified = std::nullopt;
   };
 
   // Ends every connection that is still there.
@@ -58,7 +50,7 @@ class AgentTest : public testing::Test {
   CapturedLog& log = platform.log;
   std::vector<Fetch> fetches;
   // By default the section of the client type that join uses for a level, fresh for an hour.
-  std::function<Fetched(std::int32_t clientType)> answerFetch;
+  std::function<FetchedStorebag(std::int32_t clientType)> answerFetch;
   std::shared_ptr<CorviddAgent> agent = makeAgent();
 
  private:

@@ -8,11 +8,11 @@ namespace {
 
 class Hierarchy : public AgentTest {
  protected:
-  std::shared_ptr<CorviddSession> parentOf(CorviddSession& session) {
+  CorviddSession* parentOf(CorviddSession& session) {
     const RecursiveLock lock(agent->mutex());
     return agent->parentSessionForChild(session);
   }
-  std::shared_ptr<CorviddSession> aggregatorOf(CorviddSession& session) {
+  CorviddSession* aggregatorOf(CorviddSession& session) {
     const RecursiveLock lock(agent->mutex());
     return agent->getAncestorWithAggregatorForSession(session);
   }
@@ -52,16 +52,16 @@ TEST_F(Hierarchy, AbsentNamesAreEmptyInTheKey) {
 TEST_F(Hierarchy, NamesThatDifferInCaseOnlyShareAGroup) {
   CorviddSession& parent = join(1, 0, false, "PLAYER");
   CorviddSession& child = join(2, 1, false, "player");
-  EXPECT_EQ(parentOf(child).get(), &parent);
+  EXPECT_EQ(parentOf(child), &parent);
 }
 
 TEST_F(Hierarchy, JoiningAgainMovesASessionBehindTheOthers) {
   CorviddSession& first = join(1, 0);
   CorviddSession& second = join(2, 0);
   CorviddSession& child = join(3, 1);
-  EXPECT_EQ(parentOf(child).get(), &first);
+  EXPECT_EQ(parentOf(child), &first);
   agent->userInfoUpdatedForSession(first);
-  EXPECT_EQ(parentOf(child).get(), &second);
+  EXPECT_EQ(parentOf(child), &second);
 }
 
 TEST_F(Hierarchy, ASessionWhoseClientNameChangesMovesToTheNewGroup) {
@@ -70,7 +70,7 @@ TEST_F(Hierarchy, ASessionWhoseClientNameChangesMovesToTheNewGroup) {
   CorviddSession& newChild = join(3, 1, false, "Recorder");
   parent.fetchStatesWithUserInfo(userInfo("Recorder", "Feed"), {});
   EXPECT_EQ(parentOf(oldChild), nullptr);
-  EXPECT_EQ(parentOf(newChild).get(), &parent);
+  EXPECT_EQ(parentOf(newChild), &parent);
 }
 
 TEST_F(Hierarchy, ASessionThatLostItsUserInfoStaysInItsGroup) {
@@ -78,7 +78,7 @@ TEST_F(Hierarchy, ASessionThatLostItsUserInfoStaysInItsGroup) {
   CorviddSession& child = join(2, 1);
   pretend(parent, std::nullopt);
   agent->userInfoUpdatedForSession(parent);
-  EXPECT_EQ(parentOf(child).get(), &parent);
+  EXPECT_EQ(parentOf(child), &parent);
 }
 
 TEST_F(Hierarchy, ASessionIsInItsGroupOnceHoweverOftenItJoins) {
@@ -94,12 +94,12 @@ TEST_F(Hierarchy, ASessionWithoutBackendsIsAtLevelZero) {
   CorviddSession& unstarted = connectAs(1, 8, userInfo("Player", "Feed"));
   agent->userInfoUpdatedForSession(unstarted);
   CorviddSession& child = join(2, 1);
-  EXPECT_EQ(parentOf(child).get(), &unstarted);
+  EXPECT_EQ(parentOf(child), &unstarted);
 }
 
 TEST_F(Hierarchy, EmptyGroupsAreKeptUpToTheirLimit) {
   CorviddSession& session = connectAs(1, 8, userInfo("first", ""));
-  const std::string longName(CorviddAgent::keptGroupBytes / 4, 'n');
+  const std::string longName(ChainRegistry::keptGroupBytes / 4, 'n');
   int groups = 0;
   for (const char* suffix : {"a", "b", "c"}) {
     pretend(session, userInfo(longName + suffix, ""));
@@ -166,7 +166,7 @@ TEST_F(Hierarchy, OfTwoSessionsAtOneLevelTheFirstToJoinIsTheParent) {
   join(2, 0);
   CorviddSession& child = join(3, 1);
   EXPECT_EQ(agent->parentSessionIDStringForSession(child), first.sessionIDString());
-  EXPECT_EQ(parentOf(child).get(), &first);
+  EXPECT_EQ(parentOf(child), &first);
 }
 
 TEST_F(Hierarchy, AMissingGroupIsAnError) {
@@ -214,7 +214,7 @@ TEST_F(Hierarchy, TheParentIsOneLevelUp) {
   CorviddSession& child = join(2, 1);
   CorviddSession& grandchild = join(3, 2);
   log.clear();
-  EXPECT_EQ(parentOf(grandchild).get(), &child);
+  EXPECT_EQ(parentOf(grandchild), &child);
   EXPECT_EQ(log.texts(debug),
             std::vector<std::string>{
                 "parentSessionForChild: Checking userInfoKey 'player:feed' for session 3"});
@@ -253,10 +253,10 @@ TEST_F(Hierarchy, TheTopmostAggregatorIsPreferred) {
   CorviddSession& child = join(2, 1);
   CorviddSession& grandchild = join(3, 2);
   child.setHasAggregator(true);
-  EXPECT_EQ(aggregatorOf(grandchild).get(), &top);
-  EXPECT_EQ(aggregatorOf(child).get(), &top);
+  EXPECT_EQ(aggregatorOf(grandchild), &top);
+  EXPECT_EQ(aggregatorOf(child), &top);
   top.setHasAggregator(false);
-  EXPECT_EQ(aggregatorOf(grandchild).get(), &child);
+  EXPECT_EQ(aggregatorOf(grandchild), &child);
   EXPECT_EQ(aggregatorOf(child), nullptr);
 }
 
@@ -266,7 +266,7 @@ TEST_F(Hierarchy, TheTopmostAggregatorIsPreferredInAnyOrderOfJoining) {
   CorviddSession& top = join(1, 0);
   child.setHasAggregator(true);
   top.setHasAggregator(true);
-  EXPECT_EQ(aggregatorOf(grandchild).get(), &top);
+  EXPECT_EQ(aggregatorOf(grandchild), &top);
 }
 
 TEST_F(Hierarchy, OnlyTheFirstSessionOfALevelIsAskedForAnAggregator) {
@@ -285,7 +285,7 @@ TEST_F(Hierarchy, ASessionIsNotItsOwnAncestor) {
 TEST_F(Hierarchy, AGapDoesNotHideAnAncestorThatAggregates) {
   CorviddSession& top = join(1, 0, true);
   CorviddSession& deep = join(4, 3);
-  EXPECT_EQ(aggregatorOf(deep).get(), &top);
+  EXPECT_EQ(aggregatorOf(deep), &top);
 }
 
 // Bringing the sessions below up to date

@@ -1,19 +1,34 @@
 #include "tests/fakes/FakeFileSystem.h"
 
 #include <cerrno>
+#include <functional>
 
 namespace corvid {
 
 Result<std::vector<std::string>> FakeFileSystem::listDirectory(const std::string& path) {
   std::lock_guard lock(_mutex);
+  ++listings;
   if (listFailure) return *listFailure;
   if (!directories.contains(path)) return Failure{"No such file or directory", ENOENT};
+  return namesIn(path);
+}
+
+std::vector<std::string> FakeFileSystem::namesIn(const std::string& directory) const {
   std::vector<std::string> names;
-  const std::string prefix = path + "/";
+  const std::string prefix = directory + "/";
   for (const auto& [file, content] : files)
     if (file.starts_with(prefix) && file.find('/', prefix.size()) == std::string::npos)
       names.push_back(file.substr(prefix.size()));
   return names;
+}
+
+std::optional<TimeValue> FakeFileSystem::changeDate(const std::string& directory) {
+  std::lock_guard lock(_mutex);
+  if (!directories.contains(directory)) return std::nullopt;
+  std::string together;
+  for (const std::string& name : namesIn(directory)) together += name + "/";
+  return TimeValue{static_cast<std::int64_t>(std::hash<std::string>()(together) % 1'000'000'000),
+                   0};
 }
 
 bool FakeFileSystem::createDirectories(const std::string& path) {

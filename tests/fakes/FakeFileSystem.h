@@ -6,6 +6,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "platform/Clock.h"
 #include "platform/FileSystem.h"
@@ -25,6 +26,8 @@ class FakeFileSystem final : public FileSystem {
   Result<std::vector<std::string>> listDirectory(const std::string& path) override;
   bool createDirectories(const std::string& path) override;
   std::optional<TimeValue> creationDate(const std::string& path) override;
+  // Differs where the names differ.
+  std::optional<TimeValue> changeDate(const std::string& directory) override;
   std::size_t size(const std::string& path) override;
   void createFile(const std::string& path) override;
   bool exists(const std::string& path) override;
@@ -35,6 +38,7 @@ class FakeFileSystem final : public FileSystem {
   // The whole state, for the test to fill and read while no other thread works.
   std::map<std::string, File> files;
   std::set<std::string> directories;
+  int listings = 0;
   // Faults.
   std::optional<Failure> listFailure;
   bool failCreateDirectories = false;
@@ -43,6 +47,8 @@ class FakeFileSystem final : public FileSystem {
   int failAppendAfter = -1;
 
  private:
+  std::vector<std::string> namesIn(const std::string& directory) const;
+
   std::mutex _mutex;
   std::shared_ptr<Clock> _clock;
 };

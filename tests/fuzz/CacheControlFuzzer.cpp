@@ -8,7 +8,7 @@
 
 #include "base/Reading.h"
 #include "base/Text.h"
-#include "config/CacheControl.h"
+#include "config/StorebagFetch.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "config/StorebagEnvelope.h"
+#include "config/StorebagFetch.h"
 #include "platform/data/Crypto.h"
 
 namespace {

@@ -15,7 +15,6 @@ class CorviddSessionSyncTest : public SessionTest {
     session = newSession();
     configureAndStart({{"SessionID", 1}});
     std::swap(session, parent);
-    agent->parent = parent;
   }
 
   std::shared_ptr<CorviddSession> parent;
@@ -29,7 +28,7 @@ TEST_F(CorviddSessionSyncTest, AChildTakesStateAndThresholdOfItsParentsBackend) 
   own.stateAfterUpdate = BackendState::waiting;
   FakeBackend& dashboard = add(kCorvidBackendDashboard);
   configureAndStart();
-  session->syncReportingStates();
+  session->syncReportingStates(parent.get());
   EXPECT_EQ(own.state(), BackendState::sending);
   EXPECT_EQ(own.samplingThreshold(), 0.5);
   EXPECT_EQ(dashboard.state(), BackendState::disabled);
@@ -44,7 +43,7 @@ TEST_F(CorviddSessionSyncTest, TheThresholdIsPrintedAsAFloat) {
   parents.setSamplingThreshold(0.615);  // as a double it would be 0.61
   add(kCorvidBackendHTTPPost);
   configureAndStart();
-  session->syncReportingStates();
+  session->syncReportingStates(parent.get());
   EXPECT_THAT(platform.log.texts(LogLevel::debug),
               ElementsAre("HTTPSPostBackend(syncReportingStates): httpPost: state and sampling "
                           "rate updated to 2, 0.62%"));
@@ -57,7 +56,7 @@ TEST_F(CorviddSessionSyncTest, AnAbsentThresholdIsCopiedTooAndPrintsAsZero) {
   FakeBackend& own = add(kCorvidBackendHTTPPost);
   own.setSamplingThreshold(0.5);
   configureAndStart();
-  session->syncReportingStates();
+  session->syncReportingStates(parent.get());
   EXPECT_EQ(own.state(), BackendState::disabled);
   EXPECT_EQ(own.samplingThreshold(), std::nullopt);
   EXPECT_TRUE(platform.log.has(LogLevel::debug,
@@ -73,7 +72,7 @@ TEST_F(CorviddSessionSyncTest, AHeldBackendKeepsItsStateWhateverTheParentsIs) {
   FakeBackend& missing = add(kCorvidBackendMetrix);
   missing.stateAfterUpdate = BackendState::held;
   configureAndStart();
-  session->syncReportingStates();
+  session->syncReportingStates(parent.get());
   EXPECT_EQ(own.state(), BackendState::held);
   EXPECT_EQ(own.samplingThreshold(), std::nullopt);
   EXPECT_EQ(missing.state(), BackendState::held);
@@ -85,7 +84,7 @@ TEST_F(CorviddSessionSyncTest, TheParentsBackendIsFoundByTableKey) {
   startParent();
   FakeBackend& own = addAs("key", "b");
   configureAndStart();
-  session->syncReportingStates();
+  session->syncReportingStates(parent.get());
   EXPECT_EQ(own.state(), BackendState::held);
   EXPECT_TRUE(platform.log.has(LogLevel::debug,
                                "HTTPSPostBackend(syncReportingStates): b: state and sampling rate "
@@ -93,10 +92,10 @@ TEST_F(CorviddSessionSyncTest, TheParentsBackendIsFoundByTableKey) {
 }
 
 TEST_F(CorviddSessionSyncTest, AParentWithoutATableDisablesTheChild) {
-  agent->parent = newSession();
+  parent = newSession();
   FakeBackend& own = add(kCorvidBackendHTTPPost);
   configureAndStart();
-  session->syncReportingStates();
+  session->syncReportingStates(parent.get());
   EXPECT_EQ(own.state(), BackendState::disabled);
 }
 
@@ -104,7 +103,7 @@ TEST_F(CorviddSessionSyncTest, ATopSessionNeverChangesItsStates) {
   FakeBackend& own = add(kCorvidBackendHTTPPost);
   own.setSamplingThreshold(0.25);
   configureAndStart();
-  session->syncReportingStates();
+  session->syncReportingStates(parent.get());
   EXPECT_EQ(own.state(), BackendState::sending);
   EXPECT_EQ(own.samplingThreshold(), 0.25);
   EXPECT_THAT(platform.log.lines(), IsEmpty());
@@ -115,42 +114,18 @@ TEST_F(CorviddSessionSyncTest, AChildThatMissesItsParentSaysSoAndKeepsItsStates)
   own.setHierarchy(2);
   add(kCorvidBackendDashboard);
   configureAndStart();
-  session->syncReportingStates();
+  session->syncReportingStates(parent.get());
   EXPECT_EQ(own.state(), BackendState::sending);
   EXPECT_THAT(platform.log.texts(LogLevel::info),
               ElementsAre("syncReportingStates: child session 7 (backend httpPost) with hierarchy "
                           "2 is missing its parent"));
 }
 
-TEST_F(CorviddSessionSyncTest, ASessionWithoutATableOnlyAsksForItsParent) {
-  agent->parent = newSession();
-  int asked = 0;
-  agent->onParent = [&] { ++asked; };
+TEST_F(CorviddSessionSyncTest, ASessionWithoutATableHasNothingToSync) {
+  parent = newSession();
   platform.log.clear();
-  session->syncReportingStates();
-  EXPECT_EQ(asked, 1);
+  session->syncReportingStates(parent.get());
   EXPECT_THAT(platform.log.lines(), IsEmpty());
-}
-
-TEST_F(CorviddSessionSyncTest, TheAgentsMutexIsHeldMeanwhileAndFreeAfterwards) {
-  LockProbe probe(agent->mutex());
-  bool held = false;
-  agent->onParent = [&] { held = probe.isHeld(); };
-  session->syncReportingStates();
-  EXPECT_TRUE(held);
-  EXPECT_TRUE(probe.isFree());
-}
-
-TEST_F(CorviddSessionSyncTest, AParentThatEndsMeanwhileEndsAfterTheMutexIsReleased) {
-  auto parentsConnection = std::make_shared<FakeConnection>();
-  agent->parent = newSession(parentsConnection);
-  agent->parent->setHasAggregator(true);
-  agent->forgetsWhatItHandsOut = true;
-  LockProbe probe(agent->mutex());
-  bool freeAtTheEnd = false;
-  parentsConnection->onDelivery = [&] { freeAtTheEnd = probe.isFree(); };  // its last shutdown
-  session->syncReportingStates();
-  EXPECT_TRUE(freeAtTheEnd);
 }
 
 class CorviddSessionAggregationTest : public SessionTest {
@@ -241,26 +216,6 @@ TEST_F(CorviddSessionAggregationTest, TheAgentsMutexIsHeldForTheAncestorsClientO
   send(3, 4);
   EXPECT_EQ(heldForAncestor, true);
   connection->onDelivery = nullptr;
-}
-
-TEST_F(CorviddSessionAggregationTest, AnAncestorThatEndsMeanwhileEndsAfterTheMutexIsReleased) {
-  configureAndStart();
-  ancestor->setHasAggregator(true);
-  agent->ancestor = std::move(ancestor);
-  agent->forgetsWhatItHandsOut = true;
-  LockProbe probe(agent->mutex());
-  int deliveries = 0;
-  bool heldForTheMessage = false;
-  bool freeForItsLastShutdown = false;
-  ancestorsConnection->onDelivery = [&] {
-    if (++deliveries == 1)
-      heldForTheMessage = probe.isHeld();
-    else
-      freeForItsLastShutdown = probe.isFree();
-  };
-  send(3, 4);
-  EXPECT_TRUE(heldForTheMessage);
-  EXPECT_TRUE(freeForItsLastShutdown);
 }
 
 TEST_F(CorviddSessionAggregationTest, AClientThatCannotBeReachedIsLogged) {

@@ -273,13 +273,14 @@ TEST_F(CorviddSessionLifecycleTest, ASecondConfigurationWithoutAStorebagLeavesTh
   EXPECT_EQ(kept.sent.back().method, 3);
 }
 
-TEST_F(CorviddSessionLifecycleTest, AnExceptionOfTheAgentLeavesReplyUnansweredAndSessionUsable) {
-  agent->onStorebag = [] { throw std::invalid_argument("storebag without a version"); };
+TEST_F(CorviddSessionLifecycleTest,
+       AStorebagThatCannotBeUsedLeavesReplyUnansweredAndSessionUsable) {
+  agent->storebagFailure = Failure{"no version"};
   RecordedStates states;
-  EXPECT_THROW(session->startConfigWithCompletionHandler(states.reply()), std::invalid_argument);
+  session->startConfigWithCompletionHandler(states.reply());
   EXPECT_EQ(states.answers(), 0u);
   EXPECT_TRUE(states.unanswered());
-  agent->onStorebag = nullptr;
+  agent->storebagFailure.reset();
   add(kCorvidBackendHTTPPost);
   configureAndStart();
   RecordedStates again;

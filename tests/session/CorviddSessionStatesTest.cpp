@@ -173,8 +173,7 @@ TEST_F(CorviddSessionCombinedIDTest, JoinsTheAncestorsIDsAndItsOwn) {
   session->setSessionIDString("Z");
   configureAndStart();
   EXPECT_EQ(first.combinedSessionIDString(), "Z");
-  agent->parentSessionIDString = "X.Y";
-  session->updateCombinedSessionID();
+  session->updateCombinedSessionID("X.Y");
   EXPECT_EQ(first.combinedSessionIDString(), "X.Y.Z");
   EXPECT_EQ(second.combinedSessionIDString(), "X.Y.Z");
   EXPECT_THAT(journal->entries(),
@@ -189,11 +188,9 @@ TEST_F(CorviddSessionCombinedIDTest, WithoutAParentStringNothingHappens) {
   FakeBackend& backend = add(kCorvidBackendHTTPPost);
   session->setSessionIDString("Z");
   configureAndStart();
-  agent->parentSessionIDString = "Y";
-  session->updateCombinedSessionID();
-  agent->parentSessionIDString = std::nullopt;
+  session->updateCombinedSessionID("Y");
   forgetWhatHappened();
-  session->updateCombinedSessionID();
+  session->updateCombinedSessionID(std::nullopt);
   EXPECT_EQ(backend.combinedSessionIDString(), "Y.Z");
   EXPECT_THAT(journal->entries(), IsEmpty());
   EXPECT_THAT(platform.log.lines(), IsEmpty());

@@ -36,10 +36,7 @@ class SessionTest : public ::testing::Test {
     std::string udid;
   };
 
-  ~SessionTest() override {
-    agent->parent = nullptr;  // they hold the agent
-    agent->ancestor = nullptr;
-  }
+  ~SessionTest() override { agent->ancestor = nullptr; }  // it holds the agent
 
   std::shared_ptr<CorviddSession> newSession() { return newSession(connection); }
   std::shared_ptr<CorviddSession> newSession(std::shared_ptr<Connection> client) {

@@ -152,12 +152,8 @@ class ChainStress : public testing::TestWithParam<unsigned> {
       }
   }
   static std::shared_ptr<CorviddAgent> makeAgent() {
-    return CorviddAgent::create([](std::int32_t clientType, std::int32_t& maxAge,
-                                   std::optional<std::string>& version, bool&,
-                                   std::optional<std::string>*) {
-      maxAge = 3600;
-      version = "1";
-      return sectionOf(clientType);
+    return CorviddAgent::create([](std::int32_t clientType, const auto&) {
+      return FetchedStorebag{.storebag = sectionOf(clientType), .maxAge = 3600, .version = "1"};
     });
   }
 

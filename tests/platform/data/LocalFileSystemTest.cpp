@@ -57,6 +57,22 @@ TEST_F(LocalFileSystemTest, TheCreationDateOfANewFileIsNow) {
   EXPECT_FALSE(files.creationDate(at("missing")));
 }
 
+TEST_F(LocalFileSystemTest, ADirectoryHasTheDateOfItsLastChange) {
+  const auto before = std::time(nullptr);
+  const auto date = files.changeDate(scratch.path());
+  ASSERT_TRUE(date);
+  EXPECT_GE(date->seconds, before - 1);
+  EXPECT_LE(date->seconds, std::time(nullptr) + 1);
+  const auto change = [&] {
+    std::filesystem::remove(scratch.write("file", ""));
+    return *files.changeDate(scratch.path());
+  };
+  for (int i = 0; i < 100'000 && change() == *date; ++i) {
+  }
+  EXPECT_NE(change(), *date);
+  EXPECT_FALSE(files.changeDate(at("missing")));
+}
+
 TEST_F(LocalFileSystemTest, TheCreationDateIsTheEarlierOfBirthAndModification) {
   const std::string file = scratch.write("file", "");
   const auto born = files.creationDate(file);

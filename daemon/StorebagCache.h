@@ -1,0 +1,57 @@
+// The daemon's storebags: one record a client type name, with the rules for when to fetch.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "base/Result.h"
+#include "base/Value.h"
+#include "config/StorebagFetch.h"
+
+namespace corvid {
+
+// Not synchronised: the agent's mutex guards it and is held during a fetch, so that sessions which
+// want the same storebag wait for one fetch.
+class StorebagCache {
+ public:
+  // As fetchStorebagForEnvironmentAndClientType.
+  using Fetch = std::function<FetchedStorebag(std::int32_t clientType,
+                                              const std::optional<std::string>& lastModified)>;
+
+  // Least time between a failed fetch and the next one for the same client type name.
+  static constexpr std::int32_t secondsBetweenAttempts = 900;
+
+  explicit StorebagCache(Fetch fetch) : _fetch(std::move(fetch)) {}
+
+  // The section that holds for the client type, from its record or fetched; may block. Nothing
+  // where none was ever fetched, and always for a client type without a name. A failure where the
+  // server sent a storebag without a version: the record stays as it was, and the client whose call
+  // led here gets no answer.
+  Result<std::optional<Dictionary>> storebag(std::int32_t clientType);
+  // The version that belongs to it. Never fetches.
+  std::optional<std::string> version(std::int32_t clientType) const;
+
+ private:
+  enum class FetchState { successful, failure };  // "Fetch Successful", "Fetch Failure"
+
+  struct Record {
+    std::optional<Dictionary> data;           // "StorebagData", kept when a later fetch fails
+    std::optional<std::string> version;       // "StorebagVersion", of that data
+    double fetchTime;                         // "StorebagFetchTime", of any attempt, since 1970
+    FetchState fetchState;                    // "StorebagFetchState"
+    std::int32_t maxAge;                      // "StorebagMaxAge", seconds
+    std::optional<std::string> lastModified;  // "StorebagLastModified", for the next fetch
+  };
+
+  static bool answersWithoutFetch(const Record& record, std::int32_t clientType);
+  Result<std::optional<Dictionary>> fetchAndCacheStorebag(std::int32_t clientType,
+                                                          const std::optional<std::string>& name);
+
+  const Fetch _fetch;
+  std::map<std::string, Record> _cachedStorebags;
+};
+
+}  // namespace corvid
