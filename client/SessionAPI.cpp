@@ -45,14 +45,9 @@ using corvid::wire::Fitness;
 constexpr std::size_t mostBytes = corvid::limits::messageBytes - 4096;
 
 int fitnessOf(const Extent& extent) {
-  switch (extent.fitness) {
-    case Fitness::fits: return extent.bytes() <= mostBytes ? CORVID_OK : CORVID_ERROR_TOO_LARGE;
-    case Fitness::tooDeep: return CORVID_ERROR_TOO_DEEP;
-    case Fitness::tooLarge: return CORVID_ERROR_TOO_LARGE;
-    case Fitness::invalidText: return CORVID_ERROR_INVALID_TEXT;
-    case Fitness::invalidNumber: return CORVID_ERROR_INVALID_ARGUMENT;
-  }
-  return CORVID_ERROR_INVALID_ARGUMENT;
+  if (extent.fitness == Fitness::tooDeep) return CORVID_ERROR_TOO_DEEP;
+  const bool fits = extent.fitness == Fitness::fits && extent.bytes() <= mostBytes;
+  return fits ? CORVID_OK : CORVID_ERROR_TOO_LARGE;
 }
 
 // Infos, which the daemon keeps for the session's life.

@@ -164,13 +164,8 @@ kj::Promise<void> SessionServer::perform(const char* name, Context context,
   });
 }
 
-template <class Context, class... Arguments>
-kj::Promise<void> SessionServer::perform(const char* name, Context context,
-                                         void (ClientSessionInterface::*operation)(Arguments...)) {
-  return perform(name, context, operation, [](auto, ValueDecoder&) { return std::tuple<>(); });
-}
-
-// In the braces of a tuple the parameters are decoded in order.
+// What a call brings is decoded in the order in which it stands, as in the braces of a tuple.
+constexpr auto nothing = [](auto, ValueDecoder&) { return std::tuple<>(); };
 
 kj::Promise<void> SessionServer::setSessionInfo(SetSessionInfoContext context) {
   auto arguments = decoded(context, [](auto parameters, ValueDecoder& decoder) {
@@ -189,7 +184,8 @@ kj::Promise<void> SessionServer::setSessionInfo(SetSessionInfoContext context) {
 }
 
 kj::Promise<void> SessionServer::startConfig(StartConfigContext context) {
-  return perform("startConfig", context, &ClientSessionInterface::startConfigWithCompletionHandler);
+  return perform("startConfig", context, &ClientSessionInterface::startConfigWithCompletionHandler,
+                 nothing);
 }
 
 kj::Promise<void> SessionServer::fetchStates(FetchStatesContext context) {
@@ -203,7 +199,7 @@ kj::Promise<void> SessionServer::fetchStates(FetchStatesContext context) {
 }
 
 kj::Promise<void> SessionServer::fetchDisplayURL(FetchDisplayURLContext context) {
-  return perform("fetchDisplayURL", context, &ClientSessionInterface::fetchDisplayURL);
+  return perform("fetchDisplayURL", context, &ClientSessionInterface::fetchDisplayURL, nothing);
 }
 
 kj::Promise<void> SessionServer::sendMessages(SendMessagesContext context) {
@@ -248,11 +244,11 @@ kj::Promise<void> SessionServer::sendMessages(SendMessagesContext context) {
 }
 
 kj::Promise<void> SessionServer::flush(FlushContext context) {
-  return perform("flush", context, &ClientSessionInterface::flushMessagesWithCompletion);
+  return perform("flush", context, &ClientSessionInterface::flushMessagesWithCompletion, nothing);
 }
 
 kj::Promise<void> SessionServer::finish(FinishContext context) {
-  return perform("finish", context, &ClientSessionInterface::finishSessionWithReply);
+  return perform("finish", context, &ClientSessionInterface::finishSessionWithReply, nothing);
 }
 
 kj::Promise<void> SessionServer::uploadFile(UploadFileContext context) {

@@ -45,9 +45,6 @@ class SessionServer final : public wire::ClientSession::Server {
   template <class Context, class... Arguments, class Decode>
   kj::Promise<void> perform(const char* name, Context context,
                             void (ClientSessionInterface::*operation)(Arguments...), Decode decode);
-  template <class Context, class... Arguments>
-  kj::Promise<void> perform(const char* name, Context context,
-                            void (ClientSessionInterface::*operation)(Arguments...));
 
   const std::shared_ptr<ClientSessionInterface> _session;
   const std::shared_ptr<Outbox> _outbox;

@@ -11,7 +11,6 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <optional>
 #include <utility>
 #include <vector>
 
@@ -29,8 +28,6 @@ static_assert(std::endian::native == std::endian::little, "numbers go as they ar
 // Larger messages are not gathered but written from where they are.
 constexpr std::size_t outputBytes = 16384;
 
-kj::Exception peerIsGone() { return KJ_EXCEPTION(DISCONNECTED, "the peer is gone"); }
-
 std::size_t bytesOf(Segments segments) {
   std::size_t words = segments.size() / 2 + 1;
   for (const auto segment : segments) words += segment.size();
@@ -46,21 +43,14 @@ std::vector<std::uint32_t> headerOf(Segments segments) {
   return header;
 }
 
-// How much the socket took of `message`; nothing where it takes none now.
-std::optional<std::size_t> sendSome(int socket, const msghdr& message) {
-  for (;;) {
-    const ssize_t sent = sendmsg(socket, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (sent >= 0) return static_cast<std::size_t>(sent);
-    if (errno == EAGAIN || errno == EWOULDBLOCK) return std::nullopt;
-    if (errno != EINTR) kj::throwFatalException(peerIsGone());
-  }
-}
-
 }  // namespace
 
-// A large message, or one with descriptors, whose first bytes may have been written.
+// Bytes on their way into the socket: gathered messages, or one that is large or has descriptors.
 class MessageSocket::Outgoing {
  public:
+  explicit Outgoing(std::vector<kj::byte> gathered) : _gathered(std::move(gathered)) {
+    _pieces.push_back({_gathered.data(), _gathered.size()});
+  }
   Outgoing(Segments segments, kj::ArrayPtr<const int> descriptors) : _header(headerOf(segments)) {
     if (descriptors.size() > 0) attach(descriptors);
     _pieces.reserve(segments.size() + 1);
@@ -81,10 +71,14 @@ class MessageSocket::Outgoing {
       message.msg_iovlen = std::min(_pieces.size() - _next, mostPieces);
       message.msg_control = _control.data();
       message.msg_controllen = _control.size();
-      const std::optional<std::size_t> sent = sendSome(socket, message);
-      if (!sent) return false;
+      const ssize_t sent = sendmsg(socket, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+      if (sent < 0) {
+        if (errno == EINTR) continue;
+        if (errno == EAGAIN || errno == EWOULDBLOCK) return false;
+        kj::throwFatalException(KJ_EXCEPTION(DISCONNECTED, "the peer is gone"));
+      }
       _control.clear();
-      advance(*sent);
+      advance(static_cast<std::size_t>(sent));
     }
     return true;
   }
@@ -112,6 +106,7 @@ class MessageSocket::Outgoing {
     piece.iov_len -= sent;
   }
 
+  std::vector<kj::byte> _gathered;
   std::vector<std::uint32_t> _header;
   std::vector<char> _control;  // descriptors that have not left
   std::vector<iovec> _pieces;
@@ -227,10 +222,16 @@ kj::Promise<void> MessageSocket::writeMessage(kj::ArrayPtr<const int> descriptor
     flush();
     return writeMessage(descriptors, segments);
   }
-  auto outgoing = kj::heap<Outgoing>(segments, descriptors);
+  return send(kj::heap<Outgoing>(segments, descriptors));
+}
+
+kj::Promise<void> MessageSocket::send(kj::Own<Outgoing> outgoing) {
   if (outgoing->writeTo(_port.socket())) return kj::READY_NOW;
   _blocked = true;
-  return untilSent(kj::mv(outgoing)).then([this] { unblock(); });
+  return untilSent(kj::mv(outgoing)).then([this] {
+    _blocked = false;
+    if (auto waiting = kj::mv(_unblocked); waiting.get() != nullptr) waiting->fulfill();
+  });
 }
 
 kj::Promise<void> MessageSocket::writeMessages(kj::ArrayPtr<Segments> messages) {
@@ -257,36 +258,10 @@ void MessageSocket::gather(Segments segments) {
 void MessageSocket::flush() {
   if (_blocked || _output.empty()) return;
   try {
-    if (sendOutput()) return;
+    _writing = send(kj::heap<Outgoing>(std::exchange(_output, {}))).eagerlyEvaluate(nullptr);
   } catch (const kj::Exception&) {
     // Reading finds that the peer is gone.
-    _output.clear();
-    return;
   }
-  _blocked = true;
-  _writing = untilOutputSent().then([this] { unblock(); }).eagerlyEvaluate(nullptr);
-}
-
-bool MessageSocket::sendOutput() {
-  while (_sent < _output.size()) {
-    iovec rest{_output.data() + _sent, _output.size() - _sent};
-    msghdr message{};
-    message.msg_iov = &rest;
-    message.msg_iovlen = 1;
-    const std::optional<std::size_t> sent = sendSome(_port.socket(), message);
-    if (!sent) return false;
-    _sent += *sent;
-  }
-  _output.clear();
-  _sent = 0;
-  return true;
-}
-
-kj::Promise<void> MessageSocket::untilOutputSent() {
-  return _port.whenWritable().then([this]() -> kj::Promise<void> {
-    if (sendOutput()) return kj::READY_NOW;
-    return untilOutputSent();
-  });
 }
 
 kj::Promise<void> MessageSocket::untilSent(kj::Own<Outgoing> outgoing) {
@@ -295,11 +270,6 @@ kj::Promise<void> MessageSocket::untilSent(kj::Own<Outgoing> outgoing) {
         if (outgoing->writeTo(_port.socket())) return kj::READY_NOW;
         return untilSent(kj::mv(outgoing));
       });
-}
-
-void MessageSocket::unblock() {
-  _blocked = false;
-  if (auto waiting = kj::mv(_unblocked); waiting.get() != nullptr) waiting->fulfill();
 }
 
 kj::Promise<void> MessageSocket::end() {

@@ -60,10 +60,8 @@ class MessageSocket final : public capnp::MessageStream {
   kj::Maybe<capnp::MessageReaderAndFds> next(kj::ArrayPtr<kj::AutoCloseFd> descriptorSpace);
   Received receive(bool takesDescriptors);
   void keepDescriptors(const msghdr& message);
-  bool sendOutput();
   void gather(kj::ArrayPtr<const kj::ArrayPtr<const capnp::word>> segments);
-  void unblock();
-  kj::Promise<void> untilOutputSent();
+  kj::Promise<void> send(kj::Own<Outgoing> outgoing);
   kj::Promise<void> untilSent(kj::Own<Outgoing> outgoing);
 
   SocketPort& _port;
@@ -74,7 +72,6 @@ class MessageSocket final : public capnp::MessageStream {
   bool _tooManyDescriptors = false;  // at once, so that some are lost
 
   std::vector<kj::byte> _output;  // what waits to leave
-  std::size_t _sent = 0;          // bytes of it that have left
   bool _blocked = false;          // the socket takes no more
   bool _flushesLater = false;
   kj::Own<kj::PromiseFulfiller<void>> _unblocked;  // of a write that waits

@@ -62,9 +62,10 @@ void encode(const std::optional<Content>& content, Init init) {
 }
 
 // Whether a value may cross the connection.
-enum class Fitness { fits, tooDeep, tooLarge, invalidText, invalidNumber };
+enum class Fitness { fits, tooDeep, tooLarge };
 
-// What a value takes on the wire.
+// What a value takes on the wire. Its texts and dates are taken for valid: whoever made it checked
+// them.
 struct Extent {
   std::size_t words = 0;
   std::size_t values = 0;
@@ -72,7 +73,7 @@ struct Extent {
 
   void add(const Dictionary& dictionary);
   void add(const Array& array);
-  void addText(std::string_view text);
+  void addText(std::string_view text) { addBytes(text.size() + 1); }
   std::size_t bytes() const { return words * sizeof(capnp::word); }
 
  private:

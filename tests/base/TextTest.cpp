@@ -18,6 +18,20 @@ TEST(Text, RefusesIllFormedUTF8) {
   EXPECT_FALSE(isValidUTF8("\x80"));
 }
 
+TEST(Text, FindsAByteThatIsNoASCIIWhereverItStands) {
+  for (std::size_t length = 0; length < 20; ++length) {
+    std::string text(length, 'x');
+    EXPECT_TRUE(isASCII(text));
+    EXPECT_TRUE(isValidUTF8(text));
+    for (char& c : text) {
+      c = '\xFF';
+      EXPECT_FALSE(isASCII(text)) << text;
+      EXPECT_FALSE(isValidUTF8(text)) << text;
+      c = 'x';
+    }
+  }
+}
+
 TEST(Text, ReplacesIllFormedSequences) {
   EXPECT_EQ(replacingInvalidUTF8("a\xFFz"), "a\xEF\xBF\xBDz");
   EXPECT_EQ(replacingInvalidUTF8("\xC3"), "\xEF\xBF\xBD");

@@ -1,9 +1,9 @@
 // A listener whose process may be about to end.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
+#include "base/UnixAddress.h"
 #include "tests/rpc/ServiceFixture.h"
 #include "tests/rpc/WireClient.h"
 
@@ -14,11 +14,8 @@ namespace {
 class AcceptGateTest : public ServiceFixture {
  protected:
   AcceptGateTest() : _socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
     path = folder.path + "/socket";
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    EXPECT_EQ(bind(_socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(UnixAddress(path).bind(_socket.get()), 0);
     EXPECT_EQ(listen(_socket.get(), 16), 0);
   }
 

@@ -55,10 +55,7 @@ TEST_F(Listener, ReplacesAStaleSocket) {
   std::filesystem::create_directories(std::filesystem::path(path).parent_path());
   {
     Descriptor stale(socket(AF_UNIX, SOCK_STREAM, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, path.c_str(), path.size());
-    ASSERT_EQ(bind(stale.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(UnixAddress(path).bind(stale.get()), 0);
   }
   ASSERT_TRUE(std::filesystem::exists(path));
   start();
@@ -92,10 +89,7 @@ TEST_F(Listener, FailsWhereThePathIsTooLong) {
 TEST_F(Listener, TakesOverASocketThatListens) {
   Descriptor inherited(socket(AF_UNIX, SOCK_STREAM, 0));
   const std::string place = folder.path + "/inherited";
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::memcpy(address.sun_path, place.c_str(), place.size());
-  ASSERT_EQ(bind(inherited.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(UnixAddress(place).bind(inherited.get()), 0);
   ASSERT_EQ(listen(inherited.get(), 5), 0);
   auto adopted = IPCListener::adopt(dup(inherited.get()), noEntitlements);
   ASSERT_TRUE(adopted) << adopted.failure().message;
@@ -225,10 +219,7 @@ TEST_F(Listener, WaitsOutALackOfDescriptors) {
   std::vector<Descriptor> taken;
   do taken.emplace_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
   while (taken.back());
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::memcpy(address.sun_path, path.c_str(), path.size());
-  ASSERT_EQ(connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(UnixAddress(path).connect(socket.get()), 0);
   bool starved = false;
   for (int tries = 0; tries < 1000000 && !starved; ++tries) {
     starved = log.anyContains("IPCListener: Accepting a connection failed, trying again: ");

@@ -4,7 +4,6 @@
 #include <capnp/rpc-twoparty.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 
 #include <cerrno>
 #include <cstring>
@@ -14,6 +13,7 @@
 #include <vector>
 
 #include "base/Descriptor.h"
+#include "base/UnixAddress.h"
 #include "protocol/corvid.capnp.h"
 #include "protocol/wire/MessageSocket.h"
 #include "protocol/wire/ValueCodec.h"
@@ -23,11 +23,7 @@ namespace corvid {
 
 inline Descriptor connectTo(const std::string& path) {
   Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::memcpy(address.sun_path, path.c_str(), path.size());
-  EXPECT_EQ(connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0)
-      << std::strerror(errno);
+  EXPECT_EQ(UnixAddress(path).connect(socket.get()), 0) << std::strerror(errno);
   return socket;
 }
 
