@@ -18,11 +18,12 @@ Platform::Services systemServices(const Paths& paths, const Deployment& deployme
                                   const std::shared_ptr<Clock>& clock,
                                   const std::shared_ptr<Launcher>& launcher,
                                   std::optional<BundleFile> triedBundle) {
-  const auto http = std::make_shared<CurlHTTPClient>(CurlHTTPClient::Options{
-      .caFile = deployment.caFile,
-      .allowInsecureHTTP = deployment.allowInsecureHTTP,
-      .onIdle = [launcher] { launcher->workEnded(); },
-  });
+  const auto http =
+      std::make_shared<CurlHTTPClient>(clock, CurlHTTPClient::Options{
+                                                  .caFile = deployment.caFile,
+                                                  .allowInsecureHTTP = deployment.allowInsecureHTTP,
+                                                  .onIdle = [launcher] { launcher->workEnded(); },
+                                              });
   const auto network = std::make_shared<SystemNetwork>(
       SystemNetwork::Options{.onIdle = [launcher] { launcher->workEnded(); }});
   const auto preferences = std::make_shared<FilePreferences>(paths.preferencesFolder);

@@ -1,33 +1,197 @@
 #include "platform/http/CurlHTTPClient.h"
 
-#include <variant>
+#include <fmt/format.h>
 
-#include "platform/http/Exchange.h"
-#include "platform/http/HTTPWorker.h"
+#include <utility>
+
+#include "base/Log.h"
+#include "base/Thread.h"
+#include "platform/http/CurlMulti.h"
 
 namespace corvid {
+namespace {
 
-CurlHTTPClient::CurlHTTPClient(Options options)
-    : _allowInsecureHTTP(options.allowInsecureHTTP),
-      _worker(std::make_unique<HTTPWorker>(std::move(options))) {}
+using std::chrono::milliseconds;
 
-// The client is whole until the last completion has run.
-CurlHTTPClient::~CurlHTTPClient() { _worker->stop(); }
+constexpr std::string_view ended = "the HTTP client has ended";
 
-void CurlHTTPClient::start(HTTPRequest request, HTTPCompletion completion) {
-  auto made =
-      makeExchange(std::move(request), _allowInsecureHTTP, std::chrono::steady_clock::now());
-  if (auto* const error = std::get_if<HTTPError>(&made)) {
-    completion({std::nullopt, std::move(*error)});
-    return;
-  }
-  auto& exchange = std::get<Exchange>(made);
-  exchange.completion = std::move(completion);
-  _worker->add(std::move(exchange));
+HTTPOutcome failed(const Exchange& exchange, CURLcode code, std::string_view why) {
+  return {std::nullopt, HTTPError{code, fmt::format("{}: {}", exchange.host, why)}};
 }
 
-std::size_t CurlHTTPClient::exchangesUnderWay() const { return _worker->underWay(); }
+}  // namespace
 
-std::size_t CurlHTTPClient::exchangesRefused() const { return _worker->refused(); }
+CurlHTTPClient::CurlHTTPClient(std::shared_ptr<Clock> clock, Options options)
+    : _clock(std::move(clock)),
+      _options(std::move(options)),
+      _queue({.exchanges = mostWaitingExchanges,
+              .bytes = mostWaitingBytes,
+              .hosts = hostsThatFillTheQueue,
+              .activePerHost = mostConnectionsPerHost}),
+      _multi(std::make_unique<CurlMulti>(_options.caFile, mostConnections)) {}
+
+CurlHTTPClient::~CurlHTTPClient() {
+  std::thread thread;
+  {
+    const MutexLock lock(_mutex);
+    _stopping = true;
+    wake();
+    thread.swap(_thread);
+  }
+  if (thread.joinable()) thread.join();
+}
+
+// ---- Any thread
+
+void CurlHTTPClient::start(HTTPRequest request, HTTPCompletion completion) {
+  Result<Exchange> made =
+      makeExchange(std::move(request), _options.allowInsecureHTTP, _clock->steadyNow());
+  if (!made) {
+    completion({std::nullopt, HTTPError{made.failure().code, made.failure().message}});
+    return;
+  }
+  made.value().completion = std::move(completion);
+  if (auto refusal = refusalOf(made.value())) made.value().completion(std::move(*refusal));
+}
+
+std::optional<HTTPOutcome> CurlHTTPClient::refusalOf(Exchange& exchange) {
+  const MutexLock lock(_mutex);
+  const bool hasRoom = awaitRoom(exchange);
+  if (_stopping) return failed(exchange, CURLE_ABORTED_BY_CALLBACK, ended);
+  if (!hasRoom) {
+    ++_refused;
+    if (_refusedWithoutRoom++ == 0)
+      logWarning(
+          "HTTPClient: too many exchanges wait, among them for {}; new ones fail until there is room",
+          exchange.host);
+    return failed(exchange, CURLE_AGAIN, "too many exchanges wait");
+  }
+  if (const std::size_t refused = std::exchange(_refusedWithoutRoom, 0))
+    logWarning("HTTPClient: there is room for exchanges again; {} have failed", refused);
+  ++_underWay;
+  _queue.add(std::move(exchange));
+  _hasNews = true;
+  if (!_thread.joinable()) _thread = startThread("corvid-http", [this] { run(); });
+  wake();
+  return std::nullopt;
+}
+
+bool CurlHTTPClient::awaitRoom(Exchange& exchange) {
+  const auto hasRoom = [&]() NO_THREAD_SAFETY_ANALYSIS { return !_queue.isFull(exchange.host); };
+  if (hasRoom()) return true;
+  if (exchange.patience <= milliseconds(0) || _thread.get_id() == std::this_thread::get_id())
+    return false;
+  const auto start = _clock->steadyNow();
+  const bool inTime = _clock->waitUntil(_hasRoom, _mutex, start + exchange.patience, hasRoom);
+  if (!exchange.deadlineCoversWait) exchange.deadline += _clock->steadyNow() - start;
+  return inTime;
+}
+
+void CurlHTTPClient::wake() {
+  _hasWork.notify_one();
+  if (std::exchange(_sleepsInTransfer, false)) _multi->wake();
+}
+
+// ---- The client's thread
+
+void CurlHTTPClient::run() {
+  while (auto work = takeWork()) {
+    for (Exchange& exchange : work->expired) {
+      HTTPOutcome outcome =
+          failed(exchange, CURLE_OPERATION_TIMEDOUT, "timed out before there was a connection");
+      complete(std::move(exchange), std::move(outcome));
+    }
+    begin(std::move(work->toBegin));
+    if (_multi->active() == 0) continue;
+    auto endedTransfers = _multi->perform(_clock->steadyNow());
+    for (auto& [exchange, outcome] : endedTransfers)
+      finish(std::move(exchange), std::move(outcome));
+    if (endedTransfers.empty()) sleepUntilTransfer();
+  }
+  abandonAll();
+  _multi->close();
+}
+
+bool CurlHTTPClient::waitForWork(std::optional<milliseconds> longest) {
+  const MutexLock lock(_mutex);
+  const auto hasWork = [this]()
+                           NO_THREAD_SAFETY_ANALYSIS { return _stopping || _queue.waiting() > 0; };
+  if (longest) return _clock->waitUntil(_hasWork, _mutex, _clock->steadyNow() + *longest, hasWork);
+  _hasWork.wait(_mutex, hasWork);
+  return true;
+}
+
+std::optional<CurlHTTPClient::Work> CurlHTTPClient::takeWork() {
+  if (_multi->active() == 0 && !waitForWork(_options.connectionIdleTime)) {
+    _multi->close();
+    waitForWork(std::nullopt);
+  }
+  const MutexLock lock(_mutex);
+  _sleepsInTransfer = false;
+  _hasNews = false;
+  if (_stopping) return std::nullopt;
+  Work work;
+  if (_queue.waiting() > 0) work.expired = _queue.removeExpired(_clock->steadyNow());
+  while (_multi->active() + work.toBegin.size() < mostConnections) {
+    auto exchange = _queue.next();
+    if (!exchange) break;
+    work.toBegin.push_back(std::move(*exchange));
+  }
+  if (!work.toBegin.empty() || !work.expired.empty()) _hasRoom.notify_all();
+  return work;
+}
+
+void CurlHTTPClient::begin(std::vector<Exchange> exchanges) {
+  for (Exchange& exchange : exchanges) {
+    if (curlLibrary()) {
+      _multi->begin(std::move(exchange), _clock->steadyNow());
+    } else {
+      HTTPOutcome outcome = failed(exchange, CURLE_FAILED_INIT, curlLibrary().failure().message);
+      finish(std::move(exchange), std::move(outcome));
+    }
+  }
+}
+
+void CurlHTTPClient::sleepUntilTransfer() {
+  std::chrono::nanoseconds longest;
+  {
+    const MutexLock lock(_mutex);
+    if (_hasNews || _stopping) return;
+    longest = _clock->sleepTowards(_queue.nextDeadline().value_or(Clock::TimePoint::max()));
+    _sleepsInTransfer = true;
+  }
+  _multi->sleep(std::chrono::ceil<milliseconds>(longest));
+}
+
+void CurlHTTPClient::abandonAll() {
+  std::vector<Exchange> waiting;
+  {
+    const MutexLock lock(_mutex);
+    waiting = _queue.removeAll();
+  }
+  std::vector<Exchange> active = _multi->abandon();
+  for (auto* const exchanges : {&active, &waiting})
+    for (Exchange& exchange : *exchanges) {
+      HTTPOutcome outcome = failed(exchange, CURLE_ABORTED_BY_CALLBACK, ended);
+      complete(std::move(exchange), std::move(outcome));
+    }
+}
+
+void CurlHTTPClient::finish(Exchange exchange, HTTPOutcome outcome) {
+  {
+    const MutexLock lock(_mutex);
+    _queue.finished(exchange.host);
+  }
+  complete(std::move(exchange), std::move(outcome));
+}
+
+void CurlHTTPClient::complete(Exchange exchange, HTTPOutcome outcome) {
+  // The rest of the exchange takes no memory once its completion runs, and what that holds goes
+  // before the exchange counts as over.
+  HTTPCompletion completion = Exchange(std::move(exchange)).completion;
+  completion(std::move(outcome));
+  completion = nullptr;
+  if (--_underWay == 0 && _options.onIdle) _options.onIdle();
+}
 
 }  // namespace corvid

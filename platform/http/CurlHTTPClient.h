@@ -1,21 +1,29 @@
 // The HTTP client over libcurl.
 #pragma once
 
+#include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstddef>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
+#include <vector>
 
+#include "base/Mutex.h"
+#include "platform/Clock.h"
 #include "platform/HTTPClient.h"
+#include "platform/http/ExchangeQueue.h"
 
 namespace corvid {
 
-class HTTPWorker;
+class CurlMulti;
 
 // One thread carries all exchanges and runs their completions; it starts with the first exchange,
-// as do libcurl and its memory.
+// as do libcurl and its memory. It sleeps on a condition while there is nothing to do and in
+// libcurl while transfers run.
 //
 // Protocol  HTTP/1.1 over connections that are kept and used again; TLS 1.2 or newer, verified.
 //           HTTP/2 is not offered: with requests this small it takes more work for each.
@@ -25,9 +33,10 @@ class HTTPWorker;
 //           No cookies, no stored credentials, no proxy: what stands in the environment does not
 //           matter. Names that end in ".invalid" fail without asking the resolver.
 // Threads   As HTTPClient says. `onIdle` runs on the client's thread.
-// Limits    The constants below. Past what may wait, in all or for its host, a new exchange fails,
-//           which is counted and logged once until there is room again; one that waits too long for
-//           a connection times out like any other.
+// Limits    The constants below, and Transfer's for answers. Past what may wait, in all or for its
+//           host, a new exchange fails, which is counted and logged once until there is room again;
+//           one that waits too long for a connection times out like any other.
+// Time      Waiting goes by `clock`, what libcurl does by the system's steady time.
 // Errors    Codes are libcurl's (CURLcode), the texts name the host, never the rest of the URL.
 //           A method other than GET and POST, a URL that is neither https nor http, one that holds
 //           a user name, and headers that hold line breaks are refused.
@@ -35,15 +44,13 @@ class HTTPWorker;
 //           running completions and ends the thread; not from a completion.
 class CurlHTTPClient final : public HTTPClient {
  public:
-  static constexpr std::size_t kConnections = 32;
-  static constexpr std::size_t kConnectionsPerHost = 8;
-  static constexpr std::size_t kWaitingExchanges = 8192;
+  static constexpr std::size_t mostConnections = 32;
+  static constexpr std::size_t mostConnectionsPerHost = 8;
+  static constexpr std::size_t mostWaitingExchanges = 8192;
   // Of what waits; one that finds less waiting is let in whatever its size.
-  static constexpr std::size_t kWaitingBytes = 8 * 1024 * 1024;
+  static constexpr std::size_t mostWaitingBytes = 8 * 1024 * 1024;
   // The share of a host in both, as in connections: hosts that do not answer leave room for others.
-  static constexpr std::size_t kHostsThatFillTheQueue = kConnections / kConnectionsPerHost;
-  static constexpr std::size_t kResponseBodyBytes = 8 * 1024 * 1024;
-  static constexpr std::size_t kResponseHeaderBytes = 64 * 1024;
+  static constexpr std::size_t hostsThatFillTheQueue = mostConnections / mostConnectionsPerHost;
 
   struct Options {
     // Certificates to trust instead of the system's, as a PEM file.
@@ -55,18 +62,61 @@ class CurlHTTPClient final : public HTTPClient {
     std::function<void()> onIdle{};
   };
 
-  explicit CurlHTTPClient(Options options);
+  CurlHTTPClient(std::shared_ptr<Clock> clock, Options options);
   ~CurlHTTPClient() override;
 
-  void start(HTTPRequest request, HTTPCompletion completion) override;
-  std::size_t exchangesUnderWay() const override;
-
+  void start(HTTPRequest request, HTTPCompletion completion) override EXCLUDES(_mutex);
+  std::size_t exchangesUnderWay() const override { return _underWay; }
   // Exchanges that found the queue full, since the start.
-  std::size_t exchangesRefused() const;
+  std::size_t exchangesRefused() const { return _refused; }
 
  private:
-  const bool _allowInsecureHTTP;
-  const std::unique_ptr<HTTPWorker> _worker;
+  struct Work {
+    std::vector<Exchange> toBegin;
+    std::vector<Exchange> expired;  // waited too long
+  };
+
+  // Any thread.
+  // Hands `exchange` over to the client's thread, or says why it fails.
+  std::optional<HTTPOutcome> refusalOf(Exchange& exchange) EXCLUDES(_mutex);
+  // False where there is no room in good time.
+  bool awaitRoom(Exchange& exchange) REQUIRES(_mutex);
+  void wake() REQUIRES(_mutex);
+
+  // The client's thread.
+  void run();
+  // False when there was none for so long.
+  bool waitForWork(std::optional<std::chrono::milliseconds> longest) EXCLUDES(_mutex);
+  // Waits for some where nothing is under way. Nothing at the end.
+  std::optional<Work> takeWork() EXCLUDES(_mutex);
+  void begin(std::vector<Exchange> exchanges) EXCLUDES(_mutex);
+  void sleepUntilTransfer() EXCLUDES(_mutex);
+  void abandonAll() EXCLUDES(_mutex);
+  // Of one that has left the queue for a connection.
+  void finish(Exchange exchange, HTTPOutcome outcome) EXCLUDES(_mutex);
+  void complete(Exchange exchange, HTTPOutcome outcome);
+
+  // Constant after construction.
+  const std::shared_ptr<Clock> _clock;
+  const Options _options;
+
+  // By themselves.
+  std::atomic<std::size_t> _underWay = 0;
+  std::atomic<std::size_t> _refused = 0;
+
+  // Shared between callers and the client's thread.
+  Mutex _mutex;
+  std::condition_variable_any _hasWork;
+  std::condition_variable_any _hasRoom;
+  ExchangeQueue _queue GUARDED_BY(_mutex);
+  std::size_t _refusedWithoutRoom GUARDED_BY(_mutex) = 0;  // since there was room last
+  bool _hasNews GUARDED_BY(_mutex) = false;                // since work was taken last
+  bool _sleepsInTransfer GUARDED_BY(_mutex) = false;
+  bool _stopping GUARDED_BY(_mutex) = false;
+  std::thread _thread GUARDED_BY(_mutex);
+
+  // The client's thread only, save that wake() wakes it.
+  const std::unique_ptr<CurlMulti> _multi;
 };
 
 }  // namespace corvid

@@ -13,7 +13,7 @@ namespace {
 
 using namespace std::literals;
 
-constexpr std::chrono::milliseconds kLongestTimeout = std::chrono::hours(24);
+constexpr std::chrono::milliseconds longestTimeout = std::chrono::hours(24);
 
 // These names are known to belong to nobody, so the resolver need not be asked.
 bool isInvalidName(std::string_view host) {
@@ -43,33 +43,28 @@ bool contains(const HTTPHeaders& headers, std::string_view name) {
 }
 
 std::string headerLinesFor(const HTTPHeaders& headers) {
-  constexpr std::string_view kAddedByLibrary[] = {"Accept", "Content-Type", "Expect"};
+  constexpr std::string_view addedByLibrary[] = {"Accept", "Content-Type", "Expect"};
   std::string lines;
   std::size_t size = 64;
   for (const auto& [name, value] : headers) size += name.size() + value.size() + 3;
   lines.reserve(size);
   for (const auto& [name, value] : headers)
     isBlank(value) ? appendLine(lines, name, ";", "") : appendLine(lines, name, ": ", value);
-  for (const auto name : kAddedByLibrary)
+  for (const auto name : addedByLibrary)
     if (!contains(headers, name)) appendLine(lines, name, ":", "");
   return lines;
 }
 
 }  // namespace
 
-HTTPOutcome failedOutcome(int code, std::string description) {
-  return {std::nullopt, HTTPError{code, std::move(description)}};
-}
-
-std::variant<Exchange, HTTPError> makeExchange(HTTPRequest request, bool allowInsecureHTTP,
-                                               Exchange::Time now) {
+Result<Exchange> makeExchange(HTTPRequest request, bool allowInsecureHTTP, Exchange::Time now) {
   const auto url = parseURL(request.url);
-  if (!url || url->host.empty()) return HTTPError{CURLE_URL_MALFORMAT, "not a URL of a host"};
+  if (!url || url->host.empty()) return Failure{"not a URL of a host", CURLE_URL_MALFORMAT};
   const auto refuse = [&](CURLcode code, std::string_view why) {
-    return HTTPError{code, fmt::format("{}: {}", url->authority, why)};
+    return Failure{fmt::format("{}: {}", url->authority, why), code};
   };
   if (url->authority.find('@') != std::string_view::npos)
-    return HTTPError{CURLE_LOGIN_DENIED, "a URL with a user name is not sent"};
+    return Failure{"a URL with a user name is not sent", CURLE_LOGIN_DENIED};
   if (equalsIgnoringCase(url->scheme, "http")) {
     if (!allowInsecureHTTP)
       return refuse(CURLE_UNSUPPORTED_PROTOCOL, "plain http is not allowed, only https");
@@ -91,7 +86,7 @@ std::variant<Exchange, HTTPError> makeExchange(HTTPRequest request, bool allowIn
   exchange.isPost = request.method == "POST";
   if (exchange.isPost) exchange.body = std::move(request.body);
   exchange.wantsBody = request.wantsBody;
-  exchange.deadline = now + std::min(request.timeout, kLongestTimeout);
+  exchange.deadline = now + std::min(request.timeout, longestTimeout);
   exchange.patience = request.patience;
   exchange.deadlineCoversWait = request.timeoutCoversWait;
   return exchange;

@@ -3,16 +3,16 @@
 
 #include <chrono>
 #include <cstddef>
-#include <optional>
 #include <string>
-#include <variant>
 
+#include "base/Result.h"
+#include "platform/Clock.h"
 #include "platform/HTTPClient.h"
 
 namespace corvid {
 
 struct Exchange {
-  using Time = std::chrono::steady_clock::time_point;
+  using Time = Clock::TimePoint;
 
   std::string url;
   std::string host;  // with the port, where the URL names one
@@ -30,10 +30,8 @@ struct Exchange {
   std::size_t size() const { return url.size() + headerLines.size() + body.size(); }
 };
 
-// The exchange for `request`, without a completion; or why the request cannot be sent at all.
-std::variant<Exchange, HTTPError> makeExchange(HTTPRequest request, bool allowInsecureHTTP,
-                                               Exchange::Time now);
-
-HTTPOutcome failedOutcome(int code, std::string description);
+// The exchange for `request`, without a completion; or why the request cannot be sent at all, with
+// a code of libcurl's.
+Result<Exchange> makeExchange(HTTPRequest request, bool allowInsecureHTTP, Exchange::Time now);
 
 }  // namespace corvid

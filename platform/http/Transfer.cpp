@@ -6,9 +6,9 @@
 #include <chrono>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "base/Text.h"
-#include "platform/http/CurlHTTPClient.h"
 
 namespace corvid {
 namespace {
@@ -32,8 +32,7 @@ Transfer::Transfer(const std::optional<std::string>& caFile, KeptConnections& ke
   set(handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
   set(handle, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
   set(handle, CURLOPT_PROXY, "");
-  set(handle, CURLOPT_MAXFILESIZE_LARGE,
-      static_cast<curl_off_t>(CurlHTTPClient::kResponseBodyBytes));
+  set(handle, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(mostBodyBytes));
 
   // One kind of source only: libcurl keeps a file's certificates from one connection to the next
   // only where there is no folder, and a folder alone loads just the certificates that are used.
@@ -120,13 +119,10 @@ HTTPOutcome Transfer::end(CURLcode result) {
   return {std::move(_response), std::nullopt};
 }
 
-HTTPCompletion Transfer::release() {
-  // Assigning empty ones would keep their memory until the next exchange.
-  Exchange exchange = std::move(_exchange);
-  const HTTPResponse response = std::move(_response);
-  _exchange = {};
-  _response = {};
-  return std::move(exchange.completion);
+Exchange Transfer::release() {
+  // Assigning an empty one would keep its memory until the next exchange.
+  const HTTPResponse response = std::exchange(_response, {});
+  return std::exchange(_exchange, {});
 }
 
 HTTPError Transfer::errorFor(CURLcode result) const {
@@ -166,7 +162,7 @@ int Transfer::beforeSending(const char* serverAddress, int serverPort, int local
 
 std::size_t Transfer::takeHeader(std::string_view line) {
   _headerBytes += line.size();
-  if (_headerBytes > CurlHTTPClient::kResponseHeaderBytes) {
+  if (_headerBytes > mostHeaderBytes) {
     _refusal = Refusal::headers;
     return 0;
   }
@@ -184,7 +180,7 @@ std::size_t Transfer::takeHeader(std::string_view line) {
 
 std::size_t Transfer::takeBody(std::string_view bytes) {
   _bodyBytes += bytes.size();
-  if (_bodyBytes > CurlHTTPClient::kResponseBodyBytes) {
+  if (_bodyBytes > mostBodyBytes) {
     _refusal = Refusal::body;
     return 0;
   }

@@ -16,6 +16,10 @@ namespace corvid {
 // Used on the client's thread only. What never changes is set once; begin() sets the rest.
 class Transfer {
  public:
+  // Of the answer: past them the transfer ends with an error.
+  static constexpr std::size_t mostBodyBytes = 8 * 1024 * 1024;
+  static constexpr std::size_t mostHeaderBytes = 64 * 1024;
+
   // `keptConnections` is borrowed; all transfers of one multi handle share it.
   Transfer(const std::optional<std::string>& caFile, KeptConnections& keptConnections);
   Transfer(const Transfer&) = delete;
@@ -24,7 +28,7 @@ class Transfer {
   CURL* handle() const { return _handle.get(); }
   static Transfer* of(CURL* handle);
 
-  // Prepares for `exchange`, which is kept until end().
+  // Prepares for `exchange`, which is kept until release().
   void begin(Exchange exchange, Exchange::Time now);
   void startAgain(Exchange::Time now);
   const Exchange& exchange() const { return _exchange; }
@@ -34,8 +38,8 @@ class Transfer {
   // The outcome, once the transfer has ended with `result` and before it is taken from its multi
   // handle, which alone knows the connection.
   HTTPOutcome end(CURLcode result);
-  // Gives up the exchange's completion and its memory.
-  HTTPCompletion release();
+  // Gives up the exchange, and the memory of its answer.
+  Exchange release();
 
  private:
   struct Cleanup {

@@ -3,8 +3,10 @@
 
 #include <algorithm>
 #include <atomic>
-#include <thread>
+#include <condition_variable>
+#include <set>
 
+#include "base/Mutex.h"
 #include "platform/Clock.h"
 
 namespace corvid {
@@ -21,25 +23,29 @@ class FakeClock final : public Clock {
   }
   std::chrono::nanoseconds sleepTowards(TimePoint deadline) override {
     using std::chrono::nanoseconds;
-    ++_sleeps;
+    const MutexLock lock(_mutex);
+    _awaited.insert(deadline);
+    _slept.notify_all();
     return std::clamp<nanoseconds>(deadline - steadyNow(), nanoseconds(0),
                                    std::chrono::milliseconds(1));
   }
 
   void set(TimeValue time) { _microseconds = time.seconds * 1000000 + time.microseconds; }
   void advance(std::chrono::microseconds by) { _microseconds += by.count(); }
-  // Returns once some thread waits by this clock; false where none does for so long.
-  bool awaitSleeper(std::chrono::seconds patience = std::chrono::seconds(20)) const {
-    const std::uint64_t before = _sleeps;
-    const auto end = std::chrono::steady_clock::now() + patience;
-    while (_sleeps == before && std::chrono::steady_clock::now() < end)
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    return _sleeps != before;
+  // Returns once a thread waits, or has waited, for the time that is `after` from now; false where
+  // none does.
+  bool awaitSleeper(std::chrono::microseconds after) {
+    const TimePoint deadline = steadyNow() + after;
+    const MutexLock lock(_mutex);
+    return _slept.wait_for(_mutex, std::chrono::seconds(20),
+                           [&]() NO_THREAD_SAFETY_ANALYSIS { return _awaited.contains(deadline); });
   }
 
  private:
   std::atomic<std::int64_t> _microseconds{1'700'000'000'000'000};  // 2023-11-14 22:13:20
-  std::atomic<std::uint64_t> _sleeps{0};
+  Mutex _mutex;
+  std::condition_variable_any _slept;
+  std::set<TimePoint> _awaited GUARDED_BY(_mutex);
 };
 
 }  // namespace corvid

@@ -28,7 +28,7 @@ TEST_P(HTTPClientFaultTest, DoesNotFollowRedirects) {
 }
 
 TEST_P(HTTPClientFaultTest, ABodyAtTheCapIsTakenAndOneByteMoreIsAnError) {
-  constexpr std::size_t cap = CurlHTTPClient::kResponseBodyBytes;
+  constexpr std::size_t cap = Transfer::mostBodyBytes;
   serve([](const lab::Request& request) {
     return lab::Answer{.body = std::string(cap + (request.target == "/more"), 'b')};
   });
@@ -53,7 +53,7 @@ TEST_P(HTTPClientFaultTest, AnEndlessBodyIsCutAtTheCap) {
 
 TEST_P(HTTPClientFaultTest, AnEndlessHeadIsCut) {
   std::string head = "HTTP/1.1 200 OK\r\n";
-  while (head.size() < CurlHTTPClient::kResponseHeaderBytes)
+  while (head.size() < Transfer::mostHeaderBytes)
     head += "X-Filler: " + std::string(1000, 'x') + "\r\n";
   serve(lab::Answer{.raw = head + "\r\n"});
   EXPECT_EQ(codeOf(get()), CURLE_FILESIZE_EXCEEDED);

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
+#include <future>
 #include <semaphore>
 #include <thread>
 
@@ -20,9 +21,9 @@ class HTTPClientQueueTest : public HTTPClientTest {
 
   // Starts exchanges that get no answer until every connection to the host is in use.
   void occupyConnections() {
-    for (std::size_t i = 0; i < CurlHTTPClient::kConnectionsPerHost; ++i)
+    for (std::size_t i = 0; i < CurlHTTPClient::mostConnectionsPerHost; ++i)
       client->start(get("/silent"), silent.completion());
-    while (server->requestsReceived() < CurlHTTPClient::kConnectionsPerHost)
+    while (server->requestsReceived() < CurlHTTPClient::mostConnectionsPerHost)
       std::this_thread::yield();
   }
   void serveSilence() {
@@ -37,9 +38,9 @@ class HTTPClientQueueTest : public HTTPClientTest {
   }
 
   static constexpr std::size_t exchangesOfAHost =
-      CurlHTTPClient::kWaitingExchanges / CurlHTTPClient::kHostsThatFillTheQueue;
+      CurlHTTPClient::mostWaitingExchanges / CurlHTTPClient::hostsThatFillTheQueue;
   static constexpr std::size_t bytesOfAHost =
-      CurlHTTPClient::kWaitingBytes / CurlHTTPClient::kHostsThatFillTheQueue;
+      CurlHTTPClient::mostWaitingBytes / CurlHTTPClient::hostsThatFillTheQueue;
 
   Outcomes silent;
   Outcomes outcomes;
@@ -60,7 +61,7 @@ TEST_P(HTTPClientQueueTest, OneThatFindsTheShareOfItsHostFullFailsAtOnce) {
   ASSERT_TRUE(refused.error) << "completed before start returned";
   EXPECT_EQ(refused.error->code, CURLE_AGAIN);
   EXPECT_EQ(client->exchangesRefused(), 1u);
-  EXPECT_EQ(client->exchangesUnderWay(), CurlHTTPClient::kConnectionsPerHost + exchangesOfAHost);
+  EXPECT_EQ(client->exchangesUnderWay(), CurlHTTPClient::mostConnectionsPerHost + exchangesOfAHost);
 }
 
 TEST_P(HTTPClientQueueTest, ManyBytesFillTheShareOfAHostAndNotTheQueue) {
@@ -104,12 +105,18 @@ TEST_P(HTTPClientQueueTest, WithoutRoomInGoodTimeItFailsAndTheLogSaysSoOnce) {
   occupyConnections();
   fillTheShare();
   HTTPRequest request = post("patient");
-  request.patience = 20ms;
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(codeOf(request), CURLE_AGAIN);
+  request.patience = 5s;
+  for (int i = 0; i < 3; ++i) {
+    auto refused = std::async(std::launch::async, [&] { return codeOf(request); });
+    EXPECT_TRUE(clock->awaitSleeper(5s));
+    EXPECT_EQ(client->exchangesRefused(), static_cast<std::size_t>(i));
+    clock->advance(5s);
+    EXPECT_EQ(refused.get(), CURLE_AGAIN);
+  }
   EXPECT_EQ(client->exchangesRefused(), 3u);
   ASSERT_EQ(log.texts(LogLevel::warning).size(), 1u);
   EXPECT_THAT(log.texts(LogLevel::warning)[0], HasSubstr("too many exchanges wait"));
-  gate.release(CurlHTTPClient::kConnectionsPerHost);
+  gate.release(CurlHTTPClient::mostConnectionsPerHost);
   ASSERT_TRUE(outcomes.waitFor(1));
   EXPECT_EQ(codeOf(request), 0);
   ASSERT_EQ(log.texts(LogLevel::warning).size(), 2u);
@@ -125,21 +132,20 @@ TEST_P(HTTPClientQueueTest, TheWaitForRoomCountsOnlyInATimeoutThatCoversIt) {
   });
   for (const bool covers : {true, false}) {
     const std::size_t received = server->requestsReceived();
-    for (std::size_t i = 0; i < CurlHTTPClient::kConnectionsPerHost; ++i)
+    for (std::size_t i = 0; i < CurlHTTPClient::mostConnectionsPerHost; ++i)
       client->start(get("/silent"), silent.completion());
-    while (server->requestsReceived() < received + CurlHTTPClient::kConnectionsPerHost)
+    while (server->requestsReceived() < received + CurlHTTPClient::mostConnectionsPerHost)
       std::this_thread::yield();
     fillTheShare();
     HTTPRequest request = get();
-    request.timeout = 1s;
+    request.timeout = 10s;
     request.patience = 20s;
     request.timeoutCoversWait = covers;
-    std::thread opener([&] {
-      std::this_thread::sleep_for(1200ms);
-      gate.release(CurlHTTPClient::kConnectionsPerHost);
-    });
-    EXPECT_EQ(codeOf(request), covers ? CURLE_OPERATION_TIMEDOUT : CURLE_OK);
-    opener.join();
+    auto code = std::async(std::launch::async, [&] { return codeOf(request); });
+    EXPECT_TRUE(clock->awaitSleeper(20s));
+    clock->advance(12s);
+    gate.release(CurlHTTPClient::mostConnectionsPerHost);
+    EXPECT_EQ(code.get(), covers ? CURLE_OPERATION_TIMEDOUT : CURLE_OK);
   }
 }
 
@@ -157,9 +163,9 @@ TEST_P(HTTPClientQueueTest, ACompletionNeverWaitsForRoom) {
     patient.patience = 20s;
     client->start(patient, [&](HTTPOutcome outcome) { code = outcome.error->code; });
   });
-  for (std::size_t i = 1; i < CurlHTTPClient::kConnectionsPerHost; ++i)
+  for (std::size_t i = 1; i < CurlHTTPClient::mostConnectionsPerHost; ++i)
     client->start(get("/silent"), silent.completion());
-  while (server->requestsReceived() < CurlHTTPClient::kConnectionsPerHost)
+  while (server->requestsReceived() < CurlHTTPClient::mostConnectionsPerHost)
     std::this_thread::yield();
   const auto before = std::chrono::steady_clock::now();
   gate.release();
@@ -182,9 +188,14 @@ TEST_P(HTTPClientQueueTest, TheTimeOutCountsWhileAnExchangeWaits) {
   serveSilence();
   occupyConnections();
   HTTPRequest request = get();
-  request.timeout = 50ms;
-  EXPECT_EQ(codeOf(request), CURLE_OPERATION_TIMEDOUT);
-  EXPECT_EQ(server->requestsReceived(), CurlHTTPClient::kConnectionsPerHost);
+  request.timeout = 15s;
+  client->start(request, outcomes.completion());
+  clock->advance(15s - 1ms);
+  EXPECT_EQ(client->exchangesUnderWay(), CurlHTTPClient::mostConnectionsPerHost + 1);
+  clock->advance(1ms);
+  ASSERT_TRUE(outcomes.waitFor(1));
+  EXPECT_EQ(outcomes.all()[0].error->code, CURLE_OPERATION_TIMEDOUT);
+  EXPECT_EQ(server->requestsReceived(), CurlHTTPClient::mostConnectionsPerHost);
 }
 
 TEST_P(HTTPClientQueueTest, WaitingExchangesFollowInTheirOrder) {
@@ -200,14 +211,14 @@ TEST_P(HTTPClientQueueTest, WaitingExchangesFollowInTheirOrder) {
     }
     return lab::Answer{};
   });
-  for (std::size_t i = 0; i < CurlHTTPClient::kConnectionsPerHost; ++i)
+  for (std::size_t i = 0; i < CurlHTTPClient::mostConnectionsPerHost; ++i)
     client->start(get("/gate"), outcomes.completion());
   for (int i = 0; i < 20; ++i) client->start(post(std::to_string(i)), outcomes.completion());
   // One connection comes free, so that one exchange follows the other.
   gate.release();
   ASSERT_TRUE(outcomes.waitFor(21));
-  gate.release(CurlHTTPClient::kConnectionsPerHost - 1);
-  ASSERT_TRUE(outcomes.waitFor(CurlHTTPClient::kConnectionsPerHost + 20));
+  gate.release(CurlHTTPClient::mostConnectionsPerHost - 1);
+  ASSERT_TRUE(outcomes.waitFor(CurlHTTPClient::mostConnectionsPerHost + 20));
   ASSERT_EQ(bodies.size(), 20u);
   for (std::size_t i = 0; i < 20; ++i) EXPECT_EQ(bodies[i], std::to_string(i));
 }
@@ -219,7 +230,7 @@ TEST_P(HTTPClientQueueTest, TheEndCompletesWhatIsUnderWayAndWhatWaits) {
   client.reset();
   const auto active = silent.all();
   const auto waiting = outcomes.all();
-  EXPECT_EQ(active.size(), CurlHTTPClient::kConnectionsPerHost);
+  EXPECT_EQ(active.size(), CurlHTTPClient::mostConnectionsPerHost);
   EXPECT_EQ(waiting.size(), 100u);
   for (const auto* all : {&active, &waiting})
     for (const auto& outcome : *all) {
@@ -242,7 +253,9 @@ TEST_P(HTTPClientQueueTest, AnExchangeStartedAtTheEndFailsAtOnce) {
 TEST_P(HTTPClientQueueTest, AClientThatNeverStartedAnythingEndsAtOnce) {
   restartClient();
   EXPECT_EQ(client->exchangesUnderWay(), 0u);
+  const auto before = std::chrono::steady_clock::now();
   client.reset();
+  EXPECT_LT(std::chrono::steady_clock::now() - before, 1s);
 }
 
 }  // namespace

@@ -6,13 +6,13 @@ namespace corvid {
 namespace {
 
 using namespace std::chrono_literals;
-constexpr Exchange::Time kStart{};
+constexpr Exchange::Time start{};
 
 Exchange exchange(std::string host, std::string url, std::chrono::seconds deadline = 60s) {
   Exchange made;
   made.host = std::move(host);
   made.url = std::move(url);
-  made.deadline = kStart + deadline;
+  made.deadline = start + deadline;
   return made;
 }
 
@@ -25,7 +25,7 @@ class ExchangeQueueTest : public testing::Test {
   }
   std::vector<std::string> expired(std::chrono::seconds now) {
     std::vector<std::string> urls;
-    for (const auto& one : queue.removeExpired(kStart + now)) urls.push_back(one.url);
+    for (const auto& one : queue.removeExpired(start + now)) urls.push_back(one.url);
     return urls;
   }
 
@@ -97,7 +97,7 @@ TEST_F(ExchangeQueueTest, AHostFillsItsShareOnly) {
   EXPECT_FALSE(shared.isFull("c"));
   EXPECT_TRUE(shared.next());
   EXPECT_FALSE(shared.isFull("a"));
-  EXPECT_EQ(shared.removeExpired(kStart + 60s).size(), 2u);
+  EXPECT_EQ(shared.removeExpired(start + 60s).size(), 2u);
   EXPECT_FALSE(shared.isFull("b"));
 }
 
@@ -131,10 +131,10 @@ TEST_F(ExchangeQueueTest, GivesUpThoseWhoseTimeIsOver) {
   queue.add(exchange("a", "a60", 60s));
   queue.add(exchange("a", "a15", 15s));
   queue.add(exchange("b", "b20", 20s));
-  EXPECT_EQ(queue.nextDeadline(), kStart + 15s);
+  EXPECT_EQ(queue.nextDeadline(), start + 15s);
   EXPECT_TRUE(expired(14s).empty());
   EXPECT_EQ(expired(15s), std::vector<std::string>{"a15"});
-  EXPECT_EQ(queue.nextDeadline(), kStart + 20s);
+  EXPECT_EQ(queue.nextDeadline(), start + 20s);
   EXPECT_EQ(expired(60s), (std::vector<std::string>{"a60", "b20"}));
   EXPECT_EQ(queue.nextDeadline(), std::nullopt);
   EXPECT_EQ(queue.waiting(), 0u);
@@ -146,7 +146,7 @@ TEST_F(ExchangeQueueTest, ADeadlineThatIsServedIsNoLongerWaitedFor) {
   EXPECT_EQ(next(), "a1");
   EXPECT_EQ(queue.nextDeadline(), std::nullopt);
   queue.add(exchange("a", "a2", 60s));
-  EXPECT_EQ(queue.nextDeadline(), kStart + 60s);
+  EXPECT_EQ(queue.nextDeadline(), start + 60s);
 }
 
 TEST_F(ExchangeQueueTest, AnExpiredExchangeLeavesItsHostsCountAlone) {

@@ -12,6 +12,8 @@
 #include <vector>
 
 #include "platform/http/CurlHTTPClient.h"
+#include "platform/http/Transfer.h"
+#include "tests/fakes/FakeClock.h"
 #include "tools/lab/HTTPServer.h"
 
 namespace corvid {
@@ -64,7 +66,7 @@ class HTTPClientFixture {
   void restartClient() { restartClient(defaultOptions()); }
   void restartClient(CurlHTTPClient::Options options) {
     client.reset();
-    client = std::make_unique<CurlHTTPClient>(std::move(options));
+    client = std::make_unique<CurlHTTPClient>(clock, std::move(options));
   }
 
   void serve(lab::Handler handler) {
@@ -90,6 +92,7 @@ class HTTPClientFixture {
     return outcome.error ? outcome.error->code : 0;
   }
 
+  const std::shared_ptr<FakeClock> clock = std::make_shared<FakeClock>();
   std::string folder;
   std::unique_ptr<lab::TLSIdentity> identity;
   std::unique_ptr<lab::HTTPServer> server;

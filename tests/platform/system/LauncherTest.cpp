@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstring>
+#include <filesystem>
 #include <future>
 #include <thread>
 
@@ -31,14 +32,9 @@ class LauncherTest : public testing::Test {
   static bool hasEnded(const std::future<int>& loop) {
     return loop.wait_for(0s) == std::future_status::ready;
   }
-  // Makes the loop, which would sleep for an idle time by the real clock, look again and again.
-  bool lookAgainUntil(const std::future<int>& loop, const std::function<bool()>& condition) {
+  static bool becomesTrue(const std::function<bool()>& condition) {
     const auto end = std::chrono::steady_clock::now() + patience;
-    while (!condition() && std::chrono::steady_clock::now() < end) {
-      launcher.beginTransaction();
-      launcher.endTransaction();
-      loop.wait_for(1ms);
-    }
+    while (!condition() && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(1ms);
     return condition();
   }
 
@@ -116,11 +112,11 @@ TEST_F(LauncherTest, RunLoopWaitsForOtherWorkUntilItHasEnded) {
     clock->advance(3600s);
     return isBusy.load();
   });
-  ASSERT_TRUE(lookAgainUntil(loop, [&] { return asked >= 20; }));
+  ASSERT_TRUE(becomesTrue([&] { return asked >= 20; }));
   EXPECT_FALSE(hasEnded(loop));
   isBusy = false;
   launcher.workEnded();
-  ASSERT_TRUE(lookAgainUntil(loop, [&] { return hasEnded(loop); }));
+  ASSERT_TRUE(becomesTrue([&] { return hasEnded(loop); }));
   EXPECT_EQ(loop.get(), 0);
 }
 
@@ -140,10 +136,10 @@ TEST_F(LauncherTest, WorkMayEndUnderTheLockThatBusyTakes) {
     clock->advance(60s);
     return isBusy.load();
   });
-  EXPECT_TRUE(lookAgainUntil(loop, [&] { return asked >= 100; }));
+  EXPECT_TRUE(becomesTrue([&] { return asked >= 100; }));
   isBusy = false;
   worker.join();
-  EXPECT_TRUE(lookAgainUntil(loop, [&] { return hasEnded(loop); }));
+  EXPECT_TRUE(becomesTrue([&] { return hasEnded(loop); }));
 }
 
 TEST_F(LauncherTest, TransactionIsRefusedOnceTheRunLoopHasDecidedToReturn) {
@@ -256,15 +252,39 @@ TEST(LauncherNotification, TellsOfTheIdleExit) {
   EXPECT_EQ(socket.received(), "STOPPING=1");
 }
 
-TEST(LauncherNotification, WithoutAListenerDoesNothing) {
+int nextDescriptor() { return Descriptor(open("/dev/null", O_RDONLY)).get(); }
+
+TEST(LauncherNotification, WithoutAListenerIsSilentAndKeepsNoSocket) {
+  const CapturedLog log;
+  const int next = nextDescriptor();
   for (const char* name : {"", "/nonexistent/socket", "relative", "@", "@corvid-nobody-is-here"}) {
     setenv("NOTIFY_SOCKET", name, 1);
     Launcher launcher(std::make_shared<FakeClock>());
     launcher.notifyReady("Here");
+    EXPECT_EQ(nextDescriptor(), next) << name;
   }
-  setenv("NOTIFY_SOCKET", ("/" + std::string(200, 'x')).c_str(), 1);
-  Launcher(std::make_shared<FakeClock>()).notifyReady("Here");
   unsetenv("NOTIFY_SOCKET");
+  EXPECT_TRUE(log.lines().empty());
+}
+
+TEST(LauncherNotification, GoesToNoRelativeName) {
+  const Scratch scratch;
+  const auto before = std::filesystem::current_path();
+  std::filesystem::current_path(scratch.path());
+  const NotifySocket socket("notify");
+  Launcher(std::make_shared<FakeClock>()).notifyReady("Here");
+  std::filesystem::current_path(before);
+  EXPECT_EQ(socket.received(), "(nothing)");
+}
+
+TEST(LauncherNotification, CutsNoNameThatIsTooLong) {
+  const Scratch scratch;
+  std::string name = scratch.path() + "/";
+  name.resize(sizeof sockaddr_un::sun_path - 1, 'x');
+  const NotifySocket socket(name);
+  setenv("NOTIFY_SOCKET", (name + "more").c_str(), 1);
+  Launcher(std::make_shared<FakeClock>()).notifyReady("Here");
+  EXPECT_EQ(socket.received(), "(nothing)");
 }
 
 TEST(LauncherNotification, DoesNotBlockOnAListenerThatDoesNotRead) {
