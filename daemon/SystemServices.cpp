@@ -24,8 +24,8 @@ Platform::Services systemServices(const Paths& paths, const Deployment& deployme
                                                   .allowInsecureHTTP = deployment.allowInsecureHTTP,
                                                   .onIdle = [launcher] { launcher->workEnded(); },
                                               });
-  const auto network = std::make_shared<SystemNetwork>(
-      SystemNetwork::Options{.onIdle = [launcher] { launcher->workEnded(); }});
+  const auto network =
+      std::make_shared<SystemNetwork>(clock, [launcher] { launcher->workEnded(); });
   const auto preferences = std::make_shared<FilePreferences>(paths.preferencesFolder);
   const auto random = std::make_shared<SystemRandom>();
   return {

@@ -2,10 +2,8 @@
 
 #include <sys/epoll.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
-#include <limits>
 #include <system_error>
 
 #include "base/Thread.h"
@@ -31,8 +29,10 @@ bool watch(int poll, int descriptor, std::uint64_t source) {
 
 }  // namespace
 
-NetworkLoop::NetworkLoop(std::function<void()> onIdle)
-    : _onIdle(std::move(onIdle)), _poll(made(epoll_create1(EPOLL_CLOEXEC))) {
+NetworkLoop::NetworkLoop(std::shared_ptr<Clock> clock, std::function<void()> onIdle)
+    : _clock(std::move(clock)),
+      _onIdle(std::move(onIdle)),
+      _poll(made(epoll_create1(EPOLL_CLOEXEC))) {
   if (!watch(_poll.get(), _wakeup.descriptor(), noSource))
     throw std::system_error(errno, std::generic_category(), "network loop");
 }
@@ -45,48 +45,38 @@ void NetworkLoop::post(Task task) {
 }
 
 NetworkLoop::SourceID NetworkLoop::add(Entry entry) {
+  MutexLock lock(_mutex);
   const SourceID source = ++_lastSource;
+  if (_isStopping || (entry.descriptor && !watch(_poll.get(), *entry.descriptor, source)))
+    return noSource;
+  if (entry.due) _due.emplace(*entry.due, source);
+  if (entry.due || entry.descriptor) startOrWake();
   _entries.emplace(source, std::move(entry));
   return source;
 }
 
-NetworkLoop::SourceID NetworkLoop::addOnce(Clock::time_point due, Task task) {
-  MutexLock lock(_mutex);
-  if (_isStopping) return noSource;
-  const SourceID source = add({.handler = std::make_shared<Task>(std::move(task))});
-  setDue(source, _entries[source], due);
-  startOrWake();
-  return source;
+NetworkLoop::SourceID NetworkLoop::addOnce(std::chrono::milliseconds delay, Task task) {
+  return add(
+      {.handler = std::make_shared<Task>(std::move(task)), .due = _clock->steadyNow() + delay});
 }
 
 NetworkLoop::SourceID NetworkLoop::addTimer(std::chrono::milliseconds period, Task handler) {
-  MutexLock lock(_mutex);
-  if (_isStopping) return noSource;
   return add({.handler = std::make_shared<Task>(std::move(handler)),
-              .start = Clock::now(),
+              .start = _clock->steadyNow(),
               .period = period});
 }
 
 NetworkLoop::SourceID NetworkLoop::addReader(int descriptor, Task handler) {
-  MutexLock lock(_mutex);
-  if (_isStopping) return noSource;
-  const SourceID source =
-      add({.handler = std::make_shared<Task>(std::move(handler)), .descriptor = descriptor});
-  if (!watch(_poll.get(), descriptor, source)) {
-    _entries.erase(source);
-    return noSource;
-  }
-  startOrWake();
-  return source;
+  return add({.handler = std::make_shared<Task>(std::move(handler)), .descriptor = descriptor});
 }
 
-void NetworkLoop::setDue(SourceID source, Entry& entry, std::optional<Clock::time_point> due) {
+void NetworkLoop::setDue(SourceID source, Entry& entry, std::optional<Clock::TimePoint> due) {
   if (entry.due) _due.erase({*entry.due, source});
   entry.due = due;
   if (due) _due.emplace(*due, source);
 }
 
-NetworkLoop::Clock::time_point NetworkLoop::nextTick(const Entry& entry, Clock::time_point now) {
+Clock::TimePoint NetworkLoop::nextTick(const Entry& entry, Clock::TimePoint now) {
   return entry.start + ((now - entry.start) / entry.period + 1) * entry.period;
 }
 
@@ -95,7 +85,8 @@ void NetworkLoop::setArmed(SourceID timer, bool isArmed) {
   const auto found = _entries.find(timer);
   if (found == _entries.end() || found->second.due.has_value() == isArmed) return;
   Entry& entry = found->second;
-  setDue(timer, entry, isArmed ? std::optional(nextTick(entry, Clock::now())) : std::nullopt);
+  setDue(timer, entry,
+         isArmed ? std::optional(nextTick(entry, _clock->steadyNow())) : std::nullopt);
   if (isArmed) startOrWake();
 }
 
@@ -111,8 +102,8 @@ void NetworkLoop::remove(SourceID source) {
   const auto found = _entries.find(source);
   if (found == _entries.end()) return;
   setDue(source, found->second, std::nullopt);
-  if (found->second.descriptor >= 0)
-    epoll_ctl(_poll.get(), EPOLL_CTL_DEL, found->second.descriptor, nullptr);
+  if (found->second.descriptor)
+    epoll_ctl(_poll.get(), EPOLL_CTL_DEL, *found->second.descriptor, nullptr);
   removed = std::move(found->second);
   _entries.erase(found);
 }
@@ -167,7 +158,7 @@ bool NetworkLoop::runTasks() {
   return true;
 }
 
-std::shared_ptr<Task> NetworkLoop::takeDue(Clock::time_point now, Entry& finished) {
+std::shared_ptr<Task> NetworkLoop::takeDue(Clock::TimePoint now, Entry& finished) {
   MutexLock lock(_mutex);
   if (_isStopping || _due.empty() || _due.begin()->first > now) return nullptr;
   const SourceID source = _due.begin()->second;
@@ -184,7 +175,7 @@ std::shared_ptr<Task> NetworkLoop::takeDue(Clock::time_point now, Entry& finishe
 }
 
 void NetworkLoop::runDue() {
-  const Clock::time_point now = Clock::now();
+  const Clock::TimePoint now = _clock->steadyNow();
   for (;;) {
     Entry finished;
     const std::shared_ptr<Task> handler = takeDue(now, finished);
@@ -203,10 +194,8 @@ int NetworkLoop::prepareToSleep() {
         _isRunning = false;
         _isAsleep = true;
         if (_due.empty()) return forever;
-        const auto left =
-            std::chrono::ceil<std::chrono::milliseconds>(_due.begin()->first - Clock::now());
-        return static_cast<int>(
-            std::clamp<std::int64_t>(left.count(), 0, std::numeric_limits<int>::max()));
+        const auto left = _clock->sleepTowards(_due.begin()->first);
+        return static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(left).count());
       }
       _isRunning = false;
     }

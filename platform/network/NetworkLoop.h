@@ -15,6 +15,7 @@
 #include "base/Descriptor.h"
 #include "base/Mutex.h"
 #include "base/Wakeup.h"
+#include "platform/Clock.h"
 #include "platform/Network.h"
 
 namespace corvid {
@@ -29,20 +30,19 @@ namespace corvid {
 //           dropped at once. The destructor stops.
 class NetworkLoop {
  public:
-  using Clock = std::chrono::steady_clock;
   using SourceID = std::uint64_t;
   static constexpr SourceID noSource = 0;
 
   // `onIdle` is called each time when isBusy() has become false.
-  explicit NetworkLoop(std::function<void()> onIdle);
+  NetworkLoop(std::shared_ptr<Clock> clock, std::function<void()> onIdle);
   ~NetworkLoop() { stop(); }
   NetworkLoop(const NetworkLoop&) = delete;
   NetworkLoop& operator=(const NetworkLoop&) = delete;
 
   void post(Task task) EXCLUDES(_mutex);
-  SourceID addOnce(Clock::time_point due, Task task) EXCLUDES(_mutex);
+  // All give noSource after the end, and where the system refuses.
+  SourceID addOnce(std::chrono::milliseconds delay, Task task) EXCLUDES(_mutex);
   SourceID addTimer(std::chrono::milliseconds period, Task handler) EXCLUDES(_mutex);
-  // noSource where the system refuses.
   SourceID addReader(int descriptor, Task handler) EXCLUDES(_mutex);
   void setArmed(SourceID timer, bool isArmed) EXCLUDES(_mutex);
   void keepAlive(SourceID source, std::shared_ptr<void> object) EXCLUDES(_mutex);
@@ -54,16 +54,16 @@ class NetworkLoop {
  private:
   struct Entry {
     std::shared_ptr<Task> handler;  // shared with a call that is under way
-    int descriptor = -1;
-    Clock::time_point start{};
-    std::chrono::milliseconds period{0};     // 0: once
-    std::optional<Clock::time_point> due{};  // while armed
+    std::optional<int> descriptor{};
+    Clock::TimePoint start{};
+    std::chrono::milliseconds period{0};    // 0: once
+    std::optional<Clock::TimePoint> due{};  // while armed
     std::shared_ptr<void> kept{};
   };
 
-  SourceID add(Entry entry) REQUIRES(_mutex);
-  void setDue(SourceID source, Entry& entry, std::optional<Clock::time_point> due) REQUIRES(_mutex);
-  static Clock::time_point nextTick(const Entry& entry, Clock::time_point now);
+  SourceID add(Entry entry) EXCLUDES(_mutex);
+  void setDue(SourceID source, Entry& entry, std::optional<Clock::TimePoint> due) REQUIRES(_mutex);
+  static Clock::TimePoint nextTick(const Entry& entry, Clock::TimePoint now);
   void startOrWake() REQUIRES(_mutex);
   bool hasWork() const REQUIRES(_mutex) { return !_tasks.empty() || !_due.empty(); }
 
@@ -75,10 +75,11 @@ class NetworkLoop {
   // How long the thread may sleep, in milliseconds as the kernel takes them.
   int prepareToSleep() EXCLUDES(_mutex);
   // Nothing where nothing is due by then. One that fires once goes to `finished`.
-  std::shared_ptr<Task> takeDue(Clock::time_point now, Entry& finished) EXCLUDES(_mutex);
+  std::shared_ptr<Task> takeDue(Clock::TimePoint now, Entry& finished) EXCLUDES(_mutex);
   std::shared_ptr<Task> handlerOf(SourceID source) EXCLUDES(_mutex);
 
   // Constant after construction.
+  const std::shared_ptr<Clock> _clock;
   const std::function<void()> _onIdle;
   const Descriptor _poll;
   const Wakeup _wakeup;
@@ -86,7 +87,7 @@ class NetworkLoop {
   mutable Mutex _mutex;
   std::vector<Task> _tasks GUARDED_BY(_mutex);
   std::unordered_map<SourceID, Entry> _entries GUARDED_BY(_mutex);
-  std::set<std::pair<Clock::time_point, SourceID>> _due GUARDED_BY(_mutex);
+  std::set<std::pair<Clock::TimePoint, SourceID>> _due GUARDED_BY(_mutex);
   SourceID _lastSource GUARDED_BY(_mutex) = noSource;
   bool _isRunning GUARDED_BY(_mutex) = false;  // has taken work and not looked for more
   bool _isAsleep GUARDED_BY(_mutex) = false;

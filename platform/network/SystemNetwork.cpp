@@ -43,8 +43,7 @@ class LoopQueue final : public SerialQueue {
   const std::string& label() const override { return _label; }
   void async(Task task) override { _loop->post(std::move(task)); }
   std::unique_ptr<Source> after(std::chrono::milliseconds delay, Task task) override {
-    return std::make_unique<LoopSource>(
-        _loop, _loop->addOnce(NetworkLoop::Clock::now() + delay, std::move(task)), nullptr);
+    return std::make_unique<LoopSource>(_loop, _loop->addOnce(delay, std::move(task)), nullptr);
   }
   std::unique_ptr<Timer> createTimer(std::chrono::milliseconds period, Task handler,
                                      Task cancelHandler) override {
@@ -68,8 +67,8 @@ class LoopQueue final : public SerialQueue {
 
 }  // namespace
 
-SystemNetwork::SystemNetwork(Options options)
-    : _loop(std::make_shared<NetworkLoop>(std::move(options.onIdle))) {}
+SystemNetwork::SystemNetwork(std::shared_ptr<Clock> clock, std::function<void()> onIdle)
+    : _loop(std::make_shared<NetworkLoop>(std::move(clock), std::move(onIdle))) {}
 
 SystemNetwork::~SystemNetwork() { _loop->stop(); }
 

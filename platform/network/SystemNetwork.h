@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 
+#include "platform/Clock.h"
 #include "platform/Network.h"
 
 namespace corvid {
@@ -16,14 +17,9 @@ class NetworkLoop;
 // Stop      The destructor waits for what runs and drops the rest; not from a task.
 class SystemNetwork final : public Network {
  public:
-  struct Options {
-    // Called on the network's thread each time when isBusy() has become false.
-    std::function<void()> onIdle{};
-  };
-
-  SystemNetwork() : SystemNetwork(Options{}) {}
-  // Throws std::system_error where the system has no descriptors left.
-  explicit SystemNetwork(Options options);
+  // Timers and delays go by `clock`. `onIdle` is called on the network's thread each time when
+  // isBusy() has become false. Throws std::system_error where the system has no descriptors left.
+  explicit SystemNetwork(std::shared_ptr<Clock> clock, std::function<void()> onIdle = nullptr);
   ~SystemNetwork() override;
 
   std::shared_ptr<SerialQueue> createQueue(std::string label) override;

@@ -14,7 +14,7 @@ Platform::Services sendingServices() {
   Platform::Services services;
   services.clock = std::make_shared<SystemClock>();
   services.random = std::make_shared<SystemRandom>();
-  services.network = std::make_shared<SystemNetwork>();
+  services.network = std::make_shared<SystemNetwork>(services.clock);
   return services;
 }
 

@@ -17,6 +17,7 @@
 #include "backends/dashboard/DashboardBackend.h"
 #include "base/Descriptor.h"
 #include "platform/network/SystemNetwork.h"
+#include "platform/system/SystemClock.h"
 #include "tests/fakes/TestPlatform.h"
 
 namespace corvid {
@@ -95,7 +96,8 @@ class DashboardThreadsTest : public testing::Test {
   }
 
   TestPlatform fakes;
-  std::shared_ptr<SystemNetwork> network = std::make_shared<SystemNetwork>();
+  std::shared_ptr<SystemNetwork> network =
+      std::make_shared<SystemNetwork>(std::make_shared<SystemClock>());
   std::optional<Platform> platform;
   EchoServer server;
 };

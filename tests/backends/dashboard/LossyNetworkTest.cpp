@@ -14,6 +14,7 @@
 #include "backends/dashboard/PacketReader.h"
 #include "base/Reading.h"
 #include "platform/network/SystemNetwork.h"
+#include "platform/system/SystemClock.h"
 #include "tests/fakes/TestPlatform.h"
 #include "tools/lab/DashboardServer.h"
 
@@ -54,7 +55,7 @@ class LossyNetworkFixture {
     Platform::Services services;
     services.clock = fakes.clock;
     services.random = fakes.random;
-    services.network = std::make_shared<SystemNetwork>();
+    services.network = std::make_shared<SystemNetwork>(std::make_shared<SystemClock>());
     platform.emplace(std::move(services));
     Platform::install(&*platform);
   }

@@ -32,6 +32,7 @@
 #include "platform/system/Entitlements.h"
 #include "platform/system/JournalPowerLog.h"
 #include "platform/system/SettingsFile.h"
+#include "platform/system/SystemClock.h"
 #include "platform/system/SystemDeviceInformation.h"
 #include "platform/system/SystemLocale.h"
 #include "tests/platform/system/SandboxFixture.h"
@@ -218,7 +219,7 @@ TEST_F(SandboxAllows, TheNetworkThreadToSendAndToBeAnswered) {
   EXPECT_EQ(inSandbox([] {
               sockaddr_in address{};
               const Descriptor server = boundSocket(SOCK_DGRAM, address);
-              SystemNetwork network;
+              SystemNetwork network(std::make_shared<SystemClock>());
               const auto queue = network.createQueue("sandboxed");
               const auto socket = std::move(network.openDatagramSocket()).value();
               if (socket->bindToAnyPort() != 0) return 1;
