@@ -1,6 +1,5 @@
 #include "config/DeviceInformation.h"
 
-#include <algorithm>
 #include <string_view>
 
 #include "base/Reading.h"
@@ -12,6 +11,7 @@ namespace corvid {
 namespace {
 
 constexpr std::string_view unknownLibraryVersion = "8.0";
+constexpr std::size_t mostDeviceIDBytes = 40;
 
 std::optional<std::string> answer(std::string_view key) {
   return Platform::current().deviceInformation().answer(key);
@@ -26,14 +26,9 @@ std::optional<std::string> deviceName() { return answer("DeviceName"); }
 std::optional<std::string> hardwareModel() { return answer("HWModelStr"); }
 std::optional<std::string> serialNumber() { return answer("SerialNumber"); }
 
-void uniqueDeviceID(std::span<char> buffer) {
-  const std::optional<std::string> identifier = answer("UniqueDeviceID");
-  if (!identifier || buffer.empty()) return;
-  const bool fits = identifier->size() < buffer.size();
-  const std::size_t length = fits ? identifier->size() : 0;
-  std::copy_n(identifier->begin(), length, buffer.begin());
-  buffer[length] = '\0';
-  buffer.back() = '\0';
+std::string uniqueDeviceID() {
+  std::string identifier = answer("UniqueDeviceID").value_or(std::string());
+  return identifier.size() <= mostDeviceIDBytes ? identifier : std::string();
 }
 
 bool isInternalBuild() {

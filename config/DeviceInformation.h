@@ -3,7 +3,6 @@
 
 #include <cstddef>
 #include <optional>
-#include <span>
 #include <string>
 
 namespace corvid {
@@ -16,10 +15,8 @@ std::optional<std::string> deviceName();
 std::optional<std::string> hardwareModel();
 std::optional<std::string> serialNumber();
 
-// Writes the device's unique identifier, terminated, into a zero-filled buffer. Without an answer,
-// or with one that does not fit, the buffer holds an empty text.
-void uniqueDeviceID(std::span<char> buffer);
-inline constexpr std::size_t uniqueDeviceIDCapacity = 41;  // 40 characters and the end
+// The device's unique identifier; empty without an answer, or with one of more than 40 bytes.
+std::string uniqueDeviceID();
 
 // Whether "ReleaseType" is exactly "Internal"; asked once per process.
 bool isInternalBuild();

@@ -16,12 +16,11 @@ namespace corvid {
 namespace {
 
 std::int32_t clientTypeOf(const CorviddSession& session) {
-  return int32At(session.sessionInfo(), kCorvidSessionInfoClientType);
+  const auto info = session.sessionInfo();
+  return info ? int32At(*info, kCorvidSessionInfoClientType) : 0;
 }
 
-std::string keyOf(const CorviddSession& session) {
-  return clientKey(session.sharedUserInfo().get());
-}
+std::string keyOf(const CorviddSession& session) { return clientKey(session.userInfo().get()); }
 
 bool contains(const SessionList& sessions, const CorviddSession& session) {
   return std::ranges::any_of(sessions,
@@ -98,7 +97,7 @@ std::optional<std::string> CorviddAgent::storebagVersionForSession(CorviddSessio
 }
 
 void CorviddAgent::userInfoUpdatedForSession(CorviddSession& session) {
-  const auto userInfo = session.sharedUserInfo();
+  const auto userInfo = session.userInfo();
   if (!userInfo) {
     logInfo("userInfoUpdatedForSession: No user info found for session {}", session.sessionID());
     return;
@@ -163,7 +162,7 @@ CorviddSession* CorviddAgent::parentSessionForChild(CorviddSession& session) {
 }
 
 CorviddSession* CorviddAgent::getAncestorWithAggregatorForSession(CorviddSession& session) {
-  const auto userInfo = session.sharedUserInfo();
+  const auto userInfo = session.userInfo();
   if (!userInfo) {
     logInfo("getAncestorWithAggregatorForSession: No user info found for session {}",
             session.sessionID());
@@ -181,7 +180,7 @@ void CorviddAgent::takeFromParent(CorviddSession& session) {
 }
 
 void CorviddAgent::updateDownstreamSessions(CorviddSession& session) {
-  const auto userInfo = session.sharedUserInfo();
+  const auto userInfo = session.userInfo();
   if (!userInfo) {
     logInfo("updateDownstreamSessions: No user info found for session {}", session.sessionID());
     return;

@@ -1,12 +1,15 @@
-// Construction, teardown and properties.
+// A session's life, its properties, and what follows from its user info and its place in a chain.
 #include "session/CorviddSession.h"
 
 #include <fmt/format.h>
 
+#include <string_view>
 #include <utility>
 
 #include "backends/ExchangeGate.h"
 #include "base/Log.h"
+#include "base/Reading.h"
+#include "config/DeviceInformation.h"
 #include "platform/Platform.h"
 #include "platform/data/Crypto.h"
 #include "protocol/Keys.h"
@@ -14,6 +17,9 @@
 namespace corvid {
 
 namespace {
+
+constexpr std::string_view timeSuite = "com.halcyon.timed";
+constexpr std::string_view automaticTimeZoneKey = "TMAutomaticTimeZoneEnabled";
 
 // Whatever backends a client gets, and however often, their exchanges pass through one gate.
 BackendSetCreator sharingOneGate(BackendSetCreator creator) {
@@ -25,6 +31,28 @@ BackendSetCreator sharingOneGate(BackendSetCreator creator) {
       for (const auto& [key, backend] : *table) backend->setExchangeGate(gate);
     return table;
   };
+}
+
+std::string newSessionIDString() {
+  const UUIDBytes uuid = Platform::current().random().uuid();
+  return base64Encode({reinterpret_cast<const char*>(uuid.data()), uuid.size()});
+}
+
+// On unless the preference says otherwise.
+bool automaticTimeSet() {
+  const auto value = Platform::current().preferences().value(timeSuite, automaticTimeZoneKey);
+  return asBoolean(value ? &*value : nullptr).value_or(true);
+}
+
+// A name that both lack, or that is no text in both, is the same.
+bool nameChanged(std::string_view key, const Dictionary& oldInfo, const Dictionary& newInfo) {
+  const std::string* oldName = stringAt(oldInfo, key);
+  const std::string* newName = stringAt(newInfo, key);
+  return oldName && newName ? *oldName != *newName : oldName != newName;
+}
+
+std::shared_ptr<const Dictionary> shared(std::optional<Dictionary> dictionary) {
+  return dictionary ? std::make_shared<const Dictionary>(*std::move(dictionary)) : nullptr;
 }
 
 }  // namespace
@@ -40,12 +68,11 @@ CorviddSession::CorviddSession(std::shared_ptr<CorviddSessionDelegate> delegate,
                                std::shared_ptr<Connection> connection, BackendSetCreator creator)
     : _sessionDelegate(std::move(delegate)),
       _connection(std::move(connection)),
-      _createBackends(sharingOneGate(std::move(creator))) {
+      _createBackends(sharingOneGate(std::move(creator))),
+      _deviceid(uniqueDeviceID()),
+      _sessionIDString(newSessionIDString()) {
   logDebug("initWithSessionDelegate: CorviddSession initWithSessionDelegate:{}",
            _sessionDelegate->description());
-  uniqueDeviceID(_deviceid);
-  const UUIDBytes uuid = Platform::current().random().uuid();
-  _sessionIDString = base64Encode({reinterpret_cast<const char*>(uuid.data()), uuid.size()});
   logDebug("initWithSessionDelegate: Initialized session with UUID {}", _sessionIDString);
 }
 
@@ -53,62 +80,36 @@ CorviddSession::~CorviddSession() {
   logDebug("dealloc: CorviddSession dealloc: {}", sessionID());
   Dictionary payload;
   if (const auto version = storebagVersion()) payload.set("StorebagVersion", *version);
-  internalSendMessage(payload, sessionCategory, sessionEnd);
+  internalSendMessage(payload, sessionEnd);
   internalFlushMessagesWithCompletion({});
   shutdownSessionAggregation();
-  if (const auto table = backends())
-    for (const auto& [key, backend] : *table) backend->cleanup();
-}
-
-std::string CorviddSession::sessionIDString() const {
-  const MutexLock lock(_lock);
-  return _sessionIDString;
-}
-
-void CorviddSession::setSessionIDString(std::string sessionIDString) {
-  const MutexLock lock(_lock);
-  _sessionIDString = std::move(sessionIDString);
+  if (const auto backends = this->backends())
+    backends->each([](CorvidBackend& backend) { backend.cleanup(); });
 }
 
 std::optional<std::string> CorviddSession::storebagVersion() const {
-  const MutexLock lock(_lock);
+  const MutexLock lock(_mutex);
   return _storebagVersion;
 }
 
 void CorviddSession::setStorebagVersion(std::optional<std::string> version) {
-  const MutexLock lock(_lock);
+  const MutexLock lock(_mutex);
   _storebagVersion = std::move(version);
 }
 
-std::optional<Dictionary> CorviddSession::userInfo() const {
-  const auto shared = sharedUserInfo();
-  return shared ? std::optional(*shared) : std::nullopt;
-}
-
-Dictionary CorviddSession::sessionInfo() const {
-  const auto shared = sharedSessionInfo();
-  return shared ? *shared : Dictionary();
-}
-
-std::shared_ptr<const Dictionary> CorviddSession::sharedUserInfo() const {
-  const MutexLock lock(_lock);
+std::shared_ptr<const Dictionary> CorviddSession::userInfo() const {
+  const MutexLock lock(_mutex);
   return _userInfo;
 }
 
-std::shared_ptr<const Dictionary> CorviddSession::sharedSessionInfo() const {
-  const MutexLock lock(_lock);
+std::shared_ptr<const Dictionary> CorviddSession::sessionInfo() const {
+  const MutexLock lock(_mutex);
   return _sessionInfo;
 }
 
-std::shared_ptr<const BackendTable> CorviddSession::backends() const {
-  const MutexLock lock(_lock);
+std::shared_ptr<const SessionBackends> CorviddSession::backends() const {
+  const MutexLock lock(_mutex);
   return _backends;
-}
-
-std::shared_ptr<const BackendTable> CorviddSession::exchangeBackends(
-    std::shared_ptr<const BackendTable> table) {
-  const MutexLock lock(_lock);
-  return std::exchange(_backends, std::move(table));
 }
 
 std::string CorviddSession::description() const {
@@ -116,31 +117,163 @@ std::string CorviddSession::description() const {
 }
 
 std::int32_t CorviddSession::getSessionHierarchy() const {
-  const auto table = backends();
-  for (const std::string_view key : {kCorvidBackendHTTPPost2, kCorvidBackendHTTPPost})
-    if (const CorvidBackend* backend = backendNamed(key, table.get())) return backend->hierarchy();
-  return 0;
+  const auto backends = this->backends();
+  return backends ? backends->hierarchy() : 0;
+}
+
+void CorviddSession::setSessionInfo(Dictionary sessionInfo, std::optional<Dictionary> userInfo,
+                                    Array frameworksToCheck, bool hasAggregationBlock) {
+  setSessionID(
+      static_cast<std::uint32_t>(integerAt(sessionInfo, kCorvidSessionInfoSessionID).value_or(0)));
+  logDebug("setSessionInfo: Configuring session {}", sessionID());
+  if (userInfo && !booleanAt(sessionInfo, kCorvidSessionInfoRequireUserInfo))
+    logWarning("setSessionInfo: Configure session: user info provided without requiring it");
+
+  auto newSessionInfo = std::make_shared<const Dictionary>(std::move(sessionInfo));
+  auto newUserInfo = shared(std::move(userInfo));
+  {
+    const MutexLock lock(_mutex);
+    _sessionInfo = std::move(newSessionInfo);
+    _frameworks = std::move(frameworksToCheck);
+    _userInfo = std::move(newUserInfo);
+  }
+  setHasAggregator(hasAggregationBlock);
+}
+
+void CorviddSession::startConfigWithCompletionHandler(StatesReply reply) {
+  logDebug("startConfigWithCompletionHandler: Starting configuration for session {}", sessionID());
+  const auto found = _sessionDelegate->storebagForSession(*this);
+  if (!found) return;  // the client gets no answer
+  const std::optional<Dictionary>& storebag = found.value();
+  if (!storebag) {
+    reply(std::nullopt);
+    return;
+  }
+  setStorebagVersion(_sessionDelegate->storebagVersionForSession(*this));
+  auto backends = createBackendsWithStorebag(*storebag);
+  {
+    // Nobody may meet the new backends before they know their level.
+    CorviddSessionDelegate& agent = *_sessionDelegate;
+    const RecursiveLock agentLock(agent.mutex());
+    {
+      const MutexLock lock(_mutex);
+      _backends.swap(backends);
+    }
+    updateSessionWithDefaultSessionInfo();
+  }
+  // A second configuration replaces the backends of the first, which are cleaned up unflushed.
+  if (backends) backends->each([](CorvidBackend& backend) { backend.cleanup(); });
+  backends = nullptr;
+  sendStartMessage();
+  reply(fetchReportingStates());
+}
+
+std::shared_ptr<const SessionBackends> CorviddSession::createBackendsWithStorebag(
+    const Dictionary& storebag) const {
+  logDebug("createBackendsWithStorebag: Creating backends for session {}", sessionID());
+  auto created =
+      _createBackends(&storebag, sessionInfo().get(), userInfo().get(), _deviceid.c_str());
+  if (!created) return nullptr;
+  auto backends = std::make_shared<const SessionBackends>(*std::move(created));
+  backends->each(
+      [&](CorvidBackend& backend) { backend.setCombinedSessionIDString(sessionIDString()); });
+  return backends;
+}
+
+void CorviddSession::sendStartMessage() {
+  Dictionary payload;
+  if (isInternalBuild()) {
+    payload.set("SerialNum", serialNumber().value_or("Unknown"));
+    payload.set("Version", productVersion().value_or("Unknown"));
+    payload.set("Build", buildVersion().value_or("Unknown"));
+    payload.set("Hardware", hardwareModel().value_or("Unknown"));
+    payload.set("Product", deviceName().value_or("Unknown"));
+    payload.set("ReportVers", clientLibraryVersion());
+  }
+  if (auto country = Platform::current().locale().countryCode())
+    payload.set("Locale", *std::move(country));
+  payload.set("AutomaticTimeSet", automaticTimeSet());
+  internalSendMessage(payload, sessionStart);
+}
+
+void CorviddSession::fetchStatesWithUserInfo(std::optional<Dictionary> userInfo,
+                                             StatesReply reply) {
+  logDebug("fetchStatesWithUserInfo: Fetching states for session {}", sessionID());
+  receivedUserInfo(shared(std::move(userInfo)));
+  reply(fetchReportingStates());
+}
+
+std::optional<Array> CorviddSession::fetchReportingStates() const {
+  const auto backends = this->backends();
+  return backends ? std::optional(backends->reportingStates()) : std::nullopt;
 }
 
 void CorviddSession::fetchDisplayURL(Reply<std::string> reply) {
   logDebug("fetchDisplayURL: Fetching display URL for session {}", sessionID());
-  const auto table = backends();
-  for (const std::string_view key :
-       {kCorvidBackendHTTPPost, kCorvidBackendHTTPPost2, kCorvidBackendDashboard}) {
-    const CorvidBackend* backend = backendNamed(key, table.get());
-    if (!backend) continue;
-    if (auto displayURL = backend->displayURL()) {
-      reply(*std::move(displayURL));
-      return;
-    }
-  }
-  reply("URL not available");
+  const auto backends = this->backends();
+  reply((backends ? backends->displayURL() : std::nullopt).value_or("URL not available"));
 }
 
-const CorvidBackend* CorviddSession::backendNamed(std::string_view key, const BackendTable* table) {
-  if (!table) return nullptr;
-  const auto found = table->find(std::string(key));
-  return found == table->end() ? nullptr : found->second.get();
+void CorviddSession::receivedUserInfo(std::shared_ptr<const Dictionary> userInfo) {
+  bool changed = true;
+  if (const auto oldInfo = this->userInfo()) {
+    const auto info = sessionInfo();
+    if (!userInfo && info && booleanAt(*info, kCorvidSessionInfoRequireUserInfo)) return;
+    changed = !userInfo || nameChanged(kCorvidUserInfoClientName, *oldInfo, *userInfo) ||
+              nameChanged(kCorvidUserInfoServiceName, *oldInfo, *userInfo);
+  } else if (!userInfo) {
+    return;
+  }
+  {
+    const MutexLock lock(_mutex);
+    _userInfo = userInfo;
+  }
+  updateUserInfoForBackends();
+  if (!changed) return;
+  logDebug("receivedUserInfo: Received new user info for session {}", sessionID());
+  updateSessionWithDefaultSessionInfo();
+}
+
+void CorviddSession::updateUserInfoForBackends() {
+  const auto info = userInfo();
+  if (const auto backends = this->backends())
+    backends->each([&](CorvidBackend& backend) {
+      backend.setUserInfoDict(info ? std::optional(*info) : std::nullopt);
+    });
+}
+
+void CorviddSession::updateReportingStates() {
+  if (const auto backends = this->backends())
+    backends->each([](CorvidBackend& backend) { backend.updateState(); });
+}
+
+// The mutex is held throughout: a session that is in its new group but still has its old level
+// would be taken for another's parent.
+void CorviddSession::updateSessionWithDefaultSessionInfo() {
+  CorviddSessionDelegate& agent = *_sessionDelegate;
+  const RecursiveLock lock(agent.mutex());
+  agent.userInfoUpdatedForSession(*this);
+  updateReportingStates();
+  agent.updateDownstreamSessions(*this);
+}
+
+void CorviddSession::updateCombinedSessionID(
+    const std::optional<std::string>& parentSessionIDString) {
+  if (!parentSessionIDString) return;
+  const std::string combinedID = fmt::format("{}.{}", *parentSessionIDString, sessionIDString());
+  logDebug("updateCombinedSessionID: Updating combined session ID '{}' for session {} backends",
+           combinedID, sessionID());
+  if (const auto backends = this->backends())
+    backends->each([&](CorvidBackend& backend) { backend.setCorrelatedSessionID(combinedID); });
+}
+
+void CorviddSession::syncReportingStates(const CorviddSession* parent) {
+  const auto backends = this->backends();
+  if (!backends) return;
+  if (parent)
+    backends->follow(parent->backends().get());
+  else
+    backends->missParent(sessionID());
 }
 
 }  // namespace corvid

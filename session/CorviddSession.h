@@ -1,4 +1,4 @@
-// One client's session: configuration, dispatch, flushing, reporting states, aggregation.
+// One client's session: its calls, its backends, its place in a chain of sessions.
 #pragma once
 
 #include <atomic>
@@ -7,16 +7,15 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "backends/BackendSet.h"
 #include "base/Mutex.h"
 #include "base/Value.h"
-#include "config/DeviceInformation.h"
 #include "protocol/ClientSessionInterface.h"
 #include "protocol/Connection.h"
 #include "session/CorviddSessionDelegate.h"
+#include "session/SessionBackends.h"
 
 namespace corvid {
 
@@ -30,7 +29,7 @@ using BackendSetCreator = std::function<std::optional<BackendTable>(
 //           then it runs on that one's. The agent reads properties and calls
 //           updateCombinedSessionID, syncReportingStates and shutdownSessionAggregation from other
 //           sessions' threads, with its own mutex held.
-//           Flush completions come on any thread and never touch the session. `_lock` guards the
+//           Flush completions come on any thread and never touch the session. `_mutex` guards the
 //           fields and is never held across a call to the agent, a backend or the client; the
 //           agent's mutex is always taken before it.
 // Ownership Held by the agent's list and as the connection's exported object; holds agent and
@@ -75,19 +74,17 @@ class CorviddSession final : public ClientSessionInterface,
   // Properties that the agent reads.
   std::uint32_t sessionID() const { return _sessionID.load(std::memory_order_relaxed); }
   void setSessionID(std::uint32_t sessionID) { _sessionID = sessionID; }
-  std::string sessionIDString() const;
-  void setSessionIDString(std::string sessionIDString);
+  const std::string& sessionIDString() const { return _sessionIDString; }
   std::optional<std::string> storebagVersion() const;
   void setStorebagVersion(std::optional<std::string> version);
-  std::optional<Dictionary> userInfo() const;
-  Dictionary sessionInfo() const;  // empty before there is one
+  // Null where there is none. What is shared is replaced as a whole and never changed.
+  std::shared_ptr<const Dictionary> userInfo() const;
+  std::shared_ptr<const Dictionary> sessionInfo() const;
   bool hasAggregator() const { return _hasAggregator.load(std::memory_order_relaxed); }
   void setHasAggregator(bool hasAggregator) { _hasAggregator = hasAggregator; }
-  // The user info without a copy, for what happens once a message; null where there is none.
-  std::shared_ptr<const Dictionary> sharedUserInfo() const;
   // For log lines.
   std::string description() const;
-  // Level in the chain: that of the backend httpPost2, else of httpPost, else 0.
+  // Level in the chain, 0 without backends.
   std::int32_t getSessionHierarchy() const;
 
   // Called by the agent when the chain changes, with its mutex held: gives the backends the
@@ -103,70 +100,50 @@ class CorviddSession final : public ClientSessionInterface,
   static constexpr std::uint16_t sessionCategory = 0;
   enum SessionMessageType : std::uint16_t { sessionStart = 0, sessionEnd = 1, sessionFinish = 2 };
 
-  struct Message {
-    std::uint16_t category;
-    std::uint16_t type;
-    const Dictionary* payload;  // null: absent
-    MessageFlag flag;
-  };
-
   CorviddSession(std::shared_ptr<CorviddSessionDelegate> delegate,
                  std::shared_ptr<Connection> connection, BackendSetCreator creator);
 
   // Life cycle.
-  std::shared_ptr<const BackendTable> createBackendsWithStorebag(const Dictionary& storebag) const;
-  void updateSessionWithDefaultSessionInfo();
+  std::shared_ptr<const SessionBackends> createBackendsWithStorebag(
+      const Dictionary& storebag) const;
   void sendStartMessage();
 
-  // Dispatch and flush.
-  void logSendMessage() const;
-  std::optional<std::string> sendMessageWithCategory(std::uint16_t category, std::uint16_t type,
-                                                     const Dictionary* payload);
-  std::optional<std::string> sendMessageWithDictionary(const Dictionary& message);
-  std::shared_ptr<const BackendTable> backendsForMessage() const;
-  std::optional<std::string> dispatch(const Message& message, const BackendTable& table);
-  void internalSendMessage(const Dictionary& payload, std::uint16_t method, std::uint16_t respCode);
+  // Messages.
+  void internalSendMessage(const Dictionary& payload, SessionMessageType respCode);
+  std::optional<std::string> dispatch(const SessionMessage& message);
+  void aggregateMessage(const SessionMessage& message, double timestamp);
+  void sendToAggregator(std::optional<Dictionary> message, double timestamp, std::uint16_t category,
+                        std::uint16_t type, std::optional<Dictionary> payload) const;
   void internalFlushMessagesWithCompletion(FlushCompletion completion);
 
-  // States and aggregation.
+  // States and chain.
   std::optional<Array> fetchReportingStates() const;
   void updateReportingStates();
   void updateUserInfoForBackends();
   void receivedUserInfo(std::shared_ptr<const Dictionary> userInfo);
-  void aggregateMessage(const Message& message, double timestamp);
-  void sendToAggregator(std::optional<Dictionary> message, double timestamp, std::uint16_t category,
-                        std::uint16_t type, std::optional<Dictionary> payload) const;
+  void updateSessionWithDefaultSessionInfo();
 
-  // Uploads.
-  void uploadFileWithURL(const std::string& fileURL, const std::string& extensionToken,
-                         SuccessReply completion);
-
-  // Null before there are any. What is shared is replaced as a whole and never changed.
-  std::shared_ptr<const BackendTable> backends() const;
-  // Gives the old ones.
-  std::shared_ptr<const BackendTable> exchangeBackends(std::shared_ptr<const BackendTable> table);
-  // Null where the table, which may be null itself, has none under the key.
-  static const CorvidBackend* backendNamed(std::string_view key, const BackendTable* table);
-  std::shared_ptr<const Dictionary> sharedSessionInfo() const;
+  // Null before there are any.
+  std::shared_ptr<const SessionBackends> backends() const;
 
   // Constant after construction.
   const std::shared_ptr<CorviddSessionDelegate> _sessionDelegate;
   const std::shared_ptr<Connection> _connection;
   const BackendSetCreator _createBackends;
-  char _deviceid[uniqueDeviceIDCapacity] = {};  // outlives the backends, which point to it
+  const std::string _deviceid;
+  const std::string _sessionIDString;
 
   std::atomic<std::uint32_t> _sessionID{0};
   std::atomic<bool> _hasAggregator{false};
 
-  mutable Mutex _lock;
-  std::shared_ptr<const Dictionary> _sessionInfo GUARDED_BY(_lock);
-  std::shared_ptr<const Dictionary> _userInfo GUARDED_BY(_lock);
-  Array _frameworks GUARDED_BY(_lock);
-  std::shared_ptr<const BackendTable> _backends GUARDED_BY(_lock);
+  mutable Mutex _mutex;
+  std::shared_ptr<const Dictionary> _sessionInfo GUARDED_BY(_mutex);
+  std::shared_ptr<const Dictionary> _userInfo GUARDED_BY(_mutex);
+  Array _frameworks GUARDED_BY(_mutex);
+  std::shared_ptr<const SessionBackends> _backends GUARDED_BY(_mutex);
   // What works for the session at intervals, kept until its end. Nothing does yet.
-  std::vector<std::shared_ptr<void>> _periodicServices GUARDED_BY(_lock);
-  std::string _sessionIDString GUARDED_BY(_lock);
-  std::optional<std::string> _storebagVersion GUARDED_BY(_lock);
+  std::vector<std::shared_ptr<void>> _periodicServices GUARDED_BY(_mutex);
+  std::optional<std::string> _storebagVersion GUARDED_BY(_mutex);
 };
 
 }  // namespace corvid

@@ -25,7 +25,7 @@ class Aggregation : public AgentTest {
   }
   // Describes the session again, as a client may at any time, and starts it again.
   void describeAgain(CorviddSession& session, bool aggregates) {
-    session.setSessionInfo(session.sessionInfo(), session.userInfo(), {}, aggregates);
+    session.setSessionInfo(*session.sessionInfo(), *session.userInfo(), {}, aggregates);
     session.startConfigWithCompletionHandler({});
   }
 };
@@ -39,7 +39,7 @@ TEST_F(Aggregation, EveryMessageOfTheChainGoesToTheClientOfTheTopmostAggregator)
   send(top, 42, Dictionary{});
   ASSERT_EQ(delivered(top, 40).size(), 1u);
   const auto delivery = delivered(top, 40).front();
-  EXPECT_EQ(delivery.message, grandchild.sessionInfo());
+  EXPECT_EQ(delivery.message, *grandchild.sessionInfo());
   EXPECT_EQ(delivery.timestamp, platform.clock->now().asDouble());
   EXPECT_EQ(delivery.type, 2);
   EXPECT_EQ(delivery.payload,
@@ -75,7 +75,7 @@ TEST_F(Aggregation, SessionsOfOtherChainsAreNotOffered) {
 TEST_F(Aggregation, StartAndEndMessagesOfAChildAreOfferedToo) {
   CorviddSession& top = join(1, 0, true);
   CorviddSession& child = join(2, 1);
-  const Dictionary childsInfo = child.sessionInfo();
+  const Dictionary childsInfo = *child.sessionInfo();
   connectionOf(child).clientVanishes();
   std::vector<std::uint16_t> types;
   for (const auto& delivery : delivered(top, 0))

@@ -82,11 +82,11 @@ TEST_F(ChainWalk, TheMutexIsFreeAfterEveryWayOutOfTheWalkToTheTop) {
   CorviddSession& child = join(2, 1);  // a gap
   agent->parentSessionIDStringForSession(child);
   EXPECT_TRUE(probe.isFree());
-  child.setSessionInfo(child.sessionInfo(), userInfo("Nobody", "Here"), {}, false);
+  child.setSessionInfo(*child.sessionInfo(), userInfo("Nobody", "Here"), {}, false);
   agent->parentSessionIDStringForSession(child);  // no group
   EXPECT_TRUE(probe.isFree());
   join(3, 0, false, "Nobody");
-  child.setSessionInfo(child.sessionInfo(), userInfo("Nobody", "Feed"), {}, false);
+  child.setSessionInfo(*child.sessionInfo(), userInfo("Nobody", "Feed"), {}, false);
   agent->parentSessionIDStringForSession(child);  // not in the group
   EXPECT_TRUE(probe.isFree());
 }
@@ -223,7 +223,7 @@ TEST_F(ChainWalk, ASessionInNoGroupIsBroughtUpToDateAlone) {
   agent->updateDownstreamSessions(top);
   EXPECT_THAT(log.texts(debug), IsEmpty());  // a top without a group has nothing to look up
   CorviddSession& child = join(2, 1);
-  child.setSessionInfo(child.sessionInfo(), userInfo("Nobody", "Here"), {}, false);
+  child.setSessionInfo(*child.sessionInfo(), userInfo("Nobody", "Here"), {}, false);
   log.clear();
   agent->updateDownstreamSessions(child);
   EXPECT_THAT(

@@ -18,7 +18,7 @@ class Hierarchy : public AgentTest {
   }
   // Replaces the user info without telling the agent.
   static void pretend(CorviddSession& session, std::optional<Dictionary> info) {
-    session.setSessionInfo(session.sessionInfo(), std::move(info), {}, session.hasAggregator());
+    session.setSessionInfo(*session.sessionInfo(), std::move(info), {}, session.hasAggregator());
   }
 };
 

@@ -42,16 +42,16 @@ TEST_F(CorviddSessionSingleMessageTest, WithoutAnIdentifierTheClientGetsNoAnswer
     EXPECT_EQ(platform.log.lines().size(), 1u);
   }
   EXPECT_EQ(session->sessionID(), 0u);
-  EXPECT_EQ(session->sessionInfo(), Dictionary{});
-  EXPECT_EQ(session->userInfo(), std::nullopt);
+  EXPECT_EQ(session->sessionInfo(), nullptr);
+  EXPECT_EQ(session->userInfo(), nullptr);
 }
 
 TEST_F(CorviddSessionSingleMessageTest, TheSessionTakesIdentifierSessionInfoAndUserInfo) {
   const Dictionary user{{"_clientName", "a"}};
   sendSingle(identifiers, user);
   EXPECT_EQ(session->sessionID(), 9u);
-  EXPECT_EQ(session->sessionInfo(), identifiers);
-  EXPECT_EQ(session->userInfo(), user);
+  EXPECT_EQ(*session->sessionInfo(), identifiers);
+  EXPECT_EQ(*session->userInfo(), user);
 }
 
 TEST_F(CorviddSessionSingleMessageTest, WithoutAStorebagTheAnswerSaysSo) {
@@ -199,7 +199,7 @@ TEST_F(CorviddSessionSingleMessageTest, ReplacesTheSessionInfoOfAConfiguredSessi
   configureAndStart();
   agent->storebag = std::nullopt;
   sendSingle(identifiers);
-  EXPECT_EQ(session->sessionInfo(), identifiers);
+  EXPECT_EQ(*session->sessionInfo(), identifiers);
   send(3, 4);
   EXPECT_EQ(kept.sent.back().method, 3);
 }
@@ -210,7 +210,7 @@ TEST_F(CorviddSessionSingleMessageTest, ANewUserInfoOfNoneKeepsOneThatIsRequired
   info.set("RequireUserInfo", true);
   sendSingle(info, user);
   sendSingle(info);
-  EXPECT_EQ(session->userInfo(), user);
+  EXPECT_EQ(*session->userInfo(), user);
 }
 
 TEST_F(CorviddSessionSingleMessageTest, WithoutSessionInfoOrStorebagNothingIsMade) {

@@ -67,7 +67,7 @@ TEST_F(CorviddSessionStatesTest, WhereNoBackendReportsTheStatesAreEmpty) {
 TEST_F(CorviddSessionStatesTest, WithoutACallbackTheUserInfoIsAppliedAllTheSame) {
   startWith(true, std::nullopt);
   session->fetchStatesWithUserInfo(alice, {});
-  EXPECT_EQ(session->userInfo(), alice);
+  EXPECT_EQ(*session->userInfo(), alice);
 }
 
 TEST_F(CorviddSessionStatesTest, FirstUserInfoReachesBackendsAndThenTheAgent) {
@@ -91,14 +91,14 @@ TEST_F(CorviddSessionStatesTest, NoUserInfoWhereThereWasNoneChangesNothing) {
 TEST_F(CorviddSessionStatesTest, RequiredUserInfoIsKeptWhereTheNewIsNone) {
   startWith(true, alice);
   fetch(std::nullopt);
-  EXPECT_EQ(session->userInfo(), alice);
+  EXPECT_EQ(*session->userInfo(), alice);
   EXPECT_THAT(journal->entries(), IsEmpty());
 }
 
 TEST_F(CorviddSessionStatesTest, UserInfoThatIsNotRequiredMayGoAway) {
   FakeBackend& backend = startWith(false, alice);
   EXPECT_TRUE(countsAsChanged(std::nullopt));
-  EXPECT_EQ(session->userInfo(), std::nullopt);
+  EXPECT_EQ(session->userInfo(), nullptr);
   EXPECT_EQ(backend.userInfoDict(), std::nullopt);
 }
 
@@ -107,7 +107,7 @@ TEST_F(CorviddSessionStatesTest, EqualNamesAreNoChangeButTheUserInfoIsReplaced) 
   Dictionary more = alice;
   more.set("other", "data");
   EXPECT_FALSE(countsAsChanged(more));
-  EXPECT_EQ(session->userInfo(), more);
+  EXPECT_EQ(*session->userInfo(), more);
   EXPECT_EQ(backend.userInfoDict(), more);
   EXPECT_THAT(journal->entries(), ElementsAre("httpPost setUserInfoDict"));
 }
@@ -165,33 +165,33 @@ TEST_F(CorviddSessionStatesTest, TheAnswerTellsTheStatesAfterTheNewUserInfo) {
   EXPECT_EQ(fetch(alice), Array{});
 }
 
-class CorviddSessionCombinedIDTest : public SessionTest {};
+class CorviddSessionCombinedIDTest : public SessionTest {
+ protected:
+  const std::string own = session->sessionIDString();
+};
 
 TEST_F(CorviddSessionCombinedIDTest, JoinsTheAncestorsIDsAndItsOwn) {
   FakeBackend& first = add(kCorvidBackendDashboard);
   FakeBackend& second = add(kCorvidBackendHTTPPost);
-  session->setSessionIDString("Z");
   configureAndStart();
-  EXPECT_EQ(first.combinedSessionIDString(), "Z");
+  EXPECT_EQ(first.combinedSessionIDString(), own);
   session->updateCombinedSessionID("X.Y");
-  EXPECT_EQ(first.combinedSessionIDString(), "X.Y.Z");
-  EXPECT_EQ(second.combinedSessionIDString(), "X.Y.Z");
+  EXPECT_EQ(first.combinedSessionIDString(), "X.Y." + own);
+  EXPECT_EQ(second.combinedSessionIDString(), "X.Y." + own);
   EXPECT_THAT(journal->entries(),
               ElementsAre("dashboard setCorrelatedSessionID", "httpPost setCorrelatedSessionID"));
-  EXPECT_THAT(
-      platform.log.texts(LogLevel::debug),
-      ElementsAre(
-          "updateCombinedSessionID: Updating combined session ID 'X.Y.Z' for session 7 backends"));
+  EXPECT_THAT(platform.log.texts(LogLevel::debug),
+              ElementsAre("updateCombinedSessionID: Updating combined session ID 'X.Y." + own +
+                          "' for session 7 backends"));
 }
 
 TEST_F(CorviddSessionCombinedIDTest, WithoutAParentStringNothingHappens) {
   FakeBackend& backend = add(kCorvidBackendHTTPPost);
-  session->setSessionIDString("Z");
   configureAndStart();
   session->updateCombinedSessionID("Y");
   forgetWhatHappened();
   session->updateCombinedSessionID(std::nullopt);
-  EXPECT_EQ(backend.combinedSessionIDString(), "Y.Z");
+  EXPECT_EQ(backend.combinedSessionIDString(), "Y." + own);
   EXPECT_THAT(journal->entries(), IsEmpty());
   EXPECT_THAT(platform.log.lines(), IsEmpty());
 }
