@@ -51,10 +51,10 @@ void CurlHTTPClient::start(HTTPRequest request, HTTPCompletion completion) {
     return;
   }
   made.value().completion = std::move(completion);
-  if (auto refusal = refusalOf(made.value())) made.value().completion(std::move(*refusal));
+  if (auto refusal = enqueue(made.value())) made.value().completion(std::move(*refusal));
 }
 
-std::optional<HTTPOutcome> CurlHTTPClient::refusalOf(Exchange& exchange) {
+std::optional<HTTPOutcome> CurlHTTPClient::enqueue(Exchange& exchange) {
   const MutexLock lock(_mutex);
   const bool hasRoom = awaitRoom(exchange);
   if (_stopping) return failed(exchange, CURLE_ABORTED_BY_CALLBACK, ended);

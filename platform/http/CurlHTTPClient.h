@@ -77,13 +77,16 @@ class CurlHTTPClient final : public HTTPClient {
   };
 
   // Any thread.
-  // Hands `exchange` over to the client's thread, or says why it fails.
-  std::optional<HTTPOutcome> refusalOf(Exchange& exchange) EXCLUDES(_mutex);
+
+  // Hands `exchange` over to the client's thread; where that fails, leaves it and gives its
+  // outcome.
+  std::optional<HTTPOutcome> enqueue(Exchange& exchange) EXCLUDES(_mutex);
   // False where there is no room in good time.
   bool awaitRoom(Exchange& exchange) REQUIRES(_mutex);
   void wake() REQUIRES(_mutex);
 
   // The client's thread.
+
   void run();
   // False when there was none for so long.
   bool waitForWork(std::optional<std::chrono::milliseconds> longest) EXCLUDES(_mutex);

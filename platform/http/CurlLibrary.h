@@ -7,31 +7,25 @@
 
 namespace corvid {
 
+// The functions in use, without their prefix.
+#define CORVID_CURL_FUNCTIONS(each)                                                             \
+  each(global_init) each(version_info) each(easy_init) each(easy_setopt) each(easy_getinfo)     \
+      each(easy_strerror) each(easy_cleanup) each(multi_init) each(multi_setopt)                \
+          each(multi_add_handle) each(multi_remove_handle) each(multi_perform) each(multi_poll) \
+              each(multi_wakeup) each(multi_info_read) each(multi_cleanup)
+
 // libcurl brings some thirty other libraries into the process. A daemon that has nothing to fetch
 // and nothing to post does without their start-up time and memory, so they are loaded on demand
 // and then stay.
 //
-// Members are libcurl's functions of the same name without its prefix.
+// Members are these functions.
 struct CurlLibrary {
-  decltype(&::curl_global_init) global_init = nullptr;
-  decltype(&::curl_version_info) version_info = nullptr;
-  decltype(&::curl_easy_init) easy_init = nullptr;
-  decltype(&::curl_easy_setopt) easy_setopt = nullptr;
-  decltype(&::curl_easy_getinfo) easy_getinfo = nullptr;
-  decltype(&::curl_easy_strerror) easy_strerror = nullptr;
-  decltype(&::curl_easy_cleanup) easy_cleanup = nullptr;
-  decltype(&::curl_multi_init) multi_init = nullptr;
-  decltype(&::curl_multi_setopt) multi_setopt = nullptr;
-  decltype(&::curl_multi_add_handle) multi_add_handle = nullptr;
-  decltype(&::curl_multi_remove_handle) multi_remove_handle = nullptr;
-  decltype(&::curl_multi_perform) multi_perform = nullptr;
-  decltype(&::curl_multi_poll) multi_poll = nullptr;
-  decltype(&::curl_multi_wakeup) multi_wakeup = nullptr;
-  decltype(&::curl_multi_info_read) multi_info_read = nullptr;
-  decltype(&::curl_multi_cleanup) multi_cleanup = nullptr;
+#define CORVID_CURL_MEMBER(name) decltype(&::curl_##name) name = nullptr;
+  CORVID_CURL_FUNCTIONS(CORVID_CURL_MEMBER)
+#undef CORVID_CURL_MEMBER
 
   // Loads and initialises it. Fails where it is missing, or older than the one this was built for.
-  static Result<CurlLibrary> load(const char* name = "libcurl.so.4");
+  static Result<CurlLibrary> load(const char* file = "libcurl.so.4");
 };
 
 // The library of this process, loaded by the first call; whether that went well. Any thread.
