@@ -35,14 +35,19 @@ bool isInternalBuild() {
   return Platform::current().internalBuild.get([] { return answer("ReleaseType") == "Internal"; });
 }
 
+Result<std::optional<std::string>> bundleVersion(FileSystem& files, const std::string& path) {
+  const Result<std::string> bytes = files.readFile(path, infoFileLimit);
+  if (!bytes) return bytes.failure();
+  const Result<Dictionary> information = parseDictionary(bytes.value());
+  if (!information) return information.failure();
+  const std::string* version = stringAt(information.value(), "BundleVersion");
+  return version ? std::optional(*version) : std::nullopt;
+}
+
 std::string clientLibraryVersion() {
   Platform& platform = Platform::current();
-  const auto bytes = platform.files().readFile(platform.paths().infoFile, infoFileLimit);
-  if (!bytes) return std::string(unknownLibraryVersion);
-  const auto information = parsePropertyList(bytes.value());
-  const Dictionary* entries = information ? information.value().dictionary() : nullptr;
-  const std::string* version = entries ? stringAt(*entries, "BundleVersion") : nullptr;
-  return version ? *version : std::string(unknownLibraryVersion);
+  const auto version = bundleVersion(platform.files(), platform.paths().infoFile);
+  return (version ? version.value() : std::nullopt).value_or(std::string(unknownLibraryVersion));
 }
 
 }  // namespace corvid

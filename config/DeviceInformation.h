@@ -5,6 +5,9 @@
 #include <optional>
 #include <string>
 
+#include "base/Result.h"
+#include "platform/FileSystem.h"
+
 namespace corvid {
 
 // Asked anew at every call; nothing when the device has no answer.
@@ -21,8 +24,12 @@ std::string uniqueDeviceID();
 // Whether "ReleaseType" is exactly "Internal"; asked once per process.
 bool isInternalBuild();
 
+// The text under "BundleVersion" of an Info.plist; nothing where it has none. The failure's code is
+// the system's where the file cannot be read (EFBIG where it is longer than infoFileLimit), else 0.
+Result<std::optional<std::string>> bundleVersion(FileSystem& files, const std::string& path);
+inline constexpr std::size_t infoFileLimit = std::size_t{256} << 10;
+
 // "BundleVersion" of the client library's Info.plist, "8.0" without one. Read at each call.
 std::string clientLibraryVersion();
-inline constexpr std::size_t infoFileLimit = std::size_t{256} << 10;  // a longer one counts as none
 
 }  // namespace corvid

@@ -2,25 +2,22 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <filesystem>
 #include <optional>
 #include <string_view>
-#include <system_error>
 #include <utility>
 
-#include "base/Reading.h"
 #include "base/Result.h"
 #include "config/DeviceInformation.h"
 #include "config/StorebagFetch.h"
-#include "platform/Deployment.h"
 #include "platform/data/Crypto.h"
-#include "platform/data/DeploymentFile.h"
-#include "platform/data/RegularFile.h"
+#include "platform/data/Deployment.h"
+#include "platform/data/LocalFileSystem.h"
+#include "platform/data/PropertyList.h"
+#include "platform/system/Entitlements.h"
 #include "platform/system/SandboxProfile.h"
-#include "platform/system/SettingsFile.h"
+#include "platform/system/SystemDeviceInformation.h"
 #include "protocol/Keys.h"
 
 namespace corvid {
@@ -55,16 +52,16 @@ class ConfigCheck {
     _findings.push_back({kind, prefix + std::string(what)});
   }
 
-  // The dictionary in a property list. Nothing where there is no file, which is a finding of kind
+  // What a property list was read as. Nothing where there is no file, which is a finding of kind
   // `ifMissing` with the text `missing`, and nothing where it is of no use, which is wrong.
-  std::optional<Dictionary> dictionaryIn(const std::string& path, Kind ifMissing,
-                                         std::string_view missing) {
-    Result<Dictionary> dictionary = readDictionaryFile(path);
-    if (dictionary) return std::move(dictionary).value();
-    if (dictionary.failure().code == ENOENT)
+  template <class T>
+  std::optional<T> usable(const std::string& path, Result<T> read, Kind ifMissing,
+                          std::string_view missing) {
+    if (read) return std::move(read).value();
+    if (read.failure().code == ENOENT)
       add(ifMissing, path, missing);
     else
-      wrong(path, dictionary.failure().message +
+      wrong(path, read.failure().message +
                       "; make it a property list with a dictionary that the daemon may read");
     return std::nullopt;
   }
@@ -84,26 +81,11 @@ class ConfigCheck {
   std::vector<ConfigFinding> _findings;
 };
 
-// Paths of the property lists in a folder, in name order. Nothing when it cannot be read.
-std::optional<std::vector<std::string>> propertyListsIn(const std::string& folder,
-                                                        std::error_code& error) {
-  std::vector<std::string> paths;
-  for (std::filesystem::directory_iterator entry(folder, error), end; !error && entry != end;
-       entry.increment(error)) {
-    const std::string name = entry->path().filename().string();
-    if (name.ends_with(".plist") && !name.starts_with('.')) paths.push_back(entry->path().string());
-  }
-  if (error) return std::nullopt;
-  std::ranges::sort(paths);
-  return paths;
-}
-
 void ConfigCheck::checkSandboxProfile() {
-  const std::string path = fmt::format("{}/{}.plist", _paths.sandboxFolder, kCorvidServiceName);
+  const std::string path = _paths.sandboxProfile(kCorvidServiceName);
   const auto deployment = readDeployment(_paths.deploymentFile);
-  const auto caFile = deployment ? deployment.value().caFile : std::nullopt;
-  const auto profile = SandboxProfile::fromFile(
-      path, {{"root", _paths.root}, {"caFile", caFile.value_or(std::string())}});
+  const auto profile = SandboxProfile::named(kCorvidServiceName, _paths,
+                                             deployment ? deployment.value() : Deployment());
   if (profile)
     right(path, "a sandbox profile");
   else
@@ -113,24 +95,20 @@ void ConfigCheck::checkSandboxProfile() {
 
 void ConfigCheck::checkDeployment() {
   const std::string& path = _paths.deploymentFile;
-  if (!dictionaryIn(path, Kind::note, "missing: no storebag server is reached")) return;
-  const Result<Deployment> deployment = readDeployment(path);
-  if (!deployment) {
-    wrong(path, deployment.failure().message + "; correct it");
-    return;
-  }
-  const Deployment& settings = deployment.value();
-  for (const std::string& setting : settings.passedOver)
+  const auto settings =
+      usable(path, readDeployment(path), Kind::note, "missing: no storebag server is reached");
+  if (!settings) return;
+  for (const std::string& setting : settings->passedOver)
     wrong(path, fmt::format("\"{}\" is of the wrong type and is passed over; correct it", setting));
   right(path, fmt::format("storebags come from {}, on internal builds from {}",
-                          settings.productionStorebagHost, settings.internalStorebagHost));
-  if (settings.allowInsecureHTTP)
+                          settings->productionStorebagHost, settings->internalStorebagHost));
+  if (settings->allowInsecureHTTP)
     note(path, "AllowInsecureHTTP lets plain http through; for tests only");
-  if (settings.caFile) checkCAFile(*settings.caFile);
+  if (settings->caFile) checkCAFile(*settings->caFile);
 }
 
 void ConfigCheck::checkCAFile(const std::string& path) {
-  const Result<std::string> content = readSettingsFile(path);
+  const Result<std::string> content = readRegularFile(path);
   if (!content)
     wrong(path, content.failure().message + ", so no server is trusted; correct CAFile");
   else if (content.value().find("-----BEGIN CERTIFICATE-----") == std::string::npos)
@@ -153,27 +131,27 @@ void ConfigCheck::checkPublicKey() {
 }
 
 void ConfigCheck::checkInfo() {
-  const auto info = dictionaryIn(_paths.infoFile, Kind::note, "missing: the version is 8.0");
-  if (!info) return;
-  if (!readRegularFile(_paths.infoFile, infoFileLimit))
-    return wrong(
-        _paths.infoFile,
-        fmt::format("longer than {} bytes, so the version is 8.0; shorten it", infoFileLimit));
-  if (const std::string* version = stringAt(*info, "BundleVersion"))
-    right(_paths.infoFile, "version " + *version);
+  const std::string& path = _paths.infoFile;
+  LocalFileSystem files;
+  auto read = bundleVersion(files, path);
+  if (!read && read.failure().code == EFBIG)
+    return wrong(path, fmt::format("longer than {} bytes, so the version is 8.0; shorten it",
+                                   infoFileLimit));
+  const auto version = usable(path, std::move(read), Kind::note, "missing: the version is 8.0");
+  if (!version) return;
+  if (*version)
+    right(path, "version " + **version);
   else
-    wrong(_paths.infoFile, "no text under BundleVersion, so the version is 8.0; add one");
+    wrong(path, "no text under BundleVersion, so the version is 8.0; add one");
 }
 
 void ConfigCheck::checkEntitlements() {
-  std::error_code error;
-  const auto paths = propertyListsIn(_paths.entitlementsFolder, error);
-  if (!paths && error != std::errc::no_such_file_or_directory) {
-    wrong(_paths.entitlementsFolder, error.message() + "; let the daemon's user read it");
-    return;
-  }
+  const auto paths = propertyListsIn(_paths.entitlementsFolder);
+  if (!paths && paths.failure().code != ENOENT)
+    return wrong(_paths.entitlementsFolder,
+                 paths.failure().message + "; let the daemon's user read it");
   bool anybody = false;
-  for (const std::string& path : paths.value_or(std::vector<std::string>()))
+  for (const std::string& path : paths ? paths.value() : std::vector<std::string>())
     anybody |= checkEntitlementFile(path);
   if (!anybody)
     wrong(
@@ -182,35 +160,13 @@ void ConfigCheck::checkEntitlements() {
 }
 
 bool ConfigCheck::checkEntitlementFile(const std::string& path) {
-  const auto file = dictionaryIn(path, Kind::wrong, "gone while it was read");
+  const auto file = usable(path, readEntitlementFile(path), Kind::wrong, "gone while it was read");
   if (!file) return false;
-  const Dictionary* match = dictionaryAt(*file, "match");
-  const Dictionary* entitlements = dictionaryAt(*file, "entitlements");
-  if (!match || match->empty()) {
-    wrong(path, "matches nobody; give a dictionary \"match\" with user, group, unit or label");
+  if (!file->fault.empty()) {
+    wrong(path, file->fault);
     return false;
   }
-  for (const auto& [condition, value] : *match) {
-    const bool isAccount = condition == "user" || condition == "group";
-    if (!isAccount && condition != "unit" && condition != "label") {
-      wrong(
-          path,
-          fmt::format(
-              "matches nobody, because nothing is known of \"{}\"; use user, group, unit or label",
-              condition));
-      return false;
-    }
-    if (!value.string() && !(isAccount && value.integer())) {
-      wrong(path, fmt::format("matches nobody, because \"{}\" is no {}; correct its type",
-                              condition, isAccount ? "name or number" : "text"));
-      return false;
-    }
-  }
-  if (!entitlements) {
-    wrong(path, "grants nothing; give a dictionary \"entitlements\"");
-    return false;
-  }
-  const Value* granted = entitlements->find("com.halcyon.private.corvidd");
+  const Value* granted = file->entitlements.find("com.halcyon.private.corvidd");
   if (!granted) {
     note(path, "says nothing of com.halcyon.private.corvidd");
     return false;
@@ -225,30 +181,26 @@ bool ConfigCheck::checkEntitlementFile(const std::string& path) {
 }
 
 void ConfigCheck::checkDevice() {
-  const auto device = dictionaryIn(_paths.deviceFile, Kind::note,
-                                   "missing: the machine answers, and is no internal build");
+  const std::string& path = _paths.deviceFile;
+  const auto device = usable(path, readDeviceAnswers(path), Kind::note,
+                             "missing: the machine answers, and is no internal build");
   if (!device) return;
-  for (const auto& [key, value] : *device) {
-    if (value.string()) continue;
-    wrong(_paths.deviceFile,
-          fmt::format("\"{}\" is no text and is passed over; write it as one", key));
-    return;
-  }
-  right(_paths.deviceFile, fmt::format("answers for {} keys", device->size()));
+  if (device->passedOver.empty())
+    right(path, fmt::format("answers for {} keys", device->answers.size()));
+  else
+    wrong(path, fmt::format("\"{}\" is no text and is passed over; write it as one",
+                            device->passedOver.front()));
 }
 
 void ConfigCheck::checkPreferences() {
-  std::error_code error;
-  const auto paths = propertyListsIn(_paths.preferencesFolder, error);
-  if (!paths) {
-    if (error == std::errc::no_such_file_or_directory)
-      note(_paths.preferencesFolder, "missing: made when the first preference is set");
-    else
-      wrong(_paths.preferencesFolder, error.message() + "; give it to the daemon's user");
-    return;
-  }
-  for (const std::string& path : *paths)
-    if (const auto suite = dictionaryIn(path, Kind::note, "gone while it was read"))
+  const std::string& folder = _paths.preferencesFolder;
+  const auto paths = propertyListsIn(folder);
+  if (!paths && paths.failure().code == ENOENT)
+    return note(folder, "missing: made when the first preference is set");
+  if (!paths) return wrong(folder, paths.failure().message + "; give it to the daemon's user");
+  for (const std::string& path : paths.value())
+    if (const auto suite =
+            usable(path, readDictionaryFile(path), Kind::note, "gone while it was read"))
       right(path, fmt::format("{} preferences", suite->size()));
 }
 

@@ -1,5 +1,6 @@
 #include "daemon/Daemon.h"
 
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
@@ -12,12 +13,11 @@
 #include "daemon/CorviddAgent.h"
 #include "daemon/SystemServices.h"
 #include "platform/Platform.h"
-#include "platform/data/DeploymentFile.h"
+#include "platform/data/Deployment.h"
 #include "platform/system/BundleTrial.h"
 #include "platform/system/Entitlements.h"
 #include "platform/system/Launcher.h"
-#include "platform/system/MemoryUse.h"
-#include "platform/system/QualityOfService.h"
+#include "platform/system/ProcessSetup.h"
 #include "platform/system/Sandbox.h"
 #include "platform/system/SystemClock.h"
 #include "platform/system/SystemLog.h"
@@ -51,6 +51,7 @@ class Logging {
 Deployment deploymentAt(const std::string& path) {
   Result<Deployment> deployment = readDeployment(path);
   if (!deployment) {
+    if (deployment.failure().code == ENOENT) return {};
     logError("main: The deployment cannot be used, so no storebag server is reached: {}",
              deployment.failure().message);
     return {};
@@ -76,9 +77,10 @@ void sealSandbox(const Options& options) {
 }
 
 Result<std::unique_ptr<IPCListener>> createListener(const Paths& paths, Launcher& launcher) {
-  EntitlementReader entitlements = [folder = paths.entitlementsFolder](int socket) {
+  const auto folder = std::make_shared<Entitlements>(paths.entitlementsFolder);
+  EntitlementReader entitlements = [folder](int socket) {
     const Result<PeerIdentity> peer = peerIdentity(socket);
-    return peer ? entitlementsForPeer(peer.value(), folder) : Dictionary();
+    return peer ? folder->entitlementsForPeer(peer.value()) : Dictionary();
   };
   if (const auto socket = launcher.takeListeningSocket())
     return IPCListener::adopt(*socket, std::move(entitlements));

@@ -17,7 +17,7 @@ namespace corvid {
 Platform::Services systemServices(const Paths& paths, const Deployment& deployment,
                                   const std::shared_ptr<Clock>& clock,
                                   const std::shared_ptr<Launcher>& launcher,
-                                  std::optional<BundleFile> triedBundle) {
+                                  std::optional<FileStamp> triedBundle) {
   const auto http =
       std::make_shared<CurlHTTPClient>(clock, CurlHTTPClient::Options{
                                                   .caFile = deployment.caFile,

@@ -4,10 +4,10 @@
 #include <memory>
 #include <optional>
 
-#include "platform/Deployment.h"
 #include "platform/Paths.h"
 #include "platform/Platform.h"
-#include "platform/system/BundleFile.h"
+#include "platform/data/Deployment.h"
+#include "platform/data/LocalFileSystem.h"
 #include "platform/system/Launcher.h"
 
 namespace corvid {
@@ -17,6 +17,6 @@ namespace corvid {
 Platform::Services systemServices(const Paths& paths, const Deployment& deployment,
                                   const std::shared_ptr<Clock>& clock,
                                   const std::shared_ptr<Launcher>& launcher,
-                                  std::optional<BundleFile> triedBundle);
+                                  std::optional<FileStamp> triedBundle);
 
 }  // namespace corvid

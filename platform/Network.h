@@ -70,7 +70,6 @@ class Timer : public Source {
 class SerialQueue {
  public:
   virtual ~SerialQueue() = default;
-  virtual const std::string& label() const = 0;
   virtual void async(Task task) = 0;
   // Once, no earlier than after the delay.
   virtual std::unique_ptr<Source> after(std::chrono::milliseconds delay, Task task) = 0;
@@ -87,6 +86,7 @@ class SerialQueue {
 class Network {
  public:
   virtual ~Network() = default;
+  // `label` tells people whose queue it is.
   virtual std::shared_ptr<SerialQueue> createQueue(std::string label) = 0;
   // The failure's code is the system's error number.
   virtual Result<std::unique_ptr<DatagramSocket>> openDatagramSocket() = 0;

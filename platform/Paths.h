@@ -2,27 +2,33 @@
 #pragma once
 
 #include <string>
+#include <string_view>
+#include <utility>
 
 namespace corvid {
 
 struct Paths {
-  // `root` without a trailing slash; empty for the machine itself.
-  explicit Paths(std::string root = {});
+  // `rootFolder` without a trailing slash; empty for the machine itself.
+  explicit Paths(std::string rootFolder = {}) : root(std::move(rootFolder)) {}
+
+  std::string sandboxProfile(std::string_view name) const {
+    return sandboxFolder + "/" + std::string(name) + ".plist";
+  }
 
   std::string root;
-  std::string socket;              // run/corvidd/com.halcyon.corvidd
-  std::string entitlementsFolder;  // etc/corvid/entitlements.d
-  std::string deviceFile;          // etc/corvid/device.plist
-  std::string deploymentFile;      // etc/corvid/deployment.plist
-  std::string localeFile;          // etc/locale.conf
-  std::string resourceFolder;      // usr/share/corvid
-  std::string publicKeyFile;       // usr/share/corvid/publicKey.der
-  std::string infoFile;            // usr/share/corvid/Info.plist
-  std::string sandboxFolder;       // usr/share/corvid/sandbox
-  std::string home;                // var/lib/corvidd
-  std::string preferencesFolder;   // var/lib/corvidd/Preferences
-  std::string performanceBundle;   // usr/lib/corvid/PerformanceBundle.so
-  std::string journalSocket;       // run/systemd/journal/socket
+  std::string socket = root + "/run/corvidd/com.halcyon.corvidd";
+  std::string entitlementsFolder = root + "/etc/corvid/entitlements.d";
+  std::string deviceFile = root + "/etc/corvid/device.plist";
+  std::string deploymentFile = root + "/etc/corvid/deployment.plist";
+  std::string localeFile = root + "/etc/locale.conf";
+  std::string resourceFolder = root + "/usr/share/corvid";
+  std::string publicKeyFile = resourceFolder + "/publicKey.der";
+  std::string infoFile = resourceFolder + "/Info.plist";
+  std::string sandboxFolder = resourceFolder + "/sandbox";
+  std::string home = root + "/var/lib/corvidd";
+  std::string preferencesFolder = home + "/Preferences";
+  std::string performanceBundle = root + "/usr/lib/corvid/PerformanceBundle.so";
+  std::string journalSocket = root + "/run/systemd/journal/socket";
 };
 
 }  // namespace corvid

@@ -1,6 +1,6 @@
 // Everything the process gets from its system, in one place. main builds one Platform and installs
-// it before the first thread; a test builds one from fakes. Nothing else is global, so that a new
-// Platform starts as a new process.
+// it before the first thread; a test builds one from fakes. What else is global keeps nothing of
+// clients or files (docs/architecture.md), so that a new Platform starts as a new process.
 #pragma once
 
 #include <cstdint>
@@ -16,19 +16,15 @@
 #include "platform/BundleLoader.h"
 #include "platform/Clock.h"
 #include "platform/Compressor.h"
-#include "platform/Consent.h"
-#include "platform/Deployment.h"
-#include "platform/DeviceInformationService.h"
+#include "platform/Device.h"
 #include "platform/ExtensionTokens.h"
 #include "platform/FileSystem.h"
 #include "platform/HTTPClient.h"
-#include "platform/KeepAlive.h"
-#include "platform/LocaleInformation.h"
 #include "platform/Network.h"
 #include "platform/Paths.h"
-#include "platform/PowerLog.h"
 #include "platform/Preferences.h"
 #include "platform/Random.h"
+#include "platform/data/Deployment.h"
 
 namespace corvid {
 

@@ -2,8 +2,11 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <string>
+
+#include "base/Text.h"
 
 namespace corvid {
 
@@ -20,6 +23,11 @@ class Random {
 };
 
 // The canonical 36-character text: upper-case hexadecimal in groups of 8, 4, 4, 4 and 12.
-std::string uuidText(const UUIDBytes& uuid);
+inline std::string uuidText(const UUIDBytes& uuid) {
+  std::string text =
+      upperCaseHexadecimal({reinterpret_cast<const char*>(uuid.data()), uuid.size()});
+  for (const std::size_t dash : {8u, 13u, 18u, 23u}) text.insert(dash, 1, '-');
+  return text;
+}
 
 }  // namespace corvid

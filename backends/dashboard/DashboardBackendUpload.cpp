@@ -6,7 +6,7 @@
 #include "base/Log.h"
 #include "base/Text.h"
 #include "platform/Platform.h"
-#include "platform/data/KeyedArchive.h"
+#include "platform/data/PropertyList.h"
 
 namespace corvid {
 

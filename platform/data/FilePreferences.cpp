@@ -17,7 +17,6 @@
 #include "base/Log.h"
 #include "base/Text.h"
 #include "platform/data/PropertyList.h"
-#include "platform/data/RegularFile.h"
 
 namespace corvid {
 
@@ -34,10 +33,6 @@ bool isSuiteName(std::string_view name) {
     return true;
   logError("FilePreferences: \"{}\" is no name of a preference suite", name);
   return false;
-}
-
-std::int64_t nanoseconds(const timespec& time) {
-  return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
 }
 
 void createFolder(const std::string& folder) {
@@ -124,7 +119,7 @@ bool FilePreferences::change(std::string_view suite, Change apply) {
 bool FilePreferences::write(std::string_view suite, const Dictionary& entries) {
   const std::string path = pathOf(suite);
   const std::string text = writeXMLPropertyList(entries);
-  const Result<Value> readBack = parsePropertyList(text);
+  Result<Dictionary> readBack = parseDictionary(text);
   if (!readBack) {
     logError("FilePreferences: a change of {} is refused: {}", path, readBack.failure().message);
     return false;
@@ -134,7 +129,7 @@ bool FilePreferences::write(std::string_view suite, const Dictionary& entries) {
     return false;
   }
   _complaint.clear();
-  _suites.find(suite)->second = {stampOf(path), true, *readBack.value().dictionary()};
+  _suites.find(suite)->second = {FileStamp::of(path), true, std::move(readBack).value()};
   return true;
 }
 
@@ -149,7 +144,7 @@ const FilePreferences::Suite& FilePreferences::current(std::string_view name,
   const std::string path = pathOf(name);
   Suite& suite = _suites[std::string(name)];
   // Taken before the file is read: one that changes meanwhile is read again next time.
-  const Stamp stamp = stampOf(path);
+  const FileStamp stamp = FileStamp::of(path);
   const bool isKnown = suite.stamp == stamp && !(suite.isUsable && isFresh(stamp));
   if (isKnown) return suite;
   suite = {stamp, true, {}};
@@ -158,7 +153,7 @@ const FilePreferences::Suite& FilePreferences::current(std::string_view name,
 }
 
 void FilePreferences::load(Suite& suite, const std::string& path, const FolderLock* lock) {
-  const Result<std::string> bytes = readRegularFile(path, PropertyListLimits().bytes);
+  const Result<std::string> bytes = readRegularFile(path);
   if (!bytes) {
     if (bytes.failure().code == ENOENT) return;
     suite.isUsable = false;
@@ -166,9 +161,9 @@ void FilePreferences::load(Suite& suite, const std::string& path, const FolderLo
              bytes.failure().message);
     return;
   }
-  const Result<Value> list = parsePropertyList(bytes.value());
-  if (list && list.value().dictionary()) {
-    suite.entries = *list.value().dictionary();
+  Result<Dictionary> entries = parseDictionary(bytes.value());
+  if (entries) {
+    suite.entries = std::move(entries).value();
     return;
   }
   if (lock == nullptr) {
@@ -176,15 +171,15 @@ void FilePreferences::load(Suite& suite, const std::string& path, const FolderLo
     const FolderLock ownLock(_folder);
     if (ownLock) return load(suite, path, &ownLock);
   }
-  setAside(suite, path, list ? "The property list is no dictionary" : list.failure().message);
+  setAside(suite, path, entries.failure().message);
 }
 
 void FilePreferences::setAside(Suite& suite, const std::string& path, const std::string& reason) {
   std::string aside;
-  for (int n = 1; aside.empty() || stampOf(aside).error != ENOENT; ++n)
+  for (int n = 1; aside.empty() || FileStamp::of(aside).error != ENOENT; ++n)
     aside = fmt::format("{}.damaged-{}", path, n);
   if (rename(path.c_str(), aside.c_str()) == 0) {
-    suite.stamp = stampOf(path);
+    suite.stamp = FileStamp::of(path);
     logError(
         "FilePreferences: {} is damaged ({}); it is kept as {}, and its preferences start anew",
         path, reason, aside);
@@ -197,17 +192,7 @@ void FilePreferences::setAside(Suite& suite, const std::string& path, const std:
       path, reason, std::strerror(errno));
 }
 
-FilePreferences::Stamp FilePreferences::stampOf(const std::string& path) {
-  struct stat status {};
-  if (stat(path.c_str(), &status) != 0) return {.error = errno};
-  return {.device = status.st_dev,
-          .inode = status.st_ino,
-          .size = status.st_size,
-          .modified = nanoseconds(status.st_mtim),
-          .changed = nanoseconds(status.st_ctim)};
-}
-
-bool FilePreferences::isFresh(const Stamp& stamp) {
+bool FilePreferences::isFresh(const FileStamp& stamp) {
   // Times of files move in steps of some milliseconds.
   constexpr std::chrono::nanoseconds step = std::chrono::milliseconds(100);
   const auto now = std::chrono::system_clock::now().time_since_epoch();

@@ -6,6 +6,7 @@
 
 #include "base/Mutex.h"
 #include "platform/Preferences.h"
+#include "platform/data/LocalFileSystem.h"
 
 namespace corvid {
 
@@ -35,18 +36,8 @@ class FilePreferences final : public Preferences {
   std::vector<std::string> keys(std::string_view suite) override;
 
  private:
-  // What tells one state of a file from another.
-  struct Stamp {
-    int error = 0;  // why there is no file to see
-    std::uint64_t device = 0;
-    std::uint64_t inode = 0;
-    std::int64_t size = 0;
-    std::int64_t modified = 0;  // nanoseconds since 1970
-    std::int64_t changed = 0;   // of the attributes
-    bool operator==(const Stamp&) const = default;
-  };
   struct Suite {
-    std::optional<Stamp> stamp;  // of the file that `entries` were read from; nothing before
+    std::optional<FileStamp> stamp;  // of the file that `entries` were read from; nothing before
     bool isUsable = true;
     Dictionary entries;
   };
@@ -61,9 +52,8 @@ class FilePreferences final : public Preferences {
   bool write(std::string_view suite, const Dictionary& entries) REQUIRES(_mutex);
   void complain(std::string complaint) REQUIRES(_mutex);
 
-  static Stamp stampOf(const std::string& path);
   // Whether a file may have changed again since, and its times not show it.
-  static bool isFresh(const Stamp& stamp);
+  static bool isFresh(const FileStamp& stamp);
   std::string pathOf(std::string_view suite) const;
 
   const std::string _folder;

@@ -1,19 +1,59 @@
 #include "platform/data/LocalFileSystem.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <system_error>
 
 #include "base/Descriptor.h"
-#include "platform/data/RegularFile.h"
 
 namespace corvid {
 
 namespace {
+
+Failure systemFailure(std::string_view doing, const std::string& path) {
+  const int error = errno;
+  return {fmt::format("cannot {} {}: {}", doing, path, std::strerror(error)), error};
+}
+
+void giveToOwnerOf(int folder, int file) {
+  struct stat status {};
+  if (geteuid() != 0 || fstat(folder, &status) != 0 || status.st_uid == 0) return;
+  // Without it the file is as good, only for its writer alone.
+  if (fchown(file, status.st_uid, status.st_gid) != 0) return;
+}
+
+// All of it; false, with errno set, when not all could be written.
+bool writeFully(int descriptor, std::string_view content) {
+  while (!content.empty()) {
+    const ssize_t written = write(descriptor, content.data(), content.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0) return false;
+    content.remove_prefix(static_cast<std::size_t>(written));
+  }
+  return true;
+}
+
+std::optional<Failure> writeNewFile(const std::string& path, int folder, std::string_view content) {
+  if (unlink(path.c_str()) != 0 && errno != ENOENT) return systemFailure("remove", path);
+  const Descriptor file(
+      open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+  if (!file) return systemFailure("create", path);
+  giveToOwnerOf(folder, file.get());
+  if (!writeFully(file.get(), content) || fsync(file.get()) != 0)
+    return systemFailure("write", path);
+  return std::nullopt;
+}
+
+std::int64_t nanoseconds(const timespec& time) {
+  return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
+}
 
 TimeValue timeValue(const statx_timestamp& time) {
   return {time.tv_sec, static_cast<std::int32_t>(time.tv_nsec / 1000)};
@@ -24,6 +64,71 @@ bool isEarlier(const TimeValue& a, const TimeValue& b) {
 }
 
 }  // namespace
+
+Result<std::string> readRegularFile(const std::string& path, std::size_t limit) {
+  const auto failure = [&](int error) {
+    return Failure{fmt::format("{}: {}", path, std::strerror(error)), error};
+  };
+  const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  if (!file) return failure(errno);
+  struct stat status {};
+  if (fstat(file.get(), &status) != 0) return failure(errno);
+  if (S_ISDIR(status.st_mode)) return failure(EISDIR);
+  if (!S_ISREG(status.st_mode)) return Failure{fmt::format("{}: Not a regular file", path), EINVAL};
+
+  // The size is no help: the kernel's own files say 0 or a page.
+  std::string content;
+  for (;;) {
+    char buffer[16384];
+    const ssize_t count = read(file.get(), buffer, sizeof buffer);
+    if (count == 0) return content;
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return failure(errno);
+    content.append(buffer, static_cast<std::size_t>(count));
+    if (content.size() > limit)
+      return Failure{fmt::format("{}: Longer than {} bytes", path, limit), EFBIG};
+  }
+}
+
+std::optional<Failure> replaceRegularFile(const std::string& path, std::string_view content) {
+  const std::string folderPath = std::filesystem::path(path).parent_path();
+  const Descriptor folder(open(folderPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!folder) return systemFailure("open", folderPath);
+  const std::string newPath = path + ".new";
+  std::optional<Failure> failure = writeNewFile(newPath, folder.get(), content);
+  if (!failure && rename(newPath.c_str(), path.c_str()) != 0)
+    failure = systemFailure("replace", path);
+  if (failure) {
+    unlink(newPath.c_str());
+    return failure;
+  }
+  if (fsync(folder.get()) != 0) return systemFailure("write", folderPath);
+  return std::nullopt;
+}
+
+Result<std::vector<std::string>> propertyListsIn(const std::string& folder) {
+  Result<std::vector<std::string>> names = LocalFileSystem().listDirectory(folder);
+  if (!names) return names;
+  std::vector<std::string> paths;
+  for (const std::string& name : names.value())
+    if (name.ends_with(".plist") && !name.starts_with('.')) paths.push_back(folder + "/" + name);
+  return paths;
+}
+
+FileStamp FileStamp::of(const std::string& path) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0) return {.error = errno};
+  return {.device = status.st_dev,
+          .inode = status.st_ino,
+          .size = status.st_size,
+          .modified = nanoseconds(status.st_mtim),
+          .changed = nanoseconds(status.st_ctim)};
+}
+
+bool FileStamp::isSameContent(const FileStamp& other) const {
+  return error == 0 && other.error == 0 && device == other.device && inode == other.inode &&
+         size == other.size && modified == other.modified;
+}
 
 Result<std::vector<std::string>> LocalFileSystem::listDirectory(const std::string& path) {
   std::error_code error;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -26,10 +27,21 @@ struct PropertyListLimits {
 // text, a key that is no string, and declarations inside an XML document make the list fail.
 Result<Value> parsePropertyList(std::string_view bytes, const PropertyListLimits& limits = {});
 
+// The same of a list that is a dictionary.
+Result<Dictionary> parseDictionary(std::string_view bytes, const PropertyListLimits& limits = {});
+// The same of a file. The failure names it; its code is the system's where it cannot be read, else
+// 0.
+Result<Dictionary> readDictionaryFile(const std::string& path);
+
 // Both leave null values out, and replace what is not UTF-8 by U+FFFD. XML cannot carry control
 // characters (they become U+FFFD), fractions of a second (cut) or years past 9999 (left out); the
 // binary form carries every value as it is.
 std::string writeXMLPropertyList(const Value& value);
 std::string writeBinaryPropertyList(const Value& value);
+
+// The array as an archive that another machine can take apart: a binary property list. Nothing
+// where it holds, at any depth, what a property list has no form for: an archive that lacks some of
+// its items would not tell.
+std::optional<std::string> archivedData(const Array& array);
 
 }  // namespace corvid

@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "base/Mutex.h"
-#include "platform/Consent.h"
+#include "platform/Device.h"
 #include "platform/Preferences.h"
 #include "platform/Random.h"
 

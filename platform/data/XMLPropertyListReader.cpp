@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <utility>
@@ -11,7 +12,6 @@
 #include "base/Text.h"
 #include "platform/data/Crypto.h"
 #include "platform/data/PropertyListForms.h"
-#include "platform/data/XMLPropertyListScalars.h"
 
 namespace corvid {
 
@@ -19,19 +19,63 @@ namespace {
 
 constexpr std::string_view blanks = " \t\r\n";
 
+// Reads the whole of `text` as a number of type T; nothing when it is none or does not fit.
+template <class T, class... Form>
+std::optional<T> numberFrom(std::string_view text, Form... form) {
+  T number{};
+  const char* end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, number, form...);
+  if (error != std::errc() || stop != end) return std::nullopt;
+  return number;
+}
+
+// Decimal, or hexadecimal after "0x", with an optional sign. What fits only without a sign wraps.
+std::optional<std::int64_t> integerFromXML(std::string_view text) {
+  const bool negative = text.starts_with('-');
+  if (negative || text.starts_with('+')) text.remove_prefix(1);
+  const bool isHexadecimal = text.starts_with("0x") || text.starts_with("0X");
+  if (isHexadecimal) text.remove_prefix(2);
+  const auto magnitude = numberFrom<std::uint64_t>(text, isHexadecimal ? 16 : 10);
+  constexpr std::uint64_t leastMagnitude = std::uint64_t{1} << 63;
+  if (!magnitude || (negative && *magnitude > leastMagnitude)) return std::nullopt;
+  return static_cast<std::int64_t>(negative ? 0 - *magnitude : *magnitude);
+}
+
+// Decimal; also "inf", "infinity" and "nan".
+std::optional<double> realFromXML(std::string_view text) {
+  if (text.starts_with('+') && !text.starts_with("+-")) text.remove_prefix(1);
+  return numberFrom<double>(text);
+}
+
+// Of the form "2026-11-20T20:13:05Z".
+std::optional<Date> dateFromXML(std::string_view text) {
+  constexpr std::string_view form = "0000-00-00T00:00:00Z";
+  if (text.size() != form.size()) return std::nullopt;
+  for (std::size_t i = 0; i < form.size(); ++i)
+    if (form[i] == '0' ? text[i] < '0' || text[i] > '9' : text[i] != form[i]) return std::nullopt;
+  const auto field = [&](std::size_t at, std::size_t length) {
+    return numberFrom<unsigned>(text.substr(at, length)).value_or(0);
+  };
+  const std::chrono::year_month_day day(std::chrono::year(static_cast<int>(field(0, 4))),
+                                        std::chrono::month(field(5, 2)),
+                                        std::chrono::day(field(8, 2)));
+  const unsigned hour = field(11, 2), minute = field(14, 2), second = field(17, 2);
+  if (!day.ok() || hour > 23 || minute > 59 || second > 60) return std::nullopt;
+  const std::chrono::sys_seconds moment = std::chrono::sys_days(day) + std::chrono::hours(hour) +
+                                          std::chrono::minutes(minute) +
+                                          std::chrono::seconds(second);
+  return Date{static_cast<double>(moment.time_since_epoch().count())};
+}
+
 // The character that "#233" or "#xE9" names.
 std::optional<char32_t> characterFrom(std::string_view reference) {
   const bool isHexadecimal = reference.starts_with("#x");
   if (!reference.starts_with('#')) return std::nullopt;
   reference.remove_prefix(isHexadecimal ? 2 : 1);
-  std::uint32_t character = 0;
-  const char* end = reference.data() + reference.size();
-  const auto [stop, error] =
-      std::from_chars(reference.data(), end, character, isHexadecimal ? 16 : 10);
-  const bool isSurrogate = character >= 0xD800 && character < 0xE000;
-  if (error != std::errc() || stop != end || character == 0 || character > 0x10FFFF || isSurrogate)
-    return std::nullopt;
-  return character;
+  const auto character = numberFrom<std::uint32_t>(reference, isHexadecimal ? 16 : 10);
+  const bool isSurrogate = character && *character >= 0xD800 && *character < 0xE000;
+  if (!character || *character == 0 || *character > 0x10FFFF || isSurrogate) return std::nullopt;
+  return *character;
 }
 
 struct Tag {

@@ -1,11 +1,13 @@
 #include <fmt/format.h>
 
+#include <chrono>
+#include <cmath>
+#include <optional>
 #include <string>
 
 #include "base/Text.h"
 #include "platform/data/Crypto.h"
 #include "platform/data/PropertyList.h"
-#include "platform/data/XMLPropertyListScalars.h"
 
 namespace corvid {
 
@@ -24,6 +26,21 @@ void appendCharacter(std::string& out, char c) {
       else
         out.push_back(c);
   }
+}
+
+// Cut to the whole second. Nothing outside the years 0 to 9999.
+std::optional<std::string> xmlFromDate(Date date) {
+  using namespace std::chrono;
+  constexpr double first = -62167219200.0;  // 0000-01-01 00:00:00
+  constexpr double past = 253402300800.0;   // 10000-01-01 00:00:00
+  if (!(date.secondsSince1970 >= first && date.secondsSince1970 < past)) return std::nullopt;
+  const sys_seconds moment{seconds(static_cast<std::int64_t>(std::floor(date.secondsSince1970)))};
+  const sys_days midnight = floor<days>(moment);
+  const year_month_day day(midnight);
+  const hh_mm_ss time(moment - midnight);
+  return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}Z", static_cast<int>(day.year()),
+                     static_cast<unsigned>(day.month()), static_cast<unsigned>(day.day()),
+                     time.hours().count(), time.minutes().count(), time.seconds().count());
 }
 
 // Null and dates outside the years that the form has are left out.

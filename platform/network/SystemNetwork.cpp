@@ -37,10 +37,8 @@ class LoopSource final : public Timer {
 // One thread runs everything, so every queue on it is serial.
 class LoopQueue final : public SerialQueue {
  public:
-  LoopQueue(std::shared_ptr<NetworkLoop> loop, std::string label)
-      : _loop(std::move(loop)), _label(std::move(label)) {}
+  explicit LoopQueue(std::shared_ptr<NetworkLoop> loop) : _loop(std::move(loop)) {}
 
-  const std::string& label() const override { return _label; }
   void async(Task task) override { _loop->post(std::move(task)); }
   std::unique_ptr<Source> after(std::chrono::milliseconds delay, Task task) override {
     return std::make_unique<LoopSource>(_loop, _loop->addOnce(delay, std::move(task)), nullptr);
@@ -62,7 +60,6 @@ class LoopQueue final : public SerialQueue {
   }
 
   const std::shared_ptr<NetworkLoop> _loop;
-  const std::string _label;
 };
 
 }  // namespace
@@ -72,8 +69,8 @@ SystemNetwork::SystemNetwork(std::shared_ptr<Clock> clock, std::function<void()>
 
 SystemNetwork::~SystemNetwork() { _loop->stop(); }
 
-std::shared_ptr<SerialQueue> SystemNetwork::createQueue(std::string label) {
-  return std::make_shared<LoopQueue>(_loop, std::move(label));
+std::shared_ptr<SerialQueue> SystemNetwork::createQueue(std::string) {
+  return std::make_shared<LoopQueue>(_loop);
 }
 
 Result<std::unique_ptr<DatagramSocket>> SystemNetwork::openDatagramSocket() {

@@ -93,8 +93,8 @@ std::optional<std::string> faultOf(const std::string& path, std::string_view cla
 BundleTrial tryBundle(const std::string& path, std::string_view className,
                       const std::function<bool()>& enterSandbox,
                       std::chrono::milliseconds patience) {
-  const auto file = BundleFile::at(path);
-  if (!file) return {};
+  const FileStamp file = FileStamp::of(path);
+  if (file.error != 0) return {};
   if (auto fault = faultOf(path, className, enterSandbox, patience))
     return {.passed = std::nullopt, .fault = std::move(fault)};
   return {.passed = file, .fault = std::nullopt};

@@ -7,13 +7,13 @@
 #include <string>
 #include <string_view>
 
-#include "platform/system/BundleFile.h"
+#include "platform/data/LocalFileSystem.h"
 
 namespace corvid {
 
 // Neither where there is no bundle.
 struct BundleTrial {
-  std::optional<BundleFile> passed;  // the file that did well
+  std::optional<FileStamp> passed;   // the file that did well
   std::optional<std::string> fault;  // what it did
 };
 

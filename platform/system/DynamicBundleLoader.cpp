@@ -140,9 +140,9 @@ Result<std::shared_ptr<const Bundle>> loadBundle(const std::string& path) {
 }
 
 bool DynamicBundleLoader::isTheOneTried() {
-  const auto present = BundleFile::at(_path);
-  if (present == _tried) return present.has_value();
-  if (present && present != _passedOver)
+  const FileStamp present = FileStamp::of(_path);
+  if (_tried && present.isSameContent(*_tried)) return true;
+  if (present.error == 0 && !(_passedOver && present.isSameContent(*_passedOver)))
     logWarning(
         "Bundle: {} is not the one that was tried at the start; start corvidd anew to use it",
         _path);

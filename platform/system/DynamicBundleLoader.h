@@ -9,7 +9,7 @@
 #include "base/Mutex.h"
 #include "base/Result.h"
 #include "platform/BundleLoader.h"
-#include "platform/system/BundleFile.h"
+#include "platform/data/LocalFileSystem.h"
 
 namespace corvid {
 
@@ -21,7 +21,7 @@ class DynamicBundleLoader final : public BundleLoader {
  public:
   // `tried` is the file that may be loaded. Without one, or with another at `path`, it is as if
   // there was no bundle; the log tells of the other one once.
-  DynamicBundleLoader(std::string path, std::optional<BundleFile> tried)
+  DynamicBundleLoader(std::string path, std::optional<FileStamp> tried)
       : _path(std::move(path)), _tried(tried) {}
 
   // A bundle that failed is tried again by the next call.
@@ -31,10 +31,10 @@ class DynamicBundleLoader final : public BundleLoader {
   bool isTheOneTried() REQUIRES(_mutex);
 
   const std::string _path;
-  const std::optional<BundleFile> _tried;
+  const std::optional<FileStamp> _tried;
   Mutex _mutex;
   std::shared_ptr<const Bundle> _bundle GUARDED_BY(_mutex);
-  std::optional<BundleFile> _passedOver GUARDED_BY(_mutex);
+  std::optional<FileStamp> _passedOver GUARDED_BY(_mutex);
 };
 
 }  // namespace corvid

@@ -1,44 +1,67 @@
-// Who is at the other end of a socket, and what it may do.
+// What the process at the other end of a socket may do.
 #pragma once
 
-#include <sys/types.h>
-
+#include <cstdint>
+#include <map>
+#include <optional>
 #include <string>
-#include <vector>
+#include <string_view>
 
+#include "base/Mutex.h"
 #include "base/Result.h"
 #include "base/Value.h"
+#include "platform/system/PeerIdentity.h"
 
 namespace corvid {
 
-// A process as the kernel vouches for it: as it was when it connected.
-struct PeerIdentity {
-  pid_t pid = 0;
-  uid_t uid = 0;
-  gid_t gid = 0;
-  std::vector<gid_t> groups;  // supplementary
-  std::string label;          // of the security module; empty where there is none
-  // The systemd unit it runs in, such as "corvid-media.service" or "session-3.scope"; a process of
-  // a user's own service manager belongs to "user@UID.service". Empty where it is in none, and
-  // where the process has ended, for then its number may be another's.
-  std::string unit;
+// One property list of the folder.
+struct EntitlementFile {
+  Dictionary match;
+  Dictionary entitlements;
+  std::string fault;  // why it entitles nobody to anything, and what to do; empty where it may
 };
 
-// Reads the identity from a connected Unix stream socket. The failure's code is the system's.
-Result<PeerIdentity> peerIdentity(int socket);
+// The failure names the file, and says why it holds no dictionary.
+Result<EntitlementFile> readEntitlementFile(const std::string& path);
 
-// For log lines: "pid 123 uid 1000", and the unit where there is one.
-std::string description(const PeerIdentity& peer);
-
-// What the property lists in `folder` (*.plist) entitle the peer to. Each has a dictionary `match`
+// What the property lists of a folder (*.plist) entitle peers to. Each has a dictionary `match`
 // with any of `user`, `group` (name or number), `unit` and `label`, which must all hold, and a
 // dictionary `entitlements`. A group holds when it is any of the peer's. A missing or empty match,
 // and one with a condition that is unknown or of a wrong type, matches nobody. Files are taken in
 // name order, and of two entitlements of one name the later counts, so that "90-local.plist" can
 // take back what "10-package.plist" gives.
 //
-// Everything is read at each call. A file that cannot be used is logged and passed over.
 // Threads: any.
-Dictionary entitlementsForPeer(const PeerIdentity& peer, const std::string& folder);
+class Entitlements {
+ public:
+  explicit Entitlements(std::string folder);
+
+  // Everything is read at each call. A file that cannot be used is logged and passed over.
+  Dictionary entitlementsForPeer(const PeerIdentity& peer);
+
+ private:
+  using AccountID = std::uint32_t;
+  // An account database by name. A number that was found once holds when a later look-up finds
+  // none: adding an account replaces the database, and the sandbox, which knows files and not their
+  // names, does not let the new one be read before the next start.
+  class AccountNames {
+   public:
+    using LookUp = std::optional<AccountID> (*)(const std::string& name);
+    explicit AccountNames(LookUp lookUp) : _lookUp(lookUp) {}
+    std::optional<AccountID> number(const std::string& name) EXCLUDES(_mutex);
+
+   private:
+    const LookUp _lookUp;
+    Mutex _mutex;
+    std::map<std::string, AccountID> _known GUARDED_BY(_mutex);
+  };
+
+  static std::optional<AccountID> accountID(const Value& value, AccountNames& names);
+  bool holds(std::string_view condition, const Value& value, const PeerIdentity& peer);
+
+  const std::string _folder;
+  AccountNames _users;
+  AccountNames _groups;
+};
 
 }  // namespace corvid

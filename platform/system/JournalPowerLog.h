@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <string>
 
-#include "platform/PowerLog.h"
+#include "platform/Device.h"
 
 namespace corvid {
 

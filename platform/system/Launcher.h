@@ -12,7 +12,7 @@
 #include "base/Descriptor.h"
 #include "base/Mutex.h"
 #include "platform/Clock.h"
-#include "platform/KeepAlive.h"
+#include "platform/Device.h"
 
 namespace corvid {
 

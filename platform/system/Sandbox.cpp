@@ -52,9 +52,7 @@ std::optional<std::string> makeFolders(const SandboxProfile& profile) {
 
 std::optional<std::string> sandboxInit(const std::string& profileName, const Paths& paths,
                                        const Deployment& deployment) {
-  const std::string file = fmt::format("{}/{}.plist", paths.sandboxFolder, profileName);
-  Result<SandboxProfile> profile = SandboxProfile::fromFile(
-      file, {{"root", paths.root}, {"caFile", deployment.caFile.value_or(std::string())}});
+  Result<SandboxProfile> profile = SandboxProfile::named(profileName, paths, deployment);
   if (!profile)
     return fmt::format("profile {}; install the daemon's own profile there",
                        profile.failure().message);

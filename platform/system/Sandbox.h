@@ -4,8 +4,8 @@
 #include <optional>
 #include <string>
 
-#include "platform/Deployment.h"
 #include "platform/Paths.h"
+#include "platform/data/Deployment.h"
 
 namespace corvid {
 

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <utility>
 
-#include "platform/system/SettingsFile.h"
+#include "platform/data/PropertyList.h"
 
 namespace corvid {
 
@@ -111,6 +111,12 @@ Result<SandboxProfile> SandboxProfile::fromFile(const std::string& path,
   Result<SandboxProfile> profile = fromDictionary(dictionary.value(), placeholders);
   if (!profile) return Failure{path + ": " + profile.failure().message};
   return profile;
+}
+
+Result<SandboxProfile> SandboxProfile::named(std::string_view name, const Paths& paths,
+                                             const Deployment& deployment) {
+  return fromFile(paths.sandboxProfile(name),
+                  {{"root", paths.root}, {"caFile", deployment.caFile.value_or(std::string())}});
 }
 
 }  // namespace corvid

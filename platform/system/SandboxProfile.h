@@ -3,10 +3,13 @@
 
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "base/Result.h"
 #include "base/Value.h"
+#include "platform/Paths.h"
+#include "platform/data/Deployment.h"
 
 namespace corvid {
 
@@ -37,6 +40,10 @@ struct SandboxProfile {
                                                const Placeholders& placeholders);
   // The failure names the file as well.
   static Result<SandboxProfile> fromFile(const std::string& path, const Placeholders& placeholders);
+  // The file of that name in the sandbox folder; "${root}" and "${caFile}" stand for what the paths
+  // and the deployment say.
+  static Result<SandboxProfile> named(std::string_view name, const Paths& paths,
+                                      const Deployment& deployment);
 };
 
 }  // namespace corvid

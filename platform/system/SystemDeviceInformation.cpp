@@ -1,20 +1,167 @@
 #include "platform/system/SystemDeviceInformation.h"
 
-#include <sys/stat.h>
+#include <fmt/format.h>
+#include <sys/utsname.h>
 
-#include <cerrno>
+#include <algorithm>
+#include <span>
+#include <utility>
 
 #include "base/Log.h"
 #include "base/Reading.h"
-#include "platform/system/MachineInformation.h"
-#include "platform/system/SettingsFile.h"
+#include "base/Text.h"
+#include "platform/data/Crypto.h"
+#include "platform/data/PropertyList.h"
 
 namespace corvid {
 
 namespace {
 
-std::int64_t nanoseconds(const timespec& time) {
-  return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
+// What board makers leave in fields that they do not fill.
+constexpr std::string_view fillers[] = {
+    "To Be Filled By O.E.M.",
+    "Default string",
+    "System Product Name",
+    "System Serial Number",
+    "Base Board Product Name",
+    "Not Specified",
+    "Not Applicable",
+    "None",
+    "Unknown",
+};
+
+// The first text in a firmware file; a device tree ends each text with a zero.
+std::optional<std::string> firmwareText(const std::string& path) {
+  const Result<std::string> content = readRegularFile(path);
+  if (!content) return std::nullopt;
+  std::string_view text = content.value();
+  text = text.substr(0, text.find('\0'));
+  while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.remove_suffix(1);
+  const auto isFiller = [&](std::string_view filler) { return equalsIgnoringCase(filler, text); };
+  if (text.empty() || std::ranges::any_of(fillers, isFiller)) return std::nullopt;
+  return replacingInvalidUTF8(text);
+}
+
+class Machine {
+ public:
+  explicit Machine(const std::string& root) : _root(root) {}
+
+  std::optional<std::string> productVersion() const { return osRelease("VERSION_ID"); }
+
+  std::optional<std::string> buildVersion() const {
+    if (auto build = osRelease("BUILD_ID")) return build;
+    utsname kernel{};
+    if (uname(&kernel) != 0) return std::nullopt;
+    return kernel.release;
+  }
+
+  std::optional<std::string> productType() const { return firmware("product_name", "compatible"); }
+  std::optional<std::string> hardwareModel() const { return firmware("board_name", "model"); }
+  std::optional<std::string> serialNumber() const {
+    return firmware("product_serial", "serial-number");
+  }
+
+  std::optional<std::string> deviceName() const {
+    if (auto chassis = assigned("/etc/machine-info", "CHASSIS")) return chassis;
+    if (auto chassis = dmiChassis()) return chassis;
+    return deviceTree("chassis-type");
+  }
+
+  std::optional<std::string> uniqueDeviceID() const;
+
+ private:
+  std::optional<std::string> assigned(const std::string& path, std::string_view name) const {
+    const Result<std::string> content = readRegularFile(_root + path);
+    return content ? assignedValue(content.value(), name) : std::nullopt;
+  }
+  std::optional<std::string> osRelease(std::string_view name) const {
+    const Result<std::string> content = readRegularFile(_root + "/etc/os-release");
+    return content ? assignedValue(content.value(), name) : assigned("/usr/lib/os-release", name);
+  }
+  std::optional<std::string> dmi(std::string_view name) const {
+    return firmwareText(fmt::format("{}/sys/class/dmi/id/{}", _root, name));
+  }
+  std::optional<std::string> deviceTree(std::string_view name) const {
+    return firmwareText(fmt::format("{}/proc/device-tree/{}", _root, name));
+  }
+  std::optional<std::string> firmware(std::string_view dmiName, std::string_view treeName) const {
+    auto text = dmi(dmiName);
+    return text ? text : deviceTree(treeName);
+  }
+  std::optional<std::string> dmiChassis() const;
+
+  const std::string& _root;
+};
+
+// hostnamed's words for the chassis types of the SMBIOS reference.
+std::optional<std::string> Machine::dmiChassis() const {
+  const auto type = dmi("chassis_type");
+  if (!type) return std::nullopt;
+  switch (integerFromText(*type)) {
+    case 0x03:  // desktop
+    case 0x04:  // low-profile desktop
+    case 0x06:  // mini tower
+    case 0x07:  // tower
+    case 0x0d:  // all in one
+    case 0x23:  // mini PC
+    case 0x24:  // stick PC
+      return "desktop";
+    case 0x08:  // portable
+    case 0x09:  // laptop
+    case 0x0a:  // notebook
+    case 0x0e:  // sub-notebook
+      return "laptop";
+    case 0x0b: return "handset";
+    case 0x11:  // main server
+    case 0x1c:  // blade
+    case 0x1d:  // blade enclosure
+      return "server";
+    case 0x1e: return "tablet";
+    case 0x1f:  // convertible
+    case 0x20:  // detachable
+      return "convertible";
+    case 0x21:  // gateway
+    case 0x22:  // embedded
+      return "embedded";
+    default: return std::nullopt;
+  }
+}
+
+// The machine id is confidential, so what leaves the device is a keyed hash of this system's own
+// number: others cannot compute it, nor the machine id from it.
+std::optional<std::string> Machine::uniqueDeviceID() const {
+  constexpr std::string_view application(
+      "\x61\xd2\x0c\x7e\x93\x5b\x4f\x1a"
+      "\xa8\x46\x3d\xe0\x57\xb9\x12\xcf",
+      16);
+  constexpr std::size_t machineIDDigits = 32;
+  constexpr std::size_t identifierBytes = 20;
+
+  const auto machineID = firmwareText(_root + "/etc/machine-id");
+  const auto key = machineID && machineID->size() == machineIDDigits
+                       ? bytesFromHexadecimal(*machineID)
+                       : std::nullopt;
+  if (!key) return std::nullopt;
+  const SHA256Digest identifier = hmacSHA256(*key, application);
+  return hexadecimal(std::span(identifier).first(identifierBytes));
+}
+
+struct Question {
+  std::string_view key;
+  std::optional<std::string> (Machine::*answer)() const;
+};
+constexpr Question questions[] = {
+    {"ProductVersion", &Machine::productVersion}, {"BuildVersion", &Machine::buildVersion},
+    {"ProductType", &Machine::productType},       {"HWModelStr", &Machine::hardwareModel},
+    {"SerialNumber", &Machine::serialNumber},     {"DeviceName", &Machine::deviceName},
+    {"UniqueDeviceID", &Machine::uniqueDeviceID},
+};
+
+// The machine's own answer to a device-information key, read from files below `root`.
+std::optional<std::string> machineAnswer(std::string_view key, const std::string& root) {
+  const auto* const question = std::ranges::find(questions, key, &Question::key);
+  if (question == std::end(questions)) return std::nullopt;
+  return (Machine(root).*question->answer)();
 }
 
 }  // namespace
@@ -32,24 +179,27 @@ std::optional<std::string> SystemDeviceInformation::answer(std::string_view key)
   return _machineAnswers.emplace(key, machineAnswer(key, _machineRoot)).first->second;
 }
 
-void SystemDeviceInformation::updateDeviceAnswers() {
-  struct stat status {};
-  FileVersion version;
-  if (stat(_deviceFile.c_str(), &status) == 0)
-    version = {status.st_dev, status.st_ino, status.st_size, nanoseconds(status.st_mtim),
-               nanoseconds(status.st_ctim)};
-  if (version == _deviceFileVersion) return;
+Result<DeviceAnswers> readDeviceAnswers(const std::string& path) {
+  Result<Dictionary> answers = readDictionaryFile(path);
+  if (!answers) return answers.failure();
+  DeviceAnswers read{std::move(answers).value(), {}};
+  for (const auto& [key, value] : read.answers)
+    if (!value.string()) read.passedOver.push_back(key);
+  return read;
+}
 
-  _deviceFileVersion = version;
+void SystemDeviceInformation::updateDeviceAnswers() {
+  const FileStamp stamp = FileStamp::of(_deviceFile);
+  if (stamp == _deviceFileStamp) return;
+
+  _deviceFileStamp = stamp;
   _deviceAnswers = {};
-  if (version == FileVersion{}) return;
-  Result<Dictionary> answers = readDictionaryFile(_deviceFile);
-  if (!answers)
-    return logError("deviceInformation: {}; going on without it", answers.failure().message);
-  _deviceAnswers = std::move(answers).value();
-  for (const auto& [key, value] : _deviceAnswers)
-    if (!value.string())
-      logError("deviceInformation: {}: \"{}\" is no text and is passed over", _deviceFile, key);
+  if (stamp.error != 0) return;
+  Result<DeviceAnswers> read = readDeviceAnswers(_deviceFile);
+  if (!read) return logError("deviceInformation: {}; going on without it", read.failure().message);
+  _deviceAnswers = std::move(read.value().answers);
+  for (const std::string& key : read.value().passedOver)
+    logError("deviceInformation: {}: \"{}\" is no text and is passed over", _deviceFile, key);
 }
 
 }  // namespace corvid

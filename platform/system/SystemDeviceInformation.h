@@ -2,13 +2,25 @@
 #pragma once
 
 #include <map>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "base/Mutex.h"
+#include "base/Result.h"
 #include "base/Value.h"
-#include "platform/DeviceInformationService.h"
+#include "platform/Device.h"
+#include "platform/data/LocalFileSystem.h"
 
 namespace corvid {
+
+// What the property list says for the machine. What is no text is listed, and no answer.
+struct DeviceAnswers {
+  Dictionary answers;
+  std::vector<std::string> passedOver;
+};
+// The failure names the file.
+Result<DeviceAnswers> readDeviceAnswers(const std::string& path);
 
 // Answers from the property list `deviceFile` first: a text answers for its key, an empty one says
 // that there is no answer, anything else is as if it were not there. The file is read again when
@@ -35,21 +47,13 @@ class SystemDeviceInformation final : public DeviceInformationService {
   std::optional<std::string> answer(std::string_view key) override EXCLUDES(_mutex);
 
  private:
-  // Tells one content of a file from another without reading it.
-  struct FileVersion {
-    std::uint64_t device = 0, inode = 0;
-    std::int64_t size = -1;
-    std::int64_t modified = 0, changed = 0;  // nanoseconds since 1970
-    bool operator==(const FileVersion&) const = default;
-  };
-
   void updateDeviceAnswers() REQUIRES(_mutex);
 
   const std::string _deviceFile;
   const std::string _machineRoot;
 
   Mutex _mutex;
-  FileVersion _deviceFileVersion GUARDED_BY(_mutex);
+  std::optional<FileStamp> _deviceFileStamp GUARDED_BY(_mutex);  // nothing before the first look
   Dictionary _deviceAnswers GUARDED_BY(_mutex);
   std::map<std::string, std::optional<std::string>, std::less<>> _machineAnswers GUARDED_BY(_mutex);
 };

@@ -7,7 +7,7 @@
 
 #include "base/Reading.h"
 #include "base/Text.h"
-#include "platform/system/SettingsFile.h"
+#include "platform/data/LocalFileSystem.h"
 
 namespace corvid {
 
@@ -36,7 +36,7 @@ std::optional<std::string> SystemLocale::countryCode() {
     if (const char* locale = std::getenv(variable))
       if (auto found = territory(locale)) return found;
 
-  const Result<std::string> file = readSettingsFile(_localeFile);
+  const Result<std::string> file = readRegularFile(_localeFile);
   if (!file) return std::nullopt;
   for (const char* variable : localeVariables)
     if (const auto locale = assignedValue(file.value(), variable))

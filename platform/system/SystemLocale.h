@@ -6,7 +6,7 @@
 #include <string>
 
 #include "base/Mutex.h"
-#include "platform/LocaleInformation.h"
+#include "platform/Device.h"
 
 namespace corvid {
 

@@ -72,10 +72,8 @@ class FakeSource final : public Timer {
 
 class FakeQueue final : public SerialQueue {
  public:
-  FakeQueue(FakeNetwork& network, std::string label)
-      : _network(network), _label(std::move(label)) {}
+  explicit FakeQueue(FakeNetwork& network) : _network(network) {}
 
-  const std::string& label() const override { return _label; }
   void async(Task task) override { _network._tasks.push_back(std::move(task)); }
   std::unique_ptr<Source> after(std::chrono::milliseconds delay, Task task) override {
     const int source = _network.add({.kind = FakeNetwork::Kind::delayed,
@@ -103,7 +101,6 @@ class FakeQueue final : public SerialQueue {
 
  private:
   FakeNetwork& _network;
-  const std::string _label;
 };
 
 FakeNetwork::FakeNetwork(std::shared_ptr<FakeClock> clock) : _clock(std::move(clock)) {}
@@ -115,8 +112,8 @@ void FakeNetwork::stop() {
 }
 
 std::shared_ptr<SerialQueue> FakeNetwork::createQueue(std::string label) {
-  labels.push_back(label);
-  return std::make_shared<FakeQueue>(*this, std::move(label));
+  labels.push_back(std::move(label));
+  return std::make_shared<FakeQueue>(*this);
 }
 
 Result<std::unique_ptr<DatagramSocket>> FakeNetwork::openDatagramSocket() {

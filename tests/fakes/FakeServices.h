@@ -8,11 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/Consent.h"
-#include "platform/DeviceInformationService.h"
-#include "platform/KeepAlive.h"
-#include "platform/LocaleInformation.h"
-#include "platform/PowerLog.h"
+#include "platform/Device.h"
 #include "platform/Preferences.h"
 #include "platform/Random.h"
 

@@ -167,7 +167,7 @@ TEST_F(FilePreferencesTest, AnEmptyFileAndOneThatIsNoDictionaryAreDamaged) {
   EXPECT_FALSE(preferences.value("other", "k"));
   ASSERT_EQ(errors().size(), 2u);
   EXPECT_NE(errors()[0].find("(The property list is empty)"), std::string::npos);
-  EXPECT_NE(errors()[1].find("(The property list is no dictionary)"), std::string::npos);
+  EXPECT_NE(errors()[1].find("(not a dictionary)"), std::string::npos);
 }
 
 TEST_F(FilePreferencesTest, WhatCannotBeReadIsNeverOverwritten) {

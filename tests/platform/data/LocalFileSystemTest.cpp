@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <ctime>
+#include <filesystem>
 
 #include "platform/data/LocalFileSystem.h"
 #include "tests/platform/system/Scratch.h"
@@ -156,6 +157,48 @@ TEST_F(LocalFileSystemTest, RemovesFilesAndIgnoresWhatIsMissing) {
   files.remove(at("file"));
   files.remove(scratch.path());
   EXPECT_TRUE(files.exists(scratch.path()));
+}
+
+TEST(RegularFile, OfTheKernelIsReadThoughItSaysItIsEmpty) {
+  const auto read = readRegularFile("/proc/self/status");
+  ASSERT_TRUE(read);
+  EXPECT_NE(read.value().find("Pid:"), std::string::npos);
+}
+
+TEST(RegularFile, ThatIsMissingIsAFailureWithTheSystemsReason) {
+  const auto read = readRegularFile("/nonexistent/file");
+  ASSERT_FALSE(read);
+  EXPECT_EQ(read.failure().code, ENOENT);
+}
+
+TEST(RegularFile, ThatIsNoRegularFileIsAFailureAndBlocksNobody) {
+  const Scratch scratch;
+  const std::string pipe = scratch.path() + "/pipe";
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  EXPECT_FALSE(readRegularFile(pipe));
+}
+
+TEST(FileStamp, TellsAChangedFileFromTheOneBefore) {
+  const Scratch scratch;
+  const std::string path = scratch.write("file", "one");
+  const FileStamp before = FileStamp::of(path);
+  EXPECT_EQ(FileStamp::of(path), before);
+  scratch.write("file", "other");
+  EXPECT_NE(FileStamp::of(path), before);
+  EXPECT_FALSE(FileStamp::of(path).isSameContent(before));
+  EXPECT_EQ(FileStamp::of(scratch.path() + "/missing").error, ENOENT);
+}
+
+TEST(FileStamp, KnowsTheContentUnderAnotherNameAndMode) {
+  const Scratch scratch;
+  const std::string path = scratch.write("file", "one");
+  const FileStamp before = FileStamp::of(path);
+  std::filesystem::rename(path, scratch.path() + "/moved");
+  ASSERT_EQ(chmod((scratch.path() + "/moved").c_str(), 0400), 0);
+  EXPECT_TRUE(FileStamp::of(scratch.path() + "/moved").isSameContent(before));
+  const FileStamp missing = FileStamp::of(path);
+  EXPECT_FALSE(missing.isSameContent(before));
+  EXPECT_FALSE(missing.isSameContent(missing)) << "no file has no content";
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "platform/data/PropertyList.h"
+#include "tests/platform/system/Scratch.h"
 
 namespace corvid {
 namespace {
@@ -135,6 +136,27 @@ TEST(PropertyList, AnotherImplementationReadsBothFormsAndWritesThemBack) {
     EXPECT_EQ(read(writtenByLibrary(node, true)), Value(everyType()));
     EXPECT_EQ(read(writtenByLibrary(node, false)), Value(everyType()));
   }
+}
+
+TEST(DictionaryFile, IsReadFromItsPropertyList) {
+  const Scratch scratch;
+  const auto read = readDictionaryFile(scratch.write(
+      "a.plist", "<plist version=\"1.0\"><dict><key>a</key><integer>1</integer></dict></plist>"));
+  ASSERT_TRUE(read);
+  EXPECT_EQ(read.value(), (Dictionary{{"a", 1}}));
+}
+
+TEST(DictionaryFile, ThatCannotBeUsedIsAFailureThatNamesIt) {
+  const Scratch scratch;
+  const std::string damaged = scratch.write("damaged.plist", "<plist><dict>");
+  const std::string array = scratch.write("array.plist", "<plist><array/></plist>");
+  const std::string missing = scratch.path() + "/missing.plist";
+  for (const std::string& path : {damaged, array, missing}) {
+    const auto read = readDictionaryFile(path);
+    ASSERT_FALSE(read) << path;
+    EXPECT_EQ(read.failure().message.find(path + ": "), 0u) << read.failure().message;
+  }
+  EXPECT_EQ(readDictionaryFile(array).failure().message, array + ": not a dictionary");
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "platform/system/ControlGroup.h"
+#include "platform/system/PeerIdentity.h"
 
 namespace corvid {
 namespace {

@@ -26,7 +26,7 @@ std::string pathOf(const std::string& bundle) {
 class DynamicBundleLoaderTest : public testing::Test {
  protected:
   static DynamicBundleLoader loaderOf(const std::string& bundle) {
-    return {pathOf(bundle), BundleFile::at(pathOf(bundle))};
+    return {pathOf(bundle), FileStamp::of(pathOf(bundle))};
   }
   // An adaptor of a bundle that has been loaded.
   std::unique_ptr<BundleObject> adaptorOf(const std::string& bundle) {
@@ -116,7 +116,7 @@ class ReplacedBundles : public DynamicBundleLoaderTest {
 };
 
 TEST_F(ReplacedBundles, OneThatCameLaterIsNotLoaded) {
-  DynamicBundleLoader loader(path, BundleFile::at(path));
+  DynamicBundleLoader loader(path, FileStamp::of(path));
   EXPECT_EQ(loader.performanceBundle(), nullptr);
   install("CrashesAtLoad");
   EXPECT_EQ(loader.performanceBundle(), nullptr);
@@ -126,7 +126,7 @@ TEST_F(ReplacedBundles, OneThatCameLaterIsNotLoaded) {
 
 TEST_F(ReplacedBundles, OneInThePlaceOfTheOneThatWasTriedIsNotLoaded) {
   install("Sound");
-  DynamicBundleLoader loader(path, BundleFile::at(path));
+  DynamicBundleLoader loader(path, FileStamp::of(path));
   install("CrashesAtLoad");
   EXPECT_EQ(loader.performanceBundle(), nullptr);
   EXPECT_EQ(loader.performanceBundle(), nullptr);
@@ -135,7 +135,7 @@ TEST_F(ReplacedBundles, OneInThePlaceOfTheOneThatWasTriedIsNotLoaded) {
 
 TEST_F(ReplacedBundles, OneThatWasWrittenAnewIsNotLoaded) {
   install("Sound");
-  DynamicBundleLoader loader(path, BundleFile::at(path));
+  DynamicBundleLoader loader(path, FileStamp::of(path));
   std::filesystem::copy_file(pathOf("CrashesAtLoad"), path,
                              std::filesystem::copy_options::overwrite_existing);
   EXPECT_EQ(loader.performanceBundle(), nullptr);
@@ -144,7 +144,7 @@ TEST_F(ReplacedBundles, OneThatWasWrittenAnewIsNotLoaded) {
 
 TEST_F(ReplacedBundles, OneThatIsGoneIsNothingToTalkAbout) {
   install("Sound");
-  DynamicBundleLoader loader(path, BundleFile::at(path));
+  DynamicBundleLoader loader(path, FileStamp::of(path));
   std::filesystem::remove(path);
   EXPECT_EQ(loader.performanceBundle(), nullptr);
   EXPECT_THAT(log.lines(), IsEmpty());
@@ -175,7 +175,7 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(DynamicBundleLoaderTest, ALibraryThatIsNoBundleIsSaidToBeNone) {
   Dl_info library{};
   ASSERT_NE(dladdr(reinterpret_cast<void*>(&gnu_get_libc_version), &library), 0);
-  DynamicBundleLoader loader(library.dli_fname, BundleFile::at(library.dli_fname));
+  DynamicBundleLoader loader(library.dli_fname, FileStamp::of(library.dli_fname));
   EXPECT_EQ(loader.performanceBundle(), nullptr);
   EXPECT_THAT(errors(), ElementsAre(HasSubstr("undefined symbol: corvid_bundle")));
 }

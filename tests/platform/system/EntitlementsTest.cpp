@@ -30,7 +30,7 @@ class EntitlementsTest : public testing::Test {
     return entitled("allowed");
   }
   bool entitled(std::string_view name) {
-    const Dictionary entitlements = entitlementsForPeer(peer, folder.path());
+    const Dictionary entitlements = Entitlements(folder.path()).entitlementsForPeer(peer);
     const Value* value = entitlements.find(name);
     return value != nullptr && value->boolean() == true;
   }
@@ -118,7 +118,7 @@ TEST_F(EntitlementsTest, OfAllMatchingFilesAreMergedAndTheLaterNameWins) {
 
 TEST_F(EntitlementsTest, KeepTheTypesOfTheirValues) {
   writeFile("a.plist", byUser, "<key>a</key><string>yes</string><key>b</key><integer>1</integer>");
-  const Dictionary entitlements = entitlementsForPeer(peer, folder.path());
+  const Dictionary entitlements = Entitlements(folder.path()).entitlementsForPeer(peer);
   ASSERT_TRUE(entitlements.contains("a"));
   EXPECT_EQ(*entitlements.find("a"), Value("yes"));
   EXPECT_EQ(*entitlements.find("b"), Value(1));
@@ -154,13 +154,13 @@ TEST_F(EntitlementsTest, OtherFilesAreNotRead) {
 }
 
 TEST_F(EntitlementsTest, OfAMissingFolderAreNone) {
-  EXPECT_TRUE(entitlementsForPeer(peer, folder.path() + "/missing").empty());
+  EXPECT_TRUE(Entitlements(folder.path() + "/missing").entitlementsForPeer(peer).empty());
   EXPECT_TRUE(log.lines().empty());
 }
 
 TEST_F(EntitlementsTest, OfWhatIsNoFolderAreNoneAndLogged) {
   const std::string file = folder.write("file", "");
-  EXPECT_TRUE(entitlementsForPeer(peer, file).empty());
+  EXPECT_TRUE(Entitlements(file).entitlementsForPeer(peer).empty());
   EXPECT_TRUE(log.has(LogLevel::error,
                       "entitlementsForPeer: Cannot read the folder " + file + ": Not a directory"));
 }

@@ -8,9 +8,8 @@
 #include <cstring>
 
 #include "base/Descriptor.h"
-#include "platform/system/ControlGroup.h"
-#include "platform/system/Entitlements.h"
-#include "platform/system/SettingsFile.h"
+#include "platform/data/LocalFileSystem.h"
+#include "platform/system/PeerIdentity.h"
 #include "tests/platform/system/Scratch.h"
 
 namespace corvid {
@@ -90,7 +89,7 @@ TEST_F(PeerIdentityTest, TellsUserAndGroupsAtTheTimeOfTheConnection) {
 }
 
 TEST_F(PeerIdentityTest, TellsTheUnitOfALivingProcessOnly) {
-  const auto groups = readSettingsFile("/proc/self/cgroup");
+  const auto groups = readRegularFile("/proc/self/cgroup");
   ASSERT_TRUE(groups);
   const std::string ownUnit = unitOfControlGroups(groups.value());
   Client client = connectClient();

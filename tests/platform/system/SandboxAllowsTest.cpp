@@ -28,10 +28,10 @@
 #endif
 
 #include "base/Descriptor.h"
+#include "platform/data/LocalFileSystem.h"
 #include "platform/network/SystemNetwork.h"
 #include "platform/system/Entitlements.h"
 #include "platform/system/JournalPowerLog.h"
-#include "platform/system/SettingsFile.h"
 #include "platform/system/SystemClock.h"
 #include "platform/system/SystemDeviceInformation.h"
 #include "platform/system/SystemLocale.h"
@@ -98,7 +98,7 @@ TEST_F(SandboxAllows, PreferencesToBeRewritten) {
           if (rename(draft.c_str(), file.c_str()) != 0) return 3;
           const Descriptor folder(open(paths.preferencesFolder.c_str(), O_RDONLY | O_DIRECTORY));
           if (fsync(folder.get()) != 0) return 4;
-          if (readSettingsFile(file).value() != text) return 5;
+          if (readRegularFile(file).value() != text) return 5;
         }
         return unlink(file.c_str()) == 0 && rmdir(paths.preferencesFolder.c_str()) == 0 ? 0 : 6;
       }),
@@ -129,10 +129,10 @@ TEST_F(SandboxAllows, TheServiceSocketToBeMadeAndClientsToBeIdentified) {
 
 TEST_F(SandboxAllows, ControlGroupsOfOtherProcessesToBeRead) {
   const std::string file = "/proc/" + std::to_string(getpid()) + "/cgroup";
-  const auto outside = readSettingsFile(file);
+  const auto outside = readRegularFile(file);
   ASSERT_TRUE(outside);
   EXPECT_EQ(inSandbox([&] {
-              const auto inside = readSettingsFile(file);
+              const auto inside = readRegularFile(file);
               return inside && inside.value() == outside.value() ? 0 : 1;
             }),
             0);
@@ -143,7 +143,9 @@ TEST_F(SandboxAllows, EntitlementsToBeReadAndUsersToBeLookedUp) {
              "<plist><dict><key>match</key><dict><key>user</key><string>root</string></dict>"
              "<key>entitlements</key><dict><key>a</key><true/></dict></dict></plist>");
   EXPECT_EQ(inSandbox([&] {
-              return entitlementsForPeer(PeerIdentity{}, paths.entitlementsFolder).contains("a");
+              return Entitlements(paths.entitlementsFolder)
+                  .entitlementsForPeer(PeerIdentity{})
+                  .contains("a");
             }),
             1);
 }
@@ -183,9 +185,9 @@ TEST_F(SandboxAllows, CertificatesToBeRead) {
   deployment.caFile = root.write("lab/ca.pem", "certificate");
   const bool hasSystemCertificates = std::filesystem::exists("/etc/ssl/certs/ca-certificates.crt");
   EXPECT_EQ(inSandbox([&] {
-              if (!readSettingsFile(*deployment.caFile)) return 1;
+              if (!readRegularFile(*deployment.caFile)) return 1;
               if (!hasSystemCertificates) return 0;
-              return readSettingsFile("/etc/ssl/certs/ca-certificates.crt") ? 0 : 2;
+              return readRegularFile("/etc/ssl/certs/ca-certificates.crt") ? 0 : 2;
             }),
             0);
 }

@@ -3,7 +3,7 @@
 #include <iterator>
 
 #include "platform/Paths.h"
-#include "platform/data/DeploymentFile.h"
+#include "platform/data/Deployment.h"
 #include "platform/data/PropertyList.h"
 #include "tests/tools/lab/LabFixture.h"
 

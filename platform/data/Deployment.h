@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "base/Result.h"
+
 namespace corvid {
 
 struct Deployment {
@@ -18,5 +20,11 @@ struct Deployment {
   // Settings that are passed over because their value is of the wrong type.
   std::vector<std::string> passedOver;
 };
+
+// Reads the property list's "ProductionStorebagHost", "InternalStorebagHost" and "CAFile" (texts
+// that are not empty) and "AllowInsecureHTTP" (a boolean). Whatever is missing or of another type
+// stays at its default, the latter listed as passed over. A file that cannot be read, or is no
+// dictionary, is a failure that names it; its code is ENOENT where there is none.
+Result<Deployment> readDeployment(const std::string& path);
 
 }  // namespace corvid

@@ -1,5 +1,6 @@
-#include "platform/system/QualityOfService.h"
+#include "platform/system/ProcessSetup.h"
 
+#include <malloc.h>
 #include <sched.h>
 #include <sys/resource.h>
 
@@ -17,6 +18,11 @@ namespace {
 // the wake-ups.
 constexpr int niceOfUtility = 5;
 
+// In bytes: above what events, batches and compression take all the time.
+constexpr int leastLargeBlock = 512 * 1024;
+// In bytes, of free memory at the end of a heap.
+constexpr int mostKept = 1024 * 1024;
+
 }  // namespace
 
 void setMainThreadQualityOfService(QualityOfServiceClass qualityOfService, int relativePriority) {
@@ -27,6 +33,11 @@ void setMainThreadQualityOfService(QualityOfServiceClass qualityOfService, int r
   if (setpriority(PRIO_PROCESS, 0, nice) != 0)
     logDebug("main: cannot set the nice value {} of quality-of-service class {:#x}: {}", nice,
              static_cast<unsigned>(qualityOfService), std::strerror(errno));
+}
+
+void giveMemoryBack() {
+  mallopt(M_MMAP_THRESHOLD, leastLargeBlock);
+  mallopt(M_TRIM_THRESHOLD, mostKept);
 }
 
 }  // namespace corvid

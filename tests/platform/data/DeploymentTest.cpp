@@ -1,13 +1,15 @@
 #include <gtest/gtest.h>
 
-#include "platform/data/DeploymentFile.h"
+#include <cerrno>
+
+#include "platform/data/Deployment.h"
 #include "platform/data/PropertyList.h"
 #include "tests/platform/system/Scratch.h"
 
 namespace corvid {
 namespace {
 
-class DeploymentFileTest : public testing::Test {
+class DeploymentTest : public testing::Test {
  protected:
   Deployment read(const Dictionary& settings) {
     const auto deployment =
@@ -30,7 +32,7 @@ class DeploymentFileTest : public testing::Test {
   Scratch scratch;
 };
 
-TEST_F(DeploymentFileTest, EverySettingIsRead) {
+TEST_F(DeploymentTest, EverySettingIsRead) {
   const Deployment deployment = read({{"ProductionStorebagHost", "bags.example:8443"},
                                       {"InternalStorebagHost", "internal.example"},
                                       {"CAFile", "/etc/ca.pem"},
@@ -41,14 +43,15 @@ TEST_F(DeploymentFileTest, EverySettingIsRead) {
   EXPECT_TRUE(deployment.allowInsecureHTTP);
 }
 
-TEST_F(DeploymentFileTest, WithoutTheFileOrTheKeysTheDefaultsHold) {
+TEST_F(DeploymentTest, WithoutTheKeysTheDefaultsHold) { expectDefaults(read({})); }
+
+TEST_F(DeploymentTest, AMissingFileIsTold) {
   const auto missing = readDeployment(scratch.path() + "/missing.plist");
-  ASSERT_TRUE(missing);
-  expectDefaults(missing.value());
-  expectDefaults(read({}));
+  ASSERT_FALSE(missing);
+  EXPECT_EQ(missing.failure().code, ENOENT);
 }
 
-TEST_F(DeploymentFileTest, SettingsOfAnotherTypeAndEmptyTextsCountAsAbsent) {
+TEST_F(DeploymentTest, SettingsOfAnotherTypeAndEmptyTextsCountAsAbsent) {
   const Deployment deployment = read({{"ProductionStorebagHost", 5},
                                       {"InternalStorebagHost", ""},
                                       {"CAFile", Array{}},
@@ -59,15 +62,15 @@ TEST_F(DeploymentFileTest, SettingsOfAnotherTypeAndEmptyTextsCountAsAbsent) {
   expectDefaults(read({{"AllowInsecureHTTP", 1}}));
 }
 
-TEST_F(DeploymentFileTest, ADamagedFileIsAFailureThatSaysWhatAndWhere) {
+TEST_F(DeploymentTest, ADamagedFileIsAFailureThatSaysWhatAndWhere) {
   const std::string path = scratch.path() + "/deployment.plist";
   EXPECT_EQ(failureOf("<dict>\n<key>CAFile</key>\n</dict>"),
             path + ": A key without a value at line 3");
   EXPECT_EQ(failureOf(""), path + ": The property list is empty");
-  EXPECT_EQ(failureOf("<array/>"), path + ": The property list is no dictionary");
+  EXPECT_EQ(failureOf("<array/>"), path + ": not a dictionary");
 }
 
-TEST_F(DeploymentFileTest, WhatCannotBeReadIsAFailureToo) {
+TEST_F(DeploymentTest, WhatCannotBeReadIsAFailureToo) {
   const auto folder = readDeployment(scratch.path());
   ASSERT_FALSE(folder);
   EXPECT_EQ(folder.failure().message, scratch.path() + ": Is a directory");

@@ -4,7 +4,7 @@
 
 #include <thread>
 
-#include "platform/system/QualityOfService.h"
+#include "platform/system/ProcessSetup.h"
 #include "tests/fakes/CapturedLog.h"
 #include "tests/platform/system/Scratch.h"
 

@@ -1,11 +1,6 @@
-#include "platform/data/DeploymentFile.h"
-
-#include <fmt/format.h>
-
-#include <cerrno>
+#include "platform/data/Deployment.h"
 
 #include "platform/data/PropertyList.h"
-#include "platform/data/RegularFile.h"
 
 namespace corvid {
 
@@ -40,16 +35,10 @@ class Settings {
 }  // namespace
 
 Result<Deployment> readDeployment(const std::string& path) {
-  const Result<std::string> bytes = readRegularFile(path, PropertyListLimits().bytes);
+  const Result<Dictionary> values = readDictionaryFile(path);
+  if (!values) return values.failure();
   Deployment deployment;
-  if (!bytes && bytes.failure().code == ENOENT) return deployment;
-  if (!bytes) return bytes.failure();
-  const Result<Value> list = parsePropertyList(bytes.value());
-  if (!list) return Failure{fmt::format("{}: {}", path, list.failure().message)};
-  const Dictionary* values = list.value().dictionary();
-  if (!values) return Failure{fmt::format("{}: The property list is no dictionary", path)};
-
-  Settings settings(*values, deployment.passedOver);
+  Settings settings(values.value(), deployment.passedOver);
   settings.takeText("ProductionStorebagHost", deployment.productionStorebagHost);
   settings.takeText("InternalStorebagHost", deployment.internalStorebagHost);
   settings.takeText("CAFile", deployment.caFile);

@@ -1,0 +1,18 @@
+// What the process asks of the system for itself, on its main thread before there are others.
+#pragma once
+
+namespace corvid {
+
+enum class QualityOfServiceClass : unsigned { utility = 0x11 };
+
+// Sets scheduling policy and nice value of the calling thread, which later threads inherit; so
+// that all of the process follows. A negative priority is less urgent within
+// the class. A failure is logged at debug and ignored.
+void setMainThreadQualityOfService(QualityOfServiceClass qualityOfService, int relativePriority);
+
+// Has large blocks given back as soon as they are free, whichever thread had them. The allocator
+// would otherwise learn from the first large message to keep such blocks, some for each thread, for
+// as long as the process lives.
+void giveMemoryBack();
+
+}  // namespace corvid
