@@ -23,8 +23,6 @@ namespace {
 
 constexpr int starvedPause = 100;  // milliseconds
 
-std::string errorText(int error) { return std::generic_category().message(error); }
-
 }  // namespace
 
 bool admitsConnection(pid_t process, uid_t user, std::size_t all, std::size_t ofUser) {
@@ -104,7 +102,8 @@ IPCListener::Accepted IPCListener::acceptOne() {
 // One line for the whole time in which the system lacks something.
 void IPCListener::starve(std::string_view action, int error) {
   if (!std::exchange(_starved, true))
-    logError("IPCListener: {} failed, trying again: {}", action, errorText(error));
+    logError("IPCListener: {} failed, trying again: {}", action,
+             std::generic_category().message(error));
 }
 
 void IPCListener::bring(Descriptor socket) {

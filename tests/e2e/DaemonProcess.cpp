@@ -9,7 +9,6 @@
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,6 +19,8 @@
 #include <iterator>
 #include <stdexcept>
 #include <thread>
+
+#include "base/UnixAddress.h"
 
 namespace corvid {
 
@@ -37,12 +38,8 @@ std::string contentOf(const std::string& file) {
 
 int notificationSocketAt(const std::string& path) {
   const int socket = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  path.copy(address.sun_path, sizeof(address.sun_path) - 1);
   unlink(path.c_str());
-  if (bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0)
-    throw std::runtime_error("bind " + path);
+  if (UnixAddress(path).bind(socket) != 0) throw std::runtime_error("bind " + path);
   return socket;
 }
 

@@ -4,12 +4,12 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
 
 #include "base/Descriptor.h"
+#include "base/UnixAddress.h"
 #include "tests/e2e/DaemonProcess.h"
 
 namespace corvid {
@@ -19,18 +19,10 @@ constexpr std::string_view socketFile = "run/corvidd/com.halcyon.corvidd";
 constexpr std::string_view profileFile = "usr/share/corvid/sandbox/com.halcyon.corvidd.plist";
 constexpr std::string_view listening = "main: Listener resumes with sandbox, start loop.";
 
-sockaddr_un addressOf(const std::string& path) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  path.copy(address.sun_path, sizeof address.sun_path - 1);
-  return address;
-}
-
 // A listening socket at the path.
 Descriptor listenAt(const std::string& path) {
   Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  const sockaddr_un address = addressOf(path);
-  EXPECT_EQ(bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  EXPECT_EQ(UnixAddress(path).bind(socket.get()), 0);
   EXPECT_EQ(listen(socket.get(), 16), 0);
   return socket;
 }
@@ -38,9 +30,7 @@ Descriptor listenAt(const std::string& path) {
 // Empty when nobody listens.
 Descriptor connectTo(const std::string& path) {
   Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  const sockaddr_un address = addressOf(path);
-  if (connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-    return Descriptor();
+  if (UnixAddress(path).connect(socket.get()) != 0) return Descriptor();
   const timeval limit{DaemonProcess::patience.count(), 0};
   setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
   return socket;

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 
 #include <chrono>
 #include <string>
@@ -11,6 +10,7 @@
 
 #include "base/Descriptor.h"
 #include "base/Reading.h"
+#include "base/UnixAddress.h"
 #include "tests/e2e/LabFixture.h"
 
 namespace corvid {
@@ -150,11 +150,7 @@ class SocketActivation : public Reconnect {
   void SetUp() override {
     publish("lumen", storebagPostingTo(urlOf("events")));
     const std::string path = _root.path("run/corvidd/com.halcyon.corvidd");
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    ASSERT_EQ(bind(_listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address),
-              0);
+    ASSERT_EQ(UnixAddress(path).bind(_listener.get()), 0);
     ASSERT_EQ(listen(_listener.get(), 16), 0);
   }
   void startBySocket() {

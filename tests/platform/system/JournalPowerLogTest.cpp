@@ -1,11 +1,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 
 #include <vector>
 
 #include "base/Descriptor.h"
+#include "base/UnixAddress.h"
 #include "platform/system/JournalPowerLog.h"
 #include "tests/fakes/CapturedLog.h"
 #include "tests/fakes/ScratchRoot.h"
@@ -24,10 +24,7 @@ class JournalPowerLogTest : public testing::Test {
   // From then on there is a journal.
   void openJournal() {
     _journal = Descriptor(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    _path.copy(address.sun_path, sizeof address.sun_path - 1);
-    ASSERT_EQ(bind(_journal.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(UnixAddress(_path).bind(_journal.get()), 0);
   }
   // What the journal gets for this payload.
   std::string entryFor(const Dictionary& payload) {

@@ -10,6 +10,7 @@
 #include <future>
 #include <thread>
 
+#include "base/UnixAddress.h"
 #include "platform/system/Launcher.h"
 #include "tests/fakes/CapturedLog.h"
 #include "tests/fakes/FakeClock.h"
@@ -314,10 +315,7 @@ int startedWith(const std::vector<int>& descriptors, const std::function<int(Lau
 class LauncherSockets : public testing::Test {
  protected:
   LauncherSockets() : listening(socket(AF_UNIX, SOCK_STREAM, 0)), plain(open("/dev/null", 0)) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strcpy(address.sun_path, (scratch.path() + "/socket").c_str());
-    EXPECT_EQ(bind(listening.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(UnixAddress(scratch.path() + "/socket").bind(listening.get()), 0);
     EXPECT_EQ(listen(listening.get(), 1), 0);
   }
   Scratch scratch;

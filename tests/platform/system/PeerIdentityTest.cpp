@@ -2,12 +2,12 @@
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 
 #include <cerrno>
 #include <cstring>
 
 #include "base/Descriptor.h"
+#include "base/UnixAddress.h"
 #include "platform/data/LocalFileSystem.h"
 #include "platform/system/PeerIdentity.h"
 #include "tests/platform/system/Scratch.h"
@@ -19,12 +19,9 @@ namespace {
 class PeerIdentityTest : public testing::Test {
  protected:
   PeerIdentityTest() : _listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    _address.sun_family = AF_UNIX;
-    const std::string path = scratch.path() + "/socket";
-    std::strcpy(_address.sun_path, path.c_str());
-    EXPECT_EQ(bind(_listener.get(), genericAddress(), sizeof _address), 0);
+    EXPECT_EQ(UnixAddress(_path).bind(_listener.get()), 0);
     EXPECT_EQ(listen(_listener.get(), 4), 0);
-    EXPECT_EQ(chmod(path.c_str(), 0666), 0);
+    EXPECT_EQ(chmod(_path.c_str(), 0666), 0);
     EXPECT_EQ(chmod(scratch.path().c_str(), 0755), 0);
   }
 
@@ -45,7 +42,7 @@ class PeerIdentityTest : public testing::Test {
     if (pid == 0) {
       close(ends[1]);
       const Descriptor client(socket(AF_UNIX, SOCK_STREAM, 0));
-      if (!prepare() || connect(client.get(), genericAddress(), sizeof _address) != 0) _exit(1);
+      if (!prepare() || UnixAddress(_path).connect(client.get()) != 0) _exit(1);
       char byte;
       _exit(read(ends[0], &byte, 1) == 0 ? 0 : 1);
     }
@@ -57,10 +54,8 @@ class PeerIdentityTest : public testing::Test {
   Scratch scratch;
 
  private:
-  const sockaddr* genericAddress() const { return reinterpret_cast<const sockaddr*>(&_address); }
-
+  const std::string _path = scratch.path() + "/socket";
   Descriptor _listener;
-  sockaddr_un _address{};
 };
 
 TEST_F(PeerIdentityTest, TellsTheProcessThatConnected) {

@@ -14,7 +14,6 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/timerfd.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -28,6 +27,7 @@
 #endif
 
 #include "base/Descriptor.h"
+#include "base/UnixAddress.h"
 #include "platform/data/LocalFileSystem.h"
 #include "platform/network/SystemNetwork.h"
 #include "platform/system/Entitlements.h"
@@ -107,17 +107,15 @@ TEST_F(SandboxAllows, PreferencesToBeRewritten) {
 
 TEST_F(SandboxAllows, TheServiceSocketToBeMadeAndClientsToBeIdentified) {
   EXPECT_EQ(inSandbox([&] {
-              sockaddr_un address{};
-              address.sun_family = AF_UNIX;
-              std::strcpy(address.sun_path, paths.socket.c_str());
+              const UnixAddress address(paths.socket);
               for (int round = 0; round < 2; ++round) {  // the second replaces a stale file
                 unlink(paths.socket.c_str());
                 const Descriptor listener(socket(AF_UNIX, SOCK_STREAM, 0));
-                if (bind(listener.get(), generic(address), sizeof address) != 0) return 1;
+                if (address.bind(listener.get()) != 0) return 1;
                 if (chmod(paths.socket.c_str(), 0666) != 0) return 2;
                 if (listen(listener.get(), 4) != 0) return 3;
                 const Descriptor client(socket(AF_UNIX, SOCK_STREAM, 0));
-                if (connect(client.get(), generic(address), sizeof address) != 0) return 4;
+                if (address.connect(client.get()) != 0) return 4;
                 const Descriptor accepted(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
                 const auto peer = peerIdentity(accepted.get());
                 if (!peer || peer.value().pid != getpid()) return 5;
@@ -253,12 +251,8 @@ TEST_F(SandboxAllows, TheNetworkThreadToSendAndToBeAnswered) {
 TEST_F(SandboxAllows, ThePowerLogToReachTheJournal) {
   namespace fs = std::filesystem;
   fs::create_directories(fs::path(paths.journalSocket).parent_path());
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  ASSERT_LT(paths.journalSocket.size(), sizeof address.sun_path);
-  paths.journalSocket.copy(address.sun_path, sizeof address.sun_path - 1);
   const Descriptor journal(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0));
-  ASSERT_EQ(bind(journal.get(), generic(address), sizeof address), 0);
+  ASSERT_EQ(UnixAddress(paths.journalSocket).bind(journal.get()), 0);
   EXPECT_EQ(
       inSandbox([&] {
         JournalPowerLog(paths.journalSocket).logRegisteredEvent(28, "Cobaltd-CVD", {{"method", 7}});

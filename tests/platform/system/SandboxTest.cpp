@@ -14,7 +14,6 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cstddef>
@@ -23,6 +22,7 @@
 #include <thread>
 
 #include "base/Descriptor.h"
+#include "base/UnixAddress.h"
 #include "platform/system/Sandbox.h"
 #include "tests/platform/system/SandboxFixture.h"
 
@@ -167,30 +167,20 @@ TEST_F(SandboxRefuses, ToBindATCPPort) {
 }
 
 TEST_F(SandboxRefuses, ToMakeAUnixSocketElsewhere) {
-  EXPECT_EQ(
-      inSandbox([&] {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strcpy(address.sun_path, (root.path() + "/socket").c_str());
-        const int unixSocket = socket(AF_UNIX, SOCK_STREAM, 0);
-        return errorOf(bind(unixSocket, reinterpret_cast<sockaddr*>(&address), sizeof address));
-      }),
-      EACCES);
+  EXPECT_EQ(inSandbox([&] {
+              const int unixSocket = socket(AF_UNIX, SOCK_STREAM, 0);
+              return errorOf(UnixAddress(root.path() + "/socket").bind(unixSocket));
+            }),
+            EACCES);
 }
 
 TEST_F(SandboxRefuses, ToReachAbstractSocketsOutside) {
   if (landlockABI() < 6) GTEST_SKIP() << "this kernel's Landlock knows no abstract sockets";
-  const std::string name = "corvid-sandbox-test-" + std::to_string(getpid());
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::memcpy(address.sun_path + 1, name.data(), name.size());
-  const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
-  const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
+  const UnixAddress address('\0' + ("corvid-sandbox-test-" + std::to_string(getpid())));
   const int outside = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  ASSERT_EQ(bind(outside, generic, size), 0);
-  EXPECT_EQ(
-      inSandbox([&] { return errorOf(connect(socket(AF_UNIX, SOCK_DGRAM, 0), generic, size)); }),
-      EPERM);
+  ASSERT_EQ(address.bind(outside), 0);
+  EXPECT_EQ(inSandbox([&] { return errorOf(address.connect(socket(AF_UNIX, SOCK_DGRAM, 0))); }),
+            EPERM);
   close(outside);
 }
 

@@ -1,9 +1,9 @@
 // What `corvidctl session` does with input that cannot be used, and how it ends.
 #include <corvid/corvid.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 
 #include "base/Descriptor.h"
+#include "base/UnixAddress.h"
 #include "tests/tools/corvidctl/SessionProcess.h"
 
 namespace corvid {
@@ -188,11 +188,7 @@ class RudeDaemon {
  public:
   explicit RudeDaemon(const std::string& path) {
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    if (::bind(_listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-        ::listen(_listener.get(), 1) != 0)
+    if (UnixAddress(path).bind(_listener.get()) != 0 || ::listen(_listener.get(), 1) != 0)
       throw std::runtime_error("cannot listen at " + path);
     _thread = std::thread([this] {
       const Descriptor connection(::accept(_listener.get(), nullptr, nullptr));
