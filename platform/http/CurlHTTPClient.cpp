@@ -157,7 +157,7 @@ void CurlHTTPClient::sleepUntilTransfer() {
   {
     const MutexLock lock(_mutex);
     if (_hasNews || _stopping) return;
-    longest = _clock->sleepTowards(_queue.nextDeadline().value_or(Clock::TimePoint::max()));
+    longest = _clock->sleepTowards(_queue.nextDeadline());
     _sleepsInTransfer = true;
   }
   _multi->sleep(std::chrono::ceil<milliseconds>(longest));

@@ -32,9 +32,14 @@ std::optional<Exchange> ExchangeQueue::next() {
     found = std::find_if(_hosts.begin(), start, hasTurn);
     if (found == start) return std::nullopt;
   }
-  _servedLast = found->first;
-  ++found->second.active;
-  return takeFirst(found->second);
+  auto& [name, host] = *found;
+  _servedLast = name;
+  ++host.active;
+  Exchange exchange = std::move(host.waiting.front());
+  host.waiting.pop_front();
+  setBytes(host, host.bytes - exchange.size());
+  if (--_waiting == 0) _nextDeadline = Exchange::Time::max();
+  return exchange;
 }
 
 void ExchangeQueue::finished(const std::string& host) {
@@ -65,25 +70,11 @@ std::vector<Exchange> ExchangeQueue::removeExpired(Exchange::Time now) {
   return expired;
 }
 
-std::optional<Exchange::Time> ExchangeQueue::nextDeadline() const {
-  if (_waiting == 0) return std::nullopt;
-  return _nextDeadline;
-}
-
 void ExchangeQueue::setBytes(Host& host, std::size_t bytes) {
   const std::size_t share = _limits.bytes / _limits.hosts;
   _bytes -= std::min(host.bytes, share);
   host.bytes = bytes;
   _bytes += std::min(host.bytes, share);
-}
-
-Exchange ExchangeQueue::takeFirst(Host& host) {
-  Exchange exchange = std::move(host.waiting.front());
-  host.waiting.pop_front();
-  --_waiting;
-  setBytes(host, host.bytes - exchange.size());
-  if (_waiting == 0) _nextDeadline = Exchange::Time::max();
-  return exchange;
 }
 
 }  // namespace corvid

@@ -37,8 +37,8 @@ class ExchangeQueue {
   // Takes those out whose deadline is not after `now`.
   std::vector<Exchange> removeExpired(Exchange::Time now);
   std::vector<Exchange> removeAll() { return removeExpired(Exchange::Time::max()); }
-  // No deadline of a waiting exchange is before it; absent when none waits.
-  std::optional<Exchange::Time> nextDeadline() const;
+  // No deadline of a waiting exchange is before it; the end of time when none waits.
+  Exchange::Time nextDeadline() const { return _nextDeadline; }
 
   std::size_t waiting() const { return _waiting; }
 
@@ -50,7 +50,6 @@ class ExchangeQueue {
   };
   using Hosts = std::map<std::string, Host>;
 
-  Exchange takeFirst(Host& host);
   void setBytes(Host& host, std::size_t bytes);
 
   const Limits _limits;

@@ -136,7 +136,7 @@ TEST_F(ExchangeQueueTest, GivesUpThoseWhoseTimeIsOver) {
   EXPECT_EQ(expired(15s), std::vector<std::string>{"a15"});
   EXPECT_EQ(queue.nextDeadline(), start + 20s);
   EXPECT_EQ(expired(60s), (std::vector<std::string>{"a60", "b20"}));
-  EXPECT_EQ(queue.nextDeadline(), std::nullopt);
+  EXPECT_EQ(queue.nextDeadline(), Exchange::Time::max());
   EXPECT_EQ(queue.waiting(), 0u);
   EXPECT_FALSE(queue.isFull("a"));
 }
@@ -144,7 +144,7 @@ TEST_F(ExchangeQueueTest, GivesUpThoseWhoseTimeIsOver) {
 TEST_F(ExchangeQueueTest, ADeadlineThatIsServedIsNoLongerWaitedFor) {
   queue.add(exchange("a", "a1", 15s));
   EXPECT_EQ(next(), "a1");
-  EXPECT_EQ(queue.nextDeadline(), std::nullopt);
+  EXPECT_EQ(queue.nextDeadline(), Exchange::Time::max());
   queue.add(exchange("a", "a2", 60s));
   EXPECT_EQ(queue.nextDeadline(), start + 60s);
 }
