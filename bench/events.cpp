@@ -11,7 +11,7 @@
 #include "bench/Program.h"
 #include "bench/Reference.h"
 #include "platform/data/JSON.h"
-#include "tools/lab/Gunzip.h"
+#include "tools/lab/Collectors.h"
 
 #ifndef CORVID_DAEMON
 #error "CORVID_DAEMON names the daemon to measure"

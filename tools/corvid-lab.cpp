@@ -12,7 +12,7 @@
 #include "platform/data/JSON.h"
 #include "tools/CommandLine.h"
 #include "tools/lab/Lab.h"
-#include "tools/lab/ReceivedSummary.h"
+#include "tools/lab/Received.h"
 
 namespace {
 

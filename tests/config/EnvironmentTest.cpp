@@ -3,7 +3,7 @@
 #include <limits>
 
 #include "config/Environment.h"
-#include "tests/config/StorebagSigner.h"
+#include "tests/config/Signers.h"
 #include "tests/fakes/TestPlatform.h"
 
 namespace corvid {
@@ -131,7 +131,7 @@ struct EnvironmentFetch : testing::Test {
     serve(storebag);
   }
   void serve(const Dictionary& content) {
-    const std::string body = trustedSigner().envelope(content);
+    const std::string body = enveloped(trustedSigner(), content);
     platform.http->answerWith([body](const HTTPRequest&) {
       return FakeHTTPClient::response(200, body, {{"Cache-Control", "max-age=500"}});
     });
@@ -229,7 +229,7 @@ TEST_F(EnvironmentFetch, AnUnchangedStorebagIsSilent) {
 
 TEST_F(EnvironmentFetch, LastModifiedTravelsThrough) {
   lastModified = "before";
-  const std::string body = trustedSigner().envelope(storebag);
+  const std::string body = enveloped(trustedSigner(), storebag);
   platform.http->answerWith([&](const HTTPRequest& request) {
     EXPECT_EQ(request.headers, (HTTPHeaders{{"If-Modified-Since", "before"}}));
     return FakeHTTPClient::response(200, body, {{"Last-Modified", "after"}});

@@ -3,7 +3,7 @@
 #include "config/StorebagFetch.h"
 #include "platform/data/Crypto.h"
 #include "platform/data/PropertyList.h"
-#include "tests/config/StorebagSigner.h"
+#include "tests/config/Signers.h"
 #include "tests/fakes/CapturedLog.h"
 
 namespace corvid {
@@ -30,14 +30,14 @@ struct StorebagEnvelope : testing::Test {
            errors[0].starts_with("fetchStorebagWithName: Signature can not be verified, 0x");
   }
 
-  const StorebagSigner& signer = trustedSigner();
+  const lab::StorebagSigner& signer = trustedSigner();
   const std::string key = signer.publicKeyDER();
   const std::string bag = writeXMLPropertyList(storebag);
   CapturedLog log;
 };
 
 TEST_F(StorebagEnvelope, OpensASignedStorebagAndLogsNothing) {
-  EXPECT_EQ(open(signer.envelope(storebag)), storebag);
+  EXPECT_EQ(open(enveloped(signer, storebag)), storebag);
   EXPECT_TRUE(log.lines().empty());
 }
 
@@ -49,7 +49,7 @@ TEST_F(StorebagEnvelope, EitherListMayBeXMLOrBinary) {
 }
 
 TEST_F(StorebagEnvelope, TakesTheKeyInItsBareFormToo) {
-  EXPECT_EQ(storebagFromEnvelope(signer.envelope(storebag), signer.barePublicKeyDER()), storebag);
+  EXPECT_EQ(storebagFromEnvelope(enveloped(signer, storebag), barePublicKeyDER(signer)), storebag);
 }
 
 TEST_F(StorebagEnvelope, OtherEntriesOfTheEnvelopeDoNotMatter) {
@@ -79,7 +79,7 @@ TEST_F(StorebagEnvelope, AnEmptyBodyIsAParseErrorAndHasNoSignature) {
 }
 
 TEST_F(StorebagEnvelope, ADamagedListIsAParseErrorAndHasNoSignature) {
-  const std::string whole = signer.envelope(storebag);
+  const std::string whole = enveloped(signer, storebag);
   EXPECT_FALSE(open(std::string_view(whole).substr(0, whole.size() / 2)));
   const auto errors = log.texts(LogLevel::error);
   ASSERT_EQ(errors.size(), 2u);
@@ -114,7 +114,7 @@ TEST_F(StorebagEnvelope, ASignatureThatIsMissingOrOfAnotherTypeIsTold) {
 }
 
 TEST_F(StorebagEnvelope, WithoutAUsableKeyNothingIsLogged) {
-  const std::string envelope = signer.envelope(storebag);
+  const std::string envelope = enveloped(signer, storebag);
   for (const std::string_view unusable :
        {std::string_view(), std::string_view("no key"), std::string_view(key).substr(0, 100)})
     EXPECT_FALSE(storebagFromEnvelope(envelope, unusable));
@@ -190,7 +190,7 @@ TEST_F(StorebagEnvelope, ASignatureOfAnotherLengthIsRefused) {
 }
 
 TEST_F(StorebagEnvelope, AnotherKeysSignatureIsRefused) {
-  EXPECT_FALSE(open(strangeSigner().envelope(storebag)));
+  EXPECT_FALSE(open(enveloped(strangeSigner(), storebag)));
   EXPECT_TRUE(refusedAsForged());
 }
 

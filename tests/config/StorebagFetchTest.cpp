@@ -5,7 +5,7 @@
 
 #include "config/StorebagFetch.h"
 #include "platform/data/PropertyList.h"
-#include "tests/config/StorebagSigner.h"
+#include "tests/config/Signers.h"
 #include "tests/fakes/TestPlatform.h"
 
 namespace corvid {
@@ -18,7 +18,7 @@ const std::string signatureMissing = "fetchStorebagWithName: Signature is missin
 struct StorebagFetch : testing::Test {
   StorebagFetch() {
     platform.files->files[paths.publicKeyFile] = {trustedSigner().publicKeyDER(), {}};
-    answer(200, trustedSigner().envelope(storebag));
+    answer(200, enveloped(trustedSigner(), storebag));
   }
   void answer(int status, std::string body, HTTPHeaders headers = {}) {
     platform.http->answerWith(
@@ -109,7 +109,7 @@ TEST_F(StorebagFetch, AsksByNameAndVersionAndReturnsTheVerifiedStorebag) {
 }
 
 TEST_F(StorebagFetch, EveryFetchAsksTheServerHoweverFreshTheLastAnswer) {
-  answer(200, trustedSigner().envelope(storebag), {{"Cache-Control", "max-age=86400"}});
+  answer(200, enveloped(trustedSigner(), storebag), {{"Cache-Control", "max-age=86400"}});
   EXPECT_TRUE(fetch());
   EXPECT_TRUE(fetch());
   EXPECT_EQ(platform.http->requests().size(), 2u);
@@ -177,7 +177,7 @@ TEST_F(StorebagFetch, AnAbsentNameHasNoFallback) {
 }
 
 TEST_F(StorebagFetch, MaxAgeComesFromCacheControl) {
-  const std::string body = trustedSigner().envelope(storebag);
+  const std::string body = enveloped(trustedSigner(), storebag);
   answer(200, body, {{"Cache-Control", "max-age=600"}});
   EXPECT_TRUE(fetch());
   EXPECT_EQ(fetched.maxAge, 600);
@@ -240,7 +240,7 @@ TEST_F(StorebagFetch, WithoutLastModifiedAnEmptyBodyIsNeverUnchanged) {
 
 TEST_F(StorebagFetch, ANewLastModifiedReplacesTheOldOne) {
   lastModified = "before";
-  answer(200, trustedSigner().envelope(storebag), {{"Last-Modified", "after"}});
+  answer(200, enveloped(trustedSigner(), storebag), {{"Last-Modified", "after"}});
   EXPECT_EQ(fetch(), storebag);
   EXPECT_EQ(fetched.lastModified, "after");
   EXPECT_FALSE(fetched.notModified);
@@ -256,12 +256,12 @@ TEST_F(StorebagFetch, ALaterFailureKeepsTheNewLastModified) {
 }
 
 TEST_F(StorebagFetch, TheStatusCodeIsNotExamined) {
-  answer(503, trustedSigner().envelope(storebag));
+  answer(503, enveloped(trustedSigner(), storebag));
   EXPECT_EQ(fetch(), storebag);
 }
 
 TEST_F(StorebagFetch, AForgedStorebagIsRefused) {
-  answer(200, strangeSigner().envelope(storebag));
+  answer(200, enveloped(strangeSigner(), storebag));
   EXPECT_FALSE(fetch());
   const auto errors = platform.log.texts(LogLevel::error);
   ASSERT_EQ(errors.size(), 1u);
@@ -272,7 +272,7 @@ TEST_F(StorebagFetch, TheKeyFileIsReadAtEachFetch) {
   EXPECT_TRUE(fetch());
   platform.files->files[paths.publicKeyFile].content = strangeSigner().publicKeyDER();
   EXPECT_FALSE(fetch());
-  platform.files->files[paths.publicKeyFile].content = trustedSigner().barePublicKeyDER();
+  platform.files->files[paths.publicKeyFile].content = barePublicKeyDER(trustedSigner());
   EXPECT_TRUE(fetch());
 }
 
@@ -295,7 +295,7 @@ TEST_F(StorebagFetch, BlocksItsCallerUntilTheExchangeEnds) {
     std::this_thread::yield();
   ASSERT_EQ(platform.http->exchangesUnderWay(), 1u);
   platform.http->completeNext(
-      FakeHTTPClient::response(200, trustedSigner().envelope(storebag), {}));
+      FakeHTTPClient::response(200, enveloped(trustedSigner(), storebag), {}));
   caller.join();
   EXPECT_EQ(fetched.storebag, storebag);
 }

@@ -5,7 +5,7 @@
 
 #include "daemon/CheckConfig.h"
 #include "platform/data/PropertyList.h"
-#include "tests/config/StorebagSigner.h"
+#include "tests/config/Signers.h"
 #include "tests/fakes/ScratchRoot.h"
 
 namespace corvid {
@@ -131,7 +131,7 @@ TEST_F(CheckConfig, NeedsAPublicKey) {
 }
 
 TEST_F(CheckConfig, TakesABarePublicKeyToo) {
-  root.write(publicKey, trustedSigner().barePublicKeyDER());
+  root.write(publicKey, barePublicKeyDER(trustedSigner()));
   EXPECT_EQ(finding(publicKey), "right: an RSA public key");
 }
 

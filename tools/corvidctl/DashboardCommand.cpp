@@ -12,7 +12,7 @@
 #include "platform/Platform.h"
 #include "platform/data/JSON.h"
 #include "tools/CommandLine.h"
-#include "tools/corvidctl/JSONValues.h"
+#include "tools/JSONValues.h"
 #include "tools/corvidctl/SendingPlatform.h"
 
 namespace corvid::ctl {
@@ -40,7 +40,7 @@ Dictionary payloadFrom(const CommandLine& line) {
   const auto text = line.text("--payload");
   if (!text) return {};
   const Result<Value> json = parseJSON(*text);
-  const Result<Value> value = json ? valueFromJSON(json.value()) : json;
+  const Result<Value> value = json ? tools::valueFromJSON(json.value()) : json;
   if (!value) throw UsageError("--payload: " + value.failure().message);
   if (!value.value().dictionary()) throw UsageError("--payload takes a JSON object");
   return *value.value().dictionary();

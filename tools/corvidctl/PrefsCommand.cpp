@@ -12,7 +12,7 @@
 #include "platform/Paths.h"
 #include "platform/data/FilePreferences.h"
 #include "tools/CommandLine.h"
-#include "tools/corvidctl/JSONValues.h"
+#include "tools/JSONValues.h"
 
 namespace corvid::ctl {
 
@@ -22,7 +22,7 @@ using tools::UsageError;
 namespace {
 
 Value preferenceValue(const std::string& word) {
-  Result<Value> value = valueFromWord(word);
+  Result<Value> value = tools::valueFromWord(word);
   if (!value) throw UsageError(value.failure().message);
   if (value.value().isNull())
     throw UsageError("null is no value of a preference; prefs delete removes the key");
@@ -30,7 +30,7 @@ Value preferenceValue(const std::string& word) {
 }
 
 std::string shown(const Value& value) {
-  const std::string text = description(Array{jsonFromValue(value)});
+  const std::string text = description(Array{tools::jsonFromValue(value)});
   return text.substr(1, text.size() - 2);
 }
 

@@ -12,7 +12,7 @@
 #include <system_error>
 
 #include "protocol/Keys.h"
-#include "tools/corvidctl/JSONValues.h"
+#include "tools/JSONValues.h"
 #include "tools/corvidctl/ReportingSession.h"
 
 namespace corvid::ctl {
@@ -28,7 +28,7 @@ Dictionary payloadFrom(const std::vector<std::string>& words) {
     const std::size_t equals = word.find('=');
     if (equals == 0 || equals == std::string::npos)
       throw UsageError("a payload entry is written key=value, not " + word);
-    Result<Value> value = valueFromWord(word.substr(equals + 1));
+    Result<Value> value = tools::valueFromWord(word.substr(equals + 1));
     if (!value) throw UsageError(word + ": " + value.failure().message);
     payload.set(word.substr(0, equals), std::move(value).value());
   }

@@ -4,7 +4,7 @@
 #include <map>
 #include <thread>
 
-#include "tools/corvidctl/JSONValues.h"
+#include "tools/JSONValues.h"
 
 namespace corvid::ctl {
 
@@ -14,10 +14,12 @@ using tools::InputError;
 namespace {
 
 Value orNull(const std::optional<Dictionary>& dictionary) {
-  return dictionary ? jsonFromValue(*dictionary) : Value();
+  return dictionary ? tools::jsonFromValue(*dictionary) : Value();
 }
 Value orNull(const std::optional<std::string>& text) { return text ? Value(*text) : Value(); }
-Value orNull(const std::optional<Array>& array) { return array ? jsonFromValue(*array) : Value(); }
+Value orNull(const std::optional<Array>& array) {
+  return array ? tools::jsonFromValue(*array) : Value();
+}
 Value orNull(const std::optional<CorvidError>& error) {
   if (!error) return {};
   return Dictionary{{"domain", error->domain},

@@ -8,8 +8,8 @@
 #include <thread>
 
 #include "platform/data/JSON.h"
+#include "tools/JSONValues.h"
 #include "tools/corvidctl/Client.h"
-#include "tools/corvidctl/JSONValues.h"
 #include "tools/corvidctl/LineReader.h"
 #include "tools/corvidctl/SessionCalls.h"
 
@@ -51,7 +51,7 @@ class Output {
 Dictionary parsed(const std::string& text) {
   const Result<Value> json = parseJSON(text);
   if (!json) throw InputError("it is not JSON: " + json.failure().message);
-  const Result<Value> value = valueFromJSON(json.value());
+  const Result<Value> value = tools::valueFromJSON(json.value());
   if (!value) throw InputError(value.failure().message);
   if (!value.value().dictionary()) throw InputError("it is not a JSON object");
   return *value.value().dictionary();

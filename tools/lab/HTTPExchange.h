@@ -1,13 +1,16 @@
 // What a server of the lab receives and what its handler answers, faults included.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
+#include "base/Text.h"
 #include "platform/HTTPClient.h"
 
 namespace corvid::lab {
@@ -20,9 +23,16 @@ struct Request {
   std::size_t connection = 0;  // number of the connection it came on, from 0 in order of acceptance
 
   // The first value of the header, found without regard to case.
-  std::optional<std::string> header(std::string_view name) const;
+  std::optional<std::string> header(std::string_view name) const {
+    for (const auto& [key, value] : headers)
+      if (equalsIgnoringCase(key, name)) return value;
+    return std::nullopt;
+  }
   // How many headers of that name came.
-  std::size_t headerCount(std::string_view name) const;
+  std::size_t headerCount(std::string_view name) const {
+    return static_cast<std::size_t>(std::ranges::count_if(
+        headers, [&](const auto& header) { return equalsIgnoringCase(header.first, name); }));
+  }
 };
 
 // An answer, sent as a well-behaved server would unless one of the faults is asked for.
@@ -47,7 +57,9 @@ struct Answer {
   bool silent = false;   // nothing at all; the connection stays open until the peer goes
   bool hangUp = false;   // ends the connection properly after the answer, without announcing it
 
-  static Answer redirect(std::string location, int status = 302);
+  static Answer redirect(std::string location, int status = 302) {
+    return {.status = status, .headers = {{"Location", std::move(location)}}};
+  }
 };
 
 // Runs on a thread of the connection, several connections at once.

@@ -16,8 +16,8 @@
 namespace corvid::lab {
 namespace {
 
-constexpr int kBacklog = 512;
-constexpr std::chrono::milliseconds kWaitForDescriptors{10};
+constexpr int backlog = 512;
+constexpr std::chrono::milliseconds waitForDescriptors{10};
 
 // A listening socket on 127.0.0.1, and the port it got.
 std::pair<int, std::uint16_t> listenOnLoopback(std::uint16_t port) {
@@ -30,7 +30,7 @@ std::pair<int, std::uint16_t> listenOnLoopback(std::uint16_t port) {
   socklen_t size = sizeof address;
   auto* const generic = reinterpret_cast<sockaddr*>(&address);
   if (listener < 0 || ::setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
-      ::bind(listener, generic, size) != 0 || ::listen(listener, kBacklog) != 0 ||
+      ::bind(listener, generic, size) != 0 || ::listen(listener, backlog) != 0 ||
       ::getsockname(listener, generic, &size) != 0) {
     const std::string reason = std::strerror(errno);
     if (listener >= 0) ::close(listener);
@@ -84,7 +84,7 @@ void HTTPServer::acceptConnections() {
     if (socket >= 0) {
       add(socket);
     } else if (errno == EMFILE || errno == ENFILE) {
-      std::this_thread::sleep_for(kWaitForDescriptors);
+      std::this_thread::sleep_for(waitForDescriptors);
     } else if (errno != EINTR && errno != ECONNABORTED) {
       return;  // stop() has shut the listener
     }

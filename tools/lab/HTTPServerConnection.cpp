@@ -13,9 +13,9 @@
 namespace corvid::lab {
 namespace {
 
-constexpr std::size_t kHeadLimit = 64 * 1024;
-constexpr std::size_t kBodyLimit = 512 * 1024 * 1024;
-constexpr std::size_t kReadSize = 64 * 1024;
+constexpr std::size_t headLimit = 64 * 1024;
+constexpr std::size_t bodyLimit = 512 * 1024 * 1024;
+constexpr std::size_t readSize = 64 * 1024;
 
 // A write to a connection that the peer has left reports an error instead of ending the process.
 void blockBrokenPipeSignal() {
@@ -119,7 +119,7 @@ std::optional<Request> HTTPServerConnection::readRequest() {
 bool HTTPServerConnection::readHead(std::string& head) {
   std::size_t end;
   while ((end = _buffer.find("\r\n\r\n")) == _buffer.npos) {
-    if (_buffer.size() > kHeadLimit) {
+    if (_buffer.size() > headLimit) {
       refuse(431);
       return false;
     }
@@ -138,8 +138,8 @@ bool HTTPServerConnection::readBody(Request& request) {
   std::size_t length = 0;
   if (const auto text = request.header("Content-Length")) {
     const auto [end, error] = std::from_chars(text->data(), text->data() + text->size(), length);
-    if (error != std::errc() || end != text->data() + text->size() || length > kBodyLimit) {
-      refuse(length > kBodyLimit ? 413 : 400);
+    if (error != std::errc() || end != text->data() + text->size() || length > bodyLimit) {
+      refuse(length > bodyLimit ? 413 : 400);
       return false;
     }
   }
@@ -152,8 +152,8 @@ bool HTTPServerConnection::readBody(Request& request) {
 
 bool HTTPServerConnection::fillBuffer() {
   const std::size_t used = _buffer.size();
-  _buffer.resize(used + kReadSize);
-  const std::size_t count = _stream.read(_buffer.data() + used, kReadSize);
+  _buffer.resize(used + readSize);
+  const std::size_t count = _stream.read(_buffer.data() + used, readSize);
   _buffer.resize(used + count);
   return count != 0;
 }
@@ -186,7 +186,7 @@ bool HTTPServerConnection::send(const Answer& answer) {
 bool HTTPServerConnection::sendBody(const Answer& answer) {
   std::string_view rest = answer.body;
   if (answer.endless) {
-    const std::string filler = answer.body.empty() ? std::string(kReadSize, 'x') : answer.body;
+    const std::string filler = answer.body.empty() ? std::string(readSize, 'x') : answer.body;
     while (_stream.write(filler)) continue;
     return false;
   }

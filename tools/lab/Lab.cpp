@@ -23,10 +23,7 @@ Lab::Lab(const std::string& root, Options options)
       _identity(_root.tlsFolder()),
       _signer(_root.signingKeyFile()),
       _received(_root.receivedFile()),
-      _events("events", _received),
-      _realtime("realtime", _received),
-      _logData(_received),
-      _uploads(_received),
+      _collectors(_received),
       _storebagFolder(_root.storebagFolder(), _signer, options.maxAge,
                       [this](std::string_view name) {
                         if (name == "dashboardPort") return std::to_string(_dashboard.port());
@@ -52,10 +49,11 @@ Lab::Lab(const std::string& root, Options options)
 Answer Lab::report(const Request& request) {
   const std::string_view path =
       std::string_view(request.target).substr(0, request.target.find('?'));
-  if (path == "/events") return _faults.apply("events", _events.answer(request));
-  if (path == "/realtime") return _faults.apply("realtime", _realtime.answer(request));
-  if (path == "/logData") return _faults.apply("logData", _logData.answer(request));
-  if (path == "/upload") return _faults.apply("upload", _uploads.answer(request));
+  if (path == "/events") return _faults.apply("events", _collectors.events("events", request));
+  if (path == "/realtime")
+    return _faults.apply("realtime", _collectors.events("realtime", request));
+  if (path == "/logData") return _faults.apply("logData", _collectors.logData(request));
+  if (path == "/upload") return _faults.apply("upload", _collectors.upload(request));
   return {.status = 404, .body = "this server has /events, /realtime, /logData and /upload\n"};
 }
 

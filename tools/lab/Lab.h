@@ -6,17 +6,15 @@
 #include <string>
 
 #include "base/Value.h"
+#include "tools/lab/Collectors.h"
 #include "tools/lab/DashboardServer.h"
-#include "tools/lab/EventCollector.h"
 #include "tools/lab/FaultPlan.h"
 #include "tools/lab/HTTPServer.h"
 #include "tools/lab/LabRoot.h"
-#include "tools/lab/LogDataCollector.h"
-#include "tools/lab/ReceivedLog.h"
+#include "tools/lab/Received.h"
 #include "tools/lab/StorebagServer.h"
 #include "tools/lab/StorebagSigner.h"
 #include "tools/lab/TLSIdentity.h"
-#include "tools/lab/UploadCollector.h"
 
 namespace corvid::lab {
 
@@ -61,10 +59,7 @@ class Lab {
   const StorebagSigner _signer;
   ReceivedLog _received;
   FaultPlan _faults{{"storebags", "events", "realtime", "logData", "upload"}};
-  const EventCollector _events;
-  const EventCollector _realtime;
-  LogDataCollector _logData;
-  const UploadCollector _uploads;
+  Collectors _collectors;
   const StorebagServer _storebagFolder;
   // The servers come last: they stop before what their handlers use.
   DashboardServer _dashboard;

@@ -14,13 +14,17 @@
 
 #include "platform/Paths.h"
 #include "platform/data/PropertyList.h"
-#include "tools/lab/SandboxProfile.h"
 
 namespace corvid::lab {
 
 namespace {
 
 namespace fs = std::filesystem;
+
+// The daemon's sandbox profile as it stood when this program was built.
+constexpr std::string_view sandboxProfile =
+#include "SandboxProfile.inc"
+    ;
 
 // Lets every country code pass: an entry's list is searched for items that occur inside the code.
 Array everyLetter() {

@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <stdexcept>
 
-#include "base/Value.h"
 #include "platform/data/Crypto.h"
 #include "platform/data/PropertyList.h"
 
@@ -29,37 +28,31 @@ using File = std::unique_ptr<std::FILE, CloseFile>;
 
 }  // namespace
 
-struct StorebagSigner::Key {
-  explicit Key(EVP_PKEY* pair) : pkey(pair) {}
-  ~Key() { EVP_PKEY_free(pkey); }
-  Key(const Key&) = delete;
-  Key& operator=(const Key&) = delete;
-  EVP_PKEY* pkey;
-};
+void StorebagSigner::Free::operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
+
+StorebagSigner::StorebagSigner() : _key(EVP_RSA_gen(2048)) {
+  if (!_key) fail("cannot make one");
+}
 
 StorebagSigner::StorebagSigner(const std::string& keyFile) {
   if (std::filesystem::exists(keyFile)) {
     const File file(std::fopen(keyFile.c_str(), "re"));
-    EVP_PKEY* pair = file ? PEM_read_PrivateKey(file.get(), nullptr, nullptr, nullptr) : nullptr;
-    if (pair == nullptr) fail("cannot read " + keyFile);
-    _key = std::make_unique<Key>(pair);
+    if (file) _key.reset(PEM_read_PrivateKey(file.get(), nullptr, nullptr, nullptr));
+    if (!_key) fail("cannot read " + keyFile);
     return;
   }
-  EVP_PKEY* pair = EVP_RSA_gen(2048);
-  if (pair == nullptr) fail("cannot make one");
-  _key = std::make_unique<Key>(pair);
+  *this = StorebagSigner();
   const mode_t before = umask(0077);
   const File file(std::fopen(keyFile.c_str(), "wxe"));
   umask(before);
-  if (!file || PEM_write_PrivateKey(file.get(), pair, nullptr, nullptr, 0, nullptr, nullptr) != 1)
+  if (!file ||
+      PEM_write_PrivateKey(file.get(), _key.get(), nullptr, nullptr, 0, nullptr, nullptr) != 1)
     fail("cannot write " + keyFile);
 }
 
-StorebagSigner::~StorebagSigner() = default;
-
 std::string StorebagSigner::publicKeyDER() const {
   unsigned char* der = nullptr;
-  const int length = i2d_PUBKEY(_key->pkey, &der);
+  const int length = i2d_PUBKEY(_key.get(), &der);
   if (length <= 0) fail("cannot encode the public half");
   std::string text(reinterpret_cast<const char*>(der), static_cast<std::size_t>(length));
   OPENSSL_free(der);
@@ -68,11 +61,11 @@ std::string StorebagSigner::publicKeyDER() const {
 
 std::string StorebagSigner::signature(std::string_view bytes) const {
   EVP_MD_CTX* context = EVP_MD_CTX_new();
-  std::string signed_(static_cast<std::size_t>(EVP_PKEY_get_size(_key->pkey)), '\0');
+  std::string signed_(static_cast<std::size_t>(EVP_PKEY_get_size(_key.get())), '\0');
   std::size_t length = signed_.size();
   const bool done =
       context != nullptr &&
-      EVP_DigestSignInit(context, nullptr, EVP_sha1(), nullptr, _key->pkey) == 1 &&
+      EVP_DigestSignInit(context, nullptr, EVP_sha1(), nullptr, _key.get()) == 1 &&
       EVP_DigestSign(context, reinterpret_cast<unsigned char*>(signed_.data()), &length,
                      reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size()) == 1;
   EVP_MD_CTX_free(context);
@@ -81,9 +74,12 @@ std::string StorebagSigner::signature(std::string_view bytes) const {
   return signed_;
 }
 
+Dictionary StorebagSigner::envelopeFields(std::string_view bag) const {
+  return {{"signature", base64Encode(signature(bag))}, {"bag", base64Encode(bag)}};
+}
+
 std::string StorebagSigner::envelope(std::string_view bag) const {
-  return writeXMLPropertyList(
-      Value(Dictionary{{"signature", base64Encode(signature(bag))}, {"bag", base64Encode(bag)}}));
+  return writeXMLPropertyList(envelopeFields(bag));
 }
 
 }  // namespace corvid::lab

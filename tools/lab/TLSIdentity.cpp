@@ -24,9 +24,9 @@ struct Free {
 template <class T>
 using Owned = std::unique_ptr<T, Free>;
 
-constexpr long kDay = 24 * 60 * 60;
-constexpr const char* kLoopbackNames = "DNS:localhost,IP:127.0.0.1,IP:::1";
-constexpr const char* kVariants[] = {"server", "expired", "wrong-host", "self-signed"};
+constexpr long day = 24 * 60 * 60;
+constexpr const char* loopbackNames = "DNS:localhost,IP:127.0.0.1,IP:::1";
+constexpr const char* variants[] = {"server", "expired", "wrong-host", "self-signed"};
 
 void require(bool done, const std::string& what) {
   if (!done) throw std::runtime_error("cannot make a TLS identity: " + what);
@@ -41,8 +41,8 @@ std::uint32_t randomNumber() {
 struct Subject {
   const char* commonName;
   const char* hosts = nullptr;  // none: a certificate authority
-  long validFrom = -kDay;       // seconds from now
-  long validUntil = 3650 * kDay;
+  long validFrom = -day;        // seconds from now
+  long validUntil = 3650 * day;
 };
 
 // A key with its certificate, and the authority that others are signed by.
@@ -123,7 +123,7 @@ TLSCertificate TLSIdentity::named(const std::string& name) const {
 }
 
 bool TLSIdentity::isComplete() const {
-  for (const char* name : kVariants) {
+  for (const char* name : variants) {
     const TLSCertificate files = named(name);
     if (!std::filesystem::exists(files.certificateFile) || !std::filesystem::exists(files.keyFile))
       return false;
@@ -136,10 +136,10 @@ void TLSIdentity::make() const {
   // Authorities of one name would be taken for each other.
   const std::string name = "corvid-lab authority " + std::to_string(randomNumber());
   const Pair authority = makePair({.commonName = name.c_str()}, nullptr);
-  writePair(makePair({"localhost", kLoopbackNames}, &authority), server());
-  writePair(makePair({"localhost", kLoopbackNames, -2 * kDay, -kDay}, &authority), expired());
+  writePair(makePair({"localhost", loopbackNames}, &authority), server());
+  writePair(makePair({"localhost", loopbackNames, -2 * day, -day}, &authority), expired());
   writePair(makePair({"elsewhere.invalid", "DNS:elsewhere.invalid"}, &authority), wrongHost());
-  writePair(makePair({"localhost", kLoopbackNames}, nullptr), selfSigned());
+  writePair(makePair({"localhost", loopbackNames}, nullptr), selfSigned());
   // Last: where it stands, the others are its own.
   writePair(authority, named("ca"));
 }

@@ -3,8 +3,7 @@
 
 #include "platform/Compressor.h"
 #include "tests/tools/lab/LabFixture.h"
-#include "tools/lab/Gunzip.h"
-#include "tools/lab/ReceivedSummary.h"
+#include "tools/lab/Collectors.h"
 
 namespace corvid::lab {
 namespace {

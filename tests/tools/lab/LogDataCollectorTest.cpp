@@ -1,7 +1,6 @@
 // Log data as the lab receives it, and what it tells people of that and of packets.
 #include "platform/data/PropertyList.h"
 #include "tests/tools/lab/LabFixture.h"
-#include "tools/lab/ReceivedSummary.h"
 
 namespace corvid::lab {
 namespace {

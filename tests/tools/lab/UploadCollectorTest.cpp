@@ -3,8 +3,7 @@
 
 #include "platform/Compressor.h"
 #include "tests/tools/lab/LabFixture.h"
-#include "tools/lab/ReceivedSummary.h"
-#include "tools/lab/UploadCollector.h"
+#include "tools/lab/Collectors.h"
 
 namespace corvid::lab {
 namespace {
@@ -40,7 +39,7 @@ TEST_F(UploadCollectorTest, WritesDownQueryAndFileAndConfirms) {
 }
 
 TEST_F(UploadCollectorTest, ShowsNoContentThatIsLargeOrNoText) {
-  EXPECT_EQ(post("", std::string(UploadCollector::shownBytes + 1, 'x')).status, 200);
+  EXPECT_EQ(post("", std::string(Collectors::shownBytes + 1, 'x')).status, 200);
   EXPECT_EQ(post("", "\xff\xfe").status, 200);
   for (const Dictionary& entry : received()) {
     EXPECT_FALSE(dictionaryAt(entry, "file")->contains("content"));

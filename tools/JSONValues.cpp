@@ -1,11 +1,11 @@
-#include "tools/corvidctl/JSONValues.h"
+#include "tools/JSONValues.h"
 
 #include "base/Describe.h"
 #include "base/Reading.h"
 #include "platform/data/Crypto.h"
 #include "platform/data/JSON.h"
 
-namespace corvid::ctl {
+namespace corvid::tools {
 
 namespace {
 
@@ -71,4 +71,4 @@ Value jsonFromValue(const Value& value) {
   return value;
 }
 
-}  // namespace corvid::ctl
+}  // namespace corvid::tools

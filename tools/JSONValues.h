@@ -7,7 +7,7 @@
 #include "base/Result.h"
 #include "base/Value.h"
 
-namespace corvid::ctl {
+namespace corvid::tools {
 
 // `json` with every {"$date":…} and {"$data":…} replaced by what it stands for. A failure names the
 // one that cannot be read.
@@ -20,4 +20,4 @@ Result<Value> valueFromWord(const std::string& word);
 // `value` with dates and data replaced by their JSON forms.
 Value jsonFromValue(const Value& value);
 
-}  // namespace corvid::ctl
+}  // namespace corvid::tools

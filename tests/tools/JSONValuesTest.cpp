@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 
 #include "platform/data/JSON.h"
-#include "tools/corvidctl/JSONValues.h"
+#include "tools/JSONValues.h"
 
-namespace corvid::ctl {
+namespace corvid::tools {
 namespace {
 
 Value read(std::string_view json) {
@@ -91,4 +91,4 @@ TEST(JSONValues, AWordIsJSONOrElseItself) {
 }
 
 }  // namespace
-}  // namespace corvid::ctl
+}  // namespace corvid::tools

@@ -1,4 +1,4 @@
-// What the lab received, one JSON object a line.
+// What the lab received: DIR/lab/received.jsonl, one JSON object a line.
 #pragma once
 
 #include <fstream>
@@ -24,5 +24,8 @@ class ReceivedLog {
   Mutex _mutex;
   std::ofstream _file GUARDED_BY(_mutex);
 };
+
+// One entry as a few lines for people: what came, how it was labelled, the events in it.
+std::string summary(const Dictionary& entry);
 
 }  // namespace corvid::lab

@@ -1,9 +1,12 @@
-#include "tools/lab/ReceivedSummary.h"
+#include "tools/lab/Received.h"
 
 #include <fmt/format.h>
 
+#include <stdexcept>
+
 #include "base/Describe.h"
 #include "base/Reading.h"
+#include "platform/data/JSON.h"
 
 namespace corvid::lab {
 
@@ -39,6 +42,17 @@ std::string fileLine(const Dictionary& entry, const Dictionary& file) {
 }
 
 }  // namespace
+
+ReceivedLog::ReceivedLog(const std::string& path) : _file(path, std::ios::binary | std::ios::app) {
+  if (!_file) throw std::runtime_error("cannot write " + path);
+}
+
+void ReceivedLog::append(const Dictionary& entry) {
+  const std::string line =
+      writeJSON(entry).value_or("{\"error\":\"received something that JSON cannot hold\"}");
+  const MutexLock lock(_mutex);
+  _file << line << '\n' << std::flush;
+}
 
 std::string summary(const Dictionary& entry) {
   std::string text =

@@ -1,0 +1,31 @@
+// The other side of the storebag server, for tests: one key that is trusted and one that is not.
+#pragma once
+
+#include <string>
+
+#include "platform/data/PropertyList.h"
+#include "tools/lab/StorebagSigner.h"
+
+namespace corvid {
+
+// One for the whole test program; and one whose key nobody trusts.
+inline const lab::StorebagSigner& trustedSigner() {
+  static const lab::StorebagSigner signer;
+  return signer;
+}
+inline const lab::StorebagSigner& strangeSigner() {
+  static const lab::StorebagSigner signer;
+  return signer;
+}
+
+// A whole envelope: XML outside, the storebag as XML inside.
+inline std::string enveloped(const lab::StorebagSigner& signer, const Dictionary& storebag) {
+  return signer.envelope(writeXMLPropertyList(storebag));
+}
+
+// The key as a bare RSAPublicKey: without the 24 bytes that say what kind of key it is.
+inline std::string barePublicKeyDER(const lab::StorebagSigner& signer) {
+  return signer.publicKeyDER().substr(24);
+}
+
+}  // namespace corvid
