@@ -1,138 +1,63 @@
 #include "daemon/Options.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
-#include <charconv>
 #include <cstdint>
-#include <iterator>
+#include <limits>
 #include <utility>
+
+#include "base/CommandLine.h"
 
 namespace corvid {
 
-const std::string_view optionsHelp =
-    R"(usage: corvidd [options]
-
-Reporting daemon: takes events from entitled clients and delivers them to the
-backends that their configuration names.
-
-  --root DIR            find every file below DIR instead of / (or CORVID_ROOT)
-  --log stderr|syslog   where log lines go (syslog)
-  --log-level LEVEL     error, warning, info or debug (info)
-  --idle-exit SECONDS   end after so long without work; 0 is never (60 when
-                        started by its socket, else 0)
-  --sandbox enforce|off enter the sandbox profile, or do without it (enforce)
-  --check-config        check every file that the daemon reads, and exit
-  --version             print the version, and exit
-  --help                print this text, and exit
-)";
-
 namespace {
 
-using Refusal = std::optional<Failure>;
-
-// Sets `target` to what `value` stands for; the refusal names the choices.
-template <class T, std::size_t count>
-Refusal choose(T& target, std::string_view value,
-               const std::pair<std::string_view, T> (&choices)[count]) {
-  std::string names;
-  for (const auto& [name, meaning] : choices) {
-    if (name == value) {
-      target = meaning;
-      return std::nullopt;
-    }
-    names += names.empty() ? "" : ", ";
-    names += name;
-  }
-  return Failure{fmt::format("takes one of {}, not '{}'", names, value)};
-}
-
-Refusal setRoot(Options& options, std::string_view value) {
-  if (value.empty()) return Failure{"takes a folder, not an empty text"};
-  options.root = value;
-  return std::nullopt;
-}
-
-Refusal setLog(Options& options, std::string_view value) {
-  return choose<LogDestination>(
-      options.log, value,
-      {{"stderr", LogDestination::standardError}, {"syslog", LogDestination::syslog}});
-}
-
-Refusal setLogLevel(Options& options, std::string_view value) {
-  return choose<LogLevel>(options.logLevel, value,
-                          {{"error", LogLevel::error},
-                           {"warning", LogLevel::warning},
-                           {"info", LogLevel::info},
-                           {"debug", LogLevel::debug}});
-}
-
-Refusal setIdleExit(Options& options, std::string_view value) {
-  std::uint32_t seconds = 0;
-  const char* const end = value.data() + value.size();
-  const auto [stop, error] = std::from_chars(value.data(), end, seconds);
-  if (error != std::errc() || stop != end)
-    return Failure{fmt::format("takes whole seconds, not '{}'", value)};
-  options.idleExit = std::chrono::seconds(seconds);
-  return std::nullopt;
-}
-
-Refusal setSandbox(Options& options, std::string_view value) {
-  return choose<bool>(options.enforcesSandbox, value, {{"enforce", true}, {"off", false}});
-}
-
-struct ValueOption {
-  std::string_view name;
-  Refusal (*set)(Options&, std::string_view value);
-};
-constexpr ValueOption valueOptions[] = {
-    {"--root", setRoot},          {"--log", setLog},         {"--log-level", setLogLevel},
-    {"--idle-exit", setIdleExit}, {"--sandbox", setSandbox},
-};
-
-struct ActionOption {
-  std::string_view name;
-  Options::Action action;
-};
-constexpr ActionOption actionOptions[] = {
-    {"--check-config", Options::Action::checkConfig},
-    {"--version", Options::Action::printVersion},
-    {"--help", Options::Action::printHelp},
-};
-
-// The entry of that name, or nullptr.
-template <class Entry, std::size_t count>
-const Entry* find(const Entry (&entries)[count], std::string_view name) {
-  const auto found = std::ranges::find(entries, name, &Entry::name);
-  return found == std::end(entries) ? nullptr : found;
+// An option that takes one of a few words.
+template <class T>
+void addChoice(CLI::App& app, const std::string& name, T& target,
+               const std::vector<std::pair<std::string, T>>& choices, const std::string& help) {
+  std::string words;
+  for (const auto& [word, meaning] : choices) words += (words.empty() ? "" : "|") + word;
+  const auto choose = [&target, choices, name, words](const std::string& given) {
+    const auto found = std::ranges::find(choices, given, &std::pair<std::string, T>::first);
+    if (found == choices.end())
+      throw CLI::ValidationError(name, fmt::format("takes {}, not \"{}\"", words, given));
+    target = found->second;
+  };
+  app.add_option_function<std::string>(name, choose, help)->type_name(words);
 }
 
 }  // namespace
 
-Result<Options> parseOptions(std::span<const char* const> arguments,
-                             const char* rootFromEnvironment) {
+std::variant<Options, int> readOptions(std::vector<std::string> arguments) {
   Options options;
-  if (rootFromEnvironment) options.root = rootFromEnvironment;
-  for (std::size_t i = 0; i < arguments.size(); ++i) {
-    const std::string_view argument = arguments[i];
-    if (const ActionOption* found = find(actionOptions, argument)) {
-      options.action = found->action;
-      if (options.action != Options::Action::checkConfig) return options;
-      continue;
-    }
-    const std::size_t equals = argument.find('=');
-    const std::string_view name = argument.substr(0, equals);
-    const ValueOption* found = find(valueOptions, name);
-    if (!found)
-      return Failure{
-          fmt::format("unknown argument '{}' (corvidd --help lists the options)", argument)};
-    if (equals == std::string_view::npos && i + 1 == arguments.size())
-      return Failure{fmt::format("option {} needs an argument", name)};
-    const std::string_view value =
-        equals == std::string_view::npos ? arguments[++i] : argument.substr(equals + 1);
-    if (const Refusal refusal = found->set(options, value))
-      return Failure{fmt::format("option {} {}", name, refusal->message)};
-  }
+  CLI::App app(
+      "Reporting daemon: takes events from entitled clients and delivers them to the\n"
+      "backends that their configuration names.",
+      "corvidd");
+  addCommonOptions(app, "corvidd " CORVID_VERSION);
+  addFolder(app, "--root", options.root, "Find every file below DIR instead of /")
+      ->envname("CORVID_ROOT");
+  addChoice<LogDestination>(
+      app, "--log", options.log,
+      {{"stderr", LogDestination::standardError}, {"syslog", LogDestination::syslog}},
+      "Where log lines go (syslog)");
+  addChoice<LogLevel>(app, "--log-level", options.logLevel,
+                      {{"error", LogLevel::error},
+                       {"warning", LogLevel::warning},
+                       {"info", LogLevel::info},
+                       {"debug", LogLevel::debug}},
+                      "Log lines of this level and more severe ones (info)");
+  std::int64_t idleExit = 0;
+  const CLI::Option* const hasIdleExit = addNumber(
+      app, "--idle-exit", idleExit, 0, std::numeric_limits<std::uint32_t>::max(),
+      "End after so many seconds without work; 0 is never\n(60 when started by its socket, else 0)");
+  addChoice<bool>(app, "--sandbox", options.enforcesSandbox, {{"enforce", true}, {"off", false}},
+                  "Enter the sandbox profile, or do without it (enforce)");
+  app.add_flag("--check-config", options.checksConfig,
+               "Check every file that the daemon reads, and exit");
+
+  if (const auto status = readCommandLine(app, std::move(arguments))) return *status;
+  if (*hasIdleExit) options.idleExit = std::chrono::seconds(idleExit);
   return options;
 }
 

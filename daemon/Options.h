@@ -3,20 +3,16 @@
 
 #include <chrono>
 #include <optional>
-#include <span>
 #include <string>
-#include <string_view>
+#include <variant>
+#include <vector>
 
 #include "base/Log.h"
-#include "base/Result.h"
 #include "platform/system/SystemLog.h"
 
 namespace corvid {
 
 struct Options {
-  enum class Action { run, checkConfig, printVersion, printHelp };
-
-  Action action = Action::run;
   // Everything lies below it; empty for the machine itself.
   std::string root;
   LogDestination log = LogDestination::syslog;
@@ -25,17 +21,13 @@ struct Options {
   std::optional<std::chrono::seconds> idleExit;
   // False leaves the process outside the sandbox.
   bool enforcesSandbox = true;
+  // Checks the configuration instead of serving.
+  bool checksConfig = false;
 };
 
-// Reads the arguments after the program's name, the last of a kind winning; help and version end
-// the reading. `rootFromEnvironment` (CORVID_ROOT, may be null) stands in for a missing --root.
-// The failure is one line that says which argument is wrong.
-Result<Options> parseOptions(std::span<const char* const> arguments,
-                             const char* rootFromEnvironment);
-
-extern const std::string_view optionsHelp;
-
-// Exit status for a command line that cannot be used, as in <sysexits.h>.
-inline constexpr int exitUsage = 64;
+// Reads the arguments after the program's name, and CORVID_ROOT where they name no root. An int is
+// the exit status of a program that has nothing more to do: it has printed help or version, or said
+// on standard error what is wrong with the arguments.
+std::variant<Options, int> readOptions(std::vector<std::string> arguments);
 
 }  // namespace corvid

@@ -1,27 +1,58 @@
-#include <gtest/gtest.h>
-
-#include <initializer_list>
-#include <vector>
-
 #include "daemon/Options.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <string>
+#include <vector>
 
 namespace corvid {
 namespace {
 
 using std::chrono::seconds;
+using Arguments = std::vector<std::string>;
 
-Result<Options> parse(std::initializer_list<const char*> arguments, const char* root = nullptr) {
-  return parseOptions(std::vector<const char*>(arguments), root);
-}
+class OptionsTest : public testing::Test {
+ protected:
+  OptionsTest() { unsetenv("CORVID_ROOT"); }
+  ~OptionsTest() override { unsetenv("CORVID_ROOT"); }
 
-std::string refusal(std::initializer_list<const char*> arguments) {
-  const auto parsed = parse(arguments);
-  return parsed ? "" : parsed.failure().message;
-}
+  // Fails the test where the arguments are refused or end the program.
+  static Options parse(const Arguments& arguments) {
+    const auto read = readOptions(arguments);
+    EXPECT_TRUE(std::holds_alternative<Options>(read));
+    const Options* options = std::get_if<Options>(&read);
+    return options ? *options : Options();
+  }
+  static Options parseUnder(const char* root, const Arguments& arguments) {
+    setenv("CORVID_ROOT", root, 1);
+    return parse(arguments);
+  }
+  // What is printed by arguments that end the program with this status; the other stream must stay
+  // empty.
+  static std::string printed(int status, const Arguments& arguments) {
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    const auto read = readOptions(arguments);
+    const std::string output = testing::internal::GetCapturedStdout();
+    const std::string errors = testing::internal::GetCapturedStderr();
+    EXPECT_TRUE(std::holds_alternative<int>(read));
+    if (const int* given = std::get_if<int>(&read)) EXPECT_EQ(*given, status);
+    EXPECT_EQ(status == 0 ? errors : output, "");
+    return status == 0 ? output : errors;
+  }
+  // What is wrong with the arguments.
+  static std::string refusal(const Arguments& arguments) {
+    const std::string line = printed(64, arguments);
+    const std::string end = " (corvidd --help says more)\n";
+    EXPECT_TRUE(line.starts_with("corvidd: ") && line.ends_with(end)) << line;
+    return line.substr(9, line.size() - 9 - end.size());
+  }
+};
 
-TEST(Options, WithoutArgumentsRunsOnTheMachineItselfUnderTheSandbox) {
-  const Options options = parse({}).value();
-  EXPECT_EQ(options.action, Options::Action::run);
+TEST_F(OptionsTest, WithoutArgumentsRunsOnTheMachineItselfUnderTheSandbox) {
+  const Options options = parse({});
+  EXPECT_FALSE(options.checksConfig);
   EXPECT_EQ(options.root, "");
   EXPECT_EQ(options.log, LogDestination::syslog);
   EXPECT_EQ(options.logLevel, LogLevel::info);
@@ -29,10 +60,9 @@ TEST(Options, WithoutArgumentsRunsOnTheMachineItselfUnderTheSandbox) {
   EXPECT_TRUE(options.enforcesSandbox);
 }
 
-TEST(Options, TakeTheirValueFromTheNextArgument) {
+TEST_F(OptionsTest, TakeTheirValueFromTheNextArgument) {
   const Options options = parse({"--root", "/r", "--log", "stderr", "--log-level", "debug",
-                                 "--idle-exit", "5", "--sandbox", "off"})
-                              .value();
+                                 "--idle-exit", "5", "--sandbox", "off"});
   EXPECT_EQ(options.root, "/r");
   EXPECT_EQ(options.log, LogDestination::standardError);
   EXPECT_EQ(options.logLevel, LogLevel::debug);
@@ -40,76 +70,101 @@ TEST(Options, TakeTheirValueFromTheNextArgument) {
   EXPECT_FALSE(options.enforcesSandbox);
 }
 
-TEST(Options, TakeTheirValueAfterAnEqualsSign) {
+TEST_F(OptionsTest, TakeTheirValueAfterAnEqualsSign) {
   const Options options =
-      parse({"--root=/a=b", "--log=syslog", "--log-level=error", "--idle-exit=0"}).value();
+      parse({"--root=/a=b", "--log=syslog", "--log-level=error", "--idle-exit=0"});
   EXPECT_EQ(options.root, "/a=b");
   EXPECT_EQ(options.log, LogDestination::syslog);
   EXPECT_EQ(options.logLevel, LogLevel::error);
   EXPECT_EQ(options.idleExit, seconds(0));
 }
 
-TEST(Options, NameEveryLogLevel) {
-  EXPECT_EQ(parse({"--log-level", "error"}).value().logLevel, LogLevel::error);
-  EXPECT_EQ(parse({"--log-level", "warning"}).value().logLevel, LogLevel::warning);
-  EXPECT_EQ(parse({"--log-level", "info"}).value().logLevel, LogLevel::info);
-  EXPECT_EQ(parse({"--log-level", "debug"}).value().logLevel, LogLevel::debug);
+TEST_F(OptionsTest, ReadIdleTimesAsDecimalNumbers) {
+  EXPECT_EQ(parse({"--idle-exit", "010"}).idleExit, seconds(10));
+  EXPECT_EQ(parse({"--idle-exit", "4294967295"}).idleExit, seconds(4294967295));
 }
 
-TEST(Options, TheLastOfAKindWins) {
-  EXPECT_EQ(parse({"--root", "/a", "--root", "/b"}).value().root, "/b");
+TEST_F(OptionsTest, NameEveryLogLevel) {
+  EXPECT_EQ(parse({"--log-level", "error"}).logLevel, LogLevel::error);
+  EXPECT_EQ(parse({"--log-level", "warning"}).logLevel, LogLevel::warning);
+  EXPECT_EQ(parse({"--log-level", "info"}).logLevel, LogLevel::info);
+  EXPECT_EQ(parse({"--log-level", "debug"}).logLevel, LogLevel::debug);
 }
 
-TEST(Options, TheEnvironmentNamesTheRootUnlessAnArgumentDoes) {
-  EXPECT_EQ(parse({}, "/env").value().root, "/env");
-  EXPECT_EQ(parse({"--root", "/arg"}, "/env").value().root, "/arg");
-  EXPECT_EQ(parse({}, "").value().root, "");
+TEST_F(OptionsTest, TheLastOfAKindWins) {
+  EXPECT_EQ(parse({"--root", "/a", "--root", "/b"}).root, "/b");
+  EXPECT_EQ(parse({"--log-level", "debug", "--log-level=error"}).logLevel, LogLevel::error);
+  EXPECT_EQ(parse({"--idle-exit=7", "--idle-exit", "8"}).idleExit, seconds(8));
 }
 
-TEST(Options, CheckConfigKeepsTheOtherOptions) {
-  const Options options = parse({"--check-config", "--root", "/r"}).value();
-  EXPECT_EQ(options.action, Options::Action::checkConfig);
+TEST_F(OptionsTest, AValueMayLookLikeAnOption) {
+  EXPECT_EQ(parse({"--root", "--log"}).root, "--log");
+  EXPECT_EQ(parse({"--root", "help"}).root, "help");
+}
+
+TEST_F(OptionsTest, TheEnvironmentNamesTheRootUnlessAnArgumentDoes) {
+  EXPECT_EQ(parseUnder("/env", {}).root, "/env");
+  EXPECT_EQ(parseUnder("/env", {"--root", "/arg"}).root, "/arg");
+  EXPECT_EQ(parseUnder("", {}).root, "");
+}
+
+TEST_F(OptionsTest, CheckConfigKeepsTheOtherOptions) {
+  const Options options = parse({"--check-config", "--root", "/r"});
+  EXPECT_TRUE(options.checksConfig);
   EXPECT_EQ(options.root, "/r");
 }
 
-TEST(Options, VersionAndHelpEndTheReading) {
-  EXPECT_EQ(parse({"--version", "--nonsense"}).value().action, Options::Action::printVersion);
-  EXPECT_EQ(parse({"--help", "--nonsense"}).value().action, Options::Action::printHelp);
+TEST_F(OptionsTest, VersionAndHelpEndTheReading) {
+  EXPECT_EQ(printed(0, {"--version", "--nonsense"}), "corvidd " CORVID_VERSION "\n");
+  EXPECT_EQ(printed(0, {"--help", "--nonsense", "--idle-exit", "x"}), printed(0, {"--help"}));
 }
 
-TEST(Options, RefuseWhatIsUnknown) {
-  EXPECT_EQ(refusal({"--nonsense"}),
-            "unknown argument '--nonsense' (corvidd --help lists the options)");
-  EXPECT_EQ(refusal({"--check-config=yes"}),
-            "unknown argument '--check-config=yes' (corvidd --help lists the options)");
-  EXPECT_EQ(refusal({"stray"}), "unknown argument 'stray' (corvidd --help lists the options)");
-  EXPECT_EQ(refusal({""}), "unknown argument '' (corvidd --help lists the options)");
+TEST_F(OptionsTest, HelpIsAskedForInThreeWays) {
+  const std::string help = printed(0, {"--help"});
+  EXPECT_EQ(printed(0, {"-h"}), help);
+  EXPECT_EQ(printed(0, {"help"}), help);
 }
 
-TEST(Options, RefuseAMissingValue) {
+TEST_F(OptionsTest, RefuseWhatIsUnknown) {
+  EXPECT_EQ(refusal({"--nonsense"}), "unknown option --nonsense");
+  EXPECT_EQ(refusal({"--nonsense=1"}), "unknown option --nonsense");
+  EXPECT_EQ(refusal({"-x"}), "unknown option -x");
+  EXPECT_EQ(refusal({"stray"}), "unexpected stray");
+  EXPECT_EQ(refusal({""}), "unexpected ");
+}
+
+TEST_F(OptionsTest, RefuseAValueOfAFlag) {
+  EXPECT_EQ(refusal({"--check-config=yes"}), "--check-config was given a disallowed flag override");
+}
+
+TEST_F(OptionsTest, RefuseAMissingValue) {
   for (const char* name : {"--root", "--log", "--log-level", "--idle-exit", "--sandbox"})
-    EXPECT_EQ(refusal({name}), std::string("option ") + name + " needs an argument");
+    EXPECT_EQ(refusal({name}).find(std::string(name) + ": 1 required "), 0u) << name;
 }
 
-TEST(Options, RefuseAValueThatIsNone) {
-  EXPECT_EQ(refusal({"--root="}), "option --root takes a folder, not an empty text");
-  EXPECT_EQ(refusal({"--log", "file"}), "option --log takes one of stderr, syslog, not 'file'");
+TEST_F(OptionsTest, RefuseAValueThatIsNone) {
+  EXPECT_EQ(refusal({"--root="}), "--root: takes a folder, not an empty text");
+  EXPECT_EQ(refusal({"--root", ""}), "--root: takes a folder, not an empty text");
+  EXPECT_EQ(refusal({"--log", "file"}), "--log: takes stderr|syslog, not \"file\"");
   EXPECT_EQ(refusal({"--log-level", "loud"}),
-            "option --log-level takes one of error, warning, info, debug, not 'loud'");
-  EXPECT_EQ(refusal({"--sandbox", "on"}), "option --sandbox takes one of enforce, off, not 'on'");
+            "--log-level: takes error|warning|info|debug, not \"loud\"");
+  EXPECT_EQ(refusal({"--sandbox", "on"}), "--sandbox: takes enforce|off, not \"on\"");
 }
 
-TEST(Options, RefuseAnIdleTimeThatIsNoWholeNumberOfSeconds) {
-  for (const char* value : {"", "-1", "1.5", "5s", " 5", "4294967296"})
+TEST_F(OptionsTest, RefuseAnIdleTimeThatIsNoWholeNumberOfSeconds) {
+  for (const char* value : {"", "-1", "1.5", "5s", " 5", "0x5", "4294967296"})
     EXPECT_EQ(refusal({"--idle-exit", value}),
-              std::string("option --idle-exit takes whole seconds, not '") + value + "'");
-  EXPECT_EQ(parse({"--idle-exit", "4294967295"}).value().idleExit, seconds(4294967295));
+              std::string("--idle-exit: takes a whole number from 0 to 4294967295, not \"") +
+                  value + "\"");
 }
 
-TEST(Options, TheHelpNamesEveryOption) {
-  for (const char* name : {"--root", "--log ", "--log-level", "--idle-exit", "--sandbox",
-                           "--check-config", "--version", "--help"})
-    EXPECT_NE(optionsHelp.find(name), std::string_view::npos) << name;
+TEST_F(OptionsTest, TheHelpNamesEveryOption) {
+  const std::string help = printed(0, {"--help"});
+  EXPECT_EQ(help.find("usage: corvidd [OPTIONS]\n"), 0u);
+  for (const char* name : {"--root DIR", "--log stderr|syslog", "--log-level error|warning",
+                           "--idle-exit N", "--sandbox enforce|off", "--check-config", "--version",
+                           "--help"})
+    EXPECT_NE(help.find(name), std::string::npos) << name;
 }
 
 }  // namespace
