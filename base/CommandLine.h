@@ -82,6 +82,19 @@ inline CLI::Option* addFolder(CLI::App& command, const std::string& name, std::s
           ""));
 }
 
+// The words of a command that are no options, as they are: left to itself the library would split
+// "[a,b]" and leave "{}" out. It takes all words of an option of which it wants many, and does not
+// count them, since the last counts of several.
+inline CLI::Option* addWords(CLI::App& command, const std::string& name,
+                             std::vector<std::string>& target, const std::string& help) {
+  constexpr int many = CLI::detail::expected_max_vector_size;
+  const auto take = [&target](const CLI::results_t& words) {
+    target = words;
+    return true;
+  };
+  return command.add_option(name, take, help)->type_name("")->expected(many, many);
+}
+
 // The way to the command that was read: "corvidctl dashboard send".
 inline std::string commandPath(const CLI::App& app) {
   const auto chosen = app.get_subcommands();
@@ -93,7 +106,14 @@ inline std::string commandPath(const CLI::App& app) {
 inline std::string complaint(const CLI::App& app, const CLI::ParseError& error) {
   std::vector<std::string> extras = app.remaining(true);
   std::erase(extras, "--");
-  if (extras.empty()) return error.what();
+  if (extras.empty()) {
+    // Two of the library's texts would not tell much.
+    const std::string text = error.what();
+    const auto name = [&](const char* end) { return text.substr(0, text.find(end)); };
+    if (text.find(": 1 required ") != text.npos) return name(":") + " lacks its value";
+    if (text.ends_with("flag override")) return "--" + name(" ") + " takes no value";
+    return text;
+  }
   const std::string name = extras.front().substr(0, extras.front().find('='));
   if (name.starts_with('-')) {
     const CLI::Option* known = app.get_option_no_throw(name);
@@ -101,7 +121,9 @@ inline std::string complaint(const CLI::App& app, const CLI::ParseError& error) 
     return fmt::format("{0} goes before the command: {1} {0} {2} {3} ...", name, app.get_name(),
                        known->get_type_name(), app.get_subcommands().front()->get_name());
   }
-  const bool lacksCommand = app.get_subcommands().empty() && !app.get_subcommands({}).empty();
+  const CLI::App* command = &app;
+  while (!command->get_subcommands().empty()) command = command->get_subcommands().front();
+  const bool lacksCommand = !command->get_subcommands({}).empty();
   return (lacksCommand ? "there is no command " : "unexpected ") + extras.front();
 }
 

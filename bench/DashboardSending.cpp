@@ -19,7 +19,7 @@
 #include "base/Descriptor.h"
 #include "bench/Program.h"
 #include "platform/Platform.h"
-#include "tools/corvidctl/SendingPlatform.h"
+#include "tools/corvidctl/DashboardCommand.h"
 
 namespace corvid::bench {
 

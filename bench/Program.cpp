@@ -6,6 +6,9 @@
 #include <cstdio>
 #include <exception>
 #include <filesystem>
+#include <stdexcept>
+
+#include "base/CommandLine.h"
 
 namespace corvid::bench {
 namespace {
@@ -32,18 +35,16 @@ class TemporaryFolder {
 
 int run(const Program& program, int argc, char** argv) {
   try {
-    const tools::CommandLine line(std::vector<std::string>(argv + 1, argv + argc), program.options,
-                                  {});
-    if (!line.words().empty()) throw tools::UsageError("unexpected " + line.words().front());
+    CLI::App app(program.purpose, program.name);
+    addCommonOptions(app, std::string(program.name) + " " CORVID_VERSION);
+    for (const auto& [name, target] : program.numbers)
+      addNumber(app, name, *target, 1, 100'000'000, "")->capture_default_str();
+    for (const auto& [name, target] : program.texts)
+      app.add_option(name, *target, "")->capture_default_str();
+    if (const auto status = readCommandLine(app, {argv + 1, argv + argc})) return *status;
     const TemporaryFolder folder;
-    program.measure(line, folder.path());
+    program.measure(folder.path());
     return 0;
-  } catch (const tools::HelpRequest&) {
-    std::fputs(program.usage, stdout);
-    return 0;
-  } catch (const tools::UsageError& error) {
-    std::fprintf(stderr, "%s: %s\n%s", program.name, error.what(), program.usage);
-    return tools::exitUsage;
   } catch (const std::exception& error) {
     std::fprintf(stderr, "%s: %s\n", program.name, error.what());
     return 1;

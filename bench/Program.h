@@ -2,20 +2,20 @@
 #pragma once
 
 #include <functional>
-#include <set>
+#include <map>
 #include <string>
 #include <vector>
-
-#include "tools/CommandLine.h"
 
 namespace corvid::bench {
 
 struct Program {
   const char* name;
-  const char* usage;
-  std::set<std::string> options;  // each takes a value
+  const char* purpose;
+  // Options, and where their values go: whole numbers from 1 on, and texts.
+  std::map<std::string, int*> numbers;
+  std::map<std::string, std::string*> texts;
   // `folder` is empty and removed afterwards. Errors are exceptions.
-  std::function<void(const tools::CommandLine& line, const std::string& folder)> measure;
+  std::function<void(const std::string& folder)> measure;
 };
 
 // Exit status of main.

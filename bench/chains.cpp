@@ -86,26 +86,14 @@ void print(const char* name, const Comparison& result) {
              result.ratio);
 }
 
-constexpr const char* usage =
-    "usage: chains [--corvidd PROGRAM] [--events N] [--pairs N] [--only outside|level2]\n"
-    "Compares events of a session of level 2 with those of one outside any chain.\n";
-
-void measure(const tools::CommandLine& line, const std::string& folder) {
-  const auto number = [&](const char* option, int otherwise) {
-    return static_cast<int>(line.number(option, 1, 100'000'000).value_or(otherwise));
-  };
-  Options options;
-  options.corvidd = line.text("--corvidd").value_or(options.corvidd);
-  options.events = number("--events", options.events);
-  options.pairs = number("--pairs", options.pairs);
-  const auto only = line.text("--only");
-  if (only && *only != "outside" && *only != "level2")
-    throw tools::UsageError("--only takes outside or level2");
+void measure(const Options& options, const std::string& only, const std::string& folder) {
+  if (!only.empty() && only != "outside" && only != "level2")
+    throw std::runtime_error("--only takes outside or level2");
 
   Bench bench(folder);
-  if (only) {
+  if (!only.empty()) {
     Stage stage(bench, options.corvidd, false);
-    measureBlock(*stage.daemon, *only == "level2" ? stage.inside : stage.outside, options.events);
+    measureBlock(*stage.daemon, only == "level2" ? stage.inside : stage.outside, options.events);
     return;
   }
   fmt::print("daemon CPU, us an event           {:>10}{:>10}{:>10}\n", "outside", "level 2",
@@ -118,9 +106,14 @@ void measure(const tools::CommandLine& line, const std::string& folder) {
 }  // namespace corvid::bench
 
 int main(int argc, char** argv) {
-  return corvid::bench::run({.name = "chains",
-                             .usage = corvid::bench::usage,
-                             .options = {"--corvidd", "--events", "--pairs", "--only"},
-                             .measure = corvid::bench::measure},
-                            argc, argv);
+  corvid::bench::Options options;
+  std::string only;
+  return corvid::bench::run(
+      {.name = "chains",
+       .purpose = "Compares events of a session of level 2 with those of one outside any chain.",
+       .numbers = {{"--events", &options.events}, {"--pairs", &options.pairs}},
+       .texts = {{"--corvidd", &options.corvidd}, {"--only", &only}},
+       .measure =
+           [&](const std::string& folder) { corvid::bench::measure(options, only, folder); }},
+      argc, argv);
 }

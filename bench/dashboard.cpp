@@ -79,25 +79,23 @@ void printIdle(const std::string& folder, const std::string& corvidd, int second
   fmt::print("  {:44}{:>8}\n", "for one event then", after - end);
 }
 
-constexpr const char* usage =
-    "usage: dashboard [--corvidd PROGRAM] [--packets N] [--rounds N] [--seconds N]\n"
-    "Measures packets of a dashboard backend beside bare sends, and idle dashboards in a daemon.\n";
-
-void measure(const tools::CommandLine& line, const std::string& folder) {
-  const auto number = [&](const char* option, int otherwise) {
-    return static_cast<int>(line.number(option, 1, 1'000'000).value_or(otherwise));
-  };
-  printSending(number("--packets", 10'000), number("--rounds", 25));
-  printIdle(folder, line.text("--corvidd").value_or(CORVID_DAEMON), number("--seconds", 10));
-}
-
 }  // namespace
 }  // namespace corvid::bench
 
 int main(int argc, char** argv) {
-  return corvid::bench::run({.name = "dashboard",
-                             .usage = corvid::bench::usage,
-                             .options = {"--corvidd", "--packets", "--rounds", "--seconds"},
-                             .measure = corvid::bench::measure},
-                            argc, argv);
+  std::string corvidd = CORVID_DAEMON;
+  int packets = 10'000, rounds = 25, seconds = 10;
+  return corvid::bench::run(
+      {.name = "dashboard",
+       .purpose =
+           "Measures packets of a dashboard backend beside bare sends, and idle dashboards in "
+           "a daemon.",
+       .numbers = {{"--packets", &packets}, {"--rounds", &rounds}, {"--seconds", &seconds}},
+       .texts = {{"--corvidd", &corvidd}},
+       .measure =
+           [&](const std::string& folder) {
+             corvid::bench::printSending(packets, rounds);
+             corvid::bench::printIdle(folder, corvidd, seconds);
+           }},
+      argc, argv);
 }

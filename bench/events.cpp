@@ -227,20 +227,8 @@ void print(const Throughput& batched, const Throughput& realtime, const Latency&
              batched.cpuMicros / batchedFloor, realtime.cpuMicros / realtimeFloor);
 }
 
-constexpr const char* usage =
-    "usage: events [--corvidd PROGRAM] [--batched N] [--realtime N] [--latency SECONDS]\n"
-    "Measures events that are posted 50 at a time, one at a time, and 200 a second.\n";
-
-void measure(const tools::CommandLine& line, const std::string& folder) {
-  const auto number = [&](const char* option, int least, int otherwise) {
-    return static_cast<int>(line.number(option, least, 100'000'000).value_or(otherwise));
-  };
-  Options options;
-  options.corvidd = line.text("--corvidd").value_or(options.corvidd);
-  options.batched = number("--batched", eventsPerFlush, options.batched);
-  options.batched -= options.batched % eventsPerFlush;
-  options.realtime = number("--realtime", 1, options.realtime);
-  options.latencySeconds = number("--latency", 1, options.latencySeconds);
+void measure(Options options, const std::string& folder) {
+  options.batched = std::max(options.batched - options.batched % eventsPerFlush, eventsPerFlush);
 
   Bench bench(folder);
   const auto [batch, lone] = sampleMessages(bench, options);
@@ -256,9 +244,14 @@ void measure(const tools::CommandLine& line, const std::string& folder) {
 }  // namespace corvid::bench
 
 int main(int argc, char** argv) {
-  return corvid::bench::run({.name = "events",
-                             .usage = corvid::bench::usage,
-                             .options = {"--corvidd", "--batched", "--realtime", "--latency"},
-                             .measure = corvid::bench::measure},
-                            argc, argv);
+  corvid::bench::Options options;
+  return corvid::bench::run(
+      {.name = "events",
+       .purpose = "Measures events that are posted 50 at a time, one at a time, and 200 a second.",
+       .numbers = {{"--batched", &options.batched},
+                   {"--realtime", &options.realtime},
+                   {"--latency", &options.latencySeconds}},
+       .texts = {{"--corvidd", &options.corvidd}},
+       .measure = [&](const std::string& folder) { corvid::bench::measure(options, folder); }},
+      argc, argv);
 }

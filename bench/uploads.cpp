@@ -123,20 +123,20 @@ void measureCase(const std::string& program, const std::string& root, std::strin
 
 int main(int argc, char** argv) {
   using namespace corvid::bench;
-  const Program program{
-      "uploads",
-      "usage: uploads [--mebibytes N] [--corvidd PROGRAM]\n"
-      "\n"
-      "Uploads files of N MiB (64) and prints the daemon's peak memory.\n",
-      {"--mebibytes", "--corvidd"},
-      [](const corvid::tools::CommandLine& line, const std::string& folder) {
-        const auto size =
-            static_cast<std::size_t>(line.number("--mebibytes", 1, 256).value_or(64)) * mebibyte;
-        const std::string daemon = line.text("--corvidd").value_or(CORVID_DAEMON);
-        const corvid::lab::Lab lab(folder);
-        measureCase(daemon, folder, "one file of log lines", logLines(size), 1);
-        measureCase(daemon, folder, "one file that does not compress", noise(size), 1);
-        measureCase(daemon, folder, "two files that do not compress, at once", noise(size), 2);
-      }};
-  return run(program, argc, argv);
+  std::string daemon = CORVID_DAEMON;
+  int mebibytes = 64;
+  return run({.name = "uploads",
+              .purpose = "Uploads files and prints the daemon's peak memory.",
+              .numbers = {{"--mebibytes", &mebibytes}},
+              .texts = {{"--corvidd", &daemon}},
+              .measure =
+                  [&](const std::string& folder) {
+                    const std::size_t size = static_cast<std::size_t>(mebibytes) * mebibyte;
+                    const corvid::lab::Lab lab(folder);
+                    measureCase(daemon, folder, "one file of log lines", logLines(size), 1);
+                    measureCase(daemon, folder, "one file that does not compress", noise(size), 1);
+                    measureCase(daemon, folder, "two files that do not compress, at once",
+                                noise(size), 2);
+                  }},
+             argc, argv);
 }

@@ -7,36 +7,32 @@
 #include <exception>
 #include <fstream>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "base/CommandLine.h"
 #include "platform/data/JSON.h"
-#include "tools/CommandLine.h"
 #include "tools/lab/Lab.h"
 #include "tools/lab/Received.h"
 
 namespace {
 
-using corvid::tools::CommandLine;
-using corvid::tools::UsageError;
-
-constexpr const char* usage =
-    "usage: corvid-lab --root DIR [--storebag-port N] [--report-port N] [--control-port N]\n"
-    "                  [--dashboard-port N] [--max-age SECONDS]\n"
-    "       corvid-lab --root DIR --show\n"
-    "\n"
+constexpr const char* description =
     "Plays every server that corvidd talks to: a storebag server that signs DIR/lab/storebags/*.plist,\n"
     "a collector of events, log data and files, both under a certificate authority of its own, and a\n"
-    "dashboard that acknowledges packets. Writes below DIR what\n"
-    "`corvidd --root DIR` needs, prints one line of JSON with its addresses when it is ready, and\n"
-    "appends what it receives to DIR/lab/received.jsonl. Ends on SIGINT or SIGTERM.\n"
-    "Ports are free ones unless given. POST a JSON object to the \"control\" address to plan a fault:\n"
-    "{\"server\":\"events\",\"status\":503,\"times\":2} (also body, delay, redirect,\n"
-    "cutBodyAfter, cutHeadAfter, endless, silent, corrupt, truncate; servers: storebags, events,\n"
-    "realtime, logData, upload); for packets {\"server\":\"dashboard\",\"packets\":{\"drop\":0.3},\"acknowledgements\":{},\n"
+    "dashboard that acknowledges packets. Writes below DIR what `corvidd --root DIR` needs, prints one\n"
+    "line of JSON with its addresses when it is ready, and appends what it receives to\n"
+    "DIR/lab/received.jsonl. Ends on SIGINT or SIGTERM.";
+
+constexpr const char* footer =
+    "POST a JSON object to the \"control\" address to plan a fault:\n"
+    "{\"server\":\"events\",\"status\":503,\"times\":2} (also body, delay, redirect, cutBodyAfter,\n"
+    "cutHeadAfter, endless, silent, corrupt, truncate; servers: storebags, events, realtime, logData,\n"
+    "upload); for packets {\"server\":\"dashboard\",\"packets\":{\"drop\":0.3},\"acknowledgements\":{},\n"
     "\"seed\":1} (also duplicate, corrupt, reorder, late, from 0 to 1; delay in seconds).\n"
     "times is 1 unless given, -1 lasts until told otherwise.\n"
-    "--show prints what has been received so far, for people, and ends.\n"
-    "Exit status: 0 done, 1 it did not work (standard error says why), 64 wrong usage.\n";
+    "\n"
+    "Exit status: 0 done, 1 it did not work (standard error says why), 64 wrong usage.";
 
 // Prints what stands in received.jsonl.
 int show(const std::string& root) {
@@ -71,38 +67,33 @@ int serve(const std::string& root, const corvid::lab::Lab::Options& options) {
   return 0;
 }
 
-int run(const std::vector<std::string>& arguments) {
-  const CommandLine line(arguments,
-                         {"--root", "--storebag-port", "--report-port", "--control-port",
-                          "--dashboard-port", "--max-age"},
-                         {"--show"});
-  if (!line.words().empty()) throw UsageError("unexpected " + line.words().front());
-  const auto root = line.folder("--root");
-  if (!root) throw UsageError("--root is missing");
-  const auto port = [&](const char* option) {
-    return static_cast<std::uint16_t>(line.number(option, 0, 65535).value_or(0));
-  };
+int run(std::vector<std::string> arguments) {
+  CLI::App app(description, "corvid-lab");
+  corvid::addCommonOptions(app, "corvid-lab " CORVID_VERSION);
+  app.footer(footer);
+  std::string root;
   corvid::lab::Lab::Options options;
-  options.storebagPort = port("--storebag-port");
-  options.reportPort = port("--report-port");
-  options.controlPort = port("--control-port");
-  options.dashboardPort = port("--dashboard-port");
-  if (const auto seconds = line.number("--max-age", 0, 1'000'000'000))
-    options.maxAge = static_cast<int>(*seconds);
-  return line.has("--show") ? show(*root) : serve(*root, options);
+  bool shows = false;
+  corvid::addFolder(app, "--root", root, "Folder that the daemon's files lie below")->required();
+  const auto addPort = [&](const char* name, std::uint16_t& port, const char* help) {
+    corvid::addNumber(app, name, port, 0, 65535, help);
+  };
+  addPort("--storebag-port", options.storebagPort, "Port of the storebag server (a free one)");
+  addPort("--report-port", options.reportPort, "Port of the collector (a free one)");
+  addPort("--control-port", options.controlPort, "Port that faults are planned at (a free one)");
+  addPort("--dashboard-port", options.dashboardPort, "UDP port of the dashboard (a free one)");
+  corvid::addNumber(app, "--max-age", options.maxAge, 0, 1'000'000'000,
+                    "Seconds that a storebag may be kept (86400)");
+  app.add_flag("--show", shows, "Print what has been received so far, for people, and exit");
+  if (const auto status = corvid::readCommandLine(app, std::move(arguments))) return *status;
+  return shows ? show(root) : serve(root, options);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   try {
-    return run(std::vector<std::string>(argv + 1, argv + argc));
-  } catch (const corvid::tools::HelpRequest&) {
-    std::fputs(usage, stdout);
-    return 0;
-  } catch (const UsageError& error) {
-    std::fprintf(stderr, "corvid-lab: %s\nTry corvid-lab --help.\n", error.what());
-    return corvid::tools::exitUsage;
+    return run({argv + (argc > 0), argv + argc});
   } catch (const std::exception& error) {
     std::fprintf(stderr, "corvid-lab: %s\n", error.what());
     return 1;

@@ -1,10 +1,10 @@
-#include "daemon/Options.h"
-
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
 #include <string>
 #include <vector>
+
+#include "daemon/Options.h"
 
 namespace corvid {
 namespace {
@@ -36,8 +36,8 @@ class OptionsTest : public testing::Test {
     const auto read = readOptions(arguments);
     const std::string output = testing::internal::GetCapturedStdout();
     const std::string errors = testing::internal::GetCapturedStderr();
-    EXPECT_TRUE(std::holds_alternative<int>(read));
-    if (const int* given = std::get_if<int>(&read)) EXPECT_EQ(*given, status);
+    const int* const given = std::get_if<int>(&read);
+    EXPECT_TRUE(given && *given == status);
     EXPECT_EQ(status == 0 ? errors : output, "");
     return status == 0 ? output : errors;
   }
@@ -134,12 +134,12 @@ TEST_F(OptionsTest, RefuseWhatIsUnknown) {
 }
 
 TEST_F(OptionsTest, RefuseAValueOfAFlag) {
-  EXPECT_EQ(refusal({"--check-config=yes"}), "--check-config was given a disallowed flag override");
+  EXPECT_EQ(refusal({"--check-config=yes"}), "--check-config takes no value");
 }
 
 TEST_F(OptionsTest, RefuseAMissingValue) {
   for (const char* name : {"--root", "--log", "--log-level", "--idle-exit", "--sandbox"})
-    EXPECT_EQ(refusal({name}).find(std::string(name) + ": 1 required "), 0u) << name;
+    EXPECT_EQ(refusal({name}), std::string(name) + " lacks its value");
 }
 
 TEST_F(OptionsTest, RefuseAValueThatIsNone) {
@@ -161,9 +161,9 @@ TEST_F(OptionsTest, RefuseAnIdleTimeThatIsNoWholeNumberOfSeconds) {
 TEST_F(OptionsTest, TheHelpNamesEveryOption) {
   const std::string help = printed(0, {"--help"});
   EXPECT_EQ(help.find("usage: corvidd [OPTIONS]\n"), 0u);
-  for (const char* name : {"--root DIR", "--log stderr|syslog", "--log-level error|warning",
-                           "--idle-exit N", "--sandbox enforce|off", "--check-config", "--version",
-                           "--help"})
+  for (const char* name :
+       {"--root DIR", "--log stderr|syslog", "--log-level error|warning", "--idle-exit N",
+        "--sandbox enforce|off", "--check-config", "--version", "--help"})
     EXPECT_NE(help.find(name), std::string::npos) << name;
 }
 

@@ -214,14 +214,14 @@ TEST_F(DaemonProcessTest, AnUnknownOptionIsAUsageError) {
   DaemonProcess daemon(root, {"--nonsense"});
   EXPECT_EQ(daemon.waitForExit(), 64);
   EXPECT_EQ(daemon.standardError(),
-            "corvidd: unknown argument '--nonsense' (corvidd --help lists the options)\n");
+            "corvidd: unknown option --nonsense (corvidd --help says more)\n");
   EXPECT_EQ(daemon.standardOutput(), "");
 }
 
 TEST_F(DaemonProcessTest, AMissingArgumentIsAUsageError) {
   DaemonProcess daemon(root, {"--log"});
   EXPECT_EQ(daemon.waitForExit(), 64);
-  EXPECT_EQ(daemon.standardError(), "corvidd: option --log needs an argument\n");
+  EXPECT_EQ(daemon.standardError(), "corvidd: --log lacks its value (corvidd --help says more)\n");
 }
 
 TEST_F(DaemonProcessTest, PrintsItsVersion) {

@@ -1,33 +1,73 @@
 // A session of the client library whose calls are made one after the other, each waited for.
 #pragma once
 
-#include <corvid/corvid.h>
-
-#include <condition_variable>
+#include <corvid/corvid.hpp>
+#include <cstdint>
 #include <functional>
-#include <memory>
 #include <optional>
+#include <semaphore>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
-#include "base/Mutex.h"
 #include "base/Value.h"
-#include "protocol/Reply.h"
 
 namespace corvid::ctl {
 
-// What the daemon made of a call.
-struct CallOutcome {
-  corvid_outcome_t end = CORVID_OUTCOME_DONE;  // never CORVID_OUTCOME_FAILED
-  std::optional<std::string> text;
-  std::optional<Array> states;
-  bool success = false;
-  std::optional<CorvidError> failure;
-};
+// Values for the library and from it. What the library refuses (a text that is not UTF-8, say) is a
+// std::runtime_error with its reason.
+client::Dictionary clientDictionary(const Dictionary& dictionary);
+client::Array clientArray(const Array& array);
+std::optional<Dictionary> dictionaryFrom(client::DictionaryView dictionary);
+Array arrayFrom(client::ArrayView array);
 
 // A call, or the connection before it, that failed; what() says why.
 struct CallError : std::runtime_error {
   using std::runtime_error::runtime_error;
+};
+
+// One call: what it is given as its callbacks, and what the daemon made of it. Those run on the
+// library's thread; the caller reads what they leave after the end.
+class Call {
+ public:
+  // Without a reply the call is made without a callback for it.
+  explicit Call(bool wantsReply = true) : _wantsReply(wantsReply) {}
+
+  // The callback for the reply, of whichever kind the call takes.
+  template <class... Values>
+  operator std::function<void(client::Status, Values...)>() {
+    if (!_wantsReply) return nullptr;
+    return [this](client::Status status, Values... values) {
+      _status = status;
+      (keep(std::move(values)), ...);
+    };
+  }
+  // The callback for the end.
+  client::Session::Finished end() {
+    return [this](corvid_outcome_t how) {
+      outcome = how;
+      _done.release();  // nobody on this thread touches the call after that
+    };
+  }
+
+  corvid_outcome_t outcome = CORVID_OUTCOME_DONE;
+  std::optional<std::string> text;
+  std::optional<Array> states;
+  bool success = false;
+  std::optional<client::Error> failure;
+
+ private:
+  friend class Client;
+  void keep(std::optional<std::string> value) { text = std::move(value); }
+  void keep(std::optional<client::Array> value) {
+    if (value) states = arrayFrom(*value);
+  }
+  void keep(bool value) { success = value; }
+  void keep(std::optional<client::Error> value) { failure = std::move(value); }
+
+  const bool _wantsReply;
+  client::Status _status = CORVID_OK;
+  std::binary_semaphore _done{0};
 };
 
 // Threads   One caller. The handlers run on the library's thread.
@@ -35,50 +75,22 @@ struct CallError : std::runtime_error {
 //           returned before.
 class Client {
  public:
-  struct Handlers {
-    std::function<void(std::optional<Dictionary> message, double timestamp, std::uint16_t category,
-                       std::uint16_t type, std::optional<Dictionary> payload)>
-        message;
-    std::function<void()> invalidated;
-  };
+  using Message = std::function<void(std::optional<Dictionary> message, double timestamp,
+                                     std::uint16_t category, std::uint16_t type,
+                                     std::optional<Dictionary> payload)>;
 
   // Connects to the daemon below `root`; empty for the machine itself.
-  Client(const std::string& root, Handlers handlers);
-  ~Client();
-  Client(const Client&) = delete;
-  Client& operator=(const Client&) = delete;
+  explicit Client(const std::string& root, Message message = nullptr,
+                  std::function<void()> invalidated = nullptr);
 
-  // With `reply` false a call is made without a callback.
-  CallOutcome setSessionInfo(const Dictionary& sessionInfo,
-                             const std::optional<Dictionary>& userInfo, const Array& frameworks,
-                             bool hasAggregationBlock);
-  CallOutcome startConfig(bool reply);
-  CallOutcome fetchStates(const std::optional<Dictionary>& userInfo, bool reply);
-  CallOutcome fetchDisplayURL(bool reply);
-  CallOutcome sendMessage(std::uint16_t category, std::uint16_t type,
-                          const std::optional<Dictionary>& payload, bool reply);
-  CallOutcome sendMessageWithDictionary(const Dictionary& message, bool reply);
-  CallOutcome flush(bool reply);
-  CallOutcome finish(bool reply);
-  CallOutcome uploadFile(const std::string& path, bool reply);
-  CallOutcome uploadLogData(const Array& logData, bool reply);
-  CallOutcome sendSingleMessage(const Dictionary& sessionInfo,
-                                const std::optional<Dictionary>& userInfo, std::uint16_t category,
-                                std::uint16_t type, const std::optional<Dictionary>& payload,
-                                bool reply);
+  // Makes one call and waits for its end. `make` calls the session with both callbacks of `call`.
+  void perform(Call& call, const std::function<client::Status(client::Session&)>& make);
 
  private:
-  template <class Make>
-  CallOutcome perform(Make make) EXCLUDES(_mutex);
-  void invalidated() EXCLUDES(_mutex);
-  [[noreturn]] void failWithConnection() EXCLUDES(_mutex);
+  [[noreturn]] void failWithConnection();
 
-  const Handlers _handlers;
-  corvid_session_t* _session = nullptr;
-
-  Mutex _mutex;
-  std::condition_variable_any _changed;
-  bool _isInvalidated GUARDED_BY(_mutex) = false;
+  std::counting_semaphore<> _invalidated{0};
+  client::Session _session;
 };
 
 }  // namespace corvid::ctl

@@ -11,21 +11,20 @@
 #include "base/Describe.h"
 #include "platform/Paths.h"
 #include "platform/data/FilePreferences.h"
-#include "tools/CommandLine.h"
+#include "tools/Arguments.h"
 #include "tools/JSONValues.h"
 
 namespace corvid::ctl {
 
-using tools::CommandLine;
-using tools::UsageError;
+using tools::InputError;
 
 namespace {
 
 Value preferenceValue(const std::string& word) {
   Result<Value> value = tools::valueFromWord(word);
-  if (!value) throw UsageError(value.failure().message);
+  if (!value) throw InputError(value.failure().message);
   if (value.value().isNull())
-    throw UsageError("null is no value of a preference; prefs delete removes the key");
+    throw InputError("null is no value of a preference; prefs delete removes the key");
   return std::move(value).value();
 }
 
@@ -46,16 +45,14 @@ void actAsOwnerOf(const Paths& paths) {
 
 }  // namespace
 
-int runPrefsCommand(const std::string& root, const std::vector<std::string>& arguments) {
-  const CommandLine line(arguments, {"--suite"}, {});
-  const std::string suite = line.text("--suite").value_or(std::string(corvidSuite));
-  const std::vector<std::string>& words = line.words();
+int runPrefsCommand(const std::string& root, const std::string& suite,
+                    const std::vector<std::string>& words) {
   const std::string verb = words.empty() ? "" : words[0];
   const std::size_t wanted = verb == "set" ? 3 : verb == "list" ? 1 : 2;
   if (verb != "get" && verb != "set" && verb != "delete" && verb != "list")
-    throw UsageError("prefs takes get KEY, set KEY VALUE, delete KEY or list");
+    throw InputError("prefs takes get KEY, set KEY VALUE, delete KEY or list");
   if (words.size() != wanted)
-    throw UsageError("prefs " + verb +
+    throw InputError("prefs " + verb +
                      (wanted == 1   ? " takes nothing more"
                       : wanted == 2 ? " takes a KEY"
                                     : " takes a KEY and a VALUE"));

@@ -6,7 +6,9 @@
 
 namespace corvid::ctl {
 
-// get KEY, set KEY VALUE, delete KEY, list; the exit status.
-int runPrefsCommand(const std::string& root, const std::vector<std::string>& arguments);
+// `words`: get KEY, set KEY VALUE, delete KEY or list; the exit status. tools::InputError where
+// they are none of these.
+int runPrefsCommand(const std::string& root, const std::string& suite,
+                    const std::vector<std::string>& words);
 
 }  // namespace corvid::ctl

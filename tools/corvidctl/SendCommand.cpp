@@ -8,17 +8,16 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <set>
 #include <system_error>
 
-#include "protocol/Keys.h"
+#include "base/Describe.h"
+#include "tools/Arguments.h"
 #include "tools/JSONValues.h"
-#include "tools/corvidctl/ReportingSession.h"
+#include "tools/corvidctl/Client.h"
 
 namespace corvid::ctl {
 
-using tools::CommandLine;
-using tools::UsageError;
+using tools::InputError;
 
 namespace {
 
@@ -27,75 +26,108 @@ Dictionary payloadFrom(const std::vector<std::string>& words) {
   for (const std::string& word : words) {
     const std::size_t equals = word.find('=');
     if (equals == 0 || equals == std::string::npos)
-      throw UsageError("a payload entry is written key=value, not " + word);
+      throw InputError("a payload entry is written key=value, not " + word);
     Result<Value> value = tools::valueFromWord(word.substr(equals + 1));
-    if (!value) throw UsageError(word + ": " + value.failure().message);
+    if (!value) throw InputError(word + ": " + value.failure().message);
     payload.set(word.substr(0, equals), std::move(value).value());
   }
   return payload;
 }
 
 // What became of the event, as far as the flush tells.
-const char* fateAfter(const CallOutcome& flush) {
-  if (flush.end == CORVID_OUTCOME_UNANSWERED)
+const char* fateAfter(const Call& flush) {
+  if (flush.outcome == CORVID_OUTCOME_UNANSWERED)
     throw CallError("the daemon did not answer the flush");
   if (!flush.failure) return "flushed: the backends have handed over what they held";
-  const CorvidError& failure = *flush.failure;
-  if (failure.localizedDescription == "Nothing to flush")
+  const client::Error& failure = *flush.failure;
+  if (failure.description == "Nothing to flush")
     return "nothing was left to flush: the event went out at once, or no backend wanted it";
-  throw CallError(fmt::format("the flush failed: {} ({} {})", failure.localizedDescription,
-                              failure.domain, failure.code));
+  throw CallError(fmt::format("the flush failed: {} ({} {})", failure.description, failure.domain,
+                              failure.code));
 }
+
+// Connects, describes the session and configures it. CallError where nothing would report.
+class ReportingSession : public Client {
+ public:
+  ReportingSession(const std::string& root, const SessionOptions& options) : Client(root) {
+    Dictionary info{{kCorvidSessionInfoClientType, options.clientType},
+                    {kCorvidSessionInfoSessionID, options.sessionID}};
+    if (options.clientVersion) info.set(kCorvidSessionInfoClientVersion, *options.clientVersion);
+    info.set(kCorvidSessionInfoBatchEvent, true);
+    const bool hasUserInfo = !options.userInfo.empty();
+    info.set(kCorvidSessionInfoRequireUserInfo, hasUserInfo);
+    Call described;
+    perform(described, [&](client::Session& session) {
+      const client::Dictionary userInfo = clientDictionary(options.userInfo);
+      return session.setSessionInfo(clientDictionary(info),
+                                    hasUserInfo ? userInfo : client::Session::none(),
+                                    clientArray({}), false, described.end());
+    });
+    Call started;
+    perform(started,
+            [&](client::Session& session) { return session.startConfig(started, started.end()); });
+    if (!started.states)
+      throw CallError(
+          "nothing reports: the daemon has no storebag for this client type (its log says why)");
+    if (started.states->empty())
+      throw CallError(
+          "nothing reports: no backend of the storebag accepts this session (the daemon's log says "
+          "why)");
+    for (const Value& name : *started.states) _backends += ' ' + description(name);
+  }
+
+  void printBackends() const { std::printf("reporting through:%s\n", _backends.c_str()); }
+
+ private:
+  std::string _backends;  // with a blank before each
+};
 
 }  // namespace
 
-int runSendCommand(const std::string& root, const std::vector<std::string>& arguments) {
-  std::set<std::string> valued = sessionOptions;
-  valued.merge(std::set<std::string>{"--category", "--type", "--flag"});
-  const CommandLine line(arguments, valued, {"--realtime"});
-  if (line.has("--realtime") && line.text("--flag"))
-    throw UsageError("--realtime is --flag 1; give one of them");
-  const SessionDescription description(line);
-  const Dictionary message{
-      {std::string(kCorvidMessageParametersCategory),
-       line.number("--category", 0, 65535).value_or(1)},
-      {std::string(kCorvidMessageParametersType), line.number("--type", 0, 65535).value_or(0)},
-      {std::string(kCorvidMessageParametersFlag),
-       line.has("--realtime") ? 1 : line.number("--flag", 0, 3).value_or(0)},
-      {std::string(kCorvidMessageParametersPayload), payloadFrom(line.words())}};
+int runSendCommand(const std::string& root, const SessionOptions& options,
+                   const EventOptions& event) {
+  const Dictionary message{{kCorvidMessageParametersCategory, event.category},
+                           {kCorvidMessageParametersType, event.type},
+                           {kCorvidMessageParametersFlag, event.flag},
+                           {kCorvidMessageParametersPayload, payloadFrom(event.payload)}};
 
-  ReportingSession session(root, description);
-  std::printf("reporting through: %s\n", session.backends().c_str());
-  const CallOutcome sent = session.client().sendMessageWithDictionary(message, true);
+  ReportingSession session(root, options);
+  session.printBackends();
+  Call sent;
+  session.perform(sent, [&](client::Session& library) {
+    return library.sendMessage(clientDictionary(message), sent, sent.end());
+  });
   if (sent.text) std::printf("sent:\n%s\n", sent.text->c_str());
-  std::puts(fateAfter(session.client().flush(true)));
+  Call flushed;
+  session.perform(flushed,
+                  [&](client::Session& library) { return library.flush(flushed, flushed.end()); });
+  std::puts(fateAfter(flushed));
   return 0;
 }
 
-int runStatesCommand(const std::string& root, const std::vector<std::string>& arguments) {
-  const CommandLine line(arguments, sessionOptions, {});
-  if (!line.words().empty()) throw UsageError("unexpected " + line.words().front());
-  const ReportingSession session(root, SessionDescription(line));
-  std::printf("reporting through: %s\n", session.backends().c_str());
+int runStatesCommand(const std::string& root, const SessionOptions& options) {
+  ReportingSession(root, options).printBackends();
   return 0;
 }
 
-int runUploadCommand(const std::string& root, const std::vector<std::string>& arguments) {
-  const CommandLine line(arguments, sessionOptions, {});
-  const SessionDescription description(line);
-  if (line.words().empty()) throw UsageError("upload takes the FILEs to upload");
-  for (const std::string& file : line.words())
+int runUploadCommand(const std::string& root, const SessionOptions& options,
+                     const std::vector<std::string>& files) {
+  for (const std::string& file : files)
     if (access(file.c_str(), R_OK) != 0)
       throw CallError(fmt::format("cannot read {}: {}", file, std::strerror(errno)));
 
-  ReportingSession session(root, description);
+  ReportingSession session(root, options);
   bool allConfirmed = true;
-  for (const std::string& file : line.words()) {
+  for (const std::string& file : files) {
     std::error_code error;
     std::printf("uploading %s (%ju bytes)\n", file.c_str(),
                 static_cast<std::uintmax_t>(std::filesystem::file_size(file, error)));
     std::fflush(stdout);
-    if (!session.client().uploadFile(file, true).success)
+    Call uploaded;
+    session.perform(uploaded, [&](client::Session& library) {
+      return library.uploadFile(file, uploaded, uploaded.end());
+    });
+    if (!uploaded.success)
       throw CallError(fmt::format("{} was not uploaded (the daemon's log says why)", file));
     // The daemon tells no more than that it was sent.
     const bool isConfirmed = access(file.c_str(), F_OK) != 0;

@@ -2,19 +2,21 @@
 
 #include <fmt/format.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <map>
 #include <mutex>
 #include <thread>
 
 #include "platform/data/JSON.h"
+#include "tools/Arguments.h"
 #include "tools/JSONValues.h"
 #include "tools/corvidctl/Client.h"
-#include "tools/corvidctl/LineReader.h"
-#include "tools/corvidctl/SessionCalls.h"
 
 namespace corvid::ctl {
 
+using tools::Arguments;
 using tools::InputError;
 
 namespace {
@@ -22,6 +24,158 @@ namespace {
 // The largest message, with every byte of it written as an escape, would take more; as Base64 or
 // plain text it takes a third of this.
 constexpr std::size_t longestLine = std::size_t{64} << 20;
+
+Value orNull(const std::optional<Dictionary>& dictionary) {
+  return dictionary ? tools::jsonFromValue(*dictionary) : Value();
+}
+Value orNull(const std::optional<std::string>& text) { return text ? Value(*text) : Value(); }
+Value orNull(const std::optional<Array>& array) {
+  return array ? tools::jsonFromValue(*array) : Value();
+}
+Value orNull(const std::optional<client::Error>& error) {
+  if (!error) return {};
+  return Dictionary{
+      {"domain", error->domain}, {"code", error->code}, {"description", error->description}};
+}
+
+std::uint16_t number16(const Arguments& in, std::string_view key) {
+  return static_cast<std::uint16_t>(in.integer(key, 0, 65535).value_or(0));
+}
+
+// A view of what may be absent, for as long as `dictionary` is there.
+client::DictionaryView viewOf(const std::optional<client::Dictionary>& dictionary) {
+  return dictionary ? client::DictionaryView(*dictionary) : client::Session::none();
+}
+
+std::optional<client::Dictionary> dictionaryAt(const Arguments& in, std::string_view key) {
+  const auto dictionary = in.dictionary(key);
+  return dictionary ? std::optional(clientDictionary(*dictionary)) : std::nullopt;
+}
+client::Dictionary dictionaryOrEmptyAt(const Arguments& in, std::string_view key) {
+  return clientDictionary(in.dictionary(key).value_or(Dictionary()));
+}
+client::Array arrayOrEmptyAt(const Arguments& in, std::string_view key) {
+  return clientArray(in.array(key).value_or(Array()));
+}
+
+void noAnswer(const Call&, Dictionary&) {}
+void statesAnswer(const Call& call, Dictionary& line) { line.set("states", orNull(call.states)); }
+void urlAnswer(const Call& call, Dictionary& line) { line.set("url", orNull(call.text)); }
+void resultAnswer(const Call& call, Dictionary& line) { line.set("result", orNull(call.text)); }
+void flushAnswer(const Call& call, Dictionary& line) {
+  resultAnswer(call, line);
+  line.set("error", orNull(call.failure));
+}
+void fileAnswer(const Call& call, Dictionary& line) { line.set("success", call.success); }
+void logDataAnswer(const Call& call, Dictionary& line) {
+  fileAnswer(call, line);
+  line.set("error", orNull(call.failure));
+}
+
+struct Operation {
+  client::Status (*make)(client::Session&, const Arguments&, Call&);
+  void (*answer)(const Call&, Dictionary& line);
+};
+
+const std::map<std::string, Operation, std::less<>>& operations() {
+  using client::Session;
+  static const std::map<std::string, Operation, std::less<>> table{
+      {"setSessionInfo",
+       {[](Session& session, const Arguments& in, Call& call) {
+          return session.setSessionInfo(
+              dictionaryOrEmptyAt(in, "sessionInfo"), viewOf(dictionaryAt(in, "userInfo")),
+              arrayOrEmptyAt(in, "frameworksToCheck"),
+              in.boolean("hasAggregationBlock").value_or(false), call.end());
+        },
+        noAnswer}},
+      {"startConfig",
+       {[](Session& session, const Arguments&, Call& call) {
+          return session.startConfig(call, call.end());
+        },
+        statesAnswer}},
+      {"fetchStates",
+       {[](Session& session, const Arguments& in, Call& call) {
+          return session.fetchStates(viewOf(dictionaryAt(in, "userInfo")), call, call.end());
+        },
+        statesAnswer}},
+      {"fetchDisplayURL",
+       {[](Session& session, const Arguments&, Call& call) {
+          return session.fetchDisplayURL(call, call.end());
+        },
+        urlAnswer}},
+      {"sendMessage",
+       {[](Session& session, const Arguments& in, Call& call) {
+          return session.sendMessage(number16(in, "category"), number16(in, "type"),
+                                     viewOf(dictionaryAt(in, "payload")), call, call.end());
+        },
+        resultAnswer}},
+      {"sendMessageWithDictionary",
+       {[](Session& session, const Arguments& in, Call& call) {
+          return session.sendMessage(dictionaryOrEmptyAt(in, "message"), call, call.end());
+        },
+        resultAnswer}},
+      {"flush",
+       {[](Session& session, const Arguments&, Call& call) {
+          return session.flush(call, call.end());
+        },
+        flushAnswer}},
+      {"finish",
+       {[](Session& session, const Arguments&, Call& call) {
+          return session.finish(call, call.end());
+        },
+        resultAnswer}},
+      {"uploadFile",
+       {[](Session& session, const Arguments& in, Call& call) {
+          return session.uploadFile(in.requiredPath("path"), call, call.end());
+        },
+        fileAnswer}},
+      {"uploadLogData",
+       {[](Session& session, const Arguments& in, Call& call) {
+          return session.uploadLogData(arrayOrEmptyAt(in, "logData"), call, call.end());
+        },
+        logDataAnswer}},
+      {"sendSingleMessage",
+       {[](Session& session, const Arguments& in, Call& call) {
+          return session.sendSingleMessage(dictionaryOrEmptyAt(in, "sessionInfo"),
+                                           viewOf(dictionaryAt(in, "userInfo")),
+                                           number16(in, "category"), number16(in, "type"),
+                                           viewOf(dictionaryAt(in, "payload")), call, call.end());
+        },
+        resultAnswer}},
+      {"sleep",
+       {[](Session&, const Arguments& in, Call& call) -> client::Status {
+          std::this_thread::sleep_for(std::chrono::duration<double>(in.requiredSeconds("seconds")));
+          call.end()(CORVID_OUTCOME_DONE);
+          return CORVID_OK;
+        },
+        noAnswer}},
+  };
+  return table;
+}
+
+std::string namesOfCalls() {
+  std::string names;
+  for (const auto& [name, operation] : operations()) names += (names.empty() ? "" : ", ") + name;
+  return names;
+}
+
+// Makes the call that `line` describes, property-list values in place of their JSON forms, and
+// gives the line that tells its outcome.
+Dictionary performCall(Client& client, const Dictionary& line) {
+  const Arguments in(line);
+  const std::string name = in.requiredText("call");
+  const auto operation = operations().find(name);
+  if (operation == operations().end())
+    throw InputError("there is no call \"" + name + "\"; there are " + namesOfCalls());
+  Call call(in.boolean("reply").value_or(true));
+  client.perform(
+      call, [&](client::Session& session) { return operation->second.make(session, in, call); });
+
+  Dictionary answer{{"call", name}};
+  if (call.outcome == CORVID_OUTCOME_ANSWERED) operation->second.answer(call, answer);
+  if (call.outcome == CORVID_OUTCOME_UNANSWERED) answer.set("answered", false);
+  return answer;
+}
 
 // Standard output, which the library's thread writes to as well.
 class Output {
@@ -70,15 +224,36 @@ Dictionary outcomeOf(Client& client, const LineReader& input) {
 
 }  // namespace
 
+bool LineReader::next() {
+  using Traits = std::istream::traits_type;
+  _line.clear();
+  _isTooLong = false;
+  std::streambuf& bytes = *_input.rdbuf();
+  Traits::int_type byte = bytes.sbumpc();
+  if (Traits::eq_int_type(byte, Traits::eof())) return false;
+  ++_number;
+  for (; !Traits::eq_int_type(byte, Traits::eof()); byte = bytes.sbumpc()) {
+    if (Traits::to_char_type(byte) == '\n') break;
+    if (_line.size() < _longest)
+      _line.push_back(Traits::to_char_type(byte));
+    else
+      _isTooLong = true;
+  }
+  return true;
+}
+
 int runSessionCommand(const std::string& root, std::istream& input) {
   Output output;
-  Client::Handlers handlers;
-  handlers.message = [&](auto message, double timestamp, auto category, auto type, auto payload) {
-    output.print(messageEvent(message, timestamp, category, type, payload));
+  const auto message = [&](const auto& dictionary, double timestamp, std::uint16_t category,
+                           std::uint16_t type, const auto& payload) {
+    output.print({{"event", "message"},
+                  {"message", orNull(dictionary)},
+                  {"timestamp", timestamp == 0 ? Value(0) : Value(timestamp)},
+                  {"category", category},
+                  {"type", type},
+                  {"payload", orNull(payload)}});
   };
-  handlers.invalidated = [&] { output.printAndExit({{"event", "invalidated"}}, 1); };
-
-  Client client(root, std::move(handlers));
+  Client client(root, message, [&] { output.printAndExit({{"event", "invalidated"}}, 1); });
   for (LineReader lines(input, longestLine); lines.next();)
     if (lines.isTooLong() || lines.line().find_first_not_of(" \t\r") != std::string::npos)
       output.print(outcomeOf(client, lines));

@@ -1,91 +1,170 @@
 // corvidctl: a client of corvidd on the command line.
+#include <corvid/corvid.h>
+
 #include <cstdio>
-#include <cstdlib>
 #include <exception>
+#include <functional>
 #include <iostream>
-#include <memory>
+#include <limits>
 #include <string>
 #include <vector>
 
+#include "base/CommandLine.h"
 #include "base/Log.h"
+#include "platform/data/FilePreferences.h"
 #include "platform/system/SystemLog.h"
-#include "tools/CommandLine.h"
+#include "tools/Arguments.h"
 #include "tools/corvidctl/DashboardCommand.h"
 #include "tools/corvidctl/PrefsCommand.h"
 #include "tools/corvidctl/SendCommand.h"
 #include "tools/corvidctl/SessionCommand.h"
 
+namespace corvid::ctl {
+
 namespace {
 
-using corvid::tools::CommandLine;
-using corvid::tools::UsageError;
+constexpr const char* footer =
+    "corvidctl COMMAND --help, or corvidctl help COMMAND, lists the options of a command.\n"
+    "\n"
+    "Exit status: 0 done, 1 it did not work (standard error says why), 2 a packet was not\n"
+    "acknowledged, 64 wrong usage.";
 
-constexpr const char* usage =
-    R"(usage: corvidctl [--root DIR] COMMAND ...
+// Commands of the line and what becomes of the one that is named.
+class Program {
+ public:
+  int run(std::vector<std::string> arguments);
 
-  session
-      Reads calls from standard input and writes their outcomes to standard output, one JSON object
-      a line each: {"call":"startConfig"}, {"call":"sendMessage","category":1,"type":2,"payload":{}}.
-  send --client-type N [--client-name TEXT] [--service-name TEXT] [--session-id N]
-       [--client-version N] [--category N] [--type N] [--flag 0..3 | --realtime] [KEY=VALUE ...]
-      Describes a session, sends one event and flushes. VALUE is JSON, or a text where it is none.
-  states --client-type N [--client-name TEXT] [--service-name TEXT] [--session-id N]
-         [--client-version N]
-      Says which backends report for such a session.
-  upload --client-type N [--client-name TEXT] [--service-name TEXT] [--session-id N]
-         [--client-version N] FILE...
-      Describes a session and uploads files through its backends, up to the first that fails.
-  dashboard send --ip IP --port PORT --method N --resp-code N [--payload JSON] [--event-id N]
-       [--session-id N] [--client-type N] [--client-version N] [--udid TEXT]
-       [--seconds S] [--microseconds U]
-      Sends one packet to a dashboard server, without the daemon, prints its log line and waits until
-      it is acknowledged, or dropped (exit status 2).
-  prefs [--suite NAME] get KEY | set KEY VALUE | delete KEY | list
-      Reads or changes the daemon's preferences. VALUE is JSON, or a text where it is none.
+ private:
+  CLI::App& addCommand(CLI::App& parent, const std::string& name, const std::string& help,
+                       std::function<int()> run = nullptr);
+  CLI::App& addSessionCommand(const std::string& name, const std::string& help,
+                              std::function<int()> run);
+  void addSend();
+  void addDashboard();
 
-DIR, or $CORVID_ROOT, is the folder that the daemon's socket and files hang below.
-Exit status: 0 done, 1 it did not work (standard error says why), 2 a packet was not acknowledged,
-64 wrong usage.
-)";
+  CLI::App _app{"Makes the calls of a client of corvidd, for scripts with session and for people.",
+                "corvidctl"};
+  std::string _root;
+  int _status = 0;
 
-// From the option or else the environment, without a slash at its end; empty for "/".
-std::string rootOf(const CommandLine& line) {
-  const char* environment = std::getenv("CORVID_ROOT");
-  std::string root = line.folder("--root").value_or(environment ? environment : "");
-  while (root.ends_with('/')) root.pop_back();
-  return root;
+  SessionOptions _session;
+  EventOptions _event;
+  PacketOptions _packet;
+  std::vector<std::string> _words;
+  std::string _suite{corvidSuite};
+};
+
+CLI::App& Program::addCommand(CLI::App& parent, const std::string& name, const std::string& help,
+                              std::function<int()> run) {
+  CLI::App& command = *parent.add_subcommand(name, help);
+  addCommonOptions(command, "corvidctl " CORVID_VERSION);
+  if (run)
+    command.callback([this, run] {
+      while (_root.ends_with('/')) _root.pop_back();
+      try {
+        _status = run();
+      } catch (const tools::InputError& error) {
+        throw CLI::ParseError(error.what(), exitUsage);
+      }
+    });
+  return command;
 }
 
-// The commands do not know the option, and "unknown" would not say what to do.
-void refuseRootAfter(const std::string& command, const std::vector<std::string>& arguments) {
-  for (const std::string& argument : arguments) {
-    if (argument == "--") return;
-    if (argument == "--root" || argument.starts_with("--root="))
-      throw UsageError("--root goes before the command: corvidctl --root DIR " + command + " ...");
-  }
+CLI::App& Program::addSessionCommand(const std::string& name, const std::string& help,
+                                     std::function<int()> run) {
+  CLI::App& command = addCommand(_app, name, help, std::move(run));
+  addNumber(command, "--client-type", _session.clientType, 0, 1000,
+            "Kind of client, which chooses the storebag")
+      ->required();
+  addNumber(command, "--client-version", _session.clientVersion, 0, 65535, "Version of the client");
+  addNumber(command, "--session-id", _session.sessionID, 0, 4294967295,
+            "Number of the session (1)");
+  const auto addName = [&](const char* option, const char* key, const char* meaning) {
+    const auto set = [this, key](const std::string& text) { _session.userInfo.set(key, text); };
+    command.add_option_function<std::string>(option, set, meaning);
+  };
+  addName("--client-name", kCorvidUserInfoClientName, "User info: name of the client");
+  addName("--service-name", kCorvidUserInfoServiceName, "User info: name of the service");
+  return command;
 }
 
-int run(const std::vector<std::string>& arguments) {
-  const CommandLine line(arguments, {"--root"}, {}, CommandLine::Options::beforeFirstWord);
-  if (line.words().empty()) throw UsageError("a command is missing");
-  const std::string root = rootOf(line);
-  const std::string& command = line.words().front();
-  const std::vector<std::string> rest(line.words().begin() + 1, line.words().end());
-  refuseRootAfter(command, rest);
-  if (command == "session") {
-    if (const CommandLine none(rest, {}, {}); !none.words().empty())
-      throw UsageError("unexpected " + none.words().front());
-    return corvid::ctl::runSessionCommand(root, std::cin);
-  }
-  if (command == "send") return corvid::ctl::runSendCommand(root, rest);
-  if (command == "states") return corvid::ctl::runStatesCommand(root, rest);
-  if (command == "upload") return corvid::ctl::runUploadCommand(root, rest);
-  if (command == "dashboard") return corvid::ctl::runDashboardCommand(rest);
-  if (command == "prefs") return corvid::ctl::runPrefsCommand(root, rest);
-  throw UsageError("there is no command " + command);
+void Program::addSend() {
+  CLI::App& send = addSessionCommand("send", "Describe a session, send one event and flush",
+                                     [this] { return runSendCommand(_root, _session, _event); });
+  addNumber(send, "--category", _event.category, 0, 65535, "Category of the event (1)");
+  addNumber(send, "--type", _event.type, 0, 65535, "Type of the event (0)");
+  CLI::Option* const flag =
+      addNumber(send, "--flag", _event.flag, 0, 3,
+                "0 sends the event with the batch, 1 at once; 2 and 3 the same,\n"
+                "and backends that held events back report from then on (0)");
+  send.add_flag_callback(
+          "--realtime", [this] { _event.flag = 1; }, "The same as --flag 1")
+      ->excludes(flag);
+  addWords(send, "PAYLOAD", _event.payload,
+           "KEY=VALUE, where VALUE is JSON, or a text where it is none");
+}
+
+void Program::addDashboard() {
+  CLI::App& dashboard =
+      addCommand(_app, "dashboard", "Send packets to a dashboard server, without the daemon");
+  dashboard.require_subcommand(1);
+  CLI::App& send = addCommand(
+      dashboard, "send",
+      "Send one packet, print its log line and wait until it is acknowledged, or dropped\n"
+      "(exit status 2).",
+      [this] { return runDashboardCommand(_packet); });
+  const auto add = [&](const char* name, auto& target, const char* help) {
+    using Limits = std::numeric_limits<std::decay_t<decltype(target)>>;
+    return addNumber(send, name, target, Limits::min(), Limits::max(), help);
+  };
+  send.add_option("--ip", _packet.ip, "IPv4 address of the server")->type_name("IP")->required();
+  add("--port", _packet.port, "UDP port of the server")->required();
+  add("--method", _packet.method, "Method of the event")->required();
+  add("--resp-code", _packet.respCode, "Response code of the event")->required();
+  send.add_option("--payload", _packet.payload, "Payload, a JSON object (empty)")
+      ->type_name("JSON");
+  add("--event-id", _packet.eventID, "Number of the event (1)");
+  add("--session-id", _packet.sessionID, "Number of the session (0)");
+  add("--client-type", _packet.clientType, "Kind of client (0)");
+  add("--client-version", _packet.clientVersion, "Version of the client (0)");
+  send.add_option("--udid", _packet.udid, "Identifier of the device (empty)");
+  using Seconds = std::numeric_limits<std::int64_t>;
+  addNumber(send, "--seconds", _packet.seconds, Seconds::min(), Seconds::max(),
+            "Time of the event since 1970 (now)");
+  addNumber(send, "--microseconds", _packet.microseconds, 0, 999'999, "The rest of that time (0)");
+}
+
+int Program::run(std::vector<std::string> arguments) {
+  addCommonOptions(_app, "corvidctl " CORVID_VERSION);
+  _app.require_subcommand(1);
+  addFolder(_app, "--root", _root,
+            "Folder that the daemon's socket and files lie below, instead of /")
+      ->envname("CORVID_ROOT");
+  addCommand(_app, "session",
+             "Make the calls of standard input, a line each: {\"call\":\"startConfig\"}",
+             [this] { return runSessionCommand(_root, std::cin); });
+  addSend();
+  addSessionCommand("states", "Say which backends report for a session",
+                    [this] { return runStatesCommand(_root, _session); });
+  CLI::App& upload =
+      addSessionCommand("upload", "Describe a session and upload files, up to the first that fails",
+                        [this] { return runUploadCommand(_root, _session, _words); });
+  addWords(upload, "FILE", _words, "Files to upload")->required();
+  addDashboard();
+  CLI::App& prefs = addCommand(_app, "prefs", "Read or change the daemon's preferences",
+                               [this] { return runPrefsCommand(_root, _suite, _words); });
+  prefs.add_option("--suite", _suite, "Suite of preferences (that of the daemon)")
+      ->type_name("NAME");
+  addWords(
+      prefs, "WORD", _words,
+      "get KEY, set KEY VALUE, delete KEY or list; VALUE is JSON, or a text\nwhere it is none");
+  _app.footer(footer);  // last: commands would have it too
+  return readCommandLine(_app, std::move(arguments)).value_or(_status);
 }
 
 }  // namespace
+
+}  // namespace corvid::ctl
 
 int main(int argc, char** argv) {
   std::ios::sync_with_stdio(false);
@@ -93,13 +172,7 @@ int main(int argc, char** argv) {
   corvid::installLog(log.get(), corvid::LogLevel::warning);
   int status = 1;
   try {
-    status = run(std::vector<std::string>(argv + 1, argv + argc));
-  } catch (const corvid::tools::HelpRequest&) {
-    std::fputs(usage, stdout);
-    status = 0;
-  } catch (const UsageError& error) {
-    std::fprintf(stderr, "corvidctl: %s\nTry corvidctl --help.\n", error.what());
-    status = corvid::tools::exitUsage;
+    status = corvid::ctl::Program().run({argv + (argc > 0), argv + argc});
   } catch (const std::exception& error) {
     std::fprintf(stderr, "corvidctl: %s\n", error.what());
   }

@@ -4,7 +4,6 @@
 #include <fmt/format.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -61,12 +60,11 @@ Dictionary described(const ReadPacket& packet) {
 
 DashboardServer::DashboardServer(Receive receive, std::uint16_t port)
     : _receive(std::move(receive)),
-      _socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)),
-      _end(::eventfd(0, EFD_CLOEXEC)) {
+      _socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
   sockaddr_in address = addressOf(std::uint64_t{INADDR_LOOPBACK} << 16 | port);
   socklen_t size = sizeof address;
   auto* const generic = reinterpret_cast<sockaddr*>(&address);
-  if (!_socket || !_end || ::bind(_socket.get(), generic, size) != 0 ||
+  if (!_socket || ::bind(_socket.get(), generic, size) != 0 ||
       ::getsockname(_socket.get(), generic, &size) != 0)
     throw std::runtime_error(
         fmt::format("cannot take packets on 127.0.0.1:{}: {}", port, std::strerror(errno)));
@@ -75,7 +73,7 @@ DashboardServer::DashboardServer(Receive receive, std::uint16_t port)
 }
 
 DashboardServer::~DashboardServer() {
-  ::eventfd_write(_end.get(), 1);
+  _end.wake();
   _thread.join();
 }
 
@@ -119,7 +117,7 @@ int DashboardServer::millisecondsToNext() const {
 
 void DashboardServer::serve() {
   for (;;) {
-    pollfd waiting[] = {{_socket.get(), POLLIN, 0}, {_end.get(), POLLIN, 0}};
+    pollfd waiting[] = {{_socket.get(), POLLIN, 0}, {_end.descriptor(), POLLIN, 0}};
     ::poll(waiting, 2, millisecondsToNext());
     if (waiting[1].revents != 0) return;
     if (waiting[0].revents != 0) receiveOne();

@@ -13,6 +13,7 @@
 #include "base/Mutex.h"
 #include "base/Result.h"
 #include "base/Value.h"
+#include "base/Wakeup.h"
 #include "tools/lab/FaultyWire.h"
 
 namespace corvid::lab {
@@ -67,7 +68,7 @@ class DashboardServer {
 
   const Receive _receive;
   Descriptor _socket;
-  Descriptor _end;  // readable when the thread shall end
+  Wakeup _end;
   std::uint16_t _port = 0;
   std::atomic<std::size_t> _received = 0;
 

@@ -4,7 +4,6 @@
 #include <fmt/format.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -20,8 +19,8 @@ constexpr int backlog = 512;
 constexpr std::chrono::milliseconds waitForDescriptors{10};
 
 // A listening socket on 127.0.0.1, and the port it got.
-std::pair<int, std::uint16_t> listenOnLoopback(std::uint16_t port) {
-  const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+std::pair<Descriptor, std::uint16_t> listenOnLoopback(std::uint16_t port) {
+  Descriptor listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   const int on = 1;
   sockaddr_in address{};
   address.sin_family = AF_INET;
@@ -29,14 +28,12 @@ std::pair<int, std::uint16_t> listenOnLoopback(std::uint16_t port) {
   address.sin_port = htons(port);
   socklen_t size = sizeof address;
   auto* const generic = reinterpret_cast<sockaddr*>(&address);
-  if (listener < 0 || ::setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
-      ::bind(listener, generic, size) != 0 || ::listen(listener, backlog) != 0 ||
-      ::getsockname(listener, generic, &size) != 0) {
-    const std::string reason = std::strerror(errno);
-    if (listener >= 0) ::close(listener);
-    throw std::runtime_error(fmt::format("cannot listen on 127.0.0.1 port {}: {}", port, reason));
-  }
-  return {listener, ntohs(address.sin_port)};
+  if (!listener || ::setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
+      ::bind(listener.get(), generic, size) != 0 || ::listen(listener.get(), backlog) != 0 ||
+      ::getsockname(listener.get(), generic, &size) != 0)
+    throw std::runtime_error(
+        fmt::format("cannot listen on 127.0.0.1 port {}: {}", port, std::strerror(errno)));
+  return {std::move(listener), ntohs(address.sin_port)};
 }
 
 }  // namespace
@@ -48,17 +45,14 @@ HTTPServer::HTTPServer(Handler handler, Options options)
   _acceptor = std::thread([this] { acceptConnections(); });
 }
 
-HTTPServer::~HTTPServer() {
-  stop();
-  ::close(_listener);
-}
+HTTPServer::~HTTPServer() { stop(); }
 
 void HTTPServer::stop() {
   {
     MutexLock lock(_mutex);
     if (std::exchange(_stopping, true)) return;
   }
-  ::shutdown(_listener, SHUT_RDWR);
+  ::shutdown(_listener.get(), SHUT_RDWR);
   _acceptor.join();
   std::list<HTTPServerConnection> connections;
   {
@@ -80,9 +74,9 @@ std::size_t HTTPServer::connectionsOpen() const {
 
 void HTTPServer::acceptConnections() {
   for (;;) {
-    const int socket = ::accept4(_listener, nullptr, nullptr, SOCK_CLOEXEC);
-    if (socket >= 0) {
-      add(socket);
+    Descriptor socket(::accept4(_listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    if (socket) {
+      add(std::move(socket));
     } else if (errno == EMFILE || errno == ENFILE) {
       std::this_thread::sleep_for(waitForDescriptors);
     } else if (errno != EINTR && errno != ECONNABORTED) {
@@ -91,14 +85,14 @@ void HTTPServer::acceptConnections() {
   }
 }
 
-void HTTPServer::add(int socket) {
+void HTTPServer::add(Descriptor socket) {
   const int on = 1;
-  ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  ::setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
   MutexLock lock(_mutex);
   _connections.remove_if([](const auto& connection) { return connection.isOver(); });
-  _connections.emplace_back(
-      socket, HTTPServerConnection::Surroundings{_handler, _tls.get(), _fault, _accepted++,
-                                                 _requests, _answers});
+  _connections.emplace_back(std::move(socket),
+                            HTTPServerConnection::Surroundings{_handler, _tls.get(), _fault,
+                                                               _accepted++, _requests, _answers});
 }
 
 }  // namespace corvid::lab

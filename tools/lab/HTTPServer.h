@@ -10,6 +10,7 @@
 #include <string>
 #include <thread>
 
+#include "base/Descriptor.h"
 #include "base/Mutex.h"
 #include "tools/lab/HTTPExchange.h"
 #include "tools/lab/TLSIdentity.h"
@@ -68,11 +69,11 @@ class HTTPServer {
 
  private:
   void acceptConnections();
-  void add(int socket) EXCLUDES(_mutex);
+  void add(Descriptor socket) EXCLUDES(_mutex);
 
   const Handler _handler;
   const std::unique_ptr<const ServerTLS> _tls;  // none: plain
-  int _listener = -1;
+  Descriptor _listener;
   std::uint16_t _port = 0;
 
   std::atomic<ConnectionFault> _fault = ConnectionFault::none;

@@ -5,10 +5,10 @@
 #include <algorithm>
 #include <charconv>
 #include <condition_variable>
-#include <csignal>
 #include <mutex>
 
 #include "base/Text.h"
+#include "base/Thread.h"
 
 namespace corvid::lab {
 namespace {
@@ -16,14 +16,6 @@ namespace {
 constexpr std::size_t headLimit = 64 * 1024;
 constexpr std::size_t bodyLimit = 512 * 1024 * 1024;
 constexpr std::size_t readSize = 64 * 1024;
-
-// A write to a connection that the peer has left reports an error instead of ending the process.
-void blockBrokenPipeSignal() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGPIPE);
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-}
 
 // `head` without its last empty line.
 std::optional<Request> parseHead(std::string_view head) {
@@ -58,9 +50,9 @@ std::string headOf(const Answer& answer) {
 
 }  // namespace
 
-HTTPServerConnection::HTTPServerConnection(int socket, Surroundings surroundings)
+HTTPServerConnection::HTTPServerConnection(Descriptor socket, Surroundings surroundings)
     : _surroundings(surroundings),
-      _stream(socket),
+      _stream(std::move(socket)),
       _thread([this](std::stop_token stop) { run(std::move(stop)); }) {}
 
 void HTTPServerConnection::breakOff() {
@@ -69,7 +61,7 @@ void HTTPServerConnection::breakOff() {
 }
 
 void HTTPServerConnection::run(std::stop_token stop) {
-  blockBrokenPipeSignal();
+  const SignalsBlocked blocked;  // a write to a peer that has left reports an error
   _stop = std::move(stop);
   if (!misbehave() && (!_surroundings.tls || _stream.acceptTLS(*_surroundings.tls))) serve();
   _stream.breakOff();

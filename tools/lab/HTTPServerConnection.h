@@ -28,7 +28,7 @@ class HTTPServerConnection {
     std::atomic<std::size_t>& answers;   // those that have left wholly
   };
 
-  HTTPServerConnection(int socket, Surroundings surroundings);
+  HTTPServerConnection(Descriptor socket, Surroundings surroundings);
 
   // Any thread.
   bool isOver() const { return _over; }

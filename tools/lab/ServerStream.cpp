@@ -2,7 +2,6 @@
 
 #include <openssl/err.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <climits>
@@ -21,18 +20,16 @@ ServerTLS::ServerTLS(const TLSCertificate& certificate)
   SSL_CTX_set_mode(_context.get(), SSL_MODE_AUTO_RETRY);
 }
 
-ServerStream::~ServerStream() { ::close(_socket); }
-
 bool ServerStream::acceptTLS(const ServerTLS& tls) {
   _ssl.reset(SSL_new(tls.context()));
-  return _ssl && SSL_set_fd(_ssl.get(), _socket) == 1 && SSL_accept(_ssl.get()) == 1;
+  return _ssl && SSL_set_fd(_ssl.get(), _socket.get()) == 1 && SSL_accept(_ssl.get()) == 1;
 }
 
 std::size_t ServerStream::read(char* buffer, std::size_t size) {
   ERR_clear_error();
   const auto count =
       _ssl ? SSL_read(_ssl.get(), buffer, static_cast<int>(std::min<std::size_t>(size, INT_MAX)))
-           : ::recv(_socket, buffer, size, 0);
+           : ::recv(_socket.get(), buffer, size, 0);
   return count > 0 ? static_cast<std::size_t>(count) : 0;
 }
 
@@ -42,7 +39,7 @@ bool ServerStream::write(std::string_view bytes) {
     const auto count =
         _ssl ? SSL_write(_ssl.get(), bytes.data(),
                          static_cast<int>(std::min<std::size_t>(bytes.size(), INT_MAX)))
-             : ::send(_socket, bytes.data(), bytes.size(), 0);
+             : ::send(_socket.get(), bytes.data(), bytes.size(), 0);
     if (count <= 0) return false;
     bytes.remove_prefix(static_cast<std::size_t>(count));
   }
@@ -51,15 +48,15 @@ bool ServerStream::write(std::string_view bytes) {
 
 void ServerStream::finish() {
   if (_ssl) SSL_shutdown(_ssl.get());
-  ::shutdown(_socket, SHUT_WR);
+  ::shutdown(_socket.get(), SHUT_WR);
 }
 
-void ServerStream::breakOff() { ::shutdown(_socket, SHUT_RDWR); }
+void ServerStream::breakOff() { ::shutdown(_socket.get(), SHUT_RDWR); }
 
 void ServerStream::reset() {
   sockaddr nobody{};
   nobody.sa_family = AF_UNSPEC;
-  ::connect(_socket, &nobody, sizeof nobody);
+  ::connect(_socket.get(), &nobody, sizeof nobody);
 }
 
 }  // namespace corvid::lab

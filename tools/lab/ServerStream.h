@@ -6,7 +6,9 @@
 #include <cstddef>
 #include <memory>
 #include <string_view>
+#include <utility>
 
+#include "base/Descriptor.h"
 #include "tools/lab/TLSIdentity.h"
 
 namespace corvid::lab {
@@ -28,10 +30,7 @@ class ServerTLS {
 // thread that writes must block SIGPIPE.
 class ServerStream {
  public:
-  explicit ServerStream(int socket) : _socket(socket) {}  // owned
-  ~ServerStream();
-  ServerStream(const ServerStream&) = delete;
-  ServerStream& operator=(const ServerStream&) = delete;
+  explicit ServerStream(Descriptor socket) : _socket(std::move(socket)) {}
 
   // False where the peer's handshake fails.
   bool acceptTLS(const ServerTLS& tls);
@@ -50,7 +49,7 @@ class ServerStream {
   struct Free {
     void operator()(SSL* ssl) const { SSL_free(ssl); }
   };
-  const int _socket;
+  const Descriptor _socket;
   std::unique_ptr<SSL, Free> _ssl;  // none: in the clear
 };
 

@@ -3,7 +3,7 @@
 #include <limits>
 #include <stdexcept>
 
-#include "tools/corvidctl/ClientValues.h"
+#include "tools/corvidctl/Client.h"
 
 namespace corvid::ctl {
 namespace {
@@ -37,18 +37,18 @@ std::string refusalOf(const Dictionary& dictionary) {
 }
 
 TEST(ClientValues, EveryTypeGoesOverAndBack) {
-  EXPECT_EQ(dictionaryFrom(clientDictionary(everyType()).get()), everyType());
+  EXPECT_EQ(dictionaryFrom(clientDictionary(everyType())), everyType());
   const Array array{everyType(), Array{everyType()}, Date{0}, Data{"x"}, Value()};
-  EXPECT_EQ(arrayFrom(clientArray(array).get()), array);
+  EXPECT_EQ(arrayFrom(clientArray(array)), array);
 }
 
 TEST(ClientValues, EmptyContainersStayEmpty) {
-  EXPECT_EQ(dictionaryFrom(clientDictionary({}).get()), Dictionary());
-  EXPECT_EQ(arrayFrom(clientArray({}).get()), Array());
+  EXPECT_EQ(dictionaryFrom(clientDictionary({})), Dictionary());
+  EXPECT_EQ(arrayFrom(clientArray({})), Array());
 }
 
 TEST(ClientValues, KeysKeepTheirOrder) {
-  const Dictionary back = dictionaryFrom(clientDictionary({{"b", 1}, {"a", 2}, {"c", 3}}).get());
+  const Dictionary back = *dictionaryFrom(clientDictionary({{"b", 1}, {"a", 2}, {"c", 3}}));
   std::string order;
   for (const auto& [key, value] : back) order += key;
   EXPECT_EQ(order, "bac");

@@ -69,21 +69,23 @@ TEST_F(DashboardCommandTest, SaysThatNoAcknowledgementCame) {
 }
 
 TEST_F(DashboardCommandTest, RefusesWhatCannotBeMeant) {
-  const auto errorOf = [&](std::vector<std::string> arguments) {
-    const ToolResult result = runTool(CORVIDCTL_PROGRAM, arguments);
+  const auto expectUsageError = [](std::vector<std::string> options, const std::string& message) {
+    options.insert(options.begin(), {"dashboard", "send"});
+    const ToolResult result = runTool(CORVIDCTL_PROGRAM, options);
     EXPECT_EQ(result.status, 64) << result.errors;
-    return linesOf(result.errors).at(0);
+    EXPECT_EQ(result.errors,
+              "corvidctl: " + message + " (corvidctl dashboard send --help says more)\n");
   };
-  EXPECT_EQ(errorOf({"dashboard"}), "corvidctl: dashboard takes the word send");
-  EXPECT_EQ(errorOf({"dashboard", "send"}), "corvidctl: --port is missing");
-  EXPECT_EQ(errorOf({"dashboard", "send", "--port=1", "--method=1", "--resp-code=1"}),
-            "corvidctl: --ip is missing");
-  EXPECT_EQ(errorOf({"dashboard", "send", "--ip=127.0.0.1", "--port=65536", "--method=1",
-                     "--resp-code=1"}),
-            "corvidctl: --port takes a whole number from 0 to 65535, not \"65536\"");
-  EXPECT_EQ(errorOf({"dashboard", "send", "--ip=127.0.0.1", "--port=1", "--method=1",
-                     "--resp-code=1", "--payload=[]"}),
-            "corvidctl: --payload takes a JSON object");
+  expectUsageError({}, "--ip is required");
+  expectUsageError({"--ip=127.0.0.1", "--method=1", "--resp-code=1"}, "--port is required");
+  expectUsageError({"--ip=127.0.0.1", "--port=65536", "--method=1", "--resp-code=1"},
+                   "--port: takes a whole number from 0 to 65535, not \"65536\"");
+  expectUsageError({"--ip=127.0.0.1", "--port=1", "--method=1", "--resp-code=1", "--payload=[]"},
+                   "--payload takes a JSON object");
+  const ToolResult alone = runTool(CORVIDCTL_PROGRAM, {"dashboard"});
+  EXPECT_EQ(alone.status, 64);
+  EXPECT_EQ(alone.errors,
+            "corvidctl: A subcommand is required (corvidctl dashboard --help says more)\n");
 }
 
 TEST_F(DashboardCommandTest, AnAddressThatIsNoneFails) {

@@ -2,7 +2,7 @@
 
 #include <sstream>
 
-#include "tools/corvidctl/LineReader.h"
+#include "tools/corvidctl/SessionCommand.h"
 
 namespace corvid::ctl {
 namespace {

@@ -35,7 +35,7 @@ class Prefs : public testing::Test {
   void expectUsageError(std::vector<std::string> arguments, const std::string& message) const {
     const ToolResult result = prefs(std::move(arguments));
     EXPECT_EQ(result.status, 64);
-    EXPECT_EQ(result.errors, "corvidctl: " + message + "\nTry corvidctl --help.\n");
+    EXPECT_EQ(result.errors, "corvidctl: " + message + " (corvidctl prefs --help says more)\n");
     EXPECT_EQ(result.output, "");
   }
 

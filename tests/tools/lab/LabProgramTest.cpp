@@ -20,7 +20,7 @@ ToolResult runLab(std::vector<std::string> arguments) {
 void expectUsageError(std::vector<std::string> arguments, const std::string& message) {
   const ToolResult result = runLab(std::move(arguments));
   EXPECT_EQ(result.status, 64) << message;
-  EXPECT_EQ(result.errors, "corvid-lab: " + message + "\nTry corvid-lab --help.\n");
+  EXPECT_EQ(result.errors, "corvid-lab: " + message + " (corvid-lab --help says more)\n");
   EXPECT_EQ(result.output, "");
 }
 
@@ -125,18 +125,21 @@ TEST_F(LabProgram, HelpNamesEveryOption) {
   for (const char* option : {"--root", "--storebag-port", "--report-port", "--control-port",
                              "--dashboard-port", "--max-age", "--show", "Exit status"})
     EXPECT_NE(help.output.find(option), std::string::npos) << option;
+  EXPECT_EQ(runLab({"help"}).output, help.output);
+  EXPECT_EQ(runLab({"-h"}).output, help.output);
+  EXPECT_EQ(runLab({"--version"}).output, "corvid-lab " CORVID_VERSION "\n");
 }
 
 TEST_F(LabProgram, WrongUsesAreNamed) {
-  expectUsageError({}, "--root is missing");
+  expectUsageError({}, "--root is required");
   expectUsageError({"--root"}, "--root lacks its value");
-  expectUsageError({"--root="}, "--root takes a folder, not an empty text");
+  expectUsageError({"--root="}, "--root: takes a folder, not an empty text");
   expectUsageError({"--root", root.path(), "more"}, "unexpected more");
   expectUsageError({"--root", root.path(), "--fast"}, "unknown option --fast");
   expectUsageError({"--root", root.path(), "--report-port", "65536"},
-                   "--report-port takes a whole number from 0 to 65535, not \"65536\"");
+                   "--report-port: takes a whole number from 0 to 65535, not \"65536\"");
   expectUsageError({"--root", root.path(), "--max-age", "soon"},
-                   "--max-age takes a whole number from 0 to 1000000000, not \"soon\"");
+                   "--max-age: takes a whole number from 0 to 1000000000, not \"soon\"");
   EXPECT_FALSE(std::filesystem::exists(root.path("lab")));
 }
 
