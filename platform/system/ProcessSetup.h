@@ -5,9 +5,8 @@ namespace corvid {
 
 enum class QualityOfServiceClass : unsigned { utility = 0x11 };
 
-// Sets scheduling policy and nice value of the calling thread, which later threads inherit; so
-// that all of the process follows. A negative priority is less urgent within
-// the class. A failure is logged at debug and ignored.
+// Sets scheduling policy and nice value of the main thread, which later threads inherit. A negative
+// priority is less urgent within the class. A failure is logged at debug and ignored.
 void setMainThreadQualityOfService(QualityOfServiceClass qualityOfService, int relativePriority);
 
 // Has large blocks given back as soon as they are free, whichever thread had them. The allocator
