@@ -6,12 +6,12 @@
 
 #include <fstream>
 #include <stdexcept>
-#include <thread>
 
 #include "base/Descriptor.h"
 #include "base/UnixAddress.h"
 #include "platform/Paths.h"
 #include "platform/data/PropertyList.h"
+#include "tests/support/Waiting.h"
 
 namespace corvid::bench {
 
@@ -70,17 +70,15 @@ void Bench::writeStorebag(const std::string& name, const std::string& url, int h
       << writeXMLPropertyList(Value(storebag));
 }
 
-std::unique_ptr<ChildProcess> Bench::startDaemon(const std::string& program) {
-  auto daemon =
-      std::make_unique<ChildProcess>(std::vector<std::string>{program, "--root", _folder, "--log",
-                                                              "stderr", "--log-level", "warning"},
-                                     _folder + "/corvidd.log");
+std::unique_ptr<MeasuredProcess> Bench::startDaemon(const std::string& program) {
+  auto daemon = std::make_unique<MeasuredProcess>(
+      std::vector<std::string>{program, "--root", _folder, "--log", "stderr", "--log-level",
+                               "warning"},
+      _folder + "/corvidd.log");
   const std::string socketPath = Paths(_folder).socket;
-  while (!acceptsConnection(socketPath)) {
-    if (!daemon->isRunning() || Clock::now() - daemon->started() > std::chrono::seconds(10))
-      throw std::runtime_error("corvidd did not come up; see " + _folder + "/corvidd.log");
-    std::this_thread::sleep_for(std::chrono::microseconds(100));
-  }
+  const auto hasCome = [&] { return acceptsConnection(socketPath) || !daemon->isRunning(); };
+  if (!waitUntil(hasCome, patience, std::chrono::microseconds(100)) || !daemon->isRunning())
+    throw std::runtime_error("corvidd did not come up; see " + _folder + "/corvidd.log");
   _readyMillis =
       std::chrono::duration<double, std::milli>(Clock::now() - daemon->started()).count();
   return daemon;

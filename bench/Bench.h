@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "bench/ChildProcess.h"
+#include "bench/MeasuredProcess.h"
 #include "bench/NginxSink.h"
 #include "bench/Workload.h"
 #include "tools/lab/HTTPServer.h"
@@ -37,7 +37,7 @@ class Bench {
   explicit Bench(const std::string& folder);
 
   // A fresh daemon; it is ready when the first connection was accepted.
-  std::unique_ptr<ChildProcess> startDaemon(const std::string& program);
+  std::unique_ptr<MeasuredProcess> startDaemon(const std::string& program);
   // From the start of the program to its first accepted connection, of the last daemon.
   double readyMillis() const { return _readyMillis; }
 

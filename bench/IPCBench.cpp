@@ -6,13 +6,13 @@
 
 #include <atomic>
 #include <cstdlib>
-#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "rpc/IPCListener.h"
 #include "tests/rpc/WireClient.h"
+#include "tests/support/Scratch.h"
 
 namespace corvid {
 namespace {
@@ -104,9 +104,8 @@ double measure(WireClient& client, capnp::uint together, int calls, bool replyWa
 // With a number, measures only that many events a call.
 int main(int count, char** arguments) {
   using namespace corvid;
-  const std::string folder =
-      (std::filesystem::temp_directory_path() / fmt::format("corvid-bench-{}", getpid())).string();
-  const std::string path = folder + "/socket";
+  const ScratchFolder folder;
+  const std::string path = folder.path("socket");
   {
     auto listener = IPCListener::bind(path, [](int) { return Dictionary(); });
     if (!listener) {
@@ -125,5 +124,4 @@ int main(int count, char** arguments) {
                    measure(client, together, static_cast<int>(200000 / together), replyWanted));
     }
   }
-  std::filesystem::remove_all(folder);
 }

@@ -10,6 +10,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include "tests/support/Waiting.h"
+
 namespace corvid::bench {
 
 namespace {
@@ -64,15 +66,12 @@ http {{
 }}
 )",
       _folder, _port, certificate.certificateFile, certificate.keyFile);
-  _process = std::make_unique<ChildProcess>(
+  _process = std::make_unique<MeasuredProcess>(
       std::vector<std::string>{"nginx", "-c", configuration, "-p", _folder, "-e",
                                _folder + "/nginx-error.log"},
       _folder + "/nginx-stderr.log");
-  for (int i = 0; i < 500; ++i) {
-    if (accepts(_port)) return;
-    if (!_process->isRunning()) break;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
+  if (waitUntil([&] { return accepts(_port) || !_process->isRunning(); }) && _process->isRunning())
+    return;
   throw std::runtime_error("nginx did not come up; is nginx-light installed? See " + _folder +
                            "/nginx-error.log");
 }

@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-#include "bench/ChildProcess.h"
+#include "bench/MeasuredProcess.h"
 #include "tools/lab/TLSIdentity.h"
 
 namespace corvid::bench {
@@ -28,7 +28,7 @@ class NginxSink {
  private:
   const std::string _folder;
   const std::uint16_t _port;
-  std::unique_ptr<ChildProcess> _process;
+  std::unique_ptr<MeasuredProcess> _process;
 };
 
 }  // namespace corvid::bench

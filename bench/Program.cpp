@@ -1,37 +1,14 @@
 #include "bench/Program.h"
 
-#include <stdlib.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <exception>
-#include <filesystem>
 #include <stdexcept>
 
 #include "base/CommandLine.h"
+#include "tests/support/Scratch.h"
 
 namespace corvid::bench {
-namespace {
-
-class TemporaryFolder {
- public:
-  TemporaryFolder() {
-    if (mkdtemp(_path.data()) == nullptr) throw std::runtime_error("cannot make a folder in /tmp");
-  }
-  ~TemporaryFolder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(_path, ignored);
-  }
-  TemporaryFolder(const TemporaryFolder&) = delete;
-  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-
-  const std::string& path() const { return _path; }
-
- private:
-  std::string _path = "/tmp/corvid-bench-XXXXXX";
-};
-
-}  // namespace
 
 int run(const Program& program, int argc, char** argv) {
   try {
@@ -42,7 +19,7 @@ int run(const Program& program, int argc, char** argv) {
     for (const auto& [name, target] : program.texts)
       app.add_option(name, *target, "")->capture_default_str();
     if (const auto status = readCommandLine(app, {argv + 1, argv + argc})) return *status;
-    const TemporaryFolder folder;
+    const ScratchFolder folder;
     program.measure(folder.path());
     return 0;
   } catch (const std::exception& error) {

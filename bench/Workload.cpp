@@ -4,7 +4,8 @@
 
 #include <semaphore>
 #include <stdexcept>
-#include <thread>
+
+#include "tests/support/Waiting.h"
 
 namespace corvid::bench {
 
@@ -123,7 +124,9 @@ void Session::flush() {
 }
 
 void Session::await() {
-  while (_ended < _made) std::this_thread::sleep_for(std::chrono::microseconds(200));
+  if (!waitUntil([&] { return _ended >= _made; }, std::chrono::minutes(10),
+                 std::chrono::microseconds(200)))
+    throw std::runtime_error("the daemon has not answered every call");
 }
 
 }  // namespace corvid::bench

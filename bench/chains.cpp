@@ -30,7 +30,7 @@ struct Options {
 };
 
 // CPU of the daemon for a block, in microseconds an event. Every post has been answered at its end.
-double measureBlock(ChildProcess& daemon, Session& session, int events) {
+double measureBlock(MeasuredProcess& daemon, Session& session, int events) {
   const auto before = daemon.cpuTime();
   for (int i = 0; i < events; ++i) {
     session.send(static_cast<std::uint64_t>(i), false);
@@ -56,7 +56,7 @@ struct Stage {
         child(bench.rootFolder(), {.clientType = chainClients[1]}),
         inside(bench.rootFolder(), {.clientType = chainClients[2]}) {}
 
-  std::unique_ptr<ChildProcess> daemon;
+  std::unique_ptr<MeasuredProcess> daemon;
   Session outside, top, child, inside;
 };
 

@@ -30,7 +30,7 @@ constexpr int dashboards = 10;
 constexpr int dashboardClient = 17;  // storebag "reel"
 
 // Of all threads, voluntary or not, so far.
-long contextSwitches(const ChildProcess& process) {
+long contextSwitches(const MeasuredProcess& process) {
   long count = 0;
   for (const auto& thread :
        std::filesystem::directory_iterator(fmt::format("/proc/{}/task", process.pid()))) {

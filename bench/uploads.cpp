@@ -19,7 +19,7 @@
 #include <thread>
 #include <vector>
 
-#include "bench/ChildProcess.h"
+#include "bench/MeasuredProcess.h"
 #include "bench/Program.h"
 #include "tools/lab/Lab.h"
 
@@ -91,8 +91,8 @@ class Client {
 
 void measureCase(const std::string& program, const std::string& root, std::string_view name,
                  const std::string& content, int clients) {
-  ChildProcess daemon({program, "--root", root, "--log", "stderr", "--log-level", "warning"},
-                      root + "/daemon.log");
+  MeasuredProcess daemon({program, "--root", root, "--log", "stderr", "--log-level", "warning"},
+                         root + "/daemon.log");
   std::vector<std::unique_ptr<Client>> all;
   std::vector<std::string> files;
   for (int i = 0; i < clients; ++i) {

@@ -3,8 +3,7 @@
 # Ends the configuration unless `found`, saying which package to install.
 function(corvid_require found what package)
   if(NOT found)
-    # The blank keeps the line whole.
-    message(FATAL_ERROR " ${what} is missing: install the Debian package ${package}, or run scripts/setup")
+    corvid_refuse("${what} is missing: install the Debian package ${package}, or run scripts/setup")
   endif()
 endfunction()
 

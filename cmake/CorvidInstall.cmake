@@ -1,6 +1,10 @@
 # Where everything goes. The daemon looks for its files below its root, so the prefix is the folder
 # usr of that root: "/usr" for the machine itself, or DIR/usr for a root to try things in.
-install(TARGETS corvidd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+install(CODE [[
+  if(NOT CMAKE_INSTALL_PREFIX MATCHES "/usr/?$")
+    message(FATAL_ERROR " the daemon looks for its files in the folder usr of its root: the prefix is /usr or DIR/usr, not ${CMAKE_INSTALL_PREFIX}")
+  endif()]])
+install(TARGETS corvidd RUNTIME DESTINATION sbin)  # where its unit looks for it
 install(TARGETS corvidctl corvid-lab RUNTIME)
 install(TARGETS corvid LIBRARY)
 install(DIRECTORY client/include/corvid include/corvid DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})

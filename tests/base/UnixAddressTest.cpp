@@ -5,7 +5,7 @@
 
 #include "base/Descriptor.h"
 #include "base/UnixAddress.h"
-#include "tests/fakes/ScratchRoot.h"
+#include "tests/support/Scratch.h"
 
 namespace corvid {
 namespace {
@@ -20,7 +20,7 @@ Descriptor listenAt(const UnixAddress& address) {
 }
 
 TEST(UnixAddress, APathIsAFile) {
-  const ScratchRoot folder;
+  const ScratchFolder folder;
   const std::string path = folder.path("socket");
   const Descriptor listener = listenAt(UnixAddress(path));
   EXPECT_EQ(access(path.c_str(), F_OK), 0);

@@ -1,10 +1,13 @@
 // Losing the daemon and finding it again; threads, deadlines and the end of a session.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
+
+#include <thread>
 
 #include "client/Session.h"
 #include "tests/client/SessionFixture.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/Waiting.h"
 
 namespace corvid {
 namespace {
@@ -275,6 +278,7 @@ TEST_F(ClientConnection, ManyThreadsMayUseOneSession) {
   std::vector<int> next(8, 0);
   for (const auto& call : delegate->at(0).session->calls())
     EXPECT_EQ(call.type, next[call.category]++);
+  EXPECT_EQ(next, std::vector<int>(8, 200));
 }
 
 TEST_F(ClientConnection, DestroyingASessionLetsAcceptedCallsReachTheDaemon) {
@@ -311,7 +315,7 @@ TEST_F(ClientConnection, ASessionMayBeDestroyedInItsOwnCallback) {
     bool& over;
   } host{notice, nullptr, over};
   corvid_options_t c = CORVID_OPTIONS_INIT;
-  c.root = folder.path.c_str();
+  c.root = folder.path().c_str();
   c.context = &host;
   c.released = [](void* context) {
     auto* h = static_cast<Host*>(context);
@@ -333,16 +337,13 @@ TEST_F(ClientConnection, AChildProcessCannotUseItsParentsSession) {
   Session session(options());
   ASSERT_TRUE(session.sendMessage(1, 1, Session::none(), nullptr, finished()));
   ASSERT_TRUE(awaitEnded(1));
-  const pid_t child = fork();
-  if (child == 0) {
-    const bool refused = session.sendMessage(2, 2).code() == CORVID_ERROR_FORKED &&
-                         session.connect().code() == CORVID_ERROR_FORKED;
-    corvid_session_destroy(session.get());
-    _exit(refused ? 0 : 1);
-  }
-  int result = -1;
-  ASSERT_EQ(waitpid(child, &result, 0), child);
-  EXPECT_TRUE(WIFEXITED(result) && WEXITSTATUS(result) == 0);
+  EXPECT_EQ(inChild([&] {
+              const bool refused = session.sendMessage(2, 2).code() == CORVID_ERROR_FORKED &&
+                                   session.connect().code() == CORVID_ERROR_FORKED;
+              corvid_session_destroy(session.get());
+              return refused ? 0 : 1;
+            }),
+            0);
   EXPECT_TRUE(session.sendMessage(3, 3));
 }
 

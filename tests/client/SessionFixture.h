@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "tests/rpc/ServiceFixture.h"
+#include "tests/support/Waiting.h"
 
 namespace corvid {
 
@@ -15,7 +16,7 @@ class SessionFixture : public ServiceFixture {
  protected:
   client::Session::Options options() {
     client::Session::Options options;
-    options.root = folder.path;
+    options.root = folder.path();
     options.deadline = std::chrono::seconds(10);
     return options;
   }

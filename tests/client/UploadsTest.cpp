@@ -58,7 +58,7 @@ class ClientUploads : public SessionFixture {
   }
 
   std::optional<client::Session> session;
-  const std::string files = folder.path + "/files";
+  const std::string files = folder.path() + "/files";
   // Set before an upload; run on the daemon's side.
   std::function<void()> meanwhile;
   bool removes = false;
@@ -105,9 +105,9 @@ TEST_F(ClientUploads, WhatIsNoRegularFileIsAnnouncedAndNotGranted) {
 
 TEST_F(ClientUploads, ALinkAmongTheFoldersIsFollowed) {
   write("log");
-  fs::create_directory_symlink(files, folder.path + "/elsewhere");
+  fs::create_directory_symlink(files, folder.path() + "/elsewhere");
   removes = true;
-  EXPECT_TRUE(upload(folder.path + "/elsewhere/log"));
+  EXPECT_TRUE(upload(folder.path() + "/elsewhere/log"));
   EXPECT_FALSE(stoodAtTheEnd);
 }
 

@@ -1,12 +1,10 @@
 // The message log on the machine's own files.
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <barrier>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <set>
 #include <thread>
 #include <vector>
@@ -14,6 +12,7 @@
 #include "config/MessageLog.h"
 #include "platform/data/LocalFileSystem.h"
 #include "tests/fakes/TestPlatform.h"
+#include "tests/support/Scratch.h"
 
 namespace corvid {
 namespace {
@@ -23,19 +22,15 @@ namespace fs = std::filesystem;
 class MessageLogFiles : public testing::Test {
  protected:
   MessageLogFiles() {
-    std::string pattern = testing::TempDir() + "message-log-XXXXXX";
-    _root = ::mkdtemp(pattern.data());
-    folder = _root / "var/lib/corvidd/Library/Logs/Faultline/Retired";
     const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
     fakes.clock->set({std::chrono::duration_cast<std::chrono::seconds>(sinceEpoch).count() + 1, 0});
     Platform::Services services;
     services.clock = fakes.clock;
     services.files = std::make_shared<LocalFileSystem>();
-    services.paths = Paths(_root.string());
+    services.paths = Paths(root.path());
     _platform = std::make_unique<Platform>(std::move(services));
     Platform::install(_platform.get());
   }
-  ~MessageLogFiles() override { fs::remove_all(_root); }
 
   std::set<std::string> names() const {
     std::set<std::string> found;
@@ -45,20 +40,16 @@ class MessageLogFiles : public testing::Test {
   std::string currentName() const {
     return fmt::format("corvidd_{}_messageLog.diag", fakes.clock->now().seconds);
   }
-  static std::string content(const fs::path& file) {
-    std::ifstream stream(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), {}};
-  }
   static void write(const fs::path& file, std::string_view text) {
     fs::create_directories(file.parent_path());
     std::ofstream(file, std::ios::binary) << text;
   }
 
   TestPlatform fakes;
-  fs::path folder;
+  const ScratchFolder root;
+  const fs::path folder = root.path("var/lib/corvidd/Library/Logs/Faultline/Retired");
 
  private:
-  fs::path _root;
   std::unique_ptr<Platform> _platform;
 };
 
@@ -66,7 +57,7 @@ TEST_F(MessageLogFiles, TheFirstMessageMakesFoldersAndFile) {
   writeToLogFile("one");
   writeToLogFile("two");
   EXPECT_EQ(names(), std::set{currentName()});
-  const std::string text = content(folder / currentName());
+  const std::string text = contentOf(folder / currentName());
   EXPECT_TRUE(text.starts_with("(20")) << text;
   EXPECT_NE(text.find(" +0000) one\n("), std::string::npos) << text;
   EXPECT_TRUE(text.ends_with(" +0000) two\n")) << text;
@@ -78,7 +69,7 @@ TEST_F(MessageLogFiles, ADayLaterANewFileReplacesTheOld) {
   fakes.clock->advance(std::chrono::seconds(86400 + 60));
   writeToLogFile("two");
   EXPECT_EQ(names(), std::set{currentName()});
-  EXPECT_EQ(content(folder / currentName()).find("one"), std::string::npos);
+  EXPECT_EQ(contentOf(folder / currentName()).find("one"), std::string::npos);
 }
 
 TEST_F(MessageLogFiles, AFileThatIsRemovedIsMadeAnew) {
@@ -88,7 +79,7 @@ TEST_F(MessageLogFiles, AFileThatIsRemovedIsMadeAnew) {
   fs::remove(*fs::directory_iterator(folder));
   writeToLogFile("three");
   EXPECT_EQ(names(), std::set{currentName()});
-  EXPECT_TRUE(content(folder / currentName()).ends_with(" three\n"));
+  EXPECT_TRUE(contentOf(folder / currentName()).ends_with(" three\n"));
 }
 
 TEST_F(MessageLogFiles, AFileCopiedFromEarlierCountsByItsModification) {
@@ -106,7 +97,7 @@ TEST_F(MessageLogFiles, ALinkIsRemovedAndItsTargetLeftAlone) {
   fs::create_symlink(target, folder / "corvidd_1_messageLog.diag");
   writeToLogFile("lost");
   EXPECT_TRUE(names().empty());
-  EXPECT_EQ(content(target), "precious\n");
+  EXPECT_EQ(contentOf(target), "precious\n");
   writeToLogFile("kept");
   EXPECT_EQ(names(), std::set{currentName()});
 }
@@ -122,7 +113,7 @@ TEST_F(MessageLogFiles, SessionsThatLogAtOnceShareTheFileAndLoseNothing) {
     });
   for (std::thread& session : sessions) session.join();
   ASSERT_EQ(names(), std::set{currentName()});
-  const std::string text = content(folder / currentName());
+  const std::string text = contentOf(folder / currentName());
   for (int session = 0; session < threads; ++session)
     for (int i = 0; i < messages; ++i) {
       const std::string message = fmt::format("<{}.{}>", session, i);
@@ -136,7 +127,7 @@ TEST_F(MessageLogFiles, OtherFilesStay) {
   write(folder / "corvidd_1_2_messageLog.diag", "other\n");
   writeToLogFile("one");
   EXPECT_EQ(names(), (std::set<std::string>{"corvidd_1_2_messageLog.diag", currentName()}));
-  EXPECT_EQ(content(folder / "corvidd_1_2_messageLog.diag"), "other\n");
+  EXPECT_EQ(contentOf(folder / "corvidd_1_2_messageLog.diag"), "other\n");
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include "platform/data/PropertyList.h"
 #include "tests/config/Signers.h"
 #include "tests/fakes/TestPlatform.h"
+#include "tests/support/Waiting.h"
 
 namespace corvid {
 namespace {
@@ -290,10 +291,7 @@ TEST_F(StorebagFetch, AMissingOrUnusableKeyFileIsNotLogged) {
 TEST_F(StorebagFetch, BlocksItsCallerUntilTheExchangeEnds) {
   platform.http->hold();
   std::thread caller([&] { fetch(); });
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (platform.http->exchangesUnderWay() == 0 && std::chrono::steady_clock::now() < deadline)
-    std::this_thread::yield();
-  ASSERT_EQ(platform.http->exchangesUnderWay(), 1u);
+  ASSERT_TRUE(waitUntil([&] { return platform.http->exchangesUnderWay() == 1; }));
   platform.http->completeNext(
       FakeHTTPClient::response(200, enveloped(trustedSigner(), storebag), {}));
   caller.join();

@@ -2,10 +2,10 @@
 
 #include <chrono>
 #include <future>
-#include <thread>
 #include <utility>
 
 #include "tests/daemon/AgentFixture.h"
+#include "tests/support/Waiting.h"
 
 namespace corvid {
 namespace {
@@ -168,14 +168,12 @@ TEST_F(Acceptance, InvalidationEndsTheTransactionBeforeItLocksTheGroups) {
   {
     const RecursiveLock lock(agent->mutex());
     invalidated = std::async(std::launch::async, [&] { connection->clientVanishes(); });
-    for (int tries = 0; tries < 3000 && platform.keepAlive->ended == 0; ++tries)
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_EQ(platform.keepAlive->ended, 1);
+    EXPECT_TRUE(waitUntil([&] { return platform.keepAlive->ended == 1; }));
     auto accepted = std::async(std::launch::async, [this] { connect(); });
-    EXPECT_EQ(accepted.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    EXPECT_EQ(accepted.wait_for(patience), std::future_status::ready);
     EXPECT_NE(connection->exportedObject, nullptr);
   }
-  EXPECT_EQ(invalidated.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+  EXPECT_EQ(invalidated.wait_for(patience), std::future_status::ready);
 }
 
 TEST_F(Acceptance, ASessionWhoseUserInfoWasReplacedLeavesNothingBehind) {
@@ -223,7 +221,7 @@ class DuringAFetch : public AgentTest {
 
 TEST_F(DuringAFetch, AConnectionIsAcceptedWithoutWaiting) {
   auto accepted = std::async(std::launch::async, [this] { connect("late"); });
-  ASSERT_EQ(accepted.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+  ASSERT_EQ(accepted.wait_for(patience), std::future_status::ready);
   accepted.get();
   EXPECT_TRUE(log.has(
       LogLevel::debug,
@@ -234,7 +232,7 @@ TEST_F(DuringAFetch, AnInvalidationEndsOnceTheFetchHasEnded) {
   const auto leaving = connect();
   auto invalidated = std::async(std::launch::async, [&] { leaving->clientVanishes(); });
   letGo();
-  ASSERT_EQ(invalidated.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+  ASSERT_EQ(invalidated.wait_for(patience), std::future_status::ready);
   EXPECT_EQ(leaving->exportedObject, nullptr);
 }
 
@@ -243,7 +241,7 @@ TEST_F(DuringAFetch, AVersionIsToldOnceTheFetchHasEnded) {
       std::async(std::launch::async, [this] { return agent->storebagVersionForSession(*waiting); });
   EXPECT_EQ(version.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
   letGo();
-  ASSERT_EQ(version.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+  ASSERT_EQ(version.wait_for(patience), std::future_status::ready);
   EXPECT_EQ(version.get(), "of this fetch");
 }
 
@@ -253,7 +251,7 @@ TEST_F(DuringAFetch, AnotherSessionWaitsAndThenUsesTheSameRecord) {
       std::async(std::launch::async, [&] { return agent->storebagForSession(second).value(); });
   EXPECT_EQ(served.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
   letGo();
-  ASSERT_EQ(served.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+  ASSERT_EQ(served.wait_for(patience), std::future_status::ready);
   EXPECT_EQ(fetches.size(), 1u);
 }
 

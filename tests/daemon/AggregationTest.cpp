@@ -5,11 +5,10 @@
 #include "protocol/Keys.h"
 #include "tests/daemon/AgentFixture.h"
 #include "tests/session/LockProbe.h"
+#include "tests/support/Waiting.h"
 
 namespace corvid {
 namespace {
-
-constexpr std::chrono::seconds patience{30};
 
 class Aggregation : public AgentTest {
  protected:

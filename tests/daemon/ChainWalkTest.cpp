@@ -10,6 +10,7 @@
 #include "protocol/Keys.h"
 #include "tests/daemon/AgentFixture.h"
 #include "tests/session/LockProbe.h"
+#include "tests/support/Waiting.h"
 
 namespace corvid {
 namespace {
@@ -20,7 +21,6 @@ using ::testing::IsEmpty;
 constexpr LogLevel debug = LogLevel::debug;
 // Long enough for a thread that nothing holds up, short enough for one that must wait.
 constexpr std::chrono::milliseconds aWhile{50};
-constexpr std::chrono::seconds patience{30};
 
 class ChainWalk : public AgentTest {
  protected:

@@ -6,7 +6,7 @@
 #include "daemon/CheckConfig.h"
 #include "platform/data/PropertyList.h"
 #include "tests/config/Signers.h"
-#include "tests/fakes/ScratchRoot.h"
+#include "tests/support/Scratch.h"
 
 namespace corvid {
 namespace {
@@ -69,8 +69,9 @@ class CheckConfig : public testing::Test {
 const Dictionary grant{{"com.halcyon.private.corvidd", true}};
 
 TEST_F(CheckConfig, FindsNothingWrongWhereEverythingIsInPlace) {
-  for (const auto& [kind, text] : checkConfig(Paths(root.path())))
-    EXPECT_EQ(kind, Kind::right) << text;
+  const auto findings = checkConfig(Paths(root.path()));
+  EXPECT_FALSE(findings.empty());
+  for (const auto& [kind, text] : findings) EXPECT_EQ(kind, Kind::right) << text;
   EXPECT_EQ(printConfigCheck(Paths(root.path())), 0);
 }
 

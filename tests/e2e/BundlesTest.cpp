@@ -5,6 +5,7 @@
 #include <string>
 
 #include "tests/e2e/LabFixture.h"
+#include "tests/support/Waiting.h"
 
 namespace corvid {
 namespace {
@@ -41,7 +42,7 @@ class Bundles : public LabFixture {
   }
   // Once for each event.
   void expectLogged(const char* line) {
-    EXPECT_TRUE(waitFor([&] { return timesLogged(line) == eventsInAll; }))
+    EXPECT_TRUE(waitUntil([&] { return timesLogged(line) == eventsInAll; }))
         << _daemon->standardError();
   }
 };
@@ -71,7 +72,7 @@ TEST_P(FaultyBundles, CostTheirEventsAndNothingElse) {
   TestClient other(_root.path());
   ASSERT_EQ(other.configure({.clientType = 5}).text(), "httpPost");
   EXPECT_EQ(other.send("goes on").text(), "none");
-  EXPECT_TRUE(waitFor([&] { return arrivals("goes on") == 1; }));
+  EXPECT_TRUE(waitUntil([&] { return arrivals("goes on") == 1; }));
 }
 INSTANTIATE_TEST_SUITE_P(All, FaultyBundles,
                          testing::Values("CrashesAtLoad", "ThrowsAtLoad", "EndsTheProcessAtLoad",

@@ -10,6 +10,7 @@
 
 #include "base/Reading.h"
 #include "tests/e2e/ChainFixture.h"
+#include "tests/support/Waiting.h"
 
 namespace corvid {
 namespace {
@@ -149,10 +150,10 @@ TEST_F(ChainDeliveries, ReachTheBlockOfACPlusPlusClientAndItsShutdownSignal) {
                                      *TestClient::userInfo(description), client::ArrayView(nullptr),
                                      true));
   ASSERT_TRUE(session.startConfig());
-  ASSERT_TRUE(waitFor([&] { return heard.all().size() == 1; }));  // its own start
+  ASSERT_TRUE(waitUntil([&] { return heard.all().size() == 1; }));  // its own start
   auto grandchild = join(2);
   grandchild.send("event");
-  ASSERT_TRUE(waitFor([&] { return heard.all().size() == 3; }));
+  ASSERT_TRUE(waitUntil([&] { return heard.all().size() == 3; }));
   const Heard::Delivery event = heard.all().back();
   EXPECT_TRUE(event.hasMessage && event.hasPayload);
   EXPECT_GT(event.timestamp, 1.6e9);
@@ -162,7 +163,7 @@ TEST_F(ChainDeliveries, ReachTheBlockOfACPlusPlusClientAndItsShutdownSignal) {
   EXPECT_EQ(event.mark, "event");
   EXPECT_EQ(event.clientName, "Player");
   auto top = joinAggregating(0);
-  ASSERT_TRUE(waitFor([&] { return heard.all().size() == 4; }));
+  ASSERT_TRUE(waitUntil([&] { return heard.all().size() == 4; }));
   const Heard::Delivery signal = heard.all().back();
   EXPECT_FALSE(signal.hasMessage || signal.hasPayload);
   EXPECT_EQ(signal.timestamp + signal.category + signal.type, 0);
@@ -191,11 +192,11 @@ TEST_F(ChainDeliveries, ReachTheBlockOfACClient) {
                                             nullptr, nullptr),
             CORVID_OK);
   EXPECT_EQ(corvid_session_start_config(session, nullptr, nullptr, nullptr), CORVID_OK);
-  EXPECT_TRUE(waitFor([&] { return heard.all().size() == 1; }));
+  EXPECT_TRUE(waitUntil([&] { return heard.all().size() == 1; }));
   {
     auto child = join(1);
     child.send("event");
-    EXPECT_TRUE(waitFor([&] { return heard.all().size() == 3; }));
+    EXPECT_TRUE(waitUntil([&] { return heard.all().size() == 3; }));
     EXPECT_EQ(heard.all().back().mark, "event");
   }
   corvid_session_destroy(session);
@@ -223,7 +224,7 @@ TEST_F(ChainDeliveries, ToATopThatDoesNotReadAreBoundedAndHoldNobodyUp) {
   }
   EXPECT_EQ(timesLogged("does not take its deliveries, the oldest are dropped"), 1u);
   // The collector got everything, the aggregator the last.
-  EXPECT_TRUE(waitFor([&] { return arrivals("flood") == events; }));
+  EXPECT_TRUE(waitUntil([&] { return arrivals("flood") == events; }));
   top.process().signal(SIGCONT);
   EXPECT_EQ(child->send("last").text(), "none");
   ASSERT_TRUE(top.process().awaitEvent(hasMark("last")));
@@ -285,7 +286,7 @@ TEST_F(ChainDeliveries, ToATopThatDiesInTheMiddleCostItsChildNothing) {
   }
   over = true;
   flood.join();
-  EXPECT_TRUE(waitFor([&] { return arrivals("flood") == static_cast<std::size_t>(answered); }));
+  EXPECT_TRUE(waitUntil([&] { return arrivals("flood") == static_cast<std::size_t>(answered); }));
   EXPECT_EQ(timesLogged("ends by an exception"), 0u);
   EXPECT_EQ(_daemon->waitForExit(std::chrono::milliseconds(0)), std::nullopt);
 }

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "base/Reading.h"
+#include "tests/support/Waiting.h"
 
 namespace corvid {
 
@@ -104,7 +105,7 @@ void ChainFixture::publishLevel(int level, const Dictionary& more) {
 ChainMember ChainFixture::join(const ChainMember::Description& description) {
   constexpr std::string_view born = "initWithSessionDelegate: Initialized session with UUID ";
   ChainMember member(_root.path(), static_cast<int>(_joined) + 1);
-  EXPECT_TRUE(waitFor([&] { return timesLogged(born) > _joined; }));
+  EXPECT_TRUE(waitUntil([&] { return timesLogged(born) > _joined; }));
   ++_joined;
   const std::string log = _daemon->standardError();
   const std::size_t begin = log.rfind(born) + born.size();
@@ -114,7 +115,7 @@ ChainMember ChainFixture::join(const ChainMember::Description& description) {
 }
 
 std::string ChainFixture::textOf(std::string_view mark, std::string_view key) {
-  EXPECT_TRUE(waitFor([&] { return arrivals(mark) > 0; })) << mark;
+  EXPECT_TRUE(waitUntil([&] { return arrivals(mark) > 0; })) << mark;
   for (const Dictionary& record : records())
     if (const std::string* text = stringAt(record, "mark"); text != nullptr && *text == mark) {
       const std::string* found = stringAt(record, key);
@@ -132,7 +133,7 @@ std::vector<Dictionary> ChainFixture::recordsOfLevel(int level) {
 
 std::optional<Dictionary> ChainFixture::endMessageOfLevel(int level) {
   std::optional<Dictionary> end;
-  EXPECT_TRUE(waitFor([&] {
+  EXPECT_TRUE(waitUntil([&] {
     for (const Dictionary& record : recordsOfLevel(level))
       if (record.contains("StorebagVersion")) end = record;
     return end.has_value();

@@ -1,6 +1,7 @@
 // What a parent's state does to its child's events, and what user info and batches do.
 #include "base/Reading.h"
 #include "tests/e2e/ChainFixture.h"
+#include "tests/support/Waiting.h"
 #include "tools/lab/FaultPlan.h"
 
 namespace corvid {
@@ -157,7 +158,7 @@ TEST_F(ChainStates, ABackendThatTheParentLacksIsDisabledInTheChild) {
   auto child = join(1);
   EXPECT_EQ(child.states(), "httpPost,httpPost2");
   child.sendAndFlush("twice");
-  EXPECT_TRUE(waitFor([&] { return arrivals("twice") == 2; }));
+  EXPECT_TRUE(waitUntil([&] { return arrivals("twice") == 2; }));
   auto top = join(0);
   EXPECT_EQ(child.fetchStates(std::nullopt), "httpPost");
   child.send("once");

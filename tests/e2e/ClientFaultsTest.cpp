@@ -20,6 +20,7 @@
 #include "tests/e2e/LabFixture.h"
 #include "tests/e2e/Limits.h"
 #include "tests/rpc/WireClient.h"
+#include "tests/support/Waiting.h"
 
 namespace corvid {
 namespace {
@@ -97,11 +98,11 @@ class ClientFaults : public LabFixture {
   }
   void expectReports(TestClient& client, const std::string& mark) {
     EXPECT_EQ(client.send(mark).text(), "none");
-    EXPECT_TRUE(waitFor([&] { return arrivals(mark) == 1; })) << mark;
+    EXPECT_TRUE(waitUntil([&] { return arrivals(mark) == 1; })) << mark;
   }
   // The record of an event that somebody has sent with that mark.
   Dictionary recordOf(const std::string& mark) {
-    EXPECT_TRUE(waitFor([&] { return arrivals(mark) == 1; })) << mark;
+    EXPECT_TRUE(waitUntil([&] { return arrivals(mark) == 1; })) << mark;
     for (const Dictionary& record : records())
       if (const std::string* found = stringAt(record, "mark"); found && *found == mark)
         return record;
@@ -188,7 +189,7 @@ TEST_F(ClientFaults, TheMemoryOfTheLargestMessagesIsGivenBack) {
       });
     for (std::thread& client : clients) client.join();
   }
-  EXPECT_TRUE(waitFor([&] { return _daemon->residentMemory() < mostIdleMemory; }))
+  EXPECT_TRUE(waitUntil([&] { return _daemon->residentMemory() < mostIdleMemory; }))
       << _daemon->residentMemory();
   EXPECT_TRUE(bystanderReports());
 }
@@ -337,7 +338,7 @@ TEST_F(ClientFaults, TheEventsOfAClientThatWasKilledArrive) {
                {"payload", Dictionary{{"mark", "held"}}}});
   EXPECT_EQ(arrivals("held"), 0u);
   client.kill();
-  EXPECT_TRUE(waitFor([&] { return arrivals("held") == 1; }));
+  EXPECT_TRUE(waitUntil([&] { return arrivals("held") == 1; }));
   EXPECT_EQ(*stringAt(records().back(), "StorebagVersion"), "7");  // the end message
   EXPECT_TRUE(bystanderReports());
 }
@@ -359,7 +360,7 @@ TEST_F(ClientFaults, AClientMayGoInTheMiddleOfACall) {
   EXPECT_TRUE(bystanderReports());
   EXPECT_TRUE(_daemon->waitForLog("listener: IPC connection to <CorviddSession: 0 "));
   // One more stays: the connection to the storebag server.
-  EXPECT_TRUE(waitFor([&] { return _daemon->descriptors() <= before + 1; }));
+  EXPECT_TRUE(waitUntil([&] { return _daemon->descriptors() <= before + 1; }));
 }
 
 TEST_F(ClientFaults, TwoHundredClientsComeAndGoWithoutALeak) {
@@ -372,7 +373,8 @@ TEST_F(ClientFaults, TwoHundredClientsComeAndGoWithoutALeak) {
       const RawClient client(socketPath());
     }
   }
-  EXPECT_TRUE(waitFor([&] { return _daemon->descriptors() <= before; })) << _daemon->descriptors();
+  EXPECT_TRUE(waitUntil([&] { return _daemon->descriptors() <= before; }))
+      << _daemon->descriptors();
   EXPECT_TRUE(bystanderReports());
 }
 
@@ -380,7 +382,7 @@ TEST_F(ClientFaults, OneConnectionTooManyIsClosedAndTheOthersStay) {
   const std::size_t before = _daemon->descriptors();
   std::list<RawClient> clients;
   while (clients.size() + 1 < limits::connectionsPerUser) clients.emplace_back(socketPath());
-  ASSERT_TRUE(waitFor([&] {
+  ASSERT_TRUE(waitUntil([&] {
     return timesLogged("listener: Accepting new IPC connection") == limits::connectionsPerUser;
   }));
   RawClient oneTooMany(socketPath());
@@ -388,7 +390,8 @@ TEST_F(ClientFaults, OneConnectionTooManyIsClosedAndTheOthersStay) {
   EXPECT_EQ(timesLogged("opened more than 256 connections of one user; closing it"), 1u);
   EXPECT_TRUE(bystanderReports());
   clients.clear();
-  EXPECT_TRUE(waitFor([&] { return _daemon->descriptors() <= before; })) << _daemon->descriptors();
+  EXPECT_TRUE(waitUntil([&] { return _daemon->descriptors() <= before; }))
+      << _daemon->descriptors();
   TestClient again(_root.path());
   EXPECT_EQ(again.configure({.clientType = 5}).text(), "httpPost");
   expectReports(again, "again");

@@ -11,6 +11,8 @@
 #include "base/Descriptor.h"
 #include "base/UnixAddress.h"
 #include "tests/e2e/DaemonProcess.h"
+#include "tests/support/Scratch.h"
+#include "tests/support/Waiting.h"
 
 namespace corvid {
 namespace {
@@ -31,7 +33,7 @@ Descriptor listenAt(const std::string& path) {
 Descriptor connectTo(const std::string& path) {
   Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (UnixAddress(path).connect(socket.get()) != 0) return Descriptor();
-  const timeval limit{DaemonProcess::patience.count(), 0};
+  const timeval limit{patience.count(), 0};
   setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
   return socket;
 }

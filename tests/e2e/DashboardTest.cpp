@@ -9,6 +9,7 @@
 
 #include "base/Reading.h"
 #include "tests/e2e/LabFixture.h"
+#include "tests/support/Waiting.h"
 
 namespace corvid {
 namespace {
@@ -108,7 +109,7 @@ TEST_F(Dashboard, ASessionDoesWithoutADashboardThatCannotBeMade) {
   EXPECT_TRUE(_daemon->waitForLog("DashboardBackend(initWithName): can't resolve server IP"));
   EXPECT_EQ(upload(client, {}), "refused");
   EXPECT_EQ(client.send("event").text(), "none");
-  EXPECT_TRUE(waitFor([&] { return arrivals("event") == 1; }));
+  EXPECT_TRUE(waitUntil([&] { return arrivals("event") == 1; }));
 }
 
 TEST_F(Dashboard, EventsOfClientsAreNotForIt) {
@@ -119,7 +120,7 @@ TEST_F(Dashboard, EventsOfClientsAreNotForIt) {
   ASSERT_EQ(client.configure({.clientType = dashboardClient}).text(), "dashboard,httpPost");
   EXPECT_EQ(client.send("event").text(), "none");
   EXPECT_EQ(upload(client, {}), "accepted");
-  EXPECT_TRUE(waitFor([&] { return arrivals("event") == 1; }));
+  EXPECT_TRUE(waitUntil([&] { return arrivals("event") == 1; }));
   EXPECT_EQ(_lab.dashboard().packetsReceived(), 0u);
 }
 
@@ -134,10 +135,10 @@ TEST_F(Dashboard, TenSessionsHaveASocketEachAndLeaveNone) {
     }
     EXPECT_EQ(dashboardSockets(), 10u);
     clients.pop_front();
-    EXPECT_TRUE(waitFor([&] { return dashboardSockets() == 9; }));
+    EXPECT_TRUE(waitUntil([&] { return dashboardSockets() == 9; }));
     EXPECT_EQ(upload(clients.front(), {}), "accepted") << "the others go on";
   }
-  EXPECT_TRUE(waitFor([&] { return dashboardSockets() == 0; }));
+  EXPECT_TRUE(waitUntil([&] { return dashboardSockets() == 0; }));
   EXPECT_EQ(_daemon->waitForExit(), 0) << "nothing of them keeps the daemon";
 }
 
@@ -146,7 +147,7 @@ TEST_F(Dashboard, ABackendOfASingleMessageGoesWithIt) {
   TestClient client(_root.path());
   EXPECT_EQ(client.single(TestClient::sessionInfo({.clientType = dashboardClient}), {}).text(),
             "finished");
-  EXPECT_TRUE(waitFor([&] { return dashboardSockets() == 0; }));
+  EXPECT_TRUE(waitUntil([&] { return dashboardSockets() == 0; }));
   EXPECT_EQ(timesLogged("[error]") + timesLogged("DashboardBackend"), 0u);
 }
 

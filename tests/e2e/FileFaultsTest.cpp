@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -14,6 +13,8 @@
 #include "base/Reading.h"
 #include "platform/data/PropertyList.h"
 #include "tests/e2e/LabFixture.h"
+#include "tests/support/Scratch.h"
+#include "tests/support/Waiting.h"
 
 namespace corvid {
 namespace {
@@ -84,7 +85,7 @@ class FileFaults : public LabFixture, public testing::WithParamInterface<Damage>
     EXPECT_EQ(client.configure({.clientType = 5}).text(), "httpPost");
     const std::string mark = fmt::format("event {}", ++_sent);
     EXPECT_EQ(client.send(mark).text(), "none");
-    EXPECT_TRUE(waitFor([&] { return arrivals(mark) == 1; })) << _daemon->standardError();
+    EXPECT_TRUE(waitUntil([&] { return arrivals(mark) == 1; })) << _daemon->standardError();
   }
 
  private:
@@ -126,10 +127,7 @@ TEST_P(FileFaults, WithoutDeviceAnswersTheMachineAnswers) {
 }
 
 TEST_P(FileFaults, WithoutEntitlementsNobodyConnectsUntilTheyAreMended) {
-  const std::string sound = [&] {
-    std::ifstream file(_root.path(entitlements));
-    return std::string(std::istreambuf_iterator<char>(file), {});
-  }();
+  const std::string sound = contentOf(_root.path(entitlements));
   spoil(entitlements);
   EXPECT_TRUE(checkFindsWrong(entitlements));
   startDaemon();

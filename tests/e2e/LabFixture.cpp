@@ -9,6 +9,7 @@
 #include "base/Reading.h"
 #include "platform/data/JSON.h"
 #include "platform/data/PropertyList.h"
+#include "tests/support/Waiting.h"
 
 namespace corvid {
 
@@ -84,7 +85,7 @@ void LabFixture::admitBystander() {
 
 bool LabFixture::bystanderReports() {
   const std::string mark = fmt::format("bystander {}", ++_bystanderEvents);
-  return _bystander->send(mark).text() == "none" && waitFor([&] { return arrivals(mark) == 1; });
+  return _bystander->send(mark).text() == "none" && waitUntil([&] { return arrivals(mark) == 1; });
 }
 
 }  // namespace corvid

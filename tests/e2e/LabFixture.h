@@ -3,17 +3,15 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <vector>
 
 #include "base/Value.h"
 #include "tests/e2e/DaemonProcess.h"
 #include "tests/e2e/TestClient.h"
-#include "tests/fakes/ScratchRoot.h"
+#include "tests/support/Scratch.h"
 #include "tools/lab/Lab.h"
 
 namespace corvid {
@@ -48,17 +46,6 @@ class LabFixture : public testing::Test {
   // anything goes wrong, and says whether an event of it still reaches its collector.
   void admitBystander();
   bool bystanderReports();
-
-  // Until the condition holds; false where it does not in good time.
-  template <class Condition>
-  static bool waitFor(Condition condition) {
-    const auto deadline = std::chrono::steady_clock::now() + DaemonProcess::patience;
-    while (!condition()) {
-      if (std::chrono::steady_clock::now() > deadline) return false;
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-  }
 
   ScratchRoot _root;
   lab::Lab _lab;

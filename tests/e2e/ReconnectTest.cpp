@@ -12,6 +12,7 @@
 #include "base/Reading.h"
 #include "base/UnixAddress.h"
 #include "tests/e2e/LabFixture.h"
+#include "tests/support/Waiting.h"
 
 namespace corvid {
 namespace {
@@ -35,7 +36,7 @@ class Reconnect : public LabFixture {
   }
   void expectReports(TestClient& client, const std::string& mark) {
     EXPECT_EQ(client.send(mark).text(), "none");
-    EXPECT_TRUE(waitFor([&] { return arrivals(mark) == 1; })) << mark;
+    EXPECT_TRUE(waitUntil([&] { return arrivals(mark) == 1; })) << mark;
   }
   // The start messages that have arrived.
   std::size_t starts() {
@@ -50,15 +51,15 @@ TEST_F(Reconnect, TheNextCallFindsTheNewDaemonWhichKnowsTheClient) {
   TestClient client(_root.path());
   ASSERT_EQ(client.configure({.clientType = 5}).text(), "httpPost");
   expectReports(client, "before");
-  EXPECT_TRUE(waitFor([&] { return starts() == 1; }));
+  EXPECT_TRUE(waitUntil([&] { return starts() == 1; }));
   for (int i = 1; i <= 3; ++i) {
     end(SIGKILL);
-    EXPECT_TRUE(waitFor([&] { return client.invalidations() == i; }));
+    EXPECT_TRUE(waitUntil([&] { return client.invalidations() == i; }));
     EXPECT_EQ(client.send("nobody there").text(), notConnected);
     startDaemon();
     expectReports(client, fmt::format("after {}", i));
     EXPECT_EQ(client.reconnections(), i);
-    EXPECT_TRUE(waitFor([&] { return starts() == static_cast<std::size_t>(i) + 1; }));
+    EXPECT_TRUE(waitUntil([&] { return starts() == static_cast<std::size_t>(i) + 1; }));
   }
   EXPECT_EQ(arrivals("nobody there"), 0u);
   EXPECT_EQ(client.invalidations(), 3);
@@ -77,7 +78,7 @@ TEST_F(Reconnect, CallsUnderWayEndWithTheirError) {
   const auto killed = steady_clock::now();
   for (const auto& call : calls) EXPECT_EQ(call.text(), connectionLost);
   EXPECT_LT(steady_clock::now() - killed, std::chrono::seconds(5));
-  EXPECT_TRUE(waitFor([&] { return client.invalidations() == 1; }));
+  EXPECT_TRUE(waitUntil([&] { return client.invalidations() == 1; }));
   EXPECT_EQ(arrivals("stopped"), 0u);
   startDaemon();
   expectReports(client, "after");
@@ -104,8 +105,8 @@ TEST_F(Reconnect, ADaemonThatStandsStillHoldsNobodyPastTheDeadline) {
   EXPECT_LT(steady_clock::now() - stopped, generous);
   _daemon->signal(SIGCONT);
   // It has a full queue to work off first.
-  EXPECT_TRUE(waitFor([&] { return client.send("goes on").text() == "none"; }));
-  EXPECT_TRUE(waitFor([&] { return arrivals("goes on") == 1; }));
+  EXPECT_TRUE(waitUntil([&] { return client.send("goes on").text() == "none"; }));
+  EXPECT_TRUE(waitUntil([&] { return arrivals("goes on") == 1; }));
   EXPECT_EQ(client.invalidations(), 0);
 }
 
@@ -118,7 +119,7 @@ TEST_F(Reconnect, TheUserInfoGivenLastIsKnownAgain) {
   ASSERT_EQ(client.session().startConfig(), CORVID_OK);
   EXPECT_EQ(client.fetchStates(*TestClient::userInfo(described)).text(), "httpPost");
   end(SIGKILL);
-  EXPECT_TRUE(waitFor([&] { return client.invalidations() == 1; }));
+  EXPECT_TRUE(waitUntil([&] { return client.invalidations() == 1; }));
   startDaemon();
   expectReports(client, "known again");
   EXPECT_EQ(*stringAt(records().back(), "_clientName"), "Late");
@@ -134,7 +135,7 @@ TEST_F(Reconnect, WhatIsHeldIsLostWithTheDaemon) {
     EXPECT_EQ(client.flush().text(), "flushed");
     EXPECT_EQ(client.send("held").text(), "none");
     end(signal);
-    EXPECT_TRUE(waitFor([&] { return client.invalidations() == 1; }));
+    EXPECT_TRUE(waitUntil([&] { return client.invalidations() == 1; }));
     startDaemon();
     EXPECT_EQ(client.send("later").text(), "none");
     EXPECT_EQ(client.flush().text(), "flushed");
@@ -172,7 +173,7 @@ TEST_F(SocketActivation, ACallMadeBeforeTheDaemonRunsIsServed) {
   startBySocket();
   EXPECT_EQ(configured.text(), "httpPost");
   EXPECT_EQ(sent.text(), "none");
-  EXPECT_TRUE(waitFor([&] { return arrivals("early") == 1; }));
+  EXPECT_TRUE(waitUntil([&] { return arrivals("early") == 1; }));
 }
 
 TEST_F(SocketActivation, TheIdleDaemonEndsAndTheNextServesTheSameSocket) {

@@ -16,6 +16,7 @@
 #include "platform/data/Crypto.h"
 #include "tests/e2e/LabFixture.h"
 #include "tests/e2e/Limits.h"
+#include "tests/support/Waiting.h"
 #include "tools/lab/HTTPServer.h"
 
 namespace corvid {
@@ -87,7 +88,7 @@ class ServerFaults : public LabFixture {
     ASSERT_EQ(_client.configure({.clientType = 5}).text(), "httpPost");
     ASSERT_EQ(_client.send("first").text(), "none");
     // The start message and the event: neither is to meet the fault that comes next.
-    ASSERT_TRUE(waitFor([&] { return _server->requestsAnswered() == 2; }));
+    ASSERT_TRUE(waitUntil([&] { return _server->requestsAnswered() == 2; }));
   }
   // The error of a flush with one event, which the log has as well; without code and host.
   std::string flushError() {
@@ -225,7 +226,7 @@ TEST_F(ServerFaults, ASlowAnswerHoldsUpItsOwnFlushOnly) {
   });
   EXPECT_EQ(_client.send("slow").text(), "none");
   const TestClient::Outcome flushed = _client.flush();
-  ASSERT_TRUE(waitFor([&] { return arrivals("slow") == 1; }));
+  ASSERT_TRUE(waitUntil([&] { return arrivals("slow") == 1; }));
   EXPECT_TRUE(bystanderReports());
   EXPECT_EQ(flushed.text(), "flushed");
 }
@@ -248,11 +249,11 @@ TEST_F(ServerFaults, ManyClientsOfAStalledServerWaitAndLoseNothing) {
   }
   for (TestClient& client : all)
     for (std::size_t n = 0; n < events; ++n) client.send(payload);
-  ASSERT_TRUE(waitFor([&] { return _server->requestsReceived() == 8; }));
+  ASSERT_TRUE(waitUntil([&] { return _server->requestsReceived() == 8; }));
   EXPECT_TRUE(bystanderReports());
   release.set_value();
   // Each has sent a start message too.
-  EXPECT_TRUE(waitFor([&] { return _server->requestsReceived() == clients * (events + 1); }))
+  EXPECT_TRUE(waitUntil([&] { return _server->requestsReceived() == clients * (events + 1); }))
       << _server->requestsReceived();
   EXPECT_EQ(timesLogged(postError), 0u);
 }
@@ -279,18 +280,19 @@ TEST_P(ServerThatNeverAnswers, HoldsItsOwnClientBackOnly) {
   std::vector<TestClient::Outcome> sent;
   for (std::size_t i = 0; i < events; ++i) sent.push_back(_client.send(fmt::format("event {}", i)));
   // As many as a host is given.
-  ASSERT_TRUE(waitFor([&] { return _server->connectionsOpen() == 8; }));
+  ASSERT_TRUE(waitUntil([&] { return _server->connectionsOpen() == 8; }));
   EXPECT_TRUE(bystanderReports());
   EXPECT_FALSE(sent.back().isThere());
   EXPECT_EQ(timesLogged(postError), 0u);
   EXPECT_LT(_daemon->peakMemory(), mostMemory);
   stopServing();
   for (const auto& outcome : sent) EXPECT_EQ(outcome.text(), "none");
-  EXPECT_TRUE(waitFor([&] { return timesLogged(postError) == events; })) << timesLogged(postError);
+  EXPECT_TRUE(waitUntil([&] { return timesLogged(postError) == events; }))
+      << timesLogged(postError);
   EXPECT_TRUE(bystanderReports());
   serveWell();
   EXPECT_EQ(_client.send("again").text(), "none");
-  EXPECT_TRUE(waitFor([&] { return arrivals("again") == 1; }));
+  EXPECT_TRUE(waitUntil([&] { return arrivals("again") == 1; }));
 }
 
 }  // namespace

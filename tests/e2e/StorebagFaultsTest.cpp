@@ -15,6 +15,7 @@
 #include "tests/e2e/LabFixture.h"
 #include "tests/e2e/Limits.h"
 #include "tests/platform/data/BinaryListBuilder.h"
+#include "tests/support/Waiting.h"
 #include "tools/lab/HTTPServer.h"
 #include "tools/lab/StorebagSigner.h"
 
@@ -94,7 +95,7 @@ class StorebagFaults : public LabFixture {
   void expectReports() {
     const std::string mark = fmt::format("taken {}", ++_taken);
     EXPECT_EQ(_client->send(mark).text(), "none");
-    EXPECT_TRUE(waitFor([&] { return arrivals(mark) == 1; })) << _daemon->standardError();
+    EXPECT_TRUE(waitUntil([&] { return arrivals(mark) == 1; })) << _daemon->standardError();
   }
 
   std::optional<TestClient> _client;
@@ -274,7 +275,7 @@ TEST_F(StorebagFaults, AnAddressThatIsNoneIsAnErrorOfEachPost) {
     EXPECT_EQ(_client->send("never").text(), "none");
     _client.reset();
     errors += 3;  // start, event, end
-    EXPECT_TRUE(waitFor(
+    EXPECT_TRUE(waitUntil(
         [&] { return timesLogged("HTTPSPostBackend(postJsonMessage): post error: ") == errors; }));
   }
   EXPECT_TRUE(bystanderReports());

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "tests/e2e/DaemonProcess.h"
+#include "tests/support/Waiting.h"
 
 namespace corvid {
 
@@ -55,7 +56,7 @@ bool TestClient::Outcome::isThere() const {
 }
 
 std::string TestClient::Outcome::text() const {
-  if (_future.wait_for(DaemonProcess::patience) != std::future_status::ready) return "timed out";
+  if (_future.wait_for(patience) != std::future_status::ready) return "timed out";
   return _future.get();
 }
 

@@ -22,7 +22,7 @@ class TestClient {
     // The first counts.
     void set(std::string text) const;
     bool isThere() const;
-    // Waits; "timed out" after DaemonProcess::patience.
+    // Waits; "timed out" after patience.
     std::string text() const;
 
    private:

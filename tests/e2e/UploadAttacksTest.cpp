@@ -6,10 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -21,6 +19,8 @@
 #include "tests/e2e/Limits.h"
 #include "tests/rpc/TestGrant.h"
 #include "tests/rpc/WireClient.h"
+#include "tests/support/ToolProcess.h"
+#include "tests/support/Waiting.h"
 
 namespace corvid {
 namespace {
@@ -110,10 +110,13 @@ TEST_F(UploadAttacks, WhatIsNoRegularFileIsRefused) {
 
 // Another user's client, where this test may make one.
 TEST_F(UploadAttacks, AFileThatTheClientMayNotReadIsRefused) {
-  std::string asStranger;
+  std::string program = CORVIDCTL_PROGRAM;
+  std::vector<std::string> arguments{"--root", _root.path(), "session"};
   if (getuid() == 0) {
     constexpr int nobody = 65534;
-    asStranger = fmt::format("setpriv --reuid {} --clear-groups --bounding-set -all ", nobody);
+    arguments.insert(arguments.begin(), {"--reuid", std::to_string(nobody), "--clear-groups",
+                                         "--bounding-set", "-all", program});
+    program = "setpriv";
     ASSERT_EQ(chmod(_root.path().c_str(), 0755), 0);
     _root.write("etc/corvid/entitlements.d/stranger.plist",
                 fmt::format(R"(<plist version="1.0"><dict>
@@ -124,20 +127,15 @@ TEST_F(UploadAttacks, AFileThatTheClientMayNotReadIsRefused) {
   }
   // A hard link to it is the same file.
   fs::create_hard_link(secret, _root.path("files/hardlink"));
-  _root.write("calls",
+  const ToolResult result =
+      runTool(program, arguments,
               fmt::format("{{\"call\":\"setSessionInfo\",\"sessionInfo\":{{\"ClientType\":16}}}}\n"
                           "{{\"call\":\"startConfig\"}}\n"
                           "{{\"call\":\"uploadFile\",\"path\":\"{0}\"}}\n"
                           "{{\"call\":\"uploadFile\",\"path\":\"{1}\"}}\n",
                           secret, _root.path("files/hardlink")));
-  const std::string outcomes = _root.path("outcomes");
-  const std::string command =
-      fmt::format("timeout 40 {}" CORVIDCTL_PROGRAM " --root {} session < {} > {}", asStranger,
-                  _root.path(), _root.path("calls"), outcomes);
-  ASSERT_EQ(std::system(command.c_str()), 0);
-  std::ifstream file(outcomes);
-  std::vector<std::string> lines;
-  for (std::string line; std::getline(file, line);) lines.push_back(line);
+  ASSERT_EQ(result.status, 0) << result.errors;
+  const std::vector<std::string> lines = linesOf(result.output);
   ASSERT_EQ(lines.size(), 4u);
   EXPECT_EQ(lines[2], R"({"call":"uploadFile","success":false})");
   EXPECT_EQ(lines[3], R"({"call":"uploadFile","success":false})");
@@ -172,7 +170,7 @@ TEST_F(UploadAttacks, ANameOfAnotherFileDoesNotReachThatFile) {
   rightful = 1;
   EXPECT_TRUE(uploadDescriptor(opened(write("own", "own content"), O_RDONLY), "file://" + secret));
   EXPECT_EQ(removals, 1);  // of the client's own object
-  ASSERT_TRUE(waitFor([&] { return uploads() == 1; }));
+  ASSERT_TRUE(waitUntil([&] { return uploads() == 1; }));
   EXPECT_EQ(*stringAt(*dictionaryAt(received().back(), "file"), "content"), "own content");
 }
 
@@ -221,7 +219,7 @@ TEST_F(UploadAttacks, AMessageThatBringsTooManyDescriptorsLosesItsConnection) {
     ASSERT_EQ(sendmsg(raw.socket.get(), &message, MSG_NOSIGNAL), 1);
     EXPECT_TRUE(raw.awaitClosed());
   }
-  EXPECT_TRUE(waitFor([&] { return _daemon->descriptors() <= before; }));
+  EXPECT_TRUE(waitUntil([&] { return _daemon->descriptors() <= before; }));
   EXPECT_EQ(timesLogged("broke a rule: a message with more than 1 descriptors"), 20u);
 }
 
@@ -245,7 +243,7 @@ TEST_F(UploadAttacks, AClientThatNeverAnswersTheRemovalHoldsUpItselfOnly) {
   request.setFileURL("file:///x");
   request.setFile(kj::heap<Mute>(descriptor.get()));
   auto sent = request.send().eagerlyEvaluate(nullptr);
-  EXPECT_TRUE(waitFor([&] {
+  EXPECT_TRUE(waitUntil([&] {
     client.scope.poll();
     return uploads() == 1;
   }));

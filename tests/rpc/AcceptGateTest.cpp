@@ -6,6 +6,7 @@
 #include "base/UnixAddress.h"
 #include "tests/rpc/ServiceFixture.h"
 #include "tests/rpc/WireClient.h"
+#include "tests/support/Waiting.h"
 
 namespace corvid {
 namespace {
@@ -14,7 +15,7 @@ namespace {
 class AcceptGateTest : public ServiceFixture {
  protected:
   AcceptGateTest() : _socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
-    path = folder.path + "/socket";
+    path = folder.path() + "/socket";
     EXPECT_EQ(UnixAddress(path).bind(_socket.get()), 0);
     EXPECT_EQ(listen(_socket.get(), 16), 0);
   }

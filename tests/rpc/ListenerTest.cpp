@@ -3,6 +3,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -81,14 +82,14 @@ TEST_F(Listener, LeavesAFileThatIsNoSocket) {
 }
 
 TEST_F(Listener, FailsWhereThePathIsTooLong) {
-  const auto bound = IPCListener::bind(folder.path + "/" + std::string(200, 'x'), noEntitlements);
+  const auto bound = IPCListener::bind(folder.path() + "/" + std::string(200, 'x'), noEntitlements);
   ASSERT_FALSE(bound);
   EXPECT_EQ(bound.failure().code, ENAMETOOLONG);
 }
 
 TEST_F(Listener, TakesOverASocketThatListens) {
   Descriptor inherited(socket(AF_UNIX, SOCK_STREAM, 0));
-  const std::string place = folder.path + "/inherited";
+  const std::string place = folder.path() + "/inherited";
   ASSERT_EQ(UnixAddress(place).bind(inherited.get()), 0);
   ASSERT_EQ(listen(inherited.get(), 5), 0);
   auto adopted = IPCListener::adopt(dup(inherited.get()), noEntitlements);

@@ -4,13 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
-#include <cstdlib>
-#include <filesystem>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
@@ -21,39 +16,10 @@
 #include "rpc/IPCListener.h"
 #include "tests/fakes/CapturedLog.h"
 #include "tests/fakes/FakeServices.h"
+#include "tests/support/Scratch.h"
+#include "tests/support/Waiting.h"
 
 namespace corvid {
-
-inline constexpr std::chrono::seconds patience{20};
-
-// A mutex with a bounded wait for a condition on what it guards.
-class Notice {
- public:
-  void change(const std::function<void()>& change) {
-    std::lock_guard lock(_mutex);
-    change();
-    // With the lock held, so that whoever waits may end the notice's life.
-    _changed.notify_all();
-  }
-  bool await(const std::function<bool()>& condition) {
-    std::unique_lock lock(_mutex);
-    return _changed.wait_for(lock, patience, condition);
-  }
-
- private:
-  std::mutex _mutex;
-  std::condition_variable _changed;
-};
-
-class TemporaryFolder {
- public:
-  TemporaryFolder() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "corvid-XXXXXX").string();
-    path = mkdtemp(pattern.data());
-  }
-  ~TemporaryFolder() { std::filesystem::remove_all(path); }
-  std::string path;
-};
 
 // Answers each call as the test says; by default as a session without backends would.
 class RecordingSession : public ClientSessionInterface {
@@ -266,8 +232,8 @@ class ServiceFixture : public testing::Test {
     services.extensionTokens = tokens;
     return services;
   }()};
-  TemporaryFolder folder;
-  std::string path = folder.path + "/run/corvidd/com.halcyon.corvidd";
+  ScratchFolder folder;
+  std::string path = folder.path() + "/run/corvidd/com.halcyon.corvidd";
   std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>();
   std::unique_ptr<IPCListener> listener;
 };

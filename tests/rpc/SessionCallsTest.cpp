@@ -210,7 +210,9 @@ TEST_F(SessionCalls, ACallWithoutACallbackCompletesWhenTheSessionHasFinishedWith
   auto flushed = flush.send().wait(client.scope);
   EXPECT_TRUE(flushed.getResult().isUnanswered());
   EXPECT_FALSE(flushed.hasError());
-  for (const auto& call : delegate->at(0).session->calls()) EXPECT_FALSE(call.replyWanted);
+  std::vector<bool> wanted;
+  for (const auto& call : delegate->at(0).session->calls()) wanted.push_back(call.replyWanted);
+  EXPECT_EQ(wanted, std::vector<bool>(3, false));
 }
 
 TEST_F(SessionCalls, TheCallsOfAClientRunOnOneThreadOfItsOwn) {
@@ -218,6 +220,7 @@ TEST_F(SessionCalls, TheCallsOfAClientRunOnOneThreadOfItsOwn) {
   WireClient client(path);
   for (std::uint16_t i = 0; i < 5; ++i) sendEvent(client, i, 0);
   const auto calls = delegate->at(0).session->calls();
+  ASSERT_EQ(calls.size(), 5u);
   for (const auto& call : calls) {
     EXPECT_EQ(call.thread, calls[0].thread);
     EXPECT_NE(call.thread, std::this_thread::get_id());

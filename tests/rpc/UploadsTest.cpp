@@ -4,7 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <optional>
@@ -14,6 +14,7 @@
 #include "tests/rpc/ServiceFixture.h"
 #include "tests/rpc/TestGrant.h"
 #include "tests/rpc/WireClient.h"
+#include "tests/support/Waiting.h"
 
 namespace corvid {
 namespace {
@@ -49,7 +50,7 @@ class Uploads : public ServiceFixture {
     return static_cast<std::size_t>(std::distance(begin(all), end(all)));
   }
 
-  const std::string file = folder.path + "/file";
+  const std::string file = folder.path() + "/file";
   std::function<void(const std::string&)> onUpload;
   int removals = 0;
 };
@@ -187,9 +188,10 @@ TEST_F(Uploads, AClientThatLeavesDuringItsUploadLeavesNothing) {
     auto request = client.session.uploadFileRequest();
     request.setFile(grantOf(descriptor.get()));
     auto sent = request.send().eagerlyEvaluate(nullptr);
-    const auto deadline = std::chrono::steady_clock::now() + patience;
-    while (!isUnderWay && std::chrono::steady_clock::now() < deadline) client.scope.poll();
-    EXPECT_TRUE(isUnderWay);
+    ASSERT_TRUE(waitUntil([&] {
+      client.scope.poll();
+      return isUnderWay.load();
+    }));
   }
   notice.change([&] { mayEnd = true; });
   EXPECT_TRUE(delegate->awaitInvalidated(0));

@@ -2,12 +2,12 @@
 #pragma once
 
 #include <capnp/rpc-twoparty.h>
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 
 #include <cerrno>
 #include <cstring>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,7 +23,8 @@ namespace corvid {
 
 inline Descriptor connectTo(const std::string& path) {
   Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  EXPECT_EQ(UnixAddress(path).connect(socket.get()), 0) << std::strerror(errno);
+  if (UnixAddress(path).connect(socket.get()) != 0)
+    throw std::runtime_error(path + ": " + std::strerror(errno));
   return socket;
 }
 

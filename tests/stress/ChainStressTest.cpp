@@ -21,9 +21,10 @@
 #include "daemon/CorviddAgent.h"
 #include "protocol/Keys.h"
 #include "rpc/IPCListener.h"
-#include "tests/fakes/ScratchRoot.h"
 #include "tests/fakes/TestPlatform.h"
 #include "tests/stress/StressClient.h"
+#include "tests/support/Scratch.h"
+#include "tests/support/Waiting.h"
 
 namespace corvid {
 namespace {
@@ -163,14 +164,6 @@ class ChainStress : public testing::TestWithParam<unsigned> {
     for (const auto& client : clients) threads.emplace_back([&] { act(*client); });
     for (std::thread& thread : threads) thread.join();
   }
-  template <class Condition>
-  static bool await(Condition condition) {
-    for (int tries = 0; tries < 30000; ++tries) {
-      if (condition()) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return false;
-  }
   // Connects one more client and waits until it is served: everybody before it has been accepted.
   client::Session probe() {
     client::Session::Options options;
@@ -179,7 +172,7 @@ class ChainStress : public testing::TestWithParam<unsigned> {
     client::Session session(std::move(options));
     std::promise<void> answered;
     EXPECT_TRUE(session.fetchDisplayURL([&](client::Status, auto) { answered.set_value(); }));
-    EXPECT_EQ(answered.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    EXPECT_EQ(answered.get_future().wait_for(patience), std::future_status::ready);
     return session;
   }
   // Until the daemon has nothing left to do for clients that have come or gone.
@@ -187,7 +180,7 @@ class ChainStress : public testing::TestWithParam<unsigned> {
     const auto connected = static_cast<std::size_t>(
         std::ranges::count_if(clients, [](const auto& client) { return client->isConnected(); }));
     probe();
-    return await([&] { return listener->connections() == connected; });
+    return waitUntil([&] { return listener->connections() == connected; });
   }
 
   // What holds a session that is in no group: the same for every one.

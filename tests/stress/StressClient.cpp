@@ -7,16 +7,16 @@
 #include <chrono>
 #include <future>
 #include <memory>
-#include <thread>
 #include <utility>
+
+#include "tests/support/Waiting.h"
 
 namespace corvid {
 
 namespace {
 
+using namespace std::chrono_literals;
 using client::Status;
-
-constexpr std::chrono::seconds patience{30};
 
 // Not accepted for now.
 bool isPassing(Status status) {
@@ -24,12 +24,8 @@ bool isPassing(Status status) {
 }
 
 Status insist(const std::function<Status()>& call) {
-  const auto deadline = std::chrono::steady_clock::now() + patience;
-  Status status = call();
-  while (isPassing(status) && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::yield();
-    status = call();
-  }
+  Status status = CORVID_OK;
+  (void)waitUntil([&] { return !isPassing(status = call()); }, patience, 100us);
   return status;
 }
 
@@ -72,14 +68,7 @@ void StressClient::act(int things) {
 void StressClient::vanish() {
   _session.reset();
   if (!std::exchange(_isStarted, false)) return;
-  const auto deadline = std::chrono::steady_clock::now() + patience;
-  while (!_takeGone(_number)) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      ++_surprises;
-      return;
-    }
-    std::this_thread::sleep_for(std::chrono::microseconds(200));
-  }
+  if (!waitUntil([&] { return _takeGone(_number); }, patience, 200us)) ++_surprises;
 }
 
 void StressClient::connect() {

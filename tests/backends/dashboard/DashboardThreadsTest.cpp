@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <filesystem>
@@ -19,6 +20,7 @@
 #include "platform/network/SystemNetwork.h"
 #include "platform/system/SystemClock.h"
 #include "tests/fakes/TestPlatform.h"
+#include "tests/support/Waiting.h"
 
 namespace corvid {
 namespace {
@@ -80,15 +82,6 @@ class DashboardThreadsTest : public testing::Test {
     const Dictionary profile{{"ip", "127.0.0.1"}, {"port", server.port}, {"reliable", period}};
     return DashboardBackend::initWithName("dashboard", &profile, "Robin");
   }
-  template <class Condition>
-  static bool waitFor(Condition condition) {
-    const auto deadline = std::chrono::steady_clock::now() + 20s;
-    while (!condition()) {
-      if (std::chrono::steady_clock::now() > deadline) return false;
-      std::this_thread::yield();
-    }
-    return true;
-  }
 
   static std::size_t openDescriptors() {
     return static_cast<std::size_t>(
@@ -122,7 +115,7 @@ TEST_F(DashboardThreadsTest, CleanupRacesSendsAcknowledgementsAndTicks) {
     backend.reset();
     for (auto& sender : senders) sender.join();
     cleaner.join();
-    ASSERT_TRUE(waitFor([&] { return watched.expired() && !network->isBusy(); })) << round;
+    ASSERT_TRUE(waitUntil([&] { return watched.expired() && !network->isBusy(); })) << round;
   }
 }
 
@@ -149,15 +142,13 @@ TEST_F(DashboardThreadsTest, TheLastResortRacesSendsTicksAndRequestsToCleanUp) {
         std::this_thread::sleep_for(1ms);  // leaves the other threads their turn
       }
     });
-  EXPECT_TRUE(waitFor([&] {
-    std::this_thread::sleep_for(1ms);
-    return openDescriptors() == before;
-  })) << "their queues never drain, yet their sockets are closed";
+  EXPECT_TRUE(waitUntil([&] { return openDescriptors() == before; }))
+      << "their queues never drain, yet their sockets are closed";
   const std::vector<std::weak_ptr<DashboardBackend>> watched(backends.begin(), backends.end());
   backends.clear();
   busy.clear();
-  for (const auto& backend : watched) EXPECT_TRUE(waitFor([&] { return backend.expired(); }));
-  EXPECT_TRUE(waitFor([&] { return !network->isBusy(); }));
+  for (const auto& backend : watched) EXPECT_TRUE(waitUntil([&] { return backend.expired(); }));
+  EXPECT_TRUE(waitUntil([&] { return !network->isBusy(); }));
 }
 
 TEST_F(DashboardThreadsTest, BackendsLetGoWithoutCleanupGoAtOnceWhateverRuns) {
@@ -170,8 +161,13 @@ TEST_F(DashboardThreadsTest, BackendsLetGoWithoutCleanupGoAtOnceWhateverRuns) {
     watched.push_back(backend);
     backend.reset();
   }
-  for (const auto& backend : watched) EXPECT_TRUE(waitFor([&] { return backend.expired(); }));
-  EXPECT_TRUE(waitFor([&] { return !network->isBusy(); }));
+  // Sooner than the last resort of one that is cleaned up.
+  EXPECT_TRUE(waitUntil(
+      [&] {
+        return std::ranges::all_of(watched, [](const auto& backend) { return backend.expired(); });
+      },
+      5s));
+  EXPECT_TRUE(waitUntil([&] { return !network->isBusy(); }));
 }
 
 TEST_F(DashboardThreadsTest, ANetworkThatEndsTakesBackendsWithIt) {
@@ -184,7 +180,7 @@ TEST_F(DashboardThreadsTest, ANetworkThatEndsTakesBackendsWithIt) {
     backend->cleanup();
     watched.push_back(backend);
   }
-  ASSERT_TRUE(waitFor([&] { return server.received >= 10; }));
+  ASSERT_TRUE(waitUntil([&] { return server.received >= 10; }));
   platform.reset();
   network.reset();
   for (const auto& backend : watched) EXPECT_TRUE(backend.expired());
@@ -200,9 +196,9 @@ TEST_F(DashboardThreadsTest, EveryPacketIsAcknowledged) {
   });
   for (std::uint16_t event = 1; event <= 40; ++event)
     backend->sendMessage(nullptr, {}, 1, 2, EventID{event});
-  EXPECT_TRUE(waitFor([&] { return acknowledged == 40; }));
+  EXPECT_TRUE(waitUntil([&] { return acknowledged == 40; }));
   EXPECT_EQ(others, 0);
-  EXPECT_TRUE(waitFor([&] { return !network->isBusy(); }));
+  EXPECT_TRUE(waitUntil([&] { return !network->isBusy(); }));
 }
 
 }  // namespace

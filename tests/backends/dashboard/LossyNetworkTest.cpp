@@ -8,7 +8,6 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <thread>
 
 #include "backends/dashboard/DashboardBackend.h"
 #include "backends/dashboard/PacketReader.h"
@@ -16,6 +15,7 @@
 #include "platform/network/SystemNetwork.h"
 #include "platform/system/SystemClock.h"
 #include "tests/fakes/TestPlatform.h"
+#include "tests/support/Waiting.h"
 #include "tools/lab/DashboardServer.h"
 
 namespace corvid {
@@ -84,14 +84,10 @@ class LossyNetworkFixture {
     });
     for (std::uint16_t event = 1; event <= packets; ++event)
       backend->sendMessage(nullptr, {}, 1, 2, EventID{event});
-    const auto deadline = std::chrono::steady_clock::now() + 20s;
-    while (std::chrono::steady_clock::now() < deadline) {
-      {
-        std::lock_guard lock(mutex);
-        if ((outcome.*isOver)()) break;
-      }
-      std::this_thread::sleep_for(1ms);
-    }
+    EXPECT_TRUE(waitUntil([&] {
+      std::lock_guard lock(mutex);
+      return (outcome.*isOver)();
+    }));
     std::lock_guard lock(mutex);
     return outcome;
   }

@@ -1,12 +1,11 @@
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <iterator>
 #include <limits>
 #include <string>
 
 #include "backends/dashboard/TagReportingPacket.h"
 #include "base/Text.h"
+#include "tests/support/Scratch.h"
 
 namespace corvid {
 namespace {
@@ -52,8 +51,7 @@ TEST(TagReportingPacketTest, WritesEachFieldAtItsPlace) {
 }
 
 TEST(TagReportingPacketTest, IsTheDocumentedExample) {
-  std::ifstream file(CORVID_DOCS_FOLDER "/dashboard-packet.md");
-  const std::string page((std::istreambuf_iterator<char>(file)), {});
+  const std::string page = contentOf(CORVID_DOCS_FOLDER "/dashboard-packet.md");
   const std::string fence = "```hex\n";
   const std::size_t begin = page.find(fence);
   ASSERT_NE(begin, std::string::npos);

@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "tests/backends/https/PostBackendFixture.h"
+#include "tests/support/Waiting.h"
 
 namespace corvid {
 namespace {
@@ -15,12 +16,6 @@ struct PostThreadsTest : PostBackendFixture {
   static std::size_t bytesInUse() {
     const struct mallinfo2 info = mallinfo2();
     return info.uordblks + info.hblkhd;
-  }
-  // Whether it became true in time.
-  static bool await(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!condition() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
-    return condition();
   }
 };
 
@@ -33,7 +28,7 @@ TEST_F(PostThreadsTest, PastItsLimitASendWaitsForAnExchangeToEnd) {
   EXPECT_EQ(requests().size(), ExchangeGate::clientLimit);
   backend->setCorrelatedSessionID("NOT.BLOCKED");  // no lock is held meanwhile
   platform.http->completeNext(FakeHTTPClient::response(200));
-  ASSERT_EQ(next.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+  ASSERT_EQ(next.wait_for(patience), std::future_status::ready);
   EXPECT_EQ(requests().size(), ExchangeGate::clientLimit + 1);
 }
 
@@ -88,7 +83,7 @@ TEST_F(PostThreadsTest, BackendsThatShareAGateWaitForEachOther) {
   auto next = std::async(std::launch::async, [&] { send(*backend, {}, 1); });
   EXPECT_EQ(next.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
   platform.http->completeNext(FakeHTTPClient::response(200));
-  ASSERT_EQ(next.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+  ASSERT_EQ(next.wait_for(patience), std::future_status::ready);
   EXPECT_EQ(requests().size(), 3u);
 }
 
@@ -103,11 +98,11 @@ TEST_F(PostThreadsTest, WhatWaitsAtTheGateIsTheCompressedMessageOnly) {
   platform.log.clear();
   const std::size_t before = bytesInUse();
   auto next = std::async(std::launch::async, [&] { send(*backend, payload); });
-  EXPECT_TRUE(await([&] { return platform.log.anyContains("Compressed file from"); }));
-  EXPECT_TRUE(await([&] { return bytesInUse() < before + size / 4; }));
+  EXPECT_TRUE(waitUntil([&] { return platform.log.anyContains("Compressed file from"); }));
+  EXPECT_TRUE(waitUntil([&] { return bytesInUse() < before + size / 4; }));
   EXPECT_EQ(requests().size(), 1u) << "waits all the while";
   platform.http->completeNext(FakeHTTPClient::response(200));
-  ASSERT_EQ(next.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+  ASSERT_EQ(next.wait_for(patience), std::future_status::ready);
   EXPECT_EQ(requests().size(), 2u);
 }
 

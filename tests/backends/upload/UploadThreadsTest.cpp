@@ -2,13 +2,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <memory>
 #include <thread>
 
 #include "backends/upload/UploadBackend.h"
 #include "tests/fakes/FakeGrantedFile.h"
 #include "tests/fakes/TestPlatform.h"
+#include "tests/support/Waiting.h"
 
 namespace corvid {
 namespace {
@@ -21,9 +21,7 @@ class UploadThreadsTest : public testing::Test {
   }
   // Until so many exchanges wait for their reply; false where they do not come.
   bool awaitWaiting(std::size_t count) const {
-    for (int i = 0; i < 20'000 && platform.http->exchangesUnderWay() < count; ++i)
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    return platform.http->exchangesUnderWay() == count;
+    return waitUntil([&] { return platform.http->exchangesUnderWay() == count; });
   }
 
   TestPlatform platform;

@@ -4,7 +4,7 @@
 
 #include "platform/data/Deployment.h"
 #include "platform/data/PropertyList.h"
-#include "tests/platform/system/Scratch.h"
+#include "tests/support/Scratch.h"
 
 namespace corvid {
 namespace {
@@ -29,7 +29,7 @@ class DeploymentTest : public testing::Test {
     EXPECT_FALSE(deployment.allowInsecureHTTP);
   }
 
-  Scratch scratch;
+  ScratchFolder scratch;
 };
 
 TEST_F(DeploymentTest, EverySettingIsRead) {

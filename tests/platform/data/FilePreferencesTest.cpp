@@ -4,8 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <fstream>
+#include <filesystem>
 #include <iterator>
 #include <thread>
 
@@ -13,7 +12,9 @@
 #include "platform/data/FilePreferences.h"
 #include "platform/data/PropertyList.h"
 #include "tests/fakes/CapturedLog.h"
-#include "tests/platform/system/Scratch.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/Scratch.h"
+#include "tests/support/Waiting.h"
 
 namespace corvid {
 namespace {
@@ -21,10 +22,6 @@ namespace {
 class FilePreferencesTest : public testing::Test {
  protected:
   std::string file(const std::string& name = "suite.plist") const { return folder + "/" + name; }
-  static std::string contentOf(const std::string& path) {
-    std::ifstream stream(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), {}};
-  }
   void write(std::string_view content, const std::string& name = "suite.plist") const {
     scratch.write("var/Preferences/" + name, content);
   }
@@ -38,7 +35,7 @@ class FilePreferencesTest : public testing::Test {
   }
   std::vector<std::string> errors() const { return log.texts(LogLevel::error); }
 
-  Scratch scratch;
+  ScratchFolder scratch;
   std::string folder = scratch.path() + "/var/Preferences";
   CapturedLog log;
   FilePreferences preferences{folder};
@@ -132,10 +129,7 @@ TEST_F(FilePreferencesTest, AnUnchangedFileIsSoonNotOpenedAnyMore) {
     return read(watch.get(), events, sizeof events) > 0;
   };
   EXPECT_TRUE(readOpensTheFile());
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  bool opens = true;
-  while (opens && std::chrono::steady_clock::now() < deadline) opens = readOpensTheFile();
-  EXPECT_FALSE(opens);
+  EXPECT_TRUE(waitUntil([&] { return !readOpensTheFile(); }));
 }
 
 TEST_F(FilePreferencesTest, ADamagedFileIsSetAsideAndLoggedOnce) {
@@ -274,18 +268,16 @@ TEST_F(FilePreferencesTest, NoNameLeadsOutOfTheFolder) {
 
 TEST_F(FilePreferencesTest, WritersInOtherProcessesLoseNothing) {
   constexpr int writers = 4, changes = 25;
-  std::vector<pid_t> children;
+  std::vector<ChildProcess> children;
   for (int w = 0; w < writers; ++w)
-    children.push_back(startChild([&] {
+    children.emplace_back([&, w] {
       FilePreferences own(folder);
       int failed = 0;
       for (int i = 0; i < changes; ++i)
         failed += !own.setValue("suite", fmt::format("{}.{}", w, i), i);
       return failed;
-    }));
-  std::vector<int> failures;
-  for (const pid_t child : children) failures.push_back(awaitChild(child));
-  EXPECT_EQ(failures, std::vector<int>(writers, 0));
+    });
+  for (ChildProcess& child : children) EXPECT_EQ(child.waitForExit(), 0);
   EXPECT_EQ(preferences.keys("suite").size(), std::size_t{writers} * changes);
   EXPECT_TRUE(errors().empty());
 }

@@ -7,7 +7,7 @@
 #include <filesystem>
 
 #include "platform/data/LocalFileSystem.h"
-#include "tests/platform/system/Scratch.h"
+#include "tests/support/Scratch.h"
 
 namespace corvid {
 namespace {
@@ -20,7 +20,7 @@ class LocalFileSystemTest : public testing::Test {
     return read ? read.value() : "(unreadable)";
   }
 
-  Scratch scratch;
+  ScratchFolder scratch;
   LocalFileSystem files;
 };
 
@@ -172,14 +172,14 @@ TEST(RegularFile, ThatIsMissingIsAFailureWithTheSystemsReason) {
 }
 
 TEST(RegularFile, ThatIsNoRegularFileIsAFailureAndBlocksNobody) {
-  const Scratch scratch;
+  const ScratchFolder scratch;
   const std::string pipe = scratch.path() + "/pipe";
   ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
   EXPECT_FALSE(readRegularFile(pipe));
 }
 
 TEST(FileStamp, TellsAChangedFileFromTheOneBefore) {
-  const Scratch scratch;
+  const ScratchFolder scratch;
   const std::string path = scratch.write("file", "one");
   const FileStamp before = FileStamp::of(path);
   EXPECT_EQ(FileStamp::of(path), before);
@@ -190,7 +190,7 @@ TEST(FileStamp, TellsAChangedFileFromTheOneBefore) {
 }
 
 TEST(FileStamp, KnowsTheContentUnderAnotherNameAndMode) {
-  const Scratch scratch;
+  const ScratchFolder scratch;
   const std::string path = scratch.write("file", "one");
   const FileStamp before = FileStamp::of(path);
   std::filesystem::rename(path, scratch.path() + "/moved");

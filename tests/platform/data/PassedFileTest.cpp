@@ -10,7 +10,7 @@
 #include <utility>
 
 #include "platform/data/PassedFile.h"
-#include "tests/fakes/ScratchRoot.h"
+#include "tests/support/Scratch.h"
 
 namespace corvid {
 namespace {
@@ -25,7 +25,7 @@ class PassedFileTest : public testing::Test {
     return PassedFile(Descriptor(::open(path.c_str(), flags | O_CLOEXEC)));
   }
 
-  const ScratchRoot folder;
+  const ScratchFolder folder;
   const std::string path = folder.path("file");
 };
 

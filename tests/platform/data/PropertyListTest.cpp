@@ -7,7 +7,7 @@
 #include <memory>
 
 #include "platform/data/PropertyList.h"
-#include "tests/platform/system/Scratch.h"
+#include "tests/support/Scratch.h"
 
 namespace corvid {
 namespace {
@@ -139,7 +139,7 @@ TEST(PropertyList, AnotherImplementationReadsBothFormsAndWritesThemBack) {
 }
 
 TEST(DictionaryFile, IsReadFromItsPropertyList) {
-  const Scratch scratch;
+  const ScratchFolder scratch;
   const auto read = readDictionaryFile(scratch.write(
       "a.plist", "<plist version=\"1.0\"><dict><key>a</key><integer>1</integer></dict></plist>"));
   ASSERT_TRUE(read);
@@ -147,7 +147,7 @@ TEST(DictionaryFile, IsReadFromItsPropertyList) {
 }
 
 TEST(DictionaryFile, ThatCannotBeUsedIsAFailureThatNamesIt) {
-  const Scratch scratch;
+  const ScratchFolder scratch;
   const std::string damaged = scratch.write("damaged.plist", "<plist><dict>");
   const std::string array = scratch.write("array.plist", "<plist><array/></plist>");
   const std::string missing = scratch.path() + "/missing.plist";

@@ -227,14 +227,14 @@ TEST_F(TLSFaultTest, TheSystemsAuthoritiesDoNotKnowAPrivateOne) {
 }
 
 TEST_F(TLSFaultTest, AnotherAuthorityIsRefused) {
-  const lab::TLSIdentity other(folder + "/other");
+  const lab::TLSIdentity other(folder.path("other"));
   const HTTPOutcome outcome = performWith(other.server());
   ASSERT_TRUE(outcome.error);
   EXPECT_EQ(outcome.error->code, CURLE_PEER_FAILED_VERIFICATION);
 }
 
 TEST_F(TLSFaultTest, ACAFileThatCannotBeReadIsAnError) {
-  restartClient({.caFile = folder + "/none.pem"});
+  restartClient({.caFile = folder.path("none.pem")});
   const HTTPOutcome outcome = performWith(identity->server());
   ASSERT_TRUE(outcome.error);
   EXPECT_EQ(outcome.error->code, CURLE_SSL_CACERT_BADFILE);

@@ -3,12 +3,14 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
+#include <chrono>
 #include <future>
 #include <semaphore>
 #include <thread>
 
 #include "tests/fakes/CapturedLog.h"
 #include "tests/platform/http/HTTPClientFixture.h"
+#include "tests/support/Waiting.h"
 
 namespace corvid {
 namespace {
@@ -134,8 +136,9 @@ TEST_P(HTTPClientQueueTest, TheWaitForRoomCountsOnlyInATimeoutThatCoversIt) {
     const std::size_t received = server->requestsReceived();
     for (std::size_t i = 0; i < CurlHTTPClient::mostConnectionsPerHost; ++i)
       client->start(get("/silent"), silent.completion());
-    while (server->requestsReceived() < received + CurlHTTPClient::mostConnectionsPerHost)
-      std::this_thread::yield();
+    ASSERT_TRUE(waitUntil([&] {
+      return server->requestsReceived() == received + CurlHTTPClient::mostConnectionsPerHost;
+    }));
     fillTheShare();
     HTTPRequest request = get();
     request.timeout = 10s;

@@ -7,6 +7,7 @@
 
 #include "platform/http/CurlHTTPClient.h"
 #include "tests/platform/http/HTTPClientFixture.h"
+#include "tests/support/Waiting.h"
 
 namespace corvid {
 namespace {
@@ -237,16 +238,15 @@ TEST_P(HTTPClientTest, ACompletionMayStartTheNextExchange) {
 }
 
 TEST_P(HTTPClientTest, CountsWhatIsUnderWayAndSaysWhenItIsIdle) {
-  std::atomic<int> idle = 0;
-  std::atomic<std::size_t> underWayThen = 99;
-  std::mutex mutex;
-  std::condition_variable changed;
+  int idle = 0;
+  std::size_t underWayThen = 99;
+  Notice notice;
   CurlHTTPClient::Options options = defaultOptions();
   options.onIdle = [&] {
-    std::lock_guard lock(mutex);
-    underWayThen = client->exchangesUnderWay();
-    ++idle;
-    changed.notify_all();
+    notice.change([&] {
+      underWayThen = client->exchangesUnderWay();
+      ++idle;
+    });
   };
   restartClient(options);
   serve(lab::Answer{});
@@ -255,8 +255,7 @@ TEST_P(HTTPClientTest, CountsWhatIsUnderWayAndSaysWhenItIsIdle) {
   std::size_t underWayInCompletion = 0;
   const auto performOne = [&](int times) {
     client->start(get(), [&](HTTPOutcome) { underWayInCompletion = client->exchangesUnderWay(); });
-    std::unique_lock lock(mutex);
-    ASSERT_TRUE(changed.wait_for(lock, 30s, [&] { return idle == times; }));
+    ASSERT_TRUE(notice.await([&] { return idle == times; }));
   };
   performOne(1);
   EXPECT_EQ(underWayInCompletion, 1u);
@@ -273,8 +272,7 @@ TEST_P(HTTPClientTest, ClosesItsConnectionsAfterTheIdleTime) {
   EXPECT_EQ(server->connectionsAccepted(), 1u);
   ASSERT_TRUE(clock->awaitSleeper(90s));
   clock->advance(90s);
-  for (int i = 0; i < 3000 && server->connectionsOpen() > 0; ++i) std::this_thread::sleep_for(10ms);
-  EXPECT_EQ(server->connectionsOpen(), 0u);
+  EXPECT_TRUE(waitUntil([&] { return server->connectionsOpen() == 0; }));
   ASSERT_EQ(codeOf(get()), 0);
   EXPECT_EQ(server->connectionsAccepted(), 2u);
 }

@@ -2,18 +2,16 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
-#include <condition_variable>
-#include <filesystem>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "platform/http/CurlHTTPClient.h"
 #include "platform/http/Transfer.h"
 #include "tests/fakes/FakeClock.h"
+#include "tests/support/Scratch.h"
+#include "tests/support/Waiting.h"
 #include "tools/lab/HTTPServer.h"
 
 namespace corvid {
@@ -25,39 +23,33 @@ class Outcomes {
  public:
   HTTPCompletion completion() {
     return [this](HTTPOutcome outcome) {
-      std::lock_guard lock(_mutex);
-      _all.push_back(std::move(outcome));
-      _changed.notify_all();
+      _notice.change([&] { _all.push_back(std::move(outcome)); });
     };
   }
   // False where they do not come.
   bool waitFor(std::size_t count) {
-    std::unique_lock lock(_mutex);
-    return _changed.wait_for(lock, 30s, [&] { return _all.size() >= count; });
+    return _notice.await([&] { return _all.size() >= count; });
   }
-  std::vector<HTTPOutcome> all() const {
-    std::lock_guard lock(_mutex);
-    return _all;
+  std::vector<HTTPOutcome> all() {
+    std::vector<HTTPOutcome> copy;
+    _notice.change([&] { copy = _all; });
+    return copy;
   }
 
  private:
-  mutable std::mutex _mutex;
-  std::condition_variable _changed;
+  Notice _notice;
   std::vector<HTTPOutcome> _all;
 };
 
 class HTTPClientFixture {
  protected:
   explicit HTTPClientFixture(bool withTLS) : _withTLS(withTLS) {
-    std::string name = testing::TempDir() + "/http-client-XXXXXX";
-    folder = ::mkdtemp(name.data());
-    identity = std::make_unique<lab::TLSIdentity>(folder);
+    identity = std::make_unique<lab::TLSIdentity>(folder.path());
     restartClient();
   }
   ~HTTPClientFixture() {
     client.reset();
     server.reset();
-    std::filesystem::remove_all(folder);
   }
 
   CurlHTTPClient::Options defaultOptions() const {
@@ -93,7 +85,7 @@ class HTTPClientFixture {
   }
 
   const std::shared_ptr<FakeClock> clock = std::make_shared<FakeClock>();
-  std::string folder;
+  ScratchFolder folder;
   std::unique_ptr<lab::TLSIdentity> identity;
   std::unique_ptr<lab::HTTPServer> server;
   std::unique_ptr<CurlHTTPClient> client;

@@ -15,13 +15,12 @@
 
 #include "platform/network/SystemNetwork.h"
 #include "tests/fakes/FakeClock.h"
+#include "tests/support/Waiting.h"
 
 namespace corvid {
 namespace {
 
 using namespace std::chrono_literals;
-
-constexpr auto patience = 20s;
 
 class SystemNetworkTest : public testing::Test {
  protected:

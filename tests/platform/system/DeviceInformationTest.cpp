@@ -1,9 +1,11 @@
 #include <gtest/gtest.h>
 #include <sys/utsname.h>
 
+#include <filesystem>
+
 #include "platform/system/SystemDeviceInformation.h"
 #include "tests/fakes/CapturedLog.h"
-#include "tests/platform/system/Scratch.h"
+#include "tests/support/Scratch.h"
 
 namespace corvid {
 namespace {
@@ -27,7 +29,7 @@ class DeviceInformationTest : public testing::Test {
   }
 
   CapturedLog log;
-  Scratch machine;
+  ScratchFolder machine;
   const std::string deviceFile = machine.path() + "/device.plist";
 };
 

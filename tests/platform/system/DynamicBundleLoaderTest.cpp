@@ -2,13 +2,13 @@
 #include <gmock/gmock.h>
 #include <gnu/libc-version.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <filesystem>
 
 #include "platform/data/PropertyList.h"
 #include "platform/system/DynamicBundleLoader.h"
 #include "tests/fakes/CapturedLog.h"
+#include "tests/support/Scratch.h"
 
 namespace corvid {
 namespace {
@@ -98,7 +98,6 @@ TEST_F(DynamicBundleLoaderTest, OneThatMustNotBeUsedIsNotLoaded) {
 
 class ReplacedBundles : public DynamicBundleLoaderTest {
  protected:
-  ~ReplacedBundles() override { std::filesystem::remove_all(folder); }
   void install(const std::string& bundle) {
     std::filesystem::copy_file(pathOf(bundle), path + ".new");
     std::filesystem::rename(path + ".new", path);
@@ -110,9 +109,8 @@ class ReplacedBundles : public DynamicBundleLoaderTest {
                             "start corvidd anew to use it"));
   }
 
-  std::string name = testing::TempDir() + "bundles-XXXXXX";
-  const std::string folder = mkdtemp(name.data());
-  const std::string path = folder + "/Bundle.so";
+  const ScratchFolder folder;
+  const std::string path = folder.path("Bundle.so");
 };
 
 TEST_F(ReplacedBundles, OneThatCameLaterIsNotLoaded) {

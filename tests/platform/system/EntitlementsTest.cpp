@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "platform/system/Entitlements.h"
 #include "tests/fakes/CapturedLog.h"
-#include "tests/platform/system/Scratch.h"
+#include "tests/support/Scratch.h"
 
 namespace corvid {
 namespace {
@@ -36,7 +38,7 @@ class EntitlementsTest : public testing::Test {
   }
 
   CapturedLog log;
-  Scratch folder;
+  ScratchFolder folder;
   PeerIdentity peer;
 };
 

@@ -8,7 +8,7 @@
 #include "base/UnixAddress.h"
 #include "platform/system/JournalPowerLog.h"
 #include "tests/fakes/CapturedLog.h"
-#include "tests/fakes/ScratchRoot.h"
+#include "tests/support/Scratch.h"
 
 namespace corvid {
 namespace {

@@ -14,14 +14,14 @@
 #include "platform/system/Launcher.h"
 #include "tests/fakes/CapturedLog.h"
 #include "tests/fakes/FakeClock.h"
-#include "tests/platform/system/Scratch.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/Scratch.h"
+#include "tests/support/Waiting.h"
 
 namespace corvid {
 namespace {
 
 using namespace std::chrono_literals;
-
-constexpr auto patience = 20s;
 
 class LauncherTest : public testing::Test {
  protected:
@@ -32,11 +32,6 @@ class LauncherTest : public testing::Test {
 
   static bool hasEnded(const std::future<int>& loop) {
     return loop.wait_for(0s) == std::future_status::ready;
-  }
-  static bool becomesTrue(const std::function<bool()>& condition) {
-    const auto end = std::chrono::steady_clock::now() + patience;
-    while (!condition() && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(1ms);
-    return condition();
   }
 
   std::shared_ptr<FakeClock> clock = std::make_shared<FakeClock>();
@@ -113,11 +108,11 @@ TEST_F(LauncherTest, RunLoopWaitsForOtherWorkUntilItHasEnded) {
     clock->advance(3600s);
     return isBusy.load();
   });
-  ASSERT_TRUE(becomesTrue([&] { return asked >= 20; }));
+  ASSERT_TRUE(waitUntil([&] { return asked >= 20; }));
   EXPECT_FALSE(hasEnded(loop));
   isBusy = false;
   launcher.workEnded();
-  ASSERT_TRUE(becomesTrue([&] { return hasEnded(loop); }));
+  ASSERT_TRUE(waitUntil([&] { return hasEnded(loop); }));
   EXPECT_EQ(loop.get(), 0);
 }
 
@@ -137,10 +132,10 @@ TEST_F(LauncherTest, WorkMayEndUnderTheLockThatBusyTakes) {
     clock->advance(60s);
     return isBusy.load();
   });
-  EXPECT_TRUE(becomesTrue([&] { return asked >= 100; }));
+  EXPECT_TRUE(waitUntil([&] { return asked >= 100; }));
   isBusy = false;
   worker.join();
-  EXPECT_TRUE(becomesTrue([&] { return hasEnded(loop); }));
+  EXPECT_TRUE(waitUntil([&] { return hasEnded(loop); }));
 }
 
 TEST_F(LauncherTest, TransactionIsRefusedOnceTheRunLoopHasDecidedToReturn) {
@@ -172,7 +167,7 @@ TEST_F(LauncherTest, TransactionThatBeginsBeforeTheDecisionKeepsTheProcess) {
 
 TEST(LauncherRunLoop, WithoutIdleTimeDoesNotReturn) {
   // In a child and never destroyed, since nothing ends this loop.
-  const int status = inChild([] {
+  const std::optional<int> status = inChild([] {
     auto clock = std::make_shared<FakeClock>();
     Launcher& launcher = *new Launcher(clock);
     std::thread([&] { launcher.runLoop(0s, [] { return false; }); }).detach();
@@ -219,7 +214,7 @@ class NotifySocket {
 };
 
 TEST(LauncherNotification, ReachesASocketInTheFileSystem) {
-  const Scratch scratch;
+  const ScratchFolder scratch;
   const NotifySocket socket(scratch.path() + "/notify");
   Launcher launcher(std::make_shared<FakeClock>());
   launcher.notifyReady("No clients");
@@ -236,14 +231,14 @@ TEST(LauncherNotification, ReachesAnAbstractSocket) {
 }
 
 TEST(LauncherNotification, KeepsAStatusOnItsLine) {
-  const Scratch scratch;
+  const ScratchFolder scratch;
   const NotifySocket socket(scratch.path() + "/notify");
   Launcher(std::make_shared<FakeClock>()).notifyStatus("a\nMAINPID=1");
   EXPECT_EQ(socket.received(), "STATUS=a MAINPID=1");
 }
 
 TEST(LauncherNotification, TellsOfTheIdleExit) {
-  const Scratch scratch;
+  const ScratchFolder scratch;
   const NotifySocket socket(scratch.path() + "/notify");
   auto clock = std::make_shared<FakeClock>();
   Launcher(clock).runLoop(1s, [&] {
@@ -269,7 +264,7 @@ TEST(LauncherNotification, WithoutAListenerIsSilentAndKeepsNoSocket) {
 }
 
 TEST(LauncherNotification, GoesToNoRelativeName) {
-  const Scratch scratch;
+  const ScratchFolder scratch;
   const auto before = std::filesystem::current_path();
   std::filesystem::current_path(scratch.path());
   const NotifySocket socket("notify");
@@ -279,7 +274,7 @@ TEST(LauncherNotification, GoesToNoRelativeName) {
 }
 
 TEST(LauncherNotification, CutsNoNameThatIsTooLong) {
-  const Scratch scratch;
+  const ScratchFolder scratch;
   std::string name = scratch.path() + "/";
   name.resize(sizeof sockaddr_un::sun_path - 1, 'x');
   const NotifySocket socket(name);
@@ -290,7 +285,7 @@ TEST(LauncherNotification, CutsNoNameThatIsTooLong) {
 
 TEST(LauncherNotification, DoesNotBlockOnAListenerThatDoesNotRead) {
   CapturedLog log;
-  const Scratch scratch;
+  const ScratchFolder scratch;
   const NotifySocket socket(scratch.path() + "/notify");
   Launcher launcher(std::make_shared<FakeClock>());
   for (int i = 0; i < 100'000 && log.lines().empty(); ++i) launcher.notifyStatus("again");
@@ -298,8 +293,9 @@ TEST(LauncherNotification, DoesNotBlockOnAListenerThatDoesNotRead) {
 }
 
 // Runs `check` in a child that was started with these descriptors, from 3 on.
-int startedWith(const std::vector<int>& descriptors, const std::function<int(Launcher&)>& check,
-                const char* pid = nullptr) {
+std::optional<int> startedWith(const std::vector<int>& descriptors,
+                               const std::function<int(Launcher&)>& check,
+                               const char* pid = nullptr) {
   return inChild([&] {
     std::vector<int> copies;
     for (const int descriptor : descriptors) copies.push_back(fcntl(descriptor, F_DUPFD, 100));
@@ -318,7 +314,7 @@ class LauncherSockets : public testing::Test {
     EXPECT_EQ(UnixAddress(scratch.path() + "/socket").bind(listening.get()), 0);
     EXPECT_EQ(listen(listening.get(), 1), 0);
   }
-  Scratch scratch;
+  ScratchFolder scratch;
   Descriptor listening;
   Descriptor plain;
 };

@@ -10,7 +10,8 @@
 #include "base/UnixAddress.h"
 #include "platform/data/LocalFileSystem.h"
 #include "platform/system/PeerIdentity.h"
-#include "tests/platform/system/Scratch.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/Scratch.h"
 
 namespace corvid {
 namespace {
@@ -27,31 +28,30 @@ class PeerIdentityTest : public testing::Test {
 
   // The pipe's end tells the client that it may go.
   struct Client {
-    pid_t pid;
+    ChildProcess process;
     Descriptor keepsAlive;
     Descriptor connection;
     void end() {
-      keepsAlive = Descriptor();
-      waitpid(pid, nullptr, 0);
+      keepsAlive.reset();
+      EXPECT_EQ(process.waitForExit(), 0);
     }
   };
   Client connectClient(const std::function<bool()>& prepare = [] { return true; }) {
     int ends[2];
     EXPECT_EQ(pipe(ends), 0);
-    const pid_t pid = fork();
-    if (pid == 0) {
+    ChildProcess process([&] {
       close(ends[1]);
       const Descriptor client(socket(AF_UNIX, SOCK_STREAM, 0));
-      if (!prepare() || UnixAddress(_path).connect(client.get()) != 0) _exit(1);
+      if (!prepare() || UnixAddress(_path).connect(client.get()) != 0) return 1;
       char byte;
-      _exit(read(ends[0], &byte, 1) == 0 ? 0 : 1);
-    }
+      return read(ends[0], &byte, 1) == 0 ? 0 : 1;
+    });
     close(ends[0]);
-    return {pid, Descriptor(ends[1]),
+    return {std::move(process), Descriptor(ends[1]),
             Descriptor(accept4(_listener.get(), nullptr, nullptr, SOCK_CLOEXEC))};
   }
 
-  Scratch scratch;
+  ScratchFolder scratch;
 
  private:
   const std::string _path = scratch.path() + "/socket";
@@ -63,7 +63,7 @@ TEST_F(PeerIdentityTest, TellsTheProcessThatConnected) {
   const auto peer = peerIdentity(client.connection.get());
   client.end();
   ASSERT_TRUE(peer);
-  EXPECT_EQ(peer.value().pid, client.pid);
+  EXPECT_EQ(peer.value().pid, client.process.pid());
   EXPECT_EQ(peer.value().uid, getuid());
   EXPECT_EQ(peer.value().gid, getgid());
 }
@@ -94,7 +94,7 @@ TEST_F(PeerIdentityTest, TellsTheUnitOfALivingProcessOnly) {
   ASSERT_TRUE(alive);
   EXPECT_EQ(alive.value().unit, ownUnit);
   ASSERT_TRUE(ended);
-  EXPECT_EQ(ended.value().pid, client.pid);
+  EXPECT_EQ(ended.value().pid, client.process.pid());
   EXPECT_EQ(ended.value().unit, "");
 }
 

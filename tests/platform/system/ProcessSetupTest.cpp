@@ -6,7 +6,7 @@
 
 #include "platform/system/ProcessSetup.h"
 #include "tests/fakes/CapturedLog.h"
-#include "tests/platform/system/Scratch.h"
+#include "tests/support/ChildProcess.h"
 
 namespace corvid {
 namespace {
@@ -14,7 +14,7 @@ namespace {
 int niceValue() { return getpriority(PRIO_PROCESS, 0); }
 
 TEST(QualityOfService, OfUtilityWorkIsMildlyNiceAndInherited) {
-  const int status = inChild([] {
+  const std::optional<int> status = inChild([] {
     setMainThreadQualityOfService(QualityOfServiceClass::utility, 0);
     int inherited = -1;
     std::thread([&] { inherited = niceValue(); }).join();
@@ -24,7 +24,7 @@ TEST(QualityOfService, OfUtilityWorkIsMildlyNiceAndInherited) {
 }
 
 TEST(QualityOfService, WithLessPriorityIsNicer) {
-  const int status = inChild([] {
+  const std::optional<int> status = inChild([] {
     setMainThreadQualityOfService(QualityOfServiceClass::utility, -3);
     return niceValue();
   });
@@ -33,7 +33,7 @@ TEST(QualityOfService, WithLessPriorityIsNicer) {
 
 TEST(QualityOfService, ThatCannotBeSetIsLoggedAtDebugAndIgnored) {
   if (getuid() != 0) GTEST_SKIP() << "takes root, to give a right up";
-  const int status = inChild([] {
+  const std::optional<int> status = inChild([] {
     CapturedLog log;
     setMainThreadQualityOfService(QualityOfServiceClass::utility, -3);
     if (setuid(4712) != 0) return 2;

@@ -5,12 +5,14 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <filesystem>
 #include <functional>
 #include <string>
 
 #include "base/Sanitizer.h"
 #include "platform/system/Sandbox.h"
-#include "tests/platform/system/Scratch.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/Scratch.h"
 
 namespace corvid {
 
@@ -30,7 +32,7 @@ class SandboxFixture : public testing::Test {
   }
 
   // What `work` returns in a child inside the sandbox.
-  int inSandbox(const std::function<int()>& work) {
+  std::optional<int> inSandbox(const std::function<int()>& work) {
     return inChild([&] {
       if (const auto error = sandboxInit(profileName, paths, deployment)) {
         std::fprintf(stderr, "sandboxInit: %s\n", error->c_str());
@@ -49,12 +51,10 @@ class SandboxFixture : public testing::Test {
       const std::string text = sandboxInit(name, paths, deployment).value_or("(entered)");
       return ::write(output, text.data(), text.size()) < 0;
     });
-    std::string text;
-    std::getline(std::ifstream(file), text);
-    return text;
+    return contentOf(file);
   }
 
-  Scratch root;
+  ScratchFolder root;
   Paths paths{root.path()};
   Deployment deployment;
 };

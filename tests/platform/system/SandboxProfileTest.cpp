@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/system/SandboxProfile.h"
-#include "tests/platform/system/Scratch.h"
+#include "tests/support/Scratch.h"
 
 namespace corvid {
 namespace {
@@ -102,7 +102,7 @@ TEST(SandboxProfile, WithARelativePathOrAnUnknownPlaceholderIsRefused) {
 }
 
 TEST(SandboxProfile, IsReadFromItsFile) {
-  const Scratch scratch;
+  const ScratchFolder scratch;
   const auto profile = SandboxProfile::fromFile(
       scratch.write("p.plist",
                     "<plist version=\"1.0\"><dict><!-- Calls. --><key>systemCalls</key><array>"

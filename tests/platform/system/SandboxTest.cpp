@@ -18,6 +18,7 @@
 
 #include <cstddef>
 #include <cstring>
+#include <filesystem>
 #include <semaphore>
 #include <thread>
 
@@ -25,6 +26,7 @@
 #include "base/UnixAddress.h"
 #include "platform/system/Sandbox.h"
 #include "tests/platform/system/SandboxFixture.h"
+#include "tests/support/ChildProcess.h"
 
 namespace corvid {
 namespace {
@@ -56,7 +58,7 @@ TEST_F(SandboxRefuses, BundlesBesideTheOneThatWasThere) {
   const std::string sibling = root.write("usr/lib/corvid/Another.so", "x");
   ASSERT_EQ(root.write("usr/lib/corvid/PerformanceBundle.so", "x"), bundle);
   const Descriptor entered(eventfd(0, EFD_CLOEXEC)), replaced(eventfd(0, EFD_CLOEXEC));
-  const pid_t child = startChild([&] {
+  ChildProcess child([&] {
     if (sandboxInit(profileName, paths, deployment)) return notEntered;
     if (errorOfOpening(bundle, O_RDONLY) != 0) return 1;
     if (errorOfOpening(sibling, O_RDONLY) != EACCES) return 2;
@@ -69,7 +71,7 @@ TEST_F(SandboxRefuses, BundlesBesideTheOneThatWasThere) {
   EXPECT_EQ(poll(&waiting, 1, 20'000), 1);
   std::filesystem::rename(sibling, bundle);
   eventfd_write(replaced.get(), 1);
-  EXPECT_EQ(awaitChild(child), 0);
+  EXPECT_EQ(child.waitForExit(), 0);
 }
 
 TEST_F(SandboxRefuses, ToReadTheMemoryAndDescriptorsOfOthers) {

@@ -3,7 +3,7 @@
 #include <array>
 
 #include "platform/system/SystemLocale.h"
-#include "tests/platform/system/Scratch.h"
+#include "tests/support/Scratch.h"
 
 namespace corvid {
 namespace {
@@ -30,7 +30,7 @@ class SystemLocaleTest : public testing::Test {
     return locale.countryCode();
   }
 
-  Scratch scratch;
+  ScratchFolder scratch;
   SystemLocale locale{scratch.path() + "/locale.conf"};
 
  private:

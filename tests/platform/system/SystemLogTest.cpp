@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "platform/system/SystemLog.h"
-#include "tests/platform/system/Scratch.h"
+#include "tests/support/ChildProcess.h"
 
 namespace {
 
@@ -167,7 +167,7 @@ TEST(SystemLog, KeepsTheLinesOfThreadsApart) {
 }
 
 TEST(SystemLog, SurvivesAStandardErrorThatTakesNothing) {
-  const int status = inChild([] {
+  const std::optional<int> status = inChild([] {
     if (std::freopen("/dev/full", "w", stderr) == nullptr) return 2;
     const auto sink = openSystemLog("corvidd", LogDestination::standardError);
     sink->write(LogLevel::error, "lost");

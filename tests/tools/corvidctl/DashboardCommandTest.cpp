@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "base/Reading.h"
-#include "tests/tools/ToolProcess.h"
+#include "tests/support/ToolProcess.h"
 #include "tools/lab/DashboardServer.h"
 
 namespace corvid {

@@ -7,8 +7,8 @@
 #include <iterator>
 
 #include "platform/data/FilePreferences.h"
-#include "tests/fakes/ScratchRoot.h"
-#include "tests/tools/ToolProcess.h"
+#include "tests/support/Scratch.h"
+#include "tests/support/ToolProcess.h"
 
 namespace corvid {
 namespace {

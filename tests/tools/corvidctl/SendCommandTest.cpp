@@ -1,6 +1,7 @@
 // The commands for people that talk to the daemon: send, states and upload.
 #include <fstream>
 
+#include "tests/support/ToolProcess.h"
 #include "tests/tools/corvidctl/SessionProcess.h"
 
 namespace corvid {
@@ -202,7 +203,7 @@ class Upload : public Send {
     });
   }
   std::string file(const std::string& name) {
-    const std::string made = folder.path + "/" + name;
+    const std::string made = folder.path() + "/" + name;
     std::ofstream(made) << "content";
     return made;
   }
@@ -221,7 +222,7 @@ TEST_F(Upload, UploadsEachFile) {
   EXPECT_EQ(result.output, linesOf(first) + linesOf(second));
   EXPECT_EQ(names(), (std::vector<std::string>{"setSessionInfo", "startConfig", "uploadFile",
                                                "uploadFile"}));
-  EXPECT_EQ(calls()[2].text, "file://" + folder.path + "/a%20b");
+  EXPECT_EQ(calls()[2].text, "file://" + folder.path() + "/a%20b");
 }
 
 TEST_F(Upload, AFileThatTheServerDoesNotConfirmStaysAndIsTold) {

@@ -1,5 +1,6 @@
 // Every call of `corvidctl session`: what reaches the daemon and what is printed.
 #include "protocol/Reply.h"
+#include "tests/support/ToolProcess.h"
 #include "tests/tools/corvidctl/SessionProcess.h"
 
 namespace corvid {
@@ -253,7 +254,7 @@ TEST_F(SessionCalls, AMessageForTheAggregationBlockIsAnEvent) {
 
 TEST_F(SessionCalls, EventsComeWhileNoCallIsUnderWay) {
   serve();
-  ToolProcess process(CORVIDCTL_PROGRAM, {"--root", folder.path, "session"});
+  ToolProcess process(CORVIDCTL_PROGRAM, {"--root", folder.path(), "session"});
   const auto client =
       delegate->at(0).connection->remoteObjectProxyWithErrorHandler([](const std::string&) {});
   client->sendMessageToClient(Dictionary{}, 1, 2, 3, std::nullopt);
@@ -265,7 +266,7 @@ TEST_F(SessionCalls, EventsComeWhileNoCallIsUnderWay) {
 
 TEST_F(SessionCalls, EachOutcomeIsWrittenBeforeTheNextLineIsNeeded) {
   serve();
-  ToolProcess process(CORVIDCTL_PROGRAM, {"--root", folder.path, "session"});
+  ToolProcess process(CORVIDCTL_PROGRAM, {"--root", folder.path(), "session"});
   for (int i = 1; i < 4; ++i) {
     process.write("{\"call\":\"sendMessage\",\"category\":" + std::to_string(i) + "}\n");
     EXPECT_EQ(process.readLine(),

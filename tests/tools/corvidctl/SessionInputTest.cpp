@@ -2,8 +2,12 @@
 #include <corvid/corvid.h>
 #include <sys/socket.h>
 
+#include <filesystem>
+#include <thread>
+
 #include "base/Descriptor.h"
 #include "base/UnixAddress.h"
+#include "tests/support/ToolProcess.h"
 #include "tests/tools/corvidctl/SessionProcess.h"
 
 namespace corvid {
@@ -165,8 +169,8 @@ TEST_F(SessionInput, WithoutADaemonThereIsNothingButAnError) {
 }
 
 TEST_F(SessionInput, ARootThatIsTooLongForASocketIsNamed) {
-  const ToolResult result =
-      runTool(CORVIDCTL_PROGRAM, {"--root", folder.path + "/" + std::string(100, 'x'), "session"});
+  const ToolResult result = runTool(
+      CORVIDCTL_PROGRAM, {"--root", folder.path() + "/" + std::string(100, 'x'), "session"});
   EXPECT_EQ(result.status, 1);
   EXPECT_NE(result.errors.find("is longer than the system takes\n"), std::string::npos)
       << result.errors;
@@ -174,7 +178,7 @@ TEST_F(SessionInput, ARootThatIsTooLongForASocketIsNamed) {
 
 TEST_F(SessionInput, ALostConnectionEndsAProcessThatWaitsForInput) {
   serve();
-  ToolProcess process(CORVIDCTL_PROGRAM, {"--root", folder.path, "session"});
+  ToolProcess process(CORVIDCTL_PROGRAM, {"--root", folder.path(), "session"});
   process.write("{\"call\":\"finish\"}\n");
   EXPECT_EQ(process.readLine(), finishes);
   delegate->at(0).connection->invalidate("the test says so");
@@ -219,7 +223,7 @@ TEST_F(SessionInput, AConnectionLostInACallPrintsNothingElse) {
 TEST_F(SessionInput, AClientThatIsNotAcceptedIsInvalidated) {
   delegate->refuse = true;
   serve();
-  ToolProcess process(CORVIDCTL_PROGRAM, {"--root", folder.path, "session"});
+  ToolProcess process(CORVIDCTL_PROGRAM, {"--root", folder.path(), "session"});
   EXPECT_EQ(process.readLine(), R"({"event":"invalidated"})");
   EXPECT_EQ(process.finish(), 1);
 }

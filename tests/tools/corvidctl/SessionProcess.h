@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "tests/rpc/ServiceFixture.h"
-#include "tests/tools/ToolProcess.h"
+#include "tests/support/ToolProcess.h"
 
 namespace corvid {
 
@@ -21,7 +21,7 @@ class CtlFixture : public ServiceFixture {
     start();
   }
   ToolResult ctl(std::vector<std::string> arguments, std::string_view input = {}) const {
-    arguments.insert(arguments.begin(), {"--root", folder.path});
+    arguments.insert(arguments.begin(), {"--root", folder.path()});
     return runTool(CORVIDCTL_PROGRAM, std::move(arguments), input);
   }
   // What `session` prints for the input, line by line; it must end well.

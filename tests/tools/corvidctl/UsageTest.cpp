@@ -1,8 +1,8 @@
 // The command line of corvidctl, from its words to its exit status.
 #include <gtest/gtest.h>
 
-#include "tests/fakes/ScratchRoot.h"
-#include "tests/tools/ToolProcess.h"
+#include "tests/support/Scratch.h"
+#include "tests/support/ToolProcess.h"
 
 namespace corvid {
 namespace {

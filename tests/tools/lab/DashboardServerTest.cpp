@@ -3,14 +3,13 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <condition_variable>
 #include <future>
-#include <mutex>
 #include <stdexcept>
 #include <vector>
 
 #include "backends/dashboard/TagReportingPacket.h"
 #include "base/Reading.h"
+#include "tests/support/Waiting.h"
 #include "tools/lab/DashboardServer.h"
 
 namespace corvid::lab {
@@ -48,22 +47,19 @@ class DashboardServerTest : public testing::Test {
     return datagram;
   }
   std::vector<Dictionary> entries(std::size_t count) {
-    std::unique_lock lock(_mutex);
-    _changed.wait_for(lock, 20s, [&] { return _entries.size() >= count; });
-    return _entries;
+    EXPECT_TRUE(_notice.await([&] { return _entries.size() >= count; }));
+    std::vector<Dictionary> copy;
+    _notice.change([&] { copy = _entries; });
+    return copy;
   }
 
  private:
-  std::mutex _mutex;
-  std::condition_variable _changed;
+  Notice _notice;
   std::vector<Dictionary> _entries;
 
  protected:
-  DashboardServer server{[this](const Dictionary& entry) {
-    std::lock_guard lock(_mutex);
-    _entries.push_back(entry);
-    _changed.notify_all();
-  }};
+  DashboardServer server{
+      [this](const Dictionary& entry) { _notice.change([&] { _entries.push_back(entry); }); }};
 
  private:
   const Descriptor _socket;

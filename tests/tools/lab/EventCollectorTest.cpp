@@ -2,6 +2,7 @@
 #include <thread>
 
 #include "platform/Compressor.h"
+#include "tests/support/Scratch.h"
 #include "tests/tools/lab/LabFixture.h"
 #include "tools/lab/Collectors.h"
 
@@ -130,8 +131,7 @@ TEST(ReceivedLogTest, AppendsToWhatIsThere) {
   const ScratchRoot root;
   root.write("log", "{\"before\":1}\n");
   ReceivedLog(root.path("log")).append({{"now", 2}});
-  std::ifstream file(root.path("log"));
-  const std::string text((std::istreambuf_iterator<char>(file)), {});
+  const std::string text = contentOf(root.path("log"));
   EXPECT_EQ(text, "{\"before\":1}\n{\"now\":2}\n");
 }
 

@@ -1,15 +1,14 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <filesystem>
 #include <memory>
 #include <thread>
 #include <vector>
 
+#include "tests/support/Scratch.h"
 #include "tests/tools/lab/Peer.h"
 #include "tools/lab/HTTPServer.h"
 
@@ -22,12 +21,9 @@ using namespace std::chrono_literals;
 class HTTPServerTest : public testing::TestWithParam<bool> {
  protected:
   HTTPServerTest() {
-    std::string name = testing::TempDir() + "/http-server-XXXXXX";
-    _folder = ::mkdtemp(name.data());
-    identity = std::make_unique<TLSIdentity>(_folder);
+    identity = std::make_unique<TLSIdentity>(_folder.path());
     peer = std::make_unique<Peer>(identity->caFile());
   }
-  ~HTTPServerTest() override { std::filesystem::remove_all(_folder); }
 
   HTTPServer& serve(Handler handler) {
     HTTPServer::Options options;
@@ -44,7 +40,7 @@ class HTTPServerTest : public testing::TestWithParam<bool> {
   std::unique_ptr<HTTPServer> server;
 
  private:
-  std::string _folder;
+  const ScratchFolder _folder;
 };
 
 INSTANTIATE_TEST_SUITE_P(Transport, HTTPServerTest, testing::Bool(),

@@ -9,7 +9,7 @@
 
 #include "base/Reading.h"
 #include "platform/data/JSON.h"
-#include "tests/fakes/ScratchRoot.h"
+#include "tests/support/Scratch.h"
 #include "tests/tools/lab/Peer.h"
 #include "tools/lab/Lab.h"
 

@@ -6,8 +6,8 @@
 
 #include "base/Reading.h"
 #include "platform/data/JSON.h"
-#include "tests/fakes/ScratchRoot.h"
-#include "tests/tools/ToolProcess.h"
+#include "tests/support/Scratch.h"
+#include "tests/support/ToolProcess.h"
 #include "tests/tools/lab/Peer.h"
 
 namespace corvid::lab {

@@ -1,19 +1,14 @@
 // What a lab lays out below its root, and what of it stays.
 #include <filesystem>
-#include <iterator>
 
 #include "platform/Paths.h"
 #include "platform/data/Deployment.h"
 #include "platform/data/PropertyList.h"
+#include "tests/support/Scratch.h"
 #include "tests/tools/lab/LabFixture.h"
 
 namespace corvid::lab {
 namespace {
-
-std::string contentOf(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
 
 Dictionary listAt(const std::string& path) {
   const Result<Value> list = parsePropertyList(contentOf(path));

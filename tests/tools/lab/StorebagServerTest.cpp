@@ -6,6 +6,7 @@
 
 #include "platform/data/Crypto.h"
 #include "platform/data/PropertyList.h"
+#include "tests/support/Scratch.h"
 #include "tests/tools/lab/LabFixture.h"
 
 namespace corvid::lab {
@@ -28,8 +29,7 @@ class StorebagServerTest : public LabFixture {
     EXPECT_EQ(got.status, 200) << got.body;
     const Dictionary envelope = dictionaryIn(got.body);
     const auto bag = decoded(envelope, "bag");
-    std::ifstream file(root.path("usr/share/corvid/publicKey.der"), std::ios::binary);
-    const std::string der((std::istreambuf_iterator<char>(file)), {});
+    const std::string der = contentOf(root.path("usr/share/corvid/publicKey.der"));
     EXPECT_TRUE(RSAPublicKey::fromDER(der)->verifies(sha1(bag), decoded(envelope, "signature")));
     return dictionaryIn(bag);
   }

@@ -7,7 +7,7 @@
 #include "base/Reading.h"
 #include "platform/data/Crypto.h"
 #include "platform/data/PropertyList.h"
-#include "tests/fakes/ScratchRoot.h"
+#include "tests/support/Scratch.h"
 #include "tools/lab/StorebagSigner.h"
 
 namespace corvid::lab {

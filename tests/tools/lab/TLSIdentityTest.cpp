@@ -2,14 +2,13 @@
 #include <openssl/pem.h>
 #include <openssl/x509_vfy.h>
 #include <openssl/x509v3.h>
-#include <stdlib.h>
 
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <sstream>
 
+#include "tests/support/Scratch.h"
 #include "tools/lab/TLSIdentity.h"
 
 namespace corvid::lab {
@@ -17,12 +16,6 @@ namespace {
 
 class TLSIdentityTest : public testing::Test {
  protected:
-  TLSIdentityTest() {
-    std::string name = testing::TempDir() + "/tls-identity-XXXXXX";
-    folder = ::mkdtemp(name.data());
-  }
-  ~TLSIdentityTest() override { std::filesystem::remove_all(folder); }
-
   static std::shared_ptr<X509> load(const std::string& path) {
     std::FILE* file = std::fopen(path.c_str(), "r");
     if (!file) return nullptr;
@@ -42,13 +35,8 @@ class TLSIdentityTest : public testing::Test {
     return X509_STORE_CTX_get_error(context.get());
   }
 
-  static std::string read(const std::string& path) {
-    std::stringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-  }
-
-  std::string folder;
+  const ScratchFolder scratch;
+  const std::string folder = scratch.path();
 };
 
 TEST_F(TLSIdentityTest, TheServerCertificateIsGoodForEveryNameOfLoopback) {
@@ -80,17 +68,17 @@ TEST_F(TLSIdentityTest, AnotherIdentitysAuthorityDoesNotVouch) {
 
 TEST_F(TLSIdentityTest, IsMadeOnce) {
   const TLSIdentity first(folder);
-  const std::string before = read(first.server().certificateFile);
+  const std::string before = contentOf(first.server().certificateFile);
   const TLSIdentity second(folder);
-  EXPECT_EQ(read(second.server().certificateFile), before);
+  EXPECT_EQ(contentOf(second.server().certificateFile), before);
 }
 
 TEST_F(TLSIdentityTest, IsMadeAnewWhereAFileIsMissing) {
   const TLSIdentity first(folder);
-  const std::string before = read(first.server().certificateFile);
+  const std::string before = contentOf(first.server().certificateFile);
   std::filesystem::remove(first.expired().keyFile);
   const TLSIdentity second(folder);
-  EXPECT_NE(read(second.server().certificateFile), before);
+  EXPECT_NE(contentOf(second.server().certificateFile), before);
   EXPECT_EQ(verify(second, second.server().certificateFile), X509_V_OK);
 }
 

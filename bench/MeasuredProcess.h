@@ -1,11 +1,11 @@
 // A program that a benchmark starts, watches and ends.
 #pragma once
 
-#include <sys/types.h>
-
 #include <chrono>
 #include <string>
 #include <vector>
+
+#include "tests/support/ChildProcess.h"
 
 namespace corvid::bench {
 
@@ -15,16 +15,14 @@ struct Memory {
 };
 
 // Ends its process (SIGTERM, then SIGKILL) when it goes. One thread.
-class ChildProcess {
+class MeasuredProcess {
  public:
-  // std::runtime_error where the program cannot be started. Its standard error goes to `log`.
-  ChildProcess(const std::vector<std::string>& command, const std::string& log);
-  ~ChildProcess();
-  ChildProcess(const ChildProcess&) = delete;
-  ChildProcess& operator=(const ChildProcess&) = delete;
+  // Its standard error goes to `log`.
+  MeasuredProcess(const std::vector<std::string>& command, const std::string& log);
+  ~MeasuredProcess();
 
-  pid_t pid() const { return _pid; }
-  bool isRunning();
+  pid_t pid() const { return _process.pid(); }
+  bool isRunning() { return _process.isRunning(); }
   std::chrono::steady_clock::time_point started() const { return _started; }
   // User and system time of the process so far, all threads.
   std::chrono::nanoseconds cpuTime() const;
@@ -33,8 +31,8 @@ class ChildProcess {
   double peakMB() const;
 
  private:
-  pid_t _pid = -1;
-  std::chrono::steady_clock::time_point _started;
+  const std::chrono::steady_clock::time_point _started;
+  ChildProcess _process;
 };
 
 }  // namespace corvid::bench

@@ -1,4 +1,4 @@
-#include "tests/fakes/ScratchRoot.h"
+#include "tests/support/Scratch.h"
 
 #include <fmt/format.h>
 #include <stdlib.h>
@@ -6,35 +6,40 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <stdexcept>
 
 namespace corvid {
 
 namespace fs = std::filesystem;
 
-ScratchRoot::ScratchRoot() : _path((fs::temp_directory_path() / "corvid-XXXXXX").string()) {
+ScratchFolder::ScratchFolder() : _path((fs::temp_directory_path() / "corvid-XXXXXX").string()) {
   if (mkdtemp(_path.data()) == nullptr) throw std::runtime_error("mkdtemp " + _path);
-  const std::string_view profile = "usr/share/corvid/sandbox/com.halcyon.corvidd.plist";
-  fs::create_directories(fs::path(path(profile)).parent_path());
-  fs::copy_file(CORVID_SANDBOX_PROFILE, path(profile));
 }
 
-ScratchRoot::~ScratchRoot() {
+ScratchFolder::~ScratchFolder() {
   std::error_code ignored;
   fs::remove_all(_path, ignored);
 }
 
-std::string ScratchRoot::path(std::string_view relative) const {
+std::string ScratchFolder::path(std::string_view relative) const {
   return fmt::format("{}/{}", _path, relative);
 }
 
-void ScratchRoot::write(std::string_view relative, std::string_view content) const {
+std::string ScratchFolder::write(std::string_view relative, std::string_view content) const {
   const fs::path file = path(relative);
   fs::create_directories(file.parent_path());
   std::ofstream(file, std::ios::binary) << content;
+  return file;
 }
 
-void ScratchRoot::remove(std::string_view relative) const { fs::remove_all(path(relative)); }
+void ScratchFolder::remove(std::string_view relative) const { fs::remove_all(path(relative)); }
+
+ScratchRoot::ScratchRoot() {
+  const std::string_view profile = "usr/share/corvid/sandbox/com.halcyon.corvidd.plist";
+  fs::create_directories(fs::path(path(profile)).parent_path());
+  fs::copy_file(CORVID_SANDBOX_PROFILE, path(profile));
+}
 
 void ScratchRoot::entitleThisUser() const {
   write("etc/corvid/entitlements.d/test.plist",
@@ -45,6 +50,11 @@ void ScratchRoot::entitleThisUser() const {
 </dict></plist>
 )",
                     getuid()));
+}
+
+std::string contentOf(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
 }
 
 }  // namespace corvid

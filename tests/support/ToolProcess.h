@@ -1,8 +1,7 @@
 // A command-line program as a child process, with pipes to its three streams.
 #pragma once
 
-#include <sys/types.h>
-
+#include <chrono>
 #include <functional>
 #include <optional>
 #include <string>
@@ -10,27 +9,25 @@
 #include <vector>
 
 #include "base/Descriptor.h"
+#include "tests/support/ChildProcess.h"
 
 namespace corvid {
 
-// Runs from construction until it ends by itself or the object goes; then it is killed. CORVID_ROOT
-// is not in its environment. Every wait is bounded, so that a broken program fails a test and never
-// hangs it.
+// Runs as a ChildProcess does. Every wait is bounded, so that a broken program fails a test and
+// never hangs it.
 class ToolProcess {
  public:
   ToolProcess(std::string program, std::vector<std::string> arguments);
-  ~ToolProcess();
-  ToolProcess(const ToolProcess&) = delete;
-  ToolProcess& operator=(const ToolProcess&) = delete;
 
-  pid_t pid() const { return _pid; }
-  // Hands over everything, as far as the program reads.
-  void write(std::string_view input);
+  pid_t pid() const { return _process.pid(); }
+  void signal(int number) const { _process.signal(number); }
+  void kill() { _process.kill(); }
+  // Hands over everything, as far as the program reads; false where it does not read all of it.
+  bool write(std::string_view input);
   void endInput() { _input.reset(); }
-  // The next line of standard output without its end; nothing where the output ends first.
-  std::optional<std::string> readLine();
-  // Ends the input and reads both outputs to their end. The exit status, or the negative number of
-  // the signal that ended the program; nothing where it goes on.
+  // The next line of standard output without its end; nothing where it does not come.
+  std::optional<std::string> readLine(std::chrono::milliseconds limit = patience);
+  // Ends the input and reads both outputs to their end; then as ChildProcess::waitForExit.
   std::optional<int> finish();
 
   // What has been read and not been taken by readLine.
@@ -38,16 +35,17 @@ class ToolProcess {
   const std::string& errors() const { return _errors; }
 
  private:
-  // Reads until `done` says so, both outputs have ended, or patience has.
-  void pump(const std::function<bool()>& done);
+  struct Pipes;
+  ToolProcess(std::vector<std::string> command, Pipes pipes);
+  // Reads until `done` says so, both outputs have ended, or the time is up.
+  void pump(const std::function<bool()>& done, std::chrono::milliseconds limit);
 
-  pid_t _pid = -1;
+  ChildProcess _process;
   Descriptor _input;
   Descriptor _outputEnd;
   Descriptor _errorEnd;
   std::string _output;
   std::string _errors;
-  bool _isReaped = false;
 };
 
 // A program that ran to its end.

@@ -1,0 +1,116 @@
+#include "tests/support/ChildProcess.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <stdexcept>
+#include <utility>
+
+namespace corvid {
+
+namespace {
+
+std::vector<char*> pointersTo(const std::vector<std::string>& texts) {
+  std::vector<char*> pointers;
+  for (const std::string& text : texts) pointers.push_back(const_cast<char*>(text.c_str()));
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
+std::vector<std::string> environmentWith(std::vector<std::string> variables) {
+  for (char** variable = environ; *variable != nullptr; ++variable)
+    if (!std::string_view(*variable).starts_with("CORVID_ROOT=")) variables.push_back(*variable);
+  return variables;
+}
+
+void giveStream(int descriptor, int number) {
+  if (descriptor == number)
+    fcntl(number, F_SETFD, 0);
+  else
+    dup2(descriptor, number);
+}
+
+void resetSignals() {
+  for (int number = 1; number < NSIG; ++number) ::signal(number, SIG_DFL);
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+}  // namespace
+
+ChildProcess::ChildProcess(const Program& program) {
+  // All memory is taken here: the child may find the allocator locked.
+  const std::vector<char*> command = pointersTo(program.command);
+  const std::vector<std::string> environment = environmentWith(program.environment);
+  const std::vector<char*> variables = pointersTo(environment);
+  start([&] {
+    for (int number = 0; number < 3; ++number)
+      giveStream(program.streams[static_cast<std::size_t>(number)], number);
+    resetSignals();
+    if (program.prepare) program.prepare();
+    execvpe(command[0], command.data(), variables.data());
+    _exit(127);
+  });
+}
+
+ChildProcess::ChildProcess(const std::function<int()>& work) {
+  std::fflush(nullptr);
+  start([&] { _exit(work()); });
+}
+
+ChildProcess::ChildProcess(ChildProcess&& other) noexcept
+    : _pid(std::exchange(other._pid, -1)),
+      _process(std::move(other._process)),
+      _status(other._status) {}
+
+void ChildProcess::start(const std::function<void()>& run) {
+  _pid = fork();
+  if (_pid < 0) throw std::runtime_error("fork");
+  if (_pid == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    run();
+  }
+  _process = Descriptor(static_cast<int>(syscall(SYS_pidfd_open, _pid, 0)));
+}
+
+void ChildProcess::signal(int number) const {
+  if (!_status) ::kill(_pid, number);
+}
+
+void ChildProcess::kill() {
+  if (_pid == -1 || _status) return;
+  signal(SIGKILL);
+  (void)waitForExit(std::chrono::milliseconds(-1));
+}
+
+std::optional<int> ChildProcess::waitForExit(std::chrono::milliseconds limit) {
+  if (_status) return _status;
+  pollfd waiting{_process.get(), POLLIN, 0};
+  if (poll(&waiting, 1, static_cast<int>(limit.count())) != 1) return std::nullopt;
+  int status = 0;
+  waitpid(_pid, &status, 0);
+  _status = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+  return _status;
+}
+
+std::size_t ChildProcess::memory(std::string_view field, std::string_view file) const {
+  std::ifstream lines(fmt::format("/proc/{}/{}", _pid, file));
+  for (std::string line; std::getline(lines, line);)
+    if (line.starts_with(field)) return std::stoul(line.substr(field.size())) * 1024;
+  throw std::runtime_error(fmt::format("process {} tells no {}", _pid, field));
+}
+
+std::optional<int> inChild(const std::function<int()>& work) {
+  return ChildProcess(work).waitForExit();
+}
+
+}  // namespace corvid
