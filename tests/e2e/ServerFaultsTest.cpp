@@ -50,7 +50,7 @@ class ServerFaults : public LabFixture {
     stopServing();
     _server = std::make_unique<HTTPServer>(
         [this, fault = std::move(fault)](const Request& request) {
-          return fault(_collector.answer(request));
+          return fault(_collectors.events("own", request));
         },
         HTTPServer::Options{certificate, _port});
     _server->setConnectionFault(connectionFault);
@@ -114,7 +114,7 @@ class ServerFaults : public LabFixture {
 
   const lab::TLSIdentity _identity{_lab.root().tlsFolder()};
   lab::ReceivedLog _log{_lab.root().receivedFile()};
-  const lab::EventCollector _collector{"own", _log};
+  const lab::Collectors _collectors{_log};
   std::unique_ptr<HTTPServer> _server;
   std::uint16_t _port = 0;
   TestClient _client{_root.path()};
