@@ -44,16 +44,20 @@ class FileFaults : public LabFixture, public testing::WithParamInterface<Damage>
     if (!std::filesystem::exists(_root.path(path)))
       _root.write(path, writeXMLPropertyList(Dictionary{{"sound", true}}));
     switch (GetParam()) {
-      case Damage::damaged: return _root.write(path, "<plist><dict><key>half an");
-      case Damage::empty: return _root.write(path, "");
+      case Damage::damaged: _root.write(path, "<plist><dict><key>half an"); return;
+      case Damage::empty: _root.write(path, ""); return;
       case Damage::noDictionary:
-        return _root.write(path, writeXMLPropertyList(Array{"an", "array"}));
+        _root.write(path, writeXMLPropertyList(Array{"an", "array"}));
+        return;
       case Damage::huge:
-        return _root.write(
-            path,
-            writeXMLPropertyList(Dictionary{{"filler", std::string(std::size_t{5} << 20, 'x')}}));
+        _root.write(path, writeXMLPropertyList(
+                              Dictionary{{"filler", std::string(std::size_t{5} << 20, 'x')}}));
+        return;
       case Damage::unreadable: chmod(_root.path(path).c_str(), 0); return;
-      case Damage::folder: _root.remove(path); return _root.write(std::string(path) + "/file", "");
+      case Damage::folder:
+        _root.remove(path);
+        _root.write(std::string(path) + "/file", "");
+        return;
     }
   }
   bool isMoved() const {
