@@ -14,10 +14,11 @@ namespace corvid {
 // Backend name to backend. The table holds the only strong references.
 using BackendTable = std::map<std::string, std::shared_ptr<CorvidBackend>>;
 
-// One backend per entry of `section`, filled with the session's and the device's identity. Entries
+// One backend per entry of `section`, each with the session's and the device's identity. Entries
 // that are unknown or refused are skipped. Nothing, with an error line, without a section or a
-// session info. `udid` is a terminated text that outlives the backends.
+// session info. `userInfo` may be null.
 std::optional<BackendTable> createBackends(const Dictionary* section, const Dictionary* sessionInfo,
-                                           const Dictionary* userInfo, const char* udid);
+                                           const SharedDictionary& userInfo,
+                                           std::optional<std::string> udid);
 
 }  // namespace corvid

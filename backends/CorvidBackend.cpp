@@ -1,39 +1,23 @@
 #include "backends/CorvidBackend.h"
 
-#include <algorithm>
 #include <utility>
 
-#include "base/Reading.h"
 #include "base/Text.h"
 #include "platform/Platform.h"
 #include "platform/data/Crypto.h"
 
 namespace corvid {
 
-CorvidBackend::CorvidBackend(std::string name, Dictionary profile,
-                             std::optional<std::string> productFamily)
+CorvidBackend::CorvidBackend(std::string name, Dictionary profile, SharedIdentity identity,
+                             std::optional<std::string> displayURL)
     : _name(std::move(name)),
       _profile(std::move(profile)),
-      _productFamily(std::move(productFamily)),
+      _identity(std::move(identity)),
+      _displayURL(std::move(displayURL)),
       _samplingFactor(Platform::current().random().uniform()) {}
 
 std::string CorvidBackend::convertIntoSHA256(std::string_view text) {
   return hexadecimal(sha256(text.substr(0, utf16Length(text))));
-}
-
-void CorvidBackend::setSelfVersion(std::string_view version) {
-  const std::vector<std::string_view> components = split(version, '.');
-  const auto component = [&](std::size_t at) {
-    return static_cast<std::uint8_t>(at < components.size() ? integerFromText(components[at]) : 0);
-  };
-  RecursiveLock lock(_lock);
-  _selfVersionMajor = component(0);
-  _selfVersionMinor = component(1);
-}
-
-void CorvidBackend::setStartTimestamp(const TimeValue& timestamp) {
-  RecursiveLock lock(_lock);
-  _startTimeStamp = timestamp.asDouble();
 }
 
 std::optional<std::string> CorvidBackend::sendMessage(const Dictionary*, const TimeValue&,
@@ -46,12 +30,7 @@ std::optional<std::string> CorvidBackend::sendMessage(const Dictionary* payload,
                                                       const TimeValue& timestamp,
                                                       std::uint16_t method, std::uint16_t respCode,
                                                       MessageFlag flag) {
-  EventID eventID{};
-  {
-    RecursiveLock lock(_lock);
-    eventID = EventID{++_eventID};
-  }
-  return sendMessage(payload, timestamp, method, respCode, eventID, flag);
+  return sendMessage(payload, timestamp, method, respCode, EventID{++_eventID}, flag);
 }
 
 std::optional<std::string> CorvidBackend::flushMessagesWithCompletion(FlushCompletion completion) {
@@ -64,6 +43,36 @@ bool CorvidBackend::uploadLogData(const Array&) { return false; }
 
 void CorvidBackend::setCorrelatedSessionID(std::string sessionID) {
   setCombinedSessionIDString(std::move(sessionID));
+}
+
+std::optional<std::string> CorvidBackend::combinedSessionIDString() const {
+  const MutexLock lock(_lock);
+  return _combinedSessionIDString;
+}
+
+void CorvidBackend::setCombinedSessionIDString(std::string sessionID) {
+  const MutexLock lock(_lock);
+  _combinedSessionIDString = std::move(sessionID);
+}
+
+SharedDictionary CorvidBackend::userInfoDict() const {
+  const MutexLock lock(_lock);
+  return _userInfoDict;
+}
+
+void CorvidBackend::setUserInfoDict(SharedDictionary userInfoDict) {
+  const MutexLock lock(_lock);
+  _userInfoDict.swap(userInfoDict);  // the old one goes after the lock
+}
+
+std::optional<double> CorvidBackend::samplingThreshold() const {
+  const MutexLock lock(_lock);
+  return _samplingThreshold;
+}
+
+void CorvidBackend::setSamplingThreshold(std::optional<double> samplingThreshold) {
+  const MutexLock lock(_lock);
+  _samplingThreshold = samplingThreshold;
 }
 
 }  // namespace corvid

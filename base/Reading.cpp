@@ -99,6 +99,11 @@ const std::string* stringAt(const Dictionary& dictionary, std::string_view key) 
   const Value* value = dictionary.find(key);
   return value ? value->string() : nullptr;
 }
+std::optional<std::string> textAt(const Dictionary& dictionary, std::string_view key) {
+  const std::string* text = stringAt(dictionary, key);
+  return text ? std::optional(*text) : std::nullopt;
+}
+
 const Array* arrayAt(const Dictionary& dictionary, std::string_view key) {
   const Value* value = dictionary.find(key);
   return value ? value->array() : nullptr;

@@ -34,6 +34,7 @@ bool booleanAt(const Dictionary& dictionary, std::string_view key);
 // Nothing when the key is missing or holds another type. The pointers live as long as the
 // dictionary is unchanged.
 const std::string* stringAt(const Dictionary& dictionary, std::string_view key);
+std::optional<std::string> textAt(const Dictionary& dictionary, std::string_view key);  // a copy
 const Array* arrayAt(const Dictionary& dictionary, std::string_view key);
 const Dictionary* dictionaryAt(const Dictionary& dictionary, std::string_view key);
 

@@ -139,10 +139,10 @@ class Sending {
   std::shared_ptr<DashboardBackend> make(bool isReliable) {
     Dictionary profile{{"ip", "127.0.0.1"}, {"port", _server.port()}};
     if (isReliable) profile.set("reliable", 500);
-    auto backend = DashboardBackend::initWithName("dashboard", &profile, "Robin");
+    auto backend = DashboardBackend::initWithName(
+        "dashboard", &profile,
+        std::make_shared<const BackendIdentity>(BackendIdentity{.compType = 5, .udid = udid}));
     if (!backend) throw std::runtime_error("there is no dashboard backend");
-    backend->setCompType(5);
-    backend->setUdid(udid);
     backend->setPacketObserver([this](EventID, PacketFate fate) {
       if (fate != PacketFate::sent) _acknowledged.add();
     });

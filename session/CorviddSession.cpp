@@ -24,9 +24,9 @@ constexpr std::string_view automaticTimeZoneKey = "TMAutomaticTimeZoneEnabled";
 // Whatever backends a client gets, and however often, their exchanges pass through one gate.
 BackendSetCreator sharingOneGate(BackendSetCreator creator) {
   return [creator = std::move(creator), gate = std::make_shared<ExchangeGate>()](
-             const Dictionary* section, const Dictionary* sessionInfo, const Dictionary* userInfo,
-             const char* udid) {
-    auto table = creator(section, sessionInfo, userInfo, udid);
+             const Dictionary* section, const Dictionary* sessionInfo,
+             const SharedDictionary& userInfo, std::optional<std::string> udid) {
+    auto table = creator(section, sessionInfo, userInfo, std::move(udid));
     if (table)
       for (const auto& [key, backend] : *table) backend->setExchangeGate(gate);
     return table;
@@ -171,8 +171,7 @@ void CorviddSession::startConfigWithCompletionHandler(StatesReply reply) {
 std::shared_ptr<const SessionBackends> CorviddSession::createBackendsWithStorebag(
     const Dictionary& storebag) const {
   logDebug("createBackendsWithStorebag: Creating backends for session {}", sessionID());
-  auto created =
-      _createBackends(&storebag, sessionInfo().get(), userInfo().get(), _deviceid.c_str());
+  auto created = _createBackends(&storebag, sessionInfo().get(), userInfo(), _deviceid);
   if (!created) return nullptr;
   auto backends = std::make_shared<const SessionBackends>(*std::move(created));
   backends->each(
@@ -237,9 +236,7 @@ void CorviddSession::receivedUserInfo(std::shared_ptr<const Dictionary> userInfo
 void CorviddSession::updateUserInfoForBackends() {
   const auto info = userInfo();
   if (const auto backends = this->backends())
-    backends->each([&](CorvidBackend& backend) {
-      backend.setUserInfoDict(info ? std::optional(*info) : std::nullopt);
-    });
+    backends->each([&](CorvidBackend& backend) { backend.setUserInfoDict(info); });
 }
 
 void CorviddSession::updateReportingStates() {

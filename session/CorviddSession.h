@@ -21,8 +21,8 @@ namespace corvid {
 
 // How a storebag section becomes backends; createBackends in the daemon.
 using BackendSetCreator = std::function<std::optional<BackendTable>(
-    const Dictionary* section, const Dictionary* sessionInfo, const Dictionary* userInfo,
-    const char* udid)>;
+    const Dictionary* section, const Dictionary* sessionInfo, const SharedDictionary& userInfo,
+    std::optional<std::string> udid)>;
 
 // Threads   The client's calls run on the connection's thread, and the destructor's farewell too,
 //           save where another session of the chain is delivering to this one as its client goes:
@@ -66,7 +66,8 @@ class CorviddSession final : public ClientSessionInterface,
 
   // Sends one message through backends that live for it alone: no aggregation, no flush, no start
   // or end message. Any thread. Only user info and payload may be null.
-  static void sendMessageWithSessionInfo(const Dictionary* sessionInfo, const Dictionary* userInfo,
+  static void sendMessageWithSessionInfo(const Dictionary* sessionInfo,
+                                         const SharedDictionary& userInfo,
                                          const Dictionary* storebag, std::uint16_t category,
                                          std::uint16_t type, const Dictionary* payload,
                                          const BackendSetCreator& creator = createBackends);

@@ -217,13 +217,13 @@ void CorviddSession::sendMessageWithSessionInfo(Dictionary sessionInfo,
     reply("storebag not available");
     return;
   }
-  sendMessageWithSessionInfo(info.get(), user.get(), &*storebag, category, type,
+  sendMessageWithSessionInfo(info.get(), user, &*storebag, category, type,
                              payload ? &*payload : nullptr, _createBackends);
   reply("finished");
 }
 
 void CorviddSession::sendMessageWithSessionInfo(const Dictionary* sessionInfo,
-                                                const Dictionary* userInfo,
+                                                const SharedDictionary& userInfo,
                                                 const Dictionary* storebag, std::uint16_t category,
                                                 std::uint16_t type, const Dictionary* payload,
                                                 const BackendSetCreator& creator) {
@@ -235,9 +235,8 @@ void CorviddSession::sendMessageWithSessionInfo(const Dictionary* sessionInfo,
         "RsendMessageWithSessionInfo: Attempted to send message with one or more nil parameters");
     return;
   }
-  const std::string deviceid = uniqueDeviceID();
   const std::optional<BackendTable> table =
-      creator(storebag, sessionInfo, userInfo, deviceid.c_str());
+      creator(storebag, sessionInfo, userInfo, uniqueDeviceID());
   if (!table) {
     logError("sendMessageWithSessionInfo: No backends available to send single message");
     return;

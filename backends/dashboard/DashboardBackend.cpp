@@ -26,22 +26,22 @@ constexpr std::size_t logLineSize = 1151;
 
 }  // namespace
 
-std::shared_ptr<DashboardBackend> DashboardBackend::initWithName(
-    const std::string& name, const Dictionary* profile,
-    const std::optional<std::string>& productFamily) {
-  return initWithName(name, profile, std::nullopt, 0, productFamily);
+std::shared_ptr<DashboardBackend> DashboardBackend::initWithName(const std::string& name,
+                                                                 const Dictionary* profile,
+                                                                 const SharedIdentity& identity) {
+  return initWithName(name, profile, std::nullopt, 0, identity);
 }
 
 std::shared_ptr<DashboardBackend> DashboardBackend::initWithName(
     const std::string& name, const std::optional<std::string>& serverIP, std::uint16_t serverPort,
-    const std::optional<std::string>& productFamily) {
+    const SharedIdentity& identity) {
   if (!serverIP) return nullptr;
-  return initWithName(name, nullptr, serverIP, serverPort, productFamily);
+  return initWithName(name, nullptr, serverIP, serverPort, identity);
 }
 
 std::shared_ptr<DashboardBackend> DashboardBackend::initWithName(
     const std::string& name, const Dictionary* profile, const std::optional<std::string>& serverIP,
-    std::uint16_t serverPort, const std::optional<std::string>& productFamily) {
+    std::uint16_t serverPort, const SharedIdentity& identity) {
   const std::string* address = serverIP ? &*serverIP : nullptr;
   std::uint16_t port = serverPort;
   if (profile) {
@@ -62,7 +62,7 @@ std::shared_ptr<DashboardBackend> DashboardBackend::initWithName(
     logError("DashboardBackend(initWithName): socket() failed ({})", socket.failure().code);
     return nullptr;
   }
-  auto backend = std::make_shared<DashboardBackend>(Token{}, name, profile, productFamily,
+  auto backend = std::make_shared<DashboardBackend>(Token{}, name, profile, identity,
                                                     std::move(socket).value());
   if (!address) {
     logError("DashboardBackend(initWithName): initWitName with all null params.");
@@ -72,9 +72,10 @@ std::shared_ptr<DashboardBackend> DashboardBackend::initWithName(
 }
 
 DashboardBackend::DashboardBackend(Token, const std::string& name, const Dictionary* profile,
-                                   const std::optional<std::string>& productFamily,
+                                   const SharedIdentity& identity,
                                    std::unique_ptr<DatagramSocket> socket)
-    : CorvidBackend(name, profile ? *profile : Dictionary(), productFamily),
+    : CorvidBackend(name, profile ? *profile : Dictionary(), identity,
+                    profile ? textAt(*profile, "display_url") : std::nullopt),
       _usingProfile(profile != nullptr),
       _networkProcQueue(
           Platform::current().network().createQueue("com.halcyon.Corvid.networkProc")),
@@ -107,8 +108,7 @@ bool DashboardBackend::start(std::uint32_t address, std::uint16_t port) {
 }
 
 void DashboardBackend::takeProfile() {
-  if (const std::string* url = stringAt(_profile, "display_url")) setDisplayURL(*url);
-  if (const std::string* url = stringAt(_profile, "post_url")) _postURL = *url;
+  _postURL = textAt(_profile, "post_url");
   if (const auto period = integerAt(_profile, "reliable")) {
     useReliableUDP();
     _period = std::chrono::milliseconds(std::clamp(*period, shortestPeriod, longestPeriod));
@@ -146,12 +146,11 @@ TagReportingPacketHeader DashboardBackend::tagReportingPacketHeader(const TimeVa
   header.eventID = static_cast<std::uint16_t>(eventID);
   header.flags = static_cast<std::uint16_t>((_reliableUDP ? packetFlagReliable : 0) |
                                             (_usingProfile ? 0 : packetFlagExplicitAddress));
-  RecursiveLock lock(_lock);
-  header.selfVersionMajor = _selfVersionMajor;
-  header.compType = static_cast<std::uint8_t>(_compType);
-  header.sessionID = _sessionID;
-  header.clientVersion = _clientVersion;
-  header.setUdid(_udid);
+  header.selfVersionMajor = identity().selfVersionMajor;
+  header.compType = static_cast<std::uint8_t>(identity().compType);
+  header.sessionID = identity().sessionID;
+  header.clientVersion = identity().clientVersion;
+  if (identity().udid) header.setUdid(*identity().udid);
   return header;
 }
 

@@ -53,22 +53,23 @@ class DashboardBackend final : public CorvidBackend {
   static constexpr std::chrono::milliseconds lastResortDelay{9500};
 
   // Nothing (logged) without a profile, without a server in it, and where the system refuses.
-  static std::shared_ptr<DashboardBackend> initWithName(
-      const std::string& name, const Dictionary* profile,
-      const std::optional<std::string>& productFamily);
+  static std::shared_ptr<DashboardBackend> initWithName(const std::string& name,
+                                                        const Dictionary* profile,
+                                                        const SharedIdentity& identity);
   // Reports to this address, in reliable mode. Nothing without one.
-  static std::shared_ptr<DashboardBackend> initWithName(
-      const std::string& name, const std::optional<std::string>& serverIP, std::uint16_t serverPort,
-      const std::optional<std::string>& productFamily);
+  static std::shared_ptr<DashboardBackend> initWithName(const std::string& name,
+                                                        const std::optional<std::string>& serverIP,
+                                                        std::uint16_t serverPort,
+                                                        const SharedIdentity& identity);
   // With a profile the address is its.
-  static std::shared_ptr<DashboardBackend> initWithName(
-      const std::string& name, const Dictionary* profile,
-      const std::optional<std::string>& serverIP, std::uint16_t serverPort,
-      const std::optional<std::string>& productFamily);
+  static std::shared_ptr<DashboardBackend> initWithName(const std::string& name,
+                                                        const Dictionary* profile,
+                                                        const std::optional<std::string>& serverIP,
+                                                        std::uint16_t serverPort,
+                                                        const SharedIdentity& identity);
   // For initWithName only: nobody else has a token.
   DashboardBackend(Token, const std::string& name, const Dictionary* profile,
-                   const std::optional<std::string>& productFamily,
-                   std::unique_ptr<DatagramSocket> socket);
+                   const SharedIdentity& identity, std::unique_ptr<DatagramSocket> socket);
   ~DashboardBackend() override;
 
   // Told of each packet's end, on the network's thread or where the last owner lets go. Set before

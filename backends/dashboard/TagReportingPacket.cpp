@@ -45,9 +45,9 @@ struct Pair {
 
 }  // namespace
 
-void TagReportingPacketHeader::setUdid(const char* text) {
+void TagReportingPacketHeader::setUdid(std::string_view text) {
   udid.fill(0);
-  if (text) std::copy_n(text, strnlen(text, udidSize), udid.begin());
+  std::ranges::copy(text.substr(0, udidSize), udid.begin());
 }
 
 std::string_view TagReportingPacketHeader::udidText() const {

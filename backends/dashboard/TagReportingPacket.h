@@ -37,8 +37,8 @@ struct TagReportingPacketHeader {
   std::uint16_t eventID = 0;
   std::uint16_t flags = 0;
 
-  // Takes the first 40 bytes; nullptr gives none.
-  void setUdid(const char* text);
+  // Takes the first 40 bytes.
+  void setUdid(std::string_view text);
   std::string_view udidText() const;  // up to the first zero byte
 
   bool operator==(const TagReportingPacketHeader&) const = default;

@@ -24,20 +24,20 @@ bool userDefaultFlag(std::string_view key) {
 
 }  // namespace
 
-std::shared_ptr<HTTPSPostBackend> HTTPSPostBackend::initWithName(
-    const std::string& name, const Dictionary* profile,
-    const std::optional<std::string>& productFamily) {
-  if (profile == nullptr || !productFamily) return nullptr;
+std::shared_ptr<HTTPSPostBackend> HTTPSPostBackend::initWithName(const std::string& name,
+                                                                 const Dictionary* profile,
+                                                                 const SharedIdentity& identity) {
+  if (profile == nullptr || !identity->productFamily) return nullptr;
   if (arrayAt(*profile, "clients") == nullptr) {
     logError("HTTPSPostBackend(initWithName): can't find the client list.");
     return nullptr;
   }
-  return std::make_shared<HTTPSPostBackend>(Token{}, name, *profile, *productFamily);
+  return std::make_shared<HTTPSPostBackend>(Token{}, name, *profile, identity);
 }
 
 HTTPSPostBackend::HTTPSPostBackend(Token, const std::string& name, const Dictionary& profile,
-                                   const std::string& productFamily)
-    : CorvidBackend(name, profile, productFamily),
+                                   const SharedIdentity& identity)
+    : CorvidBackend(name, profile, identity, textAt(profile, "display_url")),
       _dnuEnabled(Platform::current().consent().diagnosticsSubmissionAllowed()),
       _uuidRespectDnu(Platform::current().consent().getPersistentIdentifierForDNU(true)),
       _uuidOverrideDnu(Platform::current().consent().getPersistentIdentifierForDNU(false)),
@@ -45,27 +45,32 @@ HTTPSPostBackend::HTTPSPostBackend(Token, const std::string& name, const Diction
       _postURL(userDefaultText("httpsPostURL")),
       _realtimePostURL(userDefaultText("httpsRealtimePostURL")),
       _useDefaultPostURL(_postURL.has_value()),
-      _useDefaultRealtimePostURL(_realtimePostURL.has_value()) {
+      _useDefaultRealtimePostURL(_realtimePostURL.has_value()),
+      _batchEvents(identity->batchEvents) {
   if (_postURL)
     logDebug("HTTPSPostBackend(initWithName): Using user default '{}' for postURL", *_postURL);
   if (_realtimePostURL)
     logDebug("HTTPSPostBackend(initWithName): Using user default '{}' for realtimePostURL",
              *_realtimePostURL);
-  if (const std::string* url = stringAt(_profile, "display_url")) _displayURL = *url;
 }
 
 void HTTPSPostBackend::filterEvent(Dictionary& record) const {
-  RecursiveLock lock(_lock);
+  MutexLock lock(_lock);
   _filters.apply(record);
 }
 
+bool HTTPSPostBackend::batchEvents() const {
+  MutexLock lock(_lock);
+  return _batchEvents;
+}
+
 std::optional<std::string> HTTPSPostBackend::postURL() const {
-  RecursiveLock lock(_lock);
+  MutexLock lock(_lock);
   return _postURL;
 }
 
 void HTTPSPostBackend::setPostURL(std::optional<std::string> postURL) {
-  RecursiveLock lock(_lock);
+  MutexLock lock(_lock);
   _postURL = std::move(postURL);
 }
 

@@ -34,12 +34,12 @@ class HTTPSPostBackend final : public CorvidBackend {
 
  public:
   // Nothing without a profile, a product family or (logged) a list of clients.
-  static std::shared_ptr<HTTPSPostBackend> initWithName(
-      const std::string& name, const Dictionary* profile,
-      const std::optional<std::string>& productFamily);
+  static std::shared_ptr<HTTPSPostBackend> initWithName(const std::string& name,
+                                                        const Dictionary* profile,
+                                                        const SharedIdentity& identity);
   // For initWithName only: nobody else has a token.
   HTTPSPostBackend(Token, const std::string& name, const Dictionary& profile,
-                   const std::string& productFamily);
+                   const SharedIdentity& identity);
 
   void setExchangeGate(std::shared_ptr<ExchangeGate> gate) override { _gate = std::move(gate); }
   void updateState() override { setState(updateBackendState()); }
@@ -60,6 +60,7 @@ class HTTPSPostBackend final : public CorvidBackend {
   // Applies the entry's filters in place.
   void filterEvent(Dictionary& record) const;
 
+  bool batchEvents() const;
   std::optional<std::string> postURL() const;
   void setPostURL(std::optional<std::string> postURL);
 
@@ -116,7 +117,7 @@ class HTTPSPostBackend final : public CorvidBackend {
   // Forgets the batch, having said what it dropped.
   void closeBatch() REQUIRES(_lock);
   // Moves the batch into `records` with the filtered user info added, or says why not.
-  std::optional<CorvidError> takeBatch(Records& records);
+  std::optional<CorvidError> takeBatch(Records& records) REQUIRES(_lock);
   std::optional<std::string> postBatch(Records records, FlushCompletion completion);
 
   // Post.
@@ -142,6 +143,7 @@ class HTTPSPostBackend final : public CorvidBackend {
   // The address comes from the preferences; the storebag does not replace it.
   bool _useDefaultPostURL GUARDED_BY(_lock) = false;
   bool _useDefaultRealtimePostURL GUARDED_BY(_lock) = false;
+  bool _batchEvents GUARDED_BY(_lock);
   EventFilters _filters GUARDED_BY(_lock);
   DNUType _dnuType GUARDED_BY(_lock) = DNUType::respected;
   std::int32_t _extrasOnInternal GUARDED_BY(_lock) = 0;

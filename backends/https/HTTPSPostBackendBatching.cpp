@@ -37,7 +37,7 @@ std::optional<std::string> HTTPSPostBackend::sendMessage(const Dictionary* paylo
   Records displaced;
   {
     // Held until the record is in the batch: a new combined session ID reaches every record.
-    RecursiveLock lock(_lock);
+    MutexLock lock(_lock);
     if (respCode == sessionStop && payload != nullptr) {
       Dictionary summarised = *payload;
       addStopEventSummary(summarised);
@@ -54,11 +54,11 @@ std::optional<std::string> HTTPSPostBackend::sendMessage(const Dictionary* paylo
     logDebug("HTTPSPostBackend(sendMessage): realtime is {}", static_cast<int>(realtime));
     const BackendState now = state();
     atOnce = now != BackendState::waiting && now != BackendState::held &&
-             (realtime || !_batchEvents) && (!_requireUserInfo || _userInfoDict);
+             (realtime || !_batchEvents) && (!identity().requireUserInfo || _userInfoDict);
     flushFirst = now == BackendState::sending && realtime && _batchedEvents;
     if (!atOnce) {
       logDebug("HTTPSPostBackend(sendMessage): Batching {}, {}, {}", static_cast<int>(now),
-               static_cast<int>(_batchEvents), static_cast<int>(_requireUserInfo));
+               static_cast<int>(_batchEvents), static_cast<int>(identity().requireUserInfo));
       held = batchEvent(record, displaced);
     }
   }
@@ -77,7 +77,7 @@ std::optional<std::string> HTTPSPostBackend::sendAtOnce(Dictionary record, Event
     flushed = flushMessagesWithCompletion(nullptr);
   }
   logDebug("HTTPSPostBackend(sendMessage): Sending {}, {}, {}", static_cast<int>(state()),
-           static_cast<int>(batchEvents()), static_cast<int>(requireUserInfo()));
+           static_cast<int>(batchEvents()), static_cast<int>(identity().requireUserInfo));
   Records records;
   records.push_back(std::move(record));
   std::optional<std::string> text;
@@ -108,7 +108,7 @@ std::optional<std::string> HTTPSPostBackend::flushAtThreshold(Dictionary record)
       "HTTPSPostBackend(batchEvent): Flushing all batched events as we reached event threshold for method {}",
       method);
   std::optional<std::string> text = flushMessagesWithCompletion(nullptr);
-  RecursiveLock lock(_lock);
+  MutexLock lock(_lock);
   // A flush leaves no batch, except where it refuses; the event that forced it goes with the batch.
   if (_batchedEvents) hold(std::move(record));
   _eventMethodCounts.set(method, 1);
@@ -116,7 +116,7 @@ std::optional<std::string> HTTPSPostBackend::flushAtThreshold(Dictionary record)
 }
 
 bool HTTPSPostBackend::canFlush() const {
-  return state() == BackendState::sending && (!_requireUserInfo || _userInfoDict);
+  return state() == BackendState::sending && (!identity().requireUserInfo || _userInfoDict);
 }
 
 void HTTPSPostBackend::hold(Dictionary record) {
@@ -139,7 +139,12 @@ void HTTPSPostBackend::closeBatch() {
 std::optional<std::string> HTTPSPostBackend::flushMessagesWithCompletion(
     FlushCompletion completion) {
   Records records;
-  if (std::optional<CorvidError> refusal = takeBatch(records)) {
+  std::optional<CorvidError> refusal;
+  {
+    MutexLock lock(_lock);
+    refusal = takeBatch(records);
+  }
+  if (refusal) {
     if (completion) completion(std::nullopt, std::move(refusal));
     return std::nullopt;
   }
@@ -166,13 +171,12 @@ std::optional<std::string> HTTPSPostBackend::postBatch(Records records,
 }
 
 std::optional<CorvidError> HTTPSPostBackend::takeBatch(Records& records) {
-  RecursiveLock lock(_lock);
   if (!_batchedEvents) return nothingToFlush();
   if (state() != BackendState::sending) {
     closeBatch();
     return nothingToFlush();
   }
-  if (_requireUserInfo && !_userInfoDict)
+  if (identity().requireUserInfo && !_userInfoDict)
     return CorvidError::of(-1, "Can not flush: userInfo is required");
   logDebug("HTTPSPostBackend(flushMessagesWithCompletion): called");
   if (_userInfoDict) {
@@ -190,7 +194,7 @@ std::optional<CorvidError> HTTPSPostBackend::takeBatch(Records& records) {
 }
 
 void HTTPSPostBackend::setCorrelatedSessionID(std::string sessionID) {
-  RecursiveLock lock(_lock);
+  MutexLock lock(_lock);
   if (_batchedEvents) _batchedEvents->setForAll("_sessionID", sessionID);
   _combinedSessionIDString = std::move(sessionID);
 }

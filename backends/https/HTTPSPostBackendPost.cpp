@@ -90,7 +90,7 @@ std::optional<std::string> HTTPSPostBackend::createMessageForPostAndLogging(
   }
   bool logging = false;
   {
-    RecursiveLock lock(_lock);
+    MutexLock lock(_lock);
     logging = wantsMessageLog();
     // Without an identifier the message ends after the time.
     if (std::optional<std::string> identifier = clientIdentifier()) {
@@ -108,8 +108,8 @@ std::optional<std::string> HTTPSPostBackend::createMessageForPostAndLogging(
 }
 
 std::optional<std::string> HTTPSPostBackend::clientIdentifier() const {
-  if (_extrasOnInternal != 0 && _isInternal)
-    return _udid ? std::optional<std::string>(_udid) : std::nullopt;
+  if (_extrasOnInternal != 0 && identity().isInternal)
+    return identity().udid ? std::optional<std::string>(identity().udid) : std::nullopt;
   if (_uuidCustom) return _uuidCustom;
   return _dnuType == DNUType::respected ? _uuidRespectDnu : _uuidOverrideDnu;
 }
@@ -147,7 +147,7 @@ void HTTPSPostBackend::postJSONMessage(std::string message, MessageFlag flag,
 
 std::optional<HTTPRequest> HTTPSPostBackend::requestFor(MessageFlag flag,
                                                         std::optional<EventCodes> codes) const {
-  RecursiveLock lock(_lock);
+  MutexLock lock(_lock);
   const std::optional<std::string>& target = isRealtime(flag) ? _realtimePostURL : _postURL;
   if (!target) return std::nullopt;
   HTTPRequest request;
@@ -164,11 +164,12 @@ std::optional<HTTPRequest> HTTPSPostBackend::requestFor(MessageFlag flag,
     if (const std::string* name = stringAt(*_userInfoDict, kCorvidUserInfoServiceName))
       setHeader("X-CVD-Service-Name", *name);
   }
-  if (_isInternal) setHeader("X-CVD-Internal-Build", "1");
-  setHeader("User-Agent", fmt::format("Corvid/{}.{} ({}; {})", _selfVersionMajor, _selfVersionMinor,
-                                      orNull(_hardwareType), orNull(_productVersion)));
-  setHeader("X-CVD-Client-Version", fmt::format("{}", _clientVersion));
-  setHeader("X-CVD-Sender", std::string(clientTagForClientType(_compType)));
+  if (identity().isInternal) setHeader("X-CVD-Internal-Build", "1");
+  setHeader("User-Agent", fmt::format("Corvid/{}.{} ({}; {})", identity().selfVersionMajor,
+                                      identity().selfVersionMinor, orNull(identity().hardwareType),
+                                      orNull(identity().productVersion)));
+  setHeader("X-CVD-Client-Version", fmt::format("{}", identity().clientVersion));
+  setHeader("X-CVD-Sender", std::string(clientTagForClientType(identity().compType)));
   if (codes) setHeader("X-CVD-Event-Map", fmt::format("{} {}", codes->method, codes->responseCode));
   setHeader("Accept", "application/json");
   setHeader("Content-Type", "application/json");

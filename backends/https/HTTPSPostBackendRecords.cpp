@@ -41,10 +41,10 @@ Dictionary HTTPSPostBackend::createEventDictfromPayload(const Dictionary* payloa
                                                         std::uint16_t method,
                                                         std::uint16_t respCode) const {
   Platform& platform = Platform::current();
-  const std::int64_t start = startMinute(_startTimeStamp);
+  const std::int64_t start = startMinute(identity().startTimeStamp);
   // Relative to the minute that the session is said to have started in.
-  const double clientTime =
-      finiteOrMinusOne(static_cast<double>(start) + (timestamp.asDouble() - _startTimeStamp));
+  const double clientTime = finiteOrMinusOne(static_cast<double>(start) +
+                                             (timestamp.asDouble() - identity().startTimeStamp));
 
   Dictionary record;
   // Room for the user info twice: a flush asks for it again.
@@ -52,23 +52,24 @@ Dictionary HTTPSPostBackend::createEventDictfromPayload(const Dictionary* payloa
                  (_userInfoDict ? 2 * _userInfoDict->size() : 0));
   if (payload != nullptr) record.addEntriesFrom(*payload);
   record.set("_startTS", start);
-  record.set("_sender", clientTagForClientType(_compType));
-  record.set("_clientVersion", _clientVersion);
-  if (_isInternal && reportsNumericSessionID(_compType))
-    record.set("_sessionID", _sessionID);
+  record.set("_sender", clientTagForClientType(identity().compType));
+  record.set("_clientVersion", identity().clientVersion);
+  if (identity().isInternal && reportsNumericSessionID(identity().compType))
+    record.set("_sessionID", identity().sessionID);
   else
     setIfPresent(record, "_sessionID", _combinedSessionIDString);
-  record.set("_eventNumber", _eventID);
+  record.set("_eventNumber", _eventID.load());
   record.set("_method", method);
   record.set("_status", respCode);
   record.set("_clientTS", clientTime);
   record.set("eventTime", clientTime);
-  setIfPresent(record, "_productFamily", _productFamily);
-  setIfPresent(record, "_productModel", _hardwareType);
-  setIfPresent(record, "_osVersion", _productVersion);
-  setIfPresent(record, "_build", _buildVersion);
+  setIfPresent(record, "_productFamily", identity().productFamily);
+  setIfPresent(record, "_productModel", identity().hardwareType);
+  setIfPresent(record, "_osVersion", identity().productVersion);
+  setIfPresent(record, "_build", identity().buildVersion);
   record.set("_internal", isInternalBuild() ? 1 : 0);
-  record.set("_reportVers", fmt::format("{}.{}", _selfVersionMajor, _selfVersionMinor));
+  record.set("_reportVers",
+             fmt::format("{}.{}", identity().selfVersionMajor, identity().selfVersionMinor));
   record.set("_timezoneOffset", platform.locale().secondsFromGMT(platform.clock().now()));
   return record;
 }

@@ -39,18 +39,18 @@ double shownThreshold(const std::optional<double>& threshold) {
 }  // namespace
 
 BackendState HTTPSPostBackend::updateBackendState() {
-  RecursiveLock lock(_lock);
+  MutexLock lock(_lock);
   const std::string* clientName =
       _userInfoDict ? stringAt(*_userInfoDict, kCorvidUserInfoClientName) : nullptr;
   const std::string* serviceID =
       _userInfoDict ? stringAt(*_userInfoDict, kCorvidUserInfoServiceName) : nullptr;
   const Dictionary* client = firstMatchingClient(clientName, serviceID);
   if (client != nullptr) applyExpedite(*client);
-  if (!_requireUserInfo) return stateWithoutUserInfo();
+  if (!identity().requireUserInfo) return stateWithoutUserInfo();
   if (!_userInfoDict) return BackendState::waiting;
   if (client == nullptr) return BackendState::disabled;
 
-  _hierarchy = int32At(*client, "hierarchy");
+  setHierarchy(int32At(*client, "hierarchy"));
   const std::optional<std::string> country = Platform::current().locale().countryCode();
   if (!passesConsent(*client) || !passesLists(*client, country)) return BackendState::disabled;
   const Array* filters = arrayAt(*client, "filters");
@@ -68,7 +68,7 @@ BackendState HTTPSPostBackend::updateBackendState() {
   logDebug(
       "HTTPSPostBackend(updateBackendState): {}: client found {}:{}, state={}, samplingFactor={:f}, hierarchy={}",
       _name, orNull(clientName), orNull(serviceID), static_cast<int>(state), _samplingFactor,
-      _hierarchy);
+      hierarchy());
   updatePostLink(*client);
   return state;
 }
@@ -133,15 +133,16 @@ bool HTTPSPostBackend::passesLists(const Dictionary& client,
     return false;
   }
   const Array* allowed = arrayAt(client, "device_whitelist");
-  if (!matchStringWithList(matchListFromArray(allowed), pointerTo(_productFamily), true)) {
+  if (!matchStringWithList(matchListFromArray(allowed), pointerTo(identity().productFamily),
+                           true)) {
     logDebug("HTTPSPostBackend(updateBackendState): ({}) isn't in device whitelist {}",
-             orNull(_productFamily), described(allowed));
+             orNull(identity().productFamily), described(allowed));
     return false;
   }
   const Array* denied = arrayAt(client, "device_blacklist");
-  if (matchStringWithList(matchListFromArray(denied), pointerTo(_hardwareType), false)) {
+  if (matchStringWithList(matchListFromArray(denied), pointerTo(identity().hardwareType), false)) {
     logDebug("HTTPSPostBackend(updateBackendState): ({}) is in device blacklist {}",
-             orNull(_hardwareType), described(denied));
+             orNull(identity().hardwareType), described(denied));
     return false;
   }
   return true;

@@ -18,16 +18,11 @@ bool MetrixBackend::isClientTypeAllowed(std::int32_t clientType) {
   return clientType == 7 || clientType == 11 || clientType == 13;
 }
 
-std::shared_ptr<MetrixBackend> MetrixBackend::initWithName(
-    const std::string& name, const Dictionary* profile,
-    const std::optional<std::string>& productFamily) {
-  return initWithName(name, profile, productFamily, 0);
-}
-
-std::shared_ptr<MetrixBackend> MetrixBackend::initWithName(
-    const std::string& name, const Dictionary* profile,
-    const std::optional<std::string>& productFamily, std::int32_t clientType) {
-  auto backend = std::make_shared<MetrixBackend>(Token{}, name, profile, productFamily);
+std::shared_ptr<MetrixBackend> MetrixBackend::initWithName(const std::string& name,
+                                                           const Dictionary* profile,
+                                                           const SharedIdentity& identity) {
+  const std::int32_t clientType = identity->compType;
+  auto backend = std::make_shared<MetrixBackend>(Token{}, name, profile, identity);
   logInfo("MetrixBackend(initWithName): Loading Metrix adaptor class for client type {}",
           clientType);
   if (!isClientTypeAllowed(clientType)) {
@@ -40,8 +35,8 @@ std::shared_ptr<MetrixBackend> MetrixBackend::initWithName(
 }
 
 MetrixBackend::MetrixBackend(Token, const std::string& name, const Dictionary* profile,
-                             const std::optional<std::string>& productFamily)
-    : CorvidBackend(name, profile ? *profile : Dictionary(), productFamily) {}
+                             const SharedIdentity& identity)
+    : CorvidBackend(name, profile ? *profile : Dictionary(), identity) {}
 
 // What is missing shows when an event is sent.
 void MetrixBackend::loadAdaptor() {

@@ -21,17 +21,13 @@ class MetrixBackend final : public CorvidBackend {
   };
 
  public:
-  // Nothing, always: without a client type no client is allowed.
-  static std::shared_ptr<MetrixBackend> initWithName(
-      const std::string& name, const Dictionary* profile,
-      const std::optional<std::string>& productFamily);
   // Nothing (logged) for a client type that may not use the adaptor. `profile` may be null.
-  static std::shared_ptr<MetrixBackend> initWithName(
-      const std::string& name, const Dictionary* profile,
-      const std::optional<std::string>& productFamily, std::int32_t clientType);
+  static std::shared_ptr<MetrixBackend> initWithName(const std::string& name,
+                                                     const Dictionary* profile,
+                                                     const SharedIdentity& identity);
   // For initWithName only: nobody else has a token.
   MetrixBackend(Token, const std::string& name, const Dictionary* profile,
-                const std::optional<std::string>& productFamily);
+                const SharedIdentity& identity);
 
   // The conferencing clients.
   static bool isClientTypeAllowed(std::int32_t clientType);

@@ -18,11 +18,6 @@ namespace corvid {
 
 namespace {
 
-std::optional<std::string> textAt(const Dictionary& profile, std::string_view key) {
-  const std::string* text = stringAt(profile, key);
-  return text ? std::optional(*text) : std::nullopt;
-}
-
 // "b" of "/a/b" and of "/a/b/"; "/" of the root.
 std::string_view lastPathComponent(std::string_view path) {
   while (path.size() > 1 && path.ends_with('/')) path.remove_suffix(1);
@@ -36,29 +31,28 @@ std::chrono::milliseconds timeoutFor(std::size_t bytes) {
 
 }  // namespace
 
-std::shared_ptr<UploadBackend> UploadBackend::initWithName(
-    const std::string& name, const Dictionary* profile,
-    const std::optional<std::string>& productFamily) {
+std::shared_ptr<UploadBackend> UploadBackend::initWithName(const std::string& name,
+                                                           const Dictionary* profile,
+                                                           const SharedIdentity& identity) {
   if (!profile || !stringAt(*profile, "post_url")) {
     logError("UploadBackend(initWithName): can't resolve upload post URL.");
     return nullptr;
   }
-  return std::make_shared<UploadBackend>(Token{}, name, *profile, productFamily);
+  return std::make_shared<UploadBackend>(Token{}, name, *profile, identity);
 }
 
 UploadBackend::UploadBackend(Token, const std::string& name, const Dictionary& profile,
-                             const std::optional<std::string>& productFamily)
-    : CorvidBackend(name, profile, productFamily), _uploadURL(textAt(profile, "post_url")) {
-  setDisplayURL(textAt(profile, "display_url"));
-}
+                             const SharedIdentity& identity)
+    : CorvidBackend(name, profile, identity, textAt(profile, "display_url")),
+      _uploadURL(textAt(profile, "post_url")) {}
 
 std::optional<std::string> UploadBackend::uploadURL() const {
-  const RecursiveLock lock(_lock);
+  const MutexLock lock(_lock);
   return _uploadURL;
 }
 
 void UploadBackend::setUploadURL(std::optional<std::string> uploadURL) {
-  const RecursiveLock lock(_lock);
+  const MutexLock lock(_lock);
   _uploadURL = std::move(uploadURL);
 }
 
@@ -126,7 +120,8 @@ std::optional<std::string> UploadBackend::compressedContent(ExtensionTokens::Han
 std::string UploadBackend::requestURL(const std::string& uploadURL, const std::string& path) const {
   return fmt::format(
       "{}?uuid={}&sequence={}&description={}%20(Uploaded%20by%20Mantle)&filename={}&raw=true",
-      uploadURL, udid() ? udid() : "(null)", sessionID(), percentEncodedForQuery("Parley AFRC log"),
+      uploadURL, orNull(identity().udid), identity().sessionID,
+      percentEncodedForQuery("Parley AFRC log"),
       percentEncodedForQuery(std::string(lastPathComponent(path)) + ".gz"));
 }
 

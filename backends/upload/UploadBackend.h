@@ -26,9 +26,9 @@ class UploadBackend final : public CorvidBackend {
   static constexpr std::size_t leastBytesPerSecond = std::size_t{32} << 10;
 
   // Nothing, after one error line, for a profile without "post_url".
-  static std::shared_ptr<UploadBackend> initWithName(
-      const std::string& name, const Dictionary* profile,
-      const std::optional<std::string>& productFamily);
+  static std::shared_ptr<UploadBackend> initWithName(const std::string& name,
+                                                     const Dictionary* profile,
+                                                     const SharedIdentity& identity);
 
   bool uploadFileAtPath(const std::string& path, const std::string& extensionToken) override;
 
@@ -41,7 +41,7 @@ class UploadBackend final : public CorvidBackend {
  public:
   // For initWithName.
   UploadBackend(Token, const std::string& name, const Dictionary& profile,
-                const std::optional<std::string>& productFamily);
+                const SharedIdentity& identity);
 
  private:
   static std::optional<std::string> compressedContent(ExtensionTokens::Handle& file);

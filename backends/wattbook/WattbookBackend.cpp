@@ -11,15 +11,15 @@ constexpr std::string_view eventName = "Cobaltd-CVD";
 
 }  // namespace
 
-std::shared_ptr<WattbookBackend> WattbookBackend::initWithName(
-    const std::string& name, const Dictionary* profile,
-    const std::optional<std::string>& productFamily) {
-  return std::make_shared<WattbookBackend>(Token{}, name, profile, productFamily);
+std::shared_ptr<WattbookBackend> WattbookBackend::initWithName(const std::string& name,
+                                                               const Dictionary* profile,
+                                                               const SharedIdentity& identity) {
+  return std::make_shared<WattbookBackend>(Token{}, name, profile, identity);
 }
 
 WattbookBackend::WattbookBackend(Token, const std::string& name, const Dictionary* profile,
-                                 const std::optional<std::string>& productFamily)
-    : CorvidBackend(name, profile ? *profile : Dictionary(), productFamily) {}
+                                 const SharedIdentity& identity)
+    : CorvidBackend(name, profile ? *profile : Dictionary(), identity) {}
 
 std::optional<std::string> WattbookBackend::sendMessage(const Dictionary* payload, const TimeValue*,
                                                         std::uint16_t method,

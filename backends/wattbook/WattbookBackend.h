@@ -16,12 +16,12 @@ class WattbookBackend final : public CorvidBackend {
 
  public:
   // `profile` may be null.
-  static std::shared_ptr<WattbookBackend> initWithName(
-      const std::string& name, const Dictionary* profile,
-      const std::optional<std::string>& productFamily);
+  static std::shared_ptr<WattbookBackend> initWithName(const std::string& name,
+                                                       const Dictionary* profile,
+                                                       const SharedIdentity& identity);
   // For initWithName only: nobody else has a token.
   WattbookBackend(Token, const std::string& name, const Dictionary* profile,
-                  const std::optional<std::string>& productFamily);
+                  const SharedIdentity& identity);
 
   using CorvidBackend::sendMessage;
   // Records the payload with method, response code and event ID in it, as long as there is a

@@ -9,6 +9,7 @@
 #include "backends/wattbook/WattbookBackend.h"
 #include "platform/data/PropertyList.h"
 #include "protocol/Keys.h"
+#include "tests/fakes/TestIdentity.h"
 #include "tests/fakes/TestPlatform.h"
 
 namespace corvid {
@@ -20,7 +21,8 @@ struct BackendSetTest : testing::Test {
   static Dictionary postProfile() { return {{"clients", Array{Dictionary{}}}}; }
   std::shared_ptr<CorvidBackend> make(const std::string& name, const Dictionary* profile,
                                       std::optional<std::string> family = "Robin") {
-    return CorvidBackend::newBackendWithName(name, profile, family, 5);
+    return CorvidBackend::newBackendWithName(name, profile,
+                                             shared({.compType = 5, .productFamily = family}));
   }
   std::vector<std::string> errors() const { return platform.log.texts(LogLevel::error); }
 
@@ -38,14 +40,14 @@ TEST_F(BackendSetTest, BothPostNamesMakeAPostBackendOfThatName) {
     const auto backend = make(name, &profile);
     ASSERT_TRUE(std::dynamic_pointer_cast<HTTPSPostBackend>(backend)) << name;
     EXPECT_EQ(backend->name(), name);
-    EXPECT_EQ(backend->productFamily(), "Robin");
+    EXPECT_EQ(backend->identity().productFamily, "Robin");
   }
 }
 
 TEST_F(BackendSetTest, TheMetrixBackendAloneIsToldTheClientType) {
   const Dictionary profile;
   const auto makeFor = [&](std::int32_t clientType) {
-    return CorvidBackend::newBackendWithName("metrix", &profile, "Robin", clientType);
+    return CorvidBackend::newBackendWithName("metrix", &profile, shared({.compType = clientType}));
   };
   EXPECT_TRUE(std::dynamic_pointer_cast<MetrixBackend>(makeFor(13)));
   EXPECT_EQ(makeFor(5), nullptr);
@@ -57,15 +59,14 @@ TEST_F(BackendSetTest, TheMetrixBackendAloneIsToldTheClientType) {
 
 TEST_F(BackendSetTest, ALanaiDeviceKnowsNoMetrix) {
   const Dictionary profile;
-  platform.device->set("ProductType", "Lanai");
-  EXPECT_EQ(CorvidBackend::newBackendWithName("metrix", &profile, "Robin", 7), nullptr);
+  const auto makeOn = [&](std::optional<std::string> hardware) {
+    return CorvidBackend::newBackendWithName(
+        "metrix", &profile, shared({.compType = 7, .hardwareType = std::move(hardware)}));
+  };
+  EXPECT_EQ(makeOn("Lanai"), nullptr);
   EXPECT_EQ(errors(), std::vector<std::string>{"CorvidBackend(newBackendWithName): metrix"});
-  for (const char* other : {"Lanai5,2", "lanai"}) {
-    platform.device->set("ProductType", other);
-    EXPECT_NE(CorvidBackend::newBackendWithName("metrix", &profile, "Robin", 7), nullptr) << other;
-  }
-  platform.device->remove("ProductType");
-  EXPECT_NE(CorvidBackend::newBackendWithName("metrix", &profile, "Robin", 7), nullptr);
+  for (const char* other : {"Lanai5,2", "lanai"}) EXPECT_NE(makeOn(other), nullptr) << other;
+  EXPECT_NE(makeOn(std::nullopt), nullptr);
 }
 
 TEST_F(BackendSetTest, NamesAreComparedExactly) {
@@ -112,23 +113,23 @@ TEST_F(BackendSetTest, FillsEveryBackendWithSessionAndDevice) {
   platform.device->set("ReleaseType", "Internal");
   const Dictionary section{{"httpPost", postProfile()}, {"httpPost2", postProfile()}};
   const Dictionary userInfo{{"_clientName", "player"}};
-  const auto backends = createBackends(&section, &sessionInfo, &userInfo, udid);
+  const auto backends = createBackends(&section, &sessionInfo, shared(userInfo), udid);
   ASSERT_TRUE(backends);
   ASSERT_EQ(backends->size(), 2u);
   for (const auto& [name, backend] : *backends) {
     EXPECT_EQ(backend->name(), name);
-    EXPECT_EQ(backend->sessionID(), 4000000000u);
-    EXPECT_EQ(backend->compType(), 5);
-    EXPECT_EQ(backend->clientVersion(), 4464) << "70000 in 16 bits";
-    EXPECT_EQ(backend->udid(), udid);
-    EXPECT_EQ(backend->productVersion(), "12.3");
-    EXPECT_EQ(backend->buildVersion(), "20F71");
-    EXPECT_EQ(backend->hardwareType(), "Robin5,2") << "the product type";
-    EXPECT_EQ(backend->productFamily(), "Robin") << "the device name";
-    EXPECT_TRUE(backend->isInternal());
-    EXPECT_TRUE(backend->requireUserInfo());
-    EXPECT_TRUE(backend->batchEvents());
-    EXPECT_EQ(backend->userInfoDict(), userInfo);
+    EXPECT_EQ(backend->identity().sessionID, 4000000000u);
+    EXPECT_EQ(backend->identity().compType, 5);
+    EXPECT_EQ(backend->identity().clientVersion, 4464) << "70000 in 16 bits";
+    EXPECT_EQ(backend->identity().udid, udid);
+    EXPECT_EQ(backend->identity().productVersion, "12.3");
+    EXPECT_EQ(backend->identity().buildVersion, "20F71");
+    EXPECT_EQ(backend->identity().hardwareType, "Robin5,2") << "the product type";
+    EXPECT_EQ(backend->identity().productFamily, "Robin") << "the device name";
+    EXPECT_TRUE(backend->identity().isInternal);
+    EXPECT_TRUE(backend->identity().requireUserInfo);
+    EXPECT_TRUE(backend->identity().batchEvents);
+    EXPECT_EQ(*backend->userInfoDict(), userInfo);
     EXPECT_EQ(backend->state(), BackendState::waiting);
     EXPECT_EQ(backend.use_count(), 1) << "the set alone holds its backends";
   }
@@ -140,13 +141,13 @@ TEST_F(BackendSetTest, AbsentSessionValuesReadAsZeroAndFalse) {
   const auto backends = createBackends(&section, &empty, nullptr, udid);
   ASSERT_TRUE(backends);
   const auto& backend = backends->at("httpPost");
-  EXPECT_EQ(backend->sessionID(), 0u);
-  EXPECT_EQ(backend->compType(), 0);
-  EXPECT_EQ(backend->clientVersion(), 0);
-  EXPECT_FALSE(backend->isInternal());
-  EXPECT_FALSE(backend->requireUserInfo());
-  EXPECT_FALSE(backend->batchEvents());
-  EXPECT_EQ(backend->userInfoDict(), std::nullopt);
+  EXPECT_EQ(backend->identity().sessionID, 0u);
+  EXPECT_EQ(backend->identity().compType, 0);
+  EXPECT_EQ(backend->identity().clientVersion, 0);
+  EXPECT_FALSE(backend->identity().isInternal);
+  EXPECT_FALSE(backend->identity().requireUserInfo);
+  EXPECT_FALSE(backend->identity().batchEvents);
+  EXPECT_EQ(backend->userInfoDict(), nullptr);
 }
 
 TEST_F(BackendSetTest, SessionValuesOfAnotherTypeReadAsZeroAndFalse) {
@@ -158,11 +159,11 @@ TEST_F(BackendSetTest, SessionValuesOfAnotherTypeReadAsZeroAndFalse) {
     const auto backends = createBackends(&section, &info, nullptr, udid);
     ASSERT_TRUE(backends);
     const auto& backend = backends->at("httpPost");
-    EXPECT_EQ(backend->sessionID(), 0u);
-    EXPECT_EQ(backend->compType(), 0);
-    EXPECT_EQ(backend->clientVersion(), 0);
-    EXPECT_FALSE(backend->requireUserInfo());
-    EXPECT_FALSE(backend->batchEvents());
+    EXPECT_EQ(backend->identity().sessionID, 0u);
+    EXPECT_EQ(backend->identity().compType, 0);
+    EXPECT_EQ(backend->identity().clientVersion, 0);
+    EXPECT_FALSE(backend->identity().requireUserInfo);
+    EXPECT_FALSE(backend->identity().batchEvents);
   }
 }
 
@@ -173,15 +174,15 @@ TEST_F(BackendSetTest, SessionNumbersKeepTheirLowBits) {
     return createBackends(&section, &info, nullptr, udid)->at("httpPost");
   };
   const auto negative = made(-1);
-  EXPECT_EQ(negative->sessionID(), 4294967295u);
-  EXPECT_EQ(negative->compType(), -1);
-  EXPECT_EQ(negative->clientVersion(), 65535);
+  EXPECT_EQ(negative->identity().sessionID, 4294967295u);
+  EXPECT_EQ(negative->identity().compType, -1);
+  EXPECT_EQ(negative->identity().clientVersion, 65535);
   const auto wide = made(std::int64_t{0x7'0001'0002});
-  EXPECT_EQ(wide->sessionID(), 65538u);
-  EXPECT_EQ(wide->compType(), 65538);
-  EXPECT_EQ(wide->clientVersion(), 2);
-  EXPECT_EQ(made(1e300)->sessionID(), 4294967295u);
-  EXPECT_EQ(made(std::numeric_limits<double>::quiet_NaN())->sessionID(), 0u);
+  EXPECT_EQ(wide->identity().sessionID, 65538u);
+  EXPECT_EQ(wide->identity().compType, 65538);
+  EXPECT_EQ(wide->identity().clientVersion, 2);
+  EXPECT_EQ(made(1e300)->identity().sessionID, 4294967295u);
+  EXPECT_EQ(made(std::numeric_limits<double>::quiet_NaN())->identity().sessionID, 0u);
 }
 
 TEST_F(BackendSetTest, TheOwnVersionIsTheLibrarys) {

@@ -3,6 +3,7 @@
 #include "backends/CorvidBackend.h"
 #include "base/Text.h"
 #include "platform/data/Crypto.h"
+#include "tests/fakes/TestIdentity.h"
 #include "tests/fakes/TestPlatform.h"
 
 namespace corvid {
@@ -10,16 +11,8 @@ namespace {
 
 // A backend that overrides nothing.
 struct PlainBackend : CorvidBackend {
-  explicit PlainBackend(Dictionary profile = {}) : CorvidBackend("plain", profile, "Robin") {}
+  explicit PlainBackend(Dictionary profile = {}) : CorvidBackend("plain", profile, shared()) {}
   const Dictionary& profile() const { return _profile; }
-  double startTimeStamp() {
-    RecursiveLock lock(_lock);
-    return _startTimeStamp;
-  }
-  std::pair<int, int> selfVersion() {
-    RecursiveLock lock(_lock);
-    return {_selfVersionMajor, _selfVersionMinor};
-  }
 };
 
 // A backend that keeps what it is asked to send.
@@ -51,25 +44,13 @@ TEST_F(CorvidBackendTest, StartsUnevaluatedAndEmpty) {
   const auto backend = std::make_shared<PlainBackend>(Dictionary{{"key", "value"}});
   EXPECT_EQ(backend->name(), "plain");
   EXPECT_EQ(backend->profile(), (Dictionary{{"key", "value"}}));
-  EXPECT_EQ(backend->productFamily(), "Robin");
+  EXPECT_EQ(backend->identity().productFamily, "Robin");
   EXPECT_EQ(backend->state(), BackendState::waiting);
-  EXPECT_EQ(backend->sessionID(), 0u);
   EXPECT_EQ(backend->combinedSessionIDString(), std::nullopt);
   EXPECT_EQ(backend->hierarchy(), 0);
-  EXPECT_EQ(backend->compType(), 0);
-  EXPECT_EQ(backend->clientVersion(), 0);
-  EXPECT_EQ(backend->udid(), nullptr);
   EXPECT_EQ(backend->displayURL(), std::nullopt);
-  EXPECT_EQ(backend->productVersion(), std::nullopt);
-  EXPECT_EQ(backend->buildVersion(), std::nullopt);
-  EXPECT_EQ(backend->hardwareType(), std::nullopt);
-  EXPECT_EQ(backend->userInfoDict(), std::nullopt);
-  EXPECT_FALSE(backend->isInternal());
-  EXPECT_FALSE(backend->requireUserInfo());
-  EXPECT_FALSE(backend->batchEvents());
+  EXPECT_EQ(backend->userInfoDict(), nullptr);
   EXPECT_EQ(backend->samplingThreshold(), std::nullopt);
-  EXPECT_EQ(backend->startTimeStamp(), 0);
-  EXPECT_EQ(backend->selfVersion(), std::pair(0, 0));
 }
 
 TEST_F(CorvidBackendTest, DrawsItsOwnSamplingFactorAtCreation) {
@@ -83,50 +64,24 @@ TEST_F(CorvidBackendTest, DrawsItsOwnSamplingFactorAtCreation) {
 
 TEST_F(CorvidBackendTest, PropertiesHoldWhatIsSet) {
   const auto backend = std::make_shared<PlainBackend>();
-  const char* udid = "0123";
+  const auto userInfo = shared(Dictionary{{"a", 1}});
   backend->setState(BackendState::held);
-  backend->setSessionID(4000000000u);
   backend->setCombinedSessionIDString("A.B");
   backend->setHierarchy(-1);
-  backend->setCompType(17);
-  backend->setClientVersion(65535);
-  backend->setUdid(udid);
-  backend->setDisplayURL("https://display.test");
-  backend->setProductVersion("12.3");
-  backend->setBuildVersion("20F71");
-  backend->setHardwareType("Robin5,2");
-  backend->setProductFamily("Wren");
-  backend->setIsInternal(true);
-  backend->setUserInfoDict(Dictionary{{"a", 1}});
-  backend->setRequireUserInfo(true);
-  backend->setBatchEvents(true);
-  backend->setSamplingFactor(0.125);
+  backend->setUserInfoDict(userInfo);
   backend->setSamplingThreshold(0.5);
   EXPECT_EQ(backend->state(), BackendState::held);
-  EXPECT_EQ(backend->sessionID(), 4000000000u);
   EXPECT_EQ(backend->combinedSessionIDString(), "A.B");
   EXPECT_EQ(backend->hierarchy(), -1);
-  EXPECT_EQ(backend->compType(), 17);
-  EXPECT_EQ(backend->clientVersion(), 65535);
-  EXPECT_EQ(backend->udid(), udid) << "the pointer itself is kept";
-  EXPECT_EQ(backend->displayURL(), "https://display.test");
-  EXPECT_EQ(backend->productVersion(), "12.3");
-  EXPECT_EQ(backend->buildVersion(), "20F71");
-  EXPECT_EQ(backend->hardwareType(), "Robin5,2");
-  EXPECT_EQ(backend->productFamily(), "Wren");
-  EXPECT_TRUE(backend->isInternal());
-  EXPECT_EQ(backend->userInfoDict(), (Dictionary{{"a", 1}}));
-  EXPECT_TRUE(backend->requireUserInfo());
-  EXPECT_TRUE(backend->batchEvents());
-  EXPECT_EQ(backend->samplingFactor(), 0.125);
+  EXPECT_EQ(backend->userInfoDict(), userInfo);
   EXPECT_EQ(backend->samplingThreshold(), 0.5);
 }
 
-TEST_F(CorvidBackendTest, VersionTextSplitsIntoTwoEightBitNumbers) {
-  const auto backend = std::make_shared<PlainBackend>();
-  const auto split = [&](std::string_view version) {
-    backend->setSelfVersion(version);
-    return backend->selfVersion();
+TEST(BackendIdentityTest, VersionTextSplitsIntoTwoEightBitNumbers) {
+  const auto split = [](std::string_view version) {
+    BackendIdentity identity;
+    identity.setSelfVersion(version);
+    return std::pair<int, int>(identity.selfVersionMajor, identity.selfVersionMinor);
   };
   EXPECT_EQ(split("8.0"), std::pair(8, 0));
   EXPECT_EQ(split("12"), std::pair(12, 0));
@@ -139,10 +94,10 @@ TEST_F(CorvidBackendTest, VersionTextSplitsIntoTwoEightBitNumbers) {
   EXPECT_EQ(split(""), std::pair(0, 0));
 }
 
-TEST_F(CorvidBackendTest, StartTimeIsSecondsWithFraction) {
-  const auto backend = std::make_shared<PlainBackend>();
-  backend->setStartTimestamp({1700000000, 250000});
-  EXPECT_EQ(backend->startTimeStamp(), 1700000000.25);
+TEST(BackendIdentityTest, StartTimeIsSecondsWithFraction) {
+  BackendIdentity identity;
+  identity.setStartTimestamp({1700000000, 250000});
+  EXPECT_EQ(identity.startTimeStamp, 1700000000.25);
 }
 
 TEST_F(CorvidBackendTest, UpdateStateEnables) {

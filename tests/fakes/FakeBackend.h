@@ -15,6 +15,7 @@
 
 #include "backends/CorvidBackend.h"
 #include "tests/fakes/Journal.h"
+#include "tests/fakes/TestIdentity.h"
 
 namespace corvid {
 
@@ -32,8 +33,10 @@ class FakeBackend final : public CorvidBackend {
     std::optional<CorvidError> error;
   };
 
-  FakeBackend(std::string backendName, std::shared_ptr<Journal> journal)
-      : CorvidBackend(std::move(backendName), {}, std::nullopt), _journal(std::move(journal)) {}
+  FakeBackend(std::string backendName, std::shared_ptr<Journal> journal,
+              std::optional<std::string> displayURL = std::nullopt)
+      : CorvidBackend(std::move(backendName), {}, shared(), std::move(displayURL)),
+        _journal(std::move(journal)) {}
   ~FakeBackend() override { note("gone"); }
 
   void setExchangeGate(std::shared_ptr<ExchangeGate> given) override { gate = std::move(given); }
@@ -72,7 +75,7 @@ class FakeBackend final : public CorvidBackend {
     note("setCorrelatedSessionID");
     setCombinedSessionIDString(std::move(sessionID));
   }
-  void setUserInfoDict(std::optional<Dictionary> userInfoDict) override {
+  void setUserInfoDict(SharedDictionary userInfoDict) override {
     note("setUserInfoDict");
     CorvidBackend::setUserInfoDict(std::move(userInfoDict));
   }

@@ -8,6 +8,7 @@
 #include "backends/https/HTTPSPostBackend.h"
 #include "base/Reading.h"
 #include "platform/data/PropertyList.h"
+#include "tests/fakes/TestIdentity.h"
 #include "tests/fakes/TestPlatform.h"
 
 namespace {
@@ -38,14 +39,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   corvid::TestPlatform platform;
   const Dictionary profile = dictionaryOrEmpty(*input, "profile");
   const Dictionary event = dictionaryOrEmpty(*input, "event");
-  const auto backend = corvid::HTTPSPostBackend::initWithName("httpPost", &profile, "Robin");
-  if (backend == nullptr) return 0;
-  backend->setHardwareType("Robin5,2");
-  backend->updateState();
-  if (backend->state() != BackendState::sending) std::abort();  // no user info is required yet
-  backend->setRequireUserInfo(true);
+  corvid::BackendIdentity identity{.hardwareType = "Robin5,2", .productFamily = "Robin"};
+  const auto open =
+      corvid::HTTPSPostBackend::initWithName("httpPost", &profile, corvid::shared(identity));
+  if (open == nullptr) return 0;
+  open->updateState();
+  if (open->state() != BackendState::sending) std::abort();  // it requires no user info
+  identity.requireUserInfo = true;
+  const auto backend =
+      corvid::HTTPSPostBackend::initWithName("httpPost", &profile, corvid::shared(identity));
   if (backend->updateBackendState() != BackendState::waiting) std::abort();
-  backend->setUserInfoDict(dictionaryOrEmpty(*input, "userInfo"));
+  backend->setUserInfoDict(corvid::shared(dictionaryOrEmpty(*input, "userInfo")));
   backend->updateState();
   checkFilters(*backend, event);
   for (const int flag : {0, 1, 2, 3})

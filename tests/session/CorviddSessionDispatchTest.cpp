@@ -284,20 +284,22 @@ class CorviddSessionDisplayURLTest : public SessionTest {
 };
 
 TEST_F(CorviddSessionDisplayURLTest, IsThatOfTheFirstBackendThatHasOne) {
-  add(kCorvidBackendDashboard).setDisplayURL("dashboard url");
-  FakeBackend& second = add(kCorvidBackendHTTPPost2);
-  FakeBackend& first = add(kCorvidBackendHTTPPost);
-  configureAndStart();
-  EXPECT_EQ(fetched(), "dashboard url");
-  second.setDisplayURL("second url");
-  EXPECT_EQ(fetched(), "second url");
-  first.setDisplayURL("first url");
-  EXPECT_EQ(fetched(), "first url");
+  const auto fetchedWhere = [&](std::optional<std::string> first,
+                                std::optional<std::string> second) {
+    add(kCorvidBackendDashboard, "dashboard url");
+    add(kCorvidBackendHTTPPost2, std::move(second));
+    add(kCorvidBackendHTTPPost, std::move(first));
+    configureAndStart();
+    return fetched();
+  };
+  EXPECT_EQ(fetchedWhere(std::nullopt, std::nullopt), "dashboard url");
+  EXPECT_EQ(fetchedWhere(std::nullopt, "second url"), "second url");
+  EXPECT_EQ(fetchedWhere("first url", "second url"), "first url");
 }
 
 TEST_F(CorviddSessionDisplayURLTest, FallsThroughToTheDashboardWhereTheSecondIsMissing) {
   add(kCorvidBackendHTTPPost);
-  add(kCorvidBackendDashboard).setDisplayURL("dashboard url");
+  add(kCorvidBackendDashboard, "dashboard url");
   configureAndStart();
   EXPECT_EQ(fetched(), "dashboard url");
 }
@@ -306,7 +308,7 @@ TEST_F(CorviddSessionDisplayURLTest, IsNotAvailableFromOtherBackendsOrNone) {
   EXPECT_EQ(fetched(), "URL not available");
   EXPECT_TRUE(
       platform.log.has(LogLevel::debug, "fetchDisplayURL: Fetching display URL for session 0"));
-  add(kCorvidBackendUploadServer).setDisplayURL("upload url");
+  add(kCorvidBackendUploadServer, "upload url");
   configureAndStart();
   EXPECT_EQ(fetched(), "URL not available");
 }

@@ -73,7 +73,7 @@ TEST_F(CorviddSessionStatesTest, WithoutACallbackTheUserInfoIsAppliedAllTheSame)
 TEST_F(CorviddSessionStatesTest, FirstUserInfoReachesBackendsAndThenTheAgent) {
   FakeBackend& backend = startWith(true, std::nullopt);
   EXPECT_EQ(fetch(alice), (Array{"httpPost"}));
-  EXPECT_EQ(backend.userInfoDict(), alice);
+  EXPECT_EQ(*backend.userInfoDict(), alice);
   EXPECT_THAT(journal->entries(),
               ElementsAre("httpPost setUserInfoDict", "agent userInfoUpdatedForSession",
                           "httpPost updateState", "agent updateDownstreamSessions"));
@@ -99,7 +99,7 @@ TEST_F(CorviddSessionStatesTest, UserInfoThatIsNotRequiredMayGoAway) {
   FakeBackend& backend = startWith(false, alice);
   EXPECT_TRUE(countsAsChanged(std::nullopt));
   EXPECT_EQ(session->userInfo(), nullptr);
-  EXPECT_EQ(backend.userInfoDict(), std::nullopt);
+  EXPECT_EQ(backend.userInfoDict(), nullptr);
 }
 
 TEST_F(CorviddSessionStatesTest, EqualNamesAreNoChangeButTheUserInfoIsReplaced) {
@@ -108,7 +108,7 @@ TEST_F(CorviddSessionStatesTest, EqualNamesAreNoChangeButTheUserInfoIsReplaced) 
   more.set("other", "data");
   EXPECT_FALSE(countsAsChanged(more));
   EXPECT_EQ(*session->userInfo(), more);
-  EXPECT_EQ(backend.userInfoDict(), more);
+  EXPECT_EQ(*backend.userInfoDict(), more);
   EXPECT_THAT(journal->entries(), ElementsAre("httpPost setUserInfoDict"));
 }
 

@@ -44,16 +44,20 @@ class SessionTest : public ::testing::Test {
   }
   BackendSetCreator creator() {
     return [this](const Dictionary* section, const Dictionary* sessionInfo,
-                  const Dictionary* userInfo, const char* udid) {
-      creations.push_back({copied(section), copied(sessionInfo), copied(userInfo), udid});
+                  const SharedDictionary& userInfo, std::optional<std::string> udid) {
+      creations.push_back(
+          {copied(section), copied(sessionInfo), copied(userInfo.get()), udid.value_or("none")});
       return table;
     };
   }
 
-  FakeBackend& add(std::string_view name) { return addAs(name, name); }
+  FakeBackend& add(std::string_view name, std::optional<std::string> displayURL = std::nullopt) {
+    return addAs(name, name, std::move(displayURL));
+  }
   // Under a key that differs from the backend's own name.
-  FakeBackend& addAs(std::string_view key, std::string_view name) {
-    auto backend = std::make_shared<FakeBackend>(std::string(name), journal);
+  FakeBackend& addAs(std::string_view key, std::string_view name,
+                     std::optional<std::string> displayURL = std::nullopt) {
+    auto backend = std::make_shared<FakeBackend>(std::string(name), journal, std::move(displayURL));
     if (!table) table.emplace();
     (*table)[std::string(key)] = backend;
     return *backend;

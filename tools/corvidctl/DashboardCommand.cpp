@@ -68,14 +68,15 @@ int runDashboardCommand(const PacketOptions& options) {
   const Dictionary payload = payloadFrom(options.payload);
   const SendingPlatform platform;
   const auto fate = std::make_shared<std::promise<PacketFate>>();
+  BackendIdentity identity{.sessionID = options.sessionID,
+                           .compType = options.clientType,
+                           .clientVersion = options.clientVersion,
+                           .udid = options.udid};
+  identity.setSelfVersion("8.0");
   auto backend =
-      DashboardBackend::initWithName("dashboard", options.ip, options.port, std::nullopt);
+      DashboardBackend::initWithName("dashboard", options.ip, options.port,
+                                     std::make_shared<const BackendIdentity>(std::move(identity)));
   if (!backend) throw std::runtime_error("there is no way to send to " + options.ip);
-  backend->setSelfVersion("8.0");
-  backend->setSessionID(options.sessionID);
-  backend->setCompType(options.clientType);
-  backend->setClientVersion(options.clientVersion);
-  backend->setUdid(options.udid.c_str());
   backend->setPacketObserver([fate](EventID, PacketFate end) { fate->set_value(end); });
   const auto logLine = backend->sendMessage(&payload, timeFrom(options), options.method,
                                             options.respCode, EventID{options.eventID});

@@ -85,18 +85,18 @@ TEST_F(DashboardBackendTest, AProfileNeedsAServer) {
 
 TEST_F(DashboardBackendTest, WithAProfileTheAddressArgumentsDoNotCount) {
   const Dictionary profile = plainProfile();
-  ASSERT_TRUE(DashboardBackend::initWithName("dashboard", &profile, "9.9.9.9", 1, "Robin"));
+  ASSERT_TRUE(DashboardBackend::initWithName("dashboard", &profile, "9.9.9.9", 1, shared()));
   EXPECT_EQ(network.socket().peer, std::pair(0x7F000001u, std::uint16_t{4000}));
   const Dictionary empty;
-  EXPECT_FALSE(DashboardBackend::initWithName("dashboard", &empty, "9.9.9.9", 1, "Robin"));
+  EXPECT_FALSE(DashboardBackend::initWithName("dashboard", &empty, "9.9.9.9", 1, shared()));
 }
 
 TEST_F(DashboardBackendTest, WithoutProfileAndAddressThereIsNone) {
-  EXPECT_FALSE(DashboardBackend::initWithName("dashboard", nullptr, "Robin"));
+  EXPECT_FALSE(DashboardBackend::initWithName("dashboard", nullptr, shared()));
   EXPECT_EQ(errors(), Lines{"DashboardBackend(initWithName): initWitName with all null params."});
   EXPECT_FALSE(network.socket().isOpen);
   platform.log.clear();
-  EXPECT_FALSE(DashboardBackend::initWithName("dashboard", std::nullopt, 1, "Robin"));
+  EXPECT_FALSE(DashboardBackend::initWithName("dashboard", std::nullopt, 1, shared()));
   EXPECT_EQ(errors(), Lines{});
   EXPECT_EQ(network.sockets.size(), 1u) << "no socket was opened for it";
 }
@@ -173,22 +173,19 @@ TEST_F(DashboardBackendTest, TakesTheAddressesOfItsProfile) {
 TEST_F(DashboardBackendTest, TheFactoryKnowsIt) {
   const Dictionary profile = plainProfile();
   const auto made =
-      CorvidBackend::newBackendWithName(std::string(kCorvidBackendDashboard), &profile, "Robin", 5);
+      CorvidBackend::newBackendWithName(std::string(kCorvidBackendDashboard), &profile, shared());
   ASSERT_TRUE(std::dynamic_pointer_cast<DashboardBackend>(made));
   EXPECT_EQ(made->name(), "dashboard");
-  EXPECT_EQ(made->productFamily(), "Robin");
+  EXPECT_EQ(made->identity().productFamily, "Robin");
   const Dictionary empty;
-  EXPECT_FALSE(CorvidBackend::newBackendWithName("dashboard", &empty, "Robin", 5));
+  EXPECT_FALSE(CorvidBackend::newBackendWithName("dashboard", &empty, shared()));
   EXPECT_EQ(errors(), Lines{"DashboardBackend(initWithName): can't resolve server IP"});
 }
 
 TEST_F(DashboardBackendTest, FillsThePacketFromItsFields) {
+  identity = {.sessionID = 42, .compType = 256 + 5, .clientVersion = 3, .udid = udid};
+  identity.setSelfVersion("8.1");
   ASSERT_TRUE(make(plainProfile()));
-  backend->setSelfVersion("8.1");
-  backend->setCompType(256 + 5);
-  backend->setSessionID(42);
-  backend->setClientVersion(3);
-  backend->setUdid(udid);
   const Dictionary payload{{"k", "v"}};
   backend->sendMessage(&payload, {0x1'0000'0007, 999'999}, 65535, 2, EventID{258});
   network.runTasks();
@@ -208,11 +205,8 @@ TEST_F(DashboardBackendTest, FillsThePacketFromItsFields) {
 }
 
 TEST_F(DashboardBackendTest, AnswersWithTheLogLineOfThePacket) {
+  identity = {.sessionID = 4000000000, .compType = 5, .clientVersion = 3, .udid = udid};
   ASSERT_TRUE(make(plainProfile()));
-  backend->setCompType(5);
-  backend->setSessionID(4000000000);
-  backend->setClientVersion(3);
-  backend->setUdid(udid);
   const Dictionary payload{{"name", "a=b"}, {"n", 1}};
   EXPECT_EQ(
       backend->sendMessage(&payload, {1'700'000'000, 999'999}, 7, 65535, EventID{258}),
@@ -225,9 +219,9 @@ TEST_F(DashboardBackendTest, AnswersWithTheLogLineOfThePacket) {
 }
 
 TEST_F(DashboardBackendTest, AComponentTypeOutsideTheTableHasNoTag) {
-  ASSERT_TRUE(make(plainProfile()));
   for (const int type : {18, 255, -1}) {
-    backend->setCompType(type);
+    identity.compType = type;
+    ASSERT_TRUE(make(plainProfile()));
     EXPECT_EQ(backend->sendMessage(nullptr, {5, 0}, 1, 2, EventID{3}),
               "5.000  127.0.0.1      0     0     3     1     2 ")
         << type;
@@ -235,8 +229,8 @@ TEST_F(DashboardBackendTest, AComponentTypeOutsideTheTableHasNoTag) {
 }
 
 TEST_F(DashboardBackendTest, ALogLineIsCutAndMadeReadable) {
+  identity.udid = udid;
   ASSERT_TRUE(make(plainProfile()));
-  backend->setUdid(udid);
   const Dictionary payload{{"k", std::string(1019, 'x') + "ä"}};
   const std::string line = send(1, payload);
   EXPECT_TRUE(line.ends_with("xx\xEF\xBF\xBD")) << "half a character was left of the last";

@@ -11,6 +11,7 @@
 
 #include "backends/dashboard/DashboardBackend.h"
 #include "backends/dashboard/PacketReader.h"
+#include "tests/fakes/TestIdentity.h"
 #include "tests/fakes/TestPlatform.h"
 
 namespace corvid {
@@ -29,10 +30,10 @@ class DashboardFixture : public testing::Test {
   }
   // Keeps what is made in `backend`.
   bool make(const Dictionary& profile) {
-    return keep(DashboardBackend::initWithName("dashboard", &profile, "Robin"));
+    return keep(DashboardBackend::initWithName("dashboard", &profile, shared(identity)));
   }
   bool makeExplicit(const std::string& address = "127.0.0.1", std::uint16_t port = 4000) {
-    return keep(DashboardBackend::initWithName("dashboard", address, port, "Robin"));
+    return keep(DashboardBackend::initWithName("dashboard", address, port, shared(identity)));
   }
 
   // Sends an event and lets it go out.
@@ -64,6 +65,7 @@ class DashboardFixture : public testing::Test {
   Fates fates;  // in the order in which packets were let go; the platform's end may add some
   TestPlatform platform;
   FakeNetwork& network = *platform.network;
+  BackendIdentity identity;  // of what is made next
   std::shared_ptr<DashboardBackend> backend;
 
  private:

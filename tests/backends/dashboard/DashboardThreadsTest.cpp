@@ -19,6 +19,7 @@
 #include "base/Descriptor.h"
 #include "platform/network/SystemNetwork.h"
 #include "platform/system/SystemClock.h"
+#include "tests/fakes/TestIdentity.h"
 #include "tests/fakes/TestPlatform.h"
 #include "tests/support/Waiting.h"
 
@@ -80,7 +81,7 @@ class DashboardThreadsTest : public testing::Test {
 
   std::shared_ptr<DashboardBackend> make(int period) {
     const Dictionary profile{{"ip", "127.0.0.1"}, {"port", server.port}, {"reliable", period}};
-    return DashboardBackend::initWithName("dashboard", &profile, "Robin");
+    return DashboardBackend::initWithName("dashboard", &profile, shared());
   }
 
   static std::size_t openDescriptors() {

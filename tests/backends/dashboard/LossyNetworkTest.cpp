@@ -14,6 +14,7 @@
 #include "base/Reading.h"
 #include "platform/network/SystemNetwork.h"
 #include "platform/system/SystemClock.h"
+#include "tests/fakes/TestIdentity.h"
 #include "tests/fakes/TestPlatform.h"
 #include "tests/support/Waiting.h"
 #include "tools/lab/DashboardServer.h"
@@ -76,7 +77,7 @@ class LossyNetworkFixture {
     });
     server.setFaults(there, back, 20);
     const Dictionary profile{{"ip", "127.0.0.1"}, {"port", server.port()}, {"reliable", 25}};
-    const auto backend = DashboardBackend::initWithName("dashboard", &profile, "Robin");
+    const auto backend = DashboardBackend::initWithName("dashboard", &profile, shared());
     if (!backend) return outcome;
     backend->setPacketObserver([&](EventID event, PacketFate fate) {
       std::lock_guard lock(mutex);

@@ -97,7 +97,7 @@ TEST(TagReportingPacketTest, AShortIdentifierIsFilledUpWithZeroBytes) {
   EXPECT_EQ(header.udidText(), "short");
   const TagReportingPacket packet(header, nullptr);
   EXPECT_EQ(packet.datagram().substr(20, 40), "short" + std::string(35, '\0'));
-  header.setUdid(nullptr);
+  header.setUdid("");
   EXPECT_EQ(TagReportingPacket(header, nullptr).datagram().substr(20, 40), std::string(40, '\0'));
 }
 

@@ -113,9 +113,12 @@ TEST_F(BatchingTest, WithoutLoggingARealtimeEventOverABatchAnswersNothing) {
 }
 
 TEST_F(BatchingTest, AnOrdinaryEventThatLeavesAtOnceLeavesTheBatch) {
-  const auto backend = makeInState(BackendState::sending);
+  Dictionary first = openEntry();
+  first.set("client", "player");
+  const auto backend = makeFor(Array{first, openEntryWith("expedite", 1)});
   send(*backend, {{"x", 1}});
-  backend->setBatchEvents(false);
+  backend->setUserInfoDict(shared(Dictionary{{"_clientName", "other"}}));
+  backend->updateState();
   send(*backend, {{"x", 2}});
   EXPECT_EQ(posted("x"), Lines{"2"});
   EXPECT_EQ(eventsInBatch(*backend), 1u);
@@ -154,10 +157,10 @@ TEST_F(BatchingTest, AFlagLiftsNoOtherState) {
 
 TEST_F(BatchingTest, WithoutRequiredUserInfoEvenARealtimeEventWaits) {
   const auto backend = makeInState(BackendState::sending);
-  backend->setUserInfoDict(std::nullopt);
+  backend->setUserInfoDict(nullptr);
   send(*backend, {{"x", 1}}, 1);
   EXPECT_TRUE(requests().empty());
-  backend->setRequireUserInfo(false);
+  backend->setUserInfoDict(shared(*userInfo));
   send(*backend, {{"x", 2}}, 1);
   EXPECT_EQ(posted("x"), (Lines{"1", "2"}));
 }
@@ -214,7 +217,7 @@ TEST_F(BatchingTest, TheThresholdCountsTheMethodThatTheUserInfoLeaves) {
   EXPECT_EQ(linesOf(thresholdLine), Lines{thresholdLine + "9"});
   platform.log.clear();
   userInfo->set("_method", Array{9});
-  backend->setUserInfoDict(userInfo);
+  backend->setUserInfoDict(shared(*userInfo));
   send(*backend, {{"x", 3}}, 0, 3);
   send(*backend, {{"x", 4}}, 0, 5);
   EXPECT_EQ(linesOf(thresholdLine), Lines{thresholdLine + "0"});
@@ -261,10 +264,10 @@ TEST_F(BatchingTest, OutsideSendingTheThresholdDropsTheBatchAndKeepsOtherCounts)
 TEST_F(BatchingTest, WhereAFlushRefusesTheEventJoinsTheKeptBatch) {
   const auto backend = makeInState(BackendState::sending, openEntryWith("event_threshold", 0));
   send(*backend, {{"x", 1}});
-  backend->setUserInfoDict(std::nullopt);
+  backend->setUserInfoDict(nullptr);
   send(*backend, {{"x", 2}});
   EXPECT_TRUE(requests().empty());
-  backend->setUserInfoDict(userInfo);
+  backend->setUserInfoDict(shared(*userInfo));
   backend->flushMessagesWithCompletion(nullptr);
   EXPECT_EQ(posted("x"), (Lines{"1", "2"}));
 }
@@ -341,7 +344,7 @@ TEST_F(FullBatchTest, DropsItsOldestEventsWhileItMayNotBeFlushedAndSaysSoOnce) {
 TEST_F(FullBatchTest, CountsNoMoreMethodsThanEventsCanHaveWhateverTheUserInfoNames) {
   const auto backend = makeInState(BackendState::held, openEntryWith("event_threshold", 0));
   const auto sendWithMethod = [&](int method) {
-    backend->setUserInfoDict(Dictionary{{"_clientName", "player"}, {"_method", method}});
+    backend->setUserInfoDict(shared(Dictionary{{"_clientName", "player"}, {"_method", method}}));
     send(*backend, {});
   };
   for (int i = 0; i <= static_cast<int>(MethodCounts::limit); ++i) sendWithMethod(100'000 + i);
@@ -360,7 +363,7 @@ TEST_F(FullBatchTest, StaysBoundedWhileUserInfoIsAwaited) {
     send(*backend, {{"n", i}, {"text", std::string(textBytes, 'x')}});
   }
   EXPECT_TRUE(requests().empty());
-  backend->setUserInfoDict(Dictionary{{"_clientName", "player"}});
+  backend->setUserInfoDict(shared(Dictionary{{"_clientName", "player"}}));
   backend->updateState();
   backend->flushMessagesWithCompletion(nullptr);
   EXPECT_EQ(posted("n"), (Lines{"18", "19", "20"}));
@@ -369,8 +372,8 @@ TEST_F(FullBatchTest, StaysBoundedWhileUserInfoIsAwaited) {
 TEST_F(FullBatchTest, ALargeUserInfoInEveryRecordDoesNotMultiplyWithoutBound) {
   const auto backend = makeInState(BackendState::sending);
   for (int i = 1; i <= 40; ++i) send(*backend, {{"n", i}}, 0, static_cast<std::uint16_t>(i));
-  backend->setUserInfoDict(Dictionary{
-      {"_clientName", "player"}, {"text", std::string(HeldRecords::messageByteLimit / 20, 'x')}});
+  backend->setUserInfoDict(shared(Dictionary{
+      {"_clientName", "player"}, {"text", std::string(HeldRecords::messageByteLimit / 20, 'x')}}));
   backend->flushMessagesWithCompletion(nullptr);
   ASSERT_EQ(requests().size(), 1u);
   const Lines numbers = posted("n");

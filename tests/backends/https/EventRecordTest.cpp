@@ -76,9 +76,10 @@ TEST_F(EventRecordTest, AtTheStartTheClientTimeIsTheStartOfTheMinute) {
 }
 
 TEST_F(EventRecordTest, TheStartIsCutTowardZero) {
-  const auto backend = makeFor(openEntry());
-  backend->setStartTimestamp({-119, 500000});  // -118.5
-  EXPECT_EQ(*recordOf(*backend).find("_startTS"), Value(-60));
+  adjustIdentity = [](BackendIdentity& identity) {
+    identity.setStartTimestamp({-119, 500000});  // -118.5
+  };
+  EXPECT_EQ(*recordOf(*makeFor(openEntry())).find("_startTS"), Value(-60));
 }
 
 TEST_F(EventRecordTest, EventsBeforeTheStartHaveTheirOwnTime) {
@@ -105,7 +106,7 @@ TEST_F(EventRecordTest, BackendsMadeTogetherHaveOneStart) {
   Platform::install(&hurrying);
   const Dictionary profile{{"clients", Array{openEntry()}}};
   const Dictionary section{{"httpPost", profile}, {"httpPost2", profile}};
-  const auto backends = createBackends(&section, &sessionInfo, &*userInfo, udid);
+  const auto backends = createBackends(&section, &sessionInfo, shared(*userInfo), udid);
   for (const auto& [name, backend] : *backends) {
     backend->updateState();
     backend->sendMessage(nullptr, {1'700'000'100, 0}, 3, 4, MessageFlag{0});
@@ -124,7 +125,7 @@ TEST_F(EventRecordTest, EventNumbersCountUpFromOne) {
 
 TEST_F(EventRecordTest, WithoutACombinedSessionIDTheKeyIsLeftOut) {
   const Dictionary profile{{"clients", Array{openEntry()}}};
-  const auto backend = HTTPSPostBackend::initWithName("httpPost", &profile, "Robin");
+  const auto backend = HTTPSPostBackend::initWithName("httpPost", &profile, shared());
   backend->updateState();
   EXPECT_EQ(recordOf(*backend).find("_sessionID"), nullptr);
 }
@@ -145,9 +146,8 @@ TEST_F(EventRecordTest, OnOtherBuildsThoseClientsAreKnownByTheCombinedID) {
 }
 
 TEST_F(EventRecordTest, TheInternalFlagIsTheBuildsNotTheBackends) {
-  const auto backend = makeFor(openEntry());
-  backend->setIsInternal(true);
-  EXPECT_EQ(*recordOf(*backend).find("_internal"), Value(0));
+  adjustIdentity = [](BackendIdentity& identity) { identity.isInternal = true; };
+  EXPECT_EQ(*recordOf(*makeFor(openEntry())).find("_internal"), Value(0));
   platform.device->set("ReleaseType", "Internal");
   platform.restart();
   EXPECT_EQ(*recordOf(*makeFor(openEntry())).find("_internal"), Value(1));
@@ -164,8 +164,8 @@ TEST_F(EventRecordTest, AbsentVersionsAreLeftOut) {
 }
 
 TEST_F(EventRecordTest, ReportVersionAndTimeZoneAreThoseOfNow) {
+  adjustIdentity = [](BackendIdentity& identity) { identity.setSelfVersion("255.17"); };
   const auto backend = makeFor(openEntry());
-  backend->setSelfVersion("255.17");
   platform.locale->offset = -12600;
   const Dictionary record = recordOf(*backend);
   EXPECT_EQ(*record.find("_reportVers"), Value("255.17"));
@@ -262,7 +262,7 @@ TEST_F(EventRecordTest, TheOverrideThresholdStaysWhenALaterEntryLacksIt) {
   first.set("sampling_threshold", 0.25);
   first.set("override_sampling", 0.75);
   const auto backend = makeFor(Array{first, openEntry()});
-  backend->setUserInfoDict(Dictionary{{"_clientName", "other"}});
+  backend->setUserInfoDict(shared(Dictionary{{"_clientName", "other"}}));
   backend->updateState();
   ASSERT_EQ(backend->state(), BackendState::sending);
   const Dictionary payload;
@@ -275,7 +275,7 @@ TEST_F(EventRecordTest, TheOverrideThresholdStaysWhenALaterEntryThatHoldsLacksIt
   first.set("sampling_threshold", 0.25);
   first.set("override_sampling", 0.75);
   const auto backend = makeFor(Array{first, openEntryWith("sampling_threshold", 0.25)});
-  backend->setUserInfoDict(Dictionary{{"_clientName", "other"}});
+  backend->setUserInfoDict(shared(Dictionary{{"_clientName", "other"}}));
   backend->updateState();
   ASSERT_EQ(backend->state(), BackendState::held);
   backend->setState(BackendState::sending);

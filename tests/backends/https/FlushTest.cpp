@@ -98,12 +98,12 @@ TEST_F(FlushTest, OutsideSendingTheCountsAreKept) {
 TEST_F(FlushTest, WithoutRequiredUserInfoTheBatchIsKept) {
   const auto backend = makeFor(openEntry());
   send(*backend, {{"x", 1}});
-  backend->setUserInfoDict(std::nullopt);
+  backend->setUserInfoDict(nullptr);
   EXPECT_EQ(flush(*backend), std::nullopt);
   expectAnswered(std::nullopt, CorvidError::of(-1, "Can not flush: userInfo is required"));
   EXPECT_EQ(backend->flushMessagesWithCompletion(nullptr), std::nullopt);
   EXPECT_TRUE(requests().empty());
-  backend->setUserInfoDict(userInfo);
+  backend->setUserInfoDict(shared(*userInfo));
   flush(*backend);
   EXPECT_EQ(posted("x"), std::vector<std::string>{"1"});
 }
@@ -121,7 +121,7 @@ TEST_F(FlushTest, WithoutUserInfoThatIsNotRequiredTheBatchLeavesAsItIs) {
 TEST_F(FlushTest, TheUserInfoOfNowIsAddedToEveryRecord) {
   const auto backend = makeFor(openEntry());
   send(*backend, {{"x", 1}});
-  backend->setUserInfoDict(Dictionary{{"_clientName", "renamed"}, {"account", "abc"}});
+  backend->setUserInfoDict(shared(Dictionary{{"_clientName", "renamed"}, {"account", "abc"}}));
   send(*backend, {{"x", 2}});
   flush(*backend);
   EXPECT_EQ(posted("_clientName"), (std::vector<std::string>{"renamed", "renamed"}));

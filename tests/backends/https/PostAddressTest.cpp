@@ -24,13 +24,13 @@ using Targets = std::pair<std::string, std::string>;
 
 TEST_F(PostAddressTest, NeedsProfileFamilyAndClientList) {
   const Dictionary profile{{"clients", Array{}}};
-  EXPECT_TRUE(HTTPSPostBackend::initWithName("httpPost", &profile, "Robin"));
-  EXPECT_FALSE(HTTPSPostBackend::initWithName("httpPost", nullptr, "Robin"));
-  EXPECT_FALSE(HTTPSPostBackend::initWithName("httpPost", &profile, std::nullopt));
+  EXPECT_TRUE(HTTPSPostBackend::initWithName("httpPost", &profile, shared()));
+  EXPECT_FALSE(HTTPSPostBackend::initWithName("httpPost", nullptr, shared()));
+  EXPECT_FALSE(HTTPSPostBackend::initWithName("httpPost", &profile, shared(BackendIdentity{})));
   EXPECT_TRUE(platform.log.lines().empty());
   for (const Dictionary& without : {Dictionary{}, Dictionary{{"clients", Dictionary{}}}}) {
     platform.log.clear();
-    EXPECT_FALSE(HTTPSPostBackend::initWithName("httpPost", &without, "Robin"));
+    EXPECT_FALSE(HTTPSPostBackend::initWithName("httpPost", &without, shared()));
     EXPECT_TRUE(platform.log.has(LogLevel::error,
                                  "HTTPSPostBackend(initWithName): can't find the client list."));
   }
@@ -105,7 +105,7 @@ TEST_F(PostAddressTest, AnEntryWithoutAnAddressLeavesTheOldOne) {
                                                               {"filters", Array{}},
                                                               {"sampling_threshold", 1}}};
   const auto backend = makeFor(entries);
-  backend->setUserInfoDict(Dictionary{{"_clientName", "other"}});
+  backend->setUserInfoDict(shared(Dictionary{{"_clientName", "other"}}));
   backend->updateState();
   EXPECT_EQ(targets(*backend), Targets(batchURL, batchURL)) << "the realtime one is rewritten";
 }

@@ -32,12 +32,19 @@ Dictionary PostBackendFixture::openEntryWithout(std::string_view key) {
 
 std::shared_ptr<HTTPSPostBackend> PostBackendFixture::make(const Dictionary& profile) {
   const Dictionary section{{"httpPost", profile}};
-  const auto backends =
-      createBackends(&section, &sessionInfo, userInfo ? &*userInfo : nullptr, udid);
+  const SharedDictionary info = userInfo ? shared(*userInfo) : nullptr;
+  const auto backends = createBackends(&section, &sessionInfo, info, udid);
   const auto found = backends->find("httpPost");
   if (found == backends->end()) return nullptr;
-  found->second->setCombinedSessionIDString("TOP.OWN");
-  return std::dynamic_pointer_cast<HTTPSPostBackend>(found->second);
+  auto backend = std::dynamic_pointer_cast<HTTPSPostBackend>(found->second);
+  if (adjustIdentity) {
+    BackendIdentity identity = backend->identity();
+    adjustIdentity(identity);
+    backend = HTTPSPostBackend::initWithName("httpPost", &profile, shared(identity));
+    backend->setUserInfoDict(info);
+  }
+  backend->setCombinedSessionIDString("TOP.OWN");
+  return backend;
 }
 
 std::shared_ptr<HTTPSPostBackend> PostBackendFixture::makeFor(const Dictionary& entry) {

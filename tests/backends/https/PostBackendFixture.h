@@ -3,12 +3,14 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "backends/https/HTTPSPostBackend.h"
+#include "tests/fakes/TestIdentity.h"
 #include "tests/fakes/TestPlatform.h"
 
 namespace corvid {
@@ -47,6 +49,8 @@ struct PostBackendFixture : testing::Test {
   std::vector<std::string> linesOf(std::string_view prefix, LogLevel level = LogLevel::debug) const;
 
   TestPlatform platform;
+  // What the next backends' identity differs in from that of this session and device.
+  std::function<void(BackendIdentity&)> adjustIdentity;
   Dictionary sessionInfo{{"ClientType", 5},
                          {"ClientVersion", 7},
                          {"SessionID", 99},

@@ -17,6 +17,14 @@ struct PostMessageTest : PostBackendFixture {
     const Value* identifier = message.value().dictionary()->find("clientId");
     return identifier ? *identifier->string() : "missing";
   }
+  // Its messages are too short to shrink.
+  std::shared_ptr<HTTPSPostBackend> makeWithoutIdentifier() {
+    adjustIdentity = [](BackendIdentity& identity) {
+      identity.isInternal = true;
+      identity.udid = std::nullopt;
+    };
+    return makeFor(openEntryWith("extras_on_internal", 1));
+  }
   // Whether the next event's answer holds the log text.
   bool logsMessages(HTTPSPostBackend& backend) { return send(backend, {}).has_value(); }
   void setEnvironment(int type) {
@@ -85,7 +93,7 @@ TEST_F(PostMessageTest, AnEntryThatRespectsConsentAgainBringsIdentifierAndLogTex
   const auto backend = makeFor(Array{first, openEntry()});
   EXPECT_EQ(clientIdOf(*backend), "OVERRIDE-ID");
   EXPECT_FALSE(logsMessages(*backend));
-  backend->setUserInfoDict(Dictionary{{"_clientName", "other"}});
+  backend->setUserInfoDict(shared(Dictionary{{"_clientName", "other"}}));
   backend->updateState();
   EXPECT_EQ(clientIdOf(*backend), "RESPECTED-ID");
   EXPECT_TRUE(logsMessages(*backend));
@@ -102,7 +110,7 @@ TEST_F(PostMessageTest, ACustomIdentifierStaysWhenALaterEntryAsksForNone) {
   Dictionary custom = openEntryWith("custom_clientId", 1);
   custom.set("client", "player");
   const auto backend = makeFor(Array{custom, openEntry()});
-  backend->setUserInfoDict(Dictionary{{"_clientName", "other"}});
+  backend->setUserInfoDict(shared(Dictionary{{"_clientName", "other"}}));
   backend->updateState();
   EXPECT_EQ(clientIdOf(*backend), "00000000-0000-0000-0000-000000000001");
 }
@@ -124,15 +132,13 @@ TEST_F(PostMessageTest, ExtrasEndWithAnEntryThatLacksThem) {
   first.set("client", "player");
   const auto backend = makeFor(Array{first, openEntry()});
   EXPECT_EQ(clientIdOf(*backend), udid);
-  backend->setUserInfoDict(Dictionary{{"_clientName", "other"}});
+  backend->setUserInfoDict(shared(Dictionary{{"_clientName", "other"}}));
   backend->updateState();
   EXPECT_EQ(clientIdOf(*backend), "RESPECTED-ID");
 }
 
 TEST_F(PostMessageTest, WithoutAnIdentifierTheMessageEndsAfterTheTime) {
-  const auto backend = makeFor(openEntryWith("extras_on_internal", 1));
-  backend->setIsInternal(true);
-  backend->setUdid(nullptr);
+  const auto backend = makeWithoutIdentifier();
   send(*backend, {{"x", 1}});
   ASSERT_EQ(requests().size(), 1u);
   EXPECT_EQ(messageOf(requests()[0]), R"({"postTime":1700000000.0})");
@@ -242,7 +248,7 @@ TEST_F(PostMessageTest, WhatWouldEndAHeaderIsABlankThereAndItselfInTheRecord) {
   using namespace std::literals;
   const std::string name = "two\r\nlines: \x01\x7f\tand\0more \xC3\xA9"s;
   const auto backend = makeFor(openEntry());
-  backend->setUserInfoDict(Dictionary{{"_clientName", name}, {"_serviceName", "\n"}});
+  backend->setUserInfoDict(shared(Dictionary{{"_clientName", name}, {"_serviceName", "\n"}}));
   backend->updateState();
   send(*backend, {{"x", 1}});
   ASSERT_EQ(requests().size(), 1u);
@@ -254,9 +260,7 @@ TEST_F(PostMessageTest, WhatWouldEndAHeaderIsABlankThereAndItselfInTheRecord) {
 }
 
 TEST_F(PostMessageTest, AMessageThatDoesNotShrinkTravelsPlain) {
-  const auto backend = makeFor(openEntryWith("extras_on_internal", 1));
-  backend->setIsInternal(true);
-  backend->setUdid(nullptr);  // leaves a message too short to shrink
+  const auto backend = makeWithoutIdentifier();
   send(*backend, {});
   const HTTPRequest request = requests().at(0);
   EXPECT_EQ(request.body, R"({"postTime":1700000000.0})");
@@ -279,9 +283,7 @@ TEST_F(PostMessageTest, ABodyHasNoRoomToSpareWhileItsExchangeWaits) {
   EXPECT_GT(size, 1000u);
   EXPECT_LE(capacity, size + alignment) << "compressed";
 
-  const auto plain = makeFor(openEntryWith("extras_on_internal", 1));
-  plain->setIsInternal(true);
-  plain->setUdid(nullptr);  // leaves a message too short to shrink
+  const auto plain = makeWithoutIdentifier();
   send(*plain, {});
   EXPECT_EQ(headerOf(requests().back(), "Content-Encoding"), std::nullopt);
   EXPECT_GT(size, 0u);

@@ -76,7 +76,7 @@ TEST_F(ReportingStateTest, WaitsForRequiredUserInfo) {
   const auto backend = makeFor(openEntryWith("hierarchy", 2));
   EXPECT_EQ(backend->state(), BackendState::waiting);
   EXPECT_EQ(backend->hierarchy(), 0);
-  backend->setUserInfoDict(Dictionary{});
+  backend->setUserInfoDict(shared(Dictionary{}));
   backend->updateState();
   EXPECT_EQ(backend->state(), BackendState::sending);
 }
@@ -247,7 +247,7 @@ TEST_F(ReportingStateTest, FiltersAreRequired) {
 TEST_F(ReportingStateTest, AnEmptyFilterListKeepsTheFiltersBefore) {
   const auto backend =
       makeFor(Array{openEntryWith("client", "player"), openEntryWith("filters", Array{})});
-  backend->setUserInfoDict(Dictionary{{"_clientName", "other"}});
+  backend->setUserInfoDict(shared(Dictionary{{"_clientName", "other"}}));
   backend->updateState();
   Dictionary record{{"secret", 1}, {"open", 2}};
   backend->filterEvent(record);
@@ -258,7 +258,7 @@ TEST_F(ReportingStateTest, NewFiltersReplaceTheOldOnes) {
   const auto backend = makeFor(
       Array{openEntryWith("client", "player"),
             openEntryWith("filters", Array{Dictionary{{"key", "open"}, {"action", "remove"}}})});
-  backend->setUserInfoDict(Dictionary{{"_clientName", "other"}});
+  backend->setUserInfoDict(shared(Dictionary{{"_clientName", "other"}}));
   backend->updateState();
   Dictionary record{{"secret", 1}, {"open", 2}};
   backend->filterEvent(record);
@@ -296,7 +296,7 @@ TEST_F(ReportingStateTest, ARefusalLeavesTheEarlierSettings) {
   const auto backend =
       makeFor(Array{openEntryWith("client", "player"),
                     Dictionary{{"post_url", "https://refused.test"}, {"sampling_threshold", 0.1}}});
-  backend->setUserInfoDict(Dictionary{{"_clientName", "other"}});
+  backend->setUserInfoDict(shared(Dictionary{{"_clientName", "other"}}));
   backend->updateState();
   EXPECT_EQ(backend->state(), BackendState::disabled) << "no country list";
   EXPECT_EQ(backend->postURL(), batchURL);

@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "backends/metrix/MetrixBackend.h"
+#include "tests/fakes/TestIdentity.h"
 #include "tests/fakes/TestPlatform.h"
 
 namespace corvid {
@@ -25,7 +26,7 @@ class MetrixBackendTest : public testing::Test {
     return type;
   }
   static std::shared_ptr<MetrixBackend> make(std::int32_t clientType = 7) {
-    return MetrixBackend::initWithName("metrix", &profile, "Robin", clientType);
+    return MetrixBackend::initWithName("metrix", &profile, shared({.compType = clientType}));
   }
   // As sessions do.
   static std::optional<std::string> send(CorvidBackend& backend, const Dictionary* payload) {
@@ -63,7 +64,7 @@ TEST_F(MetrixBackendTest, ARefusedClientTypeHasNoBackendAndALineSaysSo) {
 
 TEST_F(MetrixBackendTest, WithoutAClientTypeThereIsNeverABackend) {
   installAdaptor();
-  EXPECT_EQ(MetrixBackend::initWithName("metrix", &profile, "Robin"), nullptr);
+  EXPECT_EQ(MetrixBackend::initWithName("metrix", &profile, shared()), nullptr);
   EXPECT_THAT(
       errors(),
       ElementsAre("MetrixBackend(initWithName): No matching bundle found for client type 0"));
@@ -165,10 +166,10 @@ TEST_F(MetrixBackendTest, TheOperationIsLookedForAtEachEvent) {
 }
 
 TEST_F(MetrixBackendTest, AProfileThatIsNoDictionaryIsAsGoodAsAny) {
-  const auto backend = MetrixBackend::initWithName("metrix", nullptr, std::nullopt, 7);
+  const auto backend = MetrixBackend::initWithName("metrix", nullptr, shared({.compType = 7}));
   ASSERT_NE(backend, nullptr);
   EXPECT_EQ(backend->name(), "metrix");
-  EXPECT_EQ(backend->productFamily(), std::nullopt);
+  EXPECT_EQ(backend->identity().productFamily, std::nullopt);
 }
 
 TEST_F(MetrixBackendTest, TheRestIsTheBases) {

@@ -15,6 +15,7 @@
 #include "backends/upload/UploadBackend.h"
 #include "protocol/Limits.h"
 #include "tests/fakes/FakeGrantedFile.h"
+#include "tests/fakes/TestIdentity.h"
 #include "tests/fakes/TestPlatform.h"
 
 namespace {
@@ -63,11 +64,10 @@ class UploadBackendTest : public testing::Test {
     EXPECT_EQ(platform.extensionTokens->handles(), 0u);
   }
 
-  void make(const Dictionary& profile) {
-    backend = UploadBackend::initWithName("uploadServer", &profile, "Robin");
-    if (!backend) return;
-    backend->setUdid(udid);
-    backend->setSessionID(4000000000);
+  void make(const Dictionary& profile, std::optional<std::string> identifier = udid) {
+    backend = UploadBackend::initWithName(
+        "uploadServer", &profile,
+        shared({.sessionID = 4000000000, .udid = identifier, .productFamily = "Robin"}));
   }
   void reply(const std::string& body, int status = 200) {
     platform.http->answerWith(
@@ -104,7 +104,7 @@ TEST_F(UploadBackendTest, TakesItsAddressesFromTheProfile) {
   EXPECT_EQ(backend->uploadURL(), "https://up.test/put");
   EXPECT_EQ(backend->displayURL(), "https://up.test");
   EXPECT_EQ(backend->name(), "uploadServer");
-  EXPECT_EQ(backend->productFamily(), "Robin");
+  EXPECT_EQ(backend->identity().productFamily, "Robin");
   make({{"post_url", "https://up.test/put"}, {"display_url", 7}});
   EXPECT_EQ(backend->displayURL(), std::nullopt);
 }
@@ -114,7 +114,7 @@ TEST_F(UploadBackendTest, IsNotCreatedWithoutAPostURL) {
   const Dictionary wrong{{"post_url", 7}};
   for (const Dictionary* profile : {static_cast<const Dictionary*>(nullptr), &empty, &wrong}) {
     platform.log.clear();
-    EXPECT_EQ(UploadBackend::initWithName("uploadServer", profile, "Robin"), nullptr);
+    EXPECT_EQ(UploadBackend::initWithName("uploadServer", profile, shared()), nullptr);
     EXPECT_THAT(errors(),
                 ElementsAre("UploadBackend(initWithName): can't resolve upload post URL."));
   }
@@ -175,8 +175,7 @@ TEST_F(UploadBackendTest, TheLastPartOfThePathIsTheName) {
 }
 
 TEST_F(UploadBackendTest, AnAbsentIdentifierIsWrittenAsSuch) {
-  make({{"post_url", "https://up.test/put"}});
-  backend->setUdid(nullptr);
+  make({{"post_url", "https://up.test/put"}}, std::nullopt);
   EXPECT_TRUE(upload());
   EXPECT_THAT(url(), ::testing::HasSubstr("?uuid=(null)&sequence="));
 }

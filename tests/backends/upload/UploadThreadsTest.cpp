@@ -7,6 +7,7 @@
 
 #include "backends/upload/UploadBackend.h"
 #include "tests/fakes/FakeGrantedFile.h"
+#include "tests/fakes/TestIdentity.h"
 #include "tests/fakes/TestPlatform.h"
 #include "tests/support/Waiting.h"
 
@@ -17,7 +18,7 @@ class UploadThreadsTest : public testing::Test {
  protected:
   std::shared_ptr<UploadBackend> make() const {
     const Dictionary profile{{"post_url", "https://up.test/put"}};
-    return UploadBackend::initWithName("uploadServer", &profile, "Robin");
+    return UploadBackend::initWithName("uploadServer", &profile, shared());
   }
   // Until so many exchanges wait for their reply; false where they do not come.
   bool awaitWaiting(std::size_t count) const {

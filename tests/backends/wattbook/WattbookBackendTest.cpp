@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "backends/wattbook/WattbookBackend.h"
+#include "tests/fakes/TestIdentity.h"
 #include "tests/fakes/TestPlatform.h"
 
 namespace corvid {
@@ -14,7 +15,7 @@ class WattbookBackendTest : public testing::Test {
   TestPlatform platform;
   const Dictionary profile{{"active", true}};
   const std::shared_ptr<WattbookBackend> backend =
-      WattbookBackend::initWithName("wattbook", &profile, "Robin");
+      WattbookBackend::initWithName("wattbook", &profile, shared());
   const TimeValue time{1'700'000'000, 0};
 };
 
@@ -61,7 +62,7 @@ TEST_F(WattbookBackendTest, TheEntryOfSessionsDoesNotReachThePowerLog) {
 }
 
 TEST_F(WattbookBackendTest, AnyProfileWillDo) {
-  const auto other = WattbookBackend::initWithName("wattbook", nullptr, std::nullopt);
+  const auto other = WattbookBackend::initWithName("wattbook", nullptr, shared());
   ASSERT_NE(other, nullptr);
   EXPECT_EQ(other->name(), "wattbook");
 }
