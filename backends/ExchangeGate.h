@@ -1,4 +1,4 @@
-// Bounds how many HTTP exchanges of one owner are under way, and what they keep in memory.
+// Bounds what the HTTP exchanges of one owner that are under way keep in memory.
 //
 // Why: a client may produce events faster than their server takes them. It waits here, on its own
 // thread, before it fills the HTTP client's queue, which many owners share. All backends that a
@@ -21,29 +21,22 @@ class ExchangeGate : public std::enable_shared_from_this<ExchangeGate> {
   // Leaves the gate when its last copy goes.
   using Pass = std::shared_ptr<void>;
 
-  // Far below what the HTTP client's queue takes.
-  static constexpr std::size_t clientLimit = 32;
   static constexpr std::size_t clientByteLimit = std::size_t{16} << 20;
 
-  // `limit`: 1 or more.
-  explicit ExchangeGate(std::size_t limit = clientLimit, std::size_t byteLimit = clientByteLimit)
-      : _limit(limit), _byteLimit(byteLimit) {}
+  explicit ExchangeGate(std::size_t byteLimit = clientByteLimit) : _byteLimit(byteLimit) {}
 
-  // Waits until fewer than `limit` passes are out and the `bytes` that the exchange keeps fit
-  // beside theirs, or no pass is out; at most `patience`. After that the pass is given all the
-  // same, so that a stuck exchange costs its owner time and never an event.
-  Pass enter(std::chrono::milliseconds patience, std::size_t bytes = 0) EXCLUDES(_lock);
-  std::size_t passesOut() const EXCLUDES(_lock);
+  // Waits until the `bytes` that the exchange keeps fit beside those of the others, or there are no
+  // others; at most `patience`. After that the pass is given all the same, so that a stuck exchange
+  // costs its owner time and never an event.
+  Pass enter(std::chrono::milliseconds patience, std::size_t bytes) EXCLUDES(_lock);
+  std::size_t bytesOut() const EXCLUDES(_lock);
 
  private:
-  bool hasRoomFor(std::size_t bytes) const REQUIRES(_lock);
   void leave(std::size_t bytes) EXCLUDES(_lock);
 
-  const std::size_t _limit;
   const std::size_t _byteLimit;
   mutable Mutex _lock;
   std::condition_variable_any _left;
-  std::size_t _passesOut GUARDED_BY(_lock) = 0;
   std::size_t _bytesOut GUARDED_BY(_lock) = 0;
 };
 

@@ -107,6 +107,15 @@ FilterAction EventFilters::actionFor(std::string_view key, std::int32_t method,
   return FilterAction::keep;
 }
 
+bool EventFilters::ignoreMethodsFor(const Dictionary& keys) const {
+  return std::ranges::none_of(keys, [&](const Dictionary::Entry& entry) {
+    const auto found = _filters.find(std::string_view(entry.key));
+    return found != _filters.end() && !std::ranges::all_of(found->second, [](const filterTag& tag) {
+             return tag.method < 0 && tag.status < 0;
+           });
+  });
+}
+
 void EventFilters::apply(Dictionary& record) const {
   if (_numberOfFilters == 0) return;
   const std::int32_t method = int32At(record, "_method");

@@ -39,6 +39,9 @@ class EventFilters {
   // As many as the array had items.
   std::size_t numberOfFilters() const { return _numberOfFilters; }
 
+  // Whether what becomes of these keys is the same in records of every method and status.
+  bool ignoreMethodsFor(const Dictionary& keys) const;
+
   // Removes and replaces values of `record` in place. The record's "_method" and "_status" decide
   // which filters apply; they are 0 where they are missing.
   void apply(Dictionary& record) const;

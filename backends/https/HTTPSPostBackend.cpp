@@ -1,11 +1,16 @@
-// Creation and simple properties.
 #include "backends/https/HTTPSPostBackend.h"
+
+#include <fmt/format.h>
 
 #include <utility>
 
+#include "base/Describe.h"
 #include "base/Log.h"
 #include "base/Reading.h"
+#include "config/Environment.h"
+#include "config/Identifiers.h"
 #include "platform/Platform.h"
+#include "platform/data/JSON.h"
 
 namespace corvid {
 
@@ -20,6 +25,27 @@ std::optional<std::string> userDefaultText(std::string_view key) {
 bool userDefaultFlag(std::string_view key) {
   const std::optional<Value> value = Platform::current().preferences().value(corvidSuite, key);
   return asBoolean(value ? &*value : nullptr).value_or(false);
+}
+
+// What holds before the storebag was looked at.
+ClientPolicy policyOfPreferences(bool batchEvents) {
+  ClientPolicy policy;
+  policy.postURL = userDefaultText("httpsPostURL");
+  policy.realtimePostURL = userDefaultText("httpsRealtimePostURL");
+  policy.useDefaultPostURL = policy.postURL.has_value();
+  policy.useDefaultRealtimePostURL = policy.realtimePostURL.has_value();
+  policy.batchEvents = batchEvents;
+  if (policy.postURL)
+    logDebug("HTTPSPostBackend(initWithName): Using user default '{}' for postURL",
+             *policy.postURL);
+  if (policy.realtimePostURL)
+    logDebug("HTTPSPostBackend(initWithName): Using user default '{}' for realtimePostURL",
+             *policy.realtimePostURL);
+  return policy;
+}
+
+std::optional<std::string> copyOf(const std::string* text) {
+  return text ? std::optional(*text) : std::nullopt;
 }
 
 }  // namespace
@@ -42,36 +68,277 @@ HTTPSPostBackend::HTTPSPostBackend(Token, const std::string& name, const Diction
       _uuidRespectDnu(Platform::current().consent().getPersistentIdentifierForDNU(true)),
       _uuidOverrideDnu(Platform::current().consent().getPersistentIdentifierForDNU(false)),
       _forceEventLogging(userDefaultFlag("forceEventLogging")),
-      _postURL(userDefaultText("httpsPostURL")),
-      _realtimePostURL(userDefaultText("httpsRealtimePostURL")),
-      _useDefaultPostURL(_postURL.has_value()),
-      _useDefaultRealtimePostURL(_realtimePostURL.has_value()),
-      _batchEvents(identity->batchEvents) {
-  if (_postURL)
-    logDebug("HTTPSPostBackend(initWithName): Using user default '{}' for postURL", *_postURL);
-  if (_realtimePostURL)
-    logDebug("HTTPSPostBackend(initWithName): Using user default '{}' for realtimePostURL",
-             *_realtimePostURL);
+      _poster(name, identity),
+      _policy(policyOfPreferences(identity->batchEvents)) {}
+
+BackendState HTTPSPostBackend::updateBackendState() {
+  const SharedDictionary userInfo = userInfoDict();
+  const PolicyFacts facts{.requireUserInfo = identity().requireUserInfo,
+                          .userInfo = userInfo.get(),
+                          .consent = _dnuEnabled,
+                          .country = Platform::current().locale().countryCode(),
+                          .productFamily = identity().productFamily,
+                          .hardwareType = identity().hardwareType,
+                          .samplingFactor = samplingFactor()};
+  PolicyDecision decision;
+  {
+    const MutexLock lock(_lock);
+    decision = decide(_profile, facts, _policy);
+  }
+  logRules(decision, facts);
+  if (decision.wantsCustomIdentifier)
+    decision.policy.uuidCustom = getPersistentIdentifierForCustomClientIDSuffix(
+        copyOf(facts.clientName()), copyOf(facts.serviceID()));
+  logMatch(decision, facts, _name);
+
+  if (decision.hierarchy) setHierarchy(*decision.hierarchy);
+  const MutexLock lock(_lock);
+  if (decision.wasSampled) _samplingThreshold = decision.samplingThreshold;
+  _policy = std::move(decision.policy);
+  return decision.state;
+}
+
+std::optional<std::string> HTTPSPostBackend::sendMessage(const Dictionary* payload,
+                                                         const TimeValue& timestamp,
+                                                         std::uint16_t method,
+                                                         std::uint16_t respCode, EventID,
+                                                         MessageFlag flag) {
+  if (state() == BackendState::disabled) return std::nullopt;
+  const Event event{payload, timestamp, method, respCode};
+  if (event.isSessionStop()) {
+    logDebug(
+        "HTTPSPostBackend(sendMessage): Adding dnu type and sampling threshold to SESSION_TYPE_STOP message dictionary");
+    if (payload == nullptr)
+      logError("HTTPSPostBackend(sendMessage): SESSION_TYPE_STOP message dictionary is nil");
+  }
+  const bool realtime = isRealtime(flag);
+  Dictionary record;
+  bool atOnce = false;
+  bool flushFirst = false;
+  bool held = false;
+  Records displaced;
+  {
+    // Held until the record is in the batch: a new combined session ID reaches every record.
+    const MutexLock lock(_lock);
+    record = recordOf(event);
+    if (liftsHeld(flag)) {
+      // A server's answer may disable the backend at the same time and must not be overwritten.
+      BackendState before = BackendState::held;
+      _state.compare_exchange_strong(before, BackendState::sending);
+    }
+    logDebug("HTTPSPostBackend(sendMessage): realtime is {}", static_cast<int>(realtime));
+    const BackendState now = state();
+    atOnce = now != BackendState::waiting && now != BackendState::held &&
+             (realtime || !_policy.batchEvents) && !lacksUserInfo();
+    flushFirst = now == BackendState::sending && realtime && _batchedEvents;
+    if (!atOnce) {
+      logDebug("HTTPSPostBackend(sendMessage): Batching {}, {}, {}", static_cast<int>(now),
+               static_cast<int>(_policy.batchEvents), static_cast<int>(identity().requireUserInfo));
+      held = batchEvent(record, displaced);
+    }
+  }
+  if (atOnce) return sendAtOnce(std::move(record), event, flag, flushFirst);
+  if (!held) return flushAtThreshold(std::move(record));
+  if (!displaced.empty()) return postBatch(std::move(displaced), nullptr);
+  return std::nullopt;
+}
+
+Dictionary HTTPSPostBackend::recordOf(const Event& event) const {
+  Dictionary record =
+      createEventDictfromPayload(event, {.identity = identity(),
+                                         .policy = _policy,
+                                         .samplingThreshold = _samplingThreshold,
+                                         .combinedSessionID = _combinedSessionIDString,
+                                         .eventID = _eventID.load(),
+                                         .userInfo = _userInfoDict.get()});
+  prepareEventForMessage(record, _userInfoDict.get(), *_policy.filters);
+  return record;
+}
+
+std::optional<std::string> HTTPSPostBackend::sendAtOnce(Dictionary record, const Event& event,
+                                                        MessageFlag flag, bool flushFirst) {
+  std::optional<std::string> flushed;
+  if (flushFirst) {
+    logDebug(
+        "HTTPSPostBackend(sendMessage): Got a realtime event and some events have already been batched. Forcing Flush here to keep events in order.");
+    flushed = flushMessagesWithCompletion(nullptr);
+  }
+  logDebug("HTTPSPostBackend(sendMessage): Sending {}, {}, {}", static_cast<int>(state()),
+           static_cast<int>(batchEvents()), static_cast<int>(identity().requireUserInfo));
+  Records records;
+  records.push_back(std::move(record));
+  std::optional<Message> message = messageOf(std::move(records));
+  if (!message) return std::nullopt;
+  if (flushed)
+    message->logText = fmt::format("Flushed events:\n{}\nStandalone event:\n{}", *flushed,
+                                   orNull(message->logText));
+  post(std::move(message->text), flag, PostEnvelope::EventCodes{event.method, event.respCode},
+       nullptr, 0);
+  return std::move(message->logText);
+}
+
+bool HTTPSPostBackend::batchEvent(Dictionary& record, Records& displaced) {
+  const std::int32_t method = int32At(record, "_method");
+  if (!_batchedEvents) _batchedEvents.emplace();
+  if (_eventMethodCounts.of(method) > _policy.eventThreshold) return false;
+  const std::size_t bytes = footprint(record);
+  if (_batchedEvents->overflowsWith(bytes) && state() == BackendState::sending &&
+      !lacksUserInfo()) {
+    logDebug("HTTPSPostBackend(batchEvent): Flushing all batched events as the batch is full");
+    takeBatch(displaced);
+  }
+  hold(std::move(record), bytes);
+  _eventMethodCounts.increment(method);
+  return true;
+}
+
+std::optional<std::string> HTTPSPostBackend::flushAtThreshold(Dictionary record) {
+  const std::int32_t method = int32At(record, "_method");
+  logDebug(
+      "HTTPSPostBackend(batchEvent): Flushing all batched events as we reached event threshold for method {}",
+      method);
+  std::optional<std::string> text = flushMessagesWithCompletion(nullptr);
+  const MutexLock lock(_lock);
+  // A flush leaves no batch, except where it refuses; the event that forced it goes with the batch.
+  if (_batchedEvents) {
+    const std::size_t bytes = footprint(record);
+    hold(std::move(record), bytes);
+  }
+  _eventMethodCounts.set(method, 1);
+  return text;
+}
+
+void HTTPSPostBackend::hold(Dictionary record, std::size_t bytes) {
+  if (!_batchedEvents) _batchedEvents.emplace();
+  const bool droppedBefore = _batchedEvents->dropped() > 0;
+  _batchedEvents->add(std::move(record), bytes, {_userInfoDict, _policy.filters});
+  if (!droppedBefore && _batchedEvents->dropped() > 0)
+    logError(
+        "HTTPSPostBackend(batchEvent): backend {} holds {} events and may not flush them; the oldest are dropped until it may",
+        _name, _batchedEvents->size());
+}
+
+void HTTPSPostBackend::closeBatch() {
+  if (_batchedEvents->dropped() > 0)
+    logError("HTTPSPostBackend(batchEvent): backend {} dropped {} events of a full batch", _name,
+             _batchedEvents->dropped());
+  _batchedEvents.reset();
+}
+
+std::optional<std::string> HTTPSPostBackend::flushMessagesWithCompletion(
+    FlushCompletion completion) {
+  Records records;
+  std::optional<CorvidError> refusal;
+  {
+    const MutexLock lock(_lock);
+    refusal = takeBatch(records);
+  }
+  if (refusal) {
+    if (completion) completion(std::nullopt, std::move(refusal));
+    return std::nullopt;
+  }
+  return postBatch(std::move(records), std::move(completion));
+}
+
+std::optional<CorvidError> HTTPSPostBackend::takeBatch(Records& records) {
+  if (!_batchedEvents) return nothingToFlush();
+  if (state() != BackendState::sending) {
+    closeBatch();
+    return nothingToFlush();
+  }
+  if (lacksUserInfo()) return CorvidError::of(-1, "Can not flush: userInfo is required");
+  logDebug("HTTPSPostBackend(flushMessagesWithCompletion): called");
+  if (_userInfoDict) _batchedEvents->addUserInfo({_userInfoDict, _policy.filters});
+  records = _batchedEvents->take();
+  closeBatch();
+  _eventMethodCounts.clear();
+  return std::nullopt;
+}
+
+std::optional<std::string> HTTPSPostBackend::postBatch(Records records,
+                                                       FlushCompletion completion) {
+  std::optional<Message> message = messageOf(std::move(records));
+  if (!message) {
+    if (completion) completion(std::nullopt, nothingToFlush());
+    return std::nullopt;
+  }
+  FlushCompletion posted;
+  const std::size_t keptBytes = completion && message->logText ? message->logText->size() : 0;
+  if (completion)
+    posted = [completion = std::move(completion), text = message->logText](
+                 std::optional<std::string>, std::optional<CorvidError> error) {
+      completion(text, std::move(error));
+    };
+  post(std::move(message->text), MessageFlag{0}, std::nullopt, std::move(posted), keptBytes);
+  return std::move(message->logText);
+}
+
+std::optional<HTTPSPostBackend::Message> HTTPSPostBackend::messageOf(Records records) const {
+  std::optional<std::string> identifier;
+  bool isLogged = false;
+  {
+    const MutexLock lock(_lock);
+    identifier = clientIdentifier();
+    isLogged = wantsMessageLog();
+  }
+  auto text =
+      EventPoster::createMessageForPostAndLogging(std::move(records), std::move(identifier));
+  if (!text) return std::nullopt;
+  std::optional<std::string> prettyJsonString;
+  if (isLogged) prettyJsonString = indentedJSON(*text);
+  return Message{*std::move(text), std::move(prettyJsonString)};
+}
+
+std::optional<std::string> HTTPSPostBackend::clientIdentifier() const {
+  if (_policy.extrasOnInternal != 0 && identity().isInternal) return identity().udid;
+  if (_policy.uuidCustom) return _policy.uuidCustom;
+  return _policy.dnuType == DNUType::respected ? _uuidRespectDnu : _uuidOverrideDnu;
+}
+
+bool HTTPSPostBackend::wantsMessageLog() const {
+  if (_policy.dnuType == DNUType::respected && _dnuEnabled) return true;
+  if (!_forceEventLogging) return false;
+  const CorvidEnvironmentType environment = currentEnvironment();
+  return environment == CorvidEnvironmentType::development ||
+         environment == CorvidEnvironmentType::internal;
+}
+
+void HTTPSPostBackend::post(std::string message, MessageFlag flag,
+                            std::optional<PostEnvelope::EventCodes> codes,
+                            FlushCompletion completion, std::size_t keptBytes) {
+  PostEnvelope envelope;
+  {
+    const MutexLock lock(_lock);
+    envelope = {isRealtime(flag) ? _policy.realtimePostURL : _policy.postURL, _userInfoDict, codes};
+  }
+  _poster.postJSONMessage(std::move(message), envelope, weak_from_this(), std::move(completion),
+                          keptBytes);
+}
+
+void HTTPSPostBackend::setCorrelatedSessionID(std::string sessionID) {
+  const MutexLock lock(_lock);
+  if (_batchedEvents) _batchedEvents->setForAll("_sessionID", sessionID);
+  _combinedSessionIDString = std::move(sessionID);
 }
 
 void HTTPSPostBackend::filterEvent(Dictionary& record) const {
-  MutexLock lock(_lock);
-  _filters.apply(record);
+  const MutexLock lock(_lock);
+  _policy.filters->apply(record);
 }
 
 bool HTTPSPostBackend::batchEvents() const {
-  MutexLock lock(_lock);
-  return _batchEvents;
+  const MutexLock lock(_lock);
+  return _policy.batchEvents;
 }
 
 std::optional<std::string> HTTPSPostBackend::postURL() const {
-  MutexLock lock(_lock);
-  return _postURL;
+  const MutexLock lock(_lock);
+  return _policy.postURL;
 }
 
 void HTTPSPostBackend::setPostURL(std::optional<std::string> postURL) {
-  MutexLock lock(_lock);
-  _postURL = std::move(postURL);
+  const MutexLock lock(_lock);
+  _policy.postURL = std::move(postURL);
 }
 
 }  // namespace corvid

@@ -2,27 +2,33 @@
 
 #include <utility>
 
-#include "base/Value.h"
-
 namespace corvid {
 
-bool HeldRecords::overflowsWith(const Dictionary& record) const {
-  return overflows(footprint(record));
-}
-
-void HeldRecords::add(Dictionary record) {
-  const std::size_t bytes = footprint(record);
-  while (overflows(bytes)) dropOldest();
+void HeldRecords::add(Dictionary record, std::size_t bytes, const Making& making) {
+  while (overflowsWith(bytes)) dropOldest();
+  if (_records.empty()) {
+    _making = making;
+    _isUniform = true;
+  } else if (_making != making) {
+    _isUniform = false;
+  }
   _bytes += bytes;
   _records.push_back({std::move(record), bytes});
 }
 
 void HeldRecords::setForAll(const char* key, const Value& value) {
+  _isUniform = false;
   for (Held& held : _records) held.record.set(key, value);
 }
 
-void HeldRecords::makeRoomToGrowBy(std::size_t growth) {
+void HeldRecords::addUserInfo(const Making& making) {
+  // The filters see no method in the user info alone, as they did in the record.
+  if (_isUniform && _making == making && making.filters->ignoreMethodsFor(*making.userInfo)) return;
+  Dictionary userInfo = *making.userInfo;
+  making.filters->apply(userInfo);
+  const std::size_t growth = footprint(userInfo);
   while (_records.size() > 1 && _bytes + _records.size() * growth > messageByteLimit) dropOldest();
+  for (Held& held : _records) held.record.addEntriesFrom(userInfo);
 }
 
 void HeldRecords::dropOldest() {
@@ -31,10 +37,12 @@ void HeldRecords::dropOldest() {
   ++_dropped;
 }
 
-std::vector<Dictionary> HeldRecords::take() && {
+std::vector<Dictionary> HeldRecords::take() {
   std::vector<Dictionary> records;
   records.reserve(_records.size());
   for (Held& held : _records) records.push_back(std::move(held.record));
+  _records.clear();
+  _bytes = 0;
   return records;
 }
 

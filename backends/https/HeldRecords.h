@@ -3,8 +3,11 @@
 
 #include <cstddef>
 #include <deque>
+#include <memory>
+#include <string>
 #include <vector>
 
+#include "backends/https/EventFilters.h"
 #include "base/Value.h"
 
 namespace corvid {
@@ -20,32 +23,42 @@ class HeldRecords {
   // All records of one message, once the user info is in each.
   static constexpr std::size_t messageByteLimit = 8 * byteLimit;
 
-  // Whether adding `record` would drop others.
-  bool overflowsWith(const Dictionary& record) const;
-  void add(Dictionary record);
+  // What a record has got besides its event.
+  struct Making {
+    std::shared_ptr<const Dictionary> userInfo;  // null where there was none
+    std::shared_ptr<const EventFilters> filters;
+    bool operator==(const Making&) const = default;
+  };
+
+  // Whether adding a record of that footprint would drop others.
+  bool overflowsWith(std::size_t bytes) const {
+    return !_records.empty() && (_records.size() >= recordLimit || _bytes + bytes > byteLimit);
+  }
+  void add(Dictionary record, std::size_t bytes, const Making& making);
   void setForAll(const char* key, const Value& value);
-  // Drops the oldest until all, each grown by `growth` bytes, stay within `messageByteLimit`.
-  void makeRoomToGrowBy(std::size_t growth);
+  // Gives each record the user info, filtered, whose values win; a record that has just this one
+  // already stays as it is. Where all would grow past `messageByteLimit` the oldest are dropped.
+  void addUserInfo(const Making& making);
+  // Leaves none.
+  std::vector<Dictionary> take();
 
   // How many records were dropped so far.
   std::size_t dropped() const { return _dropped; }
   std::size_t size() const { return _records.size(); }
-  std::vector<Dictionary> take() &&;
 
  private:
   struct Held {
     Dictionary record;
     std::size_t bytes;
   };
-  bool overflows(std::size_t bytes) const {
-    return !_records.empty() && (_records.size() >= recordLimit || _bytes + bytes > byteLimit);
-  }
 
   void dropOldest();
 
   std::deque<Held> _records;
   std::size_t _bytes = 0;
   std::size_t _dropped = 0;
+  Making _making;          // of the first record
+  bool _isUniform = true;  // it is that of all, and none was rewritten
 };
 
 }  // namespace corvid

@@ -1,5 +1,4 @@
 #include <fmt/format.h>
-#include <rapidjson/prettywriter.h>
 #include <rapidjson/writer.h>
 
 #include <algorithm>
@@ -99,16 +98,15 @@ rapidjson::SizeType sizeOf(std::string_view text) {
 
 // Adds to a writer of the library what it lacks: shortest numbers, and a short way for the plain
 // texts that nearly all keys and values are.
-template <class Base>
-class ValueWriter final : public Base {
+class ValueWriter final : public rapidjson::Writer<TextStream> {
  public:
-  explicit ValueWriter(TextStream& stream) : Base(stream) {}
+  explicit ValueWriter(TextStream& stream) : Writer(stream) {}
 
   bool write(const Dictionary& dictionary) {
-    this->StartObject();
+    StartObject();
     for (const auto& [key, value] : dictionary)
       if (!writeString(key) || !write(value)) return false;
-    return this->EndObject();
+    return EndObject();
   }
 
  private:
@@ -116,8 +114,8 @@ class ValueWriter final : public Base {
 
   bool write(const Value& value) {
     switch (value.type()) {
-      case Value::Type::null: return this->Null();
-      case Value::Type::boolean: return this->Bool(*value.boolean());
+      case Value::Type::null: return Null();
+      case Value::Type::boolean: return Bool(*value.boolean());
       case Value::Type::integer: return writeInteger(*value.integer());
       case Value::Type::real: return writeReal(*value.real());
       case Value::Type::string: return writeString(*value.string());
@@ -130,63 +128,81 @@ class ValueWriter final : public Base {
   }
 
   bool write(const Array& array) {
-    this->StartArray();
+    StartArray();
     for (const Value& value : array)
       if (!write(value)) return false;
-    return this->EndArray();
+    return EndArray();
   }
 
   bool writeString(std::string_view text) {
-    prefix(rapidjson::kStringType);
-    char* out = this->os_->Push(text.size() + 2);
+    Prefix(rapidjson::kStringType);
+    char* out = os_->Push(text.size() + 2);
     out[0] = out[text.size() + 1] = '"';
     if (copyPlain(text, out + 1)) return true;
-    this->os_->Pop(text.size() + 2);
-    return isValidUTF8(text) && this->WriteString(text.data(), sizeOf(text));
+    os_->Pop(text.size() + 2);
+    return isValidUTF8(text) && WriteString(text.data(), sizeOf(text));
   }
 
   bool writeInteger(std::int64_t number) {
-    prefix(rapidjson::kNumberType);
-    char* out = this->os_->Push(room);
+    Prefix(rapidjson::kNumberType);
+    char* out = os_->Push(room);
     const char* end = rapidjson::internal::i64toa(number, out);
-    this->os_->Pop(room - static_cast<std::size_t>(end - out));
+    os_->Pop(room - static_cast<std::size_t>(end - out));
     return true;
   }
 
   bool writeReal(double number) {
     if (!std::isfinite(number)) return false;
-    prefix(rapidjson::kNumberType);
-    char* out = this->os_->Push(room);
+    Prefix(rapidjson::kNumberType);
+    char* out = os_->Push(room);
     char* end = fmt::format_to(out, "{}", number);
     // What would read as an integer gets a fraction: a real stays one.
     if (std::fabs(number) < 1e16 && number == std::trunc(number)) *end++ = '.', *end++ = '0';
-    this->os_->Pop(room - static_cast<std::size_t>(end - out));
+    os_->Pop(room - static_cast<std::size_t>(end - out));
     return true;
   }
-
-  void prefix(rapidjson::Type type) {
-    if constexpr (requires { this->PrettyPrefix(type); })
-      this->PrettyPrefix(type);
-    else
-      this->Prefix(type);
-  }
 };
-
-template <class Base>
-std::optional<std::string> textOf(const Dictionary& object) {
-  TextStream stream;
-  if (!ValueWriter<Base>(stream).write(object)) return std::nullopt;
-  return stream.take();
-}
 
 }  // namespace
 
 std::optional<std::string> writeJSON(const Dictionary& object) {
-  return textOf<rapidjson::Writer<TextStream>>(object);
+  TextStream stream;
+  if (!ValueWriter(stream).write(object)) return std::nullopt;
+  return stream.take();
 }
 
-std::optional<std::string> writePrettyJSON(const Dictionary& object) {
-  return textOf<rapidjson::PrettyWriter<TextStream>>(object);
+std::string indentedJSON(std::string_view compact) {
+  constexpr std::size_t step = 4;
+  std::string text;
+  text.reserve(compact.size() + compact.size() / 2);
+  std::size_t indent = 0;
+  const auto newLine = [&] { text.append(1, '\n').append(indent, ' '); };
+  for (std::size_t at = 0; at < compact.size(); ++at) {
+    const char c = compact[at];
+    if (c == '"') {
+      std::size_t end = at + 1;
+      while (compact[end] != '"') end += compact[end] == '\\' ? 2 : 1;
+      text.append(compact.substr(at, end + 1 - at));
+      at = end;
+    } else if (c == '{' || c == '[') {
+      text.push_back(c);
+      if (compact[at + 1] == c + 2) {  // the closing one: there is nothing inside
+        text.push_back(compact[++at]);
+        continue;
+      }
+      indent += step;
+      newLine();
+    } else if (c == '}' || c == ']') {
+      indent -= step;
+      newLine();
+      text.push_back(c);
+    } else {
+      text.push_back(c);
+      if (c == ',') newLine();
+      if (c == ':') text.push_back(' ');
+    }
+  }
+  return text;
 }
 
 }  // namespace corvid

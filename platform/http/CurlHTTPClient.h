@@ -46,9 +46,11 @@ class CurlHTTPClient final : public HTTPClient {
  public:
   static constexpr std::size_t mostConnections = 32;
   static constexpr std::size_t mostConnectionsPerHost = 8;
-  static constexpr std::size_t mostWaitingExchanges = 8192;
-  // Of what waits; one that finds less waiting is let in whatever its size.
-  static constexpr std::size_t mostWaitingBytes = 8 * 1024 * 1024;
+  // Of what waits. So large that one owner who keeps to 16 MiB, a kilobyte at least each, fills no
+  // more than the share of a host.
+  static constexpr std::size_t mostWaitingExchanges = 65'536;
+  // One exchange that finds less waiting is let in whatever its size.
+  static constexpr std::size_t mostWaitingBytes = 64 * 1024 * 1024;
   // The share of a host in both, as in connections: hosts that do not answer leave room for others.
   static constexpr std::size_t hostsThatFillTheQueue = mostConnections / mostConnectionsPerHost;
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "backends/ExchangeGate.h"
+#include "tests/fakes/TestPlatform.h"
 
 namespace corvid {
 namespace {
@@ -13,36 +14,40 @@ namespace {
 using std::chrono::milliseconds;
 constexpr milliseconds longPatience{20'000};
 
-TEST(ExchangeGate, LetsAsManyInAsItsLimit) {
-  const auto gate = std::make_shared<ExchangeGate>(3);
+struct ExchangeGateTest : testing::Test {
+  TestPlatform platform;
+};
+
+TEST_F(ExchangeGateTest, LetsInWhatFitsHoweverMany) {
+  const auto gate = std::make_shared<ExchangeGate>(3000);
   std::vector<ExchangeGate::Pass> passes;
-  for (int i = 0; i < 3; ++i) passes.push_back(gate->enter(longPatience));
-  EXPECT_EQ(gate->passesOut(), 3u);
+  for (int i = 0; i < 3000; ++i) passes.push_back(gate->enter(longPatience, 1));
+  EXPECT_EQ(gate->bytesOut(), 3000u);
 }
 
-TEST(ExchangeGate, APassLeavesOnceWhenItsLastCopyGoes) {
+TEST_F(ExchangeGateTest, APassLeavesOnceWhenItsLastCopyGoes) {
   const auto gate = std::make_shared<ExchangeGate>(1);
-  ExchangeGate::Pass pass = gate->enter(longPatience);
+  ExchangeGate::Pass pass = gate->enter(longPatience, 1);
   ExchangeGate::Pass copy = pass;
   pass.reset();
-  EXPECT_EQ(gate->passesOut(), 1u);
+  EXPECT_EQ(gate->bytesOut(), 1u);
   copy.reset();
-  EXPECT_EQ(gate->passesOut(), 0u);
+  EXPECT_EQ(gate->bytesOut(), 0u);
 }
 
-TEST(ExchangeGate, AtTheLimitTheNextWaitsUntilOneLeaves) {
+TEST_F(ExchangeGateTest, AtTheLimitTheNextWaitsUntilOneLeaves) {
   const auto gate = std::make_shared<ExchangeGate>(1);
-  ExchangeGate::Pass first = gate->enter(longPatience);
-  auto second = std::async(std::launch::async, [&] { return gate->enter(longPatience); });
+  ExchangeGate::Pass first = gate->enter(longPatience, 1);
+  auto second = std::async(std::launch::async, [&] { return gate->enter(longPatience, 1); });
   EXPECT_EQ(second.wait_for(milliseconds(20)), std::future_status::timeout);
   first.reset();
   ASSERT_EQ(second.wait_for(longPatience), std::future_status::ready);
   const ExchangeGate::Pass pass = second.get();
-  EXPECT_EQ(gate->passesOut(), 1u);
+  EXPECT_EQ(gate->bytesOut(), 1u);
 }
 
-TEST(ExchangeGate, WhatDoesNotFitBesideTheOthersWaitsUntilItDoes) {
-  const auto gate = std::make_shared<ExchangeGate>(8, 100);
+TEST_F(ExchangeGateTest, WhatDoesNotFitBesideTheOthersWaitsUntilItDoes) {
+  const auto gate = std::make_shared<ExchangeGate>(100);
   ExchangeGate::Pass large = gate->enter(longPatience, 60);
   const ExchangeGate::Pass fits = gate->enter(longPatience, 40);
   auto next = std::async(std::launch::async, [&] { return gate->enter(longPatience, 1); });
@@ -52,8 +57,8 @@ TEST(ExchangeGate, WhatDoesNotFitBesideTheOthersWaitsUntilItDoes) {
   EXPECT_TRUE(next.get());
 }
 
-TEST(ExchangeGate, WhatFitsPassesThatWhichStillWaits) {
-  const auto gate = std::make_shared<ExchangeGate>(8, 100);
+TEST_F(ExchangeGateTest, WhatFitsPassesThatWhichStillWaits) {
+  const auto gate = std::make_shared<ExchangeGate>(100);
   ExchangeGate::Pass first = gate->enter(longPatience, 50);
   ExchangeGate::Pass second = gate->enter(longPatience, 50);
   auto large = std::async(std::launch::async, [&] { return gate->enter(longPatience, 60); });
@@ -67,8 +72,8 @@ TEST(ExchangeGate, WhatFitsPassesThatWhichStillWaits) {
   ASSERT_EQ(large.wait_for(longPatience), std::future_status::ready);
 }
 
-TEST(ExchangeGate, WhatIsPastTheLimitByItselfGoesAlone) {
-  const auto gate = std::make_shared<ExchangeGate>(8, 100);
+TEST_F(ExchangeGateTest, WhatIsPastTheLimitByItselfGoesAlone) {
+  const auto gate = std::make_shared<ExchangeGate>(100);
   ExchangeGate::Pass alone = gate->enter(longPatience, 1000);
   auto next = std::async(std::launch::async, [&] { return gate->enter(longPatience, 0); });
   EXPECT_EQ(next.wait_for(milliseconds(20)), std::future_status::timeout);
@@ -76,17 +81,21 @@ TEST(ExchangeGate, WhatIsPastTheLimitByItselfGoesAlone) {
   ASSERT_EQ(next.wait_for(longPatience), std::future_status::ready);
 }
 
-TEST(ExchangeGate, WhenPatienceEndsThePassIsGivenAllTheSame) {
+TEST_F(ExchangeGateTest, WhenPatienceEndsThePassIsGivenAllTheSame) {
   const auto gate = std::make_shared<ExchangeGate>(1);
-  const ExchangeGate::Pass first = gate->enter(longPatience);
-  const ExchangeGate::Pass second = gate->enter(milliseconds(0));
-  EXPECT_TRUE(second);
-  EXPECT_EQ(gate->passesOut(), 2u);
+  const ExchangeGate::Pass first = gate->enter(longPatience, 1);
+  EXPECT_TRUE(gate->enter(milliseconds(0), 1));
+  auto second = std::async(std::launch::async, [&] { return gate->enter(longPatience, 1); });
+  EXPECT_TRUE(platform.clock->awaitSleeper(longPatience));
+  platform.clock->advance(longPatience - milliseconds(1));
+  EXPECT_EQ(second.wait_for(milliseconds(20)), std::future_status::timeout);
+  platform.clock->advance(milliseconds(1));
+  EXPECT_TRUE(second.get());
 }
 
-TEST(ExchangeGate, PassesOutliveTheOwnersHold) {
+TEST_F(ExchangeGateTest, PassesOutliveTheOwnersHold) {
   auto gate = std::make_shared<ExchangeGate>(1);
-  ExchangeGate::Pass pass = gate->enter(longPatience);
+  ExchangeGate::Pass pass = gate->enter(longPatience, 1);
   const std::weak_ptr<ExchangeGate> watched = gate;
   gate.reset();
   EXPECT_FALSE(watched.expired());
@@ -94,7 +103,7 @@ TEST(ExchangeGate, PassesOutliveTheOwnersHold) {
   EXPECT_TRUE(watched.expired());
 }
 
-TEST(ExchangeGate, ManyThreadsNeverExceedTheLimit) {
+TEST_F(ExchangeGateTest, ManyThreadsNeverExceedTheLimit) {
   constexpr int limit = 4;
   const auto gate = std::make_shared<ExchangeGate>(limit);
   std::atomic<int> inside{0};
@@ -103,7 +112,7 @@ TEST(ExchangeGate, ManyThreadsNeverExceedTheLimit) {
   for (int i = 0; i < 8; ++i)
     threads.emplace_back([&] {
       for (int round = 0; round < 200; ++round) {
-        const ExchangeGate::Pass pass = gate->enter(longPatience);
+        const ExchangeGate::Pass pass = gate->enter(longPatience, 1);
         const int now = ++inside;
         int seen = most;
         while (now > seen && !most.compare_exchange_weak(seen, now)) {
@@ -115,7 +124,7 @@ TEST(ExchangeGate, ManyThreadsNeverExceedTheLimit) {
   for (std::thread& thread : threads) thread.join();
   EXPECT_GT(most, 0);
   EXPECT_LE(most, limit);
-  EXPECT_EQ(gate->passesOut(), 0u);
+  EXPECT_EQ(gate->bytesOut(), 0u);
 }
 
 }  // namespace

@@ -14,9 +14,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   const corvid::Dictionary* object = read.value().dictionary();
   if (object == nullptr) return 0;
-  for (const auto& text : {corvid::writeJSON(*object), corvid::writePrettyJSON(*object)}) {
-    if (!text) std::abort();
-    const auto again = corvid::parseJSON(*text);
+  const auto compact = corvid::writeJSON(*object);
+  if (!compact) std::abort();
+  for (const auto& text : {*compact, corvid::indentedJSON(*compact)}) {
+    const auto again = corvid::parseJSON(text);
     if (!again || !(again.value() == read.value())) std::abort();
   }
   return 0;

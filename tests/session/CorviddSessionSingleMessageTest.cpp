@@ -24,7 +24,8 @@ class CorviddSessionSingleMessageTest : public SessionTest {
   }
   void sendSingleDirectly(const Dictionary* info, const Dictionary* userInfo,
                           const Dictionary* storebag) {
-    CorviddSession::sendMessageWithSessionInfo(info, userInfo, storebag, 1, 2, nullptr, creator());
+    CorviddSession::sendMessageWithSessionInfo(info, userInfo ? shared(*userInfo) : nullptr,
+                                               storebag, 1, 2, nullptr, creator());
   }
 };
 

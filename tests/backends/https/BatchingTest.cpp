@@ -17,7 +17,7 @@ struct BatchingTest : PostBackendFixture {
   }
   // The message of a request as the log shows it.
   static std::string prettyMessageOf(const HTTPRequest& request) {
-    return *writePrettyJSON(*parseJSON(messageOf(request)).value().dictionary());
+    return indentedJSON(messageOf(request));
   }
   std::size_t eventsInBatch(HTTPSPostBackend& backend) {
     const std::size_t before = requests().size();

@@ -93,7 +93,8 @@ TEST_F(EventRecordTest, EventsBeforeTheStartHaveTheirOwnTime) {
 class HurryingClock final : public Clock {
  public:
   TimeValue now() override { return {_seconds += 61, 0}; }
-  std::chrono::steady_clock::time_point steadyNow() override { return {}; }
+  TimePoint steadyNow() override { return {}; }
+  std::chrono::nanoseconds sleepTowards(TimePoint) override { return {}; }
 
  private:
   std::int64_t _seconds = 1'700'000'000;

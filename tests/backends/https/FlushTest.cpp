@@ -37,7 +37,7 @@ TEST_F(FlushTest, PostsTheWholeBatchToTheBatchAddress) {
   EXPECT_EQ(requests()[0].url, batchURL);
   EXPECT_EQ(posted("x"), (std::vector<std::string>{"1", "2", "3"}));
   const Result<Value> message = parseJSON(messageOf(requests()[0]));
-  EXPECT_EQ(text, writePrettyJSON(*message.value().dictionary()));
+  EXPECT_EQ(text, indentedJSON(*writeJSON(*message.value().dictionary())));
   EXPECT_TRUE(
       platform.log.has(LogLevel::debug, "HTTPSPostBackend(flushMessagesWithCompletion): called"));
   EXPECT_TRUE(answers.empty()) << "the exchange is under way";

@@ -19,24 +19,36 @@ std::vector<std::int64_t> numbersOf(std::vector<Dictionary> records) {
 
 using Numbers = std::vector<std::int64_t>;
 
+const HeldRecords::Making noUserInfo{nullptr, std::make_shared<const EventFilters>()};
+
+void add(HeldRecords& held, Dictionary record, const HeldRecords::Making& making = noUserInfo) {
+  const std::size_t bytes = footprint(record);
+  held.add(std::move(record), bytes, making);
+}
+
+HeldRecords::Making makingOf(Dictionary userInfo, Array filters = {}) {
+  return {std::make_shared<const Dictionary>(std::move(userInfo)),
+          std::make_shared<const EventFilters>(filters)};
+}
+
 TEST(HeldRecords, KeepsTheOrder) {
   HeldRecords held;
-  for (int i = 1; i <= 3; ++i) held.add(recordOf(i));
+  for (int i = 1; i <= 3; ++i) add(held, recordOf(i));
   EXPECT_EQ(held.dropped(), 0u);
-  EXPECT_EQ(numbersOf(std::move(held).take()), (Numbers{1, 2, 3}));
+  EXPECT_EQ(numbersOf(held.take()), (Numbers{1, 2, 3}));
 }
 
 TEST(HeldRecords, PastTheRecordLimitTheOldestGo) {
   HeldRecords held;
   const auto limit = static_cast<std::int64_t>(HeldRecords::recordLimit);
-  for (std::int64_t i = 0; i < limit; ++i) held.add(recordOf(i));
-  EXPECT_TRUE(held.overflowsWith(recordOf(limit)));
+  for (std::int64_t i = 0; i < limit; ++i) add(held, recordOf(i));
+  EXPECT_TRUE(held.overflowsWith(footprint(recordOf(limit))));
   EXPECT_EQ(held.dropped(), 0u);
-  held.add(recordOf(limit));
-  held.add(recordOf(limit + 1));
+  add(held, recordOf(limit));
+  add(held, recordOf(limit + 1));
   EXPECT_EQ(held.dropped(), 2u);
   EXPECT_EQ(held.size(), HeldRecords::recordLimit);
-  const Numbers numbers = numbersOf(std::move(held).take());
+  const Numbers numbers = numbersOf(held.take());
   EXPECT_EQ(numbers.front(), 2);
   EXPECT_EQ(numbers.back(), limit + 1);
 }
@@ -44,48 +56,97 @@ TEST(HeldRecords, PastTheRecordLimitTheOldestGo) {
 TEST(HeldRecords, PastTheByteLimitTheOldestGo) {
   HeldRecords held;
   const std::size_t third = HeldRecords::byteLimit / 3;
-  for (int i = 1; i <= 2; ++i) held.add(recordOf(i, third));
-  EXPECT_FALSE(held.overflowsWith(recordOf(3)));
-  EXPECT_TRUE(held.overflowsWith(recordOf(3, third)));
-  held.add(recordOf(3, 2 * third));
+  for (int i = 1; i <= 2; ++i) add(held, recordOf(i, third));
+  EXPECT_FALSE(held.overflowsWith(footprint(recordOf(3))));
+  EXPECT_TRUE(held.overflowsWith(footprint(recordOf(3, third))));
+  add(held, recordOf(3, 2 * third));
   EXPECT_EQ(held.dropped(), 2u) << "as many as it takes";
-  EXPECT_EQ(numbersOf(std::move(held).take()), Numbers{3});
+  EXPECT_EQ(numbersOf(held.take()), Numbers{3});
 }
 
 TEST(HeldRecords, ARecordPastTheByteLimitIsHeldAlone) {
   HeldRecords held;
   const Dictionary huge = recordOf(2, 2 * HeldRecords::byteLimit);
-  EXPECT_FALSE(held.overflowsWith(huge)) << "nothing would be dropped for it";
-  held.add(recordOf(1));
-  held.add(huge);
+  EXPECT_FALSE(held.overflowsWith(footprint(huge))) << "nothing would be dropped for it";
+  add(held, recordOf(1));
+  add(held, huge);
   EXPECT_EQ(held.size(), 1u);
-  held.add(recordOf(3));
-  EXPECT_EQ(numbersOf(std::move(held).take()), Numbers{3});
+  add(held, recordOf(3));
+  EXPECT_EQ(numbersOf(held.take()), Numbers{3});
 }
 
 TEST(HeldRecords, GivesBackTheBytesOfWhatItDrops) {
   HeldRecords held;
-  for (int i = 0; i < 100; ++i) held.add(recordOf(i, HeldRecords::byteLimit / 4));
+  for (int i = 0; i < 100; ++i) add(held, recordOf(i, HeldRecords::byteLimit / 4));
   EXPECT_EQ(held.size(), 3u) << "as many as fit, however many came before";
 }
 
 TEST(HeldRecords, RewritesAKeyOfEveryRecord) {
   HeldRecords held;
-  held.add(recordOf(1));
-  held.add({{"n", 2}, {"_sessionID", "old"}});
+  add(held, recordOf(1));
+  add(held, {{"n", 2}, {"_sessionID", "old"}});
   held.setForAll("_sessionID", "new");
-  for (const Dictionary& record : std::move(held).take())
-    EXPECT_EQ(*stringAt(record, "_sessionID"), "new");
+  for (const Dictionary& record : held.take()) EXPECT_EQ(*stringAt(record, "_sessionID"), "new");
 }
 
 TEST(HeldRecords, MakesRoomForWhatEachIsAboutToGetByDroppingTheOldest) {
+  const auto userInfoOf = [](std::size_t bytes) {
+    return makingOf({{"text", std::string(bytes, 'u')}});
+  };
   HeldRecords held;
-  for (int i = 1; i <= 8; ++i) held.add(recordOf(i));
-  held.makeRoomToGrowBy(HeldRecords::messageByteLimit / 16);
+  for (int i = 1; i <= 8; ++i) add(held, recordOf(i));
+  held.addUserInfo(userInfoOf(HeldRecords::messageByteLimit / 16));
   EXPECT_EQ(held.dropped(), 0u);
-  held.makeRoomToGrowBy(HeldRecords::messageByteLimit / 4);
+  held.addUserInfo(userInfoOf(HeldRecords::messageByteLimit * 10 / 39));
   EXPECT_EQ(held.dropped(), 5u);
-  EXPECT_EQ(numbersOf(std::move(held).take()), (Numbers{6, 7, 8}));
+  EXPECT_EQ(numbersOf(held.take()), (Numbers{6, 7, 8}));
+}
+
+TEST(HeldRecords, GiveTheUserInfoOfTheFlushToRecordsWithAnother) {
+  const auto now = makingOf({{"who", "now"}});
+  for (const auto& before : {noUserInfo, makingOf({{"who", "before"}}), makingOf({{"who", "now"}}),
+                             HeldRecords::Making{now.userInfo, noUserInfo.filters}}) {
+    HeldRecords held;
+    add(held, {{"n", 1}, {"who", "old"}}, before);
+    held.addUserInfo(now);
+    EXPECT_EQ(held.take(), std::vector<Dictionary>(1, {{"n", 1}, {"who", "now"}}));
+  }
+}
+
+TEST(HeldRecords, GiveTheUserInfoToAllWhereOnlySomeHaveIt) {
+  const auto now = makingOf({{"who", "now"}});
+  for (const bool hasItFirst : {true, false}) {
+    HeldRecords held;
+    add(held, {{"who", "old"}}, hasItFirst ? now : noUserInfo);
+    add(held, {{"who", "old"}}, hasItFirst ? noUserInfo : now);
+    held.addUserInfo(now);
+    EXPECT_EQ(held.take(), std::vector<Dictionary>(2, {{"who", "now"}}));
+  }
+}
+
+TEST(HeldRecords, LeaveRecordsAloneThatHaveJustThisUserInfo) {
+  const auto making = makingOf({{"who", "now"}}, Array{Dictionary{{"key", "who"}}});
+  HeldRecords held;
+  add(held, {{"who", "as it was made"}}, making);
+  held.addUserInfo(making);
+  EXPECT_EQ(held.take(), std::vector<Dictionary>(1, {{"who", "as it was made"}}));
+}
+
+TEST(HeldRecords, GiveTheUserInfoAgainWhereAFilterLookedAtTheMethodOrARecordWasRewritten) {
+  for (const char* condition : {"method", "status"}) {
+    const auto making =
+        makingOf({{"who", "now"}}, Array{Dictionary{{"key", "WHO"}, {condition, 3}}});
+    HeldRecords held;
+    add(held, {{"n", 1}}, making);
+    held.addUserInfo(making);
+    EXPECT_EQ(held.take(), std::vector<Dictionary>(1, {{"n", 1}, {"who", "now"}})) << condition;
+  }
+  const auto making = makingOf({{"_sessionID", "mine"}});
+  HeldRecords held;
+  add(held, {{"_sessionID", "mine"}}, making);
+  held.setForAll("_sessionID", "new");
+  held.addUserInfo(making);
+  EXPECT_EQ(held.take(), std::vector<Dictionary>(1, {{"_sessionID", "mine"}}));
 }
 
 }  // namespace

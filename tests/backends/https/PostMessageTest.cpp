@@ -150,7 +150,7 @@ TEST_F(PostMessageTest, WithConsentTheLogTextIsThePrettyMessage) {
   const auto backend = makeFor(openEntry());
   const auto text = send(*backend, {{"x", 1}});
   const Result<Value> message = parseJSON(messageOf(requests().at(0)));
-  EXPECT_EQ(text, writePrettyJSON(*message.value().dictionary()));
+  EXPECT_EQ(text, indentedJSON(*writeJSON(*message.value().dictionary())));
 }
 
 TEST_F(PostMessageTest, WithConsentOverriddenThereIsNoLogText) {

@@ -2,6 +2,7 @@
 #include <malloc.h>
 
 #include <future>
+#include <random>
 #include <thread>
 
 #include "tests/backends/https/PostBackendFixture.h"
@@ -11,32 +12,49 @@ namespace corvid {
 namespace {
 
 struct PostThreadsTest : PostBackendFixture {
-  static constexpr int limit = static_cast<int>(ExchangeGate::clientLimit);
-
+  // That no compressor makes much shorter.
+  static std::string randomText(std::size_t size) {
+    std::mt19937 engine(1);
+    std::string text;
+    while (text.size() < size) text += static_cast<char>('0' + engine() % 75);
+    return text;
+  }
   static std::size_t bytesInUse() {
     const struct mallinfo2 info = mallinfo2();
     return info.uordblks + info.hblkhd;
   }
 };
 
-TEST_F(PostThreadsTest, PastItsLimitASendWaitsForAnExchangeToEnd) {
+TEST_F(PostThreadsTest, ExchangesUnderWayAreNoReasonToWaitHoweverMany) {
   const auto backend = makeFor(openEntry());
-  for (int i = 0; i < limit; ++i) send(*backend, {{"x", i}}, 1);
-  ASSERT_EQ(platform.http->exchangesUnderWay(), ExchangeGate::clientLimit);
-  auto next = std::async(std::launch::async, [&] { send(*backend, {{"x", limit}}, 1); });
+  for (int i = 0; i < 1000; ++i) send(*backend, {{"x", i}}, 1);
+  EXPECT_EQ(platform.http->exchangesUnderWay(), 1000u);
+}
+
+TEST_F(PostThreadsTest, PastItsBytesASendWaitsForAnExchangeToEnd) {
+  const auto backend = makeFor(openEntry());
+  const auto gate = std::make_shared<ExchangeGate>(100'000);
+  backend->setExchangeGate(gate);
+  std::size_t sent = 0;
+  for (; gate->bytesOut() < 90'000; ++sent) send(*backend, {}, 1);
+  EXPECT_GT(sent, 30u) << "each costs little more than its texts";
+  const Dictionary payload{{"text", randomText(20'000)}};
+  auto next = std::async(std::launch::async, [&] { send(*backend, payload, 1); });
   EXPECT_EQ(next.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
-  EXPECT_EQ(requests().size(), ExchangeGate::clientLimit);
+  EXPECT_EQ(requests().size(), sent);
   backend->setCorrelatedSessionID("NOT.BLOCKED");  // no lock is held meanwhile
-  platform.http->completeNext(FakeHTTPClient::response(200));
+  while (next.wait_for(std::chrono::milliseconds(0)) == std::future_status::timeout &&
+         platform.http->exchangesUnderWay() > 0)
+    platform.http->completeNext(FakeHTTPClient::response(200));
   ASSERT_EQ(next.wait_for(patience), std::future_status::ready);
-  EXPECT_EQ(requests().size(), ExchangeGate::clientLimit + 1);
+  EXPECT_EQ(requests().size(), sent + 1);
 }
 
 TEST_F(PostThreadsTest, TheTextThatAFlushKeepsForItsClientCountsAtTheGate) {
   sessionInfo.set("BatchEvent", true);
   constexpr std::size_t byteLimit = 100'000;
   for (const bool hasClient : {true, false}) {
-    const auto gate = std::make_shared<ExchangeGate>(limit, byteLimit);
+    const auto gate = std::make_shared<ExchangeGate>(byteLimit);
     const auto backend = makeFor(openEntry());
     backend->setExchangeGate(gate);
     const auto flush = [&] {  // compresses to next to nothing
@@ -58,33 +76,36 @@ TEST_F(PostThreadsTest, TheTextThatAFlushKeepsForItsClientCountsAtTheGate) {
 TEST_F(PostThreadsTest, ExchangesThatEndedMakeRoomWithoutWaiting) {
   platform.http->answerWith([](const HTTPRequest&) { return FakeHTTPClient::error(1, "refused"); });
   const auto backend = makeFor(openEntry());
-  for (int i = 0; i < 3 * limit; ++i) send(*backend, {{"x", i}}, 1);
-  EXPECT_EQ(requests().size(), 3 * ExchangeGate::clientLimit);
+  backend->setExchangeGate(std::make_shared<ExchangeGate>(1));
+  for (int i = 0; i < 10; ++i) send(*backend, {{"x", i}}, 1);
+  EXPECT_EQ(requests().size(), 10u);
 }
 
 TEST_F(PostThreadsTest, WithoutAGateOfItsClientEachBackendHasItsOwn) {
-  const auto first = makeFor(openEntry());
-  const auto second = makeFor(openEntry());
-  for (int i = 0; i < limit; ++i) send(*first, {}, 1);
-  send(*second, {}, 1);
-  EXPECT_EQ(requests().size(), ExchangeGate::clientLimit + 1);
+  // One post fills a gate by itself.
+  const Dictionary payload{{"text", randomText(ExchangeGate::clientByteLimit * 3 / 2)}};
+  const auto first = makeFor(openEntryWith("override_dnu", 1));  // makes no log text
+  const auto second = makeFor(openEntryWith("override_dnu", 1));
+  send(*first, payload, 1);
+  send(*second, payload, 1);
+  EXPECT_EQ(requests().size(), 2u);
 }
 
 TEST_F(PostThreadsTest, BackendsThatShareAGateWaitForEachOther) {
-  const auto gate = std::make_shared<ExchangeGate>(2);
-  for (int i = 0; i < 2; ++i) {
+  const auto gate = std::make_shared<ExchangeGate>(1);
+  {
     const auto gone = makeFor(openEntry());
     gone->setExchangeGate(gate);
     send(*gone, {}, 1);
   }
-  EXPECT_EQ(gate->passesOut(), 2u);
+  EXPECT_GT(gate->bytesOut(), 0u);
   const auto backend = makeFor(openEntry());
   backend->setExchangeGate(gate);
   auto next = std::async(std::launch::async, [&] { send(*backend, {}, 1); });
   EXPECT_EQ(next.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
   platform.http->completeNext(FakeHTTPClient::response(200));
   ASSERT_EQ(next.wait_for(patience), std::future_status::ready);
-  EXPECT_EQ(requests().size(), 3u);
+  EXPECT_EQ(requests().size(), 2u);
 }
 
 TEST_F(PostThreadsTest, WhatWaitsAtTheGateIsTheCompressedMessageOnly) {

@@ -1,11 +1,11 @@
-// The JSON message around records, and the exchange that carries it.
+#include "backends/https/EventPoster.h"
+
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <chrono>
 #include <utility>
 
-#include "backends/https/HTTPSPostBackend.h"
 #include "base/Describe.h"
 #include "base/Log.h"
 #include "base/Reading.h"
@@ -58,6 +58,14 @@ std::string bodyOf(std::string message, HTTPHeaders& headers) {
   return body;
 }
 
+// What an exchange keeps in memory until it ends, about.
+std::size_t costOf(const HTTPRequest& request) {
+  constexpr std::size_t besidesTexts = 1024;
+  std::size_t bytes = besidesTexts + request.url.size() + request.body.size();
+  for (const auto& [name, value] : request.headers) bytes += name.size() + value.size();
+  return bytes;
+}
+
 // What an exchange's end does; a backend that is gone has no state to set.
 void finishExchange(const std::weak_ptr<CorvidBackend>& sender, const std::string& name,
                     const HTTPOutcome& outcome, const FlushCompletion& completion) {
@@ -78,99 +86,73 @@ void finishExchange(const std::weak_ptr<CorvidBackend>& sender, const std::strin
 
 }  // namespace
 
-std::optional<std::string> HTTPSPostBackend::createMessageForPostAndLogging(
-    Records records, std::optional<std::string>& prettyJsonString) const {
+std::optional<std::string> EventPoster::createMessageForPostAndLogging(
+    std::vector<Dictionary> records, std::optional<std::string> clientID) {
   Dictionary message;
   message.set("postTime", finiteOrMinusOne(Platform::current().clock().now().asDouble()));
-  Array events;
-  events.reserve(records.size());
-  for (Dictionary& record : records) {
-    applyValueRules(record);
-    events.emplace_back(std::move(record));
-  }
-  bool logging = false;
-  {
-    MutexLock lock(_lock);
-    logging = wantsMessageLog();
-    // Without an identifier the message ends after the time.
-    if (std::optional<std::string> identifier = clientIdentifier()) {
-      message.set("clientId", std::move(*identifier));
-      message.set("events", std::move(events));
-    }
+  const std::size_t count = records.size();
+  for (Dictionary& record : records) applyValueRules(record);
+  if (clientID) {
+    message.set("clientId", *std::move(clientID));
+    message.set("events", Array(std::make_move_iterator(records.begin()),
+                                std::make_move_iterator(records.end())));
   }
   std::optional<std::string> text = writeJSON(message);
   if (!text)
     logError(
         "HTTPSPostBackend(createMessageForPostAndLogging): a message of {} events cannot be written as JSON and is lost",
-        records.size());
-  if (text && logging) prettyJsonString = writePrettyJSON(message);
+        count);
   return text;
 }
 
-std::optional<std::string> HTTPSPostBackend::clientIdentifier() const {
-  if (_extrasOnInternal != 0 && identity().isInternal)
-    return identity().udid ? std::optional<std::string>(identity().udid) : std::nullopt;
-  if (_uuidCustom) return _uuidCustom;
-  return _dnuType == DNUType::respected ? _uuidRespectDnu : _uuidOverrideDnu;
-}
-
-bool HTTPSPostBackend::wantsMessageLog() const {
-  if (_dnuType == DNUType::respected && _dnuEnabled) return true;
-  if (!_forceEventLogging) return false;
-  const CorvidEnvironmentType environment = currentEnvironment();
-  return environment == CorvidEnvironmentType::development ||
-         environment == CorvidEnvironmentType::internal;
-}
-
-void HTTPSPostBackend::postJSONMessage(std::string message, MessageFlag flag,
-                                       std::optional<EventCodes> codes, FlushCompletion completion,
-                                       std::size_t keptBytes) {
-  std::optional<HTTPRequest> request = requestFor(flag, codes);
-  if (!request) {
+void EventPoster::postJSONMessage(std::string message, const PostEnvelope& envelope,
+                                  std::weak_ptr<CorvidBackend> sender, FlushCompletion completion,
+                                  std::size_t keptBytes) const {
+  if (!envelope.url) {
     if (completion) completion(std::nullopt, CorvidError::of(-1, "postURL is nil"));
     return;
   }
-  request->body = bodyOf(std::move(message), request->headers);
+  HTTPRequest request = requestFor(envelope);
+  request.body = bodyOf(std::move(message), request.headers);
 
   // The time at the gate and that in front of a full queue count together.
-  const auto start = std::chrono::steady_clock::now();
-  ExchangeGate::Pass pass = _gate->enter(request->timeout, request->body.size() + keptBytes);
-  request->patience = request->timeout - std::chrono::duration_cast<std::chrono::milliseconds>(
-                                             std::chrono::steady_clock::now() - start);
+  Clock& clock = Platform::current().clock();
+  const Clock::TimePoint start = clock.steadyNow();
+  ExchangeGate::Pass pass = _gate->enter(request.timeout, costOf(request) + keptBytes);
+  request.patience = request.timeout - std::chrono::duration_cast<std::chrono::milliseconds>(
+                                           clock.steadyNow() - start);
   Platform::current().http().start(
-      std::move(*request), [sender = weak_from_this(), name = _name, pass = std::move(pass),
-                            completion = std::move(completion)](HTTPOutcome outcome) mutable {
+      std::move(request), [sender = std::move(sender), name = _backendName, pass = std::move(pass),
+                           completion = std::move(completion)](HTTPOutcome outcome) mutable {
         pass.reset();
         finishExchange(sender, name, outcome, completion);
       });
 }
 
-std::optional<HTTPRequest> HTTPSPostBackend::requestFor(MessageFlag flag,
-                                                        std::optional<EventCodes> codes) const {
-  MutexLock lock(_lock);
-  const std::optional<std::string>& target = isRealtime(flag) ? _realtimePostURL : _postURL;
-  if (!target) return std::nullopt;
+HTTPRequest EventPoster::requestFor(const PostEnvelope& envelope) const {
   HTTPRequest request;
   request.method = "POST";
-  request.url = *target;
+  request.url = *envelope.url;
   request.wantsBody = false;
   request.headers.reserve(11);
   const auto setHeader = [&](const char* name, std::string value) {
     request.headers.emplace_back(name, headerValue(std::move(value)));
   };
-  if (_userInfoDict) {
-    if (const std::string* name = stringAt(*_userInfoDict, kCorvidUserInfoClientName))
+  if (envelope.userInfo) {
+    if (const std::string* name = stringAt(*envelope.userInfo, kCorvidUserInfoClientName))
       setHeader("X-CVD-Client-Name", *name);
-    if (const std::string* name = stringAt(*_userInfoDict, kCorvidUserInfoServiceName))
+    if (const std::string* name = stringAt(*envelope.userInfo, kCorvidUserInfoServiceName))
       setHeader("X-CVD-Service-Name", *name);
   }
-  if (identity().isInternal) setHeader("X-CVD-Internal-Build", "1");
-  setHeader("User-Agent", fmt::format("Corvid/{}.{} ({}; {})", identity().selfVersionMajor,
-                                      identity().selfVersionMinor, orNull(identity().hardwareType),
-                                      orNull(identity().productVersion)));
-  setHeader("X-CVD-Client-Version", fmt::format("{}", identity().clientVersion));
-  setHeader("X-CVD-Sender", std::string(clientTagForClientType(identity().compType)));
-  if (codes) setHeader("X-CVD-Event-Map", fmt::format("{} {}", codes->method, codes->responseCode));
+  if (_identity->isInternal) setHeader("X-CVD-Internal-Build", "1");
+  setHeader("User-Agent", fmt::format("Corvid/{}.{} ({}; {})", _identity->selfVersionMajor,
+                                      _identity->selfVersionMinor, orNull(_identity->hardwareType),
+                                      orNull(_identity->productVersion)));
+  setHeader("X-CVD-Client-Version", fmt::format("{}", _identity->clientVersion));
+  setHeader("X-CVD-Sender", std::string(clientTagForClientType(_identity->compType)));
+  if (envelope.codes)
+    setHeader("X-CVD-Event-Map",
+              fmt::format("{} {}", envelope.codes->method, envelope.codes->responseCode));
   setHeader("Accept", "application/json");
   setHeader("Content-Type", "application/json");
   return request;

@@ -1,0 +1,65 @@
+// Messages: the JSON around records, and the exchange that carries it to a server.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "backends/CorvidBackend.h"
+#include "backends/ExchangeGate.h"
+#include "base/Value.h"
+#include "platform/HTTPClient.h"
+
+namespace corvid {
+
+// Where a message goes and what its headers say beside the sender's identity.
+struct PostEnvelope {
+  // Method and response code of an event that travels alone.
+  struct EventCodes {
+    std::uint16_t method;
+    std::uint16_t responseCode;
+  };
+
+  std::optional<std::string> url;
+  SharedDictionary userInfo;  // null where there is none
+  std::optional<EventCodes> codes{};
+};
+
+// Posts the messages of one backend.
+//
+// Threads   setGate before the first post. postJSONMessage: any; it blocks, for a minute at most,
+//           while the gate or the HTTP client's queue is full. Completions run on the HTTP client's
+//           thread, or on the caller's where nothing could be started.
+// Locks     None is held, so none may be held by the caller that a completion could want.
+class EventPoster {
+ public:
+  EventPoster(std::string backendName, SharedIdentity identity)
+      : _backendName(std::move(backendName)), _identity(std::move(identity)) {}
+
+  void setGate(std::shared_ptr<ExchangeGate> gate) { _gate = std::move(gate); }
+
+  // The message of these records, as it travels: nothing, logged, where it cannot be written. An
+  // absent `clientID` leaves the time alone in it.
+  static std::optional<std::string> createMessageForPostAndLogging(
+      std::vector<Dictionary> records, std::optional<std::string> clientID);
+
+  // Starts the exchange. A server that answers 5xx switches `sender` off, if it still lives then.
+  // `completion` may be empty; `keptBytes` is what it keeps in memory until it is called.
+  void postJSONMessage(std::string message, const PostEnvelope& envelope,
+                       std::weak_ptr<CorvidBackend> sender, FlushCompletion completion,
+                       std::size_t keptBytes) const;
+
+ private:
+  HTTPRequest requestFor(const PostEnvelope& envelope) const;
+
+  // Constant after construction.
+  const std::string _backendName;
+  const SharedIdentity _identity;
+  // Set before the first post; synchronises itself.
+  std::shared_ptr<ExchangeGate> _gate = std::make_shared<ExchangeGate>();
+};
+
+}  // namespace corvid

@@ -1,0 +1,43 @@
+// Event records: what an event becomes before it is posted or held.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "backends/BackendIdentity.h"
+#include "backends/https/ClientPolicy.h"
+#include "base/TimeValue.h"
+#include "base/Value.h"
+
+namespace corvid {
+
+// An event as a session hands it over. `payload` may be null.
+struct Event {
+  const Dictionary* payload;
+  const TimeValue& timestamp;
+  std::uint16_t method;
+  std::uint16_t respCode;
+
+  // The one that ends a session; its record sums up how the session was sampled.
+  bool isSessionStop() const { return respCode == 1; }
+};
+
+// Of the backend, at the time of the event.
+struct RecordContext {
+  const BackendIdentity& identity;
+  const ClientPolicy& policy;
+  const std::optional<double>& samplingThreshold;
+  const std::optional<std::string>& combinedSessionID;
+  std::uint16_t eventID;
+  const Dictionary* userInfo;  // null where there is none
+};
+
+// The payload and what the backend adds to it; user info and filters are still to come.
+Dictionary createEventDictfromPayload(const Event& event, const RecordContext& context);
+
+// Adds the user info, whose values win, and applies the filters to all.
+void prepareEventForMessage(Dictionary& record, const Dictionary* userInfo,
+                            const EventFilters& filters);
+
+}  // namespace corvid
