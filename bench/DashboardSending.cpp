@@ -17,6 +17,7 @@
 
 #include "backends/dashboard/DashboardBackend.h"
 #include "base/Descriptor.h"
+#include "base/Thread.h"
 #include "bench/Program.h"
 #include "platform/Platform.h"
 #include "tools/corvidctl/DashboardCommand.h"
@@ -63,7 +64,7 @@ class Server {
         ::getsockname(_socket.get(), generic, &size) != 0)
       throw std::runtime_error("there is no socket to receive packets on");
     _address = address;
-    _thread = std::thread([this] { serve(); });
+    _thread = startThread("bench-server", [this] { serve(); });
     pthread_getcpuclockid(_thread.native_handle(), &_clock);
   }
   ~Server() {

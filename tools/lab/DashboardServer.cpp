@@ -15,6 +15,7 @@
 #include "backends/dashboard/PacketReader.h"
 #include "base/Reading.h"
 #include "base/Text.h"
+#include "base/Thread.h"
 
 namespace corvid::lab {
 
@@ -69,7 +70,7 @@ DashboardServer::DashboardServer(Receive receive, std::uint16_t port)
     throw std::runtime_error(
         fmt::format("cannot take packets on 127.0.0.1:{}: {}", port, std::strerror(errno)));
   _port = ntohs(address.sin_port);
-  _thread = std::thread([this] { serve(); });
+  _thread = startThread("lab-dashboard", [this] { serve(); });
 }
 
 DashboardServer::~DashboardServer() {

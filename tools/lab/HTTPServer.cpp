@@ -10,6 +10,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "base/Thread.h"
 #include "tools/lab/HTTPServerConnection.h"
 
 namespace corvid::lab {
@@ -42,7 +43,9 @@ HTTPServer::HTTPServer(Handler handler, Options options)
     : _handler(std::move(handler)),
       _tls(options.tls ? std::make_unique<const ServerTLS>(*options.tls) : nullptr) {
   std::tie(_listener, _port) = listenOnLoopback(options.port);
-  _acceptor = std::thread([this] { acceptConnections(); });
+  // The threads of its connections block signals as it does: a write to a peer that has left then
+  // reports an error.
+  _acceptor = startThread("lab-http", [this] { acceptConnections(); });
 }
 
 HTTPServer::~HTTPServer() { stop(); }

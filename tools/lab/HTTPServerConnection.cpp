@@ -8,7 +8,6 @@
 #include <mutex>
 
 #include "base/Text.h"
-#include "base/Thread.h"
 
 namespace corvid::lab {
 namespace {
@@ -61,7 +60,6 @@ void HTTPServerConnection::breakOff() {
 }
 
 void HTTPServerConnection::run(std::stop_token stop) {
-  const SignalsBlocked blocked;  // a write to a peer that has left reports an error
   _stop = std::move(stop);
   if (!misbehave() && (!_surroundings.tls || _stream.acceptTLS(*_surroundings.tls))) serve();
   _stream.breakOff();
