@@ -169,7 +169,7 @@ TEST_P(HTTPClientFaultTest, AClosedConnectionIsReplacedWithoutSendingTwice) {
   for (int i = 0; i < 10; ++i) {
     const HTTPOutcome outcome = perform(post("event"));
     ASSERT_TRUE(outcome.response) << outcome.error->description;
-    while (server->connectionsOpen() > 0) std::this_thread::yield();
+    EXPECT_TRUE(waitUntil([&] { return server->connectionsOpen() == 0; }));
   }
   EXPECT_EQ(server->requestsReceived(), 10u);
   EXPECT_EQ(server->connectionsAccepted(), 10u);
