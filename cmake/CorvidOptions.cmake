@@ -2,6 +2,7 @@
 option(CORVID_TESTS "Build the tests" ON)
 option(CORVID_BENCH "Build the benchmarks" OFF)
 option(CORVID_FUZZ "Build the fuzz targets as programs that fuzz (clang)" OFF)
+option(CORVID_WERROR "Treat warnings as errors, as every preset does" OFF)
 option(CORVID_PCH "Use precompiled headers" ON)
 option(CORVID_TIDY "Run clang-tidy on everything that is compiled" OFF)
 set(CORVID_SANITIZE "" CACHE STRING "Sanitizers to build with, such as address,undefined")
