@@ -60,7 +60,8 @@ std::shared_ptr<CorvidBackend> CorvidBackend::newBackendWithName(const std::stri
     return UploadBackend::initWithName(name, profile, identity);
   if (name == kCorvidBackendHTTPPost || name == kCorvidBackendHTTPPost2)
     return HTTPSPostBackend::initWithName(name, profile, identity);
-  if (name == kCorvidBackendWattbook) return WattbookBackend::initWithName(name, profile, identity);
+  if (name == kCorvidBackendWattbook)
+    return std::make_shared<WattbookBackend>(name, profile, identity);
   if (name == kCorvidBackendMetrix && !hasNoMetrix(*identity))
     return MetrixBackend::initWithName(name, profile, identity);
   logError("CorvidBackend(newBackendWithName): {}", name);

@@ -142,11 +142,11 @@ class Sending {
     if (isReliable) profile.set("reliable", 500);
     auto backend = DashboardBackend::initWithName(
         "dashboard", &profile,
-        std::make_shared<const BackendIdentity>(BackendIdentity{.compType = 5, .udid = udid}));
+        std::make_shared<const BackendIdentity>(BackendIdentity{.compType = 5, .udid = udid}),
+        [this](std::uint16_t, PacketFate fate) {
+          if (fate != PacketFate::sent) _acknowledged.add();
+        });
     if (!backend) throw std::runtime_error("there is no dashboard backend");
-    backend->setPacketObserver([this](EventID, PacketFate fate) {
-      if (fate != PacketFate::sent) _acknowledged.add();
-    });
     return backend;
   }
 
@@ -163,7 +163,7 @@ class Sending {
     return cost(packets, [&] {
       for (int i = 0; i < packets; ++i) {
         const TagReportingPacket packet(header(), &payload());
-        if (DashboardBackend::writeLocalLog(packet).empty()) throw std::logic_error("no log line");
+        if (PacketSender::writeLocalLog(packet).empty()) throw std::logic_error("no log line");
       }
     });
   }
@@ -188,8 +188,8 @@ class Sending {
     _server.setAcknowledges(isReliable);
     const Counter& done = isReliable ? _acknowledged : _server.arrivals();
     return sendInBatches(packets, done, [&](int i) {
-      backend.sendMessage(&payload(), {1'700'000'000, 0}, 7, 2,
-                          EventID{static_cast<std::uint16_t>(i)});
+      backend.packets().send(&payload(), {1'700'000'000, 0}, 7, 2,
+                             EventID{static_cast<std::uint16_t>(i)});
     });
   }
   std::unique_ptr<DatagramSocket> connectedSocket() const {

@@ -9,29 +9,6 @@ namespace corvid {
 
 namespace {
 
-class HeaderReader {
- public:
-  explicit HeaderReader(const char* at) : _at(at) {}
-  std::uint8_t take8() { return static_cast<std::uint8_t>(*_at++); }
-  std::uint16_t take16() {
-    const unsigned high = take8();
-    return static_cast<std::uint16_t>(high << 8 | take8());
-  }
-  std::uint32_t take32() {
-    const std::uint32_t high = take16();
-    return high << 16 | take16();
-  }
-  std::uint16_t takeComplement16() { return static_cast<std::uint16_t>(~take16()); }
-  template <class Bytes>
-  void takeBytes(Bytes& bytes) {
-    std::copy_n(_at, bytes.size(), bytes.begin());
-    _at += bytes.size();
-  }
-
- private:
-  const char* _at;
-};
-
 // The position of the next "=" that is no part of a value.
 std::size_t nextEqualsSign(std::string_view text, std::size_t from) {
   for (std::size_t at = from; at < text.size(); ++at) {
@@ -54,25 +31,6 @@ std::string unescaped(std::string_view text) {
 }
 
 }  // namespace
-
-TagReportingPacketHeader readHeader(std::string_view datagram) {
-  HeaderReader reader(datagram.data());
-  TagReportingPacketHeader header;
-  header.selfVersionMajor = reader.take8();
-  header.compType = reader.take8();
-  header.packetKind = reader.take8();
-  header.msec4 = reader.take8();
-  header.timestamp = reader.take32();
-  header.sessionID = ~reader.take32();
-  header.clientVersion = reader.takeComplement16();
-  header.length = reader.takeComplement16();
-  header.method = reader.take16();
-  header.respCode = reader.take16();
-  reader.takeBytes(header.udid);
-  header.eventID = reader.take16();
-  header.flags = reader.take16();
-  return header;
-}
 
 Result<ReadPacket> readPacket(std::string_view datagram) {
   if (datagram.size() < TagReportingPacketHeader::size ||
@@ -115,12 +73,6 @@ Dictionary pairsOfPayload(std::string_view payload) {
     key = end + 1;
     equals = next;
   }
-}
-
-std::optional<std::uint16_t> acknowledgedEvent(std::string_view datagram) {
-  constexpr std::size_t offset = TagReportingPacketHeader::eventIDOffset;
-  if (datagram.size() < offset + 2) return std::nullopt;
-  return HeaderReader(datagram.data() + offset).take16();
 }
 
 }  // namespace corvid

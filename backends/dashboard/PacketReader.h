@@ -1,9 +1,6 @@
-// Reads what crosses the network between a dashboard backend and its server, from bytes that
-// nobody has checked.
+// Packets as a dashboard server reads them, from bytes that nobody has checked.
 #pragma once
 
-#include <cstdint>
-#include <optional>
 #include <string_view>
 
 #include "backends/dashboard/TagReportingPacket.h"
@@ -11,9 +8,6 @@
 #include "base/Value.h"
 
 namespace corvid {
-
-// The header's numbers; `datagram` must have at least the header's 64 bytes.
-TagReportingPacketHeader readHeader(std::string_view datagram);
 
 struct ReadPacket {
   TagReportingPacketHeader header;
@@ -26,9 +20,5 @@ Result<ReadPacket> readPacket(std::string_view datagram);
 // The pairs of a packet's text, values with their escapes undone. A blank stands unescaped in
 // values, so a key is taken to have none and no "=" either; a pair that was cut keeps what is left.
 Dictionary pairsOfPayload(std::string_view payload);
-
-// The event that an acknowledgement is for; nothing where it is too short to say. Only the two
-// bytes of the event number are looked at.
-std::optional<std::uint16_t> acknowledgedEvent(std::string_view datagram);
 
 }  // namespace corvid

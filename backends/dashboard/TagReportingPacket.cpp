@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cstring>
 #include <utility>
 #include <vector>
 
@@ -13,25 +12,32 @@ namespace corvid {
 
 namespace {
 
-// Big-endian numbers, one after the other.
-class HeaderWriter {
- public:
-  explicit HeaderWriter(char* at) : _at(at) {}
-  void put8(std::uint8_t value) { *_at++ = static_cast<char>(value); }
-  void put16(std::uint16_t value) {
-    put8(static_cast<std::uint8_t>(value >> 8));
-    put8(static_cast<std::uint8_t>(value));
-  }
-  void put32(std::uint32_t value) {
-    put16(static_cast<std::uint16_t>(value >> 16));
-    put16(static_cast<std::uint16_t>(value));
-  }
-  void putComplement16(std::uint16_t value) { put16(static_cast<std::uint16_t>(~value)); }
-  void putBytes(std::string_view bytes) { _at = std::copy(bytes.begin(), bytes.end(), _at); }
+// The header's fields in the order of the wire, each handed to `pass(value)`, or to
+// `pass(value, true)` where the complement travels.
+template <class Pass>
+void passFields(TagReportingPacketHeader& header, Pass pass) {
+  pass(header.selfVersionMajor);
+  pass(header.compType);
+  pass(header.packetKind);
+  pass(header.msec4);
+  pass(header.timestamp);
+  pass(header.sessionID, true);
+  pass(header.clientVersion, true);
+  pass(header.length, true);
+  pass(header.method);
+  pass(header.respCode);
+  for (char& character : header.udid) pass(character);
+  pass(header.eventID);
+  pass(header.flags);
+}
 
- private:
-  char* _at;
-};
+template <class Number>
+Number numberFrom(const char* bytes) {
+  std::uint32_t number = 0;
+  for (std::size_t at = 0; at < sizeof(Number); ++at)
+    number = number << 8 | static_cast<std::uint8_t>(bytes[at]);
+  return static_cast<Number>(number);
+}
 
 // The packet's text ends at a zero byte, so what stands in it cannot hold one.
 std::string_view upToZeroByte(std::string_view text) { return text.substr(0, text.find('\0')); }
@@ -60,21 +66,14 @@ TagReportingPacket::TagReportingPacket(const TagReportingPacketHeader& header,
   writeHeader(header);
 }
 
-void TagReportingPacket::writeHeader(const TagReportingPacketHeader& header) {
-  HeaderWriter writer(_bytes.data());
-  writer.put8(header.selfVersionMajor);
-  writer.put8(header.compType);
-  writer.put8(header.packetKind);
-  writer.put8(header.msec4);
-  writer.put32(header.timestamp);
-  writer.put32(~header.sessionID);
-  writer.putComplement16(header.clientVersion);
-  writer.putComplement16(static_cast<std::uint16_t>(datagram().size()));
-  writer.put16(header.method);
-  writer.put16(header.respCode);
-  writer.putBytes({header.udid.data(), header.udid.size()});
-  writer.put16(header.eventID);
-  writer.put16(header.flags);
+void TagReportingPacket::writeHeader(TagReportingPacketHeader header) {
+  header.length = static_cast<std::uint16_t>(datagram().size());
+  char* to = _bytes.data();
+  passFields(header, [&](auto field, bool isComplement = false) {
+    const auto number = static_cast<std::uint32_t>(isComplement ? ~field : field);
+    for (std::size_t left = sizeof field; left-- > 0;)
+      *to++ = static_cast<char>(number >> 8 * left);
+  });
 }
 
 void TagReportingPacket::writePayload(const Dictionary& payload) {
@@ -94,6 +93,23 @@ void TagReportingPacket::writePayload(const Dictionary& payload) {
   }
   _payloadLength = std::min(text.size(), payloadSize - 1);
   std::copy_n(text.data(), _payloadLength, _bytes.data() + TagReportingPacketHeader::size);
+}
+
+TagReportingPacketHeader readHeader(std::string_view datagram) {
+  TagReportingPacketHeader header;
+  const char* from = datagram.data();
+  passFields(header, [&]<class Field>(Field& field, bool isComplement = false) {
+    const auto number = numberFrom<Field>(from);
+    field = static_cast<Field>(isComplement ? ~number : number);
+    from += sizeof field;
+  });
+  return header;
+}
+
+std::optional<std::uint16_t> acknowledgedEvent(std::string_view datagram) {
+  constexpr std::size_t offset = TagReportingPacketHeader::eventIDOffset;
+  if (datagram.size() < offset + sizeof(std::uint16_t)) return std::nullopt;
+  return numberFrom<std::uint16_t>(datagram.data() + offset);
 }
 
 std::string descriptionForObject(const Value& object) {

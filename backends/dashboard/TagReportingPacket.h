@@ -5,6 +5,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -64,12 +65,19 @@ class TagReportingPacket {
   }
 
  private:
-  void writeHeader(const TagReportingPacketHeader& header);
+  void writeHeader(TagReportingPacketHeader header);
   void writePayload(const Dictionary& payload);
 
   std::array<char, size> _bytes{};
   std::size_t _payloadLength = 0;
 };
+
+// The header's numbers; `datagram` must have at least the header's 64 bytes.
+TagReportingPacketHeader readHeader(std::string_view datagram);
+
+// The event that an acknowledgement is for; nothing where it is too short to say. Only the two
+// bytes of the event number are looked at, in bytes that nobody has checked.
+std::optional<std::uint16_t> acknowledgedEvent(std::string_view datagram);
 
 // How a value stands in a packet: strings as they are, numbers in decimal (booleans 1 and 0, reals
 // by the shortest text that reads back the same), anything else "null".

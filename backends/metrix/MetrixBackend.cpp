@@ -22,7 +22,6 @@ std::shared_ptr<MetrixBackend> MetrixBackend::initWithName(const std::string& na
                                                            const Dictionary* profile,
                                                            const SharedIdentity& identity) {
   const std::int32_t clientType = identity->compType;
-  auto backend = std::make_shared<MetrixBackend>(Token{}, name, profile, identity);
   logInfo("MetrixBackend(initWithName): Loading Metrix adaptor class for client type {}",
           clientType);
   if (!isClientTypeAllowed(clientType)) {
@@ -30,20 +29,15 @@ std::shared_ptr<MetrixBackend> MetrixBackend::initWithName(const std::string& na
              clientType);
     return nullptr;
   }
-  backend->loadAdaptor();
-  return backend;
+  return std::make_shared<MetrixBackend>(name, profile, identity);
 }
 
-MetrixBackend::MetrixBackend(Token, const std::string& name, const Dictionary* profile,
+MetrixBackend::MetrixBackend(const std::string& name, const Dictionary* profile,
                              const SharedIdentity& identity)
-    : CorvidBackend(name, profile ? *profile : Dictionary(), identity) {}
-
-// What is missing shows when an event is sent.
-void MetrixBackend::loadAdaptor() {
-  _clientBundle = Platform::current().bundles().performanceBundle();
-  if (_clientBundle) _metrixAdaptorClass = _clientBundle->classNamed(adaptorClass);
-  if (_metrixAdaptorClass) _metrixAdaptor = _metrixAdaptorClass->create();
-}
+    : CorvidBackend(name, profile ? *profile : Dictionary(), identity),
+      _clientBundle(Platform::current().bundles().performanceBundle()),
+      _metrixAdaptorClass(_clientBundle ? _clientBundle->classNamed(adaptorClass) : nullptr),
+      _metrixAdaptor(_metrixAdaptorClass ? _metrixAdaptorClass->create() : nullptr) {}
 
 std::optional<std::string> MetrixBackend::sendMessage(const Dictionary* payload, const TimeValue&,
                                                       std::uint16_t method, std::uint16_t respCode,

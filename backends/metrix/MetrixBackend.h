@@ -16,18 +16,13 @@ namespace corvid {
 // Threads  As the base's; the adaptor is called by one thread at a time, and with none of the locks
 //          that others of the chain need: its code may take its time.
 class MetrixBackend final : public CorvidBackend {
-  struct Token {
-    explicit Token() = default;
-  };
-
  public:
   // Nothing (logged) for a client type that may not use the adaptor. `profile` may be null.
   static std::shared_ptr<MetrixBackend> initWithName(const std::string& name,
                                                      const Dictionary* profile,
                                                      const SharedIdentity& identity);
-  // For initWithName only: nobody else has a token.
-  MetrixBackend(Token, const std::string& name, const Dictionary* profile,
-                const SharedIdentity& identity);
+  // Whatever the client type.
+  MetrixBackend(const std::string& name, const Dictionary* profile, const SharedIdentity& identity);
 
   // The conferencing clients.
   static bool isClientTypeAllowed(std::int32_t clientType);
@@ -40,12 +35,9 @@ class MetrixBackend final : public CorvidBackend {
       EXCLUDES(_adaptorLock);
 
  private:
-  void loadAdaptor();
-
-  // Constant once initialised, except for what the adaptor does within itself.
-  std::shared_ptr<const Bundle> _clientBundle;
-  const BundleClass* _metrixAdaptorClass = nullptr;
-  std::unique_ptr<BundleObject> _metrixAdaptor;
+  const std::shared_ptr<const Bundle> _clientBundle;
+  const BundleClass* const _metrixAdaptorClass;
+  const std::unique_ptr<BundleObject> _metrixAdaptor;
   Mutex _adaptorLock;  // held while the adaptor's code runs
 };
 

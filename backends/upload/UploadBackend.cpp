@@ -38,10 +38,10 @@ std::shared_ptr<UploadBackend> UploadBackend::initWithName(const std::string& na
     logError("UploadBackend(initWithName): can't resolve upload post URL.");
     return nullptr;
   }
-  return std::make_shared<UploadBackend>(Token{}, name, *profile, identity);
+  return std::make_shared<UploadBackend>(name, *profile, identity);
 }
 
-UploadBackend::UploadBackend(Token, const std::string& name, const Dictionary& profile,
+UploadBackend::UploadBackend(const std::string& name, const Dictionary& profile,
                              const SharedIdentity& identity)
     : CorvidBackend(name, profile, identity, textAt(profile, "display_url")),
       _uploadURL(textAt(profile, "post_url")) {}

@@ -29,19 +29,12 @@ class UploadBackend final : public CorvidBackend {
   static std::shared_ptr<UploadBackend> initWithName(const std::string& name,
                                                      const Dictionary* profile,
                                                      const SharedIdentity& identity);
+  UploadBackend(const std::string& name, const Dictionary& profile, const SharedIdentity& identity);
 
   bool uploadFileAtPath(const std::string& path, const std::string& extensionToken) override;
 
   std::optional<std::string> uploadURL() const;
   void setUploadURL(std::optional<std::string> uploadURL);
-
- private:
-  struct Token {};
-
- public:
-  // For initWithName.
-  UploadBackend(Token, const std::string& name, const Dictionary& profile,
-                const SharedIdentity& identity);
 
  private:
   static std::optional<std::string> compressedContent(ExtensionTokens::Handle& file);

@@ -1,34 +1,42 @@
 // Records events in the machine's power log.
 #pragma once
 
+#include <cstdint>
+#include <string>
+
 #include "backends/CorvidBackend.h"
+#include "platform/Device.h"
 
 namespace corvid {
 
-// Events are those of the media server subsystem. The base's entry point does not lead to
-// sendMessage below: events of clients are not recorded. Who has the backend itself may record.
+// Writes events of the media server subsystem.
 //
-// Threads: any.
-class WattbookBackend final : public CorvidBackend {
-  struct Token {
-    explicit Token() = default;
-  };
+// Threads: any. `powerLog` is borrowed.
+class PowerRecordWriter {
+ public:
+  explicit PowerRecordWriter(PowerLog& powerLog) : _powerLog(powerLog) {}
 
+  // Records the payload with method, response code and event ID in it, as long as there is a
+  // method and a payload.
+  void record(const Dictionary* payload, std::uint16_t method, std::uint16_t respCode,
+              EventID eventID) const;
+
+ private:
+  PowerLog& _powerLog;
+};
+
+// Events of clients are not recorded: the base's operation that sessions call does nothing here.
+// Who has the backend itself records through records().
+class WattbookBackend final : public CorvidBackend {
  public:
   // `profile` may be null.
-  static std::shared_ptr<WattbookBackend> initWithName(const std::string& name,
-                                                       const Dictionary* profile,
-                                                       const SharedIdentity& identity);
-  // For initWithName only: nobody else has a token.
-  WattbookBackend(Token, const std::string& name, const Dictionary* profile,
+  WattbookBackend(const std::string& name, const Dictionary* profile,
                   const SharedIdentity& identity);
 
-  using CorvidBackend::sendMessage;
-  // Records the payload with method, response code and event ID in it, as long as there is a
-  // method and a payload. Answers nothing.
-  std::optional<std::string> sendMessage(const Dictionary* payload, const TimeValue* timestamp,
-                                         std::uint16_t method, std::uint16_t respCode,
-                                         EventID eventID);
+  const PowerRecordWriter& records() const { return _records; }
+
+ private:
+  const PowerRecordWriter _records;
 };
 
 }  // namespace corvid

@@ -73,20 +73,19 @@ int runDashboardCommand(const PacketOptions& options) {
                            .clientVersion = options.clientVersion,
                            .udid = options.udid};
   identity.setSelfVersion("8.0");
-  auto backend =
-      DashboardBackend::initWithName("dashboard", options.ip, options.port,
-                                     std::make_shared<const BackendIdentity>(std::move(identity)));
+  const auto backend = DashboardBackend::initWithName(
+      "dashboard", options.ip, options.port,
+      std::make_shared<const BackendIdentity>(std::move(identity)),
+      [fate](std::uint16_t, PacketFate end) { fate->set_value(end); });
   if (!backend) throw std::runtime_error("there is no way to send to " + options.ip);
-  backend->setPacketObserver([fate](EventID, PacketFate end) { fate->set_value(end); });
-  const auto logLine = backend->sendMessage(&payload, timeFrom(options), options.method,
-                                            options.respCode, EventID{options.eventID});
+  const auto logLine = backend->packets().send(&payload, timeFrom(options), options.method,
+                                               options.respCode, EventID{options.eventID});
   if (!logLine) throw std::runtime_error("there is no memory for the packet");
   fmt::print("{}\n", *logLine);
   std::fflush(stdout);
 
-  // The backend gives up after its last try, so this ends.
+  // The packet is given up after its last try, so this ends.
   backend->cleanup();
-  backend.reset();
   return say(fate->get_future().get());
 }
 

@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "backends/dashboard/DashboardBackend.h"
-#include "backends/dashboard/PacketReader.h"
 #include "tests/fakes/TestIdentity.h"
 #include "tests/fakes/TestPlatform.h"
 
@@ -30,16 +29,18 @@ class DashboardFixture : public testing::Test {
   }
   // Keeps what is made in `backend`.
   bool make(const Dictionary& profile) {
-    return keep(DashboardBackend::initWithName("dashboard", &profile, shared(identity)));
+    return keep(
+        DashboardBackend::initWithName("dashboard", &profile, shared(identity), observer()));
   }
   bool makeExplicit(const std::string& address = "127.0.0.1", std::uint16_t port = 4000) {
-    return keep(DashboardBackend::initWithName("dashboard", address, port, shared(identity)));
+    return keep(
+        DashboardBackend::initWithName("dashboard", address, port, shared(identity), observer()));
   }
 
   // Sends an event and lets it go out.
   std::string send(int event, const Dictionary& payload = {}) {
-    const auto line = backend->sendMessage(&payload, platform.clock->now(), 7, 2,
-                                           EventID{static_cast<std::uint16_t>(event)});
+    const auto line = backend->packets().send(&payload, platform.clock->now(), 7, 2,
+                                              EventID{static_cast<std::uint16_t>(event)});
     network.runTasks();
     return line.value_or("(none)");
   }
@@ -69,12 +70,11 @@ class DashboardFixture : public testing::Test {
   std::shared_ptr<DashboardBackend> backend;
 
  private:
+  PacketObserver observer() {
+    return [this](std::uint16_t event, PacketFate fate) { fates.emplace_back(event, fate); };
+  }
   bool keep(std::shared_ptr<DashboardBackend> made) {
     backend = std::move(made);
-    if (backend)
-      backend->setPacketObserver([this](EventID event, PacketFate fate) {
-        fates.emplace_back(static_cast<int>(event), fate);
-      });
     return backend != nullptr;
   }
 };

@@ -77,14 +77,14 @@ class LossyNetworkFixture {
     });
     server.setFaults(there, back, 20);
     const Dictionary profile{{"ip", "127.0.0.1"}, {"port", server.port()}, {"reliable", 25}};
-    const auto backend = DashboardBackend::initWithName("dashboard", &profile, shared());
+    const auto backend = DashboardBackend::initWithName("dashboard", &profile, shared(),
+                                                        [&](std::uint16_t event, PacketFate fate) {
+                                                          std::lock_guard lock(mutex);
+                                                          outcome.fates[event] = fate;
+                                                        });
     if (!backend) return outcome;
-    backend->setPacketObserver([&](EventID event, PacketFate fate) {
-      std::lock_guard lock(mutex);
-      outcome.fates[static_cast<int>(event)] = fate;
-    });
     for (std::uint16_t event = 1; event <= packets; ++event)
-      backend->sendMessage(nullptr, {}, 1, 2, EventID{event});
+      backend->packets().send(nullptr, {}, 1, 2, EventID{event});
     EXPECT_TRUE(waitUntil([&] {
       std::lock_guard lock(mutex);
       return (outcome.*isOver)();

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "backends/dashboard/UDPPacketToSend.h"
+#include "backends/dashboard/PacketDelivery.h"
 
 namespace corvid {
 namespace {

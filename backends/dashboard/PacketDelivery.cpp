@@ -1,10 +1,10 @@
-// Delivery: everything here runs on the network queue, but for the request to clean up.
+#include "backends/dashboard/PacketDelivery.h"
+
 #include <array>
 #include <utility>
 
-#include "backends/dashboard/DashboardBackend.h"
-#include "backends/dashboard/PacketReader.h"
 #include "base/Log.h"
+#include "platform/Platform.h"
 
 namespace corvid {
 
@@ -15,7 +15,60 @@ constexpr std::array<std::int32_t, 4> retransmissionThresholds{2, 3, 5, 9};
 
 }  // namespace
 
-void DashboardBackend::tryToSendMsg(std::string_view packet, std::uint16_t eventNumber) {
+PacketDelivery::PacketDelivery(std::unique_ptr<DatagramSocket> socket, PacketObserver observer)
+    : _networkProcQueue(
+          Platform::current().network().createQueue("com.halcyon.Corvid.networkProc")),
+      _observer(std::move(observer)),
+      _socketDescriptor(std::move(socket)) {
+  _messageQueue.reserve(queueLimit + 1);
+}
+
+PacketDelivery::~PacketDelivery() {
+  for (const UDPPacketToSend& packet : _messageQueue)
+    report(packet.eventNumber(), PacketFate::dropped);
+}
+
+void PacketDelivery::useReliableUDP() {
+  if (const int error = _socketDescriptor->bindToAnyPort()) {
+    logError("DashboardBackend(useReliableUDP): can't bind socket, {}", error);
+    return;
+  }
+  _reliableUDP = true;
+  _readSource = _networkProcQueue->createReadSource(*_socketDescriptor,
+                                                    whileAlive(&PacketDelivery::processSocketRead),
+                                                    whileAlive(&PacketDelivery::closeSocket));
+  // Then nothing is ever acknowledged, and packets are sent again until they are dropped.
+  if (!_readSource) logError("DashboardBackend(useReliableUDP): can't create read source");
+}
+
+bool PacketDelivery::start(std::uint32_t address, std::uint16_t port,
+                           std::chrono::milliseconds period) {
+  if (_socketDescriptor->connect(address, port) != 0) {
+    logError("DashboardBackend(initWithName): socket connect() failed.");
+    return false;
+  }
+  // In reliable mode the socket is the read source's to close.
+  _timer = _networkProcQueue->createTimer(
+      period, whileAlive(&PacketDelivery::myPeriodicTask),
+      _reliableUDP ? Task() : whileAlive(&PacketDelivery::closeSocket));
+  if (!_timer) logError("DashboardBackend(initWithName): can't create timer source.");
+  return _timer != nullptr;
+}
+
+Task PacketDelivery::whileAlive(void (PacketDelivery::*operation)()) {
+  return [weak = weak_from_this(), operation] {
+    if (const auto alive = weak.lock()) ((*alive).*operation)();
+  };
+}
+
+void PacketDelivery::deliver(std::shared_ptr<const TagReportingPacket> packet,
+                             std::uint16_t eventNumber) {
+  _networkProcQueue->async([self = shared_from_this(), packet = std::move(packet), eventNumber] {
+    self->tryToSendMsg(packet->datagram(), eventNumber);
+  });
+}
+
+void PacketDelivery::tryToSendMsg(std::string_view packet, std::uint16_t eventNumber) {
   const bool wasSent = send(packet);
   if (wasSent && !_reliableUDP) return report(eventNumber, PacketFate::sent);
   auto waiting = UDPPacketToSend::initWithBytes(packet, eventNumber);
@@ -26,7 +79,7 @@ void DashboardBackend::tryToSendMsg(std::string_view packet, std::uint16_t event
   updateTimer();
 }
 
-void DashboardBackend::myPeriodicTask() {
+void PacketDelivery::myPeriodicTask() {
   for (std::size_t index = 0; index < _messageQueue.size();) {
     UDPPacketToSend& packet = _messageQueue[index];
     const State stateBefore = packet.state();
@@ -40,7 +93,7 @@ void DashboardBackend::myPeriodicTask() {
 }
 
 // False where the packet has reached its end.
-bool DashboardBackend::handleAtTick(UDPPacketToSend& packet) {
+bool PacketDelivery::handleAtTick(UDPPacketToSend& packet) {
   if (packet.state() == State::notSent) {
     if (!send(packet.data())) return true;
     if (!_reliableUDP) return false;
@@ -59,7 +112,7 @@ bool DashboardBackend::handleAtTick(UDPPacketToSend& packet) {
   return true;
 }
 
-void DashboardBackend::finishCleanup() {
+void PacketDelivery::finishCleanup() {
   if (_cleanupState == CleanupState::running) return;
   if (_messageQueue.empty()) {
     logDebug("DashboardBackend(myPeriodicTask): clean up at myPeriodicTask.");
@@ -71,11 +124,11 @@ void DashboardBackend::finishCleanup() {
     // Where cleanup was asked for twice, the first one's comes first and ends it all.
     if (!_lastResort)
       _lastResort =
-          _networkProcQueue->after(lastResortDelay, whileAlive(&DashboardBackend::cleanupSources));
+          _networkProcQueue->after(lastResortDelay, whileAlive(&PacketDelivery::cleanupSources));
   }
 }
 
-void DashboardBackend::processSocketRead() {
+void PacketDelivery::processSocketRead() {
   std::array<char, TagReportingPacket::size> buffer;
   const auto size = _socketDescriptor ? _socketDescriptor->receive(buffer) : std::nullopt;
   if (!size) return;
@@ -88,37 +141,36 @@ void DashboardBackend::processSocketRead() {
   }
 }
 
-void DashboardBackend::cleanup() {
-  _networkProcQueue->async(
-      [self = shared_from_this()] { static_cast<DashboardBackend&>(*self).beginCleanup(); });
+void PacketDelivery::cleanup() {
+  _networkProcQueue->async([self = shared_from_this()] { self->beginCleanup(); });
 }
 
-void DashboardBackend::beginCleanup() {
+void PacketDelivery::beginCleanup() {
   if (_messageQueue.empty()) return cleanupSources();
   if (!_timer) return;
   _cleanupState = CleanupState::requested;
-  // Whoever let go of the backend need not stay for its packets.
+  // Whoever lets go of the backend need not stay for its packets.
   _timer->keepAlive(shared_from_this());
 }
 
-void DashboardBackend::cleanupSources() {
+void PacketDelivery::cleanupSources() {
   if (_timer) std::exchange(_timer, nullptr)->cancel();
   if (_readSource) std::exchange(_readSource, nullptr)->cancel();
   _lastResort.reset();
 }
 
-void DashboardBackend::removePacket(std::size_t index, PacketFate fate) {
+void PacketDelivery::removePacket(std::size_t index, PacketFate fate) {
   const std::uint16_t eventNumber = _messageQueue[index].eventNumber();
   _messageQueue.erase(_messageQueue.begin() + static_cast<std::ptrdiff_t>(index));
   report(eventNumber, fate);
 }
 
-void DashboardBackend::report(std::uint16_t eventNumber, PacketFate fate) const {
-  if (_packetObserver) _packetObserver(EventID{eventNumber}, fate);
+void PacketDelivery::report(std::uint16_t eventNumber, PacketFate fate) const {
+  if (_observer) _observer(eventNumber, fate);
 }
 
 // The grid of ticks goes on by itself; only the wake-ups are saved.
-void DashboardBackend::updateTimer() {
+void PacketDelivery::updateTimer() {
   if (_timer) _timer->setArmed(!_messageQueue.empty() || _cleanupState != CleanupState::running);
 }
 
