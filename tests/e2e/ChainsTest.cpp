@@ -86,11 +86,11 @@ INSTANTIATE_TEST_SUITE_P(Orders, ThreeLevels, testing::ValuesIn(everyOrder), nam
 
 TEST_F(Chains, TheDaemonMayEndOnceTheWholeChainHasLeft) {
   _daemon.reset();
-  startDaemon({"--idle-exit", "3"});
+  startDaemon({"--idle-exit", "2"});
   {
     auto top = ClientProcess(_root.path());
     auto child = ClientProcess(_root.path());
-    EXPECT_EQ(_daemon->waitForExit(std::chrono::milliseconds(3500)), std::nullopt);
+    EXPECT_EQ(_daemon->waitForExit(std::chrono::milliseconds(2500)), std::nullopt);
     top.kill();
     EXPECT_EQ(child.end(), 0);
   }

@@ -193,11 +193,7 @@ TEST_F(Listener, HoldsAsManyConnectionsOfAUserAsTheLimit) {
   clients.pop_back();
   ASSERT_TRUE(delegate->awaitInvalidated(limits::connectionsPerUser - 1));
   // The place is free once the thread is gone.
-  bool accepted = false;
-  for (int tries = 0; tries < 10000 && !accepted; ++tries) {
-    accepted = listener->connections() < limits::connectionsPerUser;
-    std::this_thread::yield();
-  }
+  EXPECT_TRUE(waitUntil([&] { return listener->connections() < limits::connectionsPerUser; }));
   WireClient client(path);
   EXPECT_EQ(sendEvent(client, 1, 1), "sent 1");
 }
@@ -221,12 +217,9 @@ TEST_F(Listener, WaitsOutALackOfDescriptors) {
   do taken.emplace_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
   while (taken.back());
   ASSERT_EQ(UnixAddress(path).connect(socket.get()), 0);
-  bool starved = false;
-  for (int tries = 0; tries < 1000000 && !starved; ++tries) {
-    starved = log.anyContains("IPCListener: Accepting a connection failed, trying again: ");
-    std::this_thread::yield();
-  }
-  EXPECT_TRUE(starved);
+  EXPECT_TRUE(waitUntil([&] {
+    return log.anyContains("IPCListener: Accepting a connection failed, trying again: ");
+  }));
   taken.clear();
   setrlimit(RLIMIT_NOFILE, &before);
   delegate->at(1);
@@ -252,9 +245,7 @@ TEST_F(Listener, AThousandConnectionsComeAndGoWithoutALeak) {
       ASSERT_TRUE(delegate->awaitInvalidated(i));
     }
   }
-  for (int tries = 0; tries < 100000 && listener->connections() > 0; ++tries)
-    std::this_thread::yield();
-  EXPECT_EQ(listener->connections(), 0u);
+  EXPECT_TRUE(waitUntil([&] { return listener->connections() == 0; }));
   EXPECT_EQ(openDescriptors(), before);
 }
 

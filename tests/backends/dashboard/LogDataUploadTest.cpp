@@ -4,6 +4,7 @@
 
 #include "platform/data/PropertyList.h"
 #include "tests/backends/dashboard/DashboardFixture.h"
+#include "tests/support/Waiting.h"
 
 namespace corvid {
 namespace {
@@ -126,7 +127,7 @@ TEST_F(LogDataUploadTest, BlocksItsCallerUntilTheExchangeIsOver) {
     answer = backend->uploadLogData(logData);
     isOver = true;
   });
-  while (platform.http->exchangesUnderWay() == 0) std::this_thread::yield();
+  EXPECT_TRUE(waitUntil([&] { return platform.http->exchangesUnderWay() > 0; }));
   EXPECT_FALSE(isOver);
   platform.http->completeNext(FakeHTTPClient::response(200, "there"));
   caller.join();

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "tests/support/Scratch.h"
+#include "tests/support/Waiting.h"
 #include "tests/tools/lab/Peer.h"
 #include "tools/lab/HTTPServer.h"
 
@@ -76,8 +77,8 @@ TEST_P(HTTPServerTest, CountsAnswersThatHaveLeft) {
   serve(Answer{.body = "x"});
   for (std::size_t i = 1; i <= 3; ++i) {
     EXPECT_EQ(peer->get(server->url()).status, 200);
-    while (server->requestsAnswered() < i) std::this_thread::yield();  // the peer has it by now
-    EXPECT_EQ(server->requestsAnswered(), i);
+    // The peer has it by now; the server counts a moment later.
+    EXPECT_TRUE(waitUntil([&] { return server->requestsAnswered() == i; }));
   }
 }
 
@@ -200,7 +201,7 @@ TEST_P(HTTPServerTest, StopEndsWhateverIsUnderWay) {
       // 20 seconds are longer than the test may take.
       EXPECT_NE(Peer(identity->caFile()).get(server->url(target)).code, CURLE_OPERATION_TIMEDOUT);
     });
-  while (server->requestsReceived() < 3) std::this_thread::yield();
+  EXPECT_TRUE(waitUntil([&] { return server->requestsReceived() >= 3; }));
   server->stop();
   for (auto& thread : peers) thread.join();
   EXPECT_EQ(server->connectionsOpen(), 0u);
