@@ -64,7 +64,7 @@ class Decider {
       if (client == nullptr ||
           !matchClientNameAndServiceID(*client, _facts.clientName(), _facts.serviceID()))
         continue;
-      if (_facts.requireUserInfo) _decision.entry = index;
+      if (_facts.requireUserInfo && _facts.userInfo != nullptr) _decision.entry = index;
       return client;
     }
     return nullptr;

@@ -101,6 +101,7 @@ TEST_F(ClientPolicyTest, ConsentUserInfoAndAMatchComeFirst) {
   facts.userInfo = nullptr;
   expect(decideOn({entryWith("client", "player")}), BackendState::waiting,
          Reason::waitingForUserInfo);
+  EXPECT_EQ(decideOn({entryWithout("client")}).entry, std::nullopt) << "it would match anybody";
 }
 
 TEST_F(ClientPolicyTest, WithoutRequiredUserInfoTheFirstEntryWithAnAddressServes) {
