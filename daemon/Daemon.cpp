@@ -11,17 +11,27 @@
 
 #include "base/Log.h"
 #include "daemon/CorviddAgent.h"
-#include "daemon/SystemServices.h"
 #include "platform/Platform.h"
 #include "platform/data/Deployment.h"
+#include "platform/data/FilePreferences.h"
+#include "platform/data/LocalFileSystem.h"
+#include "platform/data/StoredConsent.h"
+#include "platform/data/SystemRandom.h"
+#include "platform/http/CurlHTTPClient.h"
+#include "platform/network/SystemNetwork.h"
 #include "platform/system/BundleTrial.h"
+#include "platform/system/DynamicBundleLoader.h"
 #include "platform/system/Entitlements.h"
+#include "platform/system/JournalPowerLog.h"
 #include "platform/system/Launcher.h"
 #include "platform/system/ProcessSetup.h"
 #include "platform/system/Sandbox.h"
 #include "platform/system/SystemClock.h"
+#include "platform/system/SystemDeviceInformation.h"
+#include "platform/system/SystemLocale.h"
 #include "platform/system/SystemLog.h"
 #include "protocol/Keys.h"
+#include "protocol/Limits.h"
 #include "rpc/IPCListener.h"
 
 namespace corvid {
@@ -74,6 +84,37 @@ void sealSandbox(const Options& options) {
   if (!options.enforcesSandbox) return;
   if (const auto failure = sandboxSeal())
     logWarning("main: The sandbox stays unsealed: {}", *failure);
+}
+
+// The one place where the system's services are put together. Nothing is read, opened or started
+// yet: each service does that when it is first asked. Only `triedBundle` will be loaded.
+Platform::Services systemServices(const Paths& paths, const Deployment& deployment,
+                                  const std::shared_ptr<Clock>& clock,
+                                  const std::shared_ptr<Launcher>& launcher,
+                                  std::optional<FileStamp> triedBundle) {
+  const auto workEnded = [launcher] { launcher->workEnded(); };
+  const CurlHTTPClient::Options http{.caFile = deployment.caFile,
+                                     .allowInsecureHTTP = deployment.allowInsecureHTTP,
+                                     .onIdle = workEnded};
+  const auto preferences = std::make_shared<FilePreferences>(paths.preferencesFolder);
+  const auto random = std::make_shared<SystemRandom>();
+  return {
+      .clock = clock,
+      .http = std::make_shared<CurlHTTPClient>(clock, http),
+      .network = std::make_shared<SystemNetwork>(clock, workEnded),
+      .preferences = preferences,
+      .deviceInformation = std::make_shared<SystemDeviceInformation>(paths.deviceFile),
+      .locale = std::make_shared<SystemLocale>(paths.localeFile),
+      .consent = std::make_shared<StoredConsent>(preferences, random),
+      .random = random,
+      .keepAlive = launcher,
+      .files = std::make_shared<LocalFileSystem>(),
+      .extensionTokens = std::make_shared<ExtensionTokens>(random, limits::uploadBytesUnderWay),
+      .bundles = std::make_shared<DynamicBundleLoader>(paths.performanceBundle, triedBundle),
+      .powerLog = std::make_shared<JournalPowerLog>(paths.journalSocket),
+      .paths = paths,
+      .deployment = deployment,
+  };
 }
 
 Result<std::unique_ptr<IPCListener>> createListener(const Paths& paths, Launcher& launcher) {
