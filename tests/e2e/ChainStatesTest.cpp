@@ -2,7 +2,6 @@
 #include "base/Reading.h"
 #include "tests/e2e/ChainFixture.h"
 #include "tests/support/Waiting.h"
-#include "tools/lab/FaultPlan.h"
 
 namespace corvid {
 namespace {
@@ -86,7 +85,7 @@ TEST_F(ChainStates, AParentThatItsServerDisabledSilencesItsChildAtTheNextChange)
   auto child = join(1);
   child.sendAndFlush("before");
   ASSERT_EQ(arrivals("before"), 1u);
-  _lab.faults().set("events", {.status = 503});
+  plan("events", {{"status", 503}});
   EXPECT_EQ(top.flush(), "backend httpPost disabled by server 503 return code");
   child.sendAndFlush("nobody has told it");
   ASSERT_EQ(arrivals("nobody has told it"), 1u);

@@ -345,7 +345,7 @@ TEST_F(ClientFaults, TheEventsOfAClientThatWasKilledArrive) {
 
 TEST_F(ClientFaults, AClientMayGoInTheMiddleOfACall) {
   const std::size_t before = _daemon->descriptors();
-  _lab.faults().set("storebags", {.delay = std::chrono::milliseconds(300)});
+  plan("storebags", {{"delay", 0.3}});
   {
     WireClient client(socketPath());
     auto info = client.session.setSessionInfoRequest();

@@ -80,7 +80,7 @@ TEST_F(Dashboard, LogDataOfAClientArrivesWhole) {
 
 TEST_F(Dashboard, LogDataThatDoesNotArriveIsRefusedAndTheNextIsTried) {
   startDaemon();
-  _lab.faults().set("logData", {.cutHeadAfter = 5});
+  plan("logData", {{"cutHeadAfter", 5}});
   TestClient client(_root.path());
   ASSERT_EQ(client.configure({.clientType = dashboardClient}).text(), "dashboard,httpPost");
   EXPECT_EQ(upload(client, {}), "refused");

@@ -79,7 +79,7 @@ TEST_F(Events, ARealtimeEventOvertakesNothing) {
 
 TEST_F(Events, AServerErrorDisablesTheBackend) {
   startDaemon();
-  _lab.faults().set("events", {.status = 503});
+  plan("events", {{"status", 503}});
   const auto lines = session({describe, start, play, flush, play, flush});
   ASSERT_EQ(lines.size(), 6u);
   EXPECT_EQ(lines[3],
@@ -89,7 +89,7 @@ TEST_F(Events, AServerErrorDisablesTheBackend) {
 }
 
 TEST_F(Events, ATamperedStorebagIsRefusedAndNothingLeaves) {
-  _lab.faults().set("storebags", {.times = -1, .corrupt = true});
+  plan("storebags", {{"times", -1}, {"corrupt", true}});
   startDaemon();
   const auto lines = session({describe, start, play});
   ASSERT_EQ(lines.size(), 3u);
@@ -100,7 +100,7 @@ TEST_F(Events, ATamperedStorebagIsRefusedAndNothingLeaves) {
 }
 
 TEST_F(Events, AFailedFetchIsNotRepeatedAtOnce) {
-  _lab.faults().set("storebags", {.times = -1, .status = 500});
+  plan("storebags", {{"times", -1}, {"status", 500}});
   startDaemon();
   session({describe, start});
   const std::size_t asked = _lab.storebags().requestsReceived();

@@ -27,6 +27,12 @@ std::string LabFixture::urlOf(std::string_view server) const {
   return *stringAt(_lab.addresses(), server);
 }
 
+void LabFixture::plan(const std::string& server, Dictionary fault) {
+  fault.set("server", server);
+  const Result<bool> planned = _lab.faults().set(fault);
+  ASSERT_TRUE(planned) << planned.failure().message;
+}
+
 void LabFixture::publish(const std::string& name, const Dictionary& storebag) const {
   _root.write("lab/storebags/" + name + ".plist", writeXMLPropertyList(Value(storebag)));
 }

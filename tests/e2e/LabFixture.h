@@ -28,6 +28,8 @@ class LabFixture : public testing::Test {
 
   // "events", "realtime" or "storebags" of the lab.
   std::string urlOf(std::string_view server) const;
+  // Plans what a server of the lab does wrong, as its control address takes it.
+  void plan(const std::string& server, Dictionary fault);
   // Publishes under a storebag name.
   void publish(const std::string& name, const Dictionary& storebag) const;
   // A storebag whose clients report at once, whatever they are, to this address. Further entries

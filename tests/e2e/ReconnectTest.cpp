@@ -197,7 +197,7 @@ TEST_F(SocketActivation, AnExchangeUnderWayKeepsTheIdleDaemonUntilItEnds) {
   {
     TestClient client(_root.path());
     ASSERT_EQ(client.configure({.clientType = 5}).text(), "httpPost");
-    _lab.faults().set("events", {.times = -1, .delay = std::chrono::milliseconds(1800)});
+    plan("events", {{"times", -1}, {"delay", 1.8}});
     EXPECT_EQ(client.send("slow").text(), "none");
   }
   EXPECT_EQ(_daemon->waitForExit(std::chrono::milliseconds(1500)), std::nullopt);

@@ -44,8 +44,8 @@ class UploadsEndToEnd : public LabFixture {
     return files;
   }
   // Uploads a file while the server answers so; true where the file is kept.
-  bool keeps(lab::Fault fault) {
-    _lab.faults().set("upload", std::move(fault));
+  bool keeps(Dictionary fault) {
+    plan("upload", std::move(fault));
     const std::string file = write("log");
     EXPECT_EQ(upload(file), "accepted");
     return fs::exists(file);
@@ -96,19 +96,19 @@ TEST_F(UploadsEndToEnd, EveryNameComesThrough) {
 }
 
 TEST_F(UploadsEndToEnd, OnlyAReplyWithSuccessRemovesTheFile) {
-  EXPECT_TRUE(keeps({.body = "failure"}));
-  EXPECT_TRUE(keeps({.body = ""}));
-  EXPECT_TRUE(keeps({.body = "SUCCESS"}));
-  EXPECT_TRUE(keeps({.status = 503}));
-  EXPECT_FALSE(keeps({.body = "no success at all"}));
-  EXPECT_FALSE(keeps({.status = 500, .body = "{\"success\":false}"}));
+  EXPECT_TRUE(keeps({{"body", "failure"}}));
+  EXPECT_TRUE(keeps({{"body", ""}}));
+  EXPECT_TRUE(keeps({{"body", "SUCCESS"}}));
+  EXPECT_TRUE(keeps({{"status", 503}}));
+  EXPECT_FALSE(keeps({{"body", "no success at all"}}));
+  EXPECT_FALSE(keeps({{"status", 500}, {"body", "{\"success\":false}"}}));
 }
 
 TEST_F(UploadsEndToEnd, AReplyThatDoesNotComeWholeKeepsTheFile) {
-  EXPECT_TRUE(keeps({.cutBodyAfter = 10}));
-  EXPECT_TRUE(keeps({.cutHeadAfter = 10}));
-  EXPECT_TRUE(keeps({.endless = true}));
-  EXPECT_TRUE(keeps({.redirect = urlOf("upload")}));
+  EXPECT_TRUE(keeps({{"cutBodyAfter", 10}}));
+  EXPECT_TRUE(keeps({{"cutHeadAfter", 10}}));
+  EXPECT_TRUE(keeps({{"endless", true}}));
+  EXPECT_TRUE(keeps({{"redirect", urlOf("upload")}}));
   EXPECT_EQ(timesLogged("UploadBackend(uploadFileAtPath): post localhost"), 3u);
   EXPECT_EQ(upload(write("log")), "accepted");
 }
@@ -143,7 +143,7 @@ TEST_F(UploadsEndToEnd, AFilePastTheLimitIsRefusedAtOnce) {
 }
 
 TEST_F(UploadsEndToEnd, AFileThatIsReplacedWhileItIsSentStays) {
-  _lab.faults().set("upload", {.delay = std::chrono::milliseconds(500)});
+  plan("upload", {{"delay", 0.5}});
   const std::string file = write("log", "old");
   const TestClient::Outcome outcome = client->upload(file);
   EXPECT_TRUE(waitUntil([&] { return arrived().size() == 1; }));
@@ -155,7 +155,7 @@ TEST_F(UploadsEndToEnd, AFileThatIsReplacedWhileItIsSentStays) {
 
 TEST_F(UploadsEndToEnd, ASlowServerDelaysItsOwnClientOnly) {
   admitBystander();
-  _lab.faults().set("upload", {.delay = std::chrono::seconds(3)});
+  plan("upload", {{"delay", 3}});
   const auto start = std::chrono::steady_clock::now();
   const TestClient::Outcome outcome = client->upload(write("log"));
   EXPECT_TRUE(waitUntil([&] { return arrived().size() == 1; }));
@@ -166,7 +166,7 @@ TEST_F(UploadsEndToEnd, ASlowServerDelaysItsOwnClientOnly) {
 }
 
 TEST_F(UploadsEndToEnd, AClientThatLeavesIsNoticedWhenTheExchangeEnds) {
-  _lab.faults().set("upload", {.delay = std::chrono::seconds(1)});
+  plan("upload", {{"delay", 1}});
   const std::string file = write("log");
   client.reset();
   std::optional<ClientProcess> leaver(_root.path());

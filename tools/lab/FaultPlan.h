@@ -1,6 +1,7 @@
 // Faults that somebody asked the lab's servers for.
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <set>
 #include <string>
@@ -12,39 +13,29 @@
 
 namespace corvid::lab {
 
-// What a server does wrong, for its next `times` requests (negative: until told otherwise).
-struct Fault {
-  int times = 1;
-  std::optional<int> status{};        // instead of the right one, with an empty body
-  std::optional<std::string> body{};  // instead of the right one
-  std::chrono::milliseconds delay{0};
-  std::optional<std::string> redirect{};  // with status 302 unless `status` is another
-  std::optional<std::size_t> cutBodyAfter{};
-  std::optional<std::size_t> cutHeadAfter{};
-  bool endless = false;
-  bool silent = false;
-  bool corrupt = false;   // one byte in the middle of the body is changed
-  bool truncate = false;  // the second half of the body is missing, the length says so
-};
-
 // Threads   any.
 class FaultPlan {
  public:
   // For servers of these names.
   explicit FaultPlan(std::set<std::string> servers) : _servers(std::move(servers)) {}
 
-  void set(const std::string& server, Fault fault) EXCLUDES(_mutex);
-  // From
+  // Plans what a server does wrong in its next `times` answers, instead of what was planned before:
   // {"server":NAME,"times":N,"status":N,"body":TEXT,"delay":SECONDS,"redirect":URL,"cutBodyAfter":N,
-  // "cutHeadAfter":N,"endless":true,"silent":true,"corrupt":true,"truncate":true}; everything but
-  // the server may be left out. The failure says what of it cannot be meant.
+  // "cutHeadAfter":N,"endless":true,"silent":true,"corrupt":true,"truncate":true}, each of which
+  // may be left out but the server. `times` is 1 unless given, -1 lasts until told otherwise. A
+  // status comes without a body unless there is one here, a redirect with 302 unless there is a
+  // status. "corrupt" changes one byte in the middle of the body, "truncate" leaves out its second
+  // half, and the length says so. The failure says what cannot be meant.
   Result<bool> set(const Dictionary& request) EXCLUDES(_mutex);
 
   // The answer as the server's fault, if one is due, makes it.
   Answer apply(const std::string& server, Answer answer) EXCLUDES(_mutex);
 
  private:
-  Fault faultFrom(const Dictionary& request) const;
+  struct Fault {
+    std::int64_t times;
+    Dictionary request;
+  };
 
   const std::set<std::string> _servers;
 
