@@ -1,7 +1,8 @@
 #include "backends/https/EventFilters.h"
 
 #include <algorithm>
-#include <cstring>
+#include <array>
+#include <functional>
 
 #include "backends/CorvidBackend.h"
 #include "base/Describe.h"
@@ -24,63 +25,16 @@ filterTag tagFor(const Dictionary& filter) {
           .action = actionNamed(stringAt(filter, "action"))};
 }
 
-constexpr std::uint64_t everyByte(std::uint8_t byte) { return 0x0101010101010101u * byte; }
-
-template <class Word>
-std::uint64_t wordAt(const char* from) {
-  Word word;
-  std::memcpy(&word, from, sizeof word);
-  return word;
-}
-
-// The first and the last eight bytes, which overlap in between; of fewer than eight bytes a mix
-// that holds each of them.
-struct Ends {
-  explicit Ends(std::string_view text) {
-    const char* const end = text.data() + text.size();
-    if (text.size() >= 8) {
-      first = wordAt<std::uint64_t>(text.data());
-      last = wordAt<std::uint64_t>(end - 8);
-    } else if (text.size() >= 4) {
-      first = wordAt<std::uint32_t>(text.data());
-      last = wordAt<std::uint32_t>(end - 4);
-    } else {
-      for (const char c : text) first = first << 8 | static_cast<unsigned char>(c);
-    }
-  }
-  std::uint64_t first = 0;
-  std::uint64_t last = 0;
-};
-
-bool isASCII(std::string_view text, const Ends& ends) {
-  std::uint64_t bytes = ends.first | ends.last;
-  for (std::size_t at = 8; at + 8 < text.size(); at += 8)
-    bytes |= wordAt<std::uint64_t>(text.data() + at);
-  return (bytes & everyByte(0x80)) == 0;
-}
-
-// Setting bit 5 makes both cases of an ASCII letter the same; that it takes a few other characters
-// together too costs a comparison at most.
-std::size_t hashOf(std::string_view text, const Ends& ends) {
-  constexpr std::uint64_t caseBits = everyByte(0x20);
-  std::uint64_t hash = ((ends.first | caseBits) + text.size()) * 0x9E3779B97F4A7C15;
-  hash = (hash ^ (hash >> 32) ^ (ends.last | caseBits)) * 0xC2B2AE3D27D4EB4F;
-  return static_cast<std::size_t>(hash ^ (hash >> 29));
-}
-
-// Equal for keys that are equal ignoring case.
-std::size_t foldingHash(std::string_view key) {
-  const Ends ends(key);
-  if (isASCII(key, ends)) [[likely]]
-    return hashOf(key, ends);
-  const std::string folded = caseFolded(key);
-  return hashOf(folded, Ends(folded));
-}
-
 }  // namespace
 
 std::size_t EventFilters::FoldingHash::operator()(std::string_view key) const {
-  return foldingHash(key);
+  // Nearly every key is a short ASCII text; folding one takes no memory.
+  std::array<char, 64> folded;
+  if (key.size() > folded.size() || !isASCII(key)) return std::hash<std::string>()(caseFolded(key));
+  std::ranges::transform(key, folded.begin(), [](char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+  });
+  return std::hash<std::string_view>()({folded.data(), key.size()});
 }
 
 bool EventFilters::FoldingEqual::operator()(std::string_view a, std::string_view b) const {
@@ -91,15 +45,12 @@ EventFilters::EventFilters(const Array& filters) : _numberOfFilters(filters.size
   for (const Value& item : filters) {
     const Dictionary* filter = item.dictionary();
     const std::string* key = filter ? stringAt(*filter, "key") : nullptr;
-    if (key == nullptr) continue;
-    _filters[*key].push_back(tagFor(*filter));
-    _mayHave.set(foldingHash(*key) % _mayHave.size());
+    if (key != nullptr) _filters[*key].push_back(tagFor(*filter));
   }
 }
 
 FilterAction EventFilters::actionFor(std::string_view key, std::int32_t method,
                                      std::int32_t status) const {
-  if (!_mayHave[foldingHash(key) % _mayHave.size()]) return FilterAction::keep;
   const auto found = _filters.find(key);
   if (found == _filters.end()) return FilterAction::keep;
   for (const filterTag& tag : found->second)

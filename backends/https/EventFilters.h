@@ -1,7 +1,6 @@
 // The filters of a storebag entry: which keys of a record leave the device, and in which form.
 #pragma once
 
-#include <bitset>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -60,8 +59,6 @@ class EventFilters {
 
   std::size_t _numberOfFilters = 0;
   std::unordered_map<std::string, std::vector<filterTag>, FoldingHash, FoldingEqual> _filters;
-  // By hash: keys that no filter names, which most are, need no look-up.
-  std::bitset<256> _mayHave;
 };
 
 }  // namespace corvid
