@@ -10,11 +10,12 @@ namespace corvid {
 
 CorvidBackend::CorvidBackend(std::string name, Dictionary profile, SharedIdentity identity,
                              std::optional<std::string> displayURL)
-    : _name(std::move(name)),
+    : _platform(Platform::current()),
+      _name(std::move(name)),
       _profile(std::move(profile)),
       _identity(std::move(identity)),
       _displayURL(std::move(displayURL)),
-      _samplingFactor(Platform::current().random().uniform()) {}
+      _samplingFactor(_platform.random().uniform()) {}
 
 std::string CorvidBackend::convertIntoSHA256(std::string_view text) {
   return hexadecimal(sha256(text.substr(0, utf16Length(text))));

@@ -18,6 +18,7 @@
 namespace corvid {
 
 class ExchangeGate;
+class Platform;
 
 // Reporting state of a backend. Sessions treat sending and held as reporting.
 enum class BackendState : std::int32_t {
@@ -103,16 +104,17 @@ class CorvidBackend : public std::enable_shared_from_this<CorvidBackend> {
   void setCombinedSessionIDString(std::string sessionID) EXCLUDES(_lock);
   // Null where there is none.
   SharedDictionary userInfoDict() const EXCLUDES(_lock);
-  virtual void setUserInfoDict(SharedDictionary userInfoDict) EXCLUDES(_lock);
+  void setUserInfoDict(SharedDictionary userInfoDict) EXCLUDES(_lock);
   std::optional<double> samplingThreshold() const EXCLUDES(_lock);
   void setSamplingThreshold(std::optional<double> samplingThreshold) EXCLUDES(_lock);
 
  protected:
-  // Draws the sampling factor.
+  // On the Platform that is installed. Draws the sampling factor.
   CorvidBackend(std::string name, Dictionary profile, SharedIdentity identity,
                 std::optional<std::string> displayURL = std::nullopt);
 
   // Constant after construction.
+  Platform& _platform;
   const std::string _name;
   const Dictionary _profile;
   const SharedIdentity _identity;

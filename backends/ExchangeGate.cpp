@@ -1,14 +1,11 @@
 #include "backends/ExchangeGate.h"
 
-#include "platform/Platform.h"
-
 namespace corvid {
 
 ExchangeGate::Pass ExchangeGate::enter(std::chrono::milliseconds patience, std::size_t bytes) {
-  Clock& clock = Platform::current().clock();
   {
     MutexLock lock(_lock);
-    clock.waitUntil(_left, _lock, clock.steadyNow() + patience, [&]() NO_THREAD_SAFETY_ANALYSIS {
+    _clock.waitUntil(_left, _lock, _clock.steadyNow() + patience, [&]() NO_THREAD_SAFETY_ANALYSIS {
       return _bytesOut == 0 || _bytesOut + bytes <= _byteLimit;
     });
     _bytesOut += bytes;

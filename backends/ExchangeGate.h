@@ -11,6 +11,7 @@
 #include <memory>
 
 #include "base/Mutex.h"
+#include "platform/Clock.h"
 
 namespace corvid {
 
@@ -23,7 +24,8 @@ class ExchangeGate : public std::enable_shared_from_this<ExchangeGate> {
 
   static constexpr std::size_t clientByteLimit = std::size_t{16} << 20;
 
-  explicit ExchangeGate(std::size_t byteLimit = clientByteLimit) : _byteLimit(byteLimit) {}
+  explicit ExchangeGate(Clock& clock, std::size_t byteLimit = clientByteLimit)
+      : _clock(clock), _byteLimit(byteLimit) {}
 
   // Waits until the `bytes` that the exchange keeps fit beside those of the others, or there are no
   // others; at most `patience`. After that the pass is given all the same, so that a stuck exchange
@@ -34,6 +36,7 @@ class ExchangeGate : public std::enable_shared_from_this<ExchangeGate> {
  private:
   void leave(std::size_t bytes) EXCLUDES(_lock);
 
+  Clock& _clock;
   const std::size_t _byteLimit;
   mutable Mutex _lock;
   std::condition_variable_any _left;

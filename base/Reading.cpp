@@ -86,6 +86,11 @@ std::optional<bool> asBoolean(const Value* value) {
   return std::nullopt;
 }
 
+std::optional<std::string> asText(const Value* value) {
+  const std::string* text = value ? value->string() : nullptr;
+  return text ? std::optional(*text) : std::nullopt;
+}
+
 std::int32_t int32At(const Dictionary& dictionary, std::string_view key) {
   return static_cast<std::int32_t>(integerAt(dictionary, key).value_or(0));
 }
@@ -100,10 +105,8 @@ const std::string* stringAt(const Dictionary& dictionary, std::string_view key) 
   return value ? value->string() : nullptr;
 }
 std::optional<std::string> textAt(const Dictionary& dictionary, std::string_view key) {
-  const std::string* text = stringAt(dictionary, key);
-  return text ? std::optional(*text) : std::nullopt;
+  return asText(dictionary.find(key));
 }
-
 const Array* arrayAt(const Dictionary& dictionary, std::string_view key) {
   const Value* value = dictionary.find(key);
   return value ? value->array() : nullptr;

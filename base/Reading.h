@@ -19,6 +19,12 @@ std::int64_t integerFromText(std::string_view text);
 // last one counts, quotes and backslashes are taken away. Nothing where it is missing or empty.
 std::optional<std::string> assignedValue(std::string_view text, std::string_view name);
 
+// Where the value is, or null: for what takes something that may be missing by its address.
+template <class T>
+const T* pointerTo(const std::optional<T>& value) {
+  return value ? &*value : nullptr;
+}
+
 // The value as an integer: integers as they are, reals cut toward zero (not a number gives 0,
 // saturating), booleans 1 and 0, strings by integerFromText. Nothing for the other types.
 std::optional<std::int64_t> asInteger(const Value* value);
@@ -26,6 +32,8 @@ std::optional<std::int64_t> asInteger(const Value* value);
 std::optional<double> asNumber(const Value* value);
 // The value as a truth value: booleans, and numbers other than 0 are true. Nothing otherwise.
 std::optional<bool> asBoolean(const Value* value);
+// The value as a text, a copy: strings only.
+std::optional<std::string> asText(const Value* value);
 
 // The low 32 bits of asInteger, 0 when there is none.
 std::int32_t int32At(const Dictionary& dictionary, std::string_view key);

@@ -56,11 +56,12 @@ std::optional<std::string> unlessEmpty(std::string_view text) {
 }
 
 std::uint32_t userDefaultsEnvironment() {
-  const auto stored = Platform::current().preferences().value(corvidSuite, "environmentType");
+  Preferences& preferences = Platform::current().preferences();
   constexpr auto internal = static_cast<std::uint32_t>(CorvidEnvironmentType::internal);
   constexpr auto release = static_cast<std::uint32_t>(CorvidEnvironmentType::release);
   std::uint32_t environment;
-  if (const auto preferred = asInteger(stored ? &*stored : nullptr)) {
+  if (const auto preferred =
+          asInteger(pointerTo(preferences.value(corvidSuite, "environmentType")))) {
     environment = static_cast<std::uint32_t>(*preferred);
     if (environment > release) {
       logError("userDefaultsEnvironment: Invalid environment type {}", environment);

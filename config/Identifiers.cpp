@@ -17,9 +17,7 @@ namespace {
 constexpr std::string_view keyPrefix = "uuid:";
 
 std::optional<std::string> storedIdentifier(const std::string& key) {
-  const auto stored = Platform::current().preferences().value(corvidSuite, key);
-  const std::string* identifier = stored ? stored->string() : nullptr;
-  return identifier ? std::optional(*identifier) : std::nullopt;
+  return asText(pointerTo(Platform::current().preferences().value(corvidSuite, key)));
 }
 
 std::size_t costOfIdentifier(const std::string& key) {

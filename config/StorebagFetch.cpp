@@ -23,8 +23,9 @@ constexpr std::string_view fallbackName = "parlor";
 
 std::string computeStorebagServerURL() {
   Platform& platform = Platform::current();
-  const auto preferred = platform.preferences().value(corvidSuite, "corvid_storebag_url");
-  if (const std::string* url = preferred ? preferred->string() : nullptr) return *url;
+  if (auto url =
+          asText(pointerTo(platform.preferences().value(corvidSuite, "corvid_storebag_url"))))
+    return *std::move(url);
   const Deployment& deployment = platform.deployment();
   return isInternalBuild()
              ? fmt::format("https://{}/storebags/birch", deployment.internalStorebagHost)

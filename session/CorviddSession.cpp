@@ -18,12 +18,9 @@ namespace corvid {
 
 namespace {
 
-constexpr std::string_view timeSuite = "com.halcyon.timed";
-constexpr std::string_view automaticTimeZoneKey = "TMAutomaticTimeZoneEnabled";
-
 // Whatever backends a client gets, and however often, their exchanges pass through one gate.
-BackendSetCreator sharingOneGate(BackendSetCreator creator) {
-  return [creator = std::move(creator), gate = std::make_shared<ExchangeGate>()](
+BackendSetCreator sharingOneGate(BackendSetCreator creator, Clock& clock) {
+  return [creator = std::move(creator), gate = std::make_shared<ExchangeGate>(clock)](
              const Dictionary* section, const Dictionary* sessionInfo,
              const SharedDictionary& userInfo, std::optional<std::string> udid) {
     auto table = creator(section, sessionInfo, userInfo, std::move(udid));
@@ -33,15 +30,15 @@ BackendSetCreator sharingOneGate(BackendSetCreator creator) {
   };
 }
 
-std::string newSessionIDString() {
-  const UUIDBytes uuid = Platform::current().random().uuid();
+std::string newSessionIDString(Random& random) {
+  const UUIDBytes uuid = random.uuid();
   return base64Encode({reinterpret_cast<const char*>(uuid.data()), uuid.size()});
 }
 
 // On unless the preference says otherwise.
-bool automaticTimeSet() {
-  const auto value = Platform::current().preferences().value(timeSuite, automaticTimeZoneKey);
-  return asBoolean(value ? &*value : nullptr).value_or(true);
+bool automaticTimeSet(Preferences& preferences) {
+  const auto stored = preferences.value("com.halcyon.timed", "TMAutomaticTimeZoneEnabled");
+  return asBoolean(pointerTo(stored)).value_or(true);
 }
 
 // A name that both lack, or that is no text in both, is the same.
@@ -68,9 +65,10 @@ CorviddSession::CorviddSession(std::shared_ptr<CorviddSessionDelegate> delegate,
                                std::shared_ptr<Connection> connection, BackendSetCreator creator)
     : _sessionDelegate(std::move(delegate)),
       _connection(std::move(connection)),
-      _createBackends(sharingOneGate(std::move(creator))),
+      _platform(Platform::current()),
+      _createBackends(sharingOneGate(std::move(creator), _platform.clock())),
       _deviceid(uniqueDeviceID()),
-      _sessionIDString(newSessionIDString()) {
+      _sessionIDString(newSessionIDString(_platform.random())) {
   logDebug("initWithSessionDelegate: CorviddSession initWithSessionDelegate:{}",
            _sessionDelegate->description());
   logDebug("initWithSessionDelegate: Initialized session with UUID {}", _sessionIDString);
@@ -189,9 +187,8 @@ void CorviddSession::sendStartMessage() {
     payload.set("Product", deviceName().value_or("Unknown"));
     payload.set("ReportVers", clientLibraryVersion());
   }
-  if (auto country = Platform::current().locale().countryCode())
-    payload.set("Locale", *std::move(country));
-  payload.set("AutomaticTimeSet", automaticTimeSet());
+  if (auto country = _platform.locale().countryCode()) payload.set("Locale", *std::move(country));
+  payload.set("AutomaticTimeSet", automaticTimeSet(_platform.preferences()));
   internalSendMessage(payload, sessionStart);
 }
 

@@ -130,6 +130,7 @@ class CorviddSession final : public ClientSessionInterface,
   // Constant after construction.
   const std::shared_ptr<CorviddSessionDelegate> _sessionDelegate;
   const std::shared_ptr<Connection> _connection;
+  Platform& _platform;
   const BackendSetCreator _createBackends;
   const std::string _deviceid;
   const std::string _sessionIDString;

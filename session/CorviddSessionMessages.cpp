@@ -71,7 +71,7 @@ std::string inOneLine(const std::string& fileURL) {
 void CorviddSession::sendMessageWithCategory(std::uint16_t category, std::uint16_t type,
                                              std::optional<Dictionary> payload, ResultReply reply) {
   logDebug("sendMessageWithCategory: Sending message for session {}", sessionID());
-  reply(dispatch({category, type, payload ? &*payload : nullptr}));
+  reply(dispatch({category, type, pointerTo(payload)}));
 }
 
 void CorviddSession::sendMessageWithDictionary(Dictionary message, ResultReply reply) {
@@ -99,7 +99,7 @@ std::optional<std::string> CorviddSession::dispatch(const SessionMessage& messag
     logDebug("sendMessageWithDictionary: No backends available to send message");
     return std::nullopt;
   }
-  const TimeValue now = Platform::current().clock().now();
+  const TimeValue now = _platform.clock().now();
   aggregateMessage(message, now.asDouble());
   return backends->send(message, now);
 }
@@ -217,8 +217,8 @@ void CorviddSession::sendMessageWithSessionInfo(Dictionary sessionInfo,
     reply("storebag not available");
     return;
   }
-  sendMessageWithSessionInfo(info.get(), user, &*storebag, category, type,
-                             payload ? &*payload : nullptr, _createBackends);
+  sendMessageWithSessionInfo(info.get(), user, &*storebag, category, type, pointerTo(payload),
+                             _createBackends);
   reply("finished");
 }
 

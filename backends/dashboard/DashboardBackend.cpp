@@ -37,7 +37,7 @@ std::shared_ptr<DashboardBackend> DashboardBackend::initWithName(
 std::shared_ptr<DashboardBackend> DashboardBackend::initWithName(
     const std::string& name, const Dictionary* profile, const std::optional<std::string>& serverIP,
     std::uint16_t serverPort, const SharedIdentity& identity, PacketObserver observer) {
-  const std::string* address = serverIP ? &*serverIP : nullptr;
+  const std::string* address = pointerTo(serverIP);
   std::uint16_t port = serverPort;
   std::optional<std::int64_t> reliablePeriod = defaultPeriod.count();
   if (profile) {
@@ -54,7 +54,8 @@ std::shared_ptr<DashboardBackend> DashboardBackend::initWithName(
     port = static_cast<std::uint16_t>(*given);
     reliablePeriod = integerAt(*profile, "reliable");
   }
-  auto socket = Platform::current().network().openDatagramSocket();
+  Network& network = Platform::current().network();
+  auto socket = network.openDatagramSocket();
   if (!socket) {
     logError("DashboardBackend(initWithName): socket() failed ({})", socket.failure().code);
     return nullptr;
@@ -63,7 +64,8 @@ std::shared_ptr<DashboardBackend> DashboardBackend::initWithName(
     logError("DashboardBackend(initWithName): initWitName with all null params.");
     return nullptr;
   }
-  auto delivery = std::make_shared<PacketDelivery>(std::move(socket).value(), std::move(observer));
+  auto delivery =
+      std::make_shared<PacketDelivery>(network, std::move(socket).value(), std::move(observer));
   if (reliablePeriod) delivery->useReliableUDP();
   const std::chrono::milliseconds period(
       std::clamp(reliablePeriod.value_or(defaultPeriod.count()), shortestPeriod, longestPeriod));
@@ -95,7 +97,7 @@ bool DashboardBackend::uploadLogData(const Array& logData) {
   request.url = *_postURL;
   request.headers = {{"Content-Type", "application/octet-stream"}};
   request.body = std::move(*archive);
-  const HTTPOutcome outcome = performAndWait(Platform::current().http(), std::move(request));
+  const HTTPOutcome outcome = performAndWait(_platform.http(), std::move(request));
   if (outcome.error || !outcome.response) {
     logError("DashboardBackend(uploadLogData): Error uploading log data array ({})",
              outcome.error ? std::string_view(outcome.error->description) : nullDescription);
@@ -105,7 +107,7 @@ bool DashboardBackend::uploadLogData(const Array& logData) {
   logDebug("DashboardBackend(uploadLogData): Log data uploaded to {}", location);
   // Counts as an event and, like those of clients, goes nowhere.
   const Dictionary payload{{"LogDataUploadLocation", location}};
-  sendMessage(&payload, Platform::current().clock().now(), 0, 2, MessageFlag{0});
+  sendMessage(&payload, _platform.clock().now(), 0, 2, MessageFlag{0});
   return true;
 }
 

@@ -4,7 +4,6 @@
 #include <utility>
 
 #include "base/Log.h"
-#include "platform/Platform.h"
 
 namespace corvid {
 
@@ -15,9 +14,9 @@ constexpr std::array<std::int32_t, 4> retransmissionThresholds{2, 3, 5, 9};
 
 }  // namespace
 
-PacketDelivery::PacketDelivery(std::unique_ptr<DatagramSocket> socket, PacketObserver observer)
-    : _networkProcQueue(
-          Platform::current().network().createQueue("com.halcyon.Corvid.networkProc")),
+PacketDelivery::PacketDelivery(Network& network, std::unique_ptr<DatagramSocket> socket,
+                               PacketObserver observer)
+    : _networkProcQueue(network.createQueue("com.halcyon.Corvid.networkProc")),
       _observer(std::move(observer)),
       _socketDescriptor(std::move(socket)) {
   _messageQueue.reserve(queueLimit + 1);

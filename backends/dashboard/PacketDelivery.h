@@ -94,7 +94,7 @@ class PacketDelivery final : public std::enable_shared_from_this<PacketDelivery>
 
   // The observer, if any, is told of each packet's end: on the network's thread, or where the last
   // owner lets go.
-  PacketDelivery(std::unique_ptr<DatagramSocket> socket, PacketObserver observer);
+  PacketDelivery(Network& network, std::unique_ptr<DatagramSocket> socket, PacketObserver observer);
   ~PacketDelivery();
 
   // Stays plain (logged) where the system refuses.

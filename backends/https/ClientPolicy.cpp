@@ -12,11 +12,6 @@ namespace corvid {
 
 namespace {
 
-template <class T>
-const T* pointerTo(const std::optional<T>& value) {
-  return value ? &*value : nullptr;
-}
-
 bool listsCountry(const Dictionary& item, const std::string& country) {
   const Array* countries = arrayAt(item, "country");
   if (countries == nullptr) return false;

@@ -46,8 +46,8 @@ std::string headerValue(std::string text) {
 
 // What of the message travels: its gzip form where that is shorter. Adds the headers that tell of
 // it. The message is taken by value so that nothing of it is left while the caller waits.
-std::string bodyOf(std::string message, HTTPHeaders& headers) {
-  std::optional<std::string> compressed = Platform::current().compressor.gzipDeflate(message);
+std::string bodyOf(std::string message, Compressor& compressor, HTTPHeaders& headers) {
+  std::optional<std::string> compressed = compressor.gzipDeflate(message);
   const bool smaller = compressed && !compressed->empty() && compressed->size() < message.size();
   std::string body = std::move(smaller ? *compressed : message);
   // Both texts were made with room for the worst case, which would be kept as long as the exchange
@@ -86,10 +86,16 @@ void finishExchange(const std::weak_ptr<CorvidBackend>& sender, const std::strin
 
 }  // namespace
 
+EventPoster::EventPoster(Platform& platform, std::string backendName, SharedIdentity identity)
+    : _platform(platform),
+      _backendName(std::move(backendName)),
+      _identity(std::move(identity)),
+      _gate(std::make_shared<ExchangeGate>(platform.clock())) {}
+
 std::optional<std::string> EventPoster::createMessageForPostAndLogging(
-    std::vector<Dictionary> records, std::optional<std::string> clientID) {
+    std::vector<Dictionary> records, std::optional<std::string> clientID) const {
   Dictionary message;
-  message.set("postTime", finiteOrMinusOne(Platform::current().clock().now().asDouble()));
+  message.set("postTime", finiteOrMinusOne(_platform.clock().now().asDouble()));
   const std::size_t count = records.size();
   for (Dictionary& record : records) applyValueRules(record);
   if (clientID) {
@@ -113,20 +119,20 @@ void EventPoster::postJSONMessage(std::string message, const PostEnvelope& envel
     return;
   }
   HTTPRequest request = requestFor(envelope);
-  request.body = bodyOf(std::move(message), request.headers);
+  request.body = bodyOf(std::move(message), _platform.compressor, request.headers);
 
   // The time at the gate and that in front of a full queue count together.
-  Clock& clock = Platform::current().clock();
+  Clock& clock = _platform.clock();
   const Clock::TimePoint start = clock.steadyNow();
   ExchangeGate::Pass pass = _gate->enter(request.timeout, costOf(request) + keptBytes);
   request.patience = request.timeout - std::chrono::duration_cast<std::chrono::milliseconds>(
                                            clock.steadyNow() - start);
-  Platform::current().http().start(
-      std::move(request), [sender = std::move(sender), name = _backendName, pass = std::move(pass),
-                           completion = std::move(completion)](HTTPOutcome outcome) mutable {
-        pass.reset();
-        finishExchange(sender, name, outcome, completion);
-      });
+  _platform.http().start(std::move(request),
+                         [sender = std::move(sender), name = _backendName, pass = std::move(pass),
+                          completion = std::move(completion)](HTTPOutcome outcome) mutable {
+                           pass.reset();
+                           finishExchange(sender, name, outcome, completion);
+                         });
 }
 
 HTTPRequest EventPoster::requestFor(const PostEnvelope& envelope) const {

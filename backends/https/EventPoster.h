@@ -36,15 +36,14 @@ struct PostEnvelope {
 // Locks     None is held, so none may be held by the caller that a completion could want.
 class EventPoster {
  public:
-  EventPoster(std::string backendName, SharedIdentity identity)
-      : _backendName(std::move(backendName)), _identity(std::move(identity)) {}
+  EventPoster(Platform& platform, std::string backendName, SharedIdentity identity);
 
   void setGate(std::shared_ptr<ExchangeGate> gate) { _gate = std::move(gate); }
 
   // The message of these records, as it travels: nothing, logged, where it cannot be written. An
   // absent `clientID` leaves the time alone in it.
-  static std::optional<std::string> createMessageForPostAndLogging(
-      std::vector<Dictionary> records, std::optional<std::string> clientID);
+  std::optional<std::string> createMessageForPostAndLogging(
+      std::vector<Dictionary> records, std::optional<std::string> clientID) const;
 
   // Starts the exchange. A server that answers 5xx switches `sender` off, if it still lives then.
   // `completion` may be empty; `keptBytes` is what it keeps in memory until it is called.
@@ -56,10 +55,11 @@ class EventPoster {
   HTTPRequest requestFor(const PostEnvelope& envelope) const;
 
   // Constant after construction.
+  Platform& _platform;
   const std::string _backendName;
   const SharedIdentity _identity;
   // Set before the first post; synchronises itself.
-  std::shared_ptr<ExchangeGate> _gate = std::make_shared<ExchangeGate>();
+  std::shared_ptr<ExchangeGate> _gate;
 };
 
 }  // namespace corvid

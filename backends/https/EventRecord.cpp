@@ -44,7 +44,6 @@ void addStopEventSummary(Dictionary& record, const RecordContext& context) {
 }  // namespace
 
 Dictionary createEventDictfromPayload(const Event& event, const RecordContext& context) {
-  Platform& platform = Platform::current();
   const BackendIdentity& identity = context.identity;
   const std::int64_t start = startMinute(identity.startTimeStamp);
   // Relative to the minute that the session is said to have started in.
@@ -78,7 +77,8 @@ Dictionary createEventDictfromPayload(const Event& event, const RecordContext& c
   record.set("_internal", isInternalBuild() ? 1 : 0);
   record.set("_reportVers",
              fmt::format("{}.{}", identity.selfVersionMajor, identity.selfVersionMinor));
-  record.set("_timezoneOffset", platform.locale().secondsFromGMT(platform.clock().now()));
+  record.set("_timezoneOffset",
+             context.platform.locale().secondsFromGMT(context.platform.clock().now()));
   return record;
 }
 

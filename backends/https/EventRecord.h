@@ -25,6 +25,7 @@ struct Event {
 
 // Of the backend, at the time of the event.
 struct RecordContext {
+  Platform& platform;
   const BackendIdentity& identity;
   const ClientPolicy& policy;
   const std::optional<double>& samplingThreshold;

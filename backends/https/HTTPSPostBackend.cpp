@@ -16,22 +16,12 @@ namespace corvid {
 
 namespace {
 
-std::optional<std::string> userDefaultText(std::string_view key) {
-  const std::optional<Value> value = Platform::current().preferences().value(corvidSuite, key);
-  const std::string* text = value ? value->string() : nullptr;
-  return text ? std::optional(*text) : std::nullopt;
-}
-
-bool userDefaultFlag(std::string_view key) {
-  const std::optional<Value> value = Platform::current().preferences().value(corvidSuite, key);
-  return asBoolean(value ? &*value : nullptr).value_or(false);
-}
-
 // What holds before the storebag was looked at.
-ClientPolicy policyOfPreferences(bool batchEvents) {
+ClientPolicy policyOfPreferences(Preferences& preferences, bool batchEvents) {
   ClientPolicy policy;
-  policy.postURL = userDefaultText("httpsPostURL");
-  policy.realtimePostURL = userDefaultText("httpsRealtimePostURL");
+  policy.postURL = asText(pointerTo(preferences.value(corvidSuite, "httpsPostURL")));
+  policy.realtimePostURL =
+      asText(pointerTo(preferences.value(corvidSuite, "httpsRealtimePostURL")));
   policy.useDefaultPostURL = policy.postURL.has_value();
   policy.useDefaultRealtimePostURL = policy.realtimePostURL.has_value();
   policy.batchEvents = batchEvents;
@@ -64,19 +54,21 @@ std::shared_ptr<HTTPSPostBackend> HTTPSPostBackend::initWithName(const std::stri
 HTTPSPostBackend::HTTPSPostBackend(Token, const std::string& name, const Dictionary& profile,
                                    const SharedIdentity& identity)
     : CorvidBackend(name, profile, identity, textAt(profile, "display_url")),
-      _dnuEnabled(Platform::current().consent().diagnosticsSubmissionAllowed()),
-      _uuidRespectDnu(Platform::current().consent().getPersistentIdentifierForDNU(true)),
-      _uuidOverrideDnu(Platform::current().consent().getPersistentIdentifierForDNU(false)),
-      _forceEventLogging(userDefaultFlag("forceEventLogging")),
-      _poster(name, identity),
-      _policy(policyOfPreferences(identity->batchEvents)) {}
+      _dnuEnabled(_platform.consent().diagnosticsSubmissionAllowed()),
+      _uuidRespectDnu(_platform.consent().getPersistentIdentifierForDNU(true)),
+      _uuidOverrideDnu(_platform.consent().getPersistentIdentifierForDNU(false)),
+      _forceEventLogging(
+          asBoolean(pointerTo(_platform.preferences().value(corvidSuite, "forceEventLogging")))
+              .value_or(false)),
+      _poster(_platform, name, identity),
+      _policy(policyOfPreferences(_platform.preferences(), identity->batchEvents)) {}
 
 BackendState HTTPSPostBackend::updateBackendState() {
   const SharedDictionary userInfo = userInfoDict();
   const PolicyFacts facts{.requireUserInfo = identity().requireUserInfo,
                           .userInfo = userInfo.get(),
                           .consent = _dnuEnabled,
-                          .country = Platform::current().locale().countryCode(),
+                          .country = _platform.locale().countryCode(),
                           .productFamily = identity().productFamily,
                           .hardwareType = identity().hardwareType,
                           .samplingFactor = samplingFactor()};
@@ -145,7 +137,8 @@ std::optional<std::string> HTTPSPostBackend::sendMessage(const Dictionary* paylo
 
 Dictionary HTTPSPostBackend::recordOf(const Event& event) const {
   Dictionary record =
-      createEventDictfromPayload(event, {.identity = identity(),
+      createEventDictfromPayload(event, {.platform = _platform,
+                                         .identity = identity(),
                                          .policy = _policy,
                                          .samplingThreshold = _samplingThreshold,
                                          .combinedSessionID = _combinedSessionIDString,
@@ -281,8 +274,7 @@ std::optional<HTTPSPostBackend::Message> HTTPSPostBackend::messageOf(Records rec
     identifier = clientIdentifier();
     isLogged = wantsMessageLog();
   }
-  auto text =
-      EventPoster::createMessageForPostAndLogging(std::move(records), std::move(identifier));
+  auto text = _poster.createMessageForPostAndLogging(std::move(records), std::move(identifier));
   if (!text) return std::nullopt;
   std::optional<std::string> prettyJsonString;
   if (isLogged) prettyJsonString = indentedJSON(*text);

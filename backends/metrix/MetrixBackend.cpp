@@ -35,7 +35,7 @@ std::shared_ptr<MetrixBackend> MetrixBackend::initWithName(const std::string& na
 MetrixBackend::MetrixBackend(const std::string& name, const Dictionary* profile,
                              const SharedIdentity& identity)
     : CorvidBackend(name, profile ? *profile : Dictionary(), identity),
-      _clientBundle(Platform::current().bundles().performanceBundle()),
+      _clientBundle(_platform.bundles().performanceBundle()),
       _metrixAdaptorClass(_clientBundle ? _clientBundle->classNamed(adaptorClass) : nullptr),
       _metrixAdaptor(_metrixAdaptorClass ? _metrixAdaptorClass->create() : nullptr) {}
 

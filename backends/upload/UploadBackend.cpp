@@ -60,7 +60,7 @@ bool UploadBackend::uploadFileAtPath(const std::string& path, const std::string&
   logDebug("UploadBackend(uploadFileAtPath): Uploading file {}", path);
   const std::optional<std::string> target = uploadURL();
   if (!target) return false;
-  ExtensionTokens::Handle file = Platform::current().extensionTokens().consume(extensionToken);
+  ExtensionTokens::Handle file = _platform.extensionTokens().consume(extensionToken);
 
   std::optional<std::string> body = compressedContent(file);
   if (!body) return false;
@@ -77,7 +77,7 @@ bool UploadBackend::uploadFileAtPath(const std::string& path, const std::string&
   file.claim(request.body.size());
   request.headers = {{"Content-Type", "application/octet-stream"}, {"Content-Encoding", "gzip"}};
 
-  const HTTPOutcome outcome = performAndWait(Platform::current().http(), std::move(request));
+  const HTTPOutcome outcome = performAndWait(_platform.http(), std::move(request));
   if (!outcome.response) {
     logError("UploadBackend(uploadFileAtPath): post {}",
              outcome.error ? std::string_view(outcome.error->description) : nullDescription);
@@ -89,7 +89,7 @@ bool UploadBackend::uploadFileAtPath(const std::string& path, const std::string&
   return true;
 }
 
-std::optional<std::string> UploadBackend::compressedContent(ExtensionTokens::Handle& file) {
+std::optional<std::string> UploadBackend::compressedContent(ExtensionTokens::Handle& file) const {
   const FileAttributes attributes = file.attributes();
   if (!attributes.isRegularFile) {
     logError("UploadBackend(uploadFileAtPath): Only upload a regular file.");
@@ -114,7 +114,7 @@ std::optional<std::string> UploadBackend::compressedContent(ExtensionTokens::Han
     logError("UploadBackend(uploadFileAtPath): Input file is empty");
     return std::nullopt;
   }
-  return Platform::current().compressor.gzipDeflate(content);
+  return _platform.compressor.gzipDeflate(content);
 }
 
 std::string UploadBackend::requestURL(const std::string& uploadURL, const std::string& path) const {

@@ -37,7 +37,7 @@ class UploadBackend final : public CorvidBackend {
   void setUploadURL(std::optional<std::string> uploadURL);
 
  private:
-  static std::optional<std::string> compressedContent(ExtensionTokens::Handle& file);
+  std::optional<std::string> compressedContent(ExtensionTokens::Handle& file) const;
   std::string requestURL(const std::string& uploadURL, const std::string& path) const;
 
   std::optional<std::string> _uploadURL GUARDED_BY(_lock);

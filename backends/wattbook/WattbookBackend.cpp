@@ -26,6 +26,6 @@ void PowerRecordWriter::record(const Dictionary* payload, std::uint16_t method,
 WattbookBackend::WattbookBackend(const std::string& name, const Dictionary* profile,
                                  const SharedIdentity& identity)
     : CorvidBackend(name, profile ? *profile : Dictionary(), identity),
-      _records(Platform::current().powerLog()) {}
+      _records(_platform.powerLog()) {}
 
 }  // namespace corvid

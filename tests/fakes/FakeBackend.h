@@ -75,10 +75,6 @@ class FakeBackend final : public CorvidBackend {
     note("setCorrelatedSessionID");
     setCombinedSessionIDString(std::move(sessionID));
   }
-  void setUserInfoDict(SharedDictionary userInfoDict) override {
-    note("setUserInfoDict");
-    CorvidBackend::setUserInfoDict(std::move(userInfoDict));
-  }
 
   // Answers.
   std::optional<std::string> sendAnswer;

@@ -1,6 +1,7 @@
 // An agent that notes what sessions ask and answers as the test says.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -27,6 +28,7 @@ class FakeSessionDelegate final : public CorviddSessionDelegate {
   }
   void userInfoUpdatedForSession(CorviddSession&) override {
     _journal->add("agent userInfoUpdatedForSession");
+    if (onUserInfoUpdated) onUserInfoUpdated();
   }
   CorviddSession* getAncestorWithAggregatorForSession(CorviddSession&) override {
     _journal->add("agent getAncestorWithAggregatorForSession");
@@ -43,6 +45,8 @@ class FakeSessionDelegate final : public CorviddSessionDelegate {
   std::optional<std::string> storebagVersion;
   std::optional<Failure> storebagFailure;
   std::shared_ptr<CorviddSession> ancestor;
+  // Run when a session is to be regrouped.
+  std::function<void()> onUserInfoUpdated;
 
  private:
   const std::shared_ptr<Journal> _journal;

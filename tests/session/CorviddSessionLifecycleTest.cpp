@@ -20,6 +20,13 @@ class CorviddSessionLifecycleTest : public SessionTest {
     session->startConfigWithCompletionHandler({});
     return backend.sent.front().payload.value();
   }
+  // A session of a new process.
+  void restartOnAnInternalBuild() {
+    session.reset();
+    platform.device->set("ReleaseType", "Internal");
+    platform.restart();
+    session = newSession();
+  }
   static std::set<std::string> keys(const Dictionary& dictionary) {
     std::set<std::string> keys;
     for (const auto& entry : dictionary) keys.insert(entry.key);
@@ -302,8 +309,7 @@ TEST_F(CorviddSessionLifecycleTest, OnAnOrdinaryBuildTheStartMessageHasTwoKeys) 
 }
 
 TEST_F(CorviddSessionLifecycleTest, OnAnInternalBuildTheStartMessageDescribesTheDevice) {
-  platform.device->set("ReleaseType", "Internal");
-  platform.restart();
+  restartOnAnInternalBuild();
   EXPECT_EQ(startMessage(), (Dictionary{{"SerialNum", "C0RV1D000001"},
                                         {"Version", "12.3"},
                                         {"Build", "20F71"},
@@ -315,16 +321,14 @@ TEST_F(CorviddSessionLifecycleTest, OnAnInternalBuildTheStartMessageDescribesThe
 }
 
 TEST_F(CorviddSessionLifecycleTest, TheStartMessageNamesTheVersionOfTheClientLibrary) {
-  platform.device->set("ReleaseType", "Internal");
-  platform.restart();
+  restartOnAnInternalBuild();
   platform.files->files[Platform::current().paths().infoFile].content =
       writeXMLPropertyList(Dictionary{{"BundleVersion", "12.1"}});
   EXPECT_EQ(*startMessage().find("ReportVers"), Value("12.1"));
 }
 
 TEST_F(CorviddSessionLifecycleTest, EachMissingDeviceAnswerBecomesUnknown) {
-  platform.device->set("ReleaseType", "Internal");
-  platform.restart();
+  restartOnAnInternalBuild();
   const std::map<std::string, std::string> keyOfAnswer{{"SerialNumber", "SerialNum"},
                                                        {"ProductVersion", "Version"},
                                                        {"BuildVersion", "Build"},

@@ -33,7 +33,7 @@ TEST_F(PostThreadsTest, ExchangesUnderWayAreNoReasonToWaitHoweverMany) {
 
 TEST_F(PostThreadsTest, PastItsBytesASendWaitsForAnExchangeToEnd) {
   const auto backend = makeFor(openEntry());
-  const auto gate = std::make_shared<ExchangeGate>(100'000);
+  const auto gate = std::make_shared<ExchangeGate>(*platform.clock, 100'000);
   backend->setExchangeGate(gate);
   std::size_t sent = 0;
   for (; gate->bytesOut() < 90'000; ++sent) send(*backend, {}, 1);
@@ -54,7 +54,7 @@ TEST_F(PostThreadsTest, TheTextThatAFlushKeepsForItsClientCountsAtTheGate) {
   sessionInfo.set("BatchEvent", true);
   constexpr std::size_t byteLimit = 100'000;
   for (const bool hasClient : {true, false}) {
-    const auto gate = std::make_shared<ExchangeGate>(byteLimit);
+    const auto gate = std::make_shared<ExchangeGate>(*platform.clock, byteLimit);
     const auto backend = makeFor(openEntry());
     backend->setExchangeGate(gate);
     const auto flush = [&] {  // compresses to next to nothing
@@ -76,7 +76,7 @@ TEST_F(PostThreadsTest, TheTextThatAFlushKeepsForItsClientCountsAtTheGate) {
 TEST_F(PostThreadsTest, ExchangesThatEndedMakeRoomWithoutWaiting) {
   platform.http->answerWith([](const HTTPRequest&) { return FakeHTTPClient::error(1, "refused"); });
   const auto backend = makeFor(openEntry());
-  backend->setExchangeGate(std::make_shared<ExchangeGate>(1));
+  backend->setExchangeGate(std::make_shared<ExchangeGate>(*platform.clock, 1));
   for (int i = 0; i < 10; ++i) send(*backend, {{"x", i}}, 1);
   EXPECT_EQ(requests().size(), 10u);
 }
@@ -92,7 +92,7 @@ TEST_F(PostThreadsTest, WithoutAGateOfItsClientEachBackendHasItsOwn) {
 }
 
 TEST_F(PostThreadsTest, BackendsThatShareAGateWaitForEachOther) {
-  const auto gate = std::make_shared<ExchangeGate>(1);
+  const auto gate = std::make_shared<ExchangeGate>(*platform.clock, 1);
   {
     const auto gone = makeFor(openEntry());
     gone->setExchangeGate(gate);
@@ -112,7 +112,7 @@ TEST_F(PostThreadsTest, WhatWaitsAtTheGateIsTheCompressedMessageOnly) {
   if (bytesInUse() == 0) GTEST_SKIP() << "this allocator does not tell what is in use";
   constexpr std::size_t size = std::size_t{8} << 20;
   const auto backend = makeFor(openEntryWith("override_dnu", 1));  // makes no log text
-  const auto gate = std::make_shared<ExchangeGate>(1);
+  const auto gate = std::make_shared<ExchangeGate>(*platform.clock, 1);
   backend->setExchangeGate(gate);
   send(*backend, {});  // passes
   const Dictionary payload{{"text", std::string(size, 'x')}};
