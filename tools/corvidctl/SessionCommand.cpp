@@ -8,6 +8,7 @@
 #include <map>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 #include "platform/data/JSON.h"
 #include "tools/Arguments.h"
@@ -58,24 +59,24 @@ client::Array arrayOrEmptyAt(const Arguments& in, std::string_view key) {
   return clientArray(in.array(key).value_or(Array()));
 }
 
-void noAnswer(const Call&, Dictionary&) {}
-void statesAnswer(const Call& call, Dictionary& line) { line.set("states", orNull(call.states)); }
-void urlAnswer(const Call& call, Dictionary& line) { line.set("url", orNull(call.text)); }
-void resultAnswer(const Call& call, Dictionary& line) { line.set("result", orNull(call.text)); }
-void flushAnswer(const Call& call, Dictionary& line) {
-  resultAnswer(call, line);
-  line.set("error", orNull(call.failure));
-}
-void fileAnswer(const Call& call, Dictionary& line) { line.set("success", call.success); }
-void logDataAnswer(const Call& call, Dictionary& line) {
-  fileAnswer(call, line);
-  line.set("error", orNull(call.failure));
+// What an answer tells, by its name in the line.
+Value told(const Call& call, std::string_view name) {
+  if (name == "states") return orNull(call.states);
+  if (name == "success") return call.success;
+  if (name == "error") return orNull(call.failure);
+  return orNull(call.text);
 }
 
 struct Operation {
   client::Status (*make)(client::Session&, const Arguments&, Call&);
-  void (*answer)(const Call&, Dictionary& line);
+  std::vector<const char*> answer;  // what an answer tells
 };
+
+// An operation that takes nothing but its callbacks.
+template <auto operation>
+client::Status plain(client::Session& session, const Arguments&, Call& call) {
+  return (session.*operation)(call, call.end());
+}
 
 const std::map<std::string, Operation, std::less<>>& operations() {
   using client::Session;
@@ -87,53 +88,37 @@ const std::map<std::string, Operation, std::less<>>& operations() {
               arrayOrEmptyAt(in, "frameworksToCheck"),
               in.boolean("hasAggregationBlock").value_or(false), call.end());
         },
-        noAnswer}},
-      {"startConfig",
-       {[](Session& session, const Arguments&, Call& call) {
-          return session.startConfig(call, call.end());
-        },
-        statesAnswer}},
+        {}}},
+      {"startConfig", {plain<&Session::startConfig>, {"states"}}},
       {"fetchStates",
        {[](Session& session, const Arguments& in, Call& call) {
           return session.fetchStates(viewOf(dictionaryAt(in, "userInfo")), call, call.end());
         },
-        statesAnswer}},
-      {"fetchDisplayURL",
-       {[](Session& session, const Arguments&, Call& call) {
-          return session.fetchDisplayURL(call, call.end());
-        },
-        urlAnswer}},
+        {"states"}}},
+      {"fetchDisplayURL", {plain<&Session::fetchDisplayURL>, {"url"}}},
       {"sendMessage",
        {[](Session& session, const Arguments& in, Call& call) {
           return session.sendMessage(number16(in, "category"), number16(in, "type"),
                                      viewOf(dictionaryAt(in, "payload")), call, call.end());
         },
-        resultAnswer}},
+        {"result"}}},
       {"sendMessageWithDictionary",
        {[](Session& session, const Arguments& in, Call& call) {
           return session.sendMessage(dictionaryOrEmptyAt(in, "message"), call, call.end());
         },
-        resultAnswer}},
-      {"flush",
-       {[](Session& session, const Arguments&, Call& call) {
-          return session.flush(call, call.end());
-        },
-        flushAnswer}},
-      {"finish",
-       {[](Session& session, const Arguments&, Call& call) {
-          return session.finish(call, call.end());
-        },
-        resultAnswer}},
+        {"result"}}},
+      {"flush", {plain<&Session::flush>, {"result", "error"}}},
+      {"finish", {plain<&Session::finish>, {"result"}}},
       {"uploadFile",
        {[](Session& session, const Arguments& in, Call& call) {
           return session.uploadFile(in.requiredPath("path"), call, call.end());
         },
-        fileAnswer}},
+        {"success"}}},
       {"uploadLogData",
        {[](Session& session, const Arguments& in, Call& call) {
           return session.uploadLogData(arrayOrEmptyAt(in, "logData"), call, call.end());
         },
-        logDataAnswer}},
+        {"success", "error"}}},
       {"sendSingleMessage",
        {[](Session& session, const Arguments& in, Call& call) {
           return session.sendSingleMessage(dictionaryOrEmptyAt(in, "sessionInfo"),
@@ -141,14 +126,14 @@ const std::map<std::string, Operation, std::less<>>& operations() {
                                            number16(in, "category"), number16(in, "type"),
                                            viewOf(dictionaryAt(in, "payload")), call, call.end());
         },
-        resultAnswer}},
+        {"result"}}},
       {"sleep",
        {[](Session&, const Arguments& in, Call& call) -> client::Status {
           std::this_thread::sleep_for(std::chrono::duration<double>(in.requiredSeconds("seconds")));
           call.end()(CORVID_OUTCOME_DONE);
           return CORVID_OK;
         },
-        noAnswer}},
+        {}}},
   };
   return table;
 }
@@ -172,7 +157,8 @@ Dictionary performCall(Client& client, const Dictionary& line) {
       call, [&](client::Session& session) { return operation->second.make(session, in, call); });
 
   Dictionary answer{{"call", name}};
-  if (call.outcome == CORVID_OUTCOME_ANSWERED) operation->second.answer(call, answer);
+  if (call.outcome == CORVID_OUTCOME_ANSWERED)
+    for (const char* part : operation->second.answer) answer.set(part, told(call, part));
   if (call.outcome == CORVID_OUTCOME_UNANSWERED) answer.set("answered", false);
   return answer;
 }
