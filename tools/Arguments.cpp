@@ -21,56 +21,52 @@ T required(std::optional<T> value, std::string_view key, std::string_view wanted
   return *std::move(value);
 }
 
-}  // namespace
-
-const Value* Arguments::find(std::string_view key) const {
-  const Value* value = _object.find(key);
-  return value && !value->isNull() ? value : nullptr;
+// What `read` makes of the value under `key`, which is wrong where that is nothing.
+template <class Read>
+auto valueAt(const Dictionary& object, std::string_view key, std::string_view wanted, Read read)
+    -> decltype(read(Value())) {
+  const Value* value = object.find(key);
+  if (!value || value->isNull()) return std::nullopt;
+  return required(read(*value), key, wanted);
 }
 
+template <class T>
+std::optional<T> copyOf(const T* content) {
+  return content ? std::optional(*content) : std::nullopt;
+}
+
+}  // namespace
+
 std::optional<Dictionary> Arguments::dictionary(std::string_view key) const {
-  const Value* value = find(key);
-  if (!value) return std::nullopt;
-  if (!value->dictionary()) throw wrong(key, "an object");
-  return *value->dictionary();
+  return valueAt(_object, key, "an object", [](const Value& v) { return copyOf(v.dictionary()); });
 }
 
 std::optional<Array> Arguments::array(std::string_view key) const {
-  const Value* value = find(key);
-  if (!value) return std::nullopt;
-  if (!value->array()) throw wrong(key, "an array");
-  return *value->array();
+  return valueAt(_object, key, "an array", [](const Value& v) { return copyOf(v.array()); });
 }
 
 std::optional<bool> Arguments::boolean(std::string_view key) const {
-  const Value* value = find(key);
-  if (!value) return std::nullopt;
-  return required(value->boolean(), key, "true or false");
+  return valueAt(_object, key, "true or false", [](const Value& v) { return v.boolean(); });
 }
 
 std::optional<std::int64_t> Arguments::integer(std::string_view key, std::int64_t least,
                                                std::int64_t most) const {
-  const Value* value = find(key);
-  if (!value) return std::nullopt;
-  const auto number = value->integer();
-  if (!number || *number < least || *number > most)
-    throw wrong(key, fmt::format("a whole number from {} to {}", least, most));
-  return number;
+  return valueAt(_object, key, fmt::format("a whole number from {} to {}", least, most),
+                 [&](const Value& value) {
+                   const auto number = value.integer();
+                   return number >= least && number <= most ? number : std::nullopt;
+                 });
 }
 
 std::optional<double> Arguments::seconds(std::string_view key) const {
-  const Value* value = find(key);
-  if (!value) return std::nullopt;
-  const auto number = value->boolean() ? std::nullopt : asNumber(value);
-  if (!number || !(*number >= 0) || *number > 3600) throw wrong(key, someSeconds);
-  return number;
+  return valueAt(_object, key, someSeconds, [](const Value& value) {
+    const auto number = value.boolean() ? std::nullopt : asNumber(&value);
+    return number >= 0.0 && number <= 3600.0 ? number : std::nullopt;
+  });
 }
 
 std::optional<std::string> Arguments::text(std::string_view key) const {
-  const Value* value = find(key);
-  if (!value) return std::nullopt;
-  if (!value->string()) throw wrong(key, aText);
-  return *value->string();
+  return valueAt(_object, key, aText, [](const Value& v) { return copyOf(v.string()); });
 }
 
 std::string Arguments::requiredText(std::string_view key) const {

@@ -37,8 +37,6 @@ class Arguments {
   double requiredSeconds(std::string_view key) const;
 
  private:
-  const Value* find(std::string_view key) const;
-
   const Dictionary& _object;
 };
 

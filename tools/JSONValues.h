@@ -2,12 +2,19 @@
 // {"$data":"BASE64"}.
 #pragma once
 
+#include <functional>
+#include <optional>
 #include <string>
 
 #include "base/Result.h"
 #include "base/Value.h"
 
 namespace corvid::tools {
+
+// A copy of `value` in which every value, itself included, that `replacement` gives another for is
+// that other.
+using Replacement = std::function<std::optional<Value>(const Value&)>;
+Value replaced(const Value& value, const Replacement& replacement);
 
 // `json` with every {"$date":…} and {"$data":…} replaced by what it stands for. A failure names the
 // one that cannot be read.

@@ -8,28 +8,11 @@
 #include <iterator>
 
 #include "platform/data/PropertyList.h"
+#include "tools/JSONValues.h"
 
 namespace corvid::lab {
 
 namespace {
-
-Value replaced(const Value& value, const StorebagServer::Placeholder& placeholder) {
-  if (const std::string* text = value.string()) {
-    if (!text->starts_with("${") || !text->ends_with('}')) return value;
-    return placeholder(std::string_view(*text).substr(2, text->size() - 3));
-  }
-  if (const Array* array = value.array()) {
-    Array result;
-    for (const Value& item : *array) result.push_back(replaced(item, placeholder));
-    return result;
-  }
-  if (const Dictionary* dictionary = value.dictionary()) {
-    Dictionary result;
-    for (const auto& [key, item] : *dictionary) result.set(key, replaced(item, placeholder));
-    return result;
-  }
-  return value;
-}
 
 std::string httpDate(std::time_t time) {
   std::tm utc{};
@@ -83,10 +66,15 @@ Answer StorebagServer::answer(const Request& request) const {
   const std::string bytes((std::istreambuf_iterator<char>(file)), {});
   const Result<Value> list = parsePropertyList(bytes);
   if (!list) return plain(500, path + ": " + list.failure().message + "\n");
+  const auto filledIn = [&](const Value& value) -> std::optional<Value> {
+    const std::string* text = value.string();
+    if (!text || !text->starts_with("${") || !text->ends_with('}')) return std::nullopt;
+    return _placeholder(std::string_view(*text).substr(2, text->size() - 3));
+  };
   headers.emplace_back("Content-Type", "application/x-plist");
   return {.status = 200,
           .headers = std::move(headers),
-          .body = _signer.envelope(writeXMLPropertyList(replaced(list.value(), _placeholder)))};
+          .body = _signer.envelope(writeXMLPropertyList(tools::replaced(list.value(), filledIn)))};
 }
 
 }  // namespace corvid::lab
