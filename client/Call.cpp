@@ -48,11 +48,11 @@ kj::Promise<void> Replay::send(Daemon& daemon) const {
 
 void Event::encode(wire::Message::Builder message) const {
   message.setReplyWanted(_completion.wantsReply());
-  if (_isDictionary)
+  if (!_kind)
     return wire::encode(_content, [&](auto size) { return message.initDictionary(size); });
   auto event = message.initEvent();
-  event.setCategory(_category);
-  event.setType(_type);
+  event.setCategory(_kind->category);
+  event.setType(_kind->type);
   wire::encode(_content, [&](auto size) { return event.initPayload(size); });
 }
 

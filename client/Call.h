@@ -69,24 +69,18 @@ class RemoteCall : public Call {
   virtual kj::Promise<void> perform(Daemon& daemon) = 0;
 };
 
-// A message for the session, by category and type or as a dictionary.
+// A message for the session.
 class Event final : public Call {
  public:
-  Event(std::uint16_t category, std::uint16_t type, std::optional<Dictionary> payload,
-        wire::Extent extent, TextCompletion completion)
-      : Call(extent),
-        _isDictionary(false),
-        _category(category),
-        _type(type),
-        _content(std::move(payload)),
-        _completion(completion) {}
-  Event(Dictionary message, wire::Extent extent, TextCompletion completion)
-      : Call(extent),
-        _isDictionary(true),
-        _category(0),
-        _type(0),
-        _content(std::move(message)),
-        _completion(completion) {}
+  struct Kind {
+    std::uint16_t category;
+    std::uint16_t type;
+  };
+
+  // Without a kind `content` is the whole message, otherwise its payload.
+  Event(std::optional<Kind> kind, std::optional<Dictionary> content, wire::Extent extent,
+        TextCompletion completion)
+      : Call(extent), _kind(kind), _content(std::move(content)), _completion(completion) {}
 
   bool isEvent() const override { return true; }
   void fail(int error) override { _completion.fail(error); }
@@ -94,9 +88,7 @@ class Event final : public Call {
   void answer(wire::TextResult::Reader result) { _completion.answer(result); }
 
  private:
-  const bool _isDictionary;
-  const std::uint16_t _category;
-  const std::uint16_t _type;
+  const std::optional<Kind> _kind;
   const std::optional<Dictionary> _content;
   const TextCompletion _completion;
 };
@@ -137,6 +129,7 @@ class SingleCall final : public RemoteCall {
         _request(request),
         _fill(std::move(fill)),
         _note(std::move(note)) {}
+  ~SingleCall() noexcept override = default;  // what `fill` keeps may be one of kj's owners
 
   kj::Promise<void> perform(Daemon& daemon) override {
     auto request = (daemon.*_request)(sizeHint(extent().words));
@@ -154,17 +147,5 @@ class SingleCall final : public RemoteCall {
   Fill _fill;
   const Note _note;
 };
-
-struct Nothing {
-  template <class Target>
-  void operator()(Target&) const {}
-};
-
-template <class Callback, class Request, class Fill = Nothing, class Note = Nothing>
-std::unique_ptr<Call> singleCall(const wire::Extent& extent, Completion<Callback> completion,
-                                 Request request, Fill fill = {}, Note note = {}) {
-  return std::make_unique<SingleCall<Callback, Request, Fill, Note>>(
-      extent, completion, request, std::move(fill), std::move(note));
-}
 
 }  // namespace corvid::library

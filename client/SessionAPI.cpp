@@ -31,11 +31,10 @@ using corvid::library::Daemon;
 using corvid::library::Event;
 using corvid::library::guarded;
 using corvid::library::inside;
-using corvid::library::Nothing;
 using corvid::library::Replay;
 using corvid::library::Session;
 using corvid::library::SessionInfo;
-using corvid::library::singleCall;
+using corvid::library::SingleCall;
 using corvid::library::UploadedFile;
 using corvid::wire::encode;
 using corvid::wire::Extent;
@@ -70,19 +69,9 @@ std::optional<Dictionary> copyOf(const corvid_dictionary_t* dictionary) {
   return inside(dictionary);
 }
 
-// What the daemon gets of a file: its descriptor, and this to remove it.
-class FileGrant final : public corvid::wire::FileGrant::Server {
- public:
-  explicit FileGrant(UploadedFile file) : _file(std::move(file)) {}
-
-  kj::Maybe<int> getFd() override { return _file.descriptor(); }
-  kj::Promise<void> remove(RemoveContext) override {
-    _file.remove();
-    return kj::READY_NOW;
-  }
-
- private:
-  const UploadedFile _file;
+struct Nothing {
+  template <class Target>
+  void operator()(Target&) const {}
 };
 
 // Hands the call that `make` gives to the session, where what it carries may travel.
@@ -92,6 +81,16 @@ int submit(corvid_session_t* session, const Extent& extent, Make make) {
   if (!session->session->isInItsProcess()) return CORVID_ERROR_FORKED;
   if (const int fitness = fitnessOf(extent); fitness != CORVID_OK) return fitness;
   return guarded([&] { return session->session->submit(make()); });
+}
+
+// The same with a call of `request`, an operation of the daemon: see SingleCall.
+template <class Callback, class Request, class Fill = Nothing, class Note = Nothing>
+int submit(corvid_session_t* session, const Extent& extent, Completion<Callback> completion,
+           Request request, Fill fill = {}, Note note = {}) {
+  return submit(session, extent, [&] {
+    return std::make_unique<SingleCall<Callback, Request, Fill, Note>>(
+        extent, completion, request, std::move(fill), std::move(note));
+  });
 }
 
 std::string socketPath(const char* root) {
@@ -169,12 +168,12 @@ int corvid_session_set_session_info(corvid_session_t* session,
   if (session_info == nullptr) return CORVID_ERROR_INVALID_ARGUMENT;
   const Extent extent = extentOf(session_info, user_info, frameworks);
   if (isTooLargeToKeep(extent)) return CORVID_ERROR_TOO_LARGE;
-  return submit(session, extent, [&] {
+  return guarded([&] {
     const auto info = std::make_shared<const SessionInfo>(
         SessionInfo{inside(session_info), copyOf(user_info),
                     frameworks != nullptr ? inside(frameworks) : Array(), has_aggregation_block});
-    return singleCall(
-        extent, Completion{nullptr, finished, context}, &Daemon::setSessionInfoRequest,
+    return submit(
+        session, extent, Completion{nullptr, finished, context}, &Daemon::setSessionInfoRequest,
         [info](auto& request) { info->encode(request); },
         [info](Replay& replay) { replay.sessionInfo = info; });
   });
@@ -182,10 +181,8 @@ int corvid_session_set_session_info(corvid_session_t* session,
 
 int corvid_session_start_config(corvid_session_t* session, corvid_states_callback_t callback,
                                 corvid_finished_callback_t finished, void* context) {
-  return submit(session, {}, [&] {
-    return singleCall({}, Completion{callback, finished, context}, &Daemon::startConfigRequest,
-                      Nothing(), [](Replay& replay) { replay.startConfig = true; });
-  });
+  return submit(session, {}, Completion{callback, finished, context}, &Daemon::startConfigRequest,
+                Nothing(), [](Replay& replay) { replay.startConfig = true; });
 }
 
 int corvid_session_fetch_states(corvid_session_t* session, const corvid_dictionary_t* user_info,
@@ -193,10 +190,10 @@ int corvid_session_fetch_states(corvid_session_t* session, const corvid_dictiona
                                 corvid_finished_callback_t finished, void* context) {
   const Extent extent = extentOf(user_info);
   if (isTooLargeToKeep(extent)) return CORVID_ERROR_TOO_LARGE;
-  return submit(session, extent, [&] {
+  return guarded([&] {
     const auto info = std::make_shared<const std::optional<Dictionary>>(copyOf(user_info));
-    return singleCall(
-        extent, Completion{callback, finished, context}, &Daemon::fetchStatesRequest,
+    return submit(
+        session, extent, Completion{callback, finished, context}, &Daemon::fetchStatesRequest,
         [info](auto& request) {
           encode(*info, [&](auto size) { return request.initUserInfo(size); });
         },
@@ -206,9 +203,8 @@ int corvid_session_fetch_states(corvid_session_t* session, const corvid_dictiona
 
 int corvid_session_fetch_display_url(corvid_session_t* session, corvid_text_callback_t callback,
                                      corvid_finished_callback_t finished, void* context) {
-  return submit(session, {}, [&] {
-    return singleCall({}, Completion{callback, finished, context}, &Daemon::fetchDisplayURLRequest);
-  });
+  return submit(session, {}, Completion{callback, finished, context},
+                &Daemon::fetchDisplayURLRequest);
 }
 
 int corvid_session_send_message(corvid_session_t* session, uint16_t category, uint16_t type,
@@ -216,7 +212,7 @@ int corvid_session_send_message(corvid_session_t* session, uint16_t category, ui
                                 corvid_finished_callback_t finished, void* context) {
   const Extent extent = extentOf(payload);
   return submit(session, extent, [&] {
-    return std::make_unique<Event>(category, type, copyOf(payload), extent,
+    return std::make_unique<Event>(Event::Kind{category, type}, copyOf(payload), extent,
                                    Completion{callback, finished, context});
   });
 }
@@ -229,23 +225,19 @@ int corvid_session_send_message_with_dictionary(corvid_session_t* session,
   if (message == nullptr) return CORVID_ERROR_INVALID_ARGUMENT;
   const Extent extent = extentOf(message);
   return submit(session, extent, [&] {
-    return std::make_unique<Event>(inside(message), extent,
+    return std::make_unique<Event>(std::nullopt, inside(message), extent,
                                    Completion{callback, finished, context});
   });
 }
 
 int corvid_session_flush(corvid_session_t* session, corvid_flush_callback_t callback,
                          corvid_finished_callback_t finished, void* context) {
-  return submit(session, {}, [&] {
-    return singleCall({}, Completion{callback, finished, context}, &Daemon::flushRequest);
-  });
+  return submit(session, {}, Completion{callback, finished, context}, &Daemon::flushRequest);
 }
 
 int corvid_session_finish(corvid_session_t* session, corvid_text_callback_t callback,
                           corvid_finished_callback_t finished, void* context) {
-  return submit(session, {}, [&] {
-    return singleCall({}, Completion{callback, finished, context}, &Daemon::finishRequest);
-  });
+  return submit(session, {}, Completion{callback, finished, context}, &Daemon::finishRequest);
 }
 
 int corvid_session_upload_file(corvid_session_t* session, const char* path,
@@ -258,19 +250,17 @@ int corvid_session_upload_file(corvid_session_t* session, const char* path,
     if (error) return static_cast<int>(CORVID_ERROR_SYSTEM);
     std::string url = "file://" + corvid::percentEncodedForPath(absolute.native());
     if (url.size() > corvid::limits::fileURLBytes) return static_cast<int>(CORVID_ERROR_TOO_LARGE);
-    std::optional<UploadedFile> file;
+    kj::Own<UploadedFile> file;
     if (const int result = UploadedFile::open(absolute, file); result != CORVID_OK) return result;
     Extent extent;
     extent.addText(url);
-    return submit(session, extent, [&] {
-      return singleCall(
-          extent, Completion{callback, finished, context}, &Daemon::uploadFileRequest,
-          [url = std::move(url), file = std::move(file)](auto& request) mutable {
-            request.setFileURL(corvid::wire::textReader(url));
-            // Without a file the daemon hears of the URL all the same, and refuses it.
-            if (file) request.setFile(kj::heap<FileGrant>(*std::exchange(file, std::nullopt)));
-          });
-    });
+    return submit(session, extent, Completion{callback, finished, context},
+                  &Daemon::uploadFileRequest,
+                  [url = std::move(url), file = std::move(file)](auto& request) mutable {
+                    request.setFileURL(corvid::wire::textReader(url));
+                    // Without a file the daemon hears of the URL all the same, and refuses it.
+                    if (file.get() != nullptr) request.setFile(std::move(file));
+                  });
   });
 }
 
@@ -278,12 +268,11 @@ int corvid_session_upload_log_data(corvid_session_t* session, const corvid_array
                                    corvid_success_callback_t callback,
                                    corvid_finished_callback_t finished, void* context) {
   if (log_data == nullptr) return CORVID_ERROR_INVALID_ARGUMENT;
-  const Extent extent = extentOf(log_data);
-  return submit(session, extent, [&] {
-    return singleCall(extent, Completion{callback, finished, context},
-                      &Daemon::uploadLogDataRequest, [logData = inside(log_data)](auto& request) {
-                        encode(logData, [&](auto size) { return request.initLogData(size); });
-                      });
+  return guarded([&] {
+    return submit(session, extentOf(log_data), Completion{callback, finished, context},
+                  &Daemon::uploadLogDataRequest, [logData = inside(log_data)](auto& request) {
+                    encode(logData, [&](auto size) { return request.initLogData(size); });
+                  });
   });
 }
 
@@ -295,17 +284,16 @@ int corvid_session_send_single_message(corvid_session_t* session,
                                        corvid_finished_callback_t finished, void* context) {
   if (session_info == nullptr) return CORVID_ERROR_INVALID_ARGUMENT;
   if (isTooLargeToKeep(extentOf(session_info, user_info))) return CORVID_ERROR_TOO_LARGE;
-  const Extent extent = extentOf(session_info, user_info, payload);
-  return submit(session, extent, [&] {
-    return singleCall(
-        extent, Completion{callback, finished, context}, &Daemon::sendSingleMessageRequest,
-        [sessionInfo = inside(session_info), userInfo = copyOf(user_info), category, type,
-         payload = copyOf(payload)](auto& request) {
-          encode(sessionInfo, [&](auto size) { return request.initSessionInfo(size); });
-          encode(userInfo, [&](auto size) { return request.initUserInfo(size); });
-          request.setCategory(category);
-          request.setType(type);
-          encode(payload, [&](auto size) { return request.initPayload(size); });
-        });
+  return guarded([&] {
+    return submit(session, extentOf(session_info, user_info, payload),
+                  Completion{callback, finished, context}, &Daemon::sendSingleMessageRequest,
+                  [sessionInfo = inside(session_info), userInfo = copyOf(user_info), category, type,
+                   payload = copyOf(payload)](auto& request) {
+                    encode(sessionInfo, [&](auto size) { return request.initSessionInfo(size); });
+                    encode(userInfo, [&](auto size) { return request.initUserInfo(size); });
+                    request.setCategory(category);
+                    request.setType(type);
+                    encode(payload, [&](auto size) { return request.initPayload(size); });
+                  });
   });
 }

@@ -293,71 +293,53 @@ class Session {
   Status setSessionInfo(DictionaryView sessionInfo, DictionaryView userInfo = none(),
                         ArrayView frameworks = ArrayView(nullptr), bool hasAggregationBlock = false,
                         Finished finished = nullptr) {
-    return call<TextCallback>(nullptr, std::move(finished), [&](auto, auto end, void* context) {
+    return perform<TextCallback>(nullptr, std::move(finished), [&](auto, auto end, void* context) {
       return corvid_session_set_session_info(_session.get(), sessionInfo.get(), userInfo.get(),
                                              frameworks.get(), hasAggregationBlock, end, context);
     });
   }
   Status startConfig(StatesCallback callback = nullptr, Finished finished = nullptr) {
-    return call(std::move(callback), std::move(finished), [&](auto reply, auto end, void* context) {
-      return corvid_session_start_config(_session.get(), reply, end, context);
-    });
+    return call(std::move(callback), std::move(finished), corvid_session_start_config);
   }
   Status fetchStates(DictionaryView userInfo, StatesCallback callback = nullptr,
                      Finished finished = nullptr) {
-    return call(std::move(callback), std::move(finished), [&](auto reply, auto end, void* context) {
-      return corvid_session_fetch_states(_session.get(), userInfo.get(), reply, end, context);
-    });
+    return call(std::move(callback), std::move(finished), corvid_session_fetch_states,
+                userInfo.get());
   }
   Status fetchDisplayURL(TextCallback callback, Finished finished = nullptr) {
-    return call(std::move(callback), std::move(finished), [&](auto reply, auto end, void* context) {
-      return corvid_session_fetch_display_url(_session.get(), reply, end, context);
-    });
+    return call(std::move(callback), std::move(finished), corvid_session_fetch_display_url);
   }
   Status sendMessage(std::uint16_t category, std::uint16_t type, DictionaryView payload = none(),
                      TextCallback callback = nullptr, Finished finished = nullptr) {
-    return call(std::move(callback), std::move(finished), [&](auto reply, auto end, void* context) {
-      return corvid_session_send_message(_session.get(), category, type, payload.get(), reply, end,
-                                         context);
-    });
+    return call(std::move(callback), std::move(finished), corvid_session_send_message, category,
+                type, payload.get());
   }
   Status sendMessage(DictionaryView message, TextCallback callback = nullptr,
                      Finished finished = nullptr) {
-    return call(std::move(callback), std::move(finished), [&](auto reply, auto end, void* context) {
-      return corvid_session_send_message_with_dictionary(_session.get(), message.get(), reply, end,
-                                                         context);
-    });
+    return call(std::move(callback), std::move(finished),
+                corvid_session_send_message_with_dictionary, message.get());
   }
   Status flush(FlushCallback callback = nullptr, Finished finished = nullptr) {
-    return call(std::move(callback), std::move(finished), [&](auto reply, auto end, void* context) {
-      return corvid_session_flush(_session.get(), reply, end, context);
-    });
+    return call(std::move(callback), std::move(finished), corvid_session_flush);
   }
   Status finish(TextCallback callback = nullptr, Finished finished = nullptr) {
-    return call(std::move(callback), std::move(finished), [&](auto reply, auto end, void* context) {
-      return corvid_session_finish(_session.get(), reply, end, context);
-    });
+    return call(std::move(callback), std::move(finished), corvid_session_finish);
   }
   Status uploadFile(const std::string& path, SuccessCallback callback = nullptr,
                     Finished finished = nullptr) {
-    return call(std::move(callback), std::move(finished), [&](auto reply, auto end, void* context) {
-      return corvid_session_upload_file(_session.get(), path.c_str(), reply, end, context);
-    });
+    return call(std::move(callback), std::move(finished), corvid_session_upload_file, path.c_str());
   }
   Status uploadLogData(ArrayView logData, SuccessCallback callback = nullptr,
                        Finished finished = nullptr) {
-    return call(std::move(callback), std::move(finished), [&](auto reply, auto end, void* context) {
-      return corvid_session_upload_log_data(_session.get(), logData.get(), reply, end, context);
-    });
+    return call(std::move(callback), std::move(finished), corvid_session_upload_log_data,
+                logData.get());
   }
   Status sendSingleMessage(DictionaryView sessionInfo, DictionaryView userInfo,
                            std::uint16_t category, std::uint16_t type,
                            DictionaryView payload = none(), TextCallback callback = nullptr,
                            Finished finished = nullptr) {
-    return call(std::move(callback), std::move(finished), [&](auto reply, auto end, void* context) {
-      return corvid_session_send_single_message(_session.get(), sessionInfo.get(), userInfo.get(),
-                                                category, type, payload.get(), reply, end, context);
-    });
+    return call(std::move(callback), std::move(finished), corvid_session_send_single_message,
+                sessionInfo.get(), userInfo.get(), category, type, payload.get());
   }
 
   static DictionaryView none() { return DictionaryView(nullptr); }
@@ -410,8 +392,16 @@ class Session {
     };
   }
 
+  // Makes a call with a function that takes the session, `arguments`, and the callbacks.
+  template <class Callback, class Function, class... Arguments>
+  Status call(Callback callback, Finished finished, Function function, Arguments... arguments) {
+    return perform(std::move(callback), std::move(finished),
+                   [&](auto reply, auto end, void* context) {
+                     return function(_session.get(), arguments..., reply, end, context);
+                   });
+  }
   template <class Callback, class Function>
-  static Status call(Callback callback, Finished finished, Function function) {
+  static Status perform(Callback callback, Finished finished, Function function) {
     auto pending = std::make_unique<Pending<Callback>>(
         Pending<Callback>{std::move(callback), std::move(finished)});
     auto reply = pending->callback ? replyOf(pending->callback) : nullptr;
