@@ -26,31 +26,11 @@ namespace {
 
 using Kind = ConfigFinding::Kind;
 
-class ConfigCheck {
+class Findings {
  public:
-  explicit ConfigCheck(const Paths& paths) : _paths(paths) {}
-
-  std::vector<ConfigFinding> run() {
-    checkSandboxProfile();
-    checkDeployment();
-    checkPublicKey();
-    checkInfo();
-    checkEntitlements();
-    checkDevice();
-    checkPreferences();
-    return std::move(_findings);
-  }
-
- private:
   void right(const std::string& path, std::string_view what) { add(Kind::right, path, what); }
   void note(const std::string& path, std::string_view what) { add(Kind::note, path, what); }
   void wrong(const std::string& path, std::string_view what) { add(Kind::wrong, path, what); }
-  // Failures of reading name the file already.
-  void add(Kind kind, const std::string& path, std::string_view what) {
-    const std::string prefix = path + ": ";
-    if (what.starts_with(prefix)) what.remove_prefix(prefix.size());
-    _findings.push_back({kind, prefix + std::string(what)});
-  }
 
   // What a property list was read as. Nothing where there is no file, which is a finding of kind
   // `ifMissing` with the text `missing`, and nothing where it is of no use, which is wrong.
@@ -66,147 +46,158 @@ class ConfigCheck {
     return std::nullopt;
   }
 
-  void checkSandboxProfile();
-  void checkDeployment();
-  void checkCAFile(const std::string& path);
-  void checkPublicKey();
-  void checkInfo();
-  void checkEntitlements();
-  // Whether the file can entitle anybody to connect.
-  bool checkEntitlementFile(const std::string& path);
-  void checkDevice();
-  void checkPreferences();
+  std::vector<ConfigFinding> all() && { return std::move(_findings); }
 
-  const Paths& _paths;
+ private:
+  // Failures of reading name the file already.
+  void add(Kind kind, const std::string& path, std::string_view what) {
+    const std::string prefix = path + ": ";
+    if (what.starts_with(prefix)) what.remove_prefix(prefix.size());
+    _findings.push_back({kind, prefix + std::string(what)});
+  }
+
   std::vector<ConfigFinding> _findings;
 };
 
-void ConfigCheck::checkSandboxProfile() {
-  const std::string path = _paths.sandboxProfile(kCorvidServiceName);
-  const auto deployment = readDeployment(_paths.deploymentFile);
-  const auto profile = SandboxProfile::named(kCorvidServiceName, _paths,
+void checkSandboxProfile(const Paths& paths, Findings& found) {
+  const std::string path = paths.sandboxProfile(kCorvidServiceName);
+  const auto deployment = readDeployment(paths.deploymentFile);
+  const auto profile = SandboxProfile::named(kCorvidServiceName, paths,
                                              deployment ? deployment.value() : Deployment());
   if (profile)
-    right(path, "a sandbox profile");
+    found.right(path, "a sandbox profile");
   else
-    wrong(path, profile.failure().message +
-                    ", so the daemon does not start; install the daemon's own profile");
+    found.wrong(path, profile.failure().message +
+                          ", so the daemon does not start; install the daemon's own profile");
 }
 
-void ConfigCheck::checkDeployment() {
-  const std::string& path = _paths.deploymentFile;
-  const auto settings =
-      usable(path, readDeployment(path), Kind::note, "missing: no storebag server is reached");
-  if (!settings) return;
-  for (const std::string& setting : settings->passedOver)
-    wrong(path, fmt::format("\"{}\" is of the wrong type and is passed over; correct it", setting));
-  right(path, fmt::format("storebags come from {}, on internal builds from {}",
-                          settings->productionStorebagHost, settings->internalStorebagHost));
-  if (settings->allowInsecureHTTP)
-    note(path, "AllowInsecureHTTP lets plain http through; for tests only");
-  if (settings->caFile) checkCAFile(*settings->caFile);
-}
-
-void ConfigCheck::checkCAFile(const std::string& path) {
+void checkCAFile(const std::string& path, Findings& found) {
   const Result<std::string> content = readRegularFile(path);
   if (!content)
-    wrong(path, content.failure().message + ", so no server is trusted; correct CAFile");
+    found.wrong(path, content.failure().message + ", so no server is trusted; correct CAFile");
   else if (content.value().find("-----BEGIN CERTIFICATE-----") == std::string::npos)
-    wrong(path, "no certificate in PEM form, so no server is trusted; correct CAFile");
+    found.wrong(path, "no certificate in PEM form, so no server is trusted; correct CAFile");
   else
-    right(path, "certificates to trust");
+    found.right(path, "certificates to trust");
 }
 
-void ConfigCheck::checkPublicKey() {
-  const Result<std::string> content = readRegularFile(_paths.publicKeyFile, publicKeyLimit);
+void checkDeployment(const Paths& paths, Findings& found) {
+  const std::string& path = paths.deploymentFile;
+  const auto settings = found.usable(path, readDeployment(path), Kind::note,
+                                     "missing: no storebag server is reached");
+  if (!settings) return;
+  for (const std::string& setting : settings->passedOver)
+    found.wrong(path,
+                fmt::format("\"{}\" is of the wrong type and is passed over; correct it", setting));
+  found.right(path, fmt::format("storebags come from {}, on internal builds from {}",
+                                settings->productionStorebagHost, settings->internalStorebagHost));
+  if (settings->allowInsecureHTTP)
+    found.note(path, "AllowInsecureHTTP lets plain http through; for tests only");
+  if (settings->caFile) checkCAFile(*settings->caFile, found);
+}
+
+void checkPublicKey(const Paths& paths, Findings& found) {
+  const Result<std::string> content = readRegularFile(paths.publicKeyFile, publicKeyLimit);
   if (!content) {
-    wrong(_paths.publicKeyFile,
-          content.failure().message + "; install the key that the storebags are signed with");
+    found.wrong(paths.publicKeyFile,
+                content.failure().message + "; install the key that the storebags are signed with");
   } else if (!RSAPublicKey::fromDER(content.value())) {
-    wrong(_paths.publicKeyFile,
-          "no RSA public key in DER form; convert it with openssl rsa -outform DER");
+    found.wrong(paths.publicKeyFile,
+                "no RSA public key in DER form; convert it with openssl rsa -outform DER");
   } else {
-    right(_paths.publicKeyFile, "an RSA public key");
+    found.right(paths.publicKeyFile, "an RSA public key");
   }
 }
 
-void ConfigCheck::checkInfo() {
-  const std::string& path = _paths.infoFile;
+void checkInfo(const Paths& paths, Findings& found) {
+  const std::string& path = paths.infoFile;
   LocalFileSystem files;
   auto read = bundleVersion(files, path);
   if (!read && read.failure().code == EFBIG)
-    return wrong(path, fmt::format("longer than {} bytes, so the version is 8.0; shorten it",
-                                   infoFileLimit));
-  const auto version = usable(path, std::move(read), Kind::note, "missing: the version is 8.0");
+    return found.wrong(path, fmt::format("longer than {} bytes, so the version is 8.0; shorten it",
+                                         infoFileLimit));
+  const auto version =
+      found.usable(path, std::move(read), Kind::note, "missing: the version is 8.0");
   if (!version) return;
   if (*version)
-    right(path, "version " + **version);
+    found.right(path, "version " + **version);
   else
-    wrong(path, "no text under BundleVersion, so the version is 8.0; add one");
+    found.wrong(path, "no text under BundleVersion, so the version is 8.0; add one");
 }
 
-void ConfigCheck::checkEntitlements() {
-  const auto paths = propertyListsIn(_paths.entitlementsFolder);
-  if (!paths && paths.failure().code != ENOENT)
-    return wrong(_paths.entitlementsFolder,
-                 paths.failure().message + "; let the daemon's user read it");
-  bool anybody = false;
-  for (const std::string& path : paths ? paths.value() : std::vector<std::string>())
-    anybody |= checkEntitlementFile(path);
-  if (!anybody)
-    wrong(
-        _paths.entitlementsFolder,
-        "entitles nobody to com.halcyon.private.corvidd, so every client is refused; add a property list");
-}
-
-bool ConfigCheck::checkEntitlementFile(const std::string& path) {
-  const auto file = usable(path, readEntitlementFile(path), Kind::wrong, "gone while it was read");
+// Whether the file can entitle anybody to connect.
+bool checkEntitlementFile(const std::string& path, Findings& found) {
+  const auto file =
+      found.usable(path, readEntitlementFile(path), Kind::wrong, "gone while it was read");
   if (!file) return false;
   if (!file->fault.empty()) {
-    wrong(path, file->fault);
+    found.wrong(path, file->fault);
     return false;
   }
   const Value* granted = file->entitlements.find("com.halcyon.private.corvidd");
   if (!granted) {
-    note(path, "says nothing of com.halcyon.private.corvidd");
+    found.note(path, "says nothing of com.halcyon.private.corvidd");
     return false;
   }
   if (!granted->boolean()) {
-    wrong(path,
-          "com.halcyon.private.corvidd is no boolean, which counts as false; write true or false");
+    found.wrong(
+        path,
+        "com.halcyon.private.corvidd is no boolean, which counts as false; write true or false");
     return false;
   }
-  right(path, *granted->boolean() ? "lets those connect who match" : "refuses those who match");
+  found.right(path,
+              *granted->boolean() ? "lets those connect who match" : "refuses those who match");
   return *granted->boolean();
 }
 
-void ConfigCheck::checkDevice() {
-  const std::string& path = _paths.deviceFile;
-  const auto device = usable(path, readDeviceAnswers(path), Kind::note,
-                             "missing: the machine answers, and is no internal build");
-  if (!device) return;
-  if (device->passedOver.empty())
-    right(path, fmt::format("answers for {} keys", device->answers.size()));
-  else
-    wrong(path, fmt::format("\"{}\" is no text and is passed over; write it as one",
-                            device->passedOver.front()));
+void checkEntitlements(const Paths& paths, Findings& found) {
+  const auto files = propertyListsIn(paths.entitlementsFolder);
+  if (!files && files.failure().code != ENOENT)
+    return found.wrong(paths.entitlementsFolder,
+                       files.failure().message + "; let the daemon's user read it");
+  bool anybody = false;
+  for (const std::string& path : files ? files.value() : std::vector<std::string>())
+    anybody |= checkEntitlementFile(path, found);
+  if (!anybody)
+    found.wrong(
+        paths.entitlementsFolder,
+        "entitles nobody to com.halcyon.private.corvidd, so every client is refused; add a property list");
 }
 
-void ConfigCheck::checkPreferences() {
-  const std::string& folder = _paths.preferencesFolder;
-  const auto paths = propertyListsIn(folder);
-  if (!paths && paths.failure().code == ENOENT)
-    return note(folder, "missing: made when the first preference is set");
-  if (!paths) return wrong(folder, paths.failure().message + "; give it to the daemon's user");
-  for (const std::string& path : paths.value())
+void checkDevice(const Paths& paths, Findings& found) {
+  const std::string& path = paths.deviceFile;
+  const auto device = found.usable(path, readDeviceAnswers(path), Kind::note,
+                                   "missing: the machine answers, and is no internal build");
+  if (!device) return;
+  if (device->passedOver.empty())
+    found.right(path, fmt::format("answers for {} keys", device->answers.size()));
+  else
+    found.wrong(path, fmt::format("\"{}\" is no text and is passed over; write it as one",
+                                  device->passedOver.front()));
+}
+
+void checkPreferences(const Paths& paths, Findings& found) {
+  const std::string& folder = paths.preferencesFolder;
+  const auto files = propertyListsIn(folder);
+  if (!files && files.failure().code == ENOENT)
+    return found.note(folder, "missing: made when the first preference is set");
+  if (!files)
+    return found.wrong(folder, files.failure().message + "; give it to the daemon's user");
+  for (const std::string& path : files.value())
     if (const auto suite =
-            usable(path, readDictionaryFile(path), Kind::note, "gone while it was read"))
-      right(path, fmt::format("{} preferences", suite->size()));
+            found.usable(path, readDictionaryFile(path), Kind::note, "gone while it was read"))
+      found.right(path, fmt::format("{} preferences", suite->size()));
 }
 
 }  // namespace
 
-std::vector<ConfigFinding> checkConfig(const Paths& paths) { return ConfigCheck(paths).run(); }
+std::vector<ConfigFinding> checkConfig(const Paths& paths) {
+  Findings found;
+  for (const auto check : {checkSandboxProfile, checkDeployment, checkPublicKey, checkInfo,
+                           checkEntitlements, checkDevice, checkPreferences})
+    check(paths, found);
+  return std::move(found).all();
+}
 
 int printConfigCheck(const Paths& paths) {
   bool anyWrong = false;
