@@ -73,6 +73,20 @@ int addCopy(Container* container, const char* key, const Content* content) {
   return add(container, key, [&] { return Value(inside(content)); });
 }
 
+// Null where there is no memory.
+template <class Container>
+Container* copyOf(const Container* original) {
+  Container* copy = nullptr;
+  if (original != nullptr)
+    guarded([&] { return copy = outside(new auto(inside(original))), CORVID_OK; });
+  return copy;
+}
+
+template <class Container>
+void destroy(Container* container) {
+  if (container != nullptr) delete &inside(container);
+}
+
 template <class Wanted, class Result>
 int get(const std::optional<Wanted>& content, Result* result) {
   if (result == nullptr) return CORVID_ERROR_INVALID_ARGUMENT;
@@ -94,15 +108,9 @@ const Value& orAbsent(const corvid_value_t* value) { return value ? inside(value
 corvid_dictionary_t* corvid_dictionary_create() { return outside(new (std::nothrow) Dictionary()); }
 
 corvid_dictionary_t* corvid_dictionary_copy(const corvid_dictionary_t* dictionary) {
-  corvid_dictionary_t* copy = nullptr;
-  if (dictionary != nullptr)
-    guarded([&] { return copy = outside(new Dictionary(inside(dictionary))), CORVID_OK; });
-  return copy;
+  return copyOf(dictionary);
 }
-
-void corvid_dictionary_destroy(corvid_dictionary_t* dictionary) {
-  if (dictionary != nullptr) delete &inside(dictionary);
-}
+void corvid_dictionary_destroy(corvid_dictionary_t* dictionary) { destroy(dictionary); }
 
 int corvid_dictionary_set_null(corvid_dictionary_t* dictionary, const char* key) {
   return add(dictionary, key, [] { return Value(); });
@@ -171,16 +179,8 @@ const corvid_value_t* corvid_dictionary_entry(const corvid_dictionary_t* diction
 
 corvid_array_t* corvid_array_create() { return outside(new (std::nothrow) Array()); }
 
-corvid_array_t* corvid_array_copy(const corvid_array_t* array) {
-  corvid_array_t* copy = nullptr;
-  if (array != nullptr)
-    guarded([&] { return copy = outside(new Array(inside(array))), CORVID_OK; });
-  return copy;
-}
-
-void corvid_array_destroy(corvid_array_t* array) {
-  if (array != nullptr) delete &inside(array);
-}
+corvid_array_t* corvid_array_copy(const corvid_array_t* array) { return copyOf(array); }
+void corvid_array_destroy(corvid_array_t* array) { destroy(array); }
 
 int corvid_array_append_null(corvid_array_t* array) {
   return add(array, noKey, [] { return Value(); });

@@ -126,7 +126,13 @@ struct Date {
   double secondsSince1970;
 };
 
-class Dictionary;
+// Owners of objects of the C interface.
+template <class T, void (*destroy)(T*)>
+struct Destroy {
+  void operator()(T* object) const { destroy(object); }
+};
+template <class T, void (*destroy)(T*)>
+using Owner = std::unique_ptr<T, Destroy<T, destroy>>;
 
 class Array {
  public:
@@ -166,13 +172,10 @@ class Array {
   Status append(ValueView value) { return corvid_array_append_value(_array.get(), value.get()); }
 
  private:
-  struct Destroy {
-    void operator()(corvid_array_t* array) const { corvid_array_destroy(array); }
-  };
   explicit Array(corvid_array_t* array) : _array(array) {
     if (!_array) throw std::bad_alloc();
   }
-  std::unique_ptr<corvid_array_t, Destroy> _array;
+  Owner<corvid_array_t, corvid_array_destroy> _array;
 };
 
 class Dictionary {
@@ -227,15 +230,10 @@ class Dictionary {
   void remove(const char* key) { corvid_dictionary_remove(_dictionary.get(), key); }
 
  private:
-  struct Destroy {
-    void operator()(corvid_dictionary_t* dictionary) const {
-      corvid_dictionary_destroy(dictionary);
-    }
-  };
   explicit Dictionary(corvid_dictionary_t* dictionary) : _dictionary(dictionary) {
     if (!_dictionary) throw std::bad_alloc();
   }
-  std::unique_ptr<corvid_dictionary_t, Destroy> _dictionary;
+  Owner<corvid_dictionary_t, corvid_dictionary_destroy> _dictionary;
 };
 
 // An error object of the daemon.
@@ -414,11 +412,8 @@ class Session {
     return status;
   }
 
-  struct Destroy {
-    void operator()(corvid_session_t* session) const { corvid_session_destroy(session); }
-  };
   Status _status = CORVID_OK;
-  std::unique_ptr<corvid_session_t, Destroy> _session;
+  Owner<corvid_session_t, corvid_session_destroy> _session;
 };
 
 }  // namespace corvid::client
