@@ -93,21 +93,14 @@ Array arrayFrom(client::ArrayView array) {
   return result;
 }
 
-Client::Client(const std::string& root, Message message, std::function<void()> invalidated)
+Client::Client(const std::string& root, client::Session::Options handlers)
     : _session([&] {
-        client::Session::Options options;
-        options.root = root.empty() ? "/" : root;
-        if (message)
-          options.message = [message](client::DictionaryView dictionary, double timestamp,
-                                      std::uint16_t category, std::uint16_t type,
-                                      client::DictionaryView payload) {
-            message(dictionaryFrom(dictionary), timestamp, category, type, dictionaryFrom(payload));
-          };
-        options.invalidated = [this, invalidated] {
+        handlers.root = root.empty() ? "/" : root;
+        handlers.invalidated = [this, invalidated = std::move(handlers.invalidated)] {
           if (invalidated) invalidated();
           _invalidated.release();
         };
-        return options;
+        return std::move(handlers);
       }()) {
   if (!_session.status()) throw CallError(_session.status().text());
   if (const client::Status status = _session.connect(); !status)

@@ -75,13 +75,8 @@ class Call {
 //           returned before.
 class Client {
  public:
-  using Message = std::function<void(std::optional<Dictionary> message, double timestamp,
-                                     std::uint16_t category, std::uint16_t type,
-                                     std::optional<Dictionary> payload)>;
-
   // Connects to the daemon below `root`; empty for the machine itself.
-  explicit Client(const std::string& root, Message message = nullptr,
-                  std::function<void()> invalidated = nullptr);
+  explicit Client(const std::string& root, client::Session::Options handlers = {});
 
   // Makes one call and waits for its end. `make` calls the session with both callbacks of `call`.
   void perform(Call& call, const std::function<client::Status(client::Session&)>& make);

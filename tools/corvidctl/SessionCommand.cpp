@@ -230,16 +230,18 @@ bool LineReader::next() {
 
 int runSessionCommand(const std::string& root, std::istream& input) {
   Output output;
-  const auto message = [&](const auto& dictionary, double timestamp, std::uint16_t category,
-                           std::uint16_t type, const auto& payload) {
+  client::Session::Options handlers;
+  handlers.message = [&](client::DictionaryView message, double timestamp, std::uint16_t category,
+                         std::uint16_t type, client::DictionaryView payload) {
     output.print({{"event", "message"},
-                  {"message", orNull(dictionary)},
+                  {"message", orNull(dictionaryFrom(message))},
                   {"timestamp", timestamp == 0 ? Value(0) : Value(timestamp)},
                   {"category", category},
                   {"type", type},
-                  {"payload", orNull(payload)}});
+                  {"payload", orNull(dictionaryFrom(payload))}});
   };
-  Client client(root, message, [&] { output.printAndExit({{"event", "invalidated"}}, 1); });
+  handlers.invalidated = [&] { output.printAndExit({{"event", "invalidated"}}, 1); };
+  Client client(root, std::move(handlers));
   for (LineReader lines(input, longestLine); lines.next();)
     if (lines.isTooLong() || lines.line().find_first_not_of(" \t\r") != std::string::npos)
       output.print(outcomeOf(client, lines));
