@@ -16,6 +16,7 @@
 #include "base/Reading.h"
 #include "base/Text.h"
 #include "base/Thread.h"
+#include "tools/Arguments.h"
 
 namespace corvid::lab {
 
@@ -85,23 +86,16 @@ void DashboardServer::setFaults(const WireFaults& packets, const WireFaults& ack
   _acknowledgements = FaultyWire(acknowledgements, ~seed);
 }
 
-Result<bool> DashboardServer::setFaults(const Dictionary& request) {
-  WireFaults faults[2];
-  const char* const ways[] = {"packets", "acknowledgements"};
-  for (int way = 0; way < 2; ++way) {
-    const Dictionary* wanted = dictionaryAt(request, ways[way]);
-    if (!wanted) {
-      if (request.contains(ways[way]))
-        return Failure{fmt::format("\"{}\" takes an object", ways[way])};
-      continue;
-    }
-    const Result<WireFaults> read = WireFaults::from(*wanted);
-    if (!read) return read.failure();
-    faults[way] = read.value();
-  }
-  setFaults(faults[0], faults[1],
-            static_cast<std::uint64_t>(integerAt(request, "seed").value_or(1)));
-  return true;
+void DashboardServer::setFaults(const Dictionary& request) {
+  const auto faults = [&](std::string_view way) {
+    if (!request.contains(way)) return WireFaults();
+    const Dictionary* wanted = dictionaryAt(request, way);
+    if (!wanted) throw tools::InputError(fmt::format("\"{}\" takes an object", way));
+    return WireFaults::from(*wanted);
+  };
+  const WireFaults packets = faults("packets");
+  const std::int64_t seed = integerAt(request, "seed").value_or(1);
+  setFaults(packets, faults("acknowledgements"), static_cast<std::uint64_t>(seed));
 }
 
 void DashboardServer::setLossObserver(LossObserver observer) {

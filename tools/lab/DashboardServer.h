@@ -11,7 +11,6 @@
 
 #include "base/Descriptor.h"
 #include "base/Mutex.h"
-#include "base/Result.h"
 #include "base/Value.h"
 #include "base/Wakeup.h"
 #include "tools/lab/FaultyWire.h"
@@ -42,7 +41,8 @@ class DashboardServer {
   void setFaults(const WireFaults& packets, const WireFaults& acknowledgements, std::uint64_t seed)
       EXCLUDES(_mutex);
   // The same from {"packets":{…},"acknowledgements":{…},"seed":N}, each of which may be left out.
-  Result<bool> setFaults(const Dictionary& request) EXCLUDES(_mutex);
+  // What cannot be meant is a tools::InputError.
+  void setFaults(const Dictionary& request) EXCLUDES(_mutex);
 
   // Called with each packet that is lost on the way here, on the server's thread.
   using LossObserver = std::function<void(const std::string& datagram)>;

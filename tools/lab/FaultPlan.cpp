@@ -43,25 +43,20 @@ Answer spoiled(Answer answer, const tools::Arguments& in) {
 
 }  // namespace
 
-Result<bool> FaultPlan::set(const Dictionary& request) {
-  try {
-    for (const auto& [key, value] : request)
-      if (std::ranges::find(keys, key) == std::end(keys))
-        throw tools::InputError(
-            fmt::format("there is no fault \"{}\"; there are {}", key, fmt::join(keys, ", ")));
-    const tools::Arguments in(request);
-    const std::string server = in.requiredText("server");
-    if (!_servers.contains(server))
-      throw tools::InputError(fmt::format("there is no server \"{}\"; there are {}", server,
-                                          fmt::join(_servers, ", ")));
-    const std::int64_t times = in.integer("times", -1, most).value_or(1);
-    spoiled({}, in);  // which refuses here what no answer could be made of
-    const MutexLock lock(_mutex);
-    _faults.insert_or_assign(server, Fault{times, request});
-    return true;
-  } catch (const tools::InputError& error) {
-    return Failure{error.what()};
-  }
+void FaultPlan::set(const Dictionary& request) {
+  for (const auto& [key, value] : request)
+    if (std::ranges::find(keys, key) == std::end(keys))
+      throw tools::InputError(
+          fmt::format("there is no fault \"{}\"; there are {}", key, fmt::join(keys, ", ")));
+  const tools::Arguments in(request);
+  const std::string server = in.requiredText("server");
+  if (!_servers.contains(server))
+    throw tools::InputError(
+        fmt::format("there is no server \"{}\"; there are {}", server, fmt::join(_servers, ", ")));
+  const std::int64_t times = in.integer("times", -1, most).value_or(1);
+  spoiled({}, in);  // which refuses here what no answer could be made of
+  const MutexLock lock(_mutex);
+  _faults.insert_or_assign(server, Fault{times, request});
 }
 
 Answer FaultPlan::apply(const std::string& server, Answer answer) {

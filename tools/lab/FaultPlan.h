@@ -7,7 +7,6 @@
 #include <string>
 
 #include "base/Mutex.h"
-#include "base/Result.h"
 #include "base/Value.h"
 #include "tools/lab/HTTPExchange.h"
 
@@ -25,8 +24,8 @@ class FaultPlan {
   // may be left out but the server. `times` is 1 unless given, -1 lasts until told otherwise. A
   // status comes without a body unless there is one here, a redirect with 302 unless there is a
   // status. "corrupt" changes one byte in the middle of the body, "truncate" leaves out its second
-  // half, and the length says so. The failure says what cannot be meant.
-  Result<bool> set(const Dictionary& request) EXCLUDES(_mutex);
+  // half, and the length says so. What cannot be meant is a tools::InputError.
+  void set(const Dictionary& request) EXCLUDES(_mutex);
 
   // The answer as the server's fault, if one is due, makes it.
   Answer apply(const std::string& server, Answer answer) EXCLUDES(_mutex);

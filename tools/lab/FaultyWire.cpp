@@ -5,10 +5,11 @@
 #include <utility>
 
 #include "base/Reading.h"
+#include "tools/Arguments.h"
 
 namespace corvid::lab {
 
-Result<WireFaults> WireFaults::from(const Dictionary& request) {
+WireFaults WireFaults::from(const Dictionary& request) {
   WireFaults faults;
   const std::pair<std::string_view, double*> probabilities[] = {{"drop", &faults.drop},
                                                                 {"duplicate", &faults.duplicate},
@@ -19,16 +20,17 @@ Result<WireFaults> WireFaults::from(const Dictionary& request) {
     const auto number = asNumber(&value);
     if (key == "delay") {
       if (!number || !(*number >= 0 && *number <= 60))
-        return Failure{"\"delay\" takes seconds from 0 to 60"};
+        throw tools::InputError("\"delay\" takes seconds from 0 to 60");
       faults.delay = std::chrono::milliseconds(static_cast<int>(*number * 1000));
       continue;
     }
     double* probability = nullptr;
     for (const auto& [name, place] : probabilities)
       if (key == name) probability = place;
-    if (probability == nullptr) return Failure{fmt::format("a wire has no fault \"{}\"", key)};
+    if (probability == nullptr)
+      throw tools::InputError(fmt::format("a wire has no fault \"{}\"", key));
     if (!number || !(*number >= 0 && *number <= 1))
-      return Failure{fmt::format("\"{}\" takes a number from 0 to 1", key)};
+      throw tools::InputError(fmt::format("\"{}\" takes a number from 0 to 1", key));
     *probability = *number;
   }
   return faults;

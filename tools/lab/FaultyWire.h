@@ -8,7 +8,6 @@
 #include <string>
 #include <vector>
 
-#include "base/Result.h"
 #include "base/Value.h"
 
 namespace corvid::lab {
@@ -23,8 +22,8 @@ struct WireFaults {
   std::chrono::milliseconds delay{0};
 
   // From {"drop":P,"duplicate":P,"corrupt":P,"reorder":P,"late":P,"delay":SECONDS}, each of which
-  // may be left out. The failure says what cannot be meant.
-  static Result<WireFaults> from(const Dictionary& request);
+  // may be left out. What cannot be meant is a tools::InputError.
+  static WireFaults from(const Dictionary& request);
 };
 
 // The same seed and the same datagrams give the same faults.

@@ -97,22 +97,16 @@ std::optional<Request> HTTPServerConnection::readRequest() {
   std::string head;
   if (!readHead(head)) return std::nullopt;
   auto request = parseHead(head);
-  if (!request) {
-    refuse(400);
-    return std::nullopt;
-  }
+  if (!request) refuse(400);
+  if (!request || !readBody(*request)) return std::nullopt;
   request->connection = _surroundings.number;
-  if (!readBody(*request)) return std::nullopt;
   return request;
 }
 
 bool HTTPServerConnection::readHead(std::string& head) {
   std::size_t end;
   while ((end = _buffer.find("\r\n\r\n")) == _buffer.npos) {
-    if (_buffer.size() > headLimit) {
-      refuse(431);
-      return false;
-    }
+    if (_buffer.size() > headLimit) return refuse(431);
     if (!fillBuffer()) return false;
   }
   head = _buffer.substr(0, end);
@@ -121,17 +115,12 @@ bool HTTPServerConnection::readHead(std::string& head) {
 }
 
 bool HTTPServerConnection::readBody(Request& request) {
-  if (request.header("Transfer-Encoding")) {
-    refuse(501);
-    return false;
-  }
+  if (request.header("Transfer-Encoding")) return refuse(501);
   std::size_t length = 0;
   if (const auto text = request.header("Content-Length")) {
     const auto [end, error] = std::from_chars(text->data(), text->data() + text->size(), length);
-    if (error != std::errc() || end != text->data() + text->size() || length > bodyLimit) {
-      refuse(length > bodyLimit ? 413 : 400);
-      return false;
-    }
+    if (error != std::errc() || end != text->data() + text->size() || length > bodyLimit)
+      return refuse(length > bodyLimit ? 413 : 400);
   }
   while (_buffer.size() < length)
     if (!fillBuffer()) return false;
@@ -148,9 +137,10 @@ bool HTTPServerConnection::fillBuffer() {
   return count != 0;
 }
 
-void HTTPServerConnection::refuse(int status) {
+bool HTTPServerConnection::refuse(int status) {
   send({.status = status, .headers = {{"Connection", "close"}}});
   _stream.finish();
+  return false;
 }
 
 bool HTTPServerConnection::send(const Answer& answer) {

@@ -42,7 +42,7 @@ class HTTPServerConnection {
   bool readHead(std::string& head);
   bool readBody(Request& request);
   bool fillBuffer();
-  void refuse(int status);
+  bool refuse(int status);  // always false
   // False where the connection ends with it.
   bool send(const Answer& answer);
   bool sendBody(const Answer& answer);

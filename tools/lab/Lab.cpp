@@ -6,6 +6,7 @@
 
 #include "base/Reading.h"
 #include "platform/data/JSON.h"
+#include "tools/Arguments.h"
 
 namespace corvid::lab {
 
@@ -63,11 +64,15 @@ Answer Lab::control(const Request& request) {
   const Result<Value> plan = parseJSON(request.body);
   const Dictionary* fault = plan ? plan.value().dictionary() : nullptr;
   if (fault == nullptr) return {.status = 400, .body = "the body is no JSON object\n"};
-  const std::string* server = stringAt(*fault, "server");
-  const bool isForPackets = server && *server == "dashboard";
-  const Result<bool> planned = isForPackets ? _dashboard.setFaults(*fault) : _faults.set(*fault);
-  if (!planned) return {.status = 400, .body = planned.failure().message + "\n"};
-  return {.status = 200, .body = "planned\n"};
+  try {
+    if (textAt(*fault, "server") == "dashboard")
+      _dashboard.setFaults(*fault);
+    else
+      _faults.set(*fault);
+    return {.status = 200, .body = "planned\n"};
+  } catch (const tools::InputError& error) {
+    return {.status = 400, .body = fmt::format("{}\n", error.what())};
+  }
 }
 
 Dictionary Lab::addresses() const {

@@ -10,6 +10,7 @@
 #include "backends/dashboard/TagReportingPacket.h"
 #include "base/Reading.h"
 #include "tests/support/Waiting.h"
+#include "tools/Arguments.h"
 #include "tools/lab/DashboardServer.h"
 
 namespace corvid::lab {
@@ -121,14 +122,19 @@ TEST_F(DashboardServerTest, DoublesAndDelaysAcknowledgements) {
 }
 
 TEST_F(DashboardServerTest, TakesItsFaultsAsJSONDoes) {
-  EXPECT_TRUE(server.setFaults(
-      Dictionary{{"packets", Dictionary{{"drop", 0.5}, {"delay", 1}}},
-                 {"acknowledgements", Dictionary{{"duplicate", 1}, {"reorder", 0}, {"corrupt", 0}}},
-                 {"seed", 7}}));
-  const auto failure = [&](Dictionary request) {
-    const auto set = server.setFaults(request);
-    return set ? "set" : set.failure().message;
+  const auto failure = [&](Dictionary request) -> std::string {
+    try {
+      server.setFaults(request);
+      return "set";
+    } catch (const tools::InputError& error) {
+      return error.what();
+    }
   };
+  EXPECT_EQ(
+      failure({{"packets", Dictionary{{"drop", 0.5}, {"delay", 1}}},
+               {"acknowledgements", Dictionary{{"duplicate", 1}, {"reorder", 0}, {"corrupt", 0}}},
+               {"seed", 7}}),
+      "set");
   EXPECT_EQ(failure({{"packets", 1}}), "\"packets\" takes an object");
   EXPECT_EQ(failure({{"packets", Dictionary{{"lose", 1}}}}), "a wire has no fault \"lose\"");
   EXPECT_EQ(failure({{"packets", Dictionary{{"drop", 2}}}}), "\"drop\" takes a number from 0 to 1");
