@@ -26,8 +26,12 @@ Result<Value> parsePropertyList(std::string_view bytes, const PropertyListLimits
   if (bytes.size() > limits.bytes)
     return Failure{
         fmt::format("The property list has {} bytes, more than {}", bytes.size(), limits.bytes)};
-  return bytes.starts_with(binaryPropertyListMagic) ? readBinaryPropertyList(bytes, limits)
-                                                    : readXMLPropertyList(bytes, limits);
+  try {
+    return bytes.starts_with(binaryPropertyListMagic) ? readBinaryPropertyList(bytes, limits)
+                                                      : readXMLPropertyList(bytes, limits);
+  } catch (const UnusableList& reason) {
+    return Failure{reason.what()};
+  }
 }
 
 Result<Dictionary> parseDictionary(std::string_view bytes, const PropertyListLimits& limits) {

@@ -84,262 +84,237 @@ struct Tag {
   bool isEmpty = false;  // <name/>
 };
 
+// Reads one document, from the start to the end; the first fault is thrown.
 class XMLReader {
  public:
   XMLReader(std::string_view text, const PropertyListLimits& limits)
       : _text(text), _limits(limits) {}
 
-  Result<Value> read() {
-    Value root;
-    if (!isValidUTF8(_text)) return Failure{"The property list is not UTF-8"};
-    if (!readDocument(root)) return _failure;
-    return root;
-  }
+  Value read();
 
  private:
-  bool readDocument(Value& root);
-  bool readValue(const Tag& tag, Value& value, std::size_t level);
-  bool readArray(Value& value, std::size_t level);
-  bool readDictionary(Value& value, std::size_t level);
-  bool readScalar(const Tag& tag, Value& value);
+  Value readValue(const Tag& tag, std::size_t level);
+  Value readArray(std::size_t level);
+  Value readDictionary(std::size_t level);
+  Value readScalar(const Tag& tag);
   // The character content up to the closing tag, which is read too.
-  bool readText(const Tag& tag, std::string& text);
-  bool readReference(std::string& text);
+  std::string readText(const Tag& tag);
+  void readReference(std::string& text);
 
   // Goes past blanks, comments and instructions, and a document type where one may stand.
-  bool skipMisc(bool typeMayFollow = false);
-  bool skipDocumentType();
+  void skipMisc(bool typeMayFollow = false);
+  void skipDocumentType();
   // From an opening mark past the closing one.
-  bool skipPast(std::string_view start, std::string_view end, std::string_view what);
-  bool readTag(Tag& tag);
-  bool readClosingTag(std::string_view name);
+  void skipPast(std::string_view start, std::string_view end, std::string_view what);
+  // Whether something stands before the container's closing tag.
+  bool hasElement() {
+    skipMisc();
+    return !startsWith("</");
+  }
+  Tag readTag();
+  void readClosingTag(std::string_view name);
 
   bool startsWith(std::string_view text) const { return _text.substr(_at).starts_with(text); }
   bool atEnd() const { return _at >= _text.size(); }
-  bool fail(std::string_view reason) {
+  // Where the first of these characters stands that is not in quotes; the end where there is none.
+  std::size_t findUnquoted(std::string_view characters, std::size_t at) const;
+  [[noreturn]] void fail(std::string_view reason) const {
     const auto line = 1 + std::count(_text.begin(), _text.begin() + static_cast<long>(_at), '\n');
-    _failure.message = fmt::format("{} at line {}", reason, line);
-    return false;
+    throw UnusableList(fmt::format("{} at line {}", reason, line));
   }
 
   const std::string_view _text;
   const PropertyListLimits& _limits;
   std::size_t _at = 0;
   std::size_t _values = 0;
-  Failure _failure;
 };
 
-bool XMLReader::readDocument(Value& root) {
+Value XMLReader::read() {
   constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
+  if (!isValidUTF8(_text)) throw UnusableList("The property list is not UTF-8");
   if (startsWith(byteOrderMark)) _at += byteOrderMark.size();
-  Tag tag;
-  if (!skipMisc(true) || !readTag(tag)) return false;
-  if (tag.name == "plist") {
-    if (tag.closes || tag.isEmpty) return fail("The property list holds no value");
-    if (!skipMisc()) return false;
-    if (startsWith("</")) return fail("The property list holds no value");
-    if (!readTag(tag) || !readValue(tag, root, 0) || !skipMisc() || !readClosingTag("plist"))
-      return false;
-  } else if (!readValue(tag, root, 0)) {
-    return false;
+  skipMisc(true);
+  Tag tag = readTag();
+  const bool isWrapped = tag.name == "plist";
+  if (isWrapped) {
+    if (tag.closes || tag.isEmpty || !hasElement()) fail("The property list holds no value");
+    tag = readTag();
   }
-  if (!skipMisc()) return false;
-  return atEnd() || fail("Something follows the property list");
+  Value root = readValue(tag, 0);
+  skipMisc();
+  if (isWrapped) {
+    readClosingTag("plist");
+    skipMisc();
+  }
+  if (!atEnd()) fail("Something follows the property list");
+  return root;
 }
 
-bool XMLReader::readValue(const Tag& tag, Value& value, std::size_t level) {
-  if (tag.closes) return fail(fmt::format("Unexpected </{}>", tag.name));
-  if (++_values > _limits.values)
-    return fail(fmt::format("The property list has more than {} values", _limits.values));
+Value XMLReader::readValue(const Tag& tag, std::size_t level) {
+  if (tag.closes) fail(fmt::format("Unexpected </{}>", tag.name));
+  if (++_values > _limits.values) fail(UnusableList::tooMany("values", _limits.values));
   const bool isArray = tag.name == "array";
-  if (!isArray && tag.name != "dict") return readScalar(tag, value);
-  if (level >= _limits.depth)
-    return fail(fmt::format("The property list has more than {} levels", _limits.depth));
-  if (tag.isEmpty) {
-    value = isArray ? Value(Array{}) : Value(Dictionary{});
-    return true;
-  }
-  return isArray ? readArray(value, level + 1) : readDictionary(value, level + 1);
+  if (!isArray && tag.name != "dict") return readScalar(tag);
+  if (level >= _limits.depth) fail(UnusableList::tooMany("levels", _limits.depth));
+  if (tag.isEmpty) return isArray ? Value(Array{}) : Value(Dictionary{});
+  return isArray ? readArray(level + 1) : readDictionary(level + 1);
 }
 
-bool XMLReader::readArray(Value& value, std::size_t level) {
+Value XMLReader::readArray(std::size_t level) {
   Array elements;
-  for (;;) {
-    if (!skipMisc()) return false;
-    if (startsWith("</")) break;
-    Tag tag;
-    if (!readTag(tag) || !readValue(tag, elements.emplace_back(), level)) return false;
-  }
-  value = std::move(elements);
-  return readClosingTag("array");
+  while (hasElement()) elements.push_back(readValue(readTag(), level));
+  readClosingTag("array");
+  return Value(std::move(elements));
 }
 
-bool XMLReader::readDictionary(Value& value, std::size_t level) {
+Value XMLReader::readDictionary(std::size_t level) {
   Dictionary entries;
-  for (;;) {
-    if (!skipMisc()) return false;
-    if (startsWith("</")) break;
-    Tag tag;
-    std::string key;
-    if (!readTag(tag)) return false;
-    if (tag.name != "key") return fail(fmt::format("Expected <key>, found <{}>", tag.name));
-    if (!readText(tag, key) || !skipMisc()) return false;
-    if (startsWith("</")) return fail("A key without a value");
-    Value entry;
-    if (!readTag(tag) || !readValue(tag, entry, level)) return false;
-    entries.set(std::move(key), std::move(entry));
+  while (hasElement()) {
+    const Tag tag = readTag();
+    if (tag.name != "key") fail(fmt::format("Expected <key>, found <{}>", tag.name));
+    std::string key = readText(tag);
+    if (!hasElement()) fail("A key without a value");
+    entries.set(std::move(key), readValue(readTag(), level));
   }
-  value = std::move(entries);
-  return readClosingTag("dict");
+  readClosingTag("dict");
+  return Value(std::move(entries));
 }
 
-bool XMLReader::readScalar(const Tag& tag, Value& value) {
+Value XMLReader::readScalar(const Tag& tag) {
   constexpr std::string_view names[] = {"string", "integer", "real", "date",
                                         "data",   "true",    "false"};
-  if (std::find(std::begin(names), std::end(names), tag.name) == std::end(names))
-    return fail(fmt::format("Unknown element <{}>", tag.name));
-  std::string text;
-  if (!readText(tag, text)) return false;
-  const auto accept = [&](auto content) {
-    if (content) value = std::move(*content);
-    return content || fail(fmt::format("<{}> with an impossible content", tag.name));
+  if (std::ranges::find(names, tag.name) == std::end(names))
+    fail(fmt::format("Unknown element <{}>", tag.name));
+  std::string text = readText(tag);
+  const auto accepted = [&](auto content) {
+    if (!content) fail(fmt::format("<{}> with an impossible content", tag.name));
+    return Value(std::move(*content));
   };
-  if (tag.name == "string") {
-    value = std::move(text);
-    return true;
-  }
-  if (tag.name == "integer") return accept(integerFromXML(trimmed(text)));
-  if (tag.name == "real") return accept(realFromXML(trimmed(text)));
-  if (tag.name == "date") return accept(dateFromXML(trimmed(text)));
+  if (tag.name == "string") return Value(std::move(text));
+  if (tag.name == "integer") return accepted(integerFromXML(trimmed(text)));
+  if (tag.name == "real") return accepted(realFromXML(trimmed(text)));
+  if (tag.name == "date") return accepted(dateFromXML(trimmed(text)));
   if (tag.name == "data") {
     std::optional<std::string> bytes = base64DecodeIgnoringUnknownCharacters(text);
-    return accept(bytes ? std::optional(Data{std::move(*bytes)}) : std::nullopt);
+    return accepted(bytes ? std::optional(Data{std::move(*bytes)}) : std::nullopt);
   }
-  return accept(trimmed(text).empty() ? std::optional(tag.name == "true") : std::nullopt);
+  return accepted(trimmed(text).empty() ? std::optional(tag.name == "true") : std::nullopt);
 }
 
-bool XMLReader::readText(const Tag& tag, std::string& text) {
-  if (tag.closes) return fail(fmt::format("Unexpected </{}>", tag.name));
-  if (tag.isEmpty) return true;
+std::string XMLReader::readText(const Tag& tag) {
+  std::string text;
+  if (tag.isEmpty) return text;
   for (;;) {
     const std::size_t end = std::min(_text.find_first_of("<&\r", _at), _text.size());
     text += _text.substr(_at, end - _at);
     _at = end;
-    if (atEnd()) return fail(fmt::format("<{}> is never closed", tag.name));
+    if (atEnd()) fail(fmt::format("<{}> is never closed", tag.name));
     if (_text[_at] == '&') {
-      if (!readReference(text)) return false;
+      readReference(text);
     } else if (_text[_at] == '\r') {  // a line end, whichever way it is written, is "\n"
       _at += startsWith("\r\n") ? 2 : 1;
       text.push_back('\n');
     } else if (startsWith("<!--")) {
-      if (!skipPast("<!--", "-->", "comment")) return false;
+      skipPast("<!--", "-->", "comment");
     } else if (startsWith("<![CDATA[")) {
       constexpr std::string_view start = "<![CDATA[", stop = "]]>";
       const std::size_t content = _at + start.size();
-      if (!skipPast(start, stop, "CDATA section")) return false;
+      skipPast(start, stop, "CDATA section");
       text += _text.substr(content, _at - stop.size() - content);
     } else {
-      return readClosingTag(tag.name);
+      readClosingTag(tag.name);
+      return text;
     }
   }
 }
 
-bool XMLReader::readReference(std::string& text) {
+void XMLReader::readReference(std::string& text) {
   constexpr std::size_t longest = 12;
   const std::size_t end = _text.substr(0, _at + longest).find(';', _at);
-  if (end == std::string_view::npos) return fail("Unfinished entity");
+  if (end == std::string_view::npos) fail("Unfinished entity");
   const std::string_view name = _text.substr(_at + 1, end - _at - 1);
   constexpr std::pair<std::string_view, char> entities[] = {
       {"lt", '<'}, {"gt", '>'}, {"amp", '&'}, {"quot", '"'}, {"apos", '\''}};
-  const auto entity = std::find_if(std::begin(entities), std::end(entities),
-                                   [&](const auto& known) { return known.first == name; });
+  const auto* const entity =
+      std::ranges::find(entities, name, &std::pair<std::string_view, char>::first);
   if (entity != std::end(entities)) {
     text.push_back(entity->second);
   } else {
     const auto character = characterFrom(name);
-    if (!character) return fail("Unknown entity");
+    if (!character) fail("Unknown entity");
     appendUTF8(text, *character);
   }
   _at = end + 1;
-  return true;
 }
 
-bool XMLReader::skipMisc(bool typeMayFollow) {
+void XMLReader::skipMisc(bool typeMayFollow) {
   for (;;) {
     _at = std::min(_text.find_first_not_of(blanks, _at), _text.size());
     if (startsWith("<!--")) {
-      if (!skipPast("<!--", "-->", "comment")) return false;
+      skipPast("<!--", "-->", "comment");
     } else if (startsWith("<?")) {
-      if (!skipPast("<?", "?>", "instruction")) return false;
+      skipPast("<?", "?>", "instruction");
     } else if (typeMayFollow && startsWith("<!DOCTYPE")) {
-      if (!skipDocumentType()) return false;
+      skipDocumentType();
       typeMayFollow = false;
     } else {
-      return true;
+      return;
     }
   }
 }
 
-bool XMLReader::skipDocumentType() {
-  char quote = 0;
-  for (; !atEnd(); ++_at) {
-    const char c = _text[_at];
-    if (quote != 0) {
-      if (c == quote) quote = 0;
-    } else if (c == '"' || c == '\'') {
-      quote = c;
-    } else if (c == '[') {
-      return fail("Declarations inside the document are not allowed");
-    } else if (c == '>') {
-      ++_at;
-      return true;
-    }
-  }
-  return fail("The document type never ends");
+void XMLReader::skipDocumentType() {
+  _at = findUnquoted("[>", _at);
+  if (atEnd()) fail("The document type never ends");
+  if (_text[_at] == '[') fail("Declarations inside the document are not allowed");
+  ++_at;
 }
 
-bool XMLReader::skipPast(std::string_view start, std::string_view end, std::string_view what) {
+void XMLReader::skipPast(std::string_view start, std::string_view end, std::string_view what) {
   const std::size_t found = _text.find(end, _at + start.size());
-  if (found == std::string_view::npos) return fail(fmt::format("A {} never ends", what));
+  if (found == std::string_view::npos) fail(fmt::format("A {} never ends", what));
   _at = found + end.size();
-  return true;
 }
 
-bool XMLReader::readTag(Tag& tag) {
-  if (atEnd()) return fail("The property list ends early");
-  if (_text[_at] != '<') return fail("Text where an element is expected");
-  tag = {};
+Tag XMLReader::readTag() {
+  if (atEnd()) fail("The property list ends early");
+  if (_text[_at] != '<') fail("Text where an element is expected");
+  Tag tag;
   tag.closes = startsWith("</");
   const std::size_t start = _at + (tag.closes ? 2 : 1);
-  std::size_t end = start;
-  for (char quote = 0; end < _text.size() && (quote != 0 || _text[end] != '>'); ++end) {
-    const char c = _text[end];
-    if (quote == 0 && (c == '"' || c == '\''))
-      quote = c;
-    else if (c == quote)
-      quote = 0;
-  }
-  if (end >= _text.size()) return fail("A tag never ends");
+  const std::size_t end = findUnquoted(">", start);
+  if (end >= _text.size()) fail("A tag never ends");
   std::string_view content = _text.substr(start, end - start);
   tag.isEmpty = !tag.closes && content.ends_with('/');
   if (tag.isEmpty) content.remove_suffix(1);
   tag.name = content.substr(0, content.find_first_of(blanks));
   constexpr std::size_t longest = 64;
-  if (tag.name.empty() || tag.name.size() > longest) return fail("A tag without a usable name");
+  if (tag.name.empty() || tag.name.size() > longest) fail("A tag without a usable name");
   _at = end + 1;
-  return true;
+  return tag;
 }
 
-bool XMLReader::readClosingTag(std::string_view name) {
-  Tag tag;
-  if (!readTag(tag)) return false;
-  if (tag.closes && tag.name == name) return true;
-  return fail(fmt::format("Expected </{}>, found <{}{}>", name, tag.closes ? "/" : "", tag.name));
+void XMLReader::readClosingTag(std::string_view name) {
+  const Tag tag = readTag();
+  if (!tag.closes || tag.name != name)
+    fail(fmt::format("Expected </{}>, found <{}{}>", name, tag.closes ? "/" : "", tag.name));
+}
+
+std::size_t XMLReader::findUnquoted(std::string_view characters, std::size_t at) const {
+  for (char quote = 0; at < _text.size(); ++at) {
+    const char c = _text[at];
+    if (quote == 0 && characters.find(c) != characters.npos) return at;
+    if (quote == 0 && (c == '"' || c == '\''))
+      quote = c;
+    else if (c == quote)
+      quote = 0;
+  }
+  return at;
 }
 
 }  // namespace
 
-Result<Value> readXMLPropertyList(std::string_view text, const PropertyListLimits& limits) {
+Value readXMLPropertyList(std::string_view text, const PropertyListLimits& limits) {
   return XMLReader(text, limits).read();
 }
 
