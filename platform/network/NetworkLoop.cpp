@@ -3,6 +3,7 @@
 #include <sys/epoll.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <system_error>
 
@@ -29,6 +30,30 @@ bool watch(int poll, int descriptor, std::uint64_t source) {
 
 }  // namespace
 
+// Removes its entry from the loop when it goes.
+class NetworkLoop::EntrySource final : public Timer {
+ public:
+  EntrySource(std::shared_ptr<NetworkLoop> loop, SourceID source, Task cancelHandler)
+      : _loop(std::move(loop)), _source(source), _cancelHandler(std::move(cancelHandler)) {}
+  ~EntrySource() override { _loop->remove(_source); }
+
+  void cancel() override {
+    if (_isCancelled.exchange(true)) return;
+    _loop->remove(_source);
+    if (_cancelHandler) _loop->async(std::move(_cancelHandler));
+  }
+  void setArmed(bool isArmed) override { _loop->setArmed(_source, isArmed); }
+  void keepAlive(std::shared_ptr<void> object) override {
+    _loop->keepAlive(_source, std::move(object));
+  }
+
+ private:
+  const std::shared_ptr<NetworkLoop> _loop;
+  const SourceID _source;
+  std::atomic<bool> _isCancelled = false;
+  Task _cancelHandler;
+};
+
 NetworkLoop::NetworkLoop(std::shared_ptr<Clock> clock, std::function<void()> onIdle)
     : _clock(std::move(clock)),
       _onIdle(std::move(onIdle)),
@@ -37,7 +62,7 @@ NetworkLoop::NetworkLoop(std::shared_ptr<Clock> clock, std::function<void()> onI
     throw std::system_error(errno, std::generic_category(), "network loop");
 }
 
-void NetworkLoop::post(Task task) {
+void NetworkLoop::async(Task task) {
   MutexLock lock(_mutex);
   if (_isStopping) return;
   _tasks.push_back(std::move(task));
@@ -55,19 +80,30 @@ NetworkLoop::SourceID NetworkLoop::add(Entry entry) {
   return source;
 }
 
-NetworkLoop::SourceID NetworkLoop::addOnce(std::chrono::milliseconds delay, Task task) {
-  return add(
-      {.handler = std::make_shared<Task>(std::move(task)), .due = _clock->steadyNow() + delay});
+std::unique_ptr<NetworkLoop::EntrySource> NetworkLoop::source(SourceID source, Task cancelHandler) {
+  if (source == noSource) return nullptr;
+  return std::make_unique<EntrySource>(shared_from_this(), source, std::move(cancelHandler));
 }
 
-NetworkLoop::SourceID NetworkLoop::addTimer(std::chrono::milliseconds period, Task handler) {
-  return add({.handler = std::make_shared<Task>(std::move(handler)),
-              .start = _clock->steadyNow(),
-              .period = period});
+std::unique_ptr<Source> NetworkLoop::after(std::chrono::milliseconds delay, Task task) {
+  const SourceID once =
+      add({.handler = std::make_shared<Task>(std::move(task)), .due = _clock->steadyNow() + delay});
+  return std::make_unique<EntrySource>(shared_from_this(), once, nullptr);
 }
 
-NetworkLoop::SourceID NetworkLoop::addReader(int descriptor, Task handler) {
-  return add({.handler = std::make_shared<Task>(std::move(handler)), .descriptor = descriptor});
+std::unique_ptr<Timer> NetworkLoop::createTimer(std::chrono::milliseconds period, Task handler,
+                                                Task cancelHandler) {
+  return source(add({.handler = std::make_shared<Task>(std::move(handler)),
+                     .start = _clock->steadyNow(),
+                     .period = period}),
+                std::move(cancelHandler));
+}
+
+std::unique_ptr<Source> NetworkLoop::createReadSource(DatagramSocket& socket, Task handler,
+                                                      Task cancelHandler) {
+  return source(add({.handler = std::make_shared<Task>(std::move(handler)),
+                     .descriptor = socket.descriptor()}),
+                std::move(cancelHandler));
 }
 
 void NetworkLoop::setDue(SourceID source, Entry& entry, std::optional<Clock::TimePoint> due) {

@@ -26,32 +26,32 @@ namespace corvid {
 // Threads   stop: any but its own; everything else: any. Tasks and handlers run on the loop's
 //           thread without its lock.
 // Errors    The constructor throws std::system_error where the system has no descriptors left.
+// Ownership Sources share the loop.
 // Stop      Waits for what runs and drops the rest, on the caller's thread. From then on work is
 //           dropped at once. The destructor stops.
-class NetworkLoop {
+class NetworkLoop final : public SerialQueue, public std::enable_shared_from_this<NetworkLoop> {
  public:
-  using SourceID = std::uint64_t;
-  static constexpr SourceID noSource = 0;
-
   // `onIdle` is called each time when isBusy() has become false.
   NetworkLoop(std::shared_ptr<Clock> clock, std::function<void()> onIdle);
-  ~NetworkLoop() { stop(); }
+  ~NetworkLoop() override { stop(); }
   NetworkLoop(const NetworkLoop&) = delete;
   NetworkLoop& operator=(const NetworkLoop&) = delete;
 
-  void post(Task task) EXCLUDES(_mutex);
-  // All give noSource after the end, and where the system refuses.
-  SourceID addOnce(std::chrono::milliseconds delay, Task task) EXCLUDES(_mutex);
-  SourceID addTimer(std::chrono::milliseconds period, Task handler) EXCLUDES(_mutex);
-  SourceID addReader(int descriptor, Task handler) EXCLUDES(_mutex);
-  void setArmed(SourceID timer, bool isArmed) EXCLUDES(_mutex);
-  void keepAlive(SourceID source, std::shared_ptr<void> object) EXCLUDES(_mutex);
-  void remove(SourceID source) EXCLUDES(_mutex);
+  void async(Task task) override EXCLUDES(_mutex);
+  std::unique_ptr<Source> after(std::chrono::milliseconds delay, Task task) override;
+  std::unique_ptr<Timer> createTimer(std::chrono::milliseconds period, Task handler,
+                                     Task cancelHandler) override;
+  std::unique_ptr<Source> createReadSource(DatagramSocket& socket, Task handler,
+                                           Task cancelHandler) override;
 
   bool isBusy() const EXCLUDES(_mutex);
   void stop() EXCLUDES(_mutex);
 
  private:
+  class EntrySource;
+  using SourceID = std::uint64_t;
+  static constexpr SourceID noSource = 0;
+
   struct Entry {
     std::shared_ptr<Task> handler;  // shared with a call that is under way
     std::optional<int> descriptor{};
@@ -61,7 +61,13 @@ class NetworkLoop {
     std::shared_ptr<void> kept{};
   };
 
+  // noSource after the end, and where the system refuses.
   SourceID add(Entry entry) EXCLUDES(_mutex);
+  // Nothing in place of noSource.
+  std::unique_ptr<EntrySource> source(SourceID source, Task cancelHandler);
+  void setArmed(SourceID timer, bool isArmed) EXCLUDES(_mutex);
+  void keepAlive(SourceID source, std::shared_ptr<void> object) EXCLUDES(_mutex);
+  void remove(SourceID source) EXCLUDES(_mutex);
   void setDue(SourceID source, Entry& entry, std::optional<Clock::TimePoint> due) REQUIRES(_mutex);
   static Clock::TimePoint nextTick(const Entry& entry, Clock::TimePoint now);
   void startOrWake() REQUIRES(_mutex);
