@@ -1,4 +1,4 @@
-// The address of a Unix socket.
+// Unix sockets: their addresses, and what can be asked of a socket.
 #pragma once
 
 #include <sys/socket.h>
@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <optional>
 #include <string_view>
 
 namespace corvid {
@@ -39,5 +40,20 @@ class UnixAddress {
   sockaddr_un _address{};
   socklen_t _size = 0;
 };
+
+// An option of the socket level and of a fixed size; nothing, and errno, where the system refuses.
+template <class T>
+std::optional<T> socketOption(int socket, int option) {
+  T value{};
+  socklen_t size = sizeof value;
+  if (getsockopt(socket, SOL_SOCKET, option, &value, &size) != 0) return std::nullopt;
+  return value;
+}
+
+inline bool isListeningUnixStream(int socket) {
+  return socketOption<int>(socket, SO_DOMAIN) == AF_UNIX &&
+         socketOption<int>(socket, SO_TYPE) == SOCK_STREAM &&
+         socketOption<int>(socket, SO_ACCEPTCONN) == 1;
+}
 
 }  // namespace corvid

@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/ExtensionTokens.h"
+#include "platform/data/SystemRandom.h"
 #include "rpc/IPCListener.h"
 #include "tests/rpc/WireClient.h"
 #include "tests/support/Scratch.h"
@@ -107,7 +109,9 @@ int main(int count, char** arguments) {
   const ScratchFolder folder;
   const std::string path = folder.path("socket");
   {
-    auto listener = IPCListener::bind(path, [](int) { return Dictionary(); });
+    ExtensionTokens tokens(std::make_shared<SystemRandom>(), 0);
+    auto listener = IPCListener::serving(
+        ServiceSocket::bind(path), [](int) { return Dictionary(); }, tokens);
     if (!listener) {
       fmt::print(stderr, "{}\n", listener.failure().message);
       return 1;

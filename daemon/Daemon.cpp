@@ -117,15 +117,16 @@ Platform::Services systemServices(const Paths& paths, const Deployment& deployme
   };
 }
 
-Result<std::unique_ptr<IPCListener>> createListener(const Paths& paths, Launcher& launcher) {
-  const auto folder = std::make_shared<Entitlements>(paths.entitlementsFolder);
+Result<std::unique_ptr<IPCListener>> createListener(Platform& platform, Launcher& launcher) {
+  const auto folder = std::make_shared<Entitlements>(platform.paths().entitlementsFolder);
   EntitlementReader entitlements = [folder](int socket) {
     const Result<PeerIdentity> peer = peerIdentity(socket);
     return peer ? folder->entitlementsForPeer(peer.value()) : Dictionary();
   };
-  if (const auto socket = launcher.takeListeningSocket())
-    return IPCListener::adopt(*socket, std::move(entitlements));
-  return IPCListener::bind(paths.socket, std::move(entitlements));
+  Descriptor passed = launcher.takeListeningSocket();
+  return IPCListener::serving(passed ? ServiceSocket::adopt(std::move(passed))
+                                     : ServiceSocket::bind(platform.paths().socket),
+                              std::move(entitlements), platform.extensionTokens());
 }
 
 std::chrono::seconds idleExit(const Options& options, const Launcher& launcher) {
@@ -169,7 +170,7 @@ int runDaemon(const Options& options) {
   // Before the listener, so that it outlives the sessions.
   Platform platform(systemServices(paths, deployment, clock, launcher, bundle.passed));
   Platform::install(&platform);
-  auto created = createListener(paths, *launcher);
+  auto created = createListener(platform, *launcher);
   if (!created) {
     logError("main: Cannot listen for clients: {}", created.failure().message);
     return socketFailure;

@@ -54,8 +54,9 @@ class IPCConnection::Serving {
         _network(_guard, limits::descriptorsPerMessage, capnp::rpc::twoparty::Side::SERVER),
         _sender(*connection._outbox, _guard, _network, [this] { return client(); }),
         _rpc(capnp::makeRpcServer(
-            _network, kj::heap<SessionServer>(connection._exportedObject, connection._outbox,
-                                              _guard, _sender, connection._description))) {}
+            _network,
+            kj::heap<SessionServer>(connection._exportedObject, connection._outbox, _guard, _sender,
+                                    connection._tokens, connection._description))) {}
 
   void run(kj::WaitScope& scope) {
     auto end = kj::newPromiseAndFulfiller<void>();
@@ -101,11 +102,12 @@ class IPCConnection::Serving {
 };
 
 IPCConnection::IPCConnection(Descriptor socket, Peer peer, Dictionary entitlements,
-                             std::function<void()> ended)
+                             ExtensionTokens& tokens, std::function<void()> ended)
     : _peer(peer),
       _description(fmt::format("connection {} of process {}, user {}", peer.number, peer.process,
                                peer.user)),
       _entitlements(std::move(entitlements)),
+      _tokens(tokens),
       _ended(std::move(ended)),
       _outbox(std::make_shared<Outbox>(_description)),
       _socket(std::move(socket)) {}

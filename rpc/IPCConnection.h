@@ -16,6 +16,8 @@
 
 namespace corvid {
 
+class ExtensionTokens;
+
 // Threads   See Connection. resume() starts the connection's own thread, which runs until the peer
 //           is lost, has broken a rule or the connection was closed, then the invalidation handler,
 //           and last drops the handlers and the exported object.
@@ -28,7 +30,9 @@ class IPCConnection final : public Connection {
     uid_t user = 0;
   };
   // `ended` is called on the connection's thread when nothing more will happen on it.
-  IPCConnection(Descriptor socket, Peer peer, Dictionary entitlements, std::function<void()> ended);
+  // `tokens` is borrowed.
+  IPCConnection(Descriptor socket, Peer peer, Dictionary entitlements, ExtensionTokens& tokens,
+                std::function<void()> ended);
   ~IPCConnection() override;
 
   std::string description() const override { return _description; }
@@ -60,6 +64,7 @@ class IPCConnection final : public Connection {
   const Peer _peer;
   const std::string _description;
   const Dictionary _entitlements;
+  ExtensionTokens& _tokens;
   const std::function<void()> _ended;
   // Synchronises itself.
   const std::shared_ptr<Outbox> _outbox;

@@ -1,7 +1,6 @@
 #include "rpc/IPCListener.h"
 
 #include <poll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,6 +13,7 @@
 
 #include "base/Log.h"
 #include "base/Thread.h"
+#include "base/UnixAddress.h"
 #include "protocol/Limits.h"
 #include "rpc/IPCConnection.h"
 
@@ -34,8 +34,9 @@ bool admitsConnection(pid_t process, uid_t user, std::size_t all, std::size_t of
   return false;
 }
 
-IPCListener::IPCListener(ServiceSocket socket, EntitlementReader entitlements)
-    : _entitlements(std::move(entitlements)), _socket(std::move(socket)) {}
+IPCListener::IPCListener(ServiceSocket socket, EntitlementReader entitlements,
+                         ExtensionTokens& tokens)
+    : _entitlements(std::move(entitlements)), _tokens(tokens), _socket(std::move(socket)) {}
 
 IPCListener::~IPCListener() {
   {
@@ -107,16 +108,15 @@ void IPCListener::starve(std::string_view action, int error) {
 }
 
 void IPCListener::bring(Descriptor socket) {
-  ucred credentials{};
-  socklen_t length = sizeof credentials;
-  if (getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) return;
-  const IPCConnection::Peer peer{++_lastNumber, credentials.pid, credentials.uid};
+  const auto credentials = socketOption<ucred>(socket.get(), SO_PEERCRED);
+  if (!credentials) return;
+  const IPCConnection::Peer peer{++_lastNumber, credentials->pid, credentials->uid};
   if (!admits(peer.process, peer.user)) return;
   std::shared_ptr<IPCConnection> connection;
   try {
     Dictionary entitlements = _entitlements(socket.get());
     connection =
-        std::make_shared<IPCConnection>(std::move(socket), peer, std::move(entitlements),
+        std::make_shared<IPCConnection>(std::move(socket), peer, std::move(entitlements), _tokens,
                                         [this, number = peer.number] { connectionEnded(number); });
     const MutexLock lock(_mutex);
     _connections.push_back({connection});
@@ -170,24 +170,15 @@ void IPCListener::reap() {
 }
 
 Result<std::unique_ptr<IPCListener>> IPCListener::serving(Result<ServiceSocket> socket,
-                                                          EntitlementReader entitlements) {
+                                                          EntitlementReader entitlements,
+                                                          ExtensionTokens& tokens) {
   if (!socket) return socket.failure();
   try {
     return std::unique_ptr<IPCListener>(
-        new IPCListener(std::move(socket).value(), std::move(entitlements)));
+        new IPCListener(std::move(socket).value(), std::move(entitlements), tokens));
   } catch (const std::system_error& error) {
     return Failure{"Creating an event failed: " + error.code().message(), error.code().value()};
   }
-}
-
-Result<std::unique_ptr<IPCListener>> IPCListener::bind(const std::string& path,
-                                                       EntitlementReader entitlements) {
-  return serving(ServiceSocket::bind(path), std::move(entitlements));
-}
-
-Result<std::unique_ptr<IPCListener>> IPCListener::adopt(int socket,
-                                                        EntitlementReader entitlements) {
-  return serving(ServiceSocket::adopt(Descriptor(socket)), std::move(entitlements));
 }
 
 void IPCListener::resume(std::shared_ptr<ListenerDelegate> delegate, AcceptGate gate) {

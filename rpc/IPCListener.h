@@ -22,6 +22,7 @@
 
 namespace corvid {
 
+class ExtensionTokens;
 class IPCConnection;
 
 // What the process at the other end of a connected socket is entitled to.
@@ -50,12 +51,11 @@ bool admitsConnection(pid_t process, uid_t user, std::size_t all, std::size_t of
 //           so for running calls and invalidation handlers too. Not from one of those threads.
 class IPCListener {
  public:
-  // Creates the socket file, open to everybody, and missing folders above it. A socket file that
-  // nobody serves is replaced; fails where somebody does, or where the file is no socket.
-  static Result<std::unique_ptr<IPCListener>> bind(const std::string& path,
-                                                   EntitlementReader entitlements);
-  // Takes over a listening Unix socket, such as one handed over at start. Owns it also on failure.
-  static Result<std::unique_ptr<IPCListener>> adopt(int socket, EntitlementReader entitlements);
+  // Fails where the socket did, or where the system has no descriptor left. `tokens`, for files
+  // that clients grant, is borrowed.
+  static Result<std::unique_ptr<IPCListener>> serving(Result<ServiceSocket> socket,
+                                                      EntitlementReader entitlements,
+                                                      ExtensionTokens& tokens);
   ~IPCListener();
   IPCListener(const IPCListener&) = delete;
   IPCListener& operator=(const IPCListener&) = delete;
@@ -73,9 +73,7 @@ class IPCListener {
   };
   enum class Accepted { one, none, starved, refused };
 
-  IPCListener(ServiceSocket socket, EntitlementReader entitlements);
-  static Result<std::unique_ptr<IPCListener>> serving(Result<ServiceSocket> socket,
-                                                      EntitlementReader entitlements);
+  IPCListener(ServiceSocket socket, EntitlementReader entitlements, ExtensionTokens& tokens);
   void run();
   Accepted acceptThroughGate();
   Accepted acceptOne();
@@ -87,6 +85,7 @@ class IPCListener {
 
   // Constant after resume().
   const EntitlementReader _entitlements;
+  ExtensionTokens& _tokens;
   const Wakeup _wakeup;
   const ServiceSocket _socket;
   std::shared_ptr<ListenerDelegate> _delegate;

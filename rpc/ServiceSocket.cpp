@@ -76,12 +76,7 @@ Result<ServiceSocket> ServiceSocket::bind(const std::string& path) {
 }
 
 Result<ServiceSocket> ServiceSocket::adopt(Descriptor socket) {
-  const auto option = [&](int name) {
-    int value = -1;
-    socklen_t length = sizeof value;
-    return getsockopt(socket.get(), SOL_SOCKET, name, &value, &length) == 0 ? value : -1;
-  };
-  if (option(SO_DOMAIN) != AF_UNIX || option(SO_TYPE) != SOCK_STREAM || option(SO_ACCEPTCONN) != 1)
+  if (!isListeningUnixStream(socket.get()))
     return Failure{"The inherited descriptor is no listening Unix socket", ENOTSOCK};
   const int flags = fcntl(socket.get(), F_GETFL);
   if (flags < 0 || fcntl(socket.get(), F_SETFL, flags | O_NONBLOCK) != 0)

@@ -15,8 +15,10 @@ namespace corvid {
 
 class ServiceSocket {
  public:
-  // See IPCListener::bind and IPCListener::adopt.
+  // Creates the socket file, open to everybody, and missing folders above it. A socket file that
+  // nobody serves is replaced; fails where somebody does, or where the file is no socket.
   static Result<ServiceSocket> bind(const std::string& path);
+  // Takes over a listening Unix socket, such as one handed over at start.
   static Result<ServiceSocket> adopt(Descriptor socket);
   ~ServiceSocket();
   ServiceSocket(ServiceSocket&&) = default;

@@ -10,7 +10,6 @@
 #include <utility>
 
 #include "base/Log.h"
-#include "platform/Platform.h"
 #include "platform/data/PassedFile.h"
 #include "protocol/Limits.h"
 #include "protocol/wire/ValueCodec.h"
@@ -104,11 +103,12 @@ std::shared_ptr<PassedFile> passedFile(wire::FileGrant::Client file) {
 
 SessionServer::SessionServer(std::shared_ptr<ClientSessionInterface> session,
                              std::shared_ptr<Outbox> outbox, PeerGuard& guard,
-                             DeliverySender& sender, std::string client)
+                             DeliverySender& sender, ExtensionTokens& tokens, std::string client)
     : _session(std::move(session)),
       _outbox(std::move(outbox)),
       _guard(guard),
       _sender(sender),
+      _tokens(tokens),
       _client(std::move(client)) {}
 
 template <class Context, class Decode>
@@ -265,7 +265,7 @@ kj::Promise<void> SessionServer::uploadFile(UploadFileContext context) {
                 if (parameters.hasFile()) file = passedFile(grantedFile = parameters.getFile());
                 if (!file)
                   return std::tuple{std::move(fileURL), std::string(token.begin(), token.end())};
-                grant.emplace(Platform::current().extensionTokens(), file);
+                grant.emplace(_tokens, file);
                 return std::tuple{std::move(fileURL), grant->token()};
               });
   if (!file || !file->isToBeRemoved()) return done;

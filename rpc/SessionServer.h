@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "platform/ExtensionTokens.h"
 #include "protocol/ClientSessionInterface.h"
 #include "protocol/corvid.capnp.h"
 #include "rpc/DeliverySender.h"
@@ -17,9 +18,10 @@ namespace corvid {
 
 class SessionServer final : public wire::ClientSession::Server {
  public:
-  // `guard` and `sender` are borrowed. `client` names the client in log lines.
+  // `guard`, `sender` and `tokens` are borrowed. `client` names the client in log lines.
   SessionServer(std::shared_ptr<ClientSessionInterface> session, std::shared_ptr<Outbox> outbox,
-                PeerGuard& guard, DeliverySender& sender, std::string client);
+                PeerGuard& guard, DeliverySender& sender, ExtensionTokens& tokens,
+                std::string client);
 
  private:
   kj::Promise<void> setSessionInfo(SetSessionInfoContext context) override;
@@ -50,6 +52,7 @@ class SessionServer final : public wire::ClientSession::Server {
   const std::shared_ptr<Outbox> _outbox;
   PeerGuard& _guard;
   DeliverySender& _sender;
+  ExtensionTokens& _tokens;
   const std::string _client;
 };
 

@@ -37,18 +37,6 @@ std::optional<int> numberInEnvironment(const char* name) {
   return number;
 }
 
-int socketOption(int descriptor, int option) {
-  int value = -1;
-  socklen_t size = sizeof value;
-  return getsockopt(descriptor, SOL_SOCKET, option, &value, &size) == 0 ? value : -1;
-}
-
-bool isListeningUnixStream(int descriptor) {
-  return socketOption(descriptor, SO_DOMAIN) == AF_UNIX &&
-         socketOption(descriptor, SO_TYPE) == SOCK_STREAM &&
-         socketOption(descriptor, SO_ACCEPTCONN) == 1;
-}
-
 // The first listening Unix stream socket among those passed; the others are closed.
 Descriptor passedListeningSocket() {
   Descriptor found;
@@ -93,11 +81,6 @@ Launcher::Launcher(std::shared_ptr<Clock> clock)
       _launcherSocket(socketToLauncher()),
       _listeningSocket(passedListeningSocket()),
       _isSocketActivated(_listeningSocket) {}
-
-std::optional<int> Launcher::takeListeningSocket() {
-  if (!_listeningSocket) return std::nullopt;
-  return _listeningSocket.release();
-}
 
 void Launcher::notify(std::string_view message) {
   if (!_launcherSocket) return;

@@ -6,8 +6,8 @@
 #include <condition_variable>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string_view>
+#include <utility>
 
 #include "base/Descriptor.h"
 #include "base/Mutex.h"
@@ -27,9 +27,8 @@ class Launcher final : public KeepAlive {
   explicit Launcher(std::shared_ptr<Clock> clock);
 
   // The listening Unix stream socket that the process was started with, which the launcher has made
-  // non-blocking; the caller owns it from then on. Nothing at the second call, and where the
-  // process was started without one.
-  std::optional<int> takeListeningSocket();
+  // non-blocking. Empty at the second call, and where the process was started without one.
+  Descriptor takeListeningSocket() { return std::move(_listeningSocket); }
   // Whether the process was started with a listening socket, taken since or not.
   bool isSocketActivated() const { return _isSocketActivated; }
 

@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 #include <poll.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -12,6 +11,7 @@
 
 #include "base/Descriptor.h"
 #include "base/Text.h"
+#include "base/UnixAddress.h"
 #include "platform/data/LocalFileSystem.h"
 
 // Newer than the oldest headers this builds with.
@@ -24,7 +24,7 @@ namespace corvid {
 namespace {
 
 // The bytes of a socket option of any length; the failure's code is the system's.
-Result<std::string> socketOption(int socket, int option) {
+Result<std::string> longSocketOption(int socket, int option) {
   std::string bytes(256, '\0');
   for (;;) {
     auto size = static_cast<socklen_t>(bytes.size());
@@ -39,7 +39,7 @@ Result<std::string> socketOption(int socket, int option) {
 }
 
 std::vector<gid_t> peerGroups(int socket) {
-  const Result<std::string> bytes = socketOption(socket, SO_PEERGROUPS);
+  const Result<std::string> bytes = longSocketOption(socket, SO_PEERGROUPS);
   if (!bytes || bytes.value().empty()) return {};
   std::vector<gid_t> groups(bytes.value().size() / sizeof(gid_t));
   std::memcpy(groups.data(), bytes.value().data(), groups.size() * sizeof(gid_t));
@@ -47,7 +47,7 @@ std::vector<gid_t> peerGroups(int socket) {
 }
 
 std::string peerLabel(int socket) {
-  const Result<std::string> label = socketOption(socket, SO_PEERSEC);
+  const Result<std::string> label = longSocketOption(socket, SO_PEERSEC);
   // Some modules count the zero at the end, some do not.
   return label ? std::string(label.value().c_str()) : std::string();
 }
@@ -56,10 +56,8 @@ std::string peerLabel(int socket) {
 // process that has its number now, provided that it is the same user's: processes of one user are
 // not safe from each other anyway.
 Descriptor processDescriptor(int socket, pid_t pid, uid_t uid) {
-  int descriptor = -1;
-  socklen_t size = sizeof descriptor;
-  if (getsockopt(socket, SOL_SOCKET, SO_PEERPIDFD, &descriptor, &size) == 0)
-    return Descriptor(descriptor);
+  if (const auto descriptor = socketOption<int>(socket, SO_PEERPIDFD))
+    return Descriptor(*descriptor);
   if (errno != ENOPROTOOPT) return Descriptor();
   Descriptor process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
   struct stat owner {};
@@ -116,11 +114,9 @@ std::string unitOfControlGroups(std::string_view lines) {
 }
 
 Result<PeerIdentity> peerIdentity(int socket) {
-  ucred credentials{};
-  socklen_t size = sizeof credentials;
-  if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0)
-    return Failure{std::strerror(errno), errno};
-  PeerIdentity peer{credentials.pid,    credentials.uid,   credentials.gid,
+  const auto credentials = socketOption<ucred>(socket, SO_PEERCRED);
+  if (!credentials) return Failure{std::strerror(errno), errno};
+  PeerIdentity peer{credentials->pid,   credentials->uid,  credentials->gid,
                     peerGroups(socket), peerLabel(socket), {}};
   peer.unit = unitOfProcess(socket, peer.pid, peer.uid);
   return peer;

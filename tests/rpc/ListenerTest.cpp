@@ -46,7 +46,7 @@ TEST_F(Listener, RemovesItsSocketAtTheEnd) {
 TEST_F(Listener, LeavesASocketThatIsNoLongerItsOwn) {
   start();
   std::filesystem::remove(path);
-  auto other = IPCListener::bind(path, noEntitlements);
+  const auto other = ServiceSocket::bind(path);
   ASSERT_TRUE(other);
   stop();
   EXPECT_TRUE(std::filesystem::exists(path));
@@ -66,7 +66,7 @@ TEST_F(Listener, ReplacesAStaleSocket) {
 
 TEST_F(Listener, FailsWhereTheSocketIsServed) {
   start();
-  const auto second = IPCListener::bind(path, noEntitlements);
+  const auto second = IPCListener::serving(ServiceSocket::bind(path), noEntitlements, tokens);
   ASSERT_FALSE(second);
   EXPECT_EQ(second.failure().message, "Another process serves " + path);
   WireClient client(path);
@@ -76,13 +76,13 @@ TEST_F(Listener, FailsWhereTheSocketIsServed) {
 TEST_F(Listener, LeavesAFileThatIsNoSocket) {
   std::filesystem::create_directories(std::filesystem::path(path).parent_path());
   std::ofstream(path) << "precious";
-  const auto bound = IPCListener::bind(path, noEntitlements);
+  const auto bound = ServiceSocket::bind(path);
   ASSERT_FALSE(bound);
   EXPECT_EQ(std::filesystem::file_size(path), 8u);
 }
 
 TEST_F(Listener, FailsWhereThePathIsTooLong) {
-  const auto bound = IPCListener::bind(folder.path() + "/" + std::string(200, 'x'), noEntitlements);
+  const auto bound = ServiceSocket::bind(folder.path() + "/" + std::string(200, 'x'));
   ASSERT_FALSE(bound);
   EXPECT_EQ(bound.failure().code, ENAMETOOLONG);
 }
@@ -92,7 +92,8 @@ TEST_F(Listener, TakesOverASocketThatListens) {
   const std::string place = folder.path() + "/inherited";
   ASSERT_EQ(UnixAddress(place).bind(inherited.get()), 0);
   ASSERT_EQ(listen(inherited.get(), 5), 0);
-  auto adopted = IPCListener::adopt(dup(inherited.get()), noEntitlements);
+  auto adopted = IPCListener::serving(ServiceSocket::adopt(Descriptor(dup(inherited.get()))),
+                                      noEntitlements, tokens);
   ASSERT_TRUE(adopted) << adopted.failure().message;
   adopted.value()->resume(delegate);
   {
@@ -106,9 +107,9 @@ TEST_F(Listener, TakesOverASocketThatListens) {
 TEST_F(Listener, RefusesToTakeOverAnythingElse) {
   int pair[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
-  EXPECT_FALSE(IPCListener::adopt(pair[0], noEntitlements));
-  EXPECT_FALSE(IPCListener::adopt(pair[1], noEntitlements));
-  EXPECT_FALSE(IPCListener::adopt(-1, noEntitlements));
+  EXPECT_FALSE(ServiceSocket::adopt(Descriptor(pair[0])));
+  EXPECT_FALSE(ServiceSocket::adopt(Descriptor(pair[1])));
+  EXPECT_FALSE(ServiceSocket::adopt(Descriptor(-1)));
 }
 
 TEST_F(Listener, AsksTheDelegateWithTheEntitlementsOfThePeer) {

@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/Platform.h"
+#include "platform/ExtensionTokens.h"
 #include "protocol/Limits.h"
 #include "rpc/IPCListener.h"
 #include "tests/fakes/CapturedLog.h"
@@ -209,14 +209,14 @@ class RecordingDelegate final : public ListenerDelegate {
 
 class ServiceFixture : public testing::Test {
  protected:
-  ServiceFixture() { Platform::install(&platform); }
-  ~ServiceFixture() override { Platform::install(nullptr); }
-
   // Tests set up `delegate` first.
   void start() {
-    auto bound = IPCListener::bind(path, [](int) {
-      return Dictionary{{"com.halcyon.private.corvidd", true}};
-    });
+    auto bound = IPCListener::serving(
+        ServiceSocket::bind(path),
+        [](int) {
+          return Dictionary{{"com.halcyon.private.corvidd", true}};
+        },
+        tokens);
     ASSERT_TRUE(bound) << bound.failure().message;
     listener = std::move(bound).value();
     listener->resume(delegate);
@@ -225,13 +225,7 @@ class ServiceFixture : public testing::Test {
   void TearDown() override { stop(); }
 
   CapturedLog log;
-  const std::shared_ptr<ExtensionTokens> tokens = std::make_shared<ExtensionTokens>(
-      std::make_shared<FakeRandom>(), limits::uploadBytesUnderWay);
-  Platform platform{[this] {
-    Platform::Services services;
-    services.extensionTokens = tokens;
-    return services;
-  }()};
+  ExtensionTokens tokens{std::make_shared<FakeRandom>(), limits::uploadBytesUnderWay};
   ScratchFolder folder;
   std::string path = folder.path() + "/run/corvidd/com.halcyon.corvidd";
   std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>();

@@ -58,7 +58,7 @@ class Uploads : public ServiceFixture {
 TEST_F(Uploads, TheTokenStandsForTheFileWhileTheCallRuns) {
   std::string content;
   onUpload = [&](const std::string& token) {
-    const auto handle = tokens->consume(token);
+    const auto handle = tokens.consume(token);
     content = handle.read(handle.attributes().size);
   };
   WireClient client(path);
@@ -68,8 +68,8 @@ TEST_F(Uploads, TheTokenStandsForTheFileWhileTheCallRuns) {
   EXPECT_EQ(calls()[0].text, "file:///file");
   EXPECT_EQ(calls()[0].token.size(), 32u);
   EXPECT_EQ(removals, 0);
-  EXPECT_EQ(tokens->grants(), 0u);
-  EXPECT_EQ(tokens->handles(), 0u);
+  EXPECT_EQ(tokens.grants(), 0u);
+  EXPECT_EQ(tokens.handles(), 0u);
 }
 
 TEST_F(Uploads, TheClientsOwnTokenIsOverruledByTheGrant) {
@@ -81,7 +81,7 @@ TEST_F(Uploads, TheClientsOwnTokenIsOverruledByTheGrant) {
 
 TEST_F(Uploads, TheFileIsRemovedBeforeTheClientHearsOfTheEnd) {
   onUpload = [&](const std::string& token) {
-    tokens->consume(token).remove();
+    tokens.consume(token).remove();
     EXPECT_EQ(removals, 0);
   };
   WireClient client(path);
@@ -91,7 +91,7 @@ TEST_F(Uploads, TheFileIsRemovedBeforeTheClientHearsOfTheEnd) {
 }
 
 TEST_F(Uploads, ARemovalThatFailsChangesNothing) {
-  onUpload = [&](const std::string& token) { tokens->consume(token).remove(); };
+  onUpload = [&](const std::string& token) { tokens.consume(token).remove(); };
   WireClient client(path);
   const Descriptor descriptor(open(file.c_str(), O_RDONLY | O_CLOEXEC));
   auto grant = grantOf(descriptor.get());
@@ -103,7 +103,7 @@ TEST_F(Uploads, ARemovalThatFailsChangesNothing) {
 
 TEST_F(Uploads, AForgedTokenStandsForNothing) {
   onUpload = [&](const std::string& token) {
-    EXPECT_FALSE(tokens->consume(token).attributes().isRegularFile);
+    EXPECT_FALSE(tokens.consume(token).attributes().isRegularFile);
   };
   WireClient client(path);
   EXPECT_TRUE(upload(client, std::nullopt, "forged"));
@@ -112,7 +112,7 @@ TEST_F(Uploads, AForgedTokenStandsForNothing) {
 
 TEST_F(Uploads, AGrantWithoutADescriptorStandsForNothing) {
   onUpload = [&](const std::string& token) {
-    const auto handle = tokens->consume(token);
+    const auto handle = tokens.consume(token);
     EXPECT_FALSE(handle.attributes().isRegularFile);
     handle.remove();
   };
@@ -124,7 +124,7 @@ TEST_F(Uploads, AGrantWithoutADescriptorStandsForNothing) {
 TEST_F(Uploads, ATokenOfAnEarlierCallStandsForNothing) {
   std::vector<bool> granted;
   onUpload = [&](const std::string& token) {
-    granted.push_back(tokens->consume(token).attributes().isRegularFile);
+    granted.push_back(tokens.consume(token).attributes().isRegularFile);
   };
   WireClient client(path);
   const Descriptor descriptor(open(file.c_str(), O_RDONLY | O_CLOEXEC));
@@ -138,13 +138,13 @@ TEST_F(Uploads, ATokenOfAnEarlierCallStandsForNothing) {
 TEST_F(Uploads, ATokenOfAnotherClientStandsForNothing) {
   std::vector<bool> granted;
   onUpload = [&](const std::string& token) {
-    granted.push_back(tokens->consume(token).attributes().isRegularFile);
+    granted.push_back(tokens.consume(token).attributes().isRegularFile);
     if (granted.size() > 1) return;
     std::thread([&] {
       WireClient thief(path);
       EXPECT_TRUE(upload(thief, std::nullopt, token));
     }).join();
-    granted.push_back(tokens->consume(token).attributes().isRegularFile);
+    granted.push_back(tokens.consume(token).attributes().isRegularFile);
   };
   WireClient client(path);
   const Descriptor descriptor(open(file.c_str(), O_RDONLY | O_CLOEXEC));
@@ -176,7 +176,7 @@ TEST_F(Uploads, AClientThatLeavesDuringItsUploadLeavesNothing) {
   std::atomic<bool> isUnderWay = false;
   bool mayEnd = false;
   onUpload = [&](const std::string& token) {
-    const auto handle = tokens->consume(token);
+    const auto handle = tokens.consume(token);
     isUnderWay = true;
     EXPECT_TRUE(notice.await([&] { return mayEnd; }));
     EXPECT_EQ(handle.read(7), "content");
@@ -195,8 +195,8 @@ TEST_F(Uploads, AClientThatLeavesDuringItsUploadLeavesNothing) {
   }
   notice.change([&] { mayEnd = true; });
   EXPECT_TRUE(delegate->awaitInvalidated(0));
-  EXPECT_EQ(tokens->grants(), 0u);
-  EXPECT_EQ(tokens->handles(), 0u);
+  EXPECT_EQ(tokens.grants(), 0u);
+  EXPECT_EQ(tokens.handles(), 0u);
   EXPECT_EQ(removals, 0);
 }
 

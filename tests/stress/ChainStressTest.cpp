@@ -138,9 +138,12 @@ class ChainStress : public testing::TestWithParam<unsigned> {
     installLog(nullptr, LogLevel::error);
     platform.consent->allowed = false;  // no message log
     platform.http->answerWith([](const HTTPRequest&) { return FakeHTTPClient::response(200); });
-    auto bound = IPCListener::bind(root.path("run/corvidd/com.halcyon.corvidd"), [](int) {
-      return Dictionary{{"com.halcyon.private.corvidd", true}};
-    });
+    auto bound = IPCListener::serving(
+        ServiceSocket::bind(root.path("run/corvidd/com.halcyon.corvidd")),
+        [](int) {
+          return Dictionary{{"com.halcyon.private.corvidd", true}};
+        },
+        *platform.extensionTokens);
     EXPECT_TRUE(bound);
     listener = std::move(bound).value();
     listener->resume(watched);

@@ -323,8 +323,8 @@ TEST_F(LauncherSockets, ListeningSocketIsTakenOnceAndNotInherited) {
   EXPECT_EQ(startedWith({listening.get()},
                         [](Launcher& launcher) {
                           if (!launcher.isSocketActivated()) return 1;
-                          const auto taken = launcher.takeListeningSocket();
-                          if (taken != 3 || (fcntl(3, F_GETFD) & FD_CLOEXEC) == 0) return 2;
+                          const Descriptor taken = launcher.takeListeningSocket();
+                          if (taken.get() != 3 || (fcntl(3, F_GETFD) & FD_CLOEXEC) == 0) return 2;
                           if (launcher.takeListeningSocket()) return 3;
                           return launcher.isSocketActivated() ? 0 : 4;
                         }),
@@ -349,7 +349,8 @@ TEST_F(LauncherSockets, SocketForAnotherProcessIsLeftAlone) {
 TEST_F(LauncherSockets, WhatIsNoListeningUnixSocketIsClosedWithAWarning) {
   EXPECT_EQ(startedWith({plain.get(), listening.get(), plain.get()},
                         [](Launcher& launcher) {
-                          if (launcher.takeListeningSocket() != 4) return 1;
+                          const Descriptor taken = launcher.takeListeningSocket();
+                          if (taken.get() != 4) return 1;
                           return fcntl(3, F_GETFD) < 0 && fcntl(5, F_GETFD) < 0 ? 0 : 2;
                         }),
             0);
