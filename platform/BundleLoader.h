@@ -10,7 +10,7 @@
 
 namespace corvid {
 
-// Threads: one at a time. Keeps its bundle loaded.
+// Threads: one at a time.
 class BundleObject {
  public:
   virtual ~BundleObject() = default;

@@ -1,7 +1,7 @@
 #include "platform/HTTPClient.h"
 
+#include <future>
 #include <memory>
-#include <semaphore>
 
 #include "base/Text.h"
 
@@ -15,18 +15,10 @@ std::optional<std::string> HTTPResponse::header(std::string_view name) const {
 }
 
 HTTPOutcome performAndWait(HTTPClient& client, HTTPRequest request) {
-  struct Waiting {
-    std::binary_semaphore done{0};
-    HTTPOutcome outcome;
-  };
-  // Shared: the completion may still be inside release() when the caller has gone on.
-  auto waiting = std::make_shared<Waiting>();
-  client.start(std::move(request), [waiting](HTTPOutcome outcome) {
-    waiting->outcome = std::move(outcome);
-    waiting->done.release();
-  });
-  waiting->done.acquire();
-  return std::move(waiting->outcome);
+  const auto promise = std::make_shared<std::promise<HTTPOutcome>>();
+  client.start(std::move(request),
+               [promise](HTTPOutcome outcome) { promise->set_value(std::move(outcome)); });
+  return promise->get_future().get();
 }
 
 }  // namespace corvid

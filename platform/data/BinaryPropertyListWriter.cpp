@@ -38,16 +38,15 @@ class BinaryWriter {
   }
 
  private:
-  // A value; a string; or a container, by its references from `first` on.
+  // Of a dictionary the keys' first.
   struct Container {
-    bool isDictionary;
-    std::size_t first;
-    std::size_t count;
+    bool isDictionary = false;
+    std::vector<std::uint32_t> references{};
   };
   using Object = std::variant<const Value*, std::string_view, Container>;
 
   std::uint32_t addObject(Object object) {
-    _objects.push_back(object);
+    _objects.push_back(std::move(object));
     return static_cast<std::uint32_t>(_objects.size() - 1);
   }
 
@@ -66,28 +65,23 @@ class BinaryWriter {
 
   std::uint32_t addArray(const Array& array) {
     const std::uint32_t number = addObject(Container{});
-    std::vector<std::uint32_t> references;
-    references.reserve(array.size());
+    Container container;
+    container.references.reserve(array.size());
     for (const Value& value : array)
-      if (!value.isNull()) references.push_back(addValue(value));
-    return finishContainer(number, false, references);
+      if (!value.isNull()) container.references.push_back(addValue(value));
+    _objects[number] = std::move(container);
+    return number;
   }
 
   std::uint32_t addDictionary(const Dictionary& dictionary) {
     const std::uint32_t number = addObject(Container{});
-    std::vector<std::uint32_t> references;
-    references.reserve(dictionary.size() * 2);
+    Container container{.isDictionary = true};
+    container.references.reserve(dictionary.size() * 2);
     for (const auto& [key, value] : dictionary)
-      if (!value.isNull()) references.push_back(addString(key));
+      if (!value.isNull()) container.references.push_back(addString(key));
     for (const auto& [key, value] : dictionary)
-      if (!value.isNull()) references.push_back(addValue(value));
-    return finishContainer(number, true, references);
-  }
-
-  std::uint32_t finishContainer(std::uint32_t number, bool isDictionary,
-                                const std::vector<std::uint32_t>& references) {
-    _objects[number] = Container{isDictionary, _references.size(), references.size()};
-    _references.insert(_references.end(), references.begin(), references.end());
+      if (!value.isNull()) container.references.push_back(addValue(value));
+    _objects[number] = std::move(container);
     return number;
   }
 
@@ -110,11 +104,9 @@ class BinaryWriter {
   void writeObject(const Object& object) {
     if (const auto* text = std::get_if<std::string_view>(&object)) return writeString(*text);
     if (const auto* value = std::get_if<const Value*>(&object)) return writeScalar(**value);
-    const Container& container = std::get<Container>(object);
-    writeMarker(container.isDictionary ? 0xD : 0xA,
-                container.isDictionary ? container.count / 2 : container.count);
-    for (std::size_t i = 0; i < container.count; ++i)
-      writeNumber(_references[container.first + i], _referenceSize);
+    const auto& [isDictionary, references] = std::get<Container>(object);
+    writeMarker(isDictionary ? 0xD : 0xA, isDictionary ? references.size() / 2 : references.size());
+    for (const std::uint32_t reference : references) writeNumber(reference, _referenceSize);
   }
 
   void writeString(std::string_view text) {
@@ -160,7 +152,6 @@ class BinaryWriter {
   }
 
   std::vector<Object> _objects;
-  std::vector<std::uint32_t> _references;
   std::unordered_map<std::string_view, std::uint32_t> _strings;
   std::size_t _referenceSize = 1;
   std::string _out;

@@ -43,11 +43,6 @@ const EVP_MD* sha1Algorithm() {
   return algorithm;
 }
 
-const EVP_MD* sha256Algorithm() {
-  static const EVP_MD* const algorithm = EVP_MD_fetch(nullptr, "SHA256", nullptr);
-  return algorithm;
-}
-
 // Refusals stay out of the thread's error queue, which other users of the library read.
 class ErrorQueueMark {
  public:
@@ -68,7 +63,10 @@ Owned<EVP_PKEY> decodeWhole(std::string_view der, Decode decode) {
 }  // namespace
 
 SHA1Digest sha1(std::string_view bytes) { return digest<20>(sha1Algorithm(), bytes); }
-SHA256Digest sha256(std::string_view bytes) { return digest<32>(sha256Algorithm(), bytes); }
+SHA256Digest sha256(std::string_view bytes) {
+  static const EVP_MD* const algorithm = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+  return digest<32>(algorithm, bytes);
+}
 
 SHA256Digest hmacSHA256(std::string_view key, std::string_view message) {
   SHA256Digest code;
@@ -77,15 +75,6 @@ SHA256Digest hmacSHA256(std::string_view key, std::string_view message) {
     std::abort();
   return code;
 }
-
-struct RSAPublicKey::Key {
-  Owned<EVP_PKEY> pkey;
-};
-
-RSAPublicKey::RSAPublicKey(std::unique_ptr<Key> key) : _key(std::move(key)) {}
-RSAPublicKey::~RSAPublicKey() = default;
-RSAPublicKey::RSAPublicKey(RSAPublicKey&&) noexcept = default;
-RSAPublicKey& RSAPublicKey::operator=(RSAPublicKey&&) noexcept = default;
 
 std::optional<RSAPublicKey> RSAPublicKey::fromDER(std::string_view der) {
   const ErrorQueueMark mark;
@@ -96,19 +85,17 @@ std::optional<RSAPublicKey> RSAPublicKey::fromDER(std::string_view der) {
       return d2i_PublicKey(EVP_PKEY_RSA, nullptr, at, length);
     });
   if (!key) return std::nullopt;
-  return RSAPublicKey(std::make_unique<Key>(Key{std::move(key)}));
+  return RSAPublicKey(std::move(key));
 }
 
 bool RSAPublicKey::verifies(const SHA1Digest& digest, std::string_view signature) const {
   const ErrorQueueMark mark;
-  const Owned<EVP_PKEY_CTX> context(EVP_PKEY_CTX_new_from_pkey(nullptr, _key->pkey.get(), nullptr));
+  const Owned<EVP_PKEY_CTX> context(EVP_PKEY_CTX_new_from_pkey(nullptr, _key.get(), nullptr));
   return context && EVP_PKEY_verify_init(context.get()) == 1 &&
          EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) == 1 &&
          EVP_PKEY_CTX_set_signature_md(context.get(), sha1Algorithm()) == 1 &&
          EVP_PKEY_verify(context.get(), bytesOf(signature), signature.size(), digest.data(),
                          digest.size()) == 1;
 }
-
-const void* RSAPublicKey::address() const { return _key->pkey.get(); }
 
 }  // namespace corvid

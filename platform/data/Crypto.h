@@ -7,6 +7,9 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+
+struct evp_pkey_st;  // the library's
 
 namespace corvid {
 
@@ -22,19 +25,16 @@ class RSAPublicKey {
  public:
   // From a DER SubjectPublicKeyInfo or a bare RSAPublicKey; nothing when it is neither.
   static std::optional<RSAPublicKey> fromDER(std::string_view der);
-  ~RSAPublicKey();
-  RSAPublicKey(RSAPublicKey&&) noexcept;
-  RSAPublicKey& operator=(RSAPublicKey&&) noexcept;
 
   // RSA PKCS#1 v1.5 with the SHA-1 digest identifier over a digest made before.
   bool verifies(const SHA1Digest& digest, std::string_view signature) const;
   // The key object's address, for log lines.
-  const void* address() const;
+  const void* address() const { return _key.get(); }
 
  private:
-  struct Key;
-  explicit RSAPublicKey(std::unique_ptr<Key> key);
-  std::unique_ptr<Key> _key;
+  explicit RSAPublicKey(std::shared_ptr<evp_pkey_st> key) : _key(std::move(key)) {}
+
+  std::shared_ptr<evp_pkey_st> _key;
 };
 
 // Standard alphabet, padded, without line breaks.

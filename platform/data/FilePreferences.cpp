@@ -41,30 +41,17 @@ void createFolder(const std::string& folder) {
   mkdir(folder.c_str(), 0700);
 }
 
+// Keeps other writers, of this process and others, from the folder until the descriptor is closed.
+Result<Descriptor> lockFolder(const std::string& folder) {
+  const auto failure = [] { return Failure{std::strerror(errno), errno}; };
+  Descriptor lock(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!lock) return failure();
+  while (flock(lock.get(), LOCK_EX) != 0)
+    if (errno != EINTR) return failure();
+  return lock;
+}
+
 }  // namespace
-
-// Keeps other writers, of this process and others, from the folder for a scope.
-class FilePreferences::FolderLock {
- public:
-  explicit FolderLock(const std::string& folder)
-      : _descriptor(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
-    if (_descriptor) {
-      int result = 0;
-      do result = flock(_descriptor.get(), LOCK_EX);
-      while (result != 0 && errno == EINTR);
-      _isHeld = result == 0;
-    }
-    if (!_isHeld) _error = errno;
-  }
-  explicit operator bool() const { return _isHeld; }
-  // Why it is not held.
-  int error() const { return _error; }
-
- private:
-  Descriptor _descriptor;
-  bool _isHeld = false;
-  int _error = 0;
-};
 
 std::optional<Value> FilePreferences::value(std::string_view suite, std::string_view key) {
   if (!isSuiteName(suite)) return std::nullopt;
@@ -100,13 +87,13 @@ bool FilePreferences::change(std::string_view suite, Change apply) {
   if (!isSuiteName(suite)) return false;
   const MutexLock lock(_mutex);
   createFolder(_folder);
-  const FolderLock folderLock(_folder);
-  if (!folderLock) {
+  const Result<Descriptor> lockedFolder = lockFolder(_folder);
+  if (!lockedFolder) {
     complain(fmt::format("FilePreferences: cannot lock {}: {}", _folder,
-                         std::strerror(folderLock.error())));
+                         lockedFolder.failure().message));
     return false;
   }
-  const Suite& before = current(suite, &folderLock);
+  const Suite& before = current(suite, true);
   if (!before.isUsable) {
     complain(fmt::format("FilePreferences: {} is left as it is, and changes of it are lost",
                          pathOf(suite)));
@@ -139,8 +126,7 @@ void FilePreferences::complain(std::string complaint) {
   _complaint = std::move(complaint);
 }
 
-const FilePreferences::Suite& FilePreferences::current(std::string_view name,
-                                                       const FolderLock* lock) {
+const FilePreferences::Suite& FilePreferences::current(std::string_view name, bool isLocked) {
   const std::string path = pathOf(name);
   Suite& suite = _suites[std::string(name)];
   // Taken before the file is read: one that changes meanwhile is read again next time.
@@ -148,11 +134,11 @@ const FilePreferences::Suite& FilePreferences::current(std::string_view name,
   const bool isKnown = suite.stamp == stamp && !(suite.isUsable && isFresh(stamp));
   if (isKnown) return suite;
   suite = {stamp, true, {}};
-  load(suite, path, lock);
+  load(suite, path, isLocked);
   return suite;
 }
 
-void FilePreferences::load(Suite& suite, const std::string& path, const FolderLock* lock) {
+void FilePreferences::load(Suite& suite, const std::string& path, bool isLocked) {
   const Result<std::string> bytes = readRegularFile(path);
   if (!bytes) {
     if (bytes.failure().code == ENOENT) return;
@@ -166,10 +152,9 @@ void FilePreferences::load(Suite& suite, const std::string& path, const FolderLo
     suite.entries = std::move(entries).value();
     return;
   }
-  if (lock == nullptr) {
+  if (!isLocked) {
     // Another process may be putting a sound file in its place: look again when none can.
-    const FolderLock ownLock(_folder);
-    if (ownLock) return load(suite, path, &ownLock);
+    if (const Result<Descriptor> lock = lockFolder(_folder)) return load(suite, path, true);
   }
   setAside(suite, path, entries.failure().message);
 }

@@ -41,11 +41,11 @@ class FilePreferences final : public Preferences {
     bool isUsable = true;
     Dictionary entries;
   };
-  class FolderLock;
 
-  // Reads the file unless it is the one that was read before. `lock` where the caller holds it.
-  const Suite& current(std::string_view suite, const FolderLock* lock = nullptr) REQUIRES(_mutex);
-  void load(Suite& suite, const std::string& path, const FolderLock* lock) REQUIRES(_mutex);
+  // Reads the file unless it is the one that was read before. `isLocked`: the caller has locked the
+  // folder.
+  const Suite& current(std::string_view suite, bool isLocked = false) REQUIRES(_mutex);
+  void load(Suite& suite, const std::string& path, bool isLocked) REQUIRES(_mutex);
   void setAside(Suite& suite, const std::string& path, const std::string& reason) REQUIRES(_mutex);
   template <class Change>
   bool change(std::string_view suite, Change apply) EXCLUDES(_mutex);

@@ -18,7 +18,7 @@ namespace {
 constexpr std::size_t greatestDepth = 64;
 
 // Builds the value from the reader's events. An event that is refused ends the reading.
-class ValueBuilder {
+class ValueBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, ValueBuilder> {
  public:
   using Size = rapidjson::SizeType;
 
@@ -35,12 +35,6 @@ class ValueBuilder {
     if (std::from_chars(text, end, real).ec != std::errc()) return refuse("Number out of range");
     return add(real);
   }
-  // Not asked for, but named by the library.
-  bool Int(int) { return false; }
-  bool Uint(unsigned) { return false; }
-  bool Int64(std::int64_t) { return false; }
-  bool Uint64(std::uint64_t) { return false; }
-  bool Double(double) { return false; }
   bool String(const char* text, Size length, bool) {
     return isText(text, length) && add(std::string_view(text, length));
   }

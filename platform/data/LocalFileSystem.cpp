@@ -59,10 +59,6 @@ TimeValue timeValue(const statx_timestamp& time) {
   return {time.tv_sec, static_cast<std::int32_t>(time.tv_nsec / 1000)};
 }
 
-bool isEarlier(const TimeValue& a, const TimeValue& b) {
-  return a.seconds != b.seconds ? a.seconds < b.seconds : a.microseconds < b.microseconds;
-}
-
 }  // namespace
 
 Result<std::string> readRegularFile(const std::string& path, std::size_t limit) {
@@ -155,7 +151,7 @@ std::optional<TimeValue> LocalFileSystem::creationDate(const std::string& path) 
   if (status.stx_mask & STATX_MTIME) earliest = timeValue(status.stx_mtime);
   if (status.stx_mask & STATX_BTIME) {
     const TimeValue birth = timeValue(status.stx_btime);
-    if (!earliest || isEarlier(birth, *earliest)) earliest = birth;
+    earliest = std::ranges::min(birth, earliest.value_or(birth), {}, &TimeValue::asDouble);
   }
   return earliest;
 }

@@ -34,9 +34,7 @@ auto guarded(std::string_view what, const Call& call) -> std::optional<decltype(
 
 class DynamicObject final : public BundleObject {
  public:
-  DynamicObject(std::shared_ptr<const Bundle> bundle, const corvid_bundle_class_t& type,
-                void* object)
-      : _bundle(std::move(bundle)), _class(type), _object(object) {}
+  DynamicObject(const corvid_bundle_class_t& type, void* object) : _class(type), _object(object) {}
   ~DynamicObject() override {
     guarded("destroy", [&] { return _class.destroy(_object), true; });
   }
@@ -61,48 +59,38 @@ class DynamicObject final : public BundleObject {
   std::string description() const override { return fmt::format("<{}>", _class.name); }
 
  private:
-  const std::shared_ptr<const Bundle> _bundle;
   const corvid_bundle_class_t& _class;
   void* const _object;
 };
 
-class DynamicBundle;
-
 class DynamicClass final : public BundleClass {
  public:
-  DynamicClass(const DynamicBundle& bundle, const corvid_bundle_class_t& type)
-      : _bundle(bundle), _class(type) {}
-  std::unique_ptr<BundleObject> create() const override;
+  explicit DynamicClass(const corvid_bundle_class_t& type) : _class(type) {}
+
+  std::unique_ptr<BundleObject> create() const override {
+    void* const object = guarded("create", [&] { return _class.create(); }).value_or(nullptr);
+    return object ? std::make_unique<DynamicObject>(_class, object) : nullptr;
+  }
   std::string_view name() const { return _class.name; }
 
  private:
-  const DynamicBundle& _bundle;
   const corvid_bundle_class_t& _class;
 };
 
-class DynamicBundle final : public Bundle, public std::enable_shared_from_this<DynamicBundle> {
+class DynamicBundle final : public Bundle {
  public:
-  explicit DynamicBundle(const corvid_bundle_t& table) {
-    for (std::size_t i = 0; i < table.class_count; ++i)
-      _classes.emplace_back(*this, table.classes[i]);
-  }
+  explicit DynamicBundle(const corvid_bundle_t& table)
+      : _classes(table.classes, table.classes + table.class_count) {}
 
   const BundleClass* classNamed(std::string_view name) const override {
     for (const DynamicClass& type : _classes)
       if (type.name() == name) return &type;
     return nullptr;
   }
-  const std::vector<DynamicClass>& classes() const { return _classes; }
 
  private:
-  std::vector<DynamicClass> _classes;
+  const std::vector<DynamicClass> _classes;
 };
-
-std::unique_ptr<BundleObject> DynamicClass::create() const {
-  void* const object = guarded("create", [&] { return _class.create(); }).value_or(nullptr);
-  if (object == nullptr) return nullptr;
-  return std::make_unique<DynamicObject>(_bundle.shared_from_this(), _class, object);
-}
 
 std::optional<std::string> faultOf(const corvid_bundle_t& table) {
   if (table.version != CORVID_BUNDLE_VERSION)
@@ -119,6 +107,7 @@ std::optional<std::string> faultOf(const corvid_bundle_t& table) {
 }
 
 Result<std::shared_ptr<const Bundle>> load(const std::string& path) {
+  // Never closed: classes and objects refer to it.
   void* const library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (library == nullptr) return Failure{dlerror()};
   const auto* table = static_cast<const corvid_bundle_t*>(dlsym(library, "corvid_bundle"));

@@ -42,34 +42,37 @@ std::optional<std::string> firmwareText(const std::string& path) {
   return replacingInvalidUTF8(text);
 }
 
+// Reads the machine's own files below `root`.
 class Machine {
  public:
   explicit Machine(const std::string& root) : _root(root) {}
 
-  std::optional<std::string> productVersion() const { return osRelease("VERSION_ID"); }
+  // The machine's own answer to a device-information key.
+  std::optional<std::string> answer(std::string_view key) const {
+    if (key == "ProductVersion") return osRelease("VERSION_ID");
+    if (key == "BuildVersion") return buildVersion();
+    if (key == "ProductType") return firmware("product_name", "compatible");
+    if (key == "HWModelStr") return firmware("board_name", "model");
+    if (key == "SerialNumber") return firmware("product_serial", "serial-number");
+    if (key == "DeviceName") return deviceName();
+    if (key == "UniqueDeviceID") return uniqueDeviceID();
+    return std::nullopt;
+  }
 
+ private:
   std::optional<std::string> buildVersion() const {
     if (auto build = osRelease("BUILD_ID")) return build;
     utsname kernel{};
     if (uname(&kernel) != 0) return std::nullopt;
     return kernel.release;
   }
-
-  std::optional<std::string> productType() const { return firmware("product_name", "compatible"); }
-  std::optional<std::string> hardwareModel() const { return firmware("board_name", "model"); }
-  std::optional<std::string> serialNumber() const {
-    return firmware("product_serial", "serial-number");
-  }
-
   std::optional<std::string> deviceName() const {
     if (auto chassis = assigned("/etc/machine-info", "CHASSIS")) return chassis;
     if (auto chassis = dmiChassis()) return chassis;
     return deviceTree("chassis-type");
   }
-
   std::optional<std::string> uniqueDeviceID() const;
 
- private:
   std::optional<std::string> assigned(const std::string& path, std::string_view name) const {
     const Result<std::string> content = readRegularFile(_root + path);
     return content ? assignedValue(content.value(), name) : std::nullopt;
@@ -146,24 +149,6 @@ std::optional<std::string> Machine::uniqueDeviceID() const {
   return hexadecimal(std::span(identifier).first(identifierBytes));
 }
 
-struct Question {
-  std::string_view key;
-  std::optional<std::string> (Machine::*answer)() const;
-};
-constexpr Question questions[] = {
-    {"ProductVersion", &Machine::productVersion}, {"BuildVersion", &Machine::buildVersion},
-    {"ProductType", &Machine::productType},       {"HWModelStr", &Machine::hardwareModel},
-    {"SerialNumber", &Machine::serialNumber},     {"DeviceName", &Machine::deviceName},
-    {"UniqueDeviceID", &Machine::uniqueDeviceID},
-};
-
-// The machine's own answer to a device-information key, read from files below `root`.
-std::optional<std::string> machineAnswer(std::string_view key, const std::string& root) {
-  const auto* const question = std::ranges::find(questions, key, &Question::key);
-  if (question == std::end(questions)) return std::nullopt;
-  return (Machine(root).*question->answer)();
-}
-
 }  // namespace
 
 SystemDeviceInformation::SystemDeviceInformation(std::string deviceFile, std::string machineRoot)
@@ -176,7 +161,7 @@ std::optional<std::string> SystemDeviceInformation::answer(std::string_view key)
     return answer->empty() ? std::nullopt : std::optional(*answer);
   const auto known = _machineAnswers.find(key);
   if (known != _machineAnswers.end()) return known->second;
-  return _machineAnswers.emplace(key, machineAnswer(key, _machineRoot)).first->second;
+  return _machineAnswers.emplace(key, Machine(_machineRoot).answer(key)).first->second;
 }
 
 Result<DeviceAnswers> readDeviceAnswers(const std::string& path) {

@@ -33,12 +33,6 @@ bool isSecondControl(std::string_view text, std::size_t at) {
          static_cast<unsigned char>(text[at + 1]) < 0xa0;
 }
 
-bool hasControl(std::string_view text) {
-  for (std::size_t i = 0; i < text.size(); ++i)
-    if (isControl(text[i]) || isSecondControl(text, i)) return true;
-  return false;
-}
-
 std::string escapingControls(std::string_view text) {
   std::string escaped;
   escaped.reserve(text.size() + 16);
@@ -74,22 +68,16 @@ class SpdlogSink final : public LogSink {
   }
 
   void write(LogLevel level, std::string_view text) override {
-    if (hasControl(text))
-      send(level, escapingControls(text));
-    else
-      send(level, text);
-  }
-
- private:
-  void send(LogLevel level, std::string_view text) {
+    const std::string line = escapingControls(text);
     try {
       _sink->log(
-          spdlog::details::log_msg(_program, spdlogLevel(level), {text.data(), text.size()}));
+          spdlog::details::log_msg(_program, spdlogLevel(level), {line.data(), line.size()}));
     } catch (const std::exception&) {
       // A full disk behind standard error is no reason to end the process.
     }
   }
 
+ private:
   const std::string _program;
   std::unique_ptr<spdlog::sinks::sink> _sink;
 };
