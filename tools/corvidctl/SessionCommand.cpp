@@ -197,35 +197,32 @@ Dictionary parsed(const std::string& text) {
   return *value.value().dictionary();
 }
 
-Dictionary outcomeOf(Client& client, const LineReader& input) {
+Dictionary outcomeOf(Client& client, const Line& line, std::size_t number) {
   try {
-    if (input.isTooLong()) throw InputError(fmt::format("it is longer than {} bytes", longestLine));
-    return performCall(client, parsed(input.line()));
+    if (line.isTooLong) throw InputError(fmt::format("it is longer than {} bytes", longestLine));
+    return performCall(client, parsed(line.text));
   } catch (const InputError& error) {
-    return {{"error", fmt::format("line {} is passed over: {}", input.number(), error.what())}};
+    return {{"error", fmt::format("line {} is passed over: {}", number, error.what())}};
   } catch (const std::exception& error) {
-    return {{"error", fmt::format("line {} failed: {}", input.number(), error.what())}};
+    return {{"error", fmt::format("line {} failed: {}", number, error.what())}};
   }
 }
 
 }  // namespace
 
-bool LineReader::next() {
+std::optional<Line> readLine(std::istream& input, std::size_t longest) {
   using Traits = std::istream::traits_type;
-  _line.clear();
-  _isTooLong = false;
-  std::streambuf& bytes = *_input.rdbuf();
-  Traits::int_type byte = bytes.sbumpc();
-  if (Traits::eq_int_type(byte, Traits::eof())) return false;
-  ++_number;
-  for (; !Traits::eq_int_type(byte, Traits::eof()); byte = bytes.sbumpc()) {
-    if (Traits::to_char_type(byte) == '\n') break;
-    if (_line.size() < _longest)
-      _line.push_back(Traits::to_char_type(byte));
+  std::streambuf& bytes = *input.rdbuf();
+  if (Traits::eq_int_type(bytes.sgetc(), Traits::eof())) return std::nullopt;
+  Line line{};
+  for (;;) {
+    const Traits::int_type byte = bytes.sbumpc();
+    if (Traits::eq_int_type(byte, Traits::eof()) || byte == '\n') return line;
+    if (line.text.size() < longest)
+      line.text.push_back(Traits::to_char_type(byte));
     else
-      _isTooLong = true;
+      line.isTooLong = true;
   }
-  return true;
 }
 
 int runSessionCommand(const std::string& root, std::istream& input) {
@@ -242,9 +239,12 @@ int runSessionCommand(const std::string& root, std::istream& input) {
   };
   handlers.invalidated = [&] { output.printAndExit({{"event", "invalidated"}}, 1); };
   Client client(root, std::move(handlers));
-  for (LineReader lines(input, longestLine); lines.next();)
-    if (lines.isTooLong() || lines.line().find_first_not_of(" \t\r") != std::string::npos)
-      output.print(outcomeOf(client, lines));
+  std::size_t number = 0;
+  while (const std::optional<Line> line = readLine(input, longestLine)) {
+    ++number;
+    if (line->isTooLong || line->text.find_first_not_of(" \t\r") != std::string::npos)
+      output.print(outcomeOf(client, *line, number));
+  }
   return 0;
 }
 

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <istream>
+#include <optional>
 #include <string>
 
 namespace corvid::ctl {
@@ -13,28 +14,13 @@ namespace corvid::ctl {
 // waiting for input that never comes.
 int runSessionCommand(const std::string& root, std::istream& input);
 
-// Lines of an input, however long they are: keeps at most one line of at most `longest` bytes in
-// memory.
-class LineReader {
- public:
-  // `input` is borrowed.
-  LineReader(std::istream& input, std::size_t longest) : _input(input), _longest(longest) {}
-
-  // Reads the next line, the last one also without its end; false where there is none.
-  bool next();
-
-  // Of the line that was read: its text without the end, its number from 1 on, and whether it is
-  // longer than `longest` and the text only its beginning.
-  const std::string& line() const { return _line; }
-  std::size_t number() const { return _number; }
-  bool isTooLong() const { return _isTooLong; }
-
- private:
-  std::istream& _input;
-  const std::size_t _longest;
-  std::string _line;
-  std::size_t _number = 0;
-  bool _isTooLong = false;
+struct Line {
+  std::string text;  // without its end
+  bool isTooLong;    // the text is only its beginning
 };
+
+// The next line, the last one also without its end; nothing where there is none. Of a line however
+// long at most `longest` bytes are kept.
+std::optional<Line> readLine(std::istream& input, std::size_t longest);
 
 }  // namespace corvid::ctl
