@@ -28,23 +28,21 @@ Lab::Lab(const std::string& root, Options options)
       _storebagFolder(_root.storebagFolder(), _signer, options.maxAge,
                       [this](std::string_view name) {
                         if (name == "dashboardPort") return std::to_string(_dashboard.port());
-                        return localURL("https", *_reportServer, fmt::format("/{}", name));
+                        return localURL("https", _reportServer, fmt::format("/{}", name));
                       }),
       _dashboard([this](const Dictionary& entry) { _received.append(entry); },
-                 options.dashboardPort) {
+                 options.dashboardPort),
+      _reportServer([this](const Request& request) { return report(request); },
+                    {_identity.server(), options.reportPort}),
+      _storebagServer(
+          [this](const Request& request) {
+            return _faults.apply("storebags", _storebagFolder.answer(request));
+          },
+          {_identity.server(), options.storebagPort}),
+      _controlServer([this](const Request& request) { return control(request); },
+                     {std::nullopt, options.controlPort}) {
   _root.writeFiles(_signer.publicKeyDER());
-  _reportServer =
-      std::make_unique<HTTPServer>([this](const Request& request) { return report(request); },
-                                   HTTPServer::Options{_identity.server(), options.reportPort});
-  _storebagServer = std::make_unique<HTTPServer>(
-      [this](const Request& request) {
-        return _faults.apply("storebags", _storebagFolder.answer(request));
-      },
-      HTTPServer::Options{_identity.server(), options.storebagPort});
-  _controlServer =
-      std::make_unique<HTTPServer>([this](const Request& request) { return control(request); },
-                                   HTTPServer::Options{std::nullopt, options.controlPort});
-  _root.writeDeployment(_storebagServer->port(), _identity.caFile());
+  _root.writeDeployment(_storebagServer.port(), _identity.caFile());
 }
 
 Answer Lab::report(const Request& request) {
@@ -77,13 +75,13 @@ Answer Lab::control(const Request& request) {
 
 Dictionary Lab::addresses() const {
   return {{"root", _rootFolder},
-          {"storebags", localURL("https", *_storebagServer, "")},
-          {"events", localURL("https", *_reportServer, "/events")},
-          {"realtime", localURL("https", *_reportServer, "/realtime")},
-          {"logData", localURL("https", *_reportServer, "/logData")},
-          {"upload", localURL("https", *_reportServer, "/upload")},
+          {"storebags", localURL("https", _storebagServer, "")},
+          {"events", localURL("https", _reportServer, "/events")},
+          {"realtime", localURL("https", _reportServer, "/realtime")},
+          {"logData", localURL("https", _reportServer, "/logData")},
+          {"upload", localURL("https", _reportServer, "/upload")},
           {"dashboard", fmt::format("127.0.0.1:{}", _dashboard.port())},
-          {"control", localURL("http", *_controlServer, "/fault")},
+          {"control", localURL("http", _controlServer, "/fault")},
           {"received", _root.receivedFile()}};
 }
 

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <string>
 
 #include "base/Value.h"
@@ -44,8 +43,8 @@ class Lab {
   // "upload":URL,"dashboard":"ADDRESS:PORT","control":URL,"received":FILE}
   Dictionary addresses() const;
   FaultPlan& faults() { return _faults; }
-  HTTPServer& storebags() { return *_storebagServer; }
-  HTTPServer& reports() { return *_reportServer; }
+  HTTPServer& storebags() { return _storebagServer; }
+  HTTPServer& reports() { return _reportServer; }
   DashboardServer& dashboard() { return _dashboard; }
   const LabRoot& root() const { return _root; }
 
@@ -63,9 +62,9 @@ class Lab {
   const StorebagServer _storebagFolder;
   // The servers come last: they stop before what their handlers use.
   DashboardServer _dashboard;
-  std::unique_ptr<HTTPServer> _reportServer;
-  std::unique_ptr<HTTPServer> _storebagServer;
-  std::unique_ptr<HTTPServer> _controlServer;
+  HTTPServer _reportServer;
+  HTTPServer _storebagServer;
+  HTTPServer _controlServer;
 };
 
 }  // namespace corvid::lab

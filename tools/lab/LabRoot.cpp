@@ -72,6 +72,16 @@ Dictionary sampleStorebag(const std::string& name) {
   return storebag;
 }
 
+void write(const std::string& path, std::string_view bytes) {
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  file << bytes << std::flush;
+  if (!file) throw std::runtime_error("cannot write " + path);
+}
+
+void writeIfMissing(const std::string& path, const Dictionary& list) {
+  if (!fs::exists(path)) write(path, writeXMLPropertyList(list));
+}
+
 }  // namespace
 
 LabRoot::LabRoot(std::string root)
@@ -93,42 +103,28 @@ LabRoot::LabRoot(std::string root)
                                  : "cannot lock " + folder + ": " + std::strerror(errno));
 }
 
-void LabRoot::write(const std::string& path, const std::string& bytes) const {
-  std::ofstream file(path, std::ios::binary | std::ios::trunc);
-  file << bytes << std::flush;
-  if (!file) throw std::runtime_error("cannot write " + path);
-}
-
-void LabRoot::writeIfMissing(const std::string& path, const std::string& bytes) const {
-  if (!fs::exists(path)) write(path, bytes);
-}
-
 void LabRoot::writeFiles(const std::string& publicKeyDER) const {
   const Paths paths(_root);
   write(paths.publicKeyFile, publicKeyDER);
-  writeIfMissing(paths.infoFile, writeXMLPropertyList(Value(Dictionary{{"BundleVersion", "8.1"}})));
-  write(paths.sandboxFolder + "/com.halcyon.corvidd.plist", std::string(sandboxProfile));
+  writeIfMissing(paths.infoFile, {{"BundleVersion", "8.1"}});
+  write(paths.sandboxFolder + "/com.halcyon.corvidd.plist", sandboxProfile);
   writeIfMissing(paths.entitlementsFolder + "/lab.plist",
-                 writeXMLPropertyList(Value(Dictionary{
-                     {"match", Dictionary{{"user", fmt::format("{}", getuid())}}},
-                     {"entitlements", Dictionary{{"com.halcyon.private.corvidd", true}}}})));
+                 {{"match", Dictionary{{"user", fmt::format("{}", getuid())}}},
+                  {"entitlements", Dictionary{{"com.halcyon.private.corvidd", true}}}});
   // A virtual machine may not know what it is, and without a product family nothing reports.
   writeIfMissing(
       paths.deviceFile,
-      writeXMLPropertyList(Value(Dictionary{
-          {"DeviceName", "Workbench"}, {"ProductType", "Workbench1,1"}, {"HWModelStr", "W11"}})));
+      {{"DeviceName", "Workbench"}, {"ProductType", "Workbench1,1"}, {"HWModelStr", "W11"}});
   for (const char* name :
        {"lumen", "tessel", "parlor", "orrery", "cadence", "quill", "ledger", "folio", "reel"})
-    writeIfMissing(fmt::format("{}/{}.plist", storebagFolder(), name),
-                   writeXMLPropertyList(Value(sampleStorebag(name))));
+    writeIfMissing(fmt::format("{}/{}.plist", storebagFolder(), name), sampleStorebag(name));
 }
 
 void LabRoot::writeDeployment(std::uint16_t storebagPort, const std::string& caFile) const {
   const std::string host = fmt::format("localhost:{}", storebagPort);
-  write(
-      Paths(_root).deploymentFile,
-      writeXMLPropertyList(Value(Dictionary{
-          {"ProductionStorebagHost", host}, {"InternalStorebagHost", host}, {"CAFile", caFile}})));
+  const Dictionary deployment{
+      {"ProductionStorebagHost", host}, {"InternalStorebagHost", host}, {"CAFile", caFile}};
+  write(Paths(_root).deploymentFile, writeXMLPropertyList(deployment));
 }
 
 }  // namespace corvid::lab

@@ -30,9 +30,6 @@ class LabRoot {
   void writeDeployment(std::uint16_t storebagPort, const std::string& caFile) const;
 
  private:
-  void write(const std::string& path, const std::string& bytes) const;
-  void writeIfMissing(const std::string& path, const std::string& bytes) const;
-
   const std::string _root;
   Descriptor _lock;
 };
