@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "backends/dashboard/PacketReader.h"
+#include "backends/dashboard/TagReportingPacket.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string datagram(reinterpret_cast<const char*>(data), size);

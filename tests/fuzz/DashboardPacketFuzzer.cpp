@@ -6,10 +6,11 @@
 #include <string>
 #include <string_view>
 
-#include "backends/dashboard/PacketReader.h"
+#include "tools/lab/PacketReader.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace corvid;
+  using namespace corvid::lab;
   const std::string datagram(reinterpret_cast<const char*>(data), size);
   const auto packet = readPacket(datagram);
   if (!packet) return 0;

@@ -12,28 +12,17 @@
 #include <stdexcept>
 #include <utility>
 
-#include "backends/dashboard/PacketReader.h"
 #include "base/Reading.h"
 #include "base/Text.h"
 #include "base/Thread.h"
 #include "tools/Arguments.h"
+#include "tools/lab/PacketReader.h"
 
 namespace corvid::lab {
 
 namespace {
 
 constexpr std::size_t largestDatagram = 2048;
-
-std::uint64_t peerOf(const sockaddr_in& address) {
-  return std::uint64_t{ntohl(address.sin_addr.s_addr)} << 16 | ntohs(address.sin_port);
-}
-sockaddr_in addressOf(std::uint64_t peer) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<std::uint16_t>(peer));
-  address.sin_addr.s_addr = htonl(static_cast<std::uint32_t>(peer >> 16));
-  return address;
-}
 
 Dictionary readablePairs(std::string_view payload) {
   Dictionary pairs;
@@ -63,7 +52,10 @@ Dictionary described(const ReadPacket& packet) {
 DashboardServer::DashboardServer(Receive receive, std::uint16_t port)
     : _receive(std::move(receive)),
       _socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
-  sockaddr_in address = addressOf(std::uint64_t{INADDR_LOOPBACK} << 16 | port);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = htons(port);
   socklen_t size = sizeof address;
   auto* const generic = reinterpret_cast<sockaddr*>(&address);
   if (!_socket || ::bind(_socket.get(), generic, size) != 0 ||
@@ -122,13 +114,13 @@ void DashboardServer::serve() {
 
 void DashboardServer::receiveOne() {
   std::string datagram(largestDatagram, '\0');
-  sockaddr_in address{};
-  socklen_t length = sizeof address;
+  sockaddr_in peer{};
+  socklen_t length = sizeof peer;
   const ssize_t size = ::recvfrom(_socket.get(), datagram.data(), datagram.size(), 0,
-                                  reinterpret_cast<sockaddr*>(&address), &length);
+                                  reinterpret_cast<sockaddr*>(&peer), &length);
   if (size < 0) return;
   datagram.resize(static_cast<std::size_t>(size));
-  if (schedule(false, datagram, peerOf(address))) return;
+  if (schedule(false, datagram, peer)) return;
   LossObserver observer;
   {
     const MutexLock lock(_mutex);
@@ -137,7 +129,8 @@ void DashboardServer::receiveOne() {
   if (observer) observer(datagram);
 }
 
-bool DashboardServer::schedule(bool isAcknowledgement, std::string datagram, std::uint64_t peer) {
+bool DashboardServer::schedule(bool isAcknowledgement, std::string datagram,
+                               const sockaddr_in& peer) {
   const Clock::time_point now = Clock::now();
   const MutexLock lock(_mutex);
   FaultyWire& wire = isAcknowledgement ? _acknowledgements : _packets;
@@ -157,13 +150,12 @@ void DashboardServer::deliverDue() {
       accept(passage.datagram, passage.peer);
       continue;
     }
-    const sockaddr_in address = addressOf(passage.peer);
     ::sendto(_socket.get(), passage.datagram.data(), passage.datagram.size(), 0,
-             reinterpret_cast<const sockaddr*>(&address), sizeof address);
+             reinterpret_cast<const sockaddr*>(&passage.peer), sizeof passage.peer);
   }
 }
 
-void DashboardServer::accept(const std::string& datagram, std::uint64_t peer) {
+void DashboardServer::accept(const std::string& datagram, const sockaddr_in& peer) {
   Dictionary entry{{"server", "dashboard"}, {"bytes", datagram.size()}};
   const Result<ReadPacket> packet = readPacket(datagram);
   if (packet) {

@@ -61,9 +61,10 @@ class DashboardServer {
   void serve();
   void receiveOne() EXCLUDES(_mutex);
   // False where nothing comes out of the wire now.
-  bool schedule(bool isAcknowledgement, std::string datagram, std::uint64_t peer) EXCLUDES(_mutex);
+  bool schedule(bool isAcknowledgement, std::string datagram, const sockaddr_in& peer)
+      EXCLUDES(_mutex);
   void deliverDue();
-  void accept(const std::string& datagram, std::uint64_t peer);
+  void accept(const std::string& datagram, const sockaddr_in& peer);
   int millisecondsToNext() const;
 
   const Receive _receive;

@@ -40,7 +40,7 @@ bool FaultyWire::happens(double probability) {
   return std::uniform_real_distribution<>(0, 1)(_random) < probability;
 }
 
-std::vector<FaultyWire::Passage> FaultyWire::pass(std::string datagram, std::uint64_t peer) {
+std::vector<FaultyWire::Passage> FaultyWire::pass(std::string datagram, const sockaddr_in& peer) {
   // All are drawn, so that one fault does not change which others befall the next datagram.
   const bool isDropped = happens(_faults.drop);
   const bool isDoubled = happens(_faults.duplicate);

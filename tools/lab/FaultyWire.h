@@ -1,6 +1,8 @@
 // Datagrams on a wire that loses, doubles, damages, delays and reorders them.
 #pragma once
 
+#include <netinet/in.h>
+
 #include <chrono>
 #include <cstdint>
 #include <optional>
@@ -33,7 +35,7 @@ class FaultyWire {
  public:
   struct Passage {
     std::string datagram;
-    std::uint64_t peer;  // whoever's it is
+    sockaddr_in peer;  // whoever's it is
     std::chrono::milliseconds delay{0};
   };
 
@@ -41,7 +43,7 @@ class FaultyWire {
       : _faults(faults), _random(seed) {}
 
   // What comes out when this goes in: none, one or more, in this order.
-  std::vector<Passage> pass(std::string datagram, std::uint64_t peer);
+  std::vector<Passage> pass(std::string datagram, const sockaddr_in& peer);
 
  private:
   bool happens(double probability);

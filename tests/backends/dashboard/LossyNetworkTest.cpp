@@ -10,7 +10,7 @@
 #include <optional>
 
 #include "backends/dashboard/DashboardBackend.h"
-#include "backends/dashboard/PacketReader.h"
+#include "backends/dashboard/TagReportingPacket.h"
 #include "base/Reading.h"
 #include "platform/network/SystemNetwork.h"
 #include "platform/system/SystemClock.h"

@@ -181,5 +181,22 @@ TEST(TagReportingPacketTest, SanitizesInOrder) {
   EXPECT_EQ(sanitize("a\0b"s), "a\0b"s);
 }
 
+TEST(TagReportingPacketTest, AnAcknowledgementIsTheEventNumberAtItsPlace) {
+  TagReportingPacketHeader header;
+  header.eventID = 0x8001;
+  const Dictionary payload{{"k", "v"}};
+  const std::string packet(TagReportingPacket(header, &payload).datagram());
+  EXPECT_EQ(acknowledgedEvent(packet), 0x8001);
+  EXPECT_EQ(acknowledgedEvent(packet.substr(0, 64)), 0x8001);
+  EXPECT_EQ(acknowledgedEvent(packet.substr(0, 62)), 0x8001);
+  EXPECT_EQ(acknowledgedEvent(std::string(60, 'x') + "\x01\x02"), 0x0102);
+}
+
+TEST(TagReportingPacketTest, AnAcknowledgementThatIsTooShortIsNone) {
+  const std::string packet(TagReportingPacket({}, nullptr).datagram());
+  EXPECT_EQ(acknowledgedEvent(packet.substr(0, 61)), std::nullopt);
+  EXPECT_EQ(acknowledgedEvent(""), std::nullopt);
+}
+
 }  // namespace
 }  // namespace corvid

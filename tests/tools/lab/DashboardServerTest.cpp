@@ -149,7 +149,7 @@ TEST_F(DashboardServerTest, APortInUseIsAnError) {
 
 std::vector<std::string> passed(FaultyWire& wire, const std::string& datagram) {
   std::vector<std::string> out;
-  for (const auto& passage : wire.pass(datagram, 1)) out.push_back(passage.datagram);
+  for (const auto& passage : wire.pass(datagram, {})) out.push_back(passage.datagram);
   return out;
 }
 using Out = std::vector<std::string>;
@@ -168,7 +168,7 @@ TEST(FaultyWireTest, EachFaultDoesWhatItSays) {
   FaultyWire damaging({.corrupt = 1});
   EXPECT_EQ(passed(damaging, "a"), Out{"q"});
   FaultyWire late({.late = 1, .delay = 5ms});
-  EXPECT_EQ(late.pass("a", 1)[0].delay, 5ms);
+  EXPECT_EQ(late.pass("a", {})[0].delay, 5ms);
 }
 
 TEST(FaultyWireTest, AHeldBackDatagramComesAfterTheNext) {

@@ -7,7 +7,7 @@
 #include "base/Result.h"
 #include "base/Value.h"
 
-namespace corvid {
+namespace corvid::lab {
 
 struct ReadPacket {
   TagReportingPacketHeader header;
@@ -21,4 +21,4 @@ Result<ReadPacket> readPacket(std::string_view datagram);
 // values, so a key is taken to have none and no "=" either; a pair that was cut keeps what is left.
 Dictionary pairsOfPayload(std::string_view payload);
 
-}  // namespace corvid
+}  // namespace corvid::lab

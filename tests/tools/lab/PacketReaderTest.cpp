@@ -2,9 +2,9 @@
 
 #include <string>
 
-#include "backends/dashboard/PacketReader.h"
+#include "tools/lab/PacketReader.h"
 
-namespace corvid {
+namespace corvid::lab {
 namespace {
 
 std::string datagramOf(const TagReportingPacketHeader& header, const Dictionary& payload = {}) {
@@ -77,19 +77,5 @@ TEST(PacketReaderTest, TakesWhatIsLeftOfACutPair) {
   EXPECT_EQ(pairsOfPayload(" a=1 b"), (Dictionary{{"a", "1 b"}})) << "as a value with a blank";
 }
 
-TEST(PacketReaderTest, AnAcknowledgementIsTheEventNumberAtItsPlace) {
-  const std::string packet = datagramOf(someHeader(), {{"k", "v"}});
-  EXPECT_EQ(acknowledgedEvent(packet), 0x8001);
-  EXPECT_EQ(acknowledgedEvent(packet.substr(0, 64)), 0x8001);
-  EXPECT_EQ(acknowledgedEvent(packet.substr(0, 62)), 0x8001);
-  EXPECT_EQ(acknowledgedEvent(std::string(60, 'x') + "\x01\x02"), 0x0102);
-}
-
-TEST(PacketReaderTest, AnAcknowledgementThatIsTooShortIsNone) {
-  const std::string packet = datagramOf(someHeader());
-  EXPECT_EQ(acknowledgedEvent(packet.substr(0, 61)), std::nullopt);
-  EXPECT_EQ(acknowledgedEvent(""), std::nullopt);
-}
-
 }  // namespace
-}  // namespace corvid
+}  // namespace corvid::lab

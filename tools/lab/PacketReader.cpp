@@ -1,11 +1,11 @@
-#include "backends/dashboard/PacketReader.h"
+#include "tools/lab/PacketReader.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <string>
 
-namespace corvid {
+namespace corvid::lab {
 
 namespace {
 
@@ -75,4 +75,4 @@ Dictionary pairsOfPayload(std::string_view payload) {
   }
 }
 
-}  // namespace corvid
+}  // namespace corvid::lab
