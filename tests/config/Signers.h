@@ -4,17 +4,18 @@
 #include <string>
 
 #include "platform/data/PropertyList.h"
+#include "tests/support/SigningKeys.h"
 #include "tools/lab/StorebagSigner.h"
 
 namespace corvid {
 
-// One for the whole test program; and one whose key nobody trusts.
+// One; and one whose key nobody trusts.
 inline const lab::StorebagSigner& trustedSigner() {
-  static const lab::StorebagSigner signer;
+  static const lab::StorebagSigner signer(signingKeyFile("trusted"));
   return signer;
 }
 inline const lab::StorebagSigner& strangeSigner() {
-  static const lab::StorebagSigner signer;
+  static const lab::StorebagSigner signer(signingKeyFile("strange"));
   return signer;
 }
 

@@ -11,7 +11,7 @@
 #include "base/Value.h"
 #include "tests/e2e/DaemonProcess.h"
 #include "tests/e2e/TestClient.h"
-#include "tests/support/Scratch.h"
+#include "tests/support/SigningKeys.h"
 #include "tools/lab/Lab.h"
 
 namespace corvid {
@@ -49,7 +49,7 @@ class LabFixture : public testing::Test {
   void admitBystander();
   bool bystanderReports();
 
-  ScratchRoot _root;
+  ScratchLab _root;
   lab::Lab _lab;
   std::optional<DaemonProcess> _daemon;
 

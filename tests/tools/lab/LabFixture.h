@@ -9,7 +9,7 @@
 
 #include "base/Reading.h"
 #include "platform/data/JSON.h"
-#include "tests/support/Scratch.h"
+#include "tests/support/SigningKeys.h"
 #include "tests/tools/lab/Peer.h"
 #include "tools/lab/Lab.h"
 
@@ -34,7 +34,7 @@ class LabFixture : public testing::Test {
     return entries;
   }
 
-  ScratchRoot root;
+  ScratchLab root;
   Lab lab{root.path()};
   Peer peer{root.path("lab/tls/ca.pem")};
 };
