@@ -82,13 +82,18 @@ TEST_F(PostThreadsTest, ExchangesThatEndedMakeRoomWithoutWaiting) {
 }
 
 TEST_F(PostThreadsTest, WithoutAGateOfItsClientEachBackendHasItsOwn) {
-  // One post fills a gate by itself.
-  const Dictionary payload{{"text", randomText(ExchangeGate::clientByteLimit * 3 / 2)}};
-  const auto first = makeFor(openEntryWith("override_dnu", 1));  // makes no log text
-  const auto second = makeFor(openEntryWith("override_dnu", 1));
-  send(*first, payload, 1);
-  send(*second, payload, 1);
+  sessionInfo.set("BatchEvent", true);
+  const auto first = makeFor(openEntry());
+  const auto second = makeFor(openEntry());
+  // The text that is kept for the client of the flush fills a gate by itself.
+  send(*first, {{"text", std::string(ExchangeGate::clientByteLimit, 'x')}});
+  first->flushMessagesWithCompletion([](auto, auto) {});
+  send(*second, {{"x", 1}});
+  auto next = std::async(std::launch::async, [&] { second->flushMessagesWithCompletion(nullptr); });
+  EXPECT_EQ(next.wait_for(patience), std::future_status::ready);
   EXPECT_EQ(requests().size(), 2u);
+  while (platform.http->exchangesUnderWay() > 0)
+    platform.http->completeNext(FakeHTTPClient::response(200));
 }
 
 TEST_F(PostThreadsTest, BackendsThatShareAGateWaitForEachOther) {
