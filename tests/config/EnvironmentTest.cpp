@@ -333,6 +333,10 @@ TEST_F(EnvironmentFetch, AStorebagWithoutVersionIsOneErrorLineAndASectionWithout
 TEST_F(EnvironmentFetch, AStorebagWithoutSectionNorVersionIsOnlyTold) {
   serve({});
   EXPECT_FALSE(fetch());
+  EXPECT_FALSE(fetched.version);
+  EXPECT_TRUE(
+      errorIs("fetchStorebagForEnvironmentAndClientType: Could not find storebag for client type 5 "
+              "with release environment"));
 }
 
 TEST_F(EnvironmentFetch, TheRefreshCycleOverridesMaxAge) {

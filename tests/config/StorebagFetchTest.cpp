@@ -167,8 +167,10 @@ TEST_F(StorebagFetch, ATransportErrorGivesParlorItsFallback) {
 }
 
 TEST_F(StorebagFetch, OnlyATransportErrorBringsTheFallback) {
-  answer(500, "");
-  EXPECT_FALSE(fetch("parlor"));
+  for (const int status : {200, 304, 404, 500}) {
+    answer(status, "");
+    EXPECT_FALSE(fetch("parlor")) << status;
+  }
   EXPECT_FALSE(platform.log.anyContains("Loading default storebag"));
 }
 
@@ -257,8 +259,10 @@ TEST_F(StorebagFetch, ALaterFailureKeepsTheNewLastModified) {
 }
 
 TEST_F(StorebagFetch, TheStatusCodeIsNotExamined) {
-  answer(503, enveloped(trustedSigner(), storebag));
-  EXPECT_EQ(fetch(), storebag);
+  for (const int status : {0, 204, 206, 301, 304, 400, 401, 404, 500, 503, 999}) {
+    answer(status, enveloped(trustedSigner(), storebag));
+    EXPECT_EQ(fetch(), storebag) << status;
+  }
 }
 
 TEST_F(StorebagFetch, AForgedStorebagIsRefused) {

@@ -232,7 +232,7 @@ TEST_F(Hierarchy, AMissingParentIsLogged) {
 }
 
 TEST_F(Hierarchy, ANegativeLevelHasNoParent) {
-  join(1, -2);
+  join(1, -2, true);
   CorviddSession& session = join(2, -1);
   EXPECT_EQ(parentOf(session), nullptr);
   EXPECT_EQ(agent->parentSessionIDStringForSession(session), std::nullopt);
@@ -280,6 +280,9 @@ TEST_F(Hierarchy, OnlyTheFirstSessionOfALevelIsAskedForAnAggregator) {
 TEST_F(Hierarchy, ASessionIsNotItsOwnAncestor) {
   CorviddSession& top = join(1, 0, true);
   EXPECT_EQ(aggregatorOf(top), nullptr);
+  CorviddSession& orphan = join(2, 1, true, "Recorder");
+  EXPECT_EQ(aggregatorOf(orphan), nullptr);
+  EXPECT_TRUE(orphan.hasAggregator()) << "nobody took it from it";
 }
 
 TEST_F(Hierarchy, AGapDoesNotHideAnAncestorThatAggregates) {
@@ -362,8 +365,9 @@ TEST_F(Downstream, ATopThatAggregatesEndsTheAggregationOfAChildThatCameFirst) {
 }
 
 TEST_F(Downstream, AChildUnderATopThatAggregatesLosesItsAggregation) {
-  join(1, 0, true);
-  CorviddSession& child = join(2, 1, true);
+  const CorviddSession& top = join(1, 0, true);
+  const CorviddSession& child = join(2, 1, true);
+  EXPECT_TRUE(top.hasAggregator());
   EXPECT_FALSE(child.hasAggregator());
 }
 

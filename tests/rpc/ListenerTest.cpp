@@ -39,6 +39,7 @@ TEST_F(Listener, MakesAFolderAndASocketForEverybody) {
 
 TEST_F(Listener, RemovesItsSocketAtTheEnd) {
   start();
+  EXPECT_TRUE(std::filesystem::exists(path));
   stop();
   EXPECT_FALSE(std::filesystem::exists(path));
 }

@@ -48,7 +48,10 @@ TEST(JSONValues, RefusesDatesThatAreNoNumbers) {
   EXPECT_EQ(refusalOf(R"({"a":{"$date":true}})").substr(0, 40),
             R"("$date" takes a number of seconds, not )"
             "1");
-  EXPECT_NE(refusalOf(R"({"$date":null})"), "none");
+  for (const char* content : {"null", "[5]", "{}", R"({"$date":5})"})
+    EXPECT_TRUE(refusalOf(R"({"$date":)" + std::string(content) + "}")
+                    .starts_with(R"("$date" takes a number of seconds, not )"))
+        << content;
 }
 
 TEST(JSONValues, RefusesDataThatIsNoBase64) {
@@ -56,6 +59,10 @@ TEST(JSONValues, RefusesDataThatIsNoBase64) {
   EXPECT_EQ(refusalOf(R"({"$data":"AP8=!"})"), R"("$data" takes Base64, not AP8=!)");
   EXPECT_EQ(refusalOf(R"({"$data":"AP9="})"), R"("$data" takes Base64, not AP9=)");
   EXPECT_EQ(refusalOf(R"({"$data":5})"), R"("$data" takes Base64, not 5)");
+  for (const char* content : {"null", "true", R"(["AA=="])", R"({"$data":"AA=="})"})
+    EXPECT_TRUE(refusalOf(R"({"$data":)" + std::string(content) + "}")
+                    .starts_with(R"("$data" takes Base64, not )"))
+        << content;
 }
 
 TEST(JSONValues, WritesDatesAndDataAsTheyAreRead) {

@@ -86,7 +86,9 @@ TEST(HeldRecords, RewritesAKeyOfEveryRecord) {
   add(held, recordOf(1));
   add(held, {{"n", 2}, {"_sessionID", "old"}});
   held.setForAll("_sessionID", "new");
-  for (const Dictionary& record : held.take()) EXPECT_EQ(*stringAt(record, "_sessionID"), "new");
+  const auto records = held.take();
+  EXPECT_EQ(records.size(), 2u);
+  for (const Dictionary& record : records) EXPECT_EQ(*stringAt(record, "_sessionID"), "new");
 }
 
 TEST(HeldRecords, MakesRoomForWhatEachIsAboutToGetByDroppingTheOldest) {

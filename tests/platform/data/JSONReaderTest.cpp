@@ -80,6 +80,7 @@ TEST(JSONReader, EscapesBecomeTheirCharacters) {
   EXPECT_EQ(read(R"("\"\\\/\b\f\n\r\t\u00e9\ud83d\ude00")"),
             Value("\"\\/\b\f\n\r\t\u00e9\U0001F600"));
   EXPECT_EQ(read(R"("a\u0000b")"), Value(std::string("a\0b", 3)));
+  EXPECT_EQ(read(R"({"a\u0000\n":1})"), Value(Dictionary{{std::string("a\0\n", 3), 1}}));
 }
 
 TEST(JSONReader, SurrogatesWithoutTheirOtherHalfAreRefused) {

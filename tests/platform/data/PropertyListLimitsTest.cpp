@@ -2,6 +2,7 @@
 
 #include "platform/data/PropertyList.h"
 #include "tests/platform/data/BinaryListBuilder.h"
+#include "tests/platform/data/BothForms.h"
 
 namespace corvid {
 namespace {
@@ -19,10 +20,6 @@ Value nested(std::size_t levels) {
   for (std::size_t level = 1; level < levels; ++level)
     value = level % 2 ? Value(Array{std::move(value)}) : Value(Dictionary{{"k", std::move(value)}});
   return value;
-}
-
-std::vector<std::string> bothForms(const Value& value) {
-  return {writeXMLPropertyList(value), writeBinaryPropertyList(value)};
 }
 
 // An array of `count` references to the object `number`.

@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "platform/data/PropertyList.h"
+#include "tests/platform/data/BothForms.h"
 #include "tests/support/Scratch.h"
 
 namespace corvid {
@@ -45,20 +46,16 @@ Value read(const std::string& bytes) {
 }
 
 TEST(PropertyList, EveryTypeComesBackFromBothForms) {
-  EXPECT_EQ(read(writeXMLPropertyList(everyType())), Value(everyType()));
-  EXPECT_EQ(read(writeBinaryPropertyList(everyType())), Value(everyType()));
+  for (const std::string& list : bothForms(everyType())) EXPECT_EQ(read(list), Value(everyType()));
 }
 
 TEST(PropertyList, EveryTypeMayBeTheRoot) {
-  for (const auto& [key, value] : everyType()) {
-    EXPECT_EQ(read(writeXMLPropertyList(value)), value) << key;
-    EXPECT_EQ(read(writeBinaryPropertyList(value)), value) << key;
-  }
+  for (const auto& [key, value] : everyType())
+    for (const std::string& list : bothForms(value)) EXPECT_EQ(read(list), value) << key;
 }
 
 TEST(PropertyList, EntriesKeepTheirOrder) {
-  for (const std::string& list :
-       {writeXMLPropertyList(everyType()), writeBinaryPropertyList(everyType())}) {
+  for (const std::string& list : bothForms(everyType())) {
     const Value value = read(list);
     const Dictionary expected = everyType();
     EXPECT_TRUE(std::equal(expected.begin(), expected.end(), value.dictionary()->begin(),
@@ -78,8 +75,7 @@ TEST(PropertyList, TheBinaryFormKeepsWhatXMLCannot) {
 TEST(PropertyList, NullIsLeftOut) {
   const Value value = Array{Value(), 1, Dictionary{{"a", Value()}, {"b", 2}}};
   const Value expected = Array{1, Dictionary{{"b", 2}}};
-  EXPECT_EQ(read(writeXMLPropertyList(value)), expected);
-  EXPECT_EQ(read(writeBinaryPropertyList(value)), expected);
+  for (const std::string& list : bothForms(value)) EXPECT_EQ(read(list), expected);
   EXPECT_FALSE(parsePropertyList(writeXMLPropertyList(Value())));
   EXPECT_FALSE(parsePropertyList(writeBinaryPropertyList(Value())));
 }
@@ -87,8 +83,7 @@ TEST(PropertyList, NullIsLeftOut) {
 TEST(PropertyList, BytesThatAreNotUTF8AreReplaced) {
   const Value value = Dictionary{{"k\xff", "a\xc0z"}};
   const Value expected = Dictionary{{"k\ufffd", "a\ufffdz"}};
-  EXPECT_EQ(read(writeXMLPropertyList(value)), expected);
-  EXPECT_EQ(read(writeBinaryPropertyList(value)), expected);
+  for (const std::string& list : bothForms(value)) EXPECT_EQ(read(list), expected);
 }
 
 TEST(PropertyList, EqualStringsAreWrittenOnceInTheBinaryForm) {
@@ -128,8 +123,7 @@ std::string writtenByLibrary(const Node& node, bool binary) {
 }
 
 TEST(PropertyList, AnotherImplementationReadsBothFormsAndWritesThemBack) {
-  for (const std::string& list :
-       {writeXMLPropertyList(everyType()), writeBinaryPropertyList(everyType())}) {
+  for (const std::string& list : bothForms(everyType())) {
     const Node node = readByLibrary(list);
     ASSERT_NE(node, nullptr);
     EXPECT_EQ(plist_dict_get_size(node.get()), everyType().size());

@@ -94,7 +94,9 @@ TEST(SystemLog, OnTheSystemLogWritesTheTextAloneAtItsLevel) {
 
 TEST(SystemLog, OnTheSystemLogIsClosedWithTheSink) {
   calls = {};
-  openSystemLog("corvidd", LogDestination::syslog).reset();
+  auto sink = openSystemLog("corvidd", LogDestination::syslog);
+  EXPECT_TRUE(calls.isOpen);
+  sink.reset();
   EXPECT_FALSE(calls.isOpen);
 }
 

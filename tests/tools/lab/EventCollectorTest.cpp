@@ -1,5 +1,8 @@
 // Posts as the lab receives and writes them down, over TLS; and the text made of them for people.
+#include <map>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "platform/Compressor.h"
 #include "tests/support/Scratch.h"
@@ -110,17 +113,27 @@ TEST_F(EventCollectorTest, WhatJSONCannotHoldIsSaidInItsPlace) {
   EXPECT_EQ(*stringAt(entry(), "error"), "received something that JSON cannot hold");
 }
 
+// From threads as the server's connections have them, and with nothing else to do: so they meet.
 TEST_F(EventCollectorTest, PostsThatComeAtOnceAreWrittenDownWhole) {
-  std::vector<std::thread> peers;
-  for (int i = 0; i < 8; ++i)
-    peers.emplace_back([this] {
-      Peer one(root.path("lab/tls/ca.pem"));
-      const std::string body = "{\"long\":\"" + std::string(30'000, 'x') + "\"}";
-      for (int round = 0; round < 5; ++round)
-        EXPECT_EQ(one.post(address("events"), body).status, 200);
+  ReceivedLog log(root.path("lab/received.jsonl"));
+  const Collectors collectors(log);
+  constexpr int rounds = 100;
+  std::map<std::string, int> expected;
+  std::vector<std::thread> connections;
+  for (const char letter : std::string("abcdefgh")) {
+    const std::string text(30'000, letter);
+    expected[text] = rounds;
+    connections.emplace_back([&collectors, body = "{\"long\":\"" + text + "\"}"] {
+      for (int round = 0; round < rounds; ++round)
+        EXPECT_EQ(collectors.events("events", {.method = "POST", .body = body}).status, 200);
     });
-  for (auto& thread : peers) thread.join();
-  EXPECT_EQ(received().size(), 40u);
+  }
+  for (auto& thread : connections) thread.join();
+  std::map<std::string, int> written;
+  for (const Dictionary& each : received())
+    if (const Dictionary* message = dictionaryAt(each, "message"))
+      ++written[*stringAt(*message, "long")];
+  EXPECT_TRUE(written == expected);
 }
 
 TEST(ReceivedLogTest, AFileThatCannotBeWrittenIsAnError) {

@@ -83,7 +83,14 @@ TEST_P(HTTPServerTest, CountsAnswersThatHaveLeft) {
 }
 
 TEST_P(HTTPServerTest, ServesManyConnectionsAtOnce) {
-  serve([](const Request& request) { return Answer{.body = request.body}; });
+  // The first requests are answered when all have come.
+  Notice notice;
+  int come = 0;
+  serve([&](const Request& request) {
+    notice.change([&] { ++come; });
+    EXPECT_TRUE(notice.await([&] { return come >= 16; }));
+    return Answer{.body = request.body};
+  });
   std::vector<std::thread> peers;
   for (int i = 0; i < 16; ++i)
     peers.emplace_back([&, i] {

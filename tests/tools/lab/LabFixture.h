@@ -28,8 +28,9 @@ class LabFixture : public testing::Test {
     std::ifstream file(root.path("lab/received.jsonl"));
     for (std::string line; std::getline(file, line);) {
       const Result<Value> entry = parseJSON(line);
-      EXPECT_TRUE(entry && entry.value().dictionary()) << line;
-      entries.push_back(*entry.value().dictionary());
+      const Dictionary* object = entry ? entry.value().dictionary() : nullptr;
+      EXPECT_TRUE(object) << line.substr(0, 1000);
+      if (object) entries.push_back(*object);
     }
     return entries;
   }

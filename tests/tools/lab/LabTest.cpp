@@ -99,6 +99,8 @@ TEST(LabAgain, KeepsWhatAPersonMayHaveEditedAndItsKeys) {
   { const Lab first(root.path()); }
   const std::string key = contentOf(paths.publicKeyFile);
   const std::string authority = contentOf(root.path("lab/tls/ca.pem"));
+  EXPECT_NE(key, "");
+  EXPECT_NE(authority, "");
   for (const std::string& file : kept) std::ofstream(file) << "edited";
   root.write("lab/received.jsonl", "{\"before\":1}\n");
   std::ofstream(paths.deploymentFile) << "of another port";

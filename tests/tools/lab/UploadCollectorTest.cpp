@@ -41,6 +41,7 @@ TEST_F(UploadCollectorTest, WritesDownQueryAndFileAndConfirms) {
 TEST_F(UploadCollectorTest, ShowsNoContentThatIsLargeOrNoText) {
   EXPECT_EQ(post("", std::string(Collectors::shownBytes + 1, 'x')).status, 200);
   EXPECT_EQ(post("", "\xff\xfe").status, 200);
+  ASSERT_EQ(received().size(), 2u);
   for (const Dictionary& entry : received()) {
     EXPECT_FALSE(dictionaryAt(entry, "file")->contains("content"));
     EXPECT_EQ(*dictionaryAt(entry, "query"), Dictionary());
