@@ -22,7 +22,7 @@ class ClientUploads : public SessionFixture {
     delegate->onSession = [this](RecordingSession& recording, auto&) {
       recording.onUpload = [this](const std::string& token) {
         if (meanwhile) meanwhile();
-        const auto handle = tokens->consume(token);
+        const auto handle = tokens.consume(token);
         wasFile = handle.attributes().isRegularFile;
         content = handle.read(handle.attributes().size);
         if (removes) handle.remove();

@@ -199,7 +199,7 @@ class Upload : public Send {
   // A daemon whose server confirms what it gets.
   void serveUploads() {
     serveStates(Array{"uploadServer"}, [this](RecordingSession& session) {
-      session.onUpload = [this](const std::string& token) { tokens->consume(token).remove(); };
+      session.onUpload = [this](const std::string& token) { tokens.consume(token).remove(); };
     });
   }
   std::string file(const std::string& name) {
