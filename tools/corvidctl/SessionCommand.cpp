@@ -26,12 +26,9 @@ namespace {
 // plain text it takes a third of this.
 constexpr std::size_t longestLine = std::size_t{64} << 20;
 
-Value orNull(const std::optional<Dictionary>& dictionary) {
-  return dictionary ? tools::jsonFromValue(*dictionary) : Value();
-}
-Value orNull(const std::optional<std::string>& text) { return text ? Value(*text) : Value(); }
-Value orNull(const std::optional<Array>& array) {
-  return array ? tools::jsonFromValue(*array) : Value();
+template <class Content>
+Value orNull(const std::optional<Content>& content) {
+  return content ? tools::jsonFromValue(*content) : Value();
 }
 Value orNull(const std::optional<client::Error>& error) {
   if (!error) return {};

@@ -40,8 +40,7 @@ std::pair<Descriptor, std::uint16_t> listenOnLoopback(std::uint16_t port) {
 }  // namespace
 
 HTTPServer::HTTPServer(Handler handler, Options options)
-    : _handler(std::move(handler)),
-      _tls(options.tls ? std::make_unique<const ServerTLS>(*options.tls) : nullptr) {
+    : _handler(std::move(handler)), _tls(options.tls ? serverTLS(*options.tls) : nullptr) {
   std::tie(_listener, _port) = listenOnLoopback(options.port);
   // The threads of its connections block signals as it does: a write to a peer that has left then
   // reports an error.

@@ -15,10 +15,11 @@
 #include "tools/lab/HTTPExchange.h"
 #include "tools/lab/TLSIdentity.h"
 
+struct ssl_ctx_st;  // OpenSSL's
+
 namespace corvid::lab {
 
 class HTTPServerConnection;
-class ServerTLS;
 
 // What becomes of a connection before its first request.
 enum class ConnectionFault {
@@ -72,7 +73,7 @@ class HTTPServer {
   void add(Descriptor socket) EXCLUDES(_mutex);
 
   const Handler _handler;
-  const std::unique_ptr<const ServerTLS> _tls;  // none: plain
+  const std::shared_ptr<ssl_ctx_st> _tls;  // none: plain
   Descriptor _listener;
   std::uint16_t _port = 0;
 

@@ -21,7 +21,7 @@ class HTTPServerConnection {
  public:
   struct Surroundings {
     const Handler& handler;
-    const ServerTLS* tls;  // none: plain
+    SSL_CTX* tls;  // none: plain
     ConnectionFault fault;
     std::size_t number;
     std::atomic<std::size_t>& requests;  // counted here

@@ -9,19 +9,18 @@
 
 namespace corvid::lab {
 
-ServerTLS::ServerTLS(const TLSCertificate& certificate)
-    : _context(SSL_CTX_new(TLS_server_method())) {
-  if (!_context ||
-      SSL_CTX_use_certificate_chain_file(_context.get(), certificate.certificateFile.c_str()) !=
-          1 ||
-      SSL_CTX_use_PrivateKey_file(_context.get(), certificate.keyFile.c_str(), SSL_FILETYPE_PEM) !=
-          1)
-    throw std::runtime_error("cannot use the certificate " + certificate.certificateFile);
-  SSL_CTX_set_mode(_context.get(), SSL_MODE_AUTO_RETRY);
+std::shared_ptr<SSL_CTX> serverTLS(const TLSCertificate& certificate) {
+  std::shared_ptr<SSL_CTX> tls(SSL_CTX_new(TLS_server_method()), SSL_CTX_free);
+  const auto& [chain, key] = certificate;
+  if (!tls || SSL_CTX_use_certificate_chain_file(tls.get(), chain.c_str()) != 1 ||
+      SSL_CTX_use_PrivateKey_file(tls.get(), key.c_str(), SSL_FILETYPE_PEM) != 1)
+    throw std::runtime_error("cannot use the certificate " + chain);
+  SSL_CTX_set_mode(tls.get(), SSL_MODE_AUTO_RETRY);
+  return tls;
 }
 
-bool ServerStream::acceptTLS(const ServerTLS& tls) {
-  _ssl.reset(SSL_new(tls.context()));
+bool ServerStream::acceptTLS(SSL_CTX& tls) {
+  _ssl.reset(SSL_new(&tls), SSL_free);
   return _ssl && SSL_set_fd(_ssl.get(), _socket.get()) == 1 && SSL_accept(_ssl.get()) == 1;
 }
 

@@ -14,17 +14,7 @@
 namespace corvid::lab {
 
 // The server's side of TLS: its certificate. Throws std::runtime_error where that cannot be used.
-class ServerTLS {
- public:
-  explicit ServerTLS(const TLSCertificate& certificate);
-  SSL_CTX* context() const { return _context.get(); }
-
- private:
-  struct Free {
-    void operator()(SSL_CTX* context) const { SSL_CTX_free(context); }
-  };
-  std::unique_ptr<SSL_CTX, Free> _context;
-};
+std::shared_ptr<SSL_CTX> serverTLS(const TLSCertificate& certificate);
 
 // Blocking. One thread reads and writes; any thread may breakOff, which ends whatever blocks. The
 // thread that writes must block SIGPIPE.
@@ -33,7 +23,7 @@ class ServerStream {
   explicit ServerStream(Descriptor socket) : _socket(std::move(socket)) {}
 
   // False where the peer's handshake fails.
-  bool acceptTLS(const ServerTLS& tls);
+  bool acceptTLS(SSL_CTX& tls);
   // Bytes read; 0 at the end and after a failure.
   std::size_t read(char* buffer, std::size_t size);
   // False once the peer is gone.
@@ -46,11 +36,8 @@ class ServerStream {
   void reset();
 
  private:
-  struct Free {
-    void operator()(SSL* ssl) const { SSL_free(ssl); }
-  };
   const Descriptor _socket;
-  std::unique_ptr<SSL, Free> _ssl;  // none: in the clear
+  std::shared_ptr<SSL> _ssl;  // none: in the clear
 };
 
 }  // namespace corvid::lab

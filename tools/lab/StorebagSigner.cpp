@@ -28,16 +28,14 @@ using File = std::unique_ptr<std::FILE, CloseFile>;
 
 }  // namespace
 
-void StorebagSigner::Free::operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
-
-StorebagSigner::StorebagSigner() : _key(EVP_RSA_gen(2048)) {
+StorebagSigner::StorebagSigner() : _key(EVP_RSA_gen(2048), EVP_PKEY_free) {
   if (!_key) fail("cannot make one");
 }
 
 StorebagSigner::StorebagSigner(const std::string& keyFile) {
   if (std::filesystem::exists(keyFile)) {
     const File file(std::fopen(keyFile.c_str(), "re"));
-    if (file) _key.reset(PEM_read_PrivateKey(file.get(), nullptr, nullptr, nullptr));
+    if (file) _key.reset(PEM_read_PrivateKey(file.get(), nullptr, nullptr, nullptr), EVP_PKEY_free);
     if (!_key) fail("cannot read " + keyFile);
     return;
   }

@@ -32,10 +32,7 @@ class StorebagSigner {
   std::string envelope(std::string_view bag) const;
 
  private:
-  struct Free {
-    void operator()(evp_pkey_st* key) const;
-  };
-  std::unique_ptr<evp_pkey_st, Free> _key;
+  std::shared_ptr<evp_pkey_st> _key;
 };
 
 }  // namespace corvid::lab
