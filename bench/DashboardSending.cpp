@@ -20,7 +20,7 @@
 #include "base/Thread.h"
 #include "bench/Program.h"
 #include "platform/Platform.h"
-#include "tools/corvidctl/DashboardCommand.h"
+#include "tools/corvidctl/Commands.h"
 
 namespace corvid::bench {
 

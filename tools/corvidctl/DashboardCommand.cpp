@@ -1,5 +1,3 @@
-#include "tools/corvidctl/DashboardCommand.h"
-
 #include <fmt/format.h>
 
 #include <cstdio>
@@ -14,6 +12,7 @@
 #include "platform/system/SystemClock.h"
 #include "tools/Arguments.h"
 #include "tools/JSONValues.h"
+#include "tools/corvidctl/Commands.h"
 
 namespace corvid::ctl {
 
@@ -45,17 +44,13 @@ Platform::Services sendingServices() {
   return services;
 }
 
-int say(PacketFate fate) {
+const char* textFor(PacketFate fate) {
   switch (fate) {
-    case PacketFate::acknowledged: fmt::print("acknowledged\n"); return 0;
-    case PacketFate::dropped:
-      fmt::print("dropped: no acknowledgement came\n");
-      return exitNotAcknowledged;
-    case PacketFate::sent:
-      fmt::print("sent, but an acknowledgement could not be asked for\n");
-      return exitNotAcknowledged;
+    case PacketFate::acknowledged: return "acknowledged";
+    case PacketFate::dropped: return "dropped: no acknowledgement came";
+    case PacketFate::sent: return "sent, but an acknowledgement could not be asked for";
   }
-  return exitNotAcknowledged;
+  return "";
 }
 
 }  // namespace
@@ -86,7 +81,9 @@ int runDashboardCommand(const PacketOptions& options) {
 
   // The packet is given up after its last try, so this ends.
   backend->cleanup();
-  return say(fate->get_future().get());
+  const PacketFate end = fate->get_future().get();
+  fmt::print("{}\n", textFor(end));
+  return end == PacketFate::acknowledged ? 0 : exitNotAcknowledged;
 }
 
 }  // namespace corvid::ctl

@@ -1,5 +1,3 @@
-#include "tools/corvidctl/PrefsCommand.h"
-
 #include <fmt/format.h>
 #include <grp.h>
 #include <sys/stat.h>
@@ -13,6 +11,7 @@
 #include "platform/data/FilePreferences.h"
 #include "tools/Arguments.h"
 #include "tools/JSONValues.h"
+#include "tools/corvidctl/Commands.h"
 
 namespace corvid::ctl {
 

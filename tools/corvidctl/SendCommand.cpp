@@ -1,5 +1,3 @@
-#include "tools/corvidctl/SendCommand.h"
-
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -14,6 +12,7 @@
 #include "tools/Arguments.h"
 #include "tools/JSONValues.h"
 #include "tools/corvidctl/Client.h"
+#include "tools/corvidctl/Commands.h"
 
 namespace corvid::ctl {
 

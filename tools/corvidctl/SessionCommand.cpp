@@ -1,5 +1,3 @@
-#include "tools/corvidctl/SessionCommand.h"
-
 #include <fmt/format.h>
 
 #include <chrono>
@@ -14,6 +12,7 @@
 #include "tools/Arguments.h"
 #include "tools/JSONValues.h"
 #include "tools/corvidctl/Client.h"
+#include "tools/corvidctl/Commands.h"
 
 namespace corvid::ctl {
 

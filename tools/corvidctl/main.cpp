@@ -14,10 +14,7 @@
 #include "platform/data/FilePreferences.h"
 #include "platform/system/SystemLog.h"
 #include "tools/Arguments.h"
-#include "tools/corvidctl/DashboardCommand.h"
-#include "tools/corvidctl/PrefsCommand.h"
-#include "tools/corvidctl/SendCommand.h"
-#include "tools/corvidctl/SessionCommand.h"
+#include "tools/corvidctl/Commands.h"
 
 namespace corvid::ctl {
 

@@ -2,7 +2,7 @@
 
 #include <sstream>
 
-#include "tools/corvidctl/SessionCommand.h"
+#include "tools/corvidctl/Commands.h"
 
 namespace corvid::ctl {
 namespace {
