@@ -6,13 +6,14 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "base/Reading.h"
 
 namespace corvid {
 
@@ -51,13 +52,11 @@ inline void addCommonOptions(CLI::App& command, const std::string& version) {
 // A whole decimal number within bounds.
 inline CLI::Validator wholeNumber(std::int64_t least, std::int64_t most) {
   return {[=](std::string& text) -> std::string {
-            std::int64_t number = 0;
-            const char* const end = text.data() + text.size();
-            const auto [stop, error] = std::from_chars(text.data(), end, number);
-            if (error != std::errc() || stop != end || number < least || number > most)
+            const auto number = numberFrom<std::int64_t>(text);
+            if (!number || *number < least || *number > most)
               return fmt::format("takes a whole number from {} to {}, not \"{}\"", least, most,
                                  text);
-            text = std::to_string(number);  // the library would read octal and hexadecimal ones
+            text = std::to_string(*number);  // the library would read octal and hexadecimal ones
             return {};
           },
           ""};

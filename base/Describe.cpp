@@ -60,9 +60,7 @@ void appendJSON(std::string& text, const Value& value) {
     case Value::Type::boolean: text += *value.boolean() ? "true" : "false"; break;
     case Value::Type::string: appendQuoted(text, *value.string()); break;
     case Value::Type::date:
-      appendQuoted(text, descriptionOfDate(value.date()->secondsSince1970));
-      break;
-    case Value::Type::data: appendQuoted(text, hexadecimal(*value.data())); break;
+    case Value::Type::data: appendQuoted(text, description(value)); break;
     case Value::Type::array: appendJSON(text, *value.array()); break;
     case Value::Type::dictionary: appendJSON(text, *value.dictionary()); break;
     case Value::Type::integer:

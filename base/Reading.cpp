@@ -1,5 +1,6 @@
 #include "base/Reading.h"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -29,20 +30,14 @@ std::string unquoted(std::string_view word) {
 }  // namespace
 
 std::int64_t integerFromText(std::string_view text) {
-  constexpr std::int64_t most = std::numeric_limits<std::int64_t>::max();
-  constexpr std::int64_t least = std::numeric_limits<std::int64_t>::min();
-  std::size_t at = 0;
-  while (at < text.size() && (text[at] == ' ' || (text[at] >= '\t' && text[at] <= '\r'))) ++at;
-  const bool negative = at < text.size() && text[at] == '-';
-  if (at < text.size() && (text[at] == '-' || text[at] == '+')) ++at;
-  std::int64_t result = 0;  // kept negative: that range is the larger one
-  for (; at < text.size() && text[at] >= '0' && text[at] <= '9'; ++at) {
-    const int digit = text[at] - '0';
-    if (result < (least + digit) / 10) return negative ? least : most;
-    result = result * 10 - digit;
-  }
-  if (negative) return result;
-  return result == least ? most : -result;
+  text.remove_prefix(std::min(text.find_first_not_of(" \t\n\v\f\r"), text.size()));
+  if (text.starts_with('+') && !text.starts_with("+-")) text.remove_prefix(1);
+  std::int64_t number = 0;
+  if (std::from_chars(text.data(), text.data() + text.size(), number).ec !=
+      std::errc::result_out_of_range)
+    return number;
+  return text.starts_with('-') ? std::numeric_limits<std::int64_t>::min()
+                               : std::numeric_limits<std::int64_t>::max();
 }
 
 std::optional<std::string> assignedValue(std::string_view text, std::string_view name) {

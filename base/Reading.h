@@ -2,14 +2,27 @@
 // infos, preferences. A value of a type that cannot stand for the wanted one counts as absent.
 #pragma once
 
+#include <charconv>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <system_error>
 
 #include "base/Value.h"
 
 namespace corvid {
+
+// The whole of `text` as a number of type T; nothing when it is none or does not fit. No sign but a
+// minus, no blanks. `form`: as std::from_chars takes it.
+template <class T, class... Form>
+std::optional<T> numberFrom(std::string_view text, Form... form) {
+  T number{};
+  const char* const end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, number, form...);
+  if (error != std::errc() || stop != end) return std::nullopt;
+  return number;
+}
 
 // Reads leading decimal digits after optional blanks and an optional sign; 0 when there are none.
 // Saturates at the ends of the 64-bit range.

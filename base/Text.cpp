@@ -151,16 +151,6 @@ std::string replacingInvalidUTF8(std::string_view text) {
   return result;
 }
 
-std::size_t utf16Length(std::string_view text) {
-  std::size_t units = 0;
-  for (std::size_t at = 0; at < text.size();) {
-    const Decoded decoded = decode(text, at);
-    units += decoded.character >= 0x10000 ? 2 : 1;
-    at += decoded.length;
-  }
-  return units;
-}
-
 std::u16string utf16(std::string_view text) {
   std::u16string units;
   units.reserve(text.size());
@@ -175,6 +165,10 @@ std::u16string utf16(std::string_view text) {
     }
   }
   return units;
+}
+
+std::size_t utf16Length(std::string_view text) {
+  return isASCII(text) ? text.size() : utf16(text).size();
 }
 
 std::string lowerCased(std::string_view text) { return mapped(text, lower); }

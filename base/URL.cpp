@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "base/Reading.h"
 #include "base/Text.h"
 
 namespace corvid {
@@ -59,15 +60,7 @@ bool isHost(std::string_view text) {
   return inet_pton(AF_INET6, address.c_str(), &binary) == 1;
 }
 
-bool isPort(std::string_view text) {
-  unsigned port = 0;
-  for (const char digit : text) {
-    if (!isDigit(digit)) return false;
-    port = port * 10 + static_cast<unsigned>(digit - '0');
-    if (port > 65535) return false;
-  }
-  return true;
-}
+bool isPort(std::string_view text) { return text.empty() || numberFrom<std::uint16_t>(text); }
 
 }  // namespace
 

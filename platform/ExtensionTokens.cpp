@@ -5,10 +5,6 @@
 
 namespace corvid {
 
-ExtensionTokens::ExtensionTokens(std::shared_ptr<Random> random, std::size_t claimLimit)
-    : _random(std::move(random)), _claimLimit(claimLimit) {}
-ExtensionTokens::~ExtensionTokens() = default;
-
 ExtensionTokens::Grant::Grant(ExtensionTokens& tokens, std::shared_ptr<GrantedFile> file)
     : _tokens(tokens), _token(tokens.add(std::move(file))) {}
 ExtensionTokens::Grant::~Grant() { _tokens.revoke(_token); }
@@ -32,8 +28,8 @@ std::string ExtensionTokens::add(std::shared_ptr<GrantedFile> file) {
 
 ExtensionTokens::Handle ExtensionTokens::consume(const std::string& token) {
   const MutexLock lock(_mutex);
-  ++_handles;
-  ++_consumed;
+  ++_usage.handles;
+  ++_usage.consumed;
   const auto found = _granted.find(token);
   const bool isGranted =
       found != _granted.end() && found->second.thread == std::this_thread::get_id();
@@ -47,36 +43,23 @@ void ExtensionTokens::revoke(const std::string& token) {
 
 void ExtensionTokens::release(std::size_t claimed) {
   const MutexLock lock(_mutex);
-  --_handles;
-  _claimed -= claimed;
+  --_usage.handles;
+  _usage.claimed -= claimed;
 }
 
 bool ExtensionTokens::replaceClaim(std::size_t before, std::size_t after) {
   const MutexLock lock(_mutex);
-  const std::size_t others = _claimed - before;
+  const std::size_t others = _usage.claimed - before;
   if (after > _claimLimit - others) return false;
-  _claimed = others + after;
+  _usage.claimed = others + after;
   return true;
 }
 
-std::size_t ExtensionTokens::grants() const {
+ExtensionTokens::Usage ExtensionTokens::usage() const {
   const MutexLock lock(_mutex);
-  return _granted.size();
-}
-
-std::size_t ExtensionTokens::handles() const {
-  const MutexLock lock(_mutex);
-  return _handles;
-}
-
-std::size_t ExtensionTokens::consumed() const {
-  const MutexLock lock(_mutex);
-  return _consumed;
-}
-
-std::size_t ExtensionTokens::claimed() const {
-  const MutexLock lock(_mutex);
-  return _claimed;
+  Usage usage = _usage;
+  usage.grants = _granted.size();
+  return usage;
 }
 
 }  // namespace corvid

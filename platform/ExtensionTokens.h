@@ -37,8 +37,8 @@ class GrantedFile {
   virtual void remove() = 0;
 };
 
-// Threads   Any. Grants and handles belong to the thread that made
-//           them and must not outlive the registry.
+// Threads   Any. Grants and handles belong to the thread that made them and must not outlive the
+//           registry.
 class ExtensionTokens {
  public:
   // Grants a file under a new token until it is destroyed.
@@ -83,18 +83,18 @@ class ExtensionTokens {
   };
 
   // `claimLimit`: what all handles may claim together, in bytes.
-  ExtensionTokens(std::shared_ptr<Random> random, std::size_t claimLimit);
-  ~ExtensionTokens();
+  ExtensionTokens(std::shared_ptr<Random> random, std::size_t claimLimit)
+      : _random(std::move(random)), _claimLimit(claimLimit) {}
 
   [[nodiscard]] Handle consume(const std::string& token) EXCLUDES(_mutex);
 
-  std::size_t grants() const EXCLUDES(_mutex);
-  // Consumed and not released.
-  std::size_t handles() const EXCLUDES(_mutex);
-  // Consumed since the start.
-  std::size_t consumed() const EXCLUDES(_mutex);
-  // By all handles, in bytes.
-  std::size_t claimed() const EXCLUDES(_mutex);
+  struct Usage {
+    std::size_t grants = 0;
+    std::size_t handles = 0;   // consumed and not released
+    std::size_t consumed = 0;  // since the start
+    std::size_t claimed = 0;   // by all handles, in bytes
+  };
+  Usage usage() const EXCLUDES(_mutex);
 
  private:
   struct Granted {
@@ -111,9 +111,7 @@ class ExtensionTokens {
   const std::size_t _claimLimit;
   mutable Mutex _mutex;
   std::map<std::string, Granted> _granted GUARDED_BY(_mutex);
-  std::size_t _handles GUARDED_BY(_mutex) = 0;
-  std::size_t _consumed GUARDED_BY(_mutex) = 0;
-  std::size_t _claimed GUARDED_BY(_mutex) = 0;
+  Usage _usage GUARDED_BY(_mutex);  // but for the grants
 };
 
 }  // namespace corvid

@@ -176,6 +176,7 @@ void IPCConnection::tearDown() {
   if (const auto handler = std::exchange(_invalidationHandler, nullptr)) handler();
   _interruptionHandler = nullptr;
   _exportedObject = nullptr;
+  _hasEnded = true;
   _ended();
 }
 

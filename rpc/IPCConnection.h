@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -29,7 +30,7 @@ class IPCConnection final : public Connection {
     pid_t process = 0;
     uid_t user = 0;
   };
-  // `ended` is called on the connection's thread when nothing more will happen on it.
+  // `ended` is called on the connection's thread when hasEnded() has become true.
   // `tokens` is borrowed.
   IPCConnection(Descriptor socket, Peer peer, Dictionary entitlements, ExtensionTokens& tokens,
                 std::function<void()> ended);
@@ -49,6 +50,8 @@ class IPCConnection final : public Connection {
   // Deliveries that were lost because the client does not take them. Any thread.
   std::size_t droppedDeliveries() const { return _outbox->dropped(); }
 
+  // Whether nothing more will happen on the connection's thread. Any thread.
+  bool hasEnded() const { return _hasEnded; }
   // For the listener. close() ends the connection without a log line, from any thread; join()
   // waits for its thread. A connection that was never resumed has none and just goes.
   void close() { _outbox->close(); }
@@ -66,8 +69,9 @@ class IPCConnection final : public Connection {
   const Dictionary _entitlements;
   ExtensionTokens& _tokens;
   const std::function<void()> _ended;
-  // Synchronises itself.
+  // By themselves.
   const std::shared_ptr<Outbox> _outbox;
+  std::atomic<bool> _hasEnded = false;
 
   // Set before resume(), then the connection's thread only.
   Descriptor _socket;

@@ -45,11 +45,10 @@ IPCListener::~IPCListener() {
   }
   _wakeup.wake();
   if (_thread.joinable()) _thread.join();
-  // Nobody else changes the list from here on, only the marks in it.
   std::vector<std::shared_ptr<IPCConnection>> connections;
   {
     const MutexLock lock(_mutex);
-    for (const Open& open : _connections) connections.push_back(open.connection);
+    connections.swap(_connections);
   }
   for (const auto& connection : connections) connection->close();
   for (const auto& connection : connections) connection->join();
@@ -115,11 +114,10 @@ void IPCListener::bring(Descriptor socket) {
   std::shared_ptr<IPCConnection> connection;
   try {
     Dictionary entitlements = _entitlements(socket.get());
-    connection =
-        std::make_shared<IPCConnection>(std::move(socket), peer, std::move(entitlements), _tokens,
-                                        [this, number = peer.number] { connectionEnded(number); });
+    connection = std::make_shared<IPCConnection>(std::move(socket), peer, std::move(entitlements),
+                                                 _tokens, [this] { _wakeup.wake(); });
     const MutexLock lock(_mutex);
-    _connections.push_back({connection});
+    _connections.push_back(connection);
   } catch (const std::exception& exception) {
     logError("IPCListener: Exception while accepting process {}: {}", peer.process,
              exception.what());
@@ -134,7 +132,9 @@ void IPCListener::bring(Descriptor socket) {
   }
   if (accepted) return;
   connection->close();
-  connectionEnded(peer.number);
+  connection->join();  // the delegate may have resumed it
+  const MutexLock lock(_mutex);
+  std::erase(_connections, connection);
 }
 
 bool IPCListener::admits(pid_t process, uid_t user) const {
@@ -143,30 +143,22 @@ bool IPCListener::admits(pid_t process, uid_t user) const {
   {
     const MutexLock lock(_mutex);
     all = _connections.size();
-    for (const Open& open : _connections) ofUser += open.connection->peer().user == user;
+    for (const auto& connection : _connections) ofUser += connection->peer().user == user;
   }
   return admitsConnection(process, user, all, ofUser);
 }
 
-void IPCListener::connectionEnded(std::uint64_t number) {
-  {
-    const MutexLock lock(_mutex);
-    for (Open& open : _connections)
-      if (open.connection->peer().number == number) open.ended = true;
-  }
-  _wakeup.wake();
-}
-
 void IPCListener::reap() {
-  std::vector<Open> ended;
+  std::vector<std::shared_ptr<IPCConnection>> ended;
   {
     const MutexLock lock(_mutex);
-    const auto first = std::stable_partition(_connections.begin(), _connections.end(),
-                                             [](const Open& open) { return !open.ended; });
+    const auto first =
+        std::stable_partition(_connections.begin(), _connections.end(),
+                              [](const auto& connection) { return !connection->hasEnded(); });
     std::move(first, _connections.end(), std::back_inserter(ended));
     _connections.erase(first, _connections.end());
   }
-  for (const Open& open : ended) open.connection->join();
+  for (const auto& connection : ended) connection->join();
 }
 
 Result<std::unique_ptr<IPCListener>> IPCListener::serving(Result<ServiceSocket> socket,

@@ -67,10 +67,6 @@ class IPCListener {
   std::size_t connections() const;
 
  private:
-  struct Open {
-    std::shared_ptr<IPCConnection> connection;
-    bool ended = false;
-  };
   enum class Accepted { one, none, starved, refused };
 
   IPCListener(ServiceSocket socket, EntitlementReader entitlements, ExtensionTokens& tokens);
@@ -80,7 +76,6 @@ class IPCListener {
   void starve(std::string_view action, int error);
   void bring(Descriptor socket);
   bool admits(pid_t process, uid_t user) const EXCLUDES(_mutex);
-  void connectionEnded(std::uint64_t number) EXCLUDES(_mutex);
   void reap() EXCLUDES(_mutex);
 
   // Constant after resume().
@@ -98,7 +93,7 @@ class IPCListener {
   bool _refused = false;  // by the gate
 
   mutable Mutex _mutex;
-  std::vector<Open> _connections GUARDED_BY(_mutex);
+  std::vector<std::shared_ptr<IPCConnection>> _connections GUARDED_BY(_mutex);
   bool _stopping GUARDED_BY(_mutex) = false;
 };
 

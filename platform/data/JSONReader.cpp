@@ -3,11 +3,11 @@
 #include <rapidjson/memorystream.h>
 #include <rapidjson/reader.h>
 
-#include <charconv>
 #include <cstdint>
 #include <utility>
 #include <vector>
 
+#include "base/Reading.h"
 #include "base/Text.h"
 #include "platform/data/JSON.h"
 
@@ -26,14 +26,10 @@ class ValueBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Valu
   bool Bool(bool value) { return add(value); }
   // Numbers come as text: the library's own reading of them is not exact at the edges.
   bool RawNumber(const char* text, Size length, bool) {
-    const char* end = text + length;
-    std::int64_t integer = 0;
-    if (const auto [stop, error] = std::from_chars(text, end, integer);
-        error == std::errc() && stop == end)
-      return add(integer);
-    double real = 0;
-    if (std::from_chars(text, end, real).ec != std::errc()) return refuse("Number out of range");
-    return add(real);
+    const std::string_view number(text, length);
+    if (const auto integer = numberFrom<std::int64_t>(number)) return add(*integer);
+    if (const auto real = numberFrom<double>(number)) return add(*real);
+    return refuse("Number out of range");
   }
   bool String(const char* text, Size length, bool) {
     return isText(text, length) && add(std::string_view(text, length));

@@ -3,12 +3,12 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <charconv>
 #include <chrono>
 #include <cstdint>
 #include <optional>
 #include <utility>
 
+#include "base/Reading.h"
 #include "base/Text.h"
 #include "platform/data/Crypto.h"
 #include "platform/data/PropertyListForms.h"
@@ -18,16 +18,6 @@ namespace corvid {
 namespace {
 
 constexpr std::string_view blanks = " \t\r\n";
-
-// Reads the whole of `text` as a number of type T; nothing when it is none or does not fit.
-template <class T, class... Form>
-std::optional<T> numberFrom(std::string_view text, Form... form) {
-  T number{};
-  const char* end = text.data() + text.size();
-  const auto [stop, error] = std::from_chars(text.data(), end, number, form...);
-  if (error != std::errc() || stop != end) return std::nullopt;
-  return number;
-}
 
 // Decimal, or hexadecimal after "0x", with an optional sign. What fits only without a sign wraps.
 std::optional<std::int64_t> integerFromXML(std::string_view text) {

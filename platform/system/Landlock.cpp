@@ -11,6 +11,8 @@
 #include <cstdint>
 #include <cstring>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "base/Descriptor.h"
 
@@ -54,7 +56,7 @@ constexpr std::uint64_t fileRights =
     LANDLOCK_ACCESS_FS_READ_FILE | LANDLOCK_ACCESS_FS_WRITE_FILE | LANDLOCK_ACCESS_FS_TRUNCATE;
 
 // Everything that the kernel can refuse; executing and device controls are granted nowhere.
-RulesetAttributes attributes(const SandboxProfile& profile, long abi) {
+RulesetAttributes attributesFor(const SandboxProfile& profile, long abi) {
   RulesetAttributes ruleset;
   ruleset.handledFiles = (LANDLOCK_ACCESS_FS_MAKE_SYM << 1) - 1;
   if (abi >= 2) ruleset.handledFiles |= LANDLOCK_ACCESS_FS_REFER;
@@ -72,37 +74,17 @@ std::string systemError(std::string_view what) {
   return fmt::format("{}: {}", what, std::strerror(errno));
 }
 
-class Ruleset {
- public:
-  explicit Ruleset(const RulesetAttributes& attributes)
-      : _handled(attributes.handledFiles),
-        _descriptor(static_cast<int>(
-            syscall(SYS_landlock_create_ruleset, &attributes, sizeof attributes, 0))) {}
-
-  explicit operator bool() const { return static_cast<bool>(_descriptor); }
-
-  // False, with errno, when the kernel refuses. A path that does not exist is passed over.
-  bool allow(const std::string& path, std::uint64_t rights) const {
-    const Descriptor file(open(path.c_str(), O_PATH | O_CLOEXEC));
-    if (!file) return errno == ENOENT || errno == ENOTDIR || errno == EACCES;
-    struct stat status {};
-    if (fstat(file.get(), &status) != 0) return false;
-    if (!S_ISDIR(status.st_mode)) rights &= fileRights;
-    landlock_path_beneath_attr rule{};
-    rule.allowed_access = rights & _handled;
-    rule.parent_fd = file.get();
-    return syscall(SYS_landlock_add_rule, _descriptor.get(), LANDLOCK_RULE_PATH_BENEATH, &rule,
-                   0) == 0;
-  }
-
-  bool restrictSelf() const {
-    return syscall(SYS_landlock_restrict_self, _descriptor.get(), 0) == 0;
-  }
-
- private:
-  const std::uint64_t _handled;
-  const Descriptor _descriptor;
-};
+// False, with errno, when the kernel refuses. A path that does not exist is passed over.
+bool allow(const Descriptor& ruleset, const std::string& path, std::uint64_t rights) {
+  const Descriptor file(open(path.c_str(), O_PATH | O_CLOEXEC));
+  if (!file) return errno == ENOENT || errno == ENOTDIR || errno == EACCES;
+  struct stat status {};
+  if (fstat(file.get(), &status) != 0) return false;
+  landlock_path_beneath_attr rule{};
+  rule.allowed_access = S_ISDIR(status.st_mode) ? rights : rights & fileRights;
+  rule.parent_fd = file.get();
+  return syscall(SYS_landlock_add_rule, ruleset.get(), LANDLOCK_RULE_PATH_BENEATH, &rule, 0) == 0;
+}
 
 }  // namespace
 
@@ -113,18 +95,22 @@ std::optional<std::string> enterLandlock(const SandboxProfile& profile) {
     return "the kernel offers no Landlock; it takes Linux 5.13 or later with \"landlock\" among "
            "its security modules (boot parameter lsm=)";
 
-  const Ruleset ruleset(attributes(profile, abi));
+  const RulesetAttributes attributes = attributesFor(profile, abi);
+  const Descriptor ruleset(
+      static_cast<int>(syscall(SYS_landlock_create_ruleset, &attributes, sizeof attributes, 0)));
   if (!ruleset) return systemError("cannot make Landlock rules");
-  const auto refused = [](const std::string& path) {
-    return systemError(fmt::format("cannot make a Landlock rule for {}", path));
-  };
-  for (const std::string& path : profile.readOnlyPaths)
-    if (!ruleset.allow(path, readRights)) return refused(path);
-  for (const std::string& path : profile.readWritePaths)
-    if (!ruleset.allow(path, writeRights)) return refused(path);
-  if (!profile.socketFolder.empty() && !ruleset.allow(profile.socketFolder, socketRights))
-    return refused(profile.socketFolder);
-  if (!ruleset.restrictSelf()) return systemError("cannot enter the Landlock rules");
+  std::vector<std::string> socketFolders;
+  if (!profile.socketFolder.empty()) socketFolders.push_back(profile.socketFolder);
+  const std::pair<const std::vector<std::string>&, std::uint64_t> rules[] = {
+      {profile.readOnlyPaths, readRights},
+      {profile.readWritePaths, writeRights},
+      {socketFolders, socketRights}};
+  for (const auto& [paths, rights] : rules)
+    for (const std::string& path : paths)
+      if (!allow(ruleset, path, rights & attributes.handledFiles))
+        return systemError(fmt::format("cannot make a Landlock rule for {}", path));
+  if (syscall(SYS_landlock_restrict_self, ruleset.get(), 0) != 0)
+    return systemError("cannot enter the Landlock rules");
   return std::nullopt;
 }
 

@@ -6,13 +6,13 @@
 
 #include <algorithm>
 #include <cassert>
-#include <charconv>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include "base/Log.h"
+#include "base/Reading.h"
 #include "base/UnixAddress.h"
 
 // The launcher's two protocols, sockets by LISTEN_FDS and messages to NOTIFY_SOCKET, are spoken
@@ -28,13 +28,8 @@ constexpr int firstPassedDescriptor = 3;
 constexpr int mostPassedDescriptors = 1024;
 
 std::optional<int> numberInEnvironment(const char* name) {
-  const char* text = std::getenv(name);
-  if (text == nullptr) return std::nullopt;
-  const char* const end = text + std::strlen(text);
-  int number = 0;
-  const auto [stop, error] = std::from_chars(text, end, number);
-  if (error != std::errc() || stop != end) return std::nullopt;
-  return number;
+  const char* const text = std::getenv(name);
+  return text ? numberFrom<int>(text) : std::nullopt;
 }
 
 // The first listening Unix stream socket among those passed; the others are closed.

@@ -23,8 +23,8 @@ namespace corvid {
 
 namespace {
 
-// The bytes of a socket option of any length; the failure's code is the system's.
-Result<std::string> longSocketOption(int socket, int option) {
+// The bytes of a socket option of any length; none where the system refuses.
+std::string longSocketOption(int socket, int option) {
   std::string bytes(256, '\0');
   for (;;) {
     auto size = static_cast<socklen_t>(bytes.size());
@@ -33,23 +33,21 @@ Result<std::string> longSocketOption(int socket, int option) {
       return bytes;
     }
     // The kernel has said how much room it wants.
-    if (errno != ERANGE || size <= bytes.size()) return Failure{std::strerror(errno), errno};
+    if (errno != ERANGE || size <= bytes.size()) return {};
     bytes.resize(size);
   }
 }
 
 std::vector<gid_t> peerGroups(int socket) {
-  const Result<std::string> bytes = longSocketOption(socket, SO_PEERGROUPS);
-  if (!bytes || bytes.value().empty()) return {};
-  std::vector<gid_t> groups(bytes.value().size() / sizeof(gid_t));
-  std::memcpy(groups.data(), bytes.value().data(), groups.size() * sizeof(gid_t));
+  const std::string bytes = longSocketOption(socket, SO_PEERGROUPS);
+  std::vector<gid_t> groups(bytes.size() / sizeof(gid_t));
+  if (!groups.empty()) std::memcpy(groups.data(), bytes.data(), groups.size() * sizeof(gid_t));
   return groups;
 }
 
 std::string peerLabel(int socket) {
-  const Result<std::string> label = longSocketOption(socket, SO_PEERSEC);
   // Some modules count the zero at the end, some do not.
-  return label ? std::string(label.value().c_str()) : std::string();
+  return longSocketOption(socket, SO_PEERSEC).c_str();
 }
 
 // A descriptor of the process that connected. Kernels before 6.5 cannot tell; there it is the

@@ -45,18 +45,17 @@ std::optional<std::string> SystemLocale::countryCode() {
 }
 
 std::int32_t SystemLocale::secondsFromGMT(const TimeValue& at) {
-  const char* zone = std::getenv("TZ");
+  const char* const variable = std::getenv("TZ");
+  const auto zone = variable ? std::optional<std::string>(variable) : std::nullopt;
   const MutexLock lock(_mutex);
-  if (_latest && _latest->second == at.seconds && _latest->zone.has_value() == (zone != nullptr) &&
-      (zone == nullptr || *_latest->zone == zone))
+  if (_latest && _latest->second == at.seconds && _latest->zone == zone)
     return _latest->secondsFromGMT;
   // localtime_r alone would keep the zone of its first call.
   tzset();
   const std::time_t time = at.seconds;
   std::tm local{};
   const bool known = localtime_r(&time, &local) != nullptr;
-  _latest = {at.seconds, zone ? std::optional<std::string>(zone) : std::nullopt,
-             known ? static_cast<std::int32_t>(local.tm_gmtoff) : 0};
+  _latest = {at.seconds, zone, known ? static_cast<std::int32_t>(local.tm_gmtoff) : 0};
   return _latest->secondsFromGMT;
 }
 

@@ -129,9 +129,6 @@ void Extent::addElements(std::size_t newValues, std::size_t depth) {
   if (depth > limits::valueNesting) fail(Fitness::tooDeep);
 }
 
-void Extent::add(const Dictionary& dictionary) { add(dictionary, 1); }
-void Extent::add(const Array& array) { add(array, 1); }
-
 void Extent::add(const Dictionary& dictionary, std::size_t depth) {
   addElements(dictionary.size(), depth);
   for (const auto& [key, value] : dictionary) {

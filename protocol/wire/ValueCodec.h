@@ -71,14 +71,13 @@ struct Extent {
   std::size_t values = 0;
   Fitness fitness = Fitness::fits;  // the first rule that the value breaks
 
-  void add(const Dictionary& dictionary);
-  void add(const Array& array);
+  // `depth`: of the container itself, in what it is part of.
+  void add(const Dictionary& dictionary, std::size_t depth = 1);
+  void add(const Array& array, std::size_t depth = 1);
   void addText(std::string_view text) { addBytes(text.size() + 1); }
   std::size_t bytes() const { return words * sizeof(capnp::word); }
 
  private:
-  void add(const Dictionary& dictionary, std::size_t depth);
-  void add(const Array& array, std::size_t depth);
   void add(const Value& value, std::size_t depth);
   void addBytes(std::size_t bytes);
   void addElements(std::size_t count, std::size_t depth);

@@ -55,7 +55,7 @@ TEST_F(ExtensionTokensTest, ATokenIsWorthNothingAfterItsGrant) {
   EXPECT_TRUE(grants(token));  // several backends may ask
   grant.reset();
   EXPECT_FALSE(grants(token));
-  EXPECT_EQ(tokens.grants(), 0u);
+  EXPECT_EQ(tokens.usage().grants, 0u);
 }
 
 TEST_F(ExtensionTokensTest, ATokenIsWorthNothingOnAnotherThread) {
@@ -81,15 +81,15 @@ TEST_F(ExtensionTokensTest, HandlesAreCountedUntilTheyAreReleased) {
   {
     const auto first = tokens.consume(grant.token());
     const auto second = tokens.consume("forged");
-    EXPECT_EQ(tokens.handles(), 2u);
+    EXPECT_EQ(tokens.usage().handles, 2u);
   }
   try {
     const auto handle = tokens.consume(grant.token());
     throw 1;
   } catch (int) {
   }
-  EXPECT_EQ(tokens.handles(), 0u);
-  EXPECT_EQ(tokens.consumed(), 3u);
+  EXPECT_EQ(tokens.usage().handles, 0u);
+  EXPECT_EQ(tokens.usage().consumed, 3u);
 }
 
 TEST_F(ExtensionTokensTest, AllHandlesTogetherClaimNoMoreThanTheLimit) {
@@ -100,11 +100,11 @@ TEST_F(ExtensionTokensTest, AllHandlesTogetherClaimNoMoreThanTheLimit) {
     EXPECT_FALSE(second.claim(11));
     EXPECT_TRUE(second.claim(10));
     EXPECT_FALSE(second.claim(std::numeric_limits<std::size_t>::max()));
-    EXPECT_EQ(tokens.claimed(), limits::uploadBytesUnderWay);
+    EXPECT_EQ(tokens.usage().claimed, limits::uploadBytesUnderWay);
     EXPECT_TRUE(first.claim(5));  // in place of the first claim
-    EXPECT_EQ(tokens.claimed(), 15u);
+    EXPECT_EQ(tokens.usage().claimed, 15u);
   }
-  EXPECT_EQ(tokens.claimed(), 0u);
+  EXPECT_EQ(tokens.usage().claimed, 0u);
 }
 
 TEST_F(ExtensionTokensTest, TheFileIsLetGoWithGrantAndHandle) {

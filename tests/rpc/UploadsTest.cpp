@@ -68,8 +68,8 @@ TEST_F(Uploads, TheTokenStandsForTheFileWhileTheCallRuns) {
   EXPECT_EQ(calls()[0].text, "file:///file");
   EXPECT_EQ(calls()[0].token.size(), 32u);
   EXPECT_EQ(removals, 0);
-  EXPECT_EQ(tokens.grants(), 0u);
-  EXPECT_EQ(tokens.handles(), 0u);
+  EXPECT_EQ(tokens.usage().grants, 0u);
+  EXPECT_EQ(tokens.usage().handles, 0u);
 }
 
 TEST_F(Uploads, TheClientsOwnTokenIsOverruledByTheGrant) {
@@ -195,8 +195,8 @@ TEST_F(Uploads, AClientThatLeavesDuringItsUploadLeavesNothing) {
   }
   notice.change([&] { mayEnd = true; });
   EXPECT_TRUE(delegate->awaitInvalidated(0));
-  EXPECT_EQ(tokens.grants(), 0u);
-  EXPECT_EQ(tokens.handles(), 0u);
+  EXPECT_EQ(tokens.usage().grants, 0u);
+  EXPECT_EQ(tokens.usage().handles, 0u);
   EXPECT_EQ(removals, 0);
 }
 

@@ -61,7 +61,7 @@ class UploadBackendTest : public testing::Test {
   // Nothing is released that was not consumed, on whatever way the operation ended.
   void TearDown() override {
     compressorFails = false;
-    EXPECT_EQ(platform.extensionTokens->handles(), 0u);
+    EXPECT_EQ(platform.extensionTokens->usage().handles, 0u);
   }
 
   void make(const Dictionary& profile, std::optional<std::string> identifier = udid) {
@@ -90,7 +90,7 @@ class UploadBackendTest : public testing::Test {
   std::size_t requests() const { return platform.http->requests().size(); }
   std::vector<std::string> errors() const { return platform.log.texts(LogLevel::error); }
   std::vector<std::string> debugLines() const { return platform.log.texts(LogLevel::debug); }
-  std::size_t consumed() const { return platform.extensionTokens->consumed(); }
+  std::size_t consumed() const { return platform.extensionTokens->usage().consumed; }
 
   TestPlatform platform;
   std::shared_ptr<UploadBackend> backend;
@@ -266,7 +266,7 @@ TEST_F(UploadBackendTest, AFileThatFindsNoMemoryBesideOtherUploadsIsRefusedBefor
     EXPECT_THAT(file->reads, IsEmpty());
   }
   EXPECT_TRUE(upload());
-  EXPECT_EQ(platform.extensionTokens->claimed(), 0u);
+  EXPECT_EQ(platform.extensionTokens->usage().claimed, 0u);
 }
 
 TEST_F(UploadBackendTest, AFileIsReadOnceAndNotPastItsSize) {
@@ -360,7 +360,7 @@ TEST_F(UploadBackendTest, TheHandleIsReleasedOnEveryWayOut) {
     reply("success");
     prepare();
     upload();
-    EXPECT_EQ(platform.extensionTokens->handles(), 0u);
+    EXPECT_EQ(platform.extensionTokens->usage().handles, 0u);
     EXPECT_EQ(file.use_count(), 1);
     return consumed() - before;
   };
@@ -387,7 +387,7 @@ TEST_F(UploadBackendTest, TheHandleIsReleasedAlsoByAnException) {
   platform.http->answerWith([](const HTTPRequest&) -> HTTPOutcome { throw std::bad_alloc(); });
   EXPECT_THROW(upload(), std::bad_alloc);
   EXPECT_EQ(consumed(), 1u);
-  EXPECT_EQ(platform.extensionTokens->handles(), 0u);
+  EXPECT_EQ(platform.extensionTokens->usage().handles, 0u);
   EXPECT_EQ(file->removals, 0);
 }
 

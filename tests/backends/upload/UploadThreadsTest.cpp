@@ -40,16 +40,16 @@ TEST_F(UploadThreadsTest, TheCallerWaitsForTheReply) {
   });
   ASSERT_TRUE(awaitWaiting(1));
   EXPECT_FALSE(isOver);
-  EXPECT_EQ(platform.extensionTokens->handles(), 1u);
+  EXPECT_EQ(platform.extensionTokens->usage().handles, 1u);
   // Of the memory only what is being sent is still taken.
-  EXPECT_EQ(platform.extensionTokens->claimed(), platform.http->requests()[0].body.size());
+  EXPECT_EQ(platform.extensionTokens->usage().claimed, platform.http->requests()[0].body.size());
   // Nothing of the backend is locked meanwhile.
   backend->setUploadURL("https://up.test/elsewhere");
   backend->setState(BackendState::disabled);
   platform.http->completeNext(FakeHTTPClient::response(200, "success"));
   client.join();
   EXPECT_EQ(file->removals, 1);
-  EXPECT_EQ(platform.extensionTokens->handles(), 0u);
+  EXPECT_EQ(platform.extensionTokens->usage().handles, 0u);
 }
 
 TEST_F(UploadThreadsTest, UploadsOfSeveralClientsWaitSideBySide) {
@@ -69,7 +69,7 @@ TEST_F(UploadThreadsTest, UploadsOfSeveralClientsWaitSideBySide) {
     platform.http->completeNext(FakeHTTPClient::response(200, i % 2 == 0 ? "success" : "failure"));
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(removed, clients / 2);
-  EXPECT_EQ(platform.extensionTokens->handles(), 0u);
+  EXPECT_EQ(platform.extensionTokens->usage().handles, 0u);
 }
 
 }  // namespace
