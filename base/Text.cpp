@@ -177,11 +177,8 @@ std::string caseFolded(std::string_view text) { return mapped(text, fold); }
 bool equalsIgnoringCase(std::string_view a, std::string_view b) {
   if (a == b) return true;
   if (!isASCII(a) || !isASCII(b)) return caseFolded(a) == caseFolded(b);
-  if (a.size() != b.size()) return false;
-  for (std::size_t i = 0; i < a.size(); ++i)
-    if (lower(static_cast<unsigned char>(a[i])) != lower(static_cast<unsigned char>(b[i])))
-      return false;
-  return true;
+  const auto lowered = [](char c) { return lower(static_cast<unsigned char>(c)); };
+  return std::ranges::equal(a, b, {}, lowered, lowered);
 }
 
 bool containsIgnoringCase(std::string_view text, std::string_view needle) {

@@ -70,33 +70,33 @@ void IPCListener::run() {
       if (_stopping) return;
     }
     if (!_refused && (_starved || ready[1].revents != 0))
-      while (acceptThroughGate() == Accepted::one) continue;
+      while (acceptThroughGate()) continue;
   }
 }
 
-IPCListener::Accepted IPCListener::acceptThroughGate() {
+bool IPCListener::acceptThroughGate() {
   if (!_gate.enter) return acceptOne();
   _refused = !_gate.enter();
-  if (_refused) return Accepted::refused;
-  const Accepted accepted = acceptOne();
+  if (_refused) return false;
+  const bool mayHaveMore = acceptOne();
   _gate.leave();
-  return accepted;
+  return mayHaveMore;
 }
 
-IPCListener::Accepted IPCListener::acceptOne() {
+bool IPCListener::acceptOne() {
   Descriptor socket(accept4(_socket.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
   const int error = errno;
   if (socket) {
     _starved = false;
     bring(std::move(socket));
-    return Accepted::one;
+    return true;
   }
-  switch (error) {
-    case EAGAIN: _starved = false; return Accepted::none;
-    case EINTR:
-    case ECONNABORTED: return Accepted::one;
-    default: starve("Accepting a connection", error); return Accepted::starved;
-  }
+  if (error == EINTR || error == ECONNABORTED) return true;
+  if (error == EAGAIN)
+    _starved = false;
+  else
+    starve("Accepting a connection", error);
+  return false;
 }
 
 // One line for the whole time in which the system lacks something.

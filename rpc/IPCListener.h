@@ -67,12 +67,11 @@ class IPCListener {
   std::size_t connections() const;
 
  private:
-  enum class Accepted { one, none, starved, refused };
-
   IPCListener(ServiceSocket socket, EntitlementReader entitlements, ExtensionTokens& tokens);
   void run();
-  Accepted acceptThroughGate();
-  Accepted acceptOne();
+  // Both: whether another may wait.
+  bool acceptThroughGate();
+  bool acceptOne();
   void starve(std::string_view action, int error);
   void bring(Descriptor socket);
   bool admits(pid_t process, uid_t user) const EXCLUDES(_mutex);

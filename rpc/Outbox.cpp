@@ -18,13 +18,12 @@ std::size_t bytesOf(const Delivery& delivery) {
 }  // namespace
 
 bool Outbox::add(Delivery delivery) {
-  Waiting waiting{std::move(delivery), 0};
-  waiting.bytes = bytesOf(waiting.delivery);
+  delivery.bytes = bytesOf(delivery);
   const MutexLock lock(_mutex);
   if (_stopped) return false;
   const bool isFirst = _deliveries.empty();
-  _bytes += waiting.bytes;
-  _deliveries.push_back(std::move(waiting));
+  _bytes += delivery.bytes;
+  _deliveries.push_back(std::move(delivery));
   while (_deliveries.size() > limits::deliveriesWaiting || _bytes > limits::deliveryBytesWaiting)
     dropOldest();
   _hasDeliveries = !_deliveries.empty();
@@ -75,7 +74,7 @@ void Outbox::start(const wire::SocketPort& port) {
 void Outbox::stop() {
   _thread = std::thread::id();
   std::vector<Task> tasks;
-  std::deque<Waiting> deliveries;
+  std::deque<Delivery> deliveries;
   const MutexLock lock(_mutex);
   _stopped = true;
   _port = nullptr;
@@ -90,16 +89,10 @@ std::vector<Outbox::Task> Outbox::takeTasks() {
 }
 
 std::deque<Delivery> Outbox::takeDeliveries() {
-  std::deque<Waiting> waiting;
-  {
-    const MutexLock lock(_mutex);
-    waiting.swap(_deliveries);
-    _bytes = 0;
-    _hasDeliveries = false;
-  }
-  std::deque<Delivery> deliveries;
-  for (Waiting& each : waiting) deliveries.push_back(std::move(each.delivery));
-  return deliveries;
+  const MutexLock lock(_mutex);
+  _bytes = 0;
+  _hasDeliveries = false;
+  return std::exchange(_deliveries, {});
 }
 
 bool Outbox::mustClose() const {

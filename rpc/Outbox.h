@@ -30,6 +30,7 @@ struct Delivery {
   std::uint16_t category = 0;
   std::uint16_t type = 0;
   std::optional<Dictionary> payload;
+  std::size_t bytes = 0;  // on the wire; counted by the outbox
 };
 
 class Outbox {
@@ -58,10 +59,6 @@ class Outbox {
   bool mustClose() const EXCLUDES(_mutex);
 
  private:
-  struct Waiting {
-    Delivery delivery;
-    std::size_t bytes;
-  };
   void dropOldest() REQUIRES(_mutex);
   void wake() REQUIRES(_mutex);
 
@@ -72,7 +69,7 @@ class Outbox {
   mutable Mutex _mutex;
   const wire::SocketPort* _port GUARDED_BY(_mutex) = nullptr;
   std::vector<Task> _tasks GUARDED_BY(_mutex);
-  std::deque<Waiting> _deliveries GUARDED_BY(_mutex);
+  std::deque<Delivery> _deliveries GUARDED_BY(_mutex);
   std::size_t _bytes GUARDED_BY(_mutex) = 0;
   std::size_t _dropped GUARDED_BY(_mutex) = 0;
   bool _closing GUARDED_BY(_mutex) = false;

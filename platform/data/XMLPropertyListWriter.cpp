@@ -103,10 +103,7 @@ class XMLWriter {
   void writeElement(std::size_t level, std::string_view name, std::string_view content) {
     indent(level);
     _out += fmt::format("<{}>", name);
-    if (isValidUTF8(content))
-      for (const char c : content) appendCharacter(_out, c);
-    else
-      for (const char c : replacingInvalidUTF8(content)) appendCharacter(_out, c);
+    for (const char c : replacingInvalidUTF8(content)) appendCharacter(_out, c);
     _out += fmt::format("</{}>\n", name);
   }
 

@@ -20,12 +20,8 @@ void KeptConnections::add(CURL* handle) {
   curl().easy_getinfo(handle, CURLINFO_LOCAL_PORT, &localPort);
   if (socket == CURL_SOCKET_BAD || !serverAddress) return;  // not kept
 
-  const auto known = std::ranges::find(_connections, socket, &Connection::socket);
-  auto& connection = known != _connections.end() ? *known : _connections.emplace_back();
-  connection.socket = socket;
-  connection.serverAddress = serverAddress;
-  connection.serverPort = serverPort;
-  connection.localPort = localPort;
+  std::erase_if(_connections, [&](const Connection& known) { return known.socket == socket; });
+  _connections.push_back({socket, serverAddress, serverPort, localPort});
 }
 
 bool KeptConnections::isClosed(const char* serverAddress, int serverPort, int localPort) const {

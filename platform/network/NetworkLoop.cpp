@@ -15,11 +15,6 @@ namespace {
 
 constexpr std::size_t eventsPerWait = 64;
 
-Descriptor made(int descriptor) {
-  if (descriptor < 0) throw std::system_error(errno, std::generic_category(), "network loop");
-  return Descriptor(descriptor);
-}
-
 // Level-triggered: what a handler leaves is reported again.
 bool watch(int poll, int descriptor, std::uint64_t source) {
   epoll_event wanted{};
@@ -55,10 +50,8 @@ class NetworkLoop::EntrySource final : public Timer {
 };
 
 NetworkLoop::NetworkLoop(std::shared_ptr<Clock> clock, std::function<void()> onIdle)
-    : _clock(std::move(clock)),
-      _onIdle(std::move(onIdle)),
-      _poll(made(epoll_create1(EPOLL_CLOEXEC))) {
-  if (!watch(_poll.get(), _wakeup.descriptor(), noSource))
+    : _clock(std::move(clock)), _onIdle(std::move(onIdle)), _poll(epoll_create1(EPOLL_CLOEXEC)) {
+  if (!_poll || !watch(_poll.get(), _wakeup.descriptor(), noSource))
     throw std::system_error(errno, std::generic_category(), "network loop");
 }
 

@@ -120,10 +120,4 @@ Result<PeerIdentity> peerIdentity(int socket) {
   return peer;
 }
 
-std::string description(const PeerIdentity& peer) {
-  std::string text = fmt::format("pid {} uid {}", peer.pid, peer.uid);
-  if (!peer.unit.empty()) text += " unit " + peer.unit;
-  return text;
-}
-
 }  // namespace corvid

@@ -27,9 +27,6 @@ struct PeerIdentity {
 // Reads the identity from a connected Unix stream socket. The failure's code is the system's.
 Result<PeerIdentity> peerIdentity(int socket);
 
-// For log lines: "pid 123 uid 1000", and the unit where there is one.
-std::string description(const PeerIdentity& peer);
-
 // The unit that the lines of a process's /proc/PID/cgroup name: the outermost service or scope, so
 // that nobody can choose it who only has a part of the tree. Empty where they name none.
 std::string unitOfControlGroups(std::string_view lines);

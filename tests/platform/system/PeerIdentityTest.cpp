@@ -105,14 +105,5 @@ TEST_F(PeerIdentityTest, OfWhatIsNoSocketIsAFailure) {
   EXPECT_EQ(peer.failure().code, ENOTSOCK);
 }
 
-TEST(PeerDescription, NamesProcessUserAndUnit) {
-  PeerIdentity peer;
-  peer.pid = 123;
-  peer.uid = 1000;
-  EXPECT_EQ(description(peer), "pid 123 uid 1000");
-  peer.unit = "corvid-media.service";
-  EXPECT_EQ(description(peer), "pid 123 uid 1000 unit corvid-media.service");
-}
-
 }  // namespace
 }  // namespace corvid
