@@ -23,8 +23,8 @@ namespace corvid::library {
 
 // Threads   connect, submit and close: any. What serves the session runs on a thread of its own,
 //           which is also the one that calls the host back; client/Link.h starts it.
-// Limits    mostQueuedCalls and mostQueuedBytes; a larger single call passes through an empty
-// queue. Locks     The host is never called with one held.
+// Limits    mostQueuedCalls and mostQueuedBytes; where nothing waits, a larger call is taken too.
+// Locks     The host is never called with one held.
 class Session {
  public:
   static constexpr std::size_t mostQueuedCalls = 4096;
