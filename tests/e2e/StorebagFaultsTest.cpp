@@ -15,6 +15,7 @@
 #include "tests/e2e/LabFixture.h"
 #include "tests/e2e/Limits.h"
 #include "tests/platform/data/BinaryListBuilder.h"
+#include "tests/support/SigningKeys.h"
 #include "tests/support/Waiting.h"
 #include "tools/lab/HTTPServer.h"
 #include "tools/lab/StorebagSigner.h"
@@ -139,7 +140,7 @@ TEST_F(StorebagFaults, WhatWasChangedAfterItWasSignedIsRefused) {
 }
 
 TEST_F(StorebagFaults, AnotherSignersStorebagIsRefused) {
-  const lab::StorebagSigner stranger(_root.path("stranger.pem"));
+  const lab::StorebagSigner stranger(signingKeyFile("strange"));
   expectRefused(body(stranger.envelope(writeXMLPropertyList(storebagPostingTo(urlOf("events"))))),
                 unverified);
   _root.write(keyFile, stranger.publicKeyDER());

@@ -80,8 +80,14 @@ TEST_P(HTTPClientQueueTest, ManyBytesFillTheShareOfAHostAndNotTheQueue) {
 }
 
 TEST_P(HTTPClientQueueTest, ThoseWithPatienceWaitForRoom) {
-  constexpr std::size_t threads = 3, posts = 12;
-  serve(lab::Answer{});
+  constexpr std::size_t threads = 3, posts = 3;
+  std::counting_semaphore<> gate(0);
+  serve([&](const lab::Request& request) {
+    if (request.target == "/silent") gate.acquire();
+    return lab::Answer{};
+  });
+  occupyConnections();
+  fillTheShare();
   std::vector<std::thread> clients;
   for (std::size_t i = 0; i < threads; ++i)
     clients.emplace_back([&] {
@@ -91,8 +97,11 @@ TEST_P(HTTPClientQueueTest, ThoseWithPatienceWaitForRoom) {
         client->start(std::move(patient), outcomes.completion());
       }
     });
+  EXPECT_TRUE(clock->awaitSleeper(20s));
+  EXPECT_EQ(client->exchangesUnderWay(), CurlHTTPClient::mostConnectionsPerHost + 1);
+  gate.release(CurlHTTPClient::mostConnectionsPerHost);
   for (std::thread& thread : clients) thread.join();
-  ASSERT_TRUE(outcomes.waitFor(threads * posts));
+  ASSERT_TRUE(outcomes.waitFor(1 + threads * posts));
   for (const HTTPOutcome& outcome : outcomes.all()) EXPECT_TRUE(outcome.response);
   EXPECT_EQ(client->exchangesRefused(), 0u);
 }

@@ -6,7 +6,7 @@
 
 #include "base/Reading.h"
 #include "platform/data/JSON.h"
-#include "tests/support/Scratch.h"
+#include "tests/support/SigningKeys.h"
 #include "tests/support/ToolProcess.h"
 #include "tests/tools/lab/Peer.h"
 
@@ -42,7 +42,7 @@ class LabProgram : public testing::Test {
     return process->finish();
   }
 
-  ScratchRoot root;
+  ScratchLab root;
   std::optional<ToolProcess> process;
   Dictionary addresses;
 };
@@ -110,7 +110,7 @@ TEST_F(LabProgram, ASecondLabOfOneRootAndAPortInUseAreNamed) {
   start();
   EXPECT_EQ(runLab({"--root", root.path()}).errors,
             "corvid-lab: another lab serves " + root.path() + "\n");
-  const ScratchRoot other;
+  const ScratchLab other;
   const std::string storebags = address("storebags");
   const std::string port = storebags.substr(storebags.rfind(':') + 1);
   const ToolResult second = runLab({"--root", other.path(), "--control-port", port});
@@ -140,7 +140,7 @@ TEST_F(LabProgram, WrongUsesAreNamed) {
                    "--report-port: takes a whole number from 0 to 65535, not \"65536\"");
   expectUsageError({"--root", root.path(), "--max-age", "soon"},
                    "--max-age: takes a whole number from 0 to 1000000000, not \"soon\"");
-  EXPECT_FALSE(std::filesystem::exists(root.path("lab")));
+  EXPECT_FALSE(std::filesystem::exists(root.path("lab/tls")));
 }
 
 }  // namespace

@@ -4,7 +4,7 @@
 #include "platform/Paths.h"
 #include "platform/data/Deployment.h"
 #include "platform/data/PropertyList.h"
-#include "tests/support/Scratch.h"
+#include "tests/support/SigningKeys.h"
 #include "tests/tools/lab/LabFixture.h"
 
 namespace corvid::lab {
@@ -144,7 +144,7 @@ TEST_F(LabTest, AnotherLabCannotHaveTheSameRoot) {
 }
 
 TEST_F(LabTest, APortInUseIsNamed) {
-  const ScratchRoot other;
+  const ScratchLab other;
   const std::uint16_t port = lab.storebags().port();
   EXPECT_EQ(failureOf(other.path(), {.reportPort = port}),
             "cannot listen on 127.0.0.1 port " + std::to_string(port) + ": Address already in use");
@@ -155,7 +155,7 @@ TEST(LabRootFolders, AFileInTheWayIsNamed) {
   scratch.write("file", "x");
   EXPECT_EQ(failureOf(scratch.path("file")),
             "cannot make the folder " + scratch.path("file/lab/tls") + ": Not a directory");
-  const ScratchRoot other;
+  const ScratchLab other;
   std::filesystem::create_directories(other.path("lab/received.jsonl"));
   EXPECT_EQ(failureOf(other.path()), "cannot write " + other.path("lab/received.jsonl"));
 }

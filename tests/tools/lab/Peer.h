@@ -44,7 +44,9 @@ class Peer {
       curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body->size()));
       curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body->data());
     }
-    std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> list(nullptr, curl_slist_free_all);
+    // A large body would wait a second for an interim answer.
+    std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> list(
+        curl_slist_append(nullptr, "Expect:"), curl_slist_free_all);
     for (const std::string& header : headers)
       list.reset(curl_slist_append(list.release(), header.c_str()));
     curl_easy_setopt(curl, CURLOPT_HTTPHEADER, list.get());

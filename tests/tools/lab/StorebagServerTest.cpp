@@ -6,7 +6,7 @@
 
 #include "platform/data/Crypto.h"
 #include "platform/data/PropertyList.h"
-#include "tests/support/Scratch.h"
+#include "tests/support/SigningKeys.h"
 #include "tests/tools/lab/LabFixture.h"
 
 namespace corvid::lab {
@@ -133,7 +133,7 @@ TEST_F(StorebagServerTest, EveryStorebagNameIsThereFromTheStart) {
 }
 
 TEST(StorebagServerOptions, TheMaximumAgeIsAnOption) {
-  const ScratchRoot root;
+  const ScratchLab root;
   const Lab lab(root.path(), {.maxAge = 5});
   const Got got = Peer(root.path("lab/tls/ca.pem"))
                       .get(*stringAt(lab.addresses(), "storebags") + "/bags/birch/lumen");

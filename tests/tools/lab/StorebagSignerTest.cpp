@@ -7,7 +7,7 @@
 #include "base/Reading.h"
 #include "platform/data/Crypto.h"
 #include "platform/data/PropertyList.h"
-#include "tests/support/Scratch.h"
+#include "tests/support/SigningKeys.h"
 #include "tools/lab/StorebagSigner.h"
 
 namespace corvid::lab {
@@ -33,15 +33,16 @@ TEST_F(StorebagSignerTest, WhatItSignsVerifiesWithItsPublicKey) {
 }
 
 TEST_F(StorebagSignerTest, NothingElseVerifies) {
-  const StorebagSigner signer(keyFile);
-  const StorebagSigner other(root.path("other.pem"));
+  const StorebagSigner signer(signingKeyFile("trusted"));
+  const StorebagSigner other(signingKeyFile("strange"));
+  EXPECT_TRUE(isSigned(other, "bag", other.signature("bag")));
   EXPECT_FALSE(isSigned(signer, "bag!", signer.signature("bag")));
   EXPECT_FALSE(isSigned(signer, "bag", other.signature("bag")));
   EXPECT_FALSE(isSigned(signer, "bag", ""));
 }
 
 TEST_F(StorebagSignerTest, TheEnvelopeHoldsTheBagAndItsSignature) {
-  const StorebagSigner signer(keyFile);
+  const StorebagSigner signer(signingKeyFile("trusted"));
   const Result<Value> envelope = parsePropertyList(signer.envelope("the bag"));
   ASSERT_TRUE(envelope && envelope.value().dictionary());
   const Dictionary& entries = *envelope.value().dictionary();
