@@ -92,10 +92,6 @@ bool copyPlain(std::string_view text, char* to) {
   return (marks & everyByte(0x80)) == 0;
 }
 
-rapidjson::SizeType sizeOf(std::string_view text) {
-  return static_cast<rapidjson::SizeType>(text.size());
-}
-
 // Adds to a writer of the library what it lacks: shortest numbers, and a short way for the plain
 // texts that nearly all keys and values are.
 class ValueWriter final : public rapidjson::Writer<TextStream> {
@@ -140,7 +136,8 @@ class ValueWriter final : public rapidjson::Writer<TextStream> {
     out[0] = out[text.size() + 1] = '"';
     if (copyPlain(text, out + 1)) return true;
     os_->Pop(text.size() + 2);
-    return isValidUTF8(text) && WriteString(text.data(), sizeOf(text));
+    return isValidUTF8(text) &&
+           WriteString(text.data(), static_cast<rapidjson::SizeType>(text.size()));
   }
 
   bool writeInteger(std::int64_t number) {
