@@ -1,7 +1,5 @@
 // Clients that keep to no rule, on the real socket of the real daemon. Each loses its own
 // connection at most; another client's events arrive all the same.
-#include <capnp/rpc.capnp.h>
-#include <capnp/serialize.h>
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
@@ -19,6 +17,7 @@
 #include "tests/e2e/ClientProcess.h"
 #include "tests/e2e/LabFixture.h"
 #include "tests/e2e/Limits.h"
+#include "tests/rpc/RawMessages.h"
 #include "tests/rpc/WireClient.h"
 #include "tests/support/Waiting.h"
 
@@ -29,34 +28,10 @@ using capnp::rpc::Message;
 
 constexpr std::string_view brokeARule = " broke a rule: ";
 
-std::string numbers(const std::vector<std::uint32_t>& content) {
-  return {reinterpret_cast<const char*>(content.data()), content.size() * 4};
-}
-
-// A message of the RPC protocol.
-template <class Fill>
-std::string envelope(Fill fill) {
-  capnp::MallocMessageBuilder message;
-  fill(message.initRoot<Message>());
-  const auto words = capnp::messageToFlatArray(message);
-  const auto bytes = words.asBytes();
-  return {reinterpret_cast<const char*>(bytes.begin()), bytes.size()};
-}
-
-std::string bootstrap() {
-  return envelope([](Message::Builder m) { m.initBootstrap().setQuestionId(0); });
-}
-
 // fetchDisplayURL, and that its answer is no longer needed.
 std::string callAndFinish(std::uint32_t question) {
-  return envelope([&](Message::Builder m) {
-           auto call = m.initCall();
-           call.setQuestionId(question);
-           call.initTarget().setImportedCap(0);
-           call.setInterfaceId(capnp::typeId<wire::ClientSession>());
-           call.setMethodId(3);
-           call.initParams();
-         }) +
+  constexpr std::uint16_t fetchDisplayURL = 3;
+  return call(question, fetchDisplayURL, [](capnp::rpc::Payload::Builder) {}) +
          envelope([&](Message::Builder m) {
            auto finish = m.initFinish();
            finish.setQuestionId(question);
@@ -125,10 +100,10 @@ TEST_F(ClientFaults, RandomBytesHurtNobody) {
     return static_cast<std::uint32_t>(generator() % limit);
   };
   for (int i = 0; i < 100; ++i) {
-    std::string bytes = i % 2 == 0 ? "" : bootstrap();
+    std::string bytes = i % 2 == 0 ? "" : bootstrap(0);
     for (std::uint32_t n = random(600); n > 0; --n) bytes.push_back(static_cast<char>(random(256)));
     // So that the daemon waits for no more.
-    if (i % 4 == 1) bytes.replace(bootstrap().size(), 8, numbers({0, random(64)}));
+    if (i % 4 == 1) bytes.replace(bootstrap(0).size(), 8, numbers({0, random(64)}));
     RawClient client(socketPath());
     client.write(bytes);
     shutdown(client.socket.get(), SHUT_WR);
@@ -139,7 +114,7 @@ TEST_F(ClientFaults, RandomBytesHurtNobody) {
 }
 
 TEST_F(ClientFaults, AMessageThatEndsInTheMiddleIsAClientThatLeft) {
-  const std::string message = bootstrap() + callAndFinish(1);
+  const std::string message = bootstrap(0) + callAndFinish(1);
   for (std::size_t size = 0; size < message.size(); size += 3) {
     RawClient client(socketPath());
     client.write(message.substr(0, size));
@@ -308,7 +283,7 @@ TEST_F(ClientFaults, CallsInTheWrongOrderAreAnsweredAndHarmless) {
 TEST_F(ClientFaults, AClientThatDoesNotReadIsNotReadEither) {
   constexpr std::size_t mostBytes = std::size_t{64} << 20;
   RawClient client(socketPath());
-  ASSERT_TRUE(client.write(bootstrap()));
+  ASSERT_TRUE(client.write(bootstrap(0)));
   const timeval bound{0, 300'000};
   setsockopt(client.socket.get(), SOL_SOCKET, SO_SNDTIMEO, &bound, sizeof bound);
   std::size_t written = 0;
