@@ -7,12 +7,14 @@
 #include <cstddef>
 #include <cstdint>
 #include <istream>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "base/Value.h"
 #include "platform/Platform.h"
+#include "platform/system/SystemClock.h"
 
 namespace corvid::ctl {
 
@@ -70,14 +72,15 @@ struct PacketOptions {
 };
 
 // `dashboard send`: one packet to a dashboard server, without the daemon. Prints its log line,
-// waits, says what became of it. 0 where it was acknowledged, 2 where it was not.
-int runDashboardCommand(const PacketOptions& options);
+// waits by `clock`, says what became of it. 0 where it was acknowledged, 2 where it was not.
+int runDashboardCommand(const PacketOptions& options,
+                        std::shared_ptr<Clock> clock = std::make_shared<SystemClock>());
 
 // The services that a dashboard backend needs to send packets, installed as long as it is there.
 // Log data is not uploaded by it.
 class SendingPlatform {
  public:
-  SendingPlatform();
+  explicit SendingPlatform(std::shared_ptr<Clock> clock = std::make_shared<SystemClock>());
   ~SendingPlatform();
   SendingPlatform(const SendingPlatform&) = delete;
   SendingPlatform& operator=(const SendingPlatform&) = delete;

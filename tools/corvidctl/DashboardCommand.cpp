@@ -4,12 +4,12 @@
 #include <future>
 #include <memory>
 #include <stdexcept>
+#include <utility>
 
 #include "backends/dashboard/DashboardBackend.h"
 #include "platform/data/JSON.h"
 #include "platform/data/SystemRandom.h"
 #include "platform/network/SystemNetwork.h"
-#include "platform/system/SystemClock.h"
 #include "tools/Arguments.h"
 #include "tools/JSONValues.h"
 #include "tools/corvidctl/Commands.h"
@@ -36,9 +36,9 @@ TimeValue timeFrom(const PacketOptions& options) {
   return {options.seconds.value_or(now.seconds), options.microseconds.value_or(0)};
 }
 
-Platform::Services sendingServices() {
+Platform::Services sendingServices(std::shared_ptr<Clock> clock) {
   Platform::Services services;
-  services.clock = std::make_shared<SystemClock>();
+  services.clock = std::move(clock);
   services.random = std::make_shared<SystemRandom>();
   services.network = std::make_shared<SystemNetwork>(services.clock);
   return services;
@@ -55,13 +55,16 @@ const char* textFor(PacketFate fate) {
 
 }  // namespace
 
-SendingPlatform::SendingPlatform() : _platform(sendingServices()) { Platform::install(&_platform); }
+SendingPlatform::SendingPlatform(std::shared_ptr<Clock> clock)
+    : _platform(sendingServices(std::move(clock))) {
+  Platform::install(&_platform);
+}
 
 SendingPlatform::~SendingPlatform() { Platform::install(nullptr); }
 
-int runDashboardCommand(const PacketOptions& options) {
+int runDashboardCommand(const PacketOptions& options, std::shared_ptr<Clock> clock) {
   const Dictionary payload = payloadFrom(options.payload);
-  const SendingPlatform platform;
+  const SendingPlatform platform(std::move(clock));
   const auto fate = std::make_shared<std::promise<PacketFate>>();
   BackendIdentity identity{.sessionID = options.sessionID,
                            .compType = options.clientType,

@@ -1,12 +1,17 @@
 // `corvidctl dashboard send` against a real server.
 #include <gtest/gtest.h>
 
+#include <future>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "backends/dashboard/DashboardBackend.h"
 #include "base/Reading.h"
+#include "tests/fakes/FakeClock.h"
 #include "tests/support/ToolProcess.h"
+#include "tools/corvidctl/Commands.h"
 #include "tools/lab/DashboardServer.h"
 
 namespace corvid {
@@ -60,9 +65,19 @@ TEST_F(DashboardCommandTest, PrintsTheLogLineAndThenThatThePacketArrived) {
 
 TEST_F(DashboardCommandTest, SaysThatNoAcknowledgementCame) {
   server.setFaults({}, {.drop = 1}, 1);
-  const ToolResult result = send({});
-  EXPECT_EQ(result.status, 2) << result.errors;
-  const auto lines = linesOf(result.output);
+  ctl::PacketOptions packet;
+  packet.ip = "127.0.0.1";
+  packet.port = server.port();
+  packet.method = 7;
+  const auto clock = std::make_shared<FakeClock>();
+  testing::internal::CaptureStdout();
+  auto status =
+      std::async(std::launch::async, [&] { return ctl::runDashboardCommand(packet, clock); });
+  constexpr int ticks = 20;
+  for (int i = 0; i < ticks && clock->awaitSleeper(DashboardBackend::defaultPeriod); ++i)
+    clock->advance(DashboardBackend::defaultPeriod);
+  EXPECT_EQ(status.get(), 2);
+  const auto lines = linesOf(testing::internal::GetCapturedStdout());
   ASSERT_EQ(lines.size(), 2u);
   EXPECT_EQ(lines[1], "dropped: no acknowledgement came");
   EXPECT_EQ(server.packetsReceived(), 5u) << "after five transmissions";
