@@ -1,8 +1,9 @@
 #include "base/Value.h"
 
 #include <bit>
-#include <functional>
 #include <utility>
+
+#include "base/KeyedHash.h"
 
 namespace corvid {
 
@@ -62,7 +63,7 @@ std::size_t Dictionary::position(std::string_view key) const {
     return _entries.size();
   }
   const std::size_t mask = _index.size() - 1;
-  for (std::size_t slot = std::hash<std::string_view>{}(key)&mask;; slot = (slot + 1) & mask) {
+  for (std::size_t slot = KeyedHash{}(key)&mask;; slot = (slot + 1) & mask) {
     if (_index[slot] == 0) return _entries.size();
     if (_entries[_index[slot] - 1].key == key) return _index[slot] - 1;
   }
@@ -109,7 +110,7 @@ bool Dictionary::erase(std::string_view key) {
 
 void Dictionary::insertIntoIndex(std::size_t entry) {
   const std::size_t mask = _index.size() - 1;
-  std::size_t slot = std::hash<std::string_view>{}(_entries[entry].key) & mask;
+  std::size_t slot = KeyedHash{}(_entries[entry].key) & mask;
   while (_index[slot] != 0) slot = (slot + 1) & mask;
   _index[slot] = static_cast<std::uint32_t>(entry + 1);
 }

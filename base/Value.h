@@ -84,7 +84,8 @@ class Value {
 };
 
 // String keys to values, in order of insertion. Small dictionaries are searched linearly; from
-// `indexThreshold` entries on a hash index is kept, so that no client can make look-ups slow.
+// `indexThreshold` entries on an index by keyed hash is kept, so that no client can make look-ups
+// slow.
 class Dictionary {
  public:
   struct Entry {
@@ -117,8 +118,8 @@ class Dictionary {
   // the entry.
   template <class F>
   void transformEntries(F&& change) {
-    std::erase_if(_entries, [&](Entry& e) { return !change(std::as_const(e.key), e.value); });
-    rebuildIndex();
+    const auto drops = [&](Entry& e) { return !change(std::as_const(e.key), e.value); };
+    if (std::erase_if(_entries, drops) > 0) rebuildIndex();
   }
 
   bool operator==(const Dictionary& other) const;

@@ -6,6 +6,7 @@
 #include <variant>
 #include <vector>
 
+#include "base/KeyedHash.h"
 #include "base/Text.h"
 #include "platform/data/PropertyListForms.h"
 
@@ -152,7 +153,7 @@ class BinaryWriter {
   }
 
   std::vector<Object> _objects;
-  std::unordered_map<std::string_view, std::uint32_t> _strings;
+  std::unordered_map<std::string_view, std::uint32_t, KeyedHash> _strings;
   std::size_t _referenceSize = 1;
   std::string _out;
 };

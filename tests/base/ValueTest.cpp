@@ -83,6 +83,17 @@ TEST(Dictionary, TransformChangesAndDropsEntries) {
   EXPECT_EQ(dictionary, (Dictionary{{"keep", "changed"}}));
 }
 
+TEST(Dictionary, TransformedKeysAreFoundWhetherSomeWereDroppedOrNot) {
+  for (const bool drops : {false, true}) {
+    Dictionary dictionary;
+    for (int i = 0; i < 200; ++i) dictionary.set(std::to_string(i), i);
+    dictionary.transformEntries(
+        [&](const std::string& key, Value&) { return !drops || key != "7"; });
+    EXPECT_EQ(dictionary.contains("7"), !drops);
+    for (int i = 100; i < 200; ++i) EXPECT_EQ(*dictionary.find(std::to_string(i)), Value(i));
+  }
+}
+
 TEST(Dictionary, AddedEntriesWinOverEqualKeys) {
   Dictionary dictionary{{"a", 1}, {"b", 1}};
   dictionary.addEntriesFrom(Dictionary{{"b", 2}, {"c", 2}});
