@@ -1,6 +1,9 @@
 #include "base/Log.h"
 
-#include <iterator>
+#include <algorithm>
+#include <array>
+
+#include "base/LogLine.h"
 
 namespace corvid {
 
@@ -20,11 +23,19 @@ void installLog(LogSink* sink, LogLevel threshold) {
 void detail::writeLog(LogLevel level, fmt::string_view format, fmt::format_args arguments) {
   LogSink* sink = installedSink.load();
   if (sink == nullptr) return;
-  fmt::memory_buffer text;
-  fmt::vformat_to(std::back_inserter(text), format, arguments);
-  std::string_view line(text.data(), text.size());
-  if (line.ends_with('\n')) line.remove_suffix(1);
-  sink->write(level, line);
+  // What comes after the limit is counted and never stored.
+  std::array<char, logLineLimit> text;
+  std::size_t bytes = fmt::vformat_to_n(text.begin(), text.size(), format, arguments).size;
+  std::string_view line(text.data(), std::min(bytes, text.size()));
+  if (bytes == line.size() && line.ends_with('\n')) {
+    line.remove_suffix(1);
+    --bytes;
+  }
+  const auto isPlain = [](char c) { return c >= ' ' && c <= '~'; };
+  if (bytes == line.size() && std::ranges::all_of(line, isPlain))
+    sink->write(level, line);
+  else
+    sink->write(level, logLine(line, bytes));
 }
 
 }  // namespace corvid

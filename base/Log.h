@@ -14,8 +14,8 @@ namespace corvid {
 // The values are those of syslog.
 enum class LogLevel : int { error = 3, warning = 4, info = 6, debug = 7 };
 
-// Where log lines go. write() is called from any thread, one finished text a call, without a line
-// end; lines of one thread keep their order.
+// Where log lines go. write() is called from any thread, one finished line a call (base/LogLine.h),
+// without a line end; lines of one thread keep their order.
 class LogSink {
  public:
   virtual ~LogSink() = default;
@@ -34,10 +34,6 @@ void log(LogLevel level, fmt::format_string<A...> format, const A&... arguments)
     writeLog(level, format, fmt::make_format_args(arguments...));
 }
 }  // namespace detail
-
-inline bool logEnabled(LogLevel level) {
-  return static_cast<int>(level) <= detail::logThreshold.load(std::memory_order_relaxed);
-}
 
 template <class... A>
 void logError(fmt::format_string<const A&...> format, const A&... arguments) {

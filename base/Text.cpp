@@ -15,17 +15,13 @@ namespace {
 
 constexpr char32_t replacement = 0xFFFD;
 
-struct Decoded {
-  char32_t character = replacement;
-  std::size_t length = 1;  // bytes consumed, 1 or more
-  bool valid = false;
-};
-
 bool isContinuation(std::string_view text, std::size_t at) {
   return at < text.size() && (static_cast<unsigned char>(text[at]) & 0xC0) == 0x80;
 }
 
-Decoded decode(std::string_view text, std::size_t at) {
+}  // namespace
+
+DecodedCharacter decodeUTF8(std::string_view text, std::size_t at) {
   const auto byte = [&](std::size_t i) {
     return static_cast<char32_t>(static_cast<unsigned char>(text[i]));
   };
@@ -51,6 +47,8 @@ Decoded decode(std::string_view text, std::size_t at) {
     return {replacement, length, false};
   return {character, length, true};
 }
+
+namespace {
 
 // The C library's Unicode tables, whatever locale the process runs in. C.UTF-8 is part of every
 // Debian system; without it only ASCII letters are mapped.
@@ -81,7 +79,7 @@ std::string mapped(std::string_view text, Mapping mapping) {
   std::string result;
   result.reserve(text.size());
   for (std::size_t at = 0; at < text.size();) {
-    const Decoded decoded = decode(text, at);
+    const DecodedCharacter decoded = decodeUTF8(text, at);
     if (decoded.valid)
       appendUTF8(result, mapping(decoded.character));
     else
@@ -133,7 +131,7 @@ void appendUTF8(std::string& text, char32_t character) {
 bool isValidUTF8(std::string_view text) {
   if (isASCII(text)) return true;
   for (std::size_t at = 0; at < text.size();) {
-    const Decoded decoded = decode(text, at);
+    const DecodedCharacter decoded = decodeUTF8(text, at);
     if (!decoded.valid) return false;
     at += decoded.length;
   }
@@ -144,7 +142,7 @@ std::string replacingInvalidUTF8(std::string_view text) {
   std::string result;
   result.reserve(text.size());
   for (std::size_t at = 0; at < text.size();) {
-    const Decoded decoded = decode(text, at);
+    const DecodedCharacter decoded = decodeUTF8(text, at);
     appendUTF8(result, decoded.character);
     at += decoded.length;
   }
@@ -155,7 +153,7 @@ std::u16string utf16(std::string_view text) {
   std::u16string units;
   units.reserve(text.size());
   for (std::size_t at = 0; at < text.size();) {
-    const Decoded decoded = decode(text, at);
+    const DecodedCharacter decoded = decodeUTF8(text, at);
     at += decoded.length;
     if (decoded.character < 0x10000) {
       units.push_back(static_cast<char16_t>(decoded.character));

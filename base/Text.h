@@ -16,6 +16,14 @@ constexpr bool isASCIILetterOrDigit(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
 }
 
+struct DecodedCharacter {
+  char32_t character = 0xFFFD;  // that one where the bytes are ill-formed
+  std::size_t length = 1;       // bytes that it takes, 1 or more
+  bool valid = false;
+};
+// The character that begins at `at`, which is before the end.
+DecodedCharacter decodeUTF8(std::string_view text, std::size_t at);
+
 // True for well-formed UTF-8 (no overlong forms, no surrogates, at most U+10FFFF).
 bool isValidUTF8(std::string_view text);
 // `text` with each ill-formed byte sequence replaced by U+FFFD.

@@ -7,7 +7,6 @@
 #include <spdlog/sinks/syslog_sink.h>
 #include <syslog.h>
 
-#include <algorithm>
 #include <string_view>
 #include <utility>
 
@@ -23,33 +22,6 @@ spdlog::level::level_enum spdlogLevel(LogLevel level) {
     case LogLevel::debug: return spdlog::level::debug;
   }
   return spdlog::level::debug;
-}
-
-bool isControl(char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }
-
-// U+0080 to U+009F are control characters too: terminals act on them.
-bool isSecondControl(std::string_view text, std::size_t at) {
-  return text[at] == '\xc2' && at + 1 < text.size() &&
-         static_cast<unsigned char>(text[at + 1]) < 0xa0;
-}
-
-std::string escapingControls(std::string_view text) {
-  std::string escaped;
-  escaped.reserve(text.size() + 16);
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const char c = text[i];
-    if (c == '\n')
-      escaped += "\\n";
-    else if (c == '\t')
-      escaped += "\\t";
-    else if (isControl(c))
-      escaped += fmt::format("\\x{:02x}", static_cast<unsigned char>(c));
-    else if (isSecondControl(text, i))
-      escaped += fmt::format("\\x{:02x}", static_cast<unsigned char>(text[++i]));
-    else
-      escaped.push_back(c);
-  }
-  return escaped;
 }
 
 class SpdlogSink final : public LogSink {
@@ -68,10 +40,9 @@ class SpdlogSink final : public LogSink {
   }
 
   void write(LogLevel level, std::string_view text) override {
-    const std::string line = escapingControls(text);
     try {
       _sink->log(
-          spdlog::details::log_msg(_program, spdlogLevel(level), {line.data(), line.size()}));
+          spdlog::details::log_msg(_program, spdlogLevel(level), {text.data(), text.size()}));
     } catch (const std::exception&) {
       // A full disk behind standard error is no reason to end the process.
     }

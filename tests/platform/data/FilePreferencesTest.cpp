@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "base/Descriptor.h"
+#include "base/LogLine.h"
 #include "platform/data/FilePreferences.h"
 #include "platform/data/PropertyList.h"
 #include "tests/fakes/CapturedLog.h"
@@ -257,9 +258,8 @@ TEST_F(FilePreferencesTest, NoNameLeadsOutOfTheFolder) {
     EXPECT_FALSE(preferences.value(name, "k")) << name;
     EXPECT_TRUE(preferences.keys(name).empty()) << name;
     EXPECT_FALSE(preferences.removeValue(name, "k")) << name;
-    EXPECT_EQ(log.count(LogLevel::error,
-                        "FilePreferences: \"" + name + "\" is no name of a preference suite"),
-              4);
+    const std::string line = "FilePreferences: \"" + name + "\" is no name of a preference suite";
+    EXPECT_EQ(log.count(LogLevel::error, logLine(line, line.size())), 4);
   }
   EXPECT_EQ(filesInFolder(), 0u);
   EXPECT_TRUE(preferences.setValue(std::string(200, 'x'), "k", 1));

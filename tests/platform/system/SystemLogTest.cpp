@@ -103,8 +103,10 @@ TEST(SystemLog, OnTheSystemLogIsClosedWithTheSink) {
 TEST(SystemLog, OnTheSystemLogEscapesControlCharacters) {
   calls = {};
   const auto sink = openSystemLog("corvidd", LogDestination::syslog);
-  sink->write(LogLevel::info, "a\nb\tc\rd\x1b[31me\x7f");
-  sink->write(LogLevel::info, std::string_view("x\0y", 3));
+  installLog(sink.get(), LogLevel::info);
+  logInfo("{}", "a\nb\tc\rd\x1b[31me\x7f");
+  logInfo("{}", std::string_view("x\0y", 3));
+  installLog(nullptr, LogLevel::info);
   EXPECT_THAT(calls.lines,
               ElementsAre(Pair(6, "a\\nb\\tc\\x0dd\\x1b[31me\\x7f"), Pair(6, "x\\x00y")));
 }
@@ -128,14 +130,16 @@ TEST(SystemLog, OnStandardErrorPutsTimeLevelAndProcessBeforeTheTextAndNothingAft
 TEST(SystemLog, OnStandardErrorCannotBeForgedByAText) {
   const auto lines = standardError([] {
     const auto sink = openSystemLog("corvidd", LogDestination::standardError);
-    sink->write(LogLevel::info, "a\n2026-01-01 00:00:00.000 error corvidd[1]: forged");
-    sink->write(LogLevel::info, "\x9b is no text, \xc2\x9b is a control, \xc3\xa4 is not");
+    installLog(sink.get(), LogLevel::info);
+    logInfo("{}", "a\n2026-01-01 00:00:00.000 error corvidd[1]: forged");
+    logInfo("{}", "\x9b is no text, \xc2\x9b is a control, \xc3\xa4 is not");
+    installLog(nullptr, LogLevel::info);
   });
   ASSERT_EQ(lines.size(), 2u);
   EXPECT_THAT(lines[0],
               testing::EndsWith(": a\\n2026-01-01 00:00:00.000 error corvidd[1]: forged"));
   EXPECT_THAT(lines[1],
-              testing::EndsWith(": \x9b is no text, \\x9b is a control, \xc3\xa4 is not"));
+              testing::EndsWith(": \\x9b is no text, \\x9b is a control, \xc3\xa4 is not"));
 }
 
 TEST(SystemLog, TakesAProgramNameAsItIs) {
