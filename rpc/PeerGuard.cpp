@@ -75,17 +75,18 @@ kj::Promise<PeerGuard::Incoming> PeerGuard::readWhenAllowed(
 std::optional<std::string> PeerGuard::breachOf(Message::Reader message) {
   std::size_t capabilities = 0;
   switch (message.which()) {
-    case Message::CALL:
-      capabilities = message.getCall().getParams().getCapTable().size();
-      [[fallthrough]];
+    case Message::CALL: {
+      const auto call = message.getCall();
+      // Kept for a later call, an answer could wait for ever.
+      if (!call.getSendResultsTo().isCaller()) return "a call whose answer is not for its caller";
+      capabilities = call.getParams().getCapTable().size();
+      if (auto breach = begin(call.getQuestionId())) return breach;
+      break;
+    }
     case Message::BOOTSTRAP:
-      ++_unanswered;
-      if (++_unfinished > limits::unfinishedCalls)
-        return fmt::format("more than {} unfinished calls", limits::unfinishedCalls);
+      if (auto breach = begin(message.getBootstrap().getQuestionId())) return breach;
       break;
-    case Message::FINISH:
-      if (_unfinished > 0) --_unfinished;
-      break;
+    case Message::FINISH: _unfinished.erase(message.getFinish().getQuestionId()); break;
     case Message::RETURN:
       if (const auto answer = message.getReturn(); answer.isResults())
         capabilities = answer.getResults().getCapTable().size();
@@ -95,6 +96,13 @@ std::optional<std::string> PeerGuard::breachOf(Message::Reader message) {
   if (capabilities > limits::capabilitiesPerMessage)
     return fmt::format("a message with {} capabilities", capabilities);
   return std::nullopt;
+}
+
+std::optional<std::string> PeerGuard::begin(std::uint32_t question) {
+  ++_unanswered;
+  _unfinished.insert(question);
+  if (_unfinished.size() <= limits::unfinishedCalls) return std::nullopt;
+  return fmt::format("more than {} unfinished calls", limits::unfinishedCalls);
 }
 
 void PeerGuard::inspectOutgoing(kj::ArrayPtr<const kj::ArrayPtr<const capnp::word>> segments) {

@@ -15,8 +15,10 @@
 #include <capnp/serialize-async.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 
@@ -54,6 +56,7 @@ class PeerGuard final : public capnp::MessageStream {
   kj::Promise<Incoming> readWhenAllowed(kj::ArrayPtr<kj::AutoCloseFd> descriptorSpace);
   kj::Promise<Incoming> refuse(std::string rule);
   std::optional<std::string> breachOf(capnp::rpc::Message::Reader message);
+  std::optional<std::string> begin(std::uint32_t question);
   void inspectOutgoing(kj::ArrayPtr<const kj::ArrayPtr<const capnp::word>> segments);
   void openGate();
 
@@ -61,8 +64,8 @@ class PeerGuard final : public capnp::MessageStream {
   const std::function<void(const std::string&)> _broken;
   const std::function<void()> _written;
   std::optional<std::string> _breach;
-  std::size_t _unanswered = 0;  // calls begun less calls returned
-  std::size_t _unfinished = 0;  // calls begun less calls that the client has finished with
+  std::size_t _unanswered = 0;          // calls begun less calls returned
+  std::set<std::uint32_t> _unfinished;  // questions of calls that the client has not finished with
   bool _writing = false;
   kj::Own<kj::PromiseFulfiller<void>> _gate;  // of a read that is held back
 };

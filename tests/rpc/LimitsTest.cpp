@@ -218,6 +218,34 @@ TEST_F(Limits, TooManyUnfinishedCalls) {
   EXPECT_EQ(ruleAgainst(calls), "more than 1024 unfinished calls");
 }
 
+TEST_F(Limits, TooManyUnfinishedCallsBesideOneThatIsFinishedAgainAndAgain) {
+  constexpr std::uint16_t flush = 5;
+  std::vector<FlushReply> held;
+  delegate->onSession = [&](RecordingSession& session, auto&) {
+    session.onFlush = [&](FlushReply reply) { held.push_back(std::move(reply)); };
+  };
+  const std::string finish = envelope([](Message::Builder m) { m.initFinish().setQuestionId(1); });
+  std::string calls =
+      bootstrap(0) + call(1, flush, [](capnp::rpc::Payload::Builder parameters) {
+        parameters.getContent().initAs<wire::ClientSession::FlushParams>().setReplyWanted(true);
+      });
+  for (std::uint32_t i = 2; i <= limits::unfinishedCalls + 1; ++i)
+    calls += call(i, 3, [](auto) {}) + finish;
+  EXPECT_EQ(ruleAgainst(calls), "more than 1024 unfinished calls");
+}
+
+TEST_F(Limits, ACallWhoseAnswerIsToBeKeptForAnother) {
+  const std::string kept = envelope([](Message::Builder m) {
+    auto call = m.initCall();
+    call.setQuestionId(1);
+    call.initTarget().setImportedCap(0);
+    call.setInterfaceId(capnp::typeId<wire::ClientSession>());
+    call.setMethodId(3);
+    call.getSendResultsTo().setYourself();
+  });
+  EXPECT_EQ(ruleAgainst(bootstrap(0) + kept), "a call whose answer is not for its caller");
+}
+
 TEST_F(Limits, ACallOfAnObjectThatIsNotThere) {
   const std::string rule = ruleAgainst(
       envelope([](Message::Builder m) { m.initCall().initTarget().setImportedCap(17); }));
