@@ -1,6 +1,7 @@
 #include "config/StorebagFetch.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <limits>
 #include <utility>
@@ -57,8 +58,14 @@ HTTPRequest storebagRequest(std::string url, const std::optional<std::string>& l
 
 std::string readPublicKey() {
   Platform& platform = Platform::current();
-  auto key = platform.files().readFile(platform.paths().publicKeyFile, publicKeyLimit);
-  return key ? std::move(key).value() : std::string();
+  const std::string& path = platform.paths().publicKeyFile;
+  auto content = platform.files().readFile(path, publicKeyLimit);
+  if (!content) return {};
+  const auto key = RSAPublicKey::fromDER(content.value());
+  if (!key && key.failure().code == EKEYREJECTED)
+    logError("fetchStorebagWithName: {} is {}; no storebag is accepted with it", path,
+             key.failure().message);
+  return std::move(content).value();
 }
 
 const Dictionary* dictionaryIn(const Result<Value>& parsed) {
@@ -141,7 +148,7 @@ std::optional<Dictionary> storebagFromEnvelope(std::string_view envelope,
     logError("fetchStorebagWithName: Signature is missing");
     return std::nullopt;
   }
-  const std::optional<RSAPublicKey> key = RSAPublicKey::fromDER(publicKeyDER);
+  const Result<RSAPublicKey> key = RSAPublicKey::fromDER(publicKeyDER);
   if (!key) return std::nullopt;
   const auto signature = base64DecodeIgnoringUnknownCharacters(*signatureText);
   if (!signature) return std::nullopt;
@@ -150,8 +157,9 @@ std::optional<Dictionary> storebagFromEnvelope(std::string_view envelope,
   const auto bag = base64DecodeIgnoringUnknownCharacters(*bagText);
   if (!bag) return std::nullopt;
 
-  if (!verifyStorebagSignature(*key, *bag, *signature)) {
-    logError("fetchStorebagWithName: Signature can not be verified, {}", key->address());
+  if (!verifyStorebagSignature(key.value(), *bag, *signature)) {
+    logError("fetchStorebagWithName: Signature can not be verified, {:#018x}",
+             key.value().fingerprint());
     return std::nullopt;
   }
   const Result<Value> storebag = parsePropertyList(*bag);

@@ -101,7 +101,11 @@ void checkPublicKey(const Paths& paths, Findings& found) {
   if (!content) {
     found.wrong(paths.publicKeyFile,
                 content.failure().message + "; install the key that the storebags are signed with");
-  } else if (!RSAPublicKey::fromDER(content.value())) {
+  } else if (const auto key = RSAPublicKey::fromDER(content.value());
+             !key && key.failure().code == EKEYREJECTED) {
+    found.wrong(paths.publicKeyFile,
+                key.failure().message + "; make a new pair with openssl genrsa 3072");
+  } else if (!key) {
     found.wrong(paths.publicKeyFile,
                 "no RSA public key in DER form; convert it with openssl rsa -outform DER");
   } else {

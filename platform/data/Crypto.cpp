@@ -1,10 +1,12 @@
 #include "platform/data/Crypto.h"
 
+#include <fmt/format.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <utility>
 
@@ -56,7 +58,7 @@ template <class Decode>
 Owned<EVP_PKEY> decodeWhole(std::string_view der, Decode decode) {
   const unsigned char* at = bytesOf(der);
   Owned<EVP_PKEY> key(decode(&at, static_cast<long>(der.size())));
-  if (key && (at != bytesOf(der) + der.size() || EVP_PKEY_is_a(key.get(), "RSA") != 1)) key.reset();
+  if (at != bytesOf(der) + der.size()) key.reset();
   return key;
 }
 
@@ -76,7 +78,7 @@ SHA256Digest hmacSHA256(std::string_view key, std::string_view message) {
   return code;
 }
 
-std::optional<RSAPublicKey> RSAPublicKey::fromDER(std::string_view der) {
+Result<RSAPublicKey> RSAPublicKey::fromDER(std::string_view der) {
   const ErrorQueueMark mark;
   Owned<EVP_PKEY> key = decodeWhole(
       der, [](const unsigned char** at, long length) { return d2i_PUBKEY(nullptr, at, length); });
@@ -84,8 +86,27 @@ std::optional<RSAPublicKey> RSAPublicKey::fromDER(std::string_view der) {
     key = decodeWhole(der, [](const unsigned char** at, long length) {
       return d2i_PublicKey(EVP_PKEY_RSA, nullptr, at, length);
     });
-  if (!key) return std::nullopt;
+  if (!key) return Failure{"no public key in DER form"};
+  if (EVP_PKEY_is_a(key.get(), "RSA") != 1)
+    return Failure{fmt::format("a key of the kind {}, where RSA is needed",
+                               EVP_PKEY_get0_type_name(key.get())),
+                   EKEYREJECTED};
+  if (const int bits = EVP_PKEY_get_bits(key.get()); bits < leastBits)
+    return Failure{fmt::format("an RSA key of {} bits, fewer than {}", bits, leastBits),
+                   EKEYREJECTED};
   return RSAPublicKey(std::move(key));
+}
+
+std::uint64_t RSAPublicKey::fingerprint() const {
+  unsigned char* bytes = nullptr;
+  const int size = i2d_PUBKEY(_key.get(), &bytes);
+  const std::string der(reinterpret_cast<const char*>(bytes),
+                        size > 0 ? static_cast<std::size_t>(size) : 0);
+  OPENSSL_free(bytes);
+  std::uint64_t first = 0;
+  const SHA256Digest digest = sha256(der);
+  for (std::size_t at = 0; at < sizeof first; ++at) first = first << 8 | digest[at];
+  return first;
 }
 
 bool RSAPublicKey::verifies(const SHA1Digest& digest, std::string_view signature) const {

@@ -11,6 +11,8 @@
 
 struct evp_pkey_st;  // the library's
 
+#include "base/Result.h"
+
 namespace corvid {
 
 using SHA1Digest = std::array<std::uint8_t, 20>;
@@ -23,13 +25,17 @@ SHA256Digest hmacSHA256(std::string_view key, std::string_view message);
 // An RSA public key. Immutable; any thread.
 class RSAPublicKey {
  public:
-  // From a DER SubjectPublicKeyInfo or a bare RSAPublicKey; nothing when it is neither.
-  static std::optional<RSAPublicKey> fromDER(std::string_view der);
+  static constexpr int leastBits = 2048;
+
+  // From a DER SubjectPublicKeyInfo or a bare RSAPublicKey. The failure's code is EKEYREJECTED for
+  // a key that is too short or of another kind, 0 for what is no key.
+  static Result<RSAPublicKey> fromDER(std::string_view der);
 
   // RSA PKCS#1 v1.5 with the SHA-1 digest identifier over a digest made before.
   bool verifies(const SHA1Digest& digest, std::string_view signature) const;
-  // The key object's address, for log lines.
-  const void* address() const { return _key.get(); }
+  // Tells keys apart in log lines: the first eight bytes of the SHA-256 of its
+  // SubjectPublicKeyInfo.
+  std::uint64_t fingerprint() const;
 
  private:
   explicit RSAPublicKey(std::shared_ptr<evp_pkey_st> key) : _key(std::move(key)) {}

@@ -1,6 +1,11 @@
+#include <fmt/format.h>
 #include <gtest/gtest.h>
+#include <openssl/ec.h>
+#include <openssl/rsa.h>
+#include <openssl/x509.h>
 
 #include <chrono>
+#include <memory>
 #include <thread>
 
 #include "config/StorebagFetch.h"
@@ -290,6 +295,26 @@ TEST_F(StorebagFetch, AMissingOrUnusableKeyFileIsNotLogged) {
   EXPECT_FALSE(fetch());
   EXPECT_EQ(platform.log.lines().size(), 3u) << "one line with the URL for each fetch";
   EXPECT_EQ(platform.log.texts(LogLevel::debug).size(), 3u);
+}
+
+TEST_F(StorebagFetch, AKeyThatIsTooShortOrOfAnotherKindIsNamed) {
+  const auto errorWith = [&](EVP_PKEY* made) {
+    const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(made, &EVP_PKEY_free);
+    unsigned char* bytes = nullptr;
+    const int size = i2d_PUBKEY(key.get(), &bytes);
+    platform.files->files[paths.publicKeyFile].content.assign(reinterpret_cast<const char*>(bytes),
+                                                              static_cast<std::size_t>(size));
+    OPENSSL_free(bytes);
+    platform.log.clear();
+    EXPECT_FALSE(fetch());
+    const auto errors = platform.log.texts(LogLevel::error);
+    return errors.size() == 1 ? errors.front() : fmt::format("{} errors", errors.size());
+  };
+  const std::string start = "fetchStorebagWithName: " + paths.publicKeyFile + " is ";
+  const std::string end = "; no storebag is accepted with it";
+  EXPECT_EQ(errorWith(EVP_RSA_gen(1024)), start + "an RSA key of 1024 bits, fewer than 2048" + end);
+  EXPECT_EQ(errorWith(EVP_EC_gen("P-256")),
+            start + "a key of the kind EC, where RSA is needed" + end);
 }
 
 TEST_F(StorebagFetch, BlocksItsCallerUntilTheExchangeEnds) {

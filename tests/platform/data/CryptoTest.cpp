@@ -91,8 +91,7 @@ TEST_F(RSAPublicKeyTest, VerifiesWithBothFormsOfTheKey) {
   for (const std::string& form : {subjectPublicKeyInfo(), bareKey()}) {
     const auto key = RSAPublicKey::fromDER(form);
     ASSERT_TRUE(key);
-    EXPECT_NE(key->address(), nullptr);
-    EXPECT_TRUE(key->verifies(sha1("the bag"), signature("the bag")));
+    EXPECT_TRUE(key.value().verifies(sha1("the bag"), signature("the bag")));
   }
 }
 
@@ -100,20 +99,20 @@ TEST_F(RSAPublicKeyTest, RefusesAnotherDigestAndAnAlteredSignature) {
   const auto key = RSAPublicKey::fromDER(subjectPublicKeyInfo());
   ASSERT_TRUE(key);
   std::string altered = signature("the bag");
-  EXPECT_FALSE(key->verifies(sha1("the bug"), altered));
+  EXPECT_FALSE(key.value().verifies(sha1("the bug"), altered));
   altered[100] = static_cast<char>(altered[100] ^ 1);
-  EXPECT_FALSE(key->verifies(sha1("the bag"), altered));
+  EXPECT_FALSE(key.value().verifies(sha1("the bag"), altered));
 }
 
 TEST_F(RSAPublicKeyTest, RefusesSignaturesOfAnotherSchemeOrSize) {
   const auto key = RSAPublicKey::fromDER(bareKey());
   ASSERT_TRUE(key);
-  EXPECT_FALSE(key->verifies(sha1("the bag"), signature("the bag", EVP_sha256())));
-  EXPECT_FALSE(
-      key->verifies(sha1("the bag"), signature("the bag", EVP_sha1(), RSA_PKCS1_PSS_PADDING)));
-  EXPECT_FALSE(key->verifies(sha1("the bag"), ""));
-  EXPECT_FALSE(key->verifies(sha1("the bag"), signature("the bag").substr(1)));
-  EXPECT_FALSE(key->verifies(sha1("the bag"), signature("the bag") + "x"));
+  EXPECT_FALSE(key.value().verifies(sha1("the bag"), signature("the bag", EVP_sha256())));
+  EXPECT_FALSE(key.value().verifies(sha1("the bag"),
+                                    signature("the bag", EVP_sha1(), RSA_PKCS1_PSS_PADDING)));
+  EXPECT_FALSE(key.value().verifies(sha1("the bag"), ""));
+  EXPECT_FALSE(key.value().verifies(sha1("the bag"), signature("the bag").substr(1)));
+  EXPECT_FALSE(key.value().verifies(sha1("the bag"), signature("the bag") + "x"));
 }
 
 TEST_F(RSAPublicKeyTest, RefusesBytesThatAreNoKey) {
@@ -127,7 +126,21 @@ TEST_F(RSAPublicKeyTest, RefusesBytesThatAreNoKey) {
 TEST_F(RSAPublicKeyTest, RefusesKeysOfAnotherAlgorithm) {
   const Key curve(EVP_EC_gen("P-256"), &EVP_PKEY_free);
   ASSERT_TRUE(curve);
-  EXPECT_FALSE(RSAPublicKey::fromDER(der(i2d_PUBKEY, curve)));
+  const auto refused = RSAPublicKey::fromDER(der(i2d_PUBKEY, curve));
+  ASSERT_FALSE(refused);
+  EXPECT_EQ(refused.failure().message, "a key of the kind EC, where RSA is needed");
+  EXPECT_EQ(refused.failure().code, EKEYREJECTED);
+}
+
+TEST_F(RSAPublicKeyTest, RefusesShortKeysInBothForms) {
+  const Key shortKey(EVP_RSA_gen(2040), &EVP_PKEY_free);
+  ASSERT_TRUE(shortKey);
+  for (const std::string& form : {der(i2d_PUBKEY, shortKey), der(i2d_PublicKey, shortKey)}) {
+    const auto refused = RSAPublicKey::fromDER(form);
+    ASSERT_FALSE(refused);
+    EXPECT_EQ(refused.failure().message, "an RSA key of 2040 bits, fewer than 2048");
+    EXPECT_EQ(refused.failure().code, EKEYREJECTED);
+  }
 }
 
 TEST_F(RSAPublicKeyTest, RefusalsLeaveNothingInTheErrorQueue) {
@@ -135,16 +148,24 @@ TEST_F(RSAPublicKeyTest, RefusalsLeaveNothingInTheErrorQueue) {
   const auto key = RSAPublicKey::fromDER(bareKey());
   ASSERT_TRUE(key);
   EXPECT_FALSE(RSAPublicKey::fromDER("not a key"));
-  EXPECT_FALSE(key->verifies(sha1("x"), "not a signature"));
+  EXPECT_FALSE(key.value().verifies(sha1("x"), "not a signature"));
   EXPECT_EQ(ERR_peek_error(), 0u);
+}
+
+TEST_F(RSAPublicKeyTest, AFingerprintIsThatOfTheWholeFormsDigest) {
+  const std::string form = subjectPublicKeyInfo();
+  const std::string digest = hexadecimal(sha256(form));
+  for (const std::string& each : {form, bareKey()}) {
+    const auto key = RSAPublicKey::fromDER(each);
+    ASSERT_TRUE(key);
+    EXPECT_EQ(fmt::format("{:016x}", key.value().fingerprint()), digest.substr(0, 16));
+  }
 }
 
 TEST_F(RSAPublicKeyTest, AMovedKeyGoesOnVerifying) {
   auto first = RSAPublicKey::fromDER(bareKey());
   ASSERT_TRUE(first);
-  const void* address = first->address();
-  const RSAPublicKey second = std::move(*first);
-  EXPECT_EQ(second.address(), address);
+  const RSAPublicKey second = std::move(first).value();
   EXPECT_TRUE(second.verifies(sha1("the bag"), signature("the bag")));
 }
 

@@ -30,7 +30,8 @@ class StorebagServerTest : public LabFixture {
     const Dictionary envelope = dictionaryIn(got.body);
     const auto bag = decoded(envelope, "bag");
     const std::string der = contentOf(root.path("usr/share/corvid/publicKey.der"));
-    EXPECT_TRUE(RSAPublicKey::fromDER(der)->verifies(sha1(bag), decoded(envelope, "signature")));
+    EXPECT_TRUE(
+        RSAPublicKey::fromDER(der).value().verifies(sha1(bag), decoded(envelope, "signature")));
     return dictionaryIn(bag);
   }
   Got conditional(const std::string& name, const std::string& date) {

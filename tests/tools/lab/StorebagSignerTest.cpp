@@ -18,7 +18,7 @@ class StorebagSignerTest : public testing::Test {
   // Whether a client that has the key takes the bytes for signed.
   static bool isSigned(const StorebagSigner& signer, std::string_view bytes,
                        std::string_view signature) {
-    return RSAPublicKey::fromDER(signer.publicKeyDER())->verifies(sha1(bytes), signature);
+    return RSAPublicKey::fromDER(signer.publicKeyDER()).value().verifies(sha1(bytes), signature);
   }
 
   ScratchRoot root;
