@@ -37,16 +37,16 @@ std::optional<std::uint32_t> lookedUp(const std::string& name,
   return found->*id;
 }
 
-// Why a match with this condition matches nobody; empty where it may match somebody.
+// Why a condition cannot be understood; empty where it can.
 std::string faultOf(std::string_view condition, const Value& value) {
   const bool isAccount = condition == "user" || condition == "group";
   if (!isAccount && condition != "unit" && condition != "label")
     return fmt::format(
-        "matches nobody, because nothing is known of \"{}\"; use user, group, unit or label",
+        "refuses whom it could concern, because nothing is known of \"{}\"; use user, group, unit or label",
         condition);
   if (value.string() || (isAccount && value.integer())) return {};
-  return fmt::format("matches nobody, because \"{}\" is no {}; correct its type", condition,
-                     isAccount ? "name or number" : "text");
+  return fmt::format("refuses whom it could concern, because \"{}\" is no {}; correct its type",
+                     condition, isAccount ? "name or number" : "text");
 }
 
 }  // namespace
@@ -60,11 +60,11 @@ Result<EntitlementFile> readEntitlementFile(const std::string& path) {
   if (entitlements) file.entitlements = *entitlements;
 
   if (file.match.empty())
-    file.fault = "matches nobody; give a dictionary \"match\" with user, group, unit or label";
+    file.fault = "refuses everybody; give a dictionary \"match\" with user, group, unit or label";
   for (const auto& [condition, value] : file.match)
     if (file.fault.empty()) file.fault = faultOf(condition, value);
   if (file.fault.empty() && !entitlements)
-    file.fault = "grants nothing; give a dictionary \"entitlements\"";
+    file.fault = "refuses those who match; give a dictionary \"entitlements\"";
   return file;
 }
 
@@ -110,12 +110,15 @@ bool Entitlements::holds(std::string_view condition, const Value& value, const P
   return condition == "label" && *text == peer.label;
 }
 
+// As far as its conditions can be understood.
+bool Entitlements::couldConcern(const PeerIdentity& peer, const Dictionary& match) {
+  return std::ranges::all_of(match, [&](const Dictionary::Entry& condition) {
+    return !faultOf(condition.key, condition.value).empty() ||
+           holds(condition.key, condition.value, peer);
+  });
+}
+
 Dictionary Entitlements::entitlementsForPeer(const PeerIdentity& peer) {
-  const auto matches = [&](const Dictionary& match) {
-    return std::ranges::all_of(match, [&](const Dictionary::Entry& condition) {
-      return holds(condition.key, condition.value, peer);
-    });
-  };
   Dictionary entitlements;
   const Result<std::vector<std::string>> paths = propertyListsIn(_folder);
   if (!paths) {
@@ -126,10 +129,17 @@ Dictionary Entitlements::entitlementsForPeer(const PeerIdentity& peer) {
   }
   for (const std::string& path : paths.value()) {
     const Result<EntitlementFile> file = readEntitlementFile(path);
-    if (!file)
-      logError("entitlementsForPeer: {}; going on without it", file.failure().message);
-    else if (file.value().fault.empty() && matches(file.value().match))
-      entitlements.addEntriesFrom(file.value().entitlements);
+    if (!file && file.failure().code == ENOENT) continue;  // gone since the folder was read
+    if (!file) {
+      logError("entitlementsForPeer: {}; refusing everybody", file.failure().message);
+      return {};
+    }
+    if (!couldConcern(peer, file.value().match)) continue;
+    if (!file.value().fault.empty()) {
+      logError("entitlementsForPeer: {} {}", path, file.value().fault);
+      return {};
+    }
+    entitlements.addEntriesFrom(file.value().entitlements);
   }
   return entitlements;
 }

@@ -18,7 +18,7 @@ namespace corvid {
 struct EntitlementFile {
   Dictionary match;
   Dictionary entitlements;
-  std::string fault;  // why it entitles nobody to anything, and what to do; empty where it may
+  std::string fault;  // why it cannot be used, and what to do; empty where it can
 };
 
 // The failure names the file, and says why it holds no dictionary.
@@ -26,17 +26,21 @@ Result<EntitlementFile> readEntitlementFile(const std::string& path);
 
 // What the property lists of a folder (*.plist) entitle peers to. Each has a dictionary `match`
 // with any of `user`, `group` (name or number), `unit` and `label`, which must all hold, and a
-// dictionary `entitlements`. A group holds when it is any of the peer's. A missing or empty match,
-// and one with a condition that is unknown or of a wrong type, matches nobody. Files are taken in
-// name order, and of two entitlements of one name the later counts, so that "90-local.plist" can
-// take back what "10-package.plist" gives.
+// dictionary `entitlements`. A group holds when it is any of the peer's. Files are taken in name
+// order, and of two entitlements of one name the later counts, so that "90-local.plist" can take
+// back what "10-package.plist" gives.
+//
+// A file that cannot be used may be one that takes back: whoever it could concern is entitled to
+// nothing. That is everybody where it cannot be read or has no match, else those for whom all its
+// conditions hold that can be understood.
 //
 // Threads: any.
 class Entitlements {
  public:
   explicit Entitlements(std::string folder);
 
-  // Everything is read at each call. A file that cannot be used is logged and passed over.
+  // Everything is read at each call. A file that cannot be used and could concern the peer is
+  // logged.
   Dictionary entitlementsForPeer(const PeerIdentity& peer);
 
  private:
@@ -58,6 +62,7 @@ class Entitlements {
 
   static std::optional<AccountID> accountID(const Value& value, AccountNames& names);
   bool holds(std::string_view condition, const Value& value, const PeerIdentity& peer);
+  bool couldConcern(const PeerIdentity& peer, const Dictionary& match);
 
   const std::string _folder;
   AccountNames _users;

@@ -189,25 +189,26 @@ TEST_F(CheckConfig, NeedsSomebodyWhoMayConnect) {
 
 TEST_F(CheckConfig, FindsAMatchThatMatchesNobodyWrong) {
   writeEntitlements(Dictionary{}, grant);
-  EXPECT_TRUE(entitlementFinding().starts_with("wrong: matches nobody; "));
+  EXPECT_TRUE(entitlementFinding().starts_with("wrong: refuses everybody; "));
   writeEntitlements("everybody", grant);
-  EXPECT_TRUE(entitlementFinding().starts_with("wrong: matches nobody; "));
+  EXPECT_TRUE(entitlementFinding().starts_with("wrong: refuses everybody; "));
   writeEntitlements(Dictionary{{"path", "/bin/true"}}, grant);
-  EXPECT_TRUE(
-      entitlementFinding().starts_with("wrong: matches nobody, because nothing is known of"));
+  EXPECT_TRUE(entitlementFinding().starts_with(
+      "wrong: refuses whom it could concern, because nothing is known of"));
   writeEntitlements(Dictionary{{"unit", 7}}, grant);
   EXPECT_EQ(entitlementFinding(),
-            "wrong: matches nobody, because \"unit\" is no text; correct its type");
+            "wrong: refuses whom it could concern, because \"unit\" is no text; correct its type");
   writeEntitlements(Dictionary{{"user", true}}, grant);
-  EXPECT_EQ(entitlementFinding(),
-            "wrong: matches nobody, because \"user\" is no name or number; correct its type");
+  EXPECT_EQ(
+      entitlementFinding(),
+      "wrong: refuses whom it could concern, because \"user\" is no name or number; correct its type");
 }
 
 TEST_F(CheckConfig, FindsAnEntitlementThatIsNoBooleanWrong) {
   writeEntitlements(Dictionary{{"group", 0}}, Dictionary{{"com.halcyon.private.corvidd", 1}});
   EXPECT_TRUE(entitlementFinding().starts_with("wrong: com.halcyon.private.corvidd is no boolean"));
   writeEntitlements(Dictionary{{"group", 0}}, "all");
-  EXPECT_TRUE(entitlementFinding().starts_with("wrong: grants nothing"));
+  EXPECT_TRUE(entitlementFinding().starts_with("wrong: refuses those who match; "));
 }
 
 TEST_F(CheckConfig, FindsADeviceAnswerThatIsNoTextWrong) {

@@ -134,17 +134,55 @@ TEST_F(EntitlementsTest, AreReadAtEachCall) {
   EXPECT_FALSE(entitled("allowed"));
 }
 
-TEST_F(EntitlementsTest, DamagedFileIsLoggedAndPassedOver) {
-  folder.write("10-damaged.plist", "<plist><dict>");
-  folder.write("15-array.plist", "<plist><array/></plist>");
-  writeFile("20-good.plist", byUser);
+TEST_F(EntitlementsTest, AFileThatCannotBeReadRefusesEverybodyAndIsNamed) {
+  writeFile("10-good.plist", byUser);
+  for (const char* content : {"<plist><dict>", "<plist><array/></plist>", "garbage", ""}) {
+    const std::string path = folder.write("20-damaged.plist", content);
+    log.clear();
+    EXPECT_FALSE(entitled("allowed")) << content;
+    const auto errors = log.texts(LogLevel::error);
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_TRUE(errors[0].starts_with("entitlementsForPeer: " + path + ": ")) << errors[0];
+    EXPECT_TRUE(errors[0].ends_with("; refusing everybody")) << errors[0];
+  }
+  std::filesystem::remove(folder.path() + "/20-damaged.plist");
   EXPECT_TRUE(entitled("allowed"));
-  const auto errors = log.texts(LogLevel::error);
-  ASSERT_EQ(errors.size(), 2u);
-  EXPECT_TRUE(
-      errors[0].starts_with("entitlementsForPeer: " + folder.path() + "/10-damaged.plist: "));
-  EXPECT_EQ(errors[1], "entitlementsForPeer: " + folder.path() +
-                           "/15-array.plist: not a dictionary; going on without it");
+}
+
+TEST_F(EntitlementsTest, AMatchThatCannotBeUnderstoodRefusesThoseItCouldConcern) {
+  writeFile("10-good.plist", byUser);
+  writeFile("20-misspelt.plist", "<key>usr</key><integer>1000</integer>",
+            "<key>allowed</key><false/>");
+  EXPECT_FALSE(entitled("allowed"));
+  EXPECT_TRUE(log.has(LogLevel::error,
+                      "entitlementsForPeer: " + folder.path() +
+                          "/20-misspelt.plist refuses whom it could concern, because nothing is "
+                          "known of \"usr\"; use user, group, unit or label"));
+  const std::string mistyped = "<key>unit</key><true/>";
+  writeFile("20-misspelt.plist", mistyped + byUser);
+  EXPECT_FALSE(entitled("allowed"));
+  log.clear();
+  writeFile("20-misspelt.plist", mistyped + "<key>user</key><integer>1</integer>");
+  EXPECT_TRUE(entitled("allowed")) << "it concerns another user whatever its unit";
+  EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(EntitlementsTest, AFileWithoutAMatchRefusesEverybody) {
+  writeFile("10-good.plist", byUser);
+  writeFile("20-empty.plist", "");
+  EXPECT_FALSE(entitled("allowed"));
+}
+
+TEST_F(EntitlementsTest, AFileWithoutEntitlementsRefusesThoseWhoMatch) {
+  writeFile("10-good.plist", byUser);
+  folder.write("20-bare.plist",
+               "<plist><dict><key>match</key><dict><key>user</key><integer>1000</integer></dict>"
+               "</dict></plist>");
+  EXPECT_FALSE(entitled("allowed"));
+  folder.write("20-bare.plist",
+               "<plist><dict><key>match</key><dict><key>user</key><integer>1</integer></dict>"
+               "</dict></plist>");
+  EXPECT_TRUE(entitled("allowed"));
 }
 
 TEST_F(EntitlementsTest, OtherFilesAreNotRead) {
