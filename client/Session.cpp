@@ -1,9 +1,12 @@
 #include "client/Session.h"
 
+#include <pwd.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <array>
 #include <utility>
 
 #include "base/UnixAddress.h"
@@ -13,6 +16,22 @@ namespace corvid::library {
 namespace {
 
 using std::chrono::steady_clock;
+
+// Whether whoever serves the socket may: root, as whom a service manager listens, the owner of the
+// socket's file, or the daemon's own user.
+bool isServedByDaemon(int socket, const std::string& path) {
+  ucred server{};
+  socklen_t size = sizeof server;
+  if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &server, &size) != 0) return false;
+  if (server.uid == 0) return true;
+  struct stat file {};
+  if (stat(path.c_str(), &file) == 0 && file.st_uid == server.uid) return true;
+  passwd entry{};
+  passwd* found = nullptr;
+  std::array<char, 1024> texts;
+  return getpwnam_r("corvidd", &entry, texts.data(), texts.size(), &found) == 0 &&
+         found != nullptr && found->pw_uid == server.uid;
+}
 
 // Connects within the time that is left; without any, only where the daemon takes it at once.
 int connectTo(const std::string& path, steady_clock::time_point deadline, Descriptor& connected) {
@@ -27,6 +46,7 @@ int connectTo(const std::string& path, steady_clock::time_point deadline, Descri
     setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &bound, sizeof bound);
   }
   if (UnixAddress(path).connect(socket.get()) != 0) return CORVID_ERROR_NOT_CONNECTED;
+  if (!isServedByDaemon(socket.get(), path)) return CORVID_ERROR_NOT_CONNECTED;
   connected = std::move(socket);
   return CORVID_OK;
 }

@@ -94,7 +94,7 @@ int submit(corvid_session_t* session, const Extent& extent, Completion<Callback>
 }
 
 std::string socketPath(const char* root) {
-  if (root == nullptr) root = std::getenv("CORVID_ROOT");
+  if (root == nullptr) root = secure_getenv("CORVID_ROOT");
   std::string path = root ? root : "";
   while (path.ends_with('/')) path.pop_back();
   return path.append("/run/corvidd/").append(corvid::kCorvidServiceName);

@@ -1,9 +1,13 @@
 // Losing the daemon and finding it again; threads, deadlines and the end of a session.
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <thread>
 
+#include "base/Descriptor.h"
+#include "base/UnixAddress.h"
 #include "client/Session.h"
 #include "tests/client/SessionFixture.h"
 #include "tests/support/ChildProcess.h"
@@ -345,6 +349,22 @@ TEST_F(ClientConnection, AChildProcessCannotUseItsParentsSession) {
             }),
             0);
   EXPECT_TRUE(session.sendMessage(3, 3));
+}
+
+TEST_F(ClientConnection, ASocketThatAStrangerServesIsNoDaemon) {
+  if (getuid() != 0) GTEST_SKIP() << "takes root, to listen as another user";
+  constexpr uid_t stranger = 4712;
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+  const Descriptor waiting(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(UnixAddress(path).bind(waiting.get()), 0);
+  // The server of a socket is who began to listen.
+  ASSERT_EQ(inChild([&] { return setuid(stranger) == 0 && listen(waiting.get(), 5) == 0 ? 0 : 1; }),
+            0);
+  Session session(options());
+  EXPECT_EQ(session.connect().code(), CORVID_ERROR_NOT_CONNECTED);
+  // Of a socket of their own they are the right one.
+  ASSERT_EQ(chown(path.c_str(), stranger, stranger), 0);
+  EXPECT_EQ(session.connect().code(), CORVID_OK);
 }
 
 }  // namespace

@@ -222,8 +222,9 @@ typedef void (*corvid_finished_callback_t)(void* context, corvid_outcome_t outco
 #define CORVID_DEFAULT_DEADLINE_MS 100
 
 typedef struct {
-  size_t size;          /* sizeof(corvid_options_t) */
-  const char* root;     /* the folder that everything hangs below; NULL: $CORVID_ROOT, or "/" */
+  size_t size;      /* sizeof(corvid_options_t) */
+  const char* root; /* the folder that everything hangs below; NULL: $CORVID_ROOT, which programs
+                       with more rights than their user's do not follow, or "/" */
   uint32_t deadline_ms; /* 0: never wait */
   void* context;        /* for the handlers below, each of which may be NULL */
   /* The aggregation block. A delivery with everything absent or zero tells it to shut down. */
