@@ -85,7 +85,7 @@ class Machine {
     return firmwareText(fmt::format("{}/sys/class/dmi/id/{}", _root, name));
   }
   std::optional<std::string> deviceTree(std::string_view name) const {
-    return firmwareText(fmt::format("{}/proc/device-tree/{}", _root, name));
+    return firmwareText(fmt::format("{}/sys/firmware/devicetree/base/{}", _root, name));
   }
   std::optional<std::string> firmware(std::string_view dmiName, std::string_view treeName) const {
     auto text = dmi(dmiName);

@@ -25,7 +25,7 @@ class DeviceInformationTest : public testing::Test {
     machine.write("sys/class/dmi/id/" + name, std::string(text) + "\n");
   }
   void writeDeviceTree(const std::string& name, std::string_view text) {
-    machine.write("proc/device-tree/" + name, text);
+    machine.write("sys/firmware/devicetree/base/" + name, text);
   }
 
   CapturedLog log;
