@@ -65,7 +65,8 @@ void NetworkLoop::async(Task task) {
 NetworkLoop::SourceID NetworkLoop::add(Entry entry) {
   MutexLock lock(_mutex);
   const SourceID source = ++_lastSource;
-  if (_isStopping || (entry.descriptor && !watch(_poll.get(), *entry.descriptor, source)))
+  if (_isStopping || !start() ||
+      (entry.descriptor && !watch(_poll.get(), *entry.descriptor, source)))
     return noSource;
   if (entry.due) _due.emplace(*entry.due, source);
   if (entry.due || entry.descriptor) startOrWake();
@@ -137,8 +138,17 @@ void NetworkLoop::remove(SourceID source) {
   _entries.erase(found);
 }
 
+bool NetworkLoop::start() {
+  try {
+    if (!_thread.joinable()) _thread = startThread("corvid-network", [this] { run(); });
+    return true;
+  } catch (const std::system_error&) {
+    return false;
+  }
+}
+
 void NetworkLoop::startOrWake() {
-  if (!_thread.joinable()) _thread = startThread("corvid-network", [this] { run(); });
+  if (!start()) return;
   if (_isAsleep) _wakeup.wake();
   _isAsleep = false;
 }

@@ -20,12 +20,13 @@
 
 namespace corvid {
 
-// The thread starts with the first work. It sleeps in the kernel without a time limit while nothing
-// is due, and is woken from other threads only while it sleeps.
+// The thread starts with the first source or work. It sleeps in the kernel without a time limit
+// while nothing is due, and is woken from other threads only while it sleeps.
 //
 // Threads   stop: any but its own; everything else: any. Tasks and handlers run on the loop's
 //           thread without its lock.
-// Errors    The constructor throws std::system_error where the system has no descriptors left.
+// Errors    The constructor throws std::system_error where the system has no descriptors left. A
+//           source that there is no thread for is not made; once there is one, nothing throws.
 // Ownership Sources share the loop.
 // Stop      Waits for what runs and drops the rest, on the caller's thread. From then on work is
 //           dropped at once. The destructor stops.
@@ -61,7 +62,7 @@ class NetworkLoop final : public SerialQueue, public std::enable_shared_from_thi
     std::shared_ptr<void> kept{};
   };
 
-  // noSource after the end, and where the system refuses.
+  // noSource after the end, and where the system refuses a descriptor or the thread.
   SourceID add(Entry entry) EXCLUDES(_mutex);
   // Nothing in place of noSource.
   std::unique_ptr<EntrySource> source(SourceID source, Task cancelHandler);
@@ -70,6 +71,8 @@ class NetworkLoop final : public SerialQueue, public std::enable_shared_from_thi
   void remove(SourceID source) EXCLUDES(_mutex);
   void setDue(SourceID source, Entry& entry, std::optional<Clock::TimePoint> due) REQUIRES(_mutex);
   static Clock::TimePoint nextTick(const Entry& entry, Clock::TimePoint now);
+  // False where the system has no thread left.
+  bool start() REQUIRES(_mutex);
   void startOrWake() REQUIRES(_mutex);
   bool hasWork() const REQUIRES(_mutex) { return !_tasks.empty() || !_due.empty(); }
 

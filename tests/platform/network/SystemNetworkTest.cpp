@@ -15,6 +15,8 @@
 
 #include "platform/network/SystemNetwork.h"
 #include "tests/fakes/FakeClock.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/NoMoreThreads.h"
 #include "tests/support/Waiting.h"
 
 namespace corvid {
@@ -69,6 +71,20 @@ struct SocketPair {
   std::unique_ptr<DatagramSocket> here;
   std::unique_ptr<DatagramSocket> there;
 };
+
+TEST(SystemNetworkThread, WhereTheSystemHasNoneASourceIsNotMadeAndNothingThrows) {
+  const auto work = [] {
+    if (!endThreads()) return 2;
+    SystemNetwork network(std::make_shared<FakeClock>());
+    const auto queue = network.createQueue("test");
+    if (queue->createTimer(
+            10ms, [] {}, [] {}))
+      return 3;
+    queue->async([] {});
+    return 0;
+  };
+  EXPECT_EQ(inChild(work), 0);
+}
 
 TEST_F(SystemNetworkTest, TasksRunInOrderOnOneThreadThatIsNotTheCallers) {
   std::vector<int> order;
