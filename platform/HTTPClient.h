@@ -24,6 +24,9 @@ struct HTTPRequest {
   bool timeoutCoversWait = false;             // what start waits is then part of the time-out
   // Read and dropped when false: the response then has no body.
   bool wantsBody = true;
+  // Asked when its turn comes, on the client's thread: false ends it with an error, unsent. It may
+  // not block. Empty where nothing can change meanwhile.
+  std::function<bool()> mayLeave{};
 };
 
 struct HTTPResponse {

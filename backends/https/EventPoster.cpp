@@ -119,6 +119,7 @@ void EventPoster::postJSONMessage(std::string message, const PostEnvelope& envel
     return;
   }
   HTTPRequest request = requestFor(envelope);
+  request.mayLeave = envelope.mayLeave;
   request.body = bodyOf(std::move(message), _platform.compressor, request.headers);
 
   // The time at the gate and that in front of a full queue count together.

@@ -26,6 +26,7 @@ struct PostEnvelope {
   std::optional<std::string> url;
   SharedDictionary userInfo;  // null where there is none
   std::optional<EventCodes> codes{};
+  std::function<bool()> mayLeave{};  // as HTTPRequest says
 };
 
 // Posts the messages of one backend.

@@ -60,6 +60,7 @@ HTTPSPostBackend::HTTPSPostBackend(Token, const std::string& name, const Diction
       _forceEventLogging(
           asBoolean(pointerTo(_platform.preferences().value(corvidSuite, "forceEventLogging")))
               .value_or(false)),
+      _consentIsLive(_platform.deployment().consentIsLive),
       _poster(_platform, name, identity),
       _policy(policyOfPreferences(_platform.preferences(), identity->batchEvents)) {}
 
@@ -158,6 +159,7 @@ std::optional<std::string> HTTPSPostBackend::sendAtOnce(Dictionary record, const
   }
   logDebug("HTTPSPostBackend(sendMessage): Sending {}, {}, {}", static_cast<int>(state()),
            static_cast<int>(batchEvents()), static_cast<int>(identity().requireUserInfo));
+  if (!mayLeave(1)) return flushed;
   Records records;
   records.push_back(std::move(record));
   std::optional<Message> message = messageOf(std::move(records));
@@ -250,6 +252,10 @@ std::optional<CorvidError> HTTPSPostBackend::takeBatch(Records& records) {
 
 std::optional<std::string> HTTPSPostBackend::postBatch(Records records,
                                                        FlushCompletion completion) {
+  if (!mayLeave(records.size())) {
+    if (completion) completion(std::nullopt, CorvidError::of(-1, "Consent was withdrawn"));
+    return std::nullopt;
+  }
   std::optional<Message> message = messageOf(std::move(records));
   if (!message) {
     if (completion) completion(std::nullopt, nothingToFlush());
@@ -295,6 +301,30 @@ bool HTTPSPostBackend::wantsMessageLog() const {
          environment == CorvidEnvironmentType::internal;
 }
 
+std::function<bool()> HTTPSPostBackend::consentToAsk() const {
+  if (!_consentIsLive) return {};
+  const MutexLock lock(_lock);
+  if (_policy.dnuType != DNUType::respected) return {};
+  return [&consent = _platform.consent()] { return consent.diagnosticsSubmissionAllowed(); };
+}
+
+bool HTTPSPostBackend::mayLeave(std::size_t records) {
+  const std::function<bool()> consents = consentToAsk();
+  if (!consents || consents()) return true;
+  if (_withdrawn.fetch_add(records) == 0)
+    logWarning(
+        "HTTPSPostBackend(mayLeave): {}: consent was withdrawn; {} events are dropped, and those that follow",
+        _name, records);
+  return false;
+}
+
+void HTTPSPostBackend::cleanup() {
+  if (const std::size_t dropped = _withdrawn.exchange(0))
+    logWarning(
+        "HTTPSPostBackend(cleanup): {}: {} events were dropped because consent was withdrawn",
+        _name, dropped);
+}
+
 void HTTPSPostBackend::post(std::string message, MessageFlag flag,
                             std::optional<PostEnvelope::EventCodes> codes,
                             FlushCompletion completion, std::size_t keptBytes) {
@@ -303,6 +333,7 @@ void HTTPSPostBackend::post(std::string message, MessageFlag flag,
     const MutexLock lock(_lock);
     envelope = {isRealtime(flag) ? _policy.realtimePostURL : _policy.postURL, _userInfoDict, codes};
   }
+  envelope.mayLeave = consentToAsk();
   _poster.postJSONMessage(std::move(message), envelope, weak_from_this(), std::move(completion),
                           keptBytes);
 }

@@ -1,7 +1,10 @@
 // Posts event records as JSON over HTTPS.
 #pragma once
 
+#include <atomic>
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -45,6 +48,8 @@ class HTTPSPostBackend final : public CorvidBackend {
     _poster.setGate(std::move(gate));
   }
   void updateState() override { setState(updateBackendState()); }
+  // Says how many events were dropped because consent was withdrawn, if any.
+  void cleanup() override;
   // Takes over what the storebag says of the client, and says what state that leads to.
   BackendState updateBackendState() EXCLUDES(_lock);
 
@@ -106,6 +111,11 @@ class HTTPSPostBackend final : public CorvidBackend {
   std::optional<Message> messageOf(Records records) const;
   std::optional<std::string> clientIdentifier() const REQUIRES(_lock);
   bool wantsMessageLog() const REQUIRES(_lock);
+  // What asks whether consent still holds. Empty where it need not be asked: the deployment has it
+  // asked once, or the entry overrides it.
+  std::function<bool()> consentToAsk() const EXCLUDES(_lock);
+  // Whether so many records may be sent now; if not, they count as dropped.
+  bool mayLeave(std::size_t records);
   void post(std::string message, MessageFlag flag, std::optional<PostEnvelope::EventCodes> codes,
             FlushCompletion completion, std::size_t keptBytes);
 
@@ -114,8 +124,10 @@ class HTTPSPostBackend final : public CorvidBackend {
   const std::string _uuidRespectDnu;
   const std::string _uuidOverrideDnu;
   const bool _forceEventLogging;
+  const bool _consentIsLive;
   // Synchronises itself.
   EventPoster _poster;
+  std::atomic<std::size_t> _withdrawn{0};  // events that consent was withdrawn for
 
   ClientPolicy _policy GUARDED_BY(_lock);
   // Absent between a flush and the next batched event.

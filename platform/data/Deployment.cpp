@@ -21,9 +21,12 @@ Result<Deployment> readDeployment(const std::string& path) {
   takeText("ProductionStorebagHost", deployment.productionStorebagHost);
   takeText("InternalStorebagHost", deployment.internalStorebagHost);
   takeText("CAFile", deployment.caFile);
+  const auto takeFlag = [&](std::string_view key, bool& into) {
+    if (const Value* value = find(key, Value::Type::boolean)) into = *value->boolean();
+  };
   // Nothing but a plain yes lowers a guard.
-  if (const Value* value = find("AllowInsecureHTTP", Value::Type::boolean))
-    deployment.allowInsecureHTTP = *value->boolean();
+  takeFlag("AllowInsecureHTTP", deployment.allowInsecureHTTP);
+  takeFlag("ConsentIsLive", deployment.consentIsLive);
   return deployment;
 }
 

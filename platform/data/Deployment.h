@@ -17,14 +17,16 @@ struct Deployment {
   std::optional<std::string> caFile;
   // Lets plain http through; for loopback tests.
   bool allowInsecureHTTP = false;
+  // Consent is asked again whenever something is about to leave, not at a session's start alone.
+  bool consentIsLive = false;
   // Settings that are passed over because their value is of the wrong type.
   std::vector<std::string> passedOver;
 };
 
 // Reads the property list's "ProductionStorebagHost", "InternalStorebagHost" and "CAFile" (texts
-// that are not empty) and "AllowInsecureHTTP" (a boolean). Whatever is missing or of another type
-// stays at its default, the latter listed as passed over. A file that cannot be read, or is no
-// dictionary, is a failure that names it; its code is ENOENT where there is none.
+// that are not empty), "AllowInsecureHTTP" and "ConsentIsLive" (booleans). Whatever is missing or
+// of another type stays at its default, the latter listed as passed over. A file that cannot be
+// read, or is no dictionary, is a failure that names it; its code is ENOENT where there is none.
 Result<Deployment> readDeployment(const std::string& path);
 
 }  // namespace corvid

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <system_error>
 #include <utility>
 
 #include "base/Log.h"
@@ -66,12 +67,16 @@ std::optional<HTTPOutcome> CurlHTTPClient::enqueue(Exchange& exchange) {
           exchange.host);
     return failed(exchange, CURLE_AGAIN, "too many exchanges wait");
   }
+  try {
+    if (!_thread.joinable()) _thread = startThread("corvid-http", [this] { run(); });
+  } catch (const std::system_error& error) {
+    return failed(exchange, CURLE_OUT_OF_MEMORY, "no thread for it: " + error.code().message());
+  }
   if (const std::size_t refused = std::exchange(_refusedWithoutRoom, 0))
     logWarning("HTTPClient: there is room for exchanges again; {} have failed", refused);
   ++_underWay;
   _queue.add(std::move(exchange));
   _hasNews = true;
-  if (!_thread.joinable()) _thread = startThread("corvid-http", [this] { run(); });
   wake();
   return std::nullopt;
 }
@@ -143,7 +148,11 @@ std::optional<CurlHTTPClient::Work> CurlHTTPClient::takeWork() {
 
 void CurlHTTPClient::begin(std::vector<Exchange> exchanges) {
   for (Exchange& exchange : exchanges) {
-    if (curlLibrary()) {
+    if (exchange.mayLeave && !exchange.mayLeave()) {
+      HTTPOutcome outcome =
+          failed(exchange, CURLE_ABORTED_BY_CALLBACK, "withdrawn before it was sent");
+      finish(std::move(exchange), std::move(outcome));
+    } else if (curlLibrary()) {
       _multi->begin(std::move(exchange), _clock->steadyNow());
     } else {
       HTTPOutcome outcome = failed(exchange, CURLE_FAILED_INIT, curlLibrary().failure().message);

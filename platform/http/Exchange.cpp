@@ -89,6 +89,7 @@ Result<Exchange> makeExchange(HTTPRequest request, bool allowInsecureHTTP, Excha
   exchange.deadline = now + std::min(request.timeout, longestTimeout);
   exchange.patience = request.patience;
   exchange.deadlineCoversWait = request.timeoutCoversWait;
+  exchange.mayLeave = std::move(request.mayLeave);
   return exchange;
 }
 

@@ -25,6 +25,7 @@ struct Exchange {
   Time deadline;
   std::chrono::milliseconds patience{0};  // to wait for room in the queue
   bool deadlineCoversWait = false;
+  std::function<bool()> mayLeave;  // as HTTPRequest says
   HTTPCompletion completion;
 
   std::size_t size() const { return url.size() + headerLines.size() + body.size(); }

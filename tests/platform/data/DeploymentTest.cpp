@@ -27,6 +27,7 @@ class DeploymentTest : public testing::Test {
     EXPECT_EQ(deployment.internalStorebagHost, Deployment().internalStorebagHost);
     EXPECT_EQ(deployment.caFile, std::nullopt);
     EXPECT_FALSE(deployment.allowInsecureHTTP);
+    EXPECT_FALSE(deployment.consentIsLive);
   }
 
   ScratchFolder scratch;
@@ -36,11 +37,13 @@ TEST_F(DeploymentTest, EverySettingIsRead) {
   const Deployment deployment = read({{"ProductionStorebagHost", "bags.example:8443"},
                                       {"InternalStorebagHost", "internal.example"},
                                       {"CAFile", "/etc/ca.pem"},
-                                      {"AllowInsecureHTTP", true}});
+                                      {"AllowInsecureHTTP", true},
+                                      {"ConsentIsLive", true}});
   EXPECT_EQ(deployment.productionStorebagHost, "bags.example:8443");
   EXPECT_EQ(deployment.internalStorebagHost, "internal.example");
   EXPECT_EQ(deployment.caFile, "/etc/ca.pem");
   EXPECT_TRUE(deployment.allowInsecureHTTP);
+  EXPECT_TRUE(deployment.consentIsLive);
 }
 
 TEST_F(DeploymentTest, WithoutTheKeysTheDefaultsHold) { expectDefaults(read({})); }
@@ -59,7 +62,7 @@ TEST_F(DeploymentTest, SettingsOfAnotherTypeAndEmptyTextsCountAsAbsent) {
   expectDefaults(deployment);
   EXPECT_EQ(deployment.passedOver,
             (std::vector<std::string>{"ProductionStorebagHost", "CAFile", "AllowInsecureHTTP"}));
-  expectDefaults(read({{"AllowInsecureHTTP", 1}}));
+  expectDefaults(read({{"AllowInsecureHTTP", 1}, {"ConsentIsLive", 1}}));
 }
 
 TEST_F(DeploymentTest, ADamagedFileIsAFailureThatSaysWhatAndWhere) {

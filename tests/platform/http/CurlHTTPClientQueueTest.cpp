@@ -10,12 +10,28 @@
 
 #include "tests/fakes/CapturedLog.h"
 #include "tests/platform/http/HTTPClientFixture.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/NoMoreThreads.h"
 #include "tests/support/Waiting.h"
 
 namespace corvid {
 namespace {
 
 using testing::HasSubstr;
+
+TEST(HTTPClientThread, WhereTheSystemHasNoneTheExchangeFailsAndNothingThrows) {
+  const auto work = [] {
+    if (!endThreads()) return 2;
+    CurlHTTPClient client(std::make_shared<FakeClock>(), {});
+    std::optional<HTTPOutcome> outcome;
+    HTTPRequest request;
+    request.url = "https://localhost/";
+    client.start(std::move(request), [&](HTTPOutcome given) { outcome = std::move(given); });
+    if (!outcome || !outcome->error) return 3;
+    return outcome->error->description.starts_with("localhost: no thread for it: ") ? 0 : 4;
+  };
+  EXPECT_EQ(inChild(work), 0);
+}
 
 class HTTPClientQueueTest : public HTTPClientTest {
  protected:
@@ -268,6 +284,22 @@ TEST_P(HTTPClientQueueTest, AClientThatNeverStartedAnythingEndsAtOnce) {
   const auto before = std::chrono::steady_clock::now();
   client.reset();
   EXPECT_LT(std::chrono::steady_clock::now() - before, 1s);
+}
+
+TEST_P(HTTPClientQueueTest, WhatMayNotLeaveWhenItsTurnComesIsNeverSent) {
+  serveSilence();
+  occupyConnections();
+  std::atomic<bool> mayLeave = true;
+  HTTPRequest request = get("/withdrawn");
+  request.mayLeave = [&] { return mayLeave.load(); };
+  client->start(std::move(request), outcomes.completion());
+  mayLeave = false;
+  const std::size_t received = server->requestsReceived();
+  server->stop();  // which ends those that are in the way
+  ASSERT_TRUE(outcomes.waitFor(1));
+  ASSERT_TRUE(outcomes.all()[0].error);
+  EXPECT_THAT(outcomes.all()[0].error->description, HasSubstr("withdrawn before it was sent"));
+  EXPECT_EQ(server->requestsReceived(), received);
 }
 
 }  // namespace
