@@ -1,6 +1,7 @@
 #include "daemon/ChainRegistry.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "base/Describe.h"
@@ -57,9 +58,17 @@ CorviddSession* topmostAggregatorAbove(std::int32_t level, const SessionList& se
   return topmost;
 }
 
-const SessionList* ChainRegistry::group(const std::string& key) const {
+const SessionList* ChainRegistry::group(const std::string& key, const CorviddSession& session,
+                                        SessionList& room) const {
   const auto found = _correlatedSessions.find(key);
-  return found == _correlatedSessions.end() || found->second.empty() ? nullptr : &found->second;
+  if (found == _correlatedSessions.end()) return nullptr;
+  const auto mayMeet = [&](const auto& member) { return session.mayMeet(*member); };
+  const SessionList* sessions = &found->second;
+  if (!std::ranges::all_of(*sessions, mayMeet)) {
+    std::ranges::copy_if(*sessions, std::back_inserter(room), mayMeet);
+    sessions = &room;
+  }
+  return sessions->empty() ? nullptr : sessions;
 }
 
 void ChainRegistry::join(const std::string& key, std::shared_ptr<CorviddSession> session) {

@@ -24,8 +24,10 @@ std::optional<std::string> joinedSessionIDsAbove(std::int32_t level, const Sessi
 // The first session of the topmost level above `level` whose first session aggregates, or null.
 CorviddSession* topmostAggregatorAbove(std::int32_t level, const SessionList& sessions);
 
-// The groups, by the key that the sessions' client and service names make. Levels and aggregators
-// are asked of the sessions at each look, because they change with a session's backends and client.
+// The groups, by the key that the sessions' client and service names make. Sessions of one group
+// that may not meet, because their clients are of different users, know nothing of each other.
+// Levels and aggregators are asked of the sessions at each look, because they change with a
+// session's backends and client.
 //
 // Not synchronised: the agent's mutex guards it.
 class ChainRegistry {
@@ -34,8 +36,10 @@ class ChainRegistry {
   // clients.
   static constexpr std::size_t keptGroupBytes = std::size_t{1} << 20;
 
-  // Null when the group is missing or empty.
-  const SessionList* group(const std::string& key) const;
+  // Those of the group that the session may meet, in order of joining; null when there are none.
+  // Where some are left out the list is made in `room`.
+  const SessionList* group(const std::string& key, const CorviddSession& session,
+                           SessionList& room) const;
   // Makes the session the last of its group, and of no other.
   void join(const std::string& key, std::shared_ptr<CorviddSession> session);
   // Takes the session out of every group, not only that of its present user info, which may have

@@ -1,8 +1,8 @@
 #include "daemon/CorviddAgent.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
+#include <chrono>
+#include <thread>
 #include <utility>
 
 #include "base/Log.h"
@@ -29,19 +29,18 @@ bool contains(const SessionList& sessions, const CorviddSession& session) {
 
 }  // namespace
 
+CorviddAgent::CorviddAgent(StorebagCache::Fetch fetch)
+    : _platform(Platform::current()), _storebags(std::move(fetch)) {}
+
 std::shared_ptr<CorviddAgent> CorviddAgent::create(StorebagCache::Fetch fetch) {
   return std::shared_ptr<CorviddAgent>(new CorviddAgent(std::move(fetch)));
 }
 
-std::string CorviddAgent::description() const {
-  return fmt::format("<CorviddAgent: {}>", fmt::ptr(this));
-}
+std::string CorviddAgent::description() const { return "<CorviddAgent>"; }
 
 bool CorviddAgent::shouldAcceptNewConnection(std::shared_ptr<Connection> connection) {
-  const std::optional<Value> entitlement = connection->valueForEntitlement(requiredEntitlement);
-  const bool entitled = entitlement && entitlement->boolean().value_or(false);
   const std::string peer = connection->description();
-  if (!entitled) {
+  if (!connection->isEntitledTo(requiredEntitlement)) {
     logDebug(
         "listener: new IPC connection {} does not have required corvid entitlement. Closing connection...",
         peer);
@@ -65,7 +64,7 @@ bool CorviddAgent::shouldAcceptNewConnection(std::shared_ptr<Connection> connect
 
 void CorviddAgent::addSession(std::shared_ptr<CorviddSession> session) {
   const MutexLock lock(_sessionListMutex);
-  if (_sessionList.empty()) Platform::current().keepAlive().beginTransaction();
+  if (_sessionList.empty()) _platform.keepAlive().beginTransaction();
   _sessionList.push_back(std::move(session));
   _sessionCount = _sessionList.size();
 }
@@ -76,7 +75,7 @@ void CorviddAgent::connectionInvalidated(const std::shared_ptr<CorviddSession>& 
   {
     const MutexLock lock(_sessionListMutex);
     if (std::erase(_sessionList, session) > 0 && _sessionList.empty())
-      Platform::current().keepAlive().endTransaction();
+      _platform.keepAlive().endTransaction();
     _sessionCount = _sessionList.size();
   }
   const RecursiveLock lock(_mutex);
@@ -87,8 +86,20 @@ Result<std::optional<Dictionary>> CorviddAgent::storebagForSession(CorviddSessio
   const std::int32_t clientType = clientTypeOf(session);
   logDebug("storebagForSession: Retrieving storebag for session {} with client type {}",
            session.sessionID(), clientType);
-  const RecursiveLock lock(_mutex);
-  return _storebags.storebag(clientType);
+  Clock& clock = _platform.clock();
+  // A user who has more fetched than is fair waits before the lock is taken, which all need.
+  for (;;) {
+    Clock::TimePoint begin;
+    {
+      const RecursiveLock lock(_mutex);
+      const Clock::TimePoint now = clock.steadyNow();
+      const bool fetches = _storebags.wouldFetch(clientType, session.user());
+      begin = fetches ? _pace.next(session.user(), now) : now;
+      if (begin == now) return _storebags.storebag(clientType, session.user());
+    }
+    while (const auto left = clock.sleepTowards(begin).count())
+      std::this_thread::sleep_for(std::chrono::nanoseconds(left));
+  }
 }
 
 std::optional<std::string> CorviddAgent::storebagVersionForSession(CorviddSession& session) {
@@ -121,7 +132,8 @@ std::optional<std::string> CorviddAgent::parentSessionIDStringForSession(Corvidd
            session.sessionID());
 
   const RecursiveLock lock(_mutex);
-  const SessionList* sessions = _chains.group(key);
+  SessionList room;
+  const SessionList* sessions = _chains.group(key, session, room);
   if (!sessions) {
     logError("parentSessionIDStringForSession: ERROR: No sessions found for user info key {}", key);
     return std::nullopt;
@@ -140,7 +152,8 @@ CorviddSession* CorviddAgent::parentSessionForChild(CorviddSession& session) {
   const std::string key = keyOf(session);
   logDebug("parentSessionForChild: Checking userInfoKey '{}' for session {}", key,
            session.sessionID());
-  const SessionList* sessions = _chains.group(key);
+  SessionList room;
+  const SessionList* sessions = _chains.group(key, session, room);
   if (!sessions) {
     logError("parentSessionForChild: ERROR: No sessions found for user info key {}", key);
     return nullptr;
@@ -170,7 +183,8 @@ CorviddSession* CorviddAgent::getAncestorWithAggregatorForSession(CorviddSession
   }
   const std::int32_t hierarchy = session.getSessionHierarchy();
   if (hierarchy < 1) return nullptr;
-  const SessionList* sessions = _chains.group(clientKey(userInfo.get()));
+  SessionList room;
+  const SessionList* sessions = _chains.group(clientKey(userInfo.get()), session, room);
   return sessions ? topmostAggregatorAbove(hierarchy, *sessions) : nullptr;
 }
 
@@ -192,7 +206,8 @@ void CorviddAgent::updateDownstreamSessions(CorviddSession& session) {
   const bool ancestorAggregates = hierarchy >= 1 && getAncestorWithAggregatorForSession(session);
   if (ancestorAggregates) session.shutdownSessionAggregation();
 
-  const SessionList* sessions = _chains.group(clientKey(userInfo.get()));
+  SessionList room;
+  const SessionList* sessions = _chains.group(clientKey(userInfo.get()), session, room);
   if (!sessions) return;
   for (const auto& descendant : *sessions) {
     if (descendant->getSessionHierarchy() <= hierarchy) continue;

@@ -13,12 +13,15 @@
 #include "base/Value.h"
 #include "config/Environment.h"
 #include "daemon/ChainRegistry.h"
+#include "daemon/FetchPace.h"
 #include "daemon/StorebagCache.h"
 #include "protocol/Connection.h"
 #include "session/CorviddSession.h"
 #include "session/CorviddSessionDelegate.h"
 
 namespace corvid {
+
+class Platform;
 
 // The one listener delegate of the process, and the delegate of every session it accepts.
 //
@@ -60,12 +63,14 @@ class CorviddAgent final : public ListenerDelegate,
   CorviddSession* parentSessionForChild(CorviddSession& session) REQUIRES(_mutex);
 
  private:
-  explicit CorviddAgent(StorebagCache::Fetch fetch) : _storebags(std::move(fetch)) {}
+  explicit CorviddAgent(StorebagCache::Fetch fetch);
 
   void addSession(std::shared_ptr<CorviddSession> session) EXCLUDES(_sessionListMutex);
   void connectionInvalidated(const std::shared_ptr<CorviddSession>& session)
       EXCLUDES(_sessionListMutex);
   void takeFromParent(CorviddSession& session) REQUIRES(_mutex);
+
+  Platform& _platform;  // constant
 
   Mutex _sessionListMutex;
   // Accepted and not yet invalidated, in order of acceptance.
@@ -73,6 +78,7 @@ class CorviddAgent final : public ListenerDelegate,
 
   RecursiveMutex _mutex;
   StorebagCache _storebags GUARDED_BY(_mutex);
+  FetchPace _pace GUARDED_BY(_mutex);
   ChainRegistry _chains GUARDED_BY(_mutex);
 
   // Sizes of list and chains, for the log line of an acceptance, which must not wait for a fetch.

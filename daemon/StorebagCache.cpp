@@ -13,32 +13,44 @@ namespace {
 
 double secondsNow() { return Platform::current().clock().now().asDouble(); }
 
-}  // namespace
+double ageOf(double time) { return std::abs(secondsNow() - time); }
 
-bool StorebagCache::answersWithoutFetch(const Record& record, std::int32_t clientType) {
-  const double age = std::abs(secondsNow() - record.fetchTime);
-  const bool successful = record.fetchState == FetchState::successful;
-  if (successful && age < record.maxAge) {
-    logDebug("storebagForSession: Cached storebag found for client type {}", clientType);
-    return true;
-  }
-  if (!successful && age < secondsBetweenAttempts) {
-    logInfo(
-        "storebagForSession: Not fetching storebag for client type {} - must wait {} seconds between attempts",
-        clientType, secondsBetweenAttempts);
-    return true;
-  }
-  return false;
+bool isPause(double failureTime) {
+  return ageOf(failureTime) < StorebagCache::secondsBetweenAttempts;
 }
 
-Result<std::optional<Dictionary>> StorebagCache::storebag(std::int32_t clientType) {
+}  // namespace
+
+StorebagCache::Standing StorebagCache::standing(std::int32_t clientType, std::uint32_t user) const {
   const std::optional<std::string> name = storebagNameForClientType(clientType);
-  if (name) {
-    const auto cached = _cachedStorebags.find(*name);
-    if (cached != _cachedStorebags.end() && answersWithoutFetch(cached->second, clientType))
-      return cached->second.data;
+  if (!name) {
+    const auto failed = _namelessFailures.find(user);
+    const bool pauses = failed != _namelessFailures.end() && isPause(failed->second);
+    return pauses ? Standing::pausing : Standing::toBeFetched;
   }
-  return fetchAndCacheStorebag(clientType, name);
+  const auto cached = _cachedStorebags.find(*name);
+  if (cached == _cachedStorebags.end()) return Standing::toBeFetched;
+  const Record& record = cached->second;
+  if (record.fetchState == FetchState::failure)
+    return isPause(record.fetchTime) ? Standing::pausing : Standing::toBeFetched;
+  return ageOf(record.fetchTime) < record.maxAge ? Standing::fresh : Standing::toBeFetched;
+}
+
+Result<std::optional<Dictionary>> StorebagCache::storebag(std::int32_t clientType,
+                                                          std::uint32_t user) {
+  switch (standing(clientType, user)) {
+    case Standing::fresh:
+      logDebug("storebagForSession: Cached storebag found for client type {}", clientType);
+      break;
+    case Standing::pausing:
+      logInfo(
+          "storebagForSession: Not fetching storebag for client type {} - must wait {} seconds between attempts",
+          clientType, secondsBetweenAttempts);
+      break;
+    case Standing::toBeFetched: return fetchAndCacheStorebag(clientType, user);
+  }
+  const auto name = storebagNameForClientType(clientType);
+  return name ? _cachedStorebags.at(*name).data : std::nullopt;
 }
 
 std::optional<std::string> StorebagCache::version(std::int32_t clientType) const {
@@ -47,9 +59,10 @@ std::optional<std::string> StorebagCache::version(std::int32_t clientType) const
   return cached == _cachedStorebags.end() ? std::nullopt : cached->second.version;
 }
 
-Result<std::optional<Dictionary>> StorebagCache::fetchAndCacheStorebag(
-    std::int32_t clientType, const std::optional<std::string>& name) {
+Result<std::optional<Dictionary>> StorebagCache::fetchAndCacheStorebag(std::int32_t clientType,
+                                                                       std::uint32_t user) {
   logDebug("fetchAndCacheStorebag: Fetching storebag for client type {}", clientType);
+  const std::optional<std::string> name = storebagNameForClientType(clientType);
   const auto cached = name ? _cachedStorebags.find(*name) : _cachedStorebags.end();
   Record record = cached == _cachedStorebags.end() ? Record{} : cached->second;
   FetchedStorebag fetched = _fetch(clientType, record.lastModified);
@@ -67,8 +80,18 @@ Result<std::optional<Dictionary>> StorebagCache::fetchAndCacheStorebag(
   record.fetchState = successful ? FetchState::successful : FetchState::failure;
   record.maxAge = fetched.maxAge;
   if (fetched.lastModified) record.lastModified = std::move(fetched.lastModified);
-  if (!name) return std::optional<Dictionary>();  // fetched for, but leaves no record
+  // "Unchanged" says nothing where nothing is kept: the next attempt asks for the whole.
+  if (fetched.notModified && !record.data) record.lastModified.reset();
+  if (!name) {  // fetched for, but leaves no record
+    if (!successful) noteNamelessFailure(user);
+    return std::optional<Dictionary>();
+  }
   return (_cachedStorebags[*name] = std::move(record)).data;
+}
+
+void StorebagCache::noteNamelessFailure(std::uint32_t user) {
+  std::erase_if(_namelessFailures, [](const auto& entry) { return !isPause(entry.second); });
+  _namelessFailures[user] = secondsNow();
 }
 
 }  // namespace corvid

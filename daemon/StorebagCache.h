@@ -30,11 +30,18 @@ class StorebagCache {
   // where none was ever fetched, and always for a client type without a name. A failure where the
   // server sent a storebag without a version: the record stays as it was, and the client whose call
   // led here gets no answer.
-  Result<std::optional<Dictionary>> storebag(std::int32_t clientType);
+  // `user` is whose client asks: after a failed fetch for a client type without a name that user's
+  // clients of such types get nothing either until the time between attempts has passed.
+  Result<std::optional<Dictionary>> storebag(std::int32_t clientType, std::uint32_t user);
+  // Whether it would be fetched now.
+  bool wouldFetch(std::int32_t clientType, std::uint32_t user) const {
+    return standing(clientType, user) == Standing::toBeFetched;
+  }
   // The version that belongs to it. Never fetches.
   std::optional<std::string> version(std::int32_t clientType) const;
 
  private:
+  enum class Standing { fresh, pausing, toBeFetched };
   enum class FetchState { successful, failure };  // "Fetch Successful", "Fetch Failure"
 
   struct Record {
@@ -46,12 +53,15 @@ class StorebagCache {
     std::optional<std::string> lastModified;  // "StorebagLastModified", for the next fetch
   };
 
-  static bool answersWithoutFetch(const Record& record, std::int32_t clientType);
+  Standing standing(std::int32_t clientType, std::uint32_t user) const;
   Result<std::optional<Dictionary>> fetchAndCacheStorebag(std::int32_t clientType,
-                                                          const std::optional<std::string>& name);
+                                                          std::uint32_t user);
+  void noteNamelessFailure(std::uint32_t user);
 
   const Fetch _fetch;
   std::map<std::string, Record> _cachedStorebags;
+  // Of the last fetch for a client type without a name, by user.
+  std::map<std::uint32_t, double> _namelessFailures;
 };
 
 }  // namespace corvid

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -26,8 +27,15 @@ class Connection {
 
   // For log lines: peer's process, user and the connection's number.
   virtual std::string description() const = 0;
+  // The peer's user, by number.
+  virtual std::uint32_t user() const = 0;
   // What the peer is entitled to under `name`; nothing where it is not.
   virtual std::optional<Value> valueForEntitlement(std::string_view name) = 0;
+  // Only a true boolean entitles.
+  bool isEntitledTo(std::string_view name) {
+    const std::optional<Value> value = valueForEntitlement(name);
+    return value && value->boolean().value_or(false);
+  }
 
   virtual void setExportedObject(std::shared_ptr<ClientSessionInterface> object) = 0;
   // The connection broke but may come back. Not used by a transport that cannot resume.

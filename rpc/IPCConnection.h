@@ -37,6 +37,7 @@ class IPCConnection final : public Connection {
   ~IPCConnection() override;
 
   std::string description() const override { return _description; }
+  std::uint32_t user() const override { return _peer.user; }
   std::optional<Value> valueForEntitlement(std::string_view name) override;
   void setExportedObject(std::shared_ptr<ClientSessionInterface> object) override;
   void setInterruptionHandler(std::function<void()> handler) override;

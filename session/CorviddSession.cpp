@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include <exception>
 #include <string_view>
 #include <utility>
 
@@ -67,6 +68,8 @@ CorviddSession::CorviddSession(std::shared_ptr<CorviddSessionDelegate> delegate,
       _connection(std::move(connection)),
       _platform(Platform::current()),
       _createBackends(sharingOneGate(std::move(creator), _platform.clock())),
+      _user(_connection->user()),
+      _meetsOtherUsers(_connection->isEntitledTo(chainsEntitlement)),
       _deviceid(uniqueDeviceID()),
       _sessionIDString(newSessionIDString(_platform.random())) {
   logDebug("initWithSessionDelegate: CorviddSession initWithSessionDelegate:{}",
@@ -76,6 +79,16 @@ CorviddSession::CorviddSession(std::shared_ptr<CorviddSessionDelegate> delegate,
 
 CorviddSession::~CorviddSession() {
   logDebug("dealloc: CorviddSession dealloc: {}", sessionID());
+  // What fails here costs this session's farewell and nobody else's session.
+  try {
+    sayFarewell();
+  } catch (const std::exception& exception) {
+    logError("dealloc: CorviddSession {} ended without its farewell: {}", sessionID(),
+             exception.what());
+  }
+}
+
+void CorviddSession::sayFarewell() {
   Dictionary payload;
   if (const auto version = storebagVersion()) payload.set("StorebagVersion", *version);
   internalSendMessage(payload, sessionEnd);
@@ -112,6 +125,10 @@ std::shared_ptr<const SessionBackends> CorviddSession::backends() const {
 
 std::string CorviddSession::description() const {
   return fmt::format("<CorviddSession: {} {}>", sessionID(), sessionIDString());
+}
+
+bool CorviddSession::mayMeet(const CorviddSession& other) const {
+  return _user == other._user || (_meetsOtherUsers && other._meetsOtherUsers);
 }
 
 std::int32_t CorviddSession::getSessionHierarchy() const {

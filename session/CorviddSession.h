@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "backends/BackendSet.h"
@@ -40,6 +41,9 @@ using BackendSetCreator = std::function<std::optional<BackendTable>(
 class CorviddSession final : public ClientSessionInterface,
                              public std::enable_shared_from_this<CorviddSession> {
  public:
+  // What lets a client's sessions into chains with those of other users.
+  static constexpr std::string_view chainsEntitlement = "com.halcyon.private.corvidd.chains";
+
   static std::shared_ptr<CorviddSession> initWithSessionDelegate(
       std::shared_ptr<CorviddSessionDelegate> delegate, std::shared_ptr<Connection> connection,
       BackendSetCreator creator = createBackends);
@@ -83,6 +87,11 @@ class CorviddSession final : public ClientSessionInterface,
   std::shared_ptr<const Dictionary> sessionInfo() const;
   bool hasAggregator() const { return _hasAggregator.load(std::memory_order_relaxed); }
   void setHasAggregator(bool hasAggregator) { _hasAggregator = hasAggregator; }
+  // The client's, by number.
+  std::uint32_t user() const { return _user; }
+  // Whether the two may be of one chain: their clients are of one user, or both are entitled to
+  // chains across users.
+  bool mayMeet(const CorviddSession& other) const;
   // For log lines.
   std::string description() const;
   // Level in the chain, 0 without backends.
@@ -108,6 +117,7 @@ class CorviddSession final : public ClientSessionInterface,
   std::shared_ptr<const SessionBackends> createBackendsWithStorebag(
       const Dictionary& storebag) const;
   void sendStartMessage();
+  void sayFarewell();
 
   // Messages.
   void internalSendMessage(const Dictionary& payload, SessionMessageType respCode);
@@ -132,6 +142,8 @@ class CorviddSession final : public ClientSessionInterface,
   const std::shared_ptr<Connection> _connection;
   Platform& _platform;
   const BackendSetCreator _createBackends;
+  const std::uint32_t _user;    // of the client
+  const bool _meetsOtherUsers;  // as its client is entitled to
   const std::string _deviceid;
   const std::string _sessionIDString;
 

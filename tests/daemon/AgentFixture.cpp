@@ -41,8 +41,15 @@ std::shared_ptr<CorviddAgent> AgentTest::makeAgent() {
 std::shared_ptr<FakeConnection> AgentTest::newConnection(const std::string& description) {
   auto connection = std::make_shared<FakeConnection>(description);
   connection->entitlements.set("com.halcyon.private.corvidd", true);
+  connection->peerUser = _user;
+  if (_meetsOthers) connection->entitlements.set("com.halcyon.private.corvidd.chains", true);
   _connections.push_back(connection);
   return connection;
+}
+
+void AgentTest::becomeUser(std::uint32_t user, bool meetsOthers) {
+  _user = user;
+  _meetsOthers = meetsOthers;
 }
 
 std::shared_ptr<FakeConnection> AgentTest::connect(const std::string& description) {

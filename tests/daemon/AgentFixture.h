@@ -28,6 +28,8 @@ class AgentTest : public testing::Test {
 
   // A connection with the entitlement, not yet offered to the agent.
   std::shared_ptr<FakeConnection> newConnection(const std::string& description = "client");
+  // The clients that connect from now on are this user's, entitled to chains across users or not.
+  void becomeUser(std::uint32_t user, bool meetsOthers = false);
   // An accepted one.
   std::shared_ptr<FakeConnection> connect(const std::string& description = "client");
   static CorviddSession& sessionOf(FakeConnection& connection);
@@ -57,6 +59,8 @@ class AgentTest : public testing::Test {
   std::shared_ptr<CorviddAgent> makeAgent();
 
   std::vector<std::shared_ptr<FakeConnection>> _connections;
+  std::uint32_t _user = 1000;
+  bool _meetsOthers = false;
 };
 
 }  // namespace corvid

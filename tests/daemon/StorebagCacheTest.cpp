@@ -1,5 +1,6 @@
 #include <chrono>
 #include <future>
+#include <thread>
 
 #include "tests/daemon/AgentFixture.h"
 
@@ -274,6 +275,20 @@ TEST_F(StorebagCache, AFailureMayStillReportLastModified) {
   EXPECT_EQ(fetches[1].lastModified, "today");
 }
 
+TEST_F(StorebagCache, UnchangedWhileNothingIsKeptMakesTheNextAttemptUnconditional) {
+  answerFetch = [](std::int32_t) { return FetchedStorebag{.maxAge = 0, .lastModified = "today"}; };
+  storebag();
+  answerNotModified(60);
+  platform.clock->advance(seconds(901));
+  EXPECT_EQ(storebag(), std::nullopt);
+  serve("one", 600);
+  platform.clock->advance(seconds(61));
+  EXPECT_EQ(storebag(), bag("one"));
+  ASSERT_EQ(fetches.size(), 3u);
+  EXPECT_EQ(fetches[1].lastModified, "today");
+  EXPECT_EQ(fetches[2].lastModified, std::nullopt);
+}
+
 TEST_F(StorebagCache, ClientTypesOfOneNameShareARecord) {
   serve("one", 600);
   for (const std::int32_t clientType : {tessel, 14, 15})
@@ -312,6 +327,49 @@ TEST_F(StorebagCache, AClientTypeWithoutANameFetchesEachTimeAndGetsNothing) {
     EXPECT_EQ(fetches[1].clientType, clientType);
     EXPECT_EQ(fetches[1].lastModified, std::nullopt);
   }
+}
+
+TEST_F(StorebagCache, AfterAFailureTypesWithoutANamePauseForThatUser) {
+  fail();
+  becomeUser(1001);
+  EXPECT_EQ(agent->storebagForSession(connectAs(1, 1)).value(), std::nullopt);
+  fetches.clear();
+  log.clear();
+  EXPECT_EQ(agent->storebagForSession(connectAs(2, 18)).value(), std::nullopt);
+  EXPECT_TRUE(fetches.empty());
+  EXPECT_TRUE(
+      log.has(info,
+              "storebagForSession: Not fetching storebag for client type 18 - must wait 900 "
+              "seconds between attempts"));
+  EXPECT_EQ(storebag(), std::nullopt);
+  EXPECT_EQ(fetches.size(), 1u) << "a type with a name has a pause of its own";
+  becomeUser(1002);
+  EXPECT_TRUE(agent->storebagForSession(connectAs(3, 18)));
+  EXPECT_EQ(fetches.size(), 2u) << "another user's";
+  becomeUser(1001);
+  platform.clock->advance(seconds(901));
+  EXPECT_TRUE(agent->storebagForSession(connectAs(4, 18)));
+  EXPECT_EQ(fetches.size(), 3u);
+}
+
+TEST_F(StorebagCache, AUserWhoHasMoreFetchedThanIsFairWaitsWithoutHoldingUpOthers) {
+  serve("one", 0);  // never fresh
+  for (int i = 0; i < FetchPace::burst; ++i) storebag();
+  becomeUser(1001);
+  CorviddSession& bystander = connectAs(8, lumen);
+  std::thread greedy([&] { storebag(); });
+  ASSERT_TRUE(platform.clock->awaitSleeper(FetchPace::interval));
+  EXPECT_EQ(agent->storebagForSession(bystander).value(), bag("one"));
+  EXPECT_EQ(fetches.size(), FetchPace::burst + 1u);
+  platform.clock->advance(FetchPace::interval);
+  greedy.join();
+  EXPECT_EQ(fetches.size(), FetchPace::burst + 2u);
+}
+
+TEST_F(StorebagCache, WhatIsFreshIsNotPaced) {
+  serve("one", 600);
+  for (int i = 0; i < 10 * FetchPace::burst; ++i) storebag();
+  EXPECT_EQ(fetches.size(), 1u);
 }
 
 TEST_F(StorebagCache, TheClientTypeIsReadAsASigned32BitInteger) {

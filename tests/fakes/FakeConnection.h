@@ -22,6 +22,7 @@ class FakeConnection final : public Connection {
       : _description(std::move(description)) {}
 
   std::string description() const override { return _description; }
+  std::uint32_t user() const override { return peerUser; }
   std::optional<Value> valueForEntitlement(std::string_view name) override;
   void setExportedObject(std::shared_ptr<ClientSessionInterface> object) override;
   void setInterruptionHandler(std::function<void()> handler) override;
@@ -38,6 +39,7 @@ class FakeConnection final : public Connection {
   std::vector<Delivery> deliveries() const;
 
   Dictionary entitlements;
+  std::uint32_t peerUser = 1000;
   std::shared_ptr<ClientSessionInterface> exportedObject;
   bool resumed = false;
   std::function<void()> onResume;

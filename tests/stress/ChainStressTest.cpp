@@ -49,6 +49,7 @@ class WatchedConnection final : public Connection {
         _onGone(std::move(onGone)) {}
 
   std::string description() const override { return _connection->description(); }
+  std::uint32_t user() const override { return _connection->user(); }
   std::optional<Value> valueForEntitlement(std::string_view name) override {
     return _connection->valueForEntitlement(name);
   }
