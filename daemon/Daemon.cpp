@@ -152,6 +152,8 @@ int runDaemon(const Options& options) {
   giveMemoryBack();
   setMainThreadQualityOfService(QualityOfServiceClass::utility, 0);
   const Logging logging(options);
+  giveUpCapabilities();
+  raiseDescriptorLimit();
   const auto launcher = std::make_shared<Launcher>(clock);
   const Deployment deployment = deploymentAt(paths.deploymentFile);
   // Before the daemon is in its sandbox, which starts no processes; the trial is in its own.

@@ -1,5 +1,6 @@
 #include "platform/system/SeccompFilter.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <netinet/in.h>
 #include <sched.h>
@@ -66,6 +67,12 @@ std::vector<HarmlessForm> harmlessForms(const SandboxProfile& profile) {
       {"prlimit64", {is(0, 0)}},
       {"prctl", {is(0, PR_SET_NAME)}},
       {"prctl", {is(0, PR_GET_NAME)}},
+      // No locks, leases or signals by descriptor.
+      {"fcntl", {is(1, F_DUPFD_CLOEXEC)}},
+      {"fcntl", {is(1, F_GETFD)}},
+      {"fcntl", {is(1, F_SETFD)}},
+      {"fcntl", {is(1, F_GETFL)}},
+      {"fcntl", {is(1, F_SETFL)}},
       {"ioctl", {is(1, FIONBIO)}},
       {"ioctl", {is(1, FIONREAD)}},
       {"ioctl", {is(1, TCGETS)}},
