@@ -16,6 +16,8 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_L
     $<$<COMPILE_LANGUAGE:CXX>:-Wno-array-bounds>)
 endif()
 target_include_directories(corvid_flags INTERFACE ${CMAKE_SOURCE_DIR})
+include(CorvidHardening)
+corvid_harden(corvid_flags)
 if(CORVID_SANITIZE)
   target_compile_options(corvid_flags INTERFACE
     -fsanitize=${CORVID_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all
