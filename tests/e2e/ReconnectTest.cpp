@@ -68,7 +68,7 @@ TEST_F(Reconnect, TheNextCallFindsTheNewDaemonWhichKnowsTheClient) {
 TEST_F(Reconnect, CallsUnderWayEndWithTheirError) {
   TestClient client(_root.path());
   ASSERT_EQ(client.configure({.clientType = 5}).text(), "httpPost");
-  _daemon->signal(SIGSTOP);
+  _daemon->freeze();
   std::vector<TestClient::Outcome> calls;
   for (int i = 0; i < 300; ++i) calls.push_back(client.send("stopped"));
   calls.push_back(client.flush());
@@ -90,7 +90,7 @@ TEST_F(Reconnect, ADaemonThatStandsStillHoldsNobodyPastTheDeadline) {
   constexpr int moreThanTheQueueTakes = 10'000;
   TestClient client(_root.path(), deadline);
   ASSERT_EQ(client.configure({.clientType = 5}).text(), "httpPost");
-  _daemon->signal(SIGSTOP);
+  _daemon->freeze();
   const auto stopped = steady_clock::now();
   std::size_t refused = 0;
   for (int i = 0; i < moreThanTheQueueTakes && refused == 0; ++i)

@@ -86,6 +86,12 @@ void ChildProcess::signal(int number) const {
   if (!_status) ::kill(_pid, number);
 }
 
+void ChildProcess::freeze() const {
+  signal(SIGSTOP);
+  siginfo_t stopped{};
+  waitid(P_PID, static_cast<id_t>(_pid), &stopped, WSTOPPED | WEXITED | WNOWAIT);
+}
+
 void ChildProcess::kill() {
   if (_pid == -1 || _status) return;
   signal(SIGKILL);

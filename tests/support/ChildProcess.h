@@ -38,6 +38,8 @@ class ChildProcess {
 
   pid_t pid() const { return _pid; }
   void signal(int number) const;
+  // Stops it; returns when each of its threads stands still. SIGCONT lets it go on.
+  void freeze() const;
   // At once, without a farewell to anybody.
   void kill();
   // The exit status, or the negative number of the signal that ended it; nothing where it goes on.
