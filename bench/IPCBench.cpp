@@ -111,7 +111,7 @@ int main(int count, char** arguments) {
   {
     ExtensionTokens tokens(std::make_shared<SystemRandom>(), 0);
     auto listener = IPCListener::serving(
-        ServiceSocket::bind(path), [](int) { return Dictionary(); }, tokens);
+        ServiceSocket::bind(path), [](int) { return [] { return Dictionary(); }; }, tokens);
     if (!listener) {
       fmt::print(stderr, "{}\n", listener.failure().message);
       return 1;

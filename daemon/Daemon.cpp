@@ -22,6 +22,7 @@
 #include "platform/system/BundleTrial.h"
 #include "platform/system/DynamicBundleLoader.h"
 #include "platform/system/Entitlements.h"
+#include "platform/system/FolderWatch.h"
 #include "platform/system/JournalPowerLog.h"
 #include "platform/system/Launcher.h"
 #include "platform/system/ProcessSetup.h"
@@ -117,16 +118,23 @@ Platform::Services systemServices(const Paths& paths, const Deployment& deployme
   };
 }
 
-Result<std::unique_ptr<IPCListener>> createListener(Platform& platform, Launcher& launcher) {
-  const auto folder = std::make_shared<Entitlements>(platform.paths().entitlementsFolder);
-  EntitlementReader entitlements = [folder](int socket) {
-    const Result<PeerIdentity> peer = peerIdentity(socket);
-    return peer ? folder->entitlementsForPeer(peer.value()) : Dictionary();
+// Watches the folder before it is read, so that no change is missed.
+EntitlementReader entitlementReader(const std::string& path, const FolderWatch& watch) {
+  return [&watch, folder = std::make_shared<Entitlements>(path)](int socket) -> PeerEntitlements {
+    return [&watch, folder, peer = peerIdentity(socket)] {
+      watch.watch();
+      return peer ? folder->entitlementsForPeer(peer.value()) : Dictionary();
+    };
   };
+}
+
+Result<std::unique_ptr<IPCListener>> createListener(Platform& platform, Launcher& launcher,
+                                                    const FolderWatch& watch) {
   Descriptor passed = launcher.takeListeningSocket();
   return IPCListener::serving(passed ? ServiceSocket::adopt(std::move(passed))
                                      : ServiceSocket::bind(platform.paths().socket),
-                              std::move(entitlements), platform.extensionTokens());
+                              entitlementReader(platform.paths().entitlementsFolder, watch),
+                              platform.extensionTokens());
 }
 
 std::chrono::seconds idleExit(const Options& options, const Launcher& launcher) {
@@ -172,14 +180,17 @@ int runDaemon(const Options& options) {
   // Before the listener, so that it outlives the sessions.
   Platform platform(systemServices(paths, deployment, clock, launcher, bundle.passed));
   Platform::install(&platform);
-  auto created = createListener(platform, *launcher);
+  const FolderWatch entitlementWatch(paths.entitlementsFolder);
+  auto created = createListener(platform, *launcher, entitlementWatch);
   if (!created) {
     logError("main: Cannot listen for clients: {}", created.failure().message);
     return socketFailure;
   }
   const std::unique_ptr<IPCListener> listener = std::move(created).value();
-  listener->resume(CorviddAgent::create(), {[launcher] { return launcher->tryBeginTransaction(); },
-                                            [launcher] { launcher->endTransaction(); }});
+  listener->resume(CorviddAgent::create(),
+                   {[launcher] { return launcher->tryBeginTransaction(); },
+                    [launcher] { launcher->endTransaction(); }},
+                   {entitlementWatch.descriptor(), [&] { entitlementWatch.takeChanges(); }});
   logInfo("main: Listener resumes with sandbox, start loop.");
   sealSandbox(options);
   launcher->notifyReady("Serving");

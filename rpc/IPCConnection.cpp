@@ -3,6 +3,7 @@
 #include <capnp/rpc-twoparty.h>
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <exception>
 #include <stdexcept>
 #include <system_error>
@@ -101,12 +102,13 @@ class IPCConnection::Serving {
   kj::Promise<void> _farewell = nullptr;
 };
 
-IPCConnection::IPCConnection(Descriptor socket, Peer peer, Dictionary entitlements,
+IPCConnection::IPCConnection(Descriptor socket, Peer peer, PeerEntitlements entitlements,
                              ExtensionTokens& tokens, std::function<void()> ended)
     : _peer(peer),
       _description(fmt::format("connection {} of process {}, user {}", peer.number, peer.process,
                                peer.user)),
-      _entitlements(std::move(entitlements)),
+      _entitlementsNow(std::move(entitlements)),
+      _entitlements(_entitlementsNow()),
       _tokens(tokens),
       _ended(std::move(ended)),
       _outbox(std::make_shared<Outbox>(_description)),
@@ -117,6 +119,14 @@ IPCConnection::~IPCConnection() { join(); }
 std::optional<Value> IPCConnection::valueForEntitlement(std::string_view name) {
   const Value* value = _entitlements.find(name);
   return value ? std::optional<Value>(*value) : std::nullopt;
+}
+
+bool IPCConnection::hasLostEntitlements() const {
+  const Dictionary now = _entitlementsNow();
+  return !std::ranges::all_of(_entitlements, [&](const Dictionary::Entry& had) {
+    const Value* has = now.find(had.key);
+    return has && *has == had.value;
+  });
 }
 
 void IPCConnection::setExportedObject(std::shared_ptr<ClientSessionInterface> object) {

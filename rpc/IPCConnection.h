@@ -14,6 +14,7 @@
 #include "base/Mutex.h"
 #include "protocol/Connection.h"
 #include "rpc/Outbox.h"
+#include "rpc/PeerEntitlements.h"
 
 namespace corvid {
 
@@ -32,8 +33,8 @@ class IPCConnection final : public Connection {
   };
   // `ended` is called on the connection's thread when hasEnded() has become true.
   // `tokens` is borrowed.
-  IPCConnection(Descriptor socket, Peer peer, Dictionary entitlements, ExtensionTokens& tokens,
-                std::function<void()> ended);
+  IPCConnection(Descriptor socket, Peer peer, PeerEntitlements entitlements,
+                ExtensionTokens& tokens, std::function<void()> ended);
   ~IPCConnection() override;
 
   std::string description() const override { return _description; }
@@ -51,6 +52,9 @@ class IPCConnection final : public Connection {
   // Deliveries that were lost because the client does not take them. Any thread.
   std::size_t droppedDeliveries() const { return _outbox->dropped(); }
 
+  // Whether the peer no longer has an entitlement with which it was accepted. Accept thread.
+  bool hasLostEntitlements() const;
+
   // Whether nothing more will happen on the connection's thread. Any thread.
   bool hasEnded() const { return _hasEnded; }
   // For the listener. close() ends the connection without a log line, from any thread; join()
@@ -67,7 +71,8 @@ class IPCConnection final : public Connection {
   // Constant after construction.
   const Peer _peer;
   const std::string _description;
-  const Dictionary _entitlements;
+  const PeerEntitlements _entitlementsNow;
+  const Dictionary _entitlements;  // as they were when it was accepted
   ExtensionTokens& _tokens;
   const std::function<void()> _ended;
   // By themselves.

@@ -21,7 +21,14 @@ namespace corvid {
 
 namespace {
 
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
 constexpr int starvedPause = 100;  // milliseconds
+
+// From the first change of entitlements to the look at them, so that several at once, or a file
+// that is being written, are one.
+constexpr milliseconds settlingTime{250};
 
 }  // namespace
 
@@ -56,12 +63,14 @@ IPCListener::~IPCListener() {
 
 void IPCListener::run() {
   for (;;) {
-    std::array<pollfd, 2> ready{{{_wakeup.descriptor(), POLLIN, 0}, {_socket.get(), POLLIN, 0}}};
+    std::array<pollfd, 3> ready{{{_wakeup.descriptor(), POLLIN, 0},
+                                 {_socket.get(), POLLIN, 0},
+                                 {_examination ? -1 : _changes.descriptor, POLLIN, 0}}};
     // What is refused or cannot be accepted keeps the socket readable.
     if (_starved || _refused) ready[1].fd = -1;
-    if (poll(ready.data(), ready.size(), _starved ? starvedPause : -1) < 0 && errno != EINTR) {
+    if (poll(ready.data(), ready.size(), longestWait()) < 0 && errno != EINTR) {
       starve("Waiting for connections", errno);
-      std::this_thread::sleep_for(std::chrono::milliseconds(starvedPause));
+      std::this_thread::sleep_for(milliseconds(starvedPause));
     }
     _wakeup.drain();
     reap();
@@ -69,9 +78,21 @@ void IPCListener::run() {
       const MutexLock lock(_mutex);
       if (_stopping) return;
     }
+    if (ready[2].revents != 0) _examination = steady_clock::now() + settlingTime;
+    if (_examination && steady_clock::now() >= *_examination) closeWhoLostEntitlements();
     if (!_refused && (_starved || ready[1].revents != 0))
       while (acceptThroughGate()) continue;
   }
+}
+
+int IPCListener::longestWait() const {
+  int wait = _starved ? starvedPause : -1;
+  if (_examination) {
+    const auto left = std::chrono::ceil<milliseconds>(*_examination - steady_clock::now()).count();
+    const int untilThen = static_cast<int>(std::max<milliseconds::rep>(left, 0));
+    wait = _starved ? std::min(wait, untilThen) : untilThen;
+  }
+  return wait;
 }
 
 bool IPCListener::acceptThroughGate() {
@@ -113,7 +134,7 @@ void IPCListener::bring(Descriptor socket) {
   if (!admits(peer.process, peer.user)) return;
   std::shared_ptr<IPCConnection> connection;
   try {
-    Dictionary entitlements = _entitlements(socket.get());
+    PeerEntitlements entitlements = _entitlements(socket.get());
     connection = std::make_shared<IPCConnection>(std::move(socket), peer, std::move(entitlements),
                                                  _tokens, [this] { _wakeup.wake(); });
     const MutexLock lock(_mutex);
@@ -161,6 +182,25 @@ void IPCListener::reap() {
   for (const auto& connection : ended) connection->join();
 }
 
+void IPCListener::closeWhoLostEntitlements() {
+  _examination.reset();
+  _changes.take();
+  std::vector<std::shared_ptr<IPCConnection>> connections;
+  {
+    const MutexLock lock(_mutex);
+    connections = _connections;
+  }
+  for (const auto& connection : connections) {
+    if (connection->hasEnded()) continue;
+    try {
+      if (connection->hasLostEntitlements())
+        connection->invalidate("an entitlement was taken back");
+    } catch (const std::exception& exception) {
+      connection->invalidate(exception.what());
+    }
+  }
+}
+
 Result<std::unique_ptr<IPCListener>> IPCListener::serving(Result<ServiceSocket> socket,
                                                           EntitlementReader entitlements,
                                                           ExtensionTokens& tokens) {
@@ -173,9 +213,11 @@ Result<std::unique_ptr<IPCListener>> IPCListener::serving(Result<ServiceSocket> 
   }
 }
 
-void IPCListener::resume(std::shared_ptr<ListenerDelegate> delegate, AcceptGate gate) {
+void IPCListener::resume(std::shared_ptr<ListenerDelegate> delegate, AcceptGate gate,
+                         EntitlementChanges changes) {
   _delegate = std::move(delegate);
   _gate = std::move(gate);
+  _changes = std::move(changes);
   _thread = startThread("corvid-accept", [this] { run(); });
 }
 

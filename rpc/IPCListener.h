@@ -3,10 +3,12 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -15,18 +17,15 @@
 #include "base/Descriptor.h"
 #include "base/Mutex.h"
 #include "base/Result.h"
-#include "base/Value.h"
 #include "base/Wakeup.h"
 #include "protocol/Connection.h"
+#include "rpc/PeerEntitlements.h"
 #include "rpc/ServiceSocket.h"
 
 namespace corvid {
 
 class ExtensionTokens;
 class IPCConnection;
-
-// What the process at the other end of a connected socket is entitled to.
-using EntitlementReader = std::function<Dictionary(int socket)>;
 
 // Says whether a connection may be taken out of the socket. `enter` is asked on the accept thread
 // before each; once it has refused, what waits stays in the socket for whoever serves it next, and
@@ -47,6 +46,8 @@ bool admitsConnection(pid_t process, uid_t user, std::size_t all, std::size_t of
 //           up anyone else.
 // Limits    limits::connections and limits::connectionsPerUser; one connection more is closed with
 //           a log line. Without file descriptors left, clients wait until there are some again.
+// Rights    A quarter of a second after entitlements have changed, connections whose peers have
+//           lost one are closed with a log line. What a peer gains, its next connection has.
 // Stop      The destructor accepts nothing more, closes every connection and waits for the threads,
 //           so for running calls and invalidation handlers too. Not from one of those threads.
 class IPCListener {
@@ -60,8 +61,10 @@ class IPCListener {
   IPCListener(const IPCListener&) = delete;
   IPCListener& operator=(const IPCListener&) = delete;
 
-  // Starts the accept thread, once. Without a gate every connection is taken.
-  void resume(std::shared_ptr<ListenerDelegate> delegate, AcceptGate gate = {});
+  // Starts the accept thread, once. Without a gate every connection is taken. The descriptor of
+  // `changes` outlives the listener.
+  void resume(std::shared_ptr<ListenerDelegate> delegate, AcceptGate gate = {},
+              EntitlementChanges changes = {});
 
   // Connections that are open or being closed. Any thread.
   std::size_t connections() const;
@@ -69,6 +72,8 @@ class IPCListener {
  private:
   IPCListener(ServiceSocket socket, EntitlementReader entitlements, ExtensionTokens& tokens);
   void run();
+  // Milliseconds, or -1.
+  int longestWait() const;
   // Both: whether another may wait.
   bool acceptThroughGate();
   bool acceptOne();
@@ -76,6 +81,7 @@ class IPCListener {
   void bring(Descriptor socket);
   bool admits(pid_t process, uid_t user) const EXCLUDES(_mutex);
   void reap() EXCLUDES(_mutex);
+  void closeWhoLostEntitlements() EXCLUDES(_mutex);
 
   // Constant after resume().
   const EntitlementReader _entitlements;
@@ -84,12 +90,15 @@ class IPCListener {
   const ServiceSocket _socket;
   std::shared_ptr<ListenerDelegate> _delegate;
   AcceptGate _gate;
+  EntitlementChanges _changes;
   std::thread _thread;
 
   // The accept thread's.
   std::uint64_t _lastNumber = 0;
   bool _starved = false;
   bool _refused = false;  // by the gate
+  // When what has changed is looked at.
+  std::optional<std::chrono::steady_clock::time_point> _examination;
 
   mutable Mutex _mutex;
   std::vector<std::shared_ptr<IPCConnection>> _connections GUARDED_BY(_mutex);

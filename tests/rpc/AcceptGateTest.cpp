@@ -22,8 +22,8 @@ class AcceptGateTest : public ServiceFixture {
 
   void serve(AcceptGate gate = {}) {
     auto adopted = IPCListener::serving(
-        ServiceSocket::adopt(Descriptor(dup(_socket.get()))), [](int) { return Dictionary(); },
-        tokens);
+        ServiceSocket::adopt(Descriptor(dup(_socket.get()))),
+        [](int) { return [] { return Dictionary(); }; }, tokens);
     ASSERT_TRUE(adopted) << adopted.failure().message;
     listener = std::move(adopted).value();
     listener->resume(delegate, std::move(gate));

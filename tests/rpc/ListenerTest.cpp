@@ -20,7 +20,9 @@ namespace {
 
 using Listener = ServiceFixture;
 
-Dictionary noEntitlements(int) { return {}; }
+PeerEntitlements noEntitlements(int) {
+  return [] { return Dictionary(); };
+}
 
 std::size_t openDescriptors() {
   std::size_t count = 0;

@@ -209,17 +209,13 @@ class RecordingDelegate final : public ListenerDelegate {
 
 class ServiceFixture : public testing::Test {
  protected:
-  // Tests set up `delegate` first.
+  // Tests set up `delegate`, `entitlements` and `changes` first.
   void start() {
     auto bound = IPCListener::serving(
-        ServiceSocket::bind(path),
-        [](int) {
-          return Dictionary{{"com.halcyon.private.corvidd", true}};
-        },
-        tokens);
+        ServiceSocket::bind(path), [this](int) { return entitlements; }, tokens);
     ASSERT_TRUE(bound) << bound.failure().message;
     listener = std::move(bound).value();
-    listener->resume(delegate);
+    listener->resume(delegate, {}, changes);
   }
   void stop() { listener = nullptr; }
   void TearDown() override { stop(); }
@@ -228,6 +224,8 @@ class ServiceFixture : public testing::Test {
   ExtensionTokens tokens{std::make_shared<FakeRandom>(), limits::uploadBytesUnderWay};
   ScratchFolder folder;
   std::string path = folder.path() + "/run/corvidd/com.halcyon.corvidd";
+  PeerEntitlements entitlements = [] { return Dictionary{{"com.halcyon.private.corvidd", true}}; };
+  EntitlementChanges changes;
   std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>();
   std::unique_ptr<IPCListener> listener;
 };

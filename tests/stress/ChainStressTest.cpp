@@ -141,9 +141,9 @@ class ChainStress : public testing::TestWithParam<unsigned> {
     platform.http->answerWith([](const HTTPRequest&) { return FakeHTTPClient::response(200); });
     auto bound = IPCListener::serving(
         ServiceSocket::bind(root.path("run/corvidd/com.halcyon.corvidd")),
-        [](int) {
-          return Dictionary{{"com.halcyon.private.corvidd", true}};
-        },
+        [](int) { return [] {
+                    return Dictionary{{"com.halcyon.private.corvidd", true}};
+                  }; },
         *platform.extensionTokens);
     EXPECT_TRUE(bound);
     listener = std::move(bound).value();

@@ -1,7 +1,9 @@
 // Children that enter the daemon's own sandbox profile below a scratch root.
 #pragma once
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
