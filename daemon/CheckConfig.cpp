@@ -1,6 +1,7 @@
 #include "daemon/CheckConfig.h"
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -93,6 +94,9 @@ void checkDeployment(const Paths& paths, Findings& found) {
                                 settings->productionStorebagHost, settings->internalStorebagHost));
   if (settings->allowInsecureHTTP)
     found.note(path, "AllowInsecureHTTP lets plain http through; for tests only");
+  if (const auto ports = reachableTCPPorts(*settings))
+    found.note(path, fmt::format("TCPPorts: servers are reached at the ports {} only",
+                                 fmt::join(*ports, ", ")));
   if (settings->caFile) checkCAFile(*settings->caFile, found);
 }
 

@@ -1,8 +1,55 @@
 #include "platform/data/Deployment.h"
 
+#include <charconv>
+#include <string_view>
+
+#include "base/URL.h"
 #include "platform/data/PropertyList.h"
 
 namespace corvid {
+
+namespace {
+
+constexpr std::uint16_t nameServicePort = 53;
+constexpr std::uint16_t httpsPort = 443;
+
+// The port in `host[:port]`; 0 where there is none.
+std::uint16_t portOf(const std::string& host) {
+  const std::string url = "https://" + host;
+  const auto parts = parseURL(url);
+  std::uint16_t port = 0;
+  if (!parts) return port;
+  const char* const end = parts->authority.data() + parts->authority.size();
+  const char* const colon = parts->host.data() + parts->host.size();
+  if (colon < end) std::from_chars(colon + 1, end, port);
+  return port;
+}
+
+std::set<std::uint16_t> portsIn(const Value& value, bool& hasOthers) {
+  std::set<std::uint16_t> ports;
+  const Array* array = value.array();
+  if (array == nullptr) return hasOthers = true, ports;
+  for (const Value& item : *array) {
+    const auto number = item.integer();
+    if (number && *number > 0 && *number <= UINT16_MAX)
+      ports.insert(static_cast<std::uint16_t>(*number));
+    else
+      hasOthers = true;
+  }
+  return ports;
+}
+
+}  // namespace
+
+std::optional<std::set<std::uint16_t>> reachableTCPPorts(const Deployment& deployment) {
+  auto ports = deployment.tcpPorts;
+  if (ports) {
+    ports->insert({nameServicePort, httpsPort});
+    for (const auto* host : {&deployment.productionStorebagHost, &deployment.internalStorebagHost})
+      if (const std::uint16_t port = portOf(*host); port != 0) ports->insert(port);
+  }
+  return ports;
+}
 
 Result<Deployment> readDeployment(const std::string& path) {
   const Result<Dictionary> values = readDictionaryFile(path);
@@ -27,6 +74,11 @@ Result<Deployment> readDeployment(const std::string& path) {
   // Nothing but a plain yes lowers a guard.
   takeFlag("AllowInsecureHTTP", deployment.allowInsecureHTTP);
   takeFlag("ConsentIsLive", deployment.consentIsLive);
+  if (const Value* value = values.value().find("TCPPorts")) {
+    bool hasOthers = false;
+    deployment.tcpPorts = portsIn(*value, hasOthers);
+    if (hasOthers) deployment.passedOver.emplace_back("TCPPorts");
+  }
   return deployment;
 }
 

@@ -1,7 +1,9 @@
 // What the deployment sets: hosts of the storebag servers and how they may be reached.
 #pragma once
 
+#include <cstdint>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -19,14 +21,22 @@ struct Deployment {
   bool allowInsecureHTTP = false;
   // Consent is asked again whenever something is about to leave, not at a session's start alone.
   bool consentIsLive = false;
+  // The TCP ports that the daemon may connect to, beside 53, 443 and those of the hosts; nothing:
+  // to all.
+  std::optional<std::set<std::uint16_t>> tcpPorts;
   // Settings that are passed over because their value is of the wrong type.
   std::vector<std::string> passedOver;
 };
 
+// Every TCP port that the deployment lets the daemon connect to; nothing where that is all.
+std::optional<std::set<std::uint16_t>> reachableTCPPorts(const Deployment& deployment);
+
 // Reads the property list's "ProductionStorebagHost", "InternalStorebagHost" and "CAFile" (texts
 // that are not empty), "AllowInsecureHTTP" and "ConsentIsLive" (booleans). Whatever is missing or
-// of another type stays at its default, the latter listed as passed over. A file that cannot be
-// read, or is no dictionary, is a failure that names it; its code is ENOENT where there is none.
+// of another type stays at its default, the latter listed as passed over; but of "TCPPorts" (an
+// array of integers) what is no port is left out, and no array counts as an empty one. A file that
+// cannot be read, or is no dictionary, is a failure that names it; its code is ENOENT where there
+// is none.
 Result<Deployment> readDeployment(const std::string& path);
 
 }  // namespace corvid

@@ -3,12 +3,16 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <linux/landlock.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/utsname.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <string_view>
 #include <utility>
@@ -26,6 +30,7 @@
 #ifndef LANDLOCK_ACCESS_NET_BIND_TCP
 #define LANDLOCK_ACCESS_NET_BIND_TCP (1ULL << 0)
 #define LANDLOCK_ACCESS_NET_CONNECT_TCP (1ULL << 1)
+#define LANDLOCK_RULE_NET_PORT 2
 #endif
 #ifndef LANDLOCK_SCOPE_ABSTRACT_UNIX_SOCKET
 #define LANDLOCK_SCOPE_ABSTRACT_UNIX_SOCKET (1ULL << 0)
@@ -64,11 +69,18 @@ RulesetAttributes attributesFor(const SandboxProfile& profile, long abi) {
   if (abi >= 5) ruleset.handledFiles |= LANDLOCK_ACCESS_FS_IOCTL_DEV;
   if (abi >= 4) {
     ruleset.handledNetwork = LANDLOCK_ACCESS_NET_BIND_TCP;
-    if (!profile.allowsTCPConnect) ruleset.handledNetwork |= LANDLOCK_ACCESS_NET_CONNECT_TCP;
+    if (!profile.allowsTCPConnect || profile.tcpPorts)
+      ruleset.handledNetwork |= LANDLOCK_ACCESS_NET_CONNECT_TCP;
   }
   if (abi >= 6) ruleset.scoped = LANDLOCK_SCOPE_ABSTRACT_UNIX_SOCKET | LANDLOCK_SCOPE_SIGNAL;
   return ruleset;
 }
+
+// landlock_net_port_attr.
+struct PortRule {
+  std::uint64_t allowedAccess = LANDLOCK_ACCESS_NET_CONNECT_TCP;
+  std::uint64_t port = 0;
+};
 
 std::string systemError(std::string_view what) {
   return fmt::format("{}: {}", what, std::strerror(errno));
@@ -86,14 +98,46 @@ bool allow(const Descriptor& ruleset, const std::string& path, std::uint64_t rig
   return syscall(SYS_landlock_add_rule, ruleset.get(), LANDLOCK_RULE_PATH_BENEATH, &rule, 0) == 0;
 }
 
+// False, with errno, when the kernel refuses.
+bool allowPorts(const Descriptor& ruleset, const SandboxProfile& profile) {
+  if (!profile.allowsTCPConnect || !profile.tcpPorts) return true;
+  return std::ranges::all_of(*profile.tcpPorts, [&](std::uint16_t port) {
+    const PortRule rule{.port = port};
+    return syscall(SYS_landlock_add_rule, ruleset.get(), LANDLOCK_RULE_NET_PORT, &rule, 0) == 0;
+  });
+}
+
+// Landlock came with Linux 5.13.
+bool isNewEnough() {
+  utsname system{};
+  int major = 0;
+  int minor = 0;
+  return uname(&system) == 0 && std::sscanf(system.release, "%d.%d", &major, &minor) == 2 &&
+         std::pair(major, minor) >= std::pair(5, 13);
+}
+
+// Also where the filter does not let it be asked.
+bool isFiltered() { return prctl(PR_GET_SECCOMP, 0, 0, 0, 0) != 0; }
+
 }  // namespace
+
+std::string whyNoLandlock(int error, bool newEnough, bool filtered) {
+  if (error == EOPNOTSUPP)
+    return "the kernel's Landlock is switched off; put \"landlock\" among its security modules (boot "
+           "parameter lsm=)";
+  if (error == ENOSYS && !(newEnough && filtered))
+    return "the kernel offers no Landlock; it takes Linux 5.13 or later with \"landlock\" built in "
+           "(CONFIG_SECURITY_LANDLOCK)";
+  return fmt::format(
+      "Landlock is forbidden from outside: {}; let the container's or unit's system-call filter pass "
+      "landlock_create_ruleset, landlock_add_rule and landlock_restrict_self",
+      std::strerror(error));
+}
 
 std::optional<std::string> enterLandlock(const SandboxProfile& profile) {
   const long abi =
       syscall(SYS_landlock_create_ruleset, nullptr, 0, LANDLOCK_CREATE_RULESET_VERSION);
-  if (abi < 1)
-    return "the kernel offers no Landlock; it takes Linux 5.13 or later with \"landlock\" among "
-           "its security modules (boot parameter lsm=)";
+  if (abi < 0) return whyNoLandlock(errno, isNewEnough(), isFiltered());
 
   const RulesetAttributes attributes = attributesFor(profile, abi);
   const Descriptor ruleset(
@@ -109,6 +153,8 @@ std::optional<std::string> enterLandlock(const SandboxProfile& profile) {
     for (const std::string& path : paths)
       if (!allow(ruleset, path, rights & attributes.handledFiles))
         return systemError(fmt::format("cannot make a Landlock rule for {}", path));
+  if (attributes.handledNetwork != 0 && !allowPorts(ruleset, profile))
+    return systemError("cannot make a Landlock rule for the deployment's ports");
   if (syscall(SYS_landlock_restrict_self, ruleset.get(), 0) != 0)
     return systemError("cannot enter the Landlock rules");
   return std::nullopt;

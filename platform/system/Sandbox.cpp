@@ -13,6 +13,12 @@
 #include "platform/system/SandboxProfile.h"
 #include "platform/system/SeccompFilter.h"
 
+// Younger than the oldest headers this builds with.
+#ifndef PR_SET_MDWE
+#define PR_SET_MDWE 65
+#define PR_MDWE_REFUSE_EXEC_GAIN 1
+#endif
+
 namespace corvid {
 
 namespace {
@@ -62,6 +68,8 @@ std::optional<std::string> sandboxInit(const std::string& profileName, const Pat
     return "the process has other threads already, which would stay outside";
   if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0)
     return fmt::format("cannot give up new privileges: {}", std::strerror(errno));
+  // Linux 6.3 and later; the system-call filter refuses the same by itself.
+  prctl(PR_SET_MDWE, PR_MDWE_REFUSE_EXEC_GAIN, 0, 0, 0);
   if (auto error = makeFolders(profile.value())) return error;
   if (auto error = enterLandlock(profile.value())) return error;
   return enterSeccompFilter(profile.value());

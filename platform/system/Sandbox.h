@@ -10,7 +10,8 @@
 namespace corvid {
 
 // Enters the profile `<profileName>.plist` of the sandbox folder for good: from then on files and
-// TCP sockets are confined by Landlock and system calls by a seccomp filter. Call it on the only
+// TCP sockets are confined by Landlock and system calls by a seccomp filter, and writable memory is
+// never executable. Call it on the only
 // thread of the process; all later threads are inside as well.
 //
 // Gives nothing on success, else a text that says what failed and what to do; the process is then

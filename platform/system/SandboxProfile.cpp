@@ -115,8 +115,11 @@ Result<SandboxProfile> SandboxProfile::fromFile(const std::string& path,
 
 Result<SandboxProfile> SandboxProfile::named(std::string_view name, const Paths& paths,
                                              const Deployment& deployment) {
-  return fromFile(paths.sandboxProfile(name),
-                  {{"root", paths.root}, {"caFile", deployment.caFile.value_or(std::string())}});
+  Result<SandboxProfile> profile =
+      fromFile(paths.sandboxProfile(name),
+               {{"root", paths.root}, {"caFile", deployment.caFile.value_or(std::string())}});
+  if (profile) profile.value().tcpPorts = reachableTCPPorts(deployment);
+  return profile;
 }
 
 }  // namespace corvid

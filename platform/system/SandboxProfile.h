@@ -1,7 +1,10 @@
 // What a sandbox profile lets the process do.
 #pragma once
 
+#include <cstdint>
 #include <map>
+#include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -32,6 +35,8 @@ struct SandboxProfile {
   std::vector<std::string> systemCalls;
   // System calls that look missing, so that libraries quietly do without them.
   std::vector<std::string> absentSystemCalls;
+  // No key: the only TCP ports to connect to, where the deployment names some.
+  std::optional<std::set<std::uint16_t>> tcpPorts;
   // No key: a sanitizer is built in, whose search for leaks starts a process that traces this one.
   bool hasSanitizer = false;
 
@@ -40,8 +45,8 @@ struct SandboxProfile {
                                                const Placeholders& placeholders);
   // The failure names the file as well.
   static Result<SandboxProfile> fromFile(const std::string& path, const Placeholders& placeholders);
-  // The file of that name in the sandbox folder; "${root}" and "${caFile}" stand for what the paths
-  // and the deployment say.
+  // The file of that name in the sandbox folder, with the deployment's ports; "${root}" and
+  // "${caFile}" stand for what the paths and the deployment say.
   static Result<SandboxProfile> named(std::string_view name, const Paths& paths,
                                       const Deployment& deployment);
 };

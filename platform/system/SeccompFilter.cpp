@@ -6,6 +6,7 @@
 #include <sched.h>
 #include <seccomp.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -64,6 +65,15 @@ std::vector<HarmlessForm> harmlessForms(const SandboxProfile& profile) {
       // Threads, no processes.
       {"clone", {has(0, newNamespaces | CLONE_THREAD, CLONE_THREAD)}},
       {"tgkill", {is(0, self)}},
+      // Memory is writable or executable, and never becomes executable.
+      {"mmap", {has(2, PROT_WRITE | PROT_EXEC, 0)}},
+      {"mmap", {has(2, PROT_WRITE | PROT_EXEC, PROT_WRITE)}},
+      {"mmap", {has(2, PROT_WRITE | PROT_EXEC, PROT_EXEC)}},
+      {"mprotect", {has(2, PROT_EXEC, 0)}},
+      // Not to connect by sending, which Landlock does not see.
+      {"sendmmsg", {has(3, MSG_FASTOPEN, 0)}},
+      {"sendmsg", {has(2, MSG_FASTOPEN, 0)}},
+      {"sendto", {has(3, MSG_FASTOPEN, 0)}},
       {"prlimit64", {is(0, 0)}},
       {"prctl", {is(0, PR_SET_NAME)}},
       {"prctl", {is(0, PR_GET_NAME)}},

@@ -176,6 +176,14 @@ TEST_F(CheckConfig, NotesThatPlainHTTPIsLetThrough) {
   EXPECT_TRUE(findings(deployment)[1].starts_with("note: AllowInsecureHTTP"));
 }
 
+TEST_F(CheckConfig, TellsThePortsThatServersAreReachedAt) {
+  writeList(deployment,
+            Dictionary{{"ProductionStorebagHost", "bags.example:8443"}, {"TCPPorts", Array{8080}}});
+  ASSERT_EQ(findings(deployment).size(), 2u);
+  EXPECT_EQ(findings(deployment)[1],
+            "note: TCPPorts: servers are reached at the ports 53, 443, 8080, 8443 only");
+}
+
 TEST_F(CheckConfig, NeedsSomebodyWhoMayConnect) {
   root.remove(entitlements);
   EXPECT_TRUE(finding(entitlements).starts_with("wrong: entitles nobody"));

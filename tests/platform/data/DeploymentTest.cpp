@@ -65,6 +65,30 @@ TEST_F(DeploymentTest, SettingsOfAnotherTypeAndEmptyTextsCountAsAbsent) {
   expectDefaults(read({{"AllowInsecureHTTP", 1}, {"ConsentIsLive", 1}}));
 }
 
+TEST_F(DeploymentTest, PortsAreReadAndJoinedByThoseOfTheHosts) {
+  EXPECT_EQ(reachableTCPPorts(read({})), std::nullopt);
+  EXPECT_EQ(reachableTCPPorts(read({{"TCPPorts", Array{}}})), (std::set<std::uint16_t>{53, 443}));
+  EXPECT_EQ(reachableTCPPorts(read({{"ProductionStorebagHost", "bags.example:8443"},
+                                    {"InternalStorebagHost", "[::1]:9000"},
+                                    {"TCPPorts", Array{8080, 65535}}})),
+            (std::set<std::uint16_t>{53, 443, 8080, 8443, 9000, 65535}));
+  EXPECT_EQ(reachableTCPPorts(read({{"ProductionStorebagHost", "bags.example:"},
+                                    {"InternalStorebagHost", "[::1]"},
+                                    {"TCPPorts", Array{1}}})),
+            (std::set<std::uint16_t>{1, 53, 443}));
+}
+
+TEST_F(DeploymentTest, WhatIsNoPortOpensNone) {
+  for (const Value& ports : {Value("443"), Value(true), Value(Dictionary{{"a", 5}})}) {
+    const Deployment deployment = read({{"TCPPorts", ports}});
+    EXPECT_EQ(deployment.tcpPorts, std::set<std::uint16_t>());
+    EXPECT_EQ(deployment.passedOver, std::vector<std::string>{"TCPPorts"});
+  }
+  const Deployment deployment = read({{"TCPPorts", Array{80, 0, -1, 65536, "81", 82.0}}});
+  EXPECT_EQ(deployment.tcpPorts, std::set<std::uint16_t>{80});
+  EXPECT_EQ(deployment.passedOver, std::vector<std::string>{"TCPPorts"});
+}
+
 TEST_F(DeploymentTest, ADamagedFileIsAFailureThatSaysWhatAndWhere) {
   const std::string path = scratch.path() + "/deployment.plist";
   EXPECT_EQ(failureOf("<dict>\n<key>CAFile</key>\n</dict>"),

@@ -215,6 +215,33 @@ TEST_F(SandboxAllows, Datagrams) {
             0);
 }
 
+// The rest of what stays open, as docs/security.md says.
+TEST_F(SandboxAllows, DatagramPortsToBeBound) {
+  EXPECT_EQ(inSandbox([] {
+              sockaddr_in address = loopback();
+              const Descriptor bound(socket(AF_INET, SOCK_DGRAM, 0));
+              return errorOf(bind(bound.get(), generic(address), sizeof address));
+            }),
+            0);
+}
+
+TEST_F(SandboxAllows, UnixSocketsOfOthersToBeReachedAsTheirModesSay) {
+  const UnixAddress address(root.path("service"));
+  const Descriptor service(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(address.bind(service.get()), 0);
+  ASSERT_EQ(listen(service.get(), 1), 0);
+  EXPECT_EQ(inSandbox([&] {
+              const Descriptor client(socket(AF_UNIX, SOCK_STREAM, 0));
+              return errorOf(address.connect(client.get()));
+            }),
+            0);
+}
+
+TEST_F(SandboxAllows, CommandLinesOfOtherProcessesToBeRead) {
+  const std::string parent = "/proc/" + std::to_string(getpid());
+  EXPECT_EQ(inSandbox([&] { return readRegularFile(parent + "/cmdline").value().empty(); }), 0);
+}
+
 TEST_F(SandboxAllows, TheNetworkThreadToSendAndToBeAnswered) {
   EXPECT_EQ(inSandbox([] {
               sockaddr_in address{};
@@ -306,6 +333,19 @@ TEST_F(SandboxAllows, LibrariesAndTheBundleToBeLoaded) {
               if (sandboxInit(profileName, paths)) return notEntered;
               if (dlopen(paths.performanceBundle.c_str(), RTLD_NOW) == nullptr) return 1;
               return dlopen("libanl.so.1", RTLD_NOW) == nullptr ? 2 : 0;
+            }),
+            0);
+}
+
+// Which is why the unit mounts it without the right to execute.
+TEST_F(SandboxAllows, AFileOfItsHomeToBeLoaded) {
+  EXPECT_EQ(inChild([&] {
+              const std::string content = contentOf(unloadedLibrary());
+              if (sandboxInit(profileName, paths)) return notEntered;
+              const std::string copy = paths.home + "/copy.so";
+              const Descriptor output(open(copy.c_str(), O_CREAT | O_WRONLY, 0600));
+              if (write(output.get(), content.data(), content.size()) < 0) return 1;
+              return dlopen(copy.c_str(), RTLD_NOW) == nullptr ? 2 : 0;
             }),
             0);
 }

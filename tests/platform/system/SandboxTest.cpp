@@ -8,6 +8,7 @@
 #include <seccomp.h>
 #include <signal.h>
 #include <sys/eventfd.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
@@ -19,11 +20,16 @@
 #include <cstddef>
 #include <cstring>
 #include <filesystem>
+#include <functional>
+#include <optional>
 #include <semaphore>
+#include <set>
 #include <thread>
 
 #include "base/Descriptor.h"
 #include "base/UnixAddress.h"
+#include "platform/system/Landlock.h"
+#include "platform/system/ProcessSetup.h"
 #include "platform/system/Sandbox.h"
 #include "tests/platform/system/SandboxFixture.h"
 #include "tests/support/ChildProcess.h"
@@ -39,6 +45,16 @@ class SandboxFails : public SandboxFixture {};
 
 long landlockABI() {
   return syscall(SYS_landlock_create_ruleset, nullptr, 0, LANDLOCK_CREATE_RULESET_VERSION);
+}
+
+// Makes the kernel look as if it did not have a system call.
+void takeAway(const char* systemCall, int error) {
+  prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+  const scmp_filter_ctx filter = seccomp_init(SCMP_ACT_ALLOW);
+  const int number = seccomp_syscall_resolve_name(systemCall);
+  ASSERT_EQ(seccomp_rule_add(filter, SCMP_ACT_ERRNO(static_cast<unsigned>(error)), number, 0), 0);
+  ASSERT_EQ(seccomp_load(filter), 0);
+  seccomp_release(filter);
 }
 
 int errorOfOpening(const std::string& path, int flags) {
@@ -79,6 +95,12 @@ TEST_F(SandboxRefuses, ToReadTheMemoryAndDescriptorsOfOthers) {
   EXPECT_EQ(inSandbox([&] { return errorOfOpening(other + "/mem", O_RDONLY); }), EACCES);
   EXPECT_EQ(inSandbox([&] { return errorOfOpening(other + "/fd/0", O_RDONLY); }), EACCES);
   EXPECT_EQ(inSandbox([&] { return errorOfOpening(other + "/root/etc", O_RDONLY); }), EACCES);
+  EXPECT_EQ(inChild([&] {
+              giveUpCapabilities();  // with one the kernel lets it pass
+              if (sandboxInit(profileName, paths, deployment)) return notEntered;
+              return errorOfOpening(other + "/environ", O_RDONLY);
+            }),
+            EACCES);
 }
 
 TEST_F(SandboxRefuses, ToWriteOutsideItsFolders) {
@@ -166,6 +188,115 @@ TEST_F(SandboxRefuses, ToBindATCPPort) {
               return errorOf(bind(tcp, reinterpret_cast<sockaddr*>(&any), sizeof any));
             }),
             EACCES);
+}
+
+// What `reach` gives for a listening port inside the sandbox of a deployment that names some.
+class SandboxOfNamedPorts : public SandboxFixture {
+ protected:
+  using Reach = std::function<int(int socket, const sockaddr_in& address)>;
+
+  SandboxOfNamedPorts() {
+    const Descriptor& listener = _listener;
+    socklen_t size = sizeof address;
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(bind(listener.get(), reinterpret_cast<sockaddr*>(&address), size), 0);
+    EXPECT_EQ(getsockname(listener.get(), reinterpret_cast<sockaddr*>(&address), &size), 0);
+    EXPECT_EQ(listen(listener.get(), 16), 0);
+  }
+  std::uint16_t port() const { return ntohs(address.sin_port); }
+
+  std::optional<int> errorOfReaching(const Reach& reach) {
+    return inSandbox([&] { return reach(socket(AF_INET, SOCK_STREAM, 0), address); });
+  }
+  static int byConnecting(int socket, const sockaddr_in& to) {
+    return errorOf(connect(socket, reinterpret_cast<const sockaddr*>(&to), sizeof to));
+  }
+
+  sockaddr_in address{};
+
+ private:
+  const Descriptor _listener{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+};
+
+TEST_F(SandboxOfNamedPorts, RefusesToConnectToAnother) {
+  if (landlockABI() < 4) GTEST_SKIP() << "this kernel's Landlock knows no ports";
+  EXPECT_EQ(errorOfReaching(byConnecting), 0);
+  deployment.tcpPorts = {port()};
+  EXPECT_EQ(errorOfReaching(byConnecting), 0);
+  deployment.tcpPorts = std::set<std::uint16_t>{};
+  EXPECT_EQ(errorOfReaching(byConnecting), EACCES);
+  deployment.productionStorebagHost = "127.0.0.1:" + std::to_string(port());
+  EXPECT_EQ(errorOfReaching(byConnecting), 0);
+}
+
+// Nobody listens there, which is another error.
+TEST_F(SandboxOfNamedPorts, LetsThePortsOfNamesAndOfHTTPSPass) {
+  deployment.tcpPorts = std::set<std::uint16_t>{};
+  for (const std::uint16_t usual : {std::uint16_t{53}, std::uint16_t{443}}) {
+    address.sin_port = htons(usual);
+    EXPECT_EQ(errorOfReaching(byConnecting), ECONNREFUSED);
+  }
+}
+
+TEST_F(SandboxOfNamedPorts, RefusesToConnectWithTheFirstBytes) {
+  deployment.tcpPorts = std::set<std::uint16_t>{};
+  EXPECT_EQ(errorOfReaching([](int socket, const sockaddr_in& to) {
+              return errorOf(sendto(socket, "x", 1, MSG_FASTOPEN,
+                                    reinterpret_cast<const sockaddr*>(&to), sizeof to));
+            }),
+            EPERM);
+  EXPECT_EQ(errorOfReaching([](int socket, sockaddr_in to) {
+              iovec bytes{const_cast<char*>("x"), 1};
+              msghdr message{};
+              message.msg_name = &to, message.msg_namelen = sizeof to;
+              message.msg_iov = &bytes, message.msg_iovlen = 1;
+              return errorOf(sendmsg(socket, &message, MSG_FASTOPEN));
+            }),
+            EPERM);
+}
+
+TEST_F(SandboxRefuses, ToAcceptTCPOnceItIsSealedWhateverLandlockKnows) {
+  for (const int family : {AF_INET, AF_INET6})
+    EXPECT_EQ(inSandbox([=] {
+                const int tcp = socket(family, SOCK_STREAM, 0);
+                return sandboxSeal() ? 201 : errorOf(listen(tcp, 1));
+              }),
+              EPERM);
+}
+
+TEST_F(SandboxRefuses, MemoryThatIsWritableAndExecutable) {
+  constexpr std::size_t size = 4096;
+  const auto mapped = [](int protection) {
+    return mmap(nullptr, size, protection, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  };
+  const auto errorOfMapping = [&](int protection) {
+    return inSandbox([=] { return mapped(protection) == MAP_FAILED ? errno : 0; });
+  };
+  EXPECT_EQ(errorOfMapping(PROT_READ | PROT_WRITE), 0);
+  EXPECT_EQ(errorOfMapping(PROT_READ | PROT_EXEC), 0);
+  EXPECT_EQ(errorOfMapping(PROT_WRITE | PROT_EXEC), EPERM);
+  EXPECT_EQ(errorOfMapping(PROT_READ | PROT_WRITE | PROT_EXEC), EPERM);
+  for (const int before : {PROT_NONE, PROT_READ | PROT_WRITE, PROT_READ | PROT_EXEC}) {
+    EXPECT_EQ(
+        inSandbox([=] { return errorOf(mprotect(mapped(before), size, PROT_READ | PROT_EXEC)); }),
+        EPERM);
+    EXPECT_EQ(inSandbox([=] {
+                return errorOf(syscall(SYS_pkey_mprotect, mapped(before), size, PROT_EXEC, -1));
+              }),
+              EPERM);
+  }
+}
+
+TEST_F(SandboxRefuses, ExecutableMemoryByTheKernelsOwnRuleToo) {
+  constexpr int getRule = 66;  // PR_GET_MDWE
+  if (prctl(getRule, 0, 0, 0, 0) < 0) GTEST_SKIP() << "this kernel has no such rule";
+  EXPECT_EQ(inChild([&] {
+              // So that the question gets through.
+              takeAway("seccomp", ENOSYS);
+              return sandboxInit(profileName, paths, deployment) ? prctl(getRule, 0, 0, 0, 0) : 201;
+            }),
+            1);
 }
 
 TEST_F(SandboxRefuses, ToMakeAUnixSocketElsewhere) {
@@ -272,25 +403,31 @@ TEST_F(SandboxFails, WithoutAPlaceForItsFolders) {
   EXPECT_EQ(refusalText(profileName), "cannot make the folder " + paths.home + ": Not a directory");
 }
 
-// Makes the kernel look as if it did not have a system call.
-void takeAway(const char* systemCall, int error) {
-  prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
-  const scmp_filter_ctx filter = seccomp_init(SCMP_ACT_ALLOW);
-  const int number = seccomp_syscall_resolve_name(systemCall);
-  ASSERT_EQ(seccomp_rule_add(filter, SCMP_ACT_ERRNO(static_cast<unsigned>(error)), number, 0), 0);
-  ASSERT_EQ(seccomp_load(filter), 0);
-  seccomp_release(filter);
-}
-
 TEST_F(SandboxFails, OnAKernelWithoutLandlock) {
-  const std::string wanted =
-      "the kernel offers no Landlock; it takes Linux 5.13 or later with \"landlock\" among its "
-      "security modules (boot parameter lsm=)";
-  EXPECT_EQ(refusalText(profileName, [] { takeAway("landlock_create_ruleset", ENOSYS); }), wanted);
-  EXPECT_EQ(refusalText(profileName, [] { takeAway("landlock_create_ruleset", EOPNOTSUPP); }),
-            wanted);
+  EXPECT_EQ(
+      refusalText(profileName, [] { takeAway("landlock_create_ruleset", EOPNOTSUPP); }),
+      "the kernel's Landlock is switched off; put \"landlock\" among its security modules (boot "
+      "parameter lsm=)");
+  for (const bool filtered : {false, true})
+    EXPECT_EQ(
+        whyNoLandlock(ENOSYS, false, filtered),
+        "the kernel offers no Landlock; it takes Linux 5.13 or later with \"landlock\" built in "
+        "(CONFIG_SECURITY_LANDLOCK)");
+  EXPECT_EQ(whyNoLandlock(ENOSYS, true, false), whyNoLandlock(ENOSYS, false, false));
   EXPECT_EQ(refusalText(profileName, [] { takeAway("landlock_restrict_self", EPERM); }),
             "cannot enter the Landlock rules: Operation not permitted");
+}
+
+TEST_F(SandboxFails, WhereAContainerForbidsLandlock) {
+  const auto wanted = [](const std::string& error) {
+    return "Landlock is forbidden from outside: " + error +
+           "; let the container's or unit's system-call filter pass landlock_create_ruleset, "
+           "landlock_add_rule and landlock_restrict_self";
+  };
+  EXPECT_EQ(refusalText(profileName, [] { takeAway("landlock_create_ruleset", EPERM); }),
+            wanted("Operation not permitted"));
+  EXPECT_EQ(refusalText(profileName, [] { takeAway("landlock_create_ruleset", ENOSYS); }),
+            wanted("Function not implemented"));
 }
 
 TEST_F(SandboxFails, OnAKernelWithoutSeccomp) {
