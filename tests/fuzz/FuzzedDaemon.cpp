@@ -1,0 +1,71 @@
+#include "tests/fuzz/FuzzedDaemon.h"
+
+#include <chrono>
+#include <string_view>
+#include <utility>
+
+#include "base/LogLine.h"
+
+namespace corvid::fuzz {
+
+namespace {
+
+// Every backend, for whoever asks; batches of a few, filters of each kind, a level by client type.
+Dictionary sectionFor(std::int32_t clientType) {
+  const Dictionary entry{{"post_url", "https://events.invalid/"},
+                         {"realtime_post_url", "https://realtime.invalid/"},
+                         {"expedite", 2},
+                         {"event_threshold", 3},
+                         {"hierarchy", clientType % 4},
+                         {"override_dnu", 1},
+                         {"locale_whitelist", Array{"US"}},
+                         {"sampling_threshold", 1.0},
+                         {"filters", Array{Dictionary{{"key", "secret"}, {"action", "remove"}},
+                                           Dictionary{{"key", "account"}, {"action", "sha256"}}}}};
+  return {{"httpPost",
+           Dictionary{{"display_url", "https://events.invalid/"}, {"clients", Array{entry}}}},
+          {"dashboard", Dictionary{{"ip", "127.0.0.1"},
+                                   {"port", 4464},
+                                   {"post_url", "https://log.invalid/"},
+                                   {"reliable", 500}}},
+          {"metrix", Dictionary{{"active", true}}},
+          {"wattbook", Dictionary()},
+          {"uploadServer", Dictionary{{"post_url", "https://upload.invalid/"}}}};
+}
+
+}  // namespace
+
+FuzzedDaemon::FuzzedDaemon()
+    : _agent(CorviddAgent::create([this](std::int32_t clientType, const auto&) {
+        _platform.clock->advance(
+            std::chrono::seconds(1));  // so that nobody has to wait for the next
+        return FetchedStorebag{.storebag = sectionFor(clientType), .maxAge = 3600, .version = "1"};
+      })) {
+  _platform.http->answerWith(
+      [](const HTTPRequest&) { return FakeHTTPClient::response(200, "delete"); });
+}
+
+std::shared_ptr<IPCConnection> FuzzedDaemon::serve(Descriptor socket) {
+  auto connection = std::make_shared<IPCConnection>(
+      std::move(socket), IPCConnection::Peer{++_lastNumber, 1, 1000},
+      [] {
+        return Dictionary{{std::string(CorviddAgent::requiredEntitlement), true}};
+      },
+      *_platform.extensionTokens, [] {});
+  require(_agent->shouldAcceptNewConnection(connection));
+  return connection;
+}
+
+void FuzzedDaemon::requireOrder() const {
+  require(_platform.keepAlive->begun == _platform.keepAlive->ended);
+  const auto usage = _platform.extensionTokens->usage();
+  require(usage.grants == 0 && usage.handles == 0 && usage.claimed == 0);
+  for (const auto& [level, line] : _platform.log.lines()) {
+    require(line.size() <= logLineLimit + 64);
+    for (const std::string_view never :
+         {"ends by an exception", "Exception in ", "Unknown exception"})
+      require(line.find(never) == std::string::npos);
+  }
+}
+
+}  // namespace corvid::fuzz
