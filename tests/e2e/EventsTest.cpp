@@ -2,12 +2,16 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <linux/landlock.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <map>
 #include <string>
 #include <vector>
 
 #include "base/Reading.h"
+#include "platform/data/PropertyList.h"
 #include "tests/e2e/LabFixture.h"
 #include "tests/support/ToolProcess.h"
 #include "tests/support/Waiting.h"
@@ -162,6 +166,35 @@ TEST_F(Events, AClientOutsideTheCountryListReportsNothing) {
   EXPECT_TRUE(_daemon->waitForLog(
       "HTTPSPostBackend(updateBackendState): (DE) isn't in country code list []"));
   EXPECT_TRUE(received().empty());
+}
+
+// The deployment's own server is reached all the same.
+TEST_F(Events, ReachOnlyPortsThatTheDeploymentNames) {
+  if (syscall(SYS_landlock_create_ruleset, nullptr, 0, LANDLOCK_CREATE_RULESET_VERSION) < 4)
+    GTEST_SKIP() << "this kernel's Landlock knows no ports";
+  const auto startNaming = [&](const Array& ports) {
+    Dictionary deployment = readDictionaryFile(_root.path("etc/corvid/deployment.plist")).value();
+    deployment.set("TCPPorts", ports);
+    _root.write("etc/corvid/deployment.plist", writeXMLPropertyList(deployment));
+    startDaemon();
+  };
+  const auto report = [&](const std::string& mark) {
+    TestClient client(_root.path());
+    EXPECT_EQ(client.configure({}).text(), "httpPost");
+    EXPECT_EQ(client.send(mark).text(), "none");
+  };
+  publish("lumen", storebagPostingTo(urlOf("events")));
+  startNaming({});
+  report("refused");
+  EXPECT_TRUE(_daemon->waitForLog("HTTPSPostBackend(postJsonMessage): post error: "));
+  EXPECT_EQ(arrivals("refused"), 0u);
+
+  _daemon.reset();
+  const std::string url = urlOf("events");
+  startNaming({std::stoi(url.substr(url.rfind(':') + 1))});
+  report("welcome");
+  EXPECT_TRUE(waitUntil([&] { return arrivals("welcome") == 1; }));
+  EXPECT_EQ(arrivals("refused"), 0u);
 }
 
 }  // namespace

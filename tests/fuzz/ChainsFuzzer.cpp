@@ -5,7 +5,6 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 #include <optional>
 #include <string>
@@ -17,14 +16,12 @@
 #include "protocol/Keys.h"
 #include "tests/fakes/FakeConnection.h"
 #include "tests/fakes/TestPlatform.h"
+#include "tests/fuzz/Require.h"
 
 namespace {
 
 using namespace corvid;
-
-void require(bool condition) {
-  if (!condition) std::abort();
-}
+using fuzz::require;
 
 constexpr std::size_t mostClients = 12;
 constexpr std::array<std::int32_t, 5> levels{0, 1, 2, 3, -1};

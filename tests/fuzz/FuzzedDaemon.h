@@ -7,12 +7,9 @@
 #include "daemon/CorviddAgent.h"
 #include "rpc/IPCConnection.h"
 #include "tests/fakes/TestPlatform.h"
+#include "tests/fuzz/Require.h"
 
 namespace corvid::fuzz {
-
-inline void require(bool condition) {
-  if (!condition) std::abort();
-}
 
 class FuzzedDaemon {
  public:

@@ -6,7 +6,6 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -17,15 +16,13 @@
 #include "daemon/StorebagCache.h"
 #include "platform/data/Crypto.h"
 #include "tests/fakes/TestPlatform.h"
+#include "tests/fuzz/Require.h"
 #include "tests/fuzz/SignedStorebag.h"
 
 namespace {
 
 using namespace corvid;
-
-void require(bool condition) {
-  if (!condition) std::abort();
-}
+using fuzz::require;
 
 std::string_view takeLine(std::string_view& text) {
   const auto end = text.find('\n');
