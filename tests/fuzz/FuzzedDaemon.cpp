@@ -5,16 +5,18 @@
 #include <utility>
 
 #include "base/LogLine.h"
+#include "protocol/Keys.h"
 
 namespace corvid::fuzz {
 
 namespace {
 
+constexpr std::uint32_t user = 1000;
+
 // Every backend, for whoever asks; batches of a few, filters of each kind, a level by client type.
 Dictionary sectionFor(std::int32_t clientType) {
   const Dictionary entry{{"post_url", "https://events.invalid/"},
                          {"realtime_post_url", "https://realtime.invalid/"},
-                         {"expedite", 2},
                          {"event_threshold", 3},
                          {"hierarchy", clientType % 4},
                          {"override_dnu", 1},
@@ -43,11 +45,26 @@ FuzzedDaemon::FuzzedDaemon()
       })) {
   _platform.http->answerWith(
       [](const HTTPRequest&) { return FakeHTTPClient::response(200, "delete"); });
+  _platform.bundles->bundle = std::make_shared<FakeBundle>();
+  _platform.bundles->bundle->classes["MetrixAdaptor"].operations.insert(
+      "sendMessageWithMethod:respCode:dict:");
+  _resident->peerUser = user;
+  _resident->entitlements.set(std::string(CorviddAgent::requiredEntitlement), true);
+  require(_agent->shouldAcceptNewConnection(_resident));
+  constexpr std::int32_t typeOfLevelZero = 8;
+  const auto session = _resident->exportedObject;
+  session->setSessionInfo(Dictionary{{std::string(kCorvidSessionInfoSessionID), 1},
+                                     {std::string(kCorvidSessionInfoClientType), typeOfLevelZero},
+                                     {std::string(kCorvidSessionInfoRequireUserInfo), true}},
+                          Dictionary{{std::string(kCorvidUserInfoClientName), "Player"},
+                                     {std::string(kCorvidUserInfoServiceName), "Service"}},
+                          {}, true);
+  session->startConfigWithCompletionHandler({});
 }
 
 std::shared_ptr<IPCConnection> FuzzedDaemon::serve(Descriptor socket) {
   auto connection = std::make_shared<IPCConnection>(
-      std::move(socket), IPCConnection::Peer{++_lastNumber, 1, 1000},
+      std::move(socket), IPCConnection::Peer{++_lastNumber, 1, user},
       [] {
         return Dictionary{{std::string(CorviddAgent::requiredEntitlement), true}};
       },
@@ -56,7 +73,8 @@ std::shared_ptr<IPCConnection> FuzzedDaemon::serve(Descriptor socket) {
   return connection;
 }
 
-void FuzzedDaemon::requireOrder() const {
+FuzzedDaemon::~FuzzedDaemon() {
+  _resident->clientVanishes();
   require(_platform.keepAlive->begun == _platform.keepAlive->ended);
   const auto usage = _platform.extensionTokens->usage();
   require(usage.grants == 0 && usage.handles == 0 && usage.claimed == 0);

@@ -6,6 +6,7 @@
 #include "base/Descriptor.h"
 #include "daemon/CorviddAgent.h"
 #include "rpc/IPCConnection.h"
+#include "tests/fakes/FakeConnection.h"
 #include "tests/fakes/TestPlatform.h"
 #include "tests/fuzz/Require.h"
 
@@ -13,17 +14,21 @@ namespace corvid::fuzz {
 
 class FuzzedDaemon {
  public:
+  // With a client whose session stands on top of the chain "Player" of "Service" and aggregates.
   FuzzedDaemon();
+  // All connections must have ended and been joined. Aborts where anything of them is left, or
+  // where the log tells of what may never happen.
+  ~FuzzedDaemon();
+  FuzzedDaemon(const FuzzedDaemon&) = delete;
+  FuzzedDaemon& operator=(const FuzzedDaemon&) = delete;
 
-  // Serves an entitled client of the user 1000 at the other end of the socket.
+  // Serves an entitled client of the same user at the other end of the socket.
   std::shared_ptr<IPCConnection> serve(Descriptor socket);
-  // Once all connections have ended and been joined: aborts where anything of them is left, or the
-  // log tells of what may never happen.
-  void requireOrder() const;
 
  private:
   TestPlatform _platform;
   const std::shared_ptr<CorviddAgent> _agent;
+  const std::shared_ptr<FakeConnection> _resident = std::make_shared<FakeConnection>();
   std::uint64_t _lastNumber = 0;
 };
 

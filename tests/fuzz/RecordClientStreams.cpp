@@ -71,7 +71,7 @@ class Recorder {
     }
     return true;
   }
-  // Cuts what has come into messages.
+  // Cuts what has come into messages; the last of them is the one that a descriptor came with.
   void note(std::string_view bytes, const cmsghdr* descriptor) {
     _unfinished.append(bytes);
     while (_unfinished.size() >= sizeof(capnp::word)) {
@@ -79,12 +79,11 @@ class Recorder {
       std::memcpy(words.data(), _unfinished.data(), words.size() * sizeof(capnp::word));
       const std::size_t size =
           capnp::expectedSizeInWordsFromPrefix({words.data(), words.size()}) * sizeof(capnp::word);
-      if (size > _unfinished.size()) return;
-      _writes.push_back(
-          {descriptor ? fuzz::Passed::file : fuzz::Passed::nothing, _unfinished.substr(0, size)});
+      if (size > _unfinished.size()) break;
+      _writes.push_back({fuzz::Passed::nothing, _unfinished.substr(0, size)});
       _unfinished.erase(0, size);
-      descriptor = nullptr;
     }
+    if (descriptor) _writes.back().passed = fuzz::Passed::file;
   }
 
   const Descriptor _client;
