@@ -91,6 +91,12 @@ std::optional<std::string> PeerGuard::breachOf(Message::Reader message) {
       if (const auto answer = message.getReturn(); answer.isResults())
         capabilities = answer.getResults().getCapTable().size();
       break;
+    case Message::RESOLVE:
+      // Promises that stand for each other would keep the connection's state for ever.
+      if (const auto resolve = message.getResolve();
+          resolve.isCap() && resolve.getCap().isSenderPromise())
+        return "a promise that comes to another promise";
+      break;
     default: break;
   }
   if (capabilities > limits::capabilitiesPerMessage)

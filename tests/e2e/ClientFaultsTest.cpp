@@ -94,6 +94,29 @@ TEST_F(ClientFaults, WhatIsNoMessageEndsTheConnection) {
   expectClosed(std::string(4096, '\0'), "a malformed message");
 }
 
+// Each would leave 3 KB behind.
+TEST_F(ClientFaults, PromisesThatComeToThemselvesLeaveNothingBehind) {
+  const std::string circle = envelope([](Message::Builder m) {
+    auto resolve = m.initResolve();
+    resolve.setPromiseId(0);
+    resolve.initCap().setSenderPromise(0);
+  });
+  constexpr int connections = 4000;
+  const auto connectOften = [&](int times) {
+    for (int i = 0; i < times; ++i) {
+      RawClient client(socketPath());
+      client.write(circle);
+      shutdown(client.socket.get(), SHUT_WR);
+      EXPECT_TRUE(client.awaitClosed());
+    }
+  };
+  connectOften(100);
+  const std::size_t before = _daemon->residentMemory();
+  connectOften(connections);
+  EXPECT_LT(_daemon->residentMemory(), before + (std::size_t{4} << 20));
+  EXPECT_TRUE(bystanderReports());
+}
+
 TEST_F(ClientFaults, RandomBytesHurtNobody) {
   std::mt19937 generator(20);
   const auto random = [&](std::uint32_t limit) {

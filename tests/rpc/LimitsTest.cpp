@@ -246,6 +246,15 @@ TEST_F(Limits, ACallWhoseAnswerIsToBeKeptForAnother) {
   EXPECT_EQ(ruleAgainst(bootstrap(0) + kept), "a call whose answer is not for its caller");
 }
 
+TEST_F(Limits, APromiseThatComesToItself) {
+  const std::string circle = envelope([](Message::Builder m) {
+    auto resolve = m.initResolve();
+    resolve.setPromiseId(3);
+    resolve.initCap().setSenderPromise(3);
+  });
+  EXPECT_EQ(ruleAgainst(bootstrap(0) + circle), "a promise that comes to another promise");
+}
+
 TEST_F(Limits, ACallOfAnObjectThatIsNotThere) {
   const std::string rule = ruleAgainst(
       envelope([](Message::Builder m) { m.initCall().initTarget().setImportedCap(17); }));
