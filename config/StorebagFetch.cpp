@@ -45,6 +45,7 @@ Dictionary fallbackStorebag() {
 
 HTTPRequest storebagRequest(std::string url, const std::optional<std::string>& lastModified) {
   HTTPRequest request;
+  request.user = std::nullopt;  // whoever asked first, the storebag is for all
   request.url = std::move(url);
   request.timeout = fetchTimeout;
   request.patience = fetchTimeout;

@@ -15,6 +15,8 @@ namespace {
 
 constexpr int memoryLevel = 8;
 constexpr int gzipWrapping = 16;
+// Of a source, and of what is made of it.
+constexpr std::size_t pieceBytes = std::size_t{64} << 10;
 
 constexpr std::string_view unknownError = "Unknown error code.";
 constexpr std::string_view versionError =
@@ -62,7 +64,18 @@ struct Compressor::Stream {
     initialised = result == Z_OK;
     return result;
   }
+  void setInput(std::string_view data) {
+    // zlib's interface lacks a const here; it only reads its input.
+    zlib.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.data()));
+    zlib.avail_in = static_cast<uInt>(data.size());
+  }
   std::string_view message() const { return zlib.msg ? zlib.msg : nullDescription; }
+  std::nullopt_t fail(int code) const {
+    logError(
+        "compressDataWithZlibOrGzip: zlib error while attempting compression: \"{}\" Message: \"{}\"",
+        compressionErrorText(code), message());
+    return std::nullopt;
+  }
 
   const bool gzip;
   bool initialised = false;
@@ -78,18 +91,11 @@ std::optional<std::string> Compressor::compressDataWithZlibOrGzip(bool gzip,
     logError("compressDataWithZlibOrGzip: Cannot compress empty DataBuffer");
     return std::nullopt;
   }
-  std::unique_ptr<Stream> stream = take(gzip);
-  if (const int begun = stream->begin(); begun != Z_OK) {
-    logError("compressDataWithZlibOrGzip: deflateInit2() Error: \"{}\" Message: \"{}\"",
-             initialisationErrorText(begun), stream->message());
-    return std::nullopt;
-  }
-
+  std::unique_ptr<Stream> stream = begin(gzip);
+  if (!stream) return std::nullopt;
   z_stream& zlib = stream->zlib;
   std::string output(deflateBound(&zlib, static_cast<uLong>(data.size())), '\0');
-  // zlib's interface lacks a const here; it only reads its input.
-  zlib.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.data()));
-  zlib.avail_in = static_cast<uInt>(data.size());
+  stream->setInput(data);
   int result = Z_OK;
   while (result == Z_OK) {
     zlib.next_out = reinterpret_cast<Bytef*>(output.data() + zlib.total_out);
@@ -97,15 +103,57 @@ std::optional<std::string> Compressor::compressDataWithZlibOrGzip(bool gzip,
         std::min<std::size_t>(output.size() - zlib.total_out, std::numeric_limits<uInt>::max()));
     result = deflate(&zlib, Z_FINISH);
   }
-  if (result != Z_STREAM_END) {
-    logError(
-        "compressDataWithZlibOrGzip: zlib error while attempting compression: \"{}\" Message: \"{}\"",
-        compressionErrorText(result), stream->message());
-    return std::nullopt;
-  }
+  if (result != Z_STREAM_END) return stream->fail(result);
   output.resize(zlib.total_out);
+  return end(std::move(stream), std::move(output));
+}
+
+std::optional<std::string> Compressor::gzipDeflate(std::size_t size, const Source& source) {
+  std::optional<std::string> piece = source(0, std::min(size, pieceBytes));
+  if (!piece || piece->empty()) return std::nullopt;
+  std::unique_ptr<Stream> stream = begin(true);
+  if (!stream) return std::nullopt;
+  z_stream& zlib = stream->zlib;
+  std::string output;
+  output.reserve(deflateBound(&zlib, static_cast<uLong>(size)));
+  std::string room(pieceBytes, '\0');
+  std::size_t given = piece->size();
+  stream->setInput(*piece);
+  int result = Z_OK;
+  while (result == Z_OK) {
+    if (zlib.avail_in == 0 && !piece->empty()) {
+      piece = given < size ? source(given, std::min(size - given, pieceBytes)) : std::string();
+      if (!piece) return std::nullopt;
+      given += piece->size();
+      stream->setInput(*piece);
+    }
+    zlib.next_out = reinterpret_cast<Bytef*>(room.data());
+    zlib.avail_out = static_cast<uInt>(room.size());
+    result = deflate(&zlib, piece->empty() ? Z_FINISH : Z_NO_FLUSH);
+    output.append(room, 0, room.size() - zlib.avail_out);
+  }
+  if (result != Z_STREAM_END) return stream->fail(result);
+  return end(std::move(stream), std::move(output));
+}
+
+std::size_t Compressor::mostBytesFor(std::size_t size) {
+  // What does not get smaller grows by less than a thousandth.
+  return size + size / 1024 + 3 * pieceBytes;
+}
+
+std::unique_ptr<Compressor::Stream> Compressor::begin(bool gzip) {
+  std::unique_ptr<Stream> stream = take(gzip);
+  const int begun = stream->begin();
+  if (begun == Z_OK) return stream;
+  logError("compressDataWithZlibOrGzip: deflateInit2() Error: \"{}\" Message: \"{}\"",
+           initialisationErrorText(begun), stream->message());
+  return nullptr;
+}
+
+std::string Compressor::end(std::unique_ptr<Stream> stream, std::string output) {
+  logDebug("compressDataWithZlibOrGzip: Compressed file from {} to {}", stream->zlib.total_in,
+           output.size());
   giveBack(std::move(stream));
-  logDebug("compressDataWithZlibOrGzip: Compressed file from {} to {}", data.size(), output.size());
   return output;
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -33,10 +34,21 @@ class Compressor {
   std::optional<std::string> gzipDeflate(std::string_view data) {
     return compressDataWithZlibOrGzip(true, data);
   }
+  // Gives so many bytes from `offset` on, fewer at the end of what there is, or nothing where they
+  // cannot be had.
+  using Source = std::function<std::optional<std::string>(std::size_t offset, std::size_t bytes)>;
+  // A gzip stream of at most `size` bytes of the source, of which a piece at a time is in memory.
+  // Nothing, without a line, where the source is empty or fails.
+  std::optional<std::string> gzipDeflate(std::size_t size, const Source& source) EXCLUDES(_mutex);
+  // What the latter may have in memory at most.
+  static std::size_t mostBytesFor(std::size_t size);
 
  private:
   struct Stream;
 
+  // Ready for a new body; null after an error line.
+  std::unique_ptr<Stream> begin(bool gzip) EXCLUDES(_mutex);
+  std::string end(std::unique_ptr<Stream> stream, std::string output) EXCLUDES(_mutex);
   std::unique_ptr<Stream> take(bool gzip) EXCLUDES(_mutex);
   void giveBack(std::unique_ptr<Stream> stream) EXCLUDES(_mutex);
 

@@ -1,5 +1,6 @@
 #include "platform/ExtensionTokens.h"
 
+#include "base/Share.h"
 #include "base/Text.h"
 #include "platform/Random.h"
 
@@ -11,10 +12,10 @@ ExtensionTokens::Grant::~Grant() { _tokens.revoke(_token); }
 
 ExtensionTokens::Handle::Handle(ExtensionTokens& tokens, std::shared_ptr<GrantedFile> file)
     : _tokens(tokens), _file(std::move(file)) {}
-ExtensionTokens::Handle::~Handle() { _tokens.release(_claimed); }
+ExtensionTokens::Handle::~Handle() { _tokens.release(_user, _claimed); }
 
 bool ExtensionTokens::Handle::claim(std::size_t bytes) {
-  if (!_tokens.replaceClaim(_claimed, bytes)) return false;
+  if (!_tokens.replaceClaim(_user, _claimed, bytes)) return false;
   _claimed = bytes;
   return true;
 }
@@ -41,18 +42,25 @@ void ExtensionTokens::revoke(const std::string& token) {
   _granted.erase(token);
 }
 
-void ExtensionTokens::release(std::size_t claimed) {
+void ExtensionTokens::release(User user, std::size_t claimed) {
   const MutexLock lock(_mutex);
   --_usage.handles;
-  _usage.claimed -= claimed;
+  setClaim(user, claimed, 0);
 }
 
-bool ExtensionTokens::replaceClaim(std::size_t before, std::size_t after) {
+bool ExtensionTokens::replaceClaim(User user, std::size_t before, std::size_t after) {
   const MutexLock lock(_mutex);
-  const std::size_t others = _usage.claimed - before;
-  if (after > _claimLimit - others) return false;
-  _usage.claimed = others + after;
+  const std::size_t own = _claimedBy[user] - before;
+  const std::size_t all = _usage.claimed - before;
+  if (after > before && !leavesRoomForOthers(own, all, after, _claimLimit)) return false;
+  setClaim(user, before, after);
   return true;
+}
+
+void ExtensionTokens::setClaim(User user, std::size_t before, std::size_t after) {
+  _usage.claimed = _usage.claimed - before + after;
+  const auto own = _claimedBy.try_emplace(user).first;
+  if ((own->second = own->second - before + after) == 0) _claimedBy.erase(own);
 }
 
 ExtensionTokens::Usage ExtensionTokens::usage() const {

@@ -14,6 +14,7 @@
 #include <thread>
 #include <utility>
 
+#include "base/ActingUser.h"
 #include "base/Mutex.h"
 
 namespace corvid {
@@ -31,8 +32,8 @@ class GrantedFile {
   virtual ~GrantedFile() = default;
   // Of what cannot be looked at: no regular file.
   virtual FileAttributes attributes() = 0;
-  // As much as there is from the start, `size` bytes at most. Empty where it cannot be read.
-  virtual std::string read(std::size_t size) = 0;
+  // As much as there is from `offset` on, `size` bytes at most. Nothing where it cannot be read.
+  virtual std::optional<std::string> read(std::size_t offset, std::size_t size) = 0;
   // Takes effect before the client hears of its call's end. A failure is nobody's to know.
   virtual void remove() = 0;
 };
@@ -64,13 +65,15 @@ class ExtensionTokens {
     Handle& operator=(const Handle&) = delete;
 
     FileAttributes attributes() const { return _file ? _file->attributes() : FileAttributes(); }
-    std::string read(std::size_t size) const { return _file ? _file->read(size) : std::string(); }
+    std::optional<std::string> read(std::size_t offset, std::size_t size) const {
+      return _file ? _file->read(offset, size) : std::nullopt;
+    }
     void remove() const {
       if (_file) _file->remove();
     }
-    // Claims so much memory for what is done with the file, in place of what was claimed before.
-    // False, and nothing changes, where all handles together would have more than the registry's
-    // limit.
+    // Claims so much memory for what is done with the file, in place of what was claimed before, on
+    // behalf of the user that the handle's maker acted for. False, and nothing changes, where it
+    // would be more and leave too little of the registry's limit for others (base/Share.h).
     bool claim(std::size_t bytes);
 
    private:
@@ -79,6 +82,7 @@ class ExtensionTokens {
 
     ExtensionTokens& _tokens;
     const std::shared_ptr<GrantedFile> _file;
+    const User _user = actingUser();
     std::size_t _claimed = 0;
   };
 
@@ -104,14 +108,16 @@ class ExtensionTokens {
 
   std::string add(std::shared_ptr<GrantedFile> file) EXCLUDES(_mutex);
   void revoke(const std::string& token) EXCLUDES(_mutex);
-  void release(std::size_t claimed) EXCLUDES(_mutex);
-  bool replaceClaim(std::size_t before, std::size_t after) EXCLUDES(_mutex);
+  void release(User user, std::size_t claimed) EXCLUDES(_mutex);
+  bool replaceClaim(User user, std::size_t before, std::size_t after) EXCLUDES(_mutex);
+  void setClaim(User user, std::size_t before, std::size_t after) REQUIRES(_mutex);
 
   const std::shared_ptr<Random> _random;
   const std::size_t _claimLimit;
   mutable Mutex _mutex;
   std::map<std::string, Granted> _granted GUARDED_BY(_mutex);
   Usage _usage GUARDED_BY(_mutex);  // but for the grants
+  std::map<User, std::size_t> _claimedBy GUARDED_BY(_mutex);
 };
 
 }  // namespace corvid

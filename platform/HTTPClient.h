@@ -10,6 +10,8 @@
 #include <utility>
 #include <vector>
 
+#include "base/ActingUser.h"
+
 namespace corvid {
 
 using HTTPHeaders = std::vector<std::pair<std::string, std::string>>;
@@ -27,6 +29,7 @@ struct HTTPRequest {
   // Asked when its turn comes, on the client's thread: false ends it with an error, unsent. It may
   // not block. Empty where nothing can change meanwhile.
   std::function<bool()> mayLeave{};
+  User user = actingUser();  // on whose behalf it goes
 };
 
 struct HTTPResponse {
@@ -62,8 +65,9 @@ using HTTPCompletion = std::function<void(HTTPOutcome)>;
 //           the request has patience (not in a completion). The completion runs on the client's own
 //           thread, or, where the exchange cannot even be queued, on the caller's before start
 //           returns. A completion must not block.
-// Limits    A bounded number of exchanges waits, in all and for each host; past it start fails the
-//           new one.
+//           The client's thread then acts for the request's user.
+// Limits    A bounded number of exchanges waits, in all, for each host and for each user; past it
+//           start fails the new one.
 class HTTPClient {
  public:
   virtual ~HTTPClient() = default;

@@ -9,6 +9,7 @@
 #include <system_error>
 #include <utility>
 
+#include "base/ActingUser.h"
 #include "base/Log.h"
 #include "base/Thread.h"
 #include "protocol/Limits.h"
@@ -161,10 +162,12 @@ std::shared_ptr<ClientSessionReplyInterface> IPCConnection::remoteObjectProxyWit
 }
 
 void IPCConnection::invalidate(std::string_view reason) {
+  const ActingFor acting(_peer.user);
   if (_outbox->close()) logWarning("IPCConnection: Closing {}: {}", _description, reason);
 }
 
 void IPCConnection::run() {
+  const ActingFor acting(_peer.user);
   const wire::QuietLibrary quiet;
   try {
     wire::SocketPort port(_socket.get());

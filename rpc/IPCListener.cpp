@@ -11,6 +11,7 @@
 #include <system_error>
 #include <utility>
 
+#include "base/ActingUser.h"
 #include "base/Log.h"
 #include "base/Thread.h"
 #include "base/UnixAddress.h"
@@ -131,6 +132,7 @@ void IPCListener::bring(Descriptor socket) {
   const auto credentials = socketOption<ucred>(socket.get(), SO_PEERCRED);
   if (!credentials) return;
   const IPCConnection::Peer peer{++_lastNumber, credentials->pid, credentials->uid};
+  const ActingFor acting(peer.user);
   if (!admits(peer.process, peer.user)) return;
   std::shared_ptr<IPCConnection> connection;
   try {

@@ -73,7 +73,6 @@ bool UploadBackend::uploadFileAtPath(const std::string& path, const std::string&
   request.method = "POST";
   request.timeout = timeoutFor(body->size());
   request.body = *std::move(body);
-  request.body.shrink_to_fit();  // the compressor made room for the worst case
   file.claim(request.body.size());
   request.headers = {{"Content-Type", "application/octet-stream"}, {"Content-Encoding", "gzip"}};
 
@@ -102,19 +101,21 @@ std::optional<std::string> UploadBackend::compressedContent(ExtensionTokens::Han
     return std::nullopt;
   }
   const auto size = static_cast<std::size_t>(attributes.size);
-  // The content, and as much room for the compressor.
-  if (!file.claim(2 * size)) {
+  if (!file.claim(Compressor::mostBytesFor(size))) {
     logError(
         "UploadBackend(uploadFileAtPath): {} bytes are too many beside what is being uploaded already",
         size);
     return std::nullopt;
   }
-  const std::string content = file.read(size);
-  if (content.empty()) {
-    logError("UploadBackend(uploadFileAtPath): Input file is empty");
-    return std::nullopt;
-  }
-  return _platform.compressor.gzipDeflate(content);
+  bool isEmpty = true;
+  const auto read = [&](std::size_t offset, std::size_t bytes) {
+    auto piece = file.read(offset, bytes);
+    isEmpty = !piece || (offset == 0 && piece->empty());
+    return piece;
+  };
+  auto body = _platform.compressor.gzipDeflate(size, read);
+  if (isEmpty) logError("UploadBackend(uploadFileAtPath): Input file is empty");
+  return body;
 }
 
 std::string UploadBackend::requestURL(const std::string& uploadURL, const std::string& path) const {

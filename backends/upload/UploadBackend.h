@@ -14,10 +14,10 @@ namespace corvid {
 // Reads a granted file, compresses it and posts it; has the file removed where the server confirms.
 //
 // Threads   As CorvidBackend says. An upload blocks the client's thread for the whole exchange.
-// Limits    limits::uploadBytes a file, limits::uploadBytesUnderWay together; what goes past either
-//           is refused before anything of it is read. The exchange has a minute and as long as the
-//           body takes at leastBytesPerSecond.
-// Memory    The file and its compressed form while it is compressed, the latter alone after that.
+// Limits    limits::uploadBytes a file, limits::uploadBytesUnderWay together and what leaves room
+//           for others of one user; what goes past any is refused before anything of it is read.
+//           The exchange has a minute and as long as the body takes at leastBytesPerSecond.
+// Memory    The compressed form, and a piece of the file while it is compressed.
 // Errors    False where nothing was sent, with one log line; once the request has started, true
 //           whatever came of it. The file is kept unless the server confirmed.
 class UploadBackend final : public CorvidBackend {

@@ -31,14 +31,14 @@ FileAttributes PassedFile::attributes() {
   return {.isRegularFile = true, .size = static_cast<std::uint64_t>(status.st_size)};
 }
 
-std::string PassedFile::read(std::size_t size) {
+std::optional<std::string> PassedFile::read(std::size_t offset, std::size_t size) {
   std::string content(size, '\0');
   std::size_t filled = 0;
   while (filled < size) {
-    const ssize_t count =
-        pread(_file.get(), content.data() + filled, size - filled, static_cast<off_t>(filled));
+    const ssize_t count = pread(_file.get(), content.data() + filled, size - filled,
+                                static_cast<off_t>(offset + filled));
     if (count < 0 && errno == EINTR) continue;
-    if (count < 0) return {};
+    if (count < 0) return std::nullopt;
     if (count == 0) break;
     filled += static_cast<std::size_t>(count);
   }

@@ -20,7 +20,7 @@ class PassedFile final : public GrantedFile {
   // Regular files of the kernel's own making count as none: it may check the rights of whoever
   // reads them, who is then not the one that opened them.
   FileAttributes attributes() override;
-  std::string read(std::size_t size) override;
+  std::optional<std::string> read(std::size_t offset, std::size_t size) override;
   // Is noted; the client removes it when the call's operation is over.
   void remove() override { _isToBeRemoved = true; }
   bool isToBeRemoved() const { return _isToBeRemoved; }

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "base/Log.h"
+#include "base/Share.h"
 #include "base/Thread.h"
 #include "platform/http/CurlMulti.h"
 
@@ -27,9 +28,9 @@ CurlHTTPClient::CurlHTTPClient(std::shared_ptr<Clock> clock, Options options)
       _options(std::move(options)),
       _queue({.exchanges = mostWaitingExchanges,
               .bytes = mostWaitingBytes,
-              .hosts = hostsThatFillTheQueue,
-              .activePerHost = mostConnectionsPerHost}),
-      _multi(std::make_unique<CurlMulti>(_options.caFile, mostConnections)) {}
+              .active = mostConnections,
+              .hosts = hostsThatFillTheQueue}),
+      _multi(std::make_unique<CurlMulti>(_options.caFile, capacityFor(mostConnections))) {}
 
 CurlHTTPClient::~CurlHTTPClient() {
   std::thread thread;
@@ -61,7 +62,7 @@ std::optional<HTTPOutcome> CurlHTTPClient::enqueue(Exchange& exchange) {
   if (_stopping) return failed(exchange, CURLE_ABORTED_BY_CALLBACK, ended);
   if (!hasRoom) {
     ++_refused;
-    if (_refusedWithoutRoom++ == 0)
+    if (_refusedWithoutRoom[exchange.user]++ == 0)
       logWarning(
           "HTTPClient: too many exchanges wait, among them for {}; new ones fail until there is room",
           exchange.host);
@@ -72,8 +73,8 @@ std::optional<HTTPOutcome> CurlHTTPClient::enqueue(Exchange& exchange) {
   } catch (const std::system_error& error) {
     return failed(exchange, CURLE_OUT_OF_MEMORY, "no thread for it: " + error.code().message());
   }
-  if (const std::size_t refused = std::exchange(_refusedWithoutRoom, 0))
-    logWarning("HTTPClient: there is room for exchanges again; {} have failed", refused);
+  if (const auto refusals = _refusedWithoutRoom.extract(exchange.user))
+    logWarning("HTTPClient: there is room for exchanges again; {} have failed", refusals.mapped());
   ++_underWay;
   _queue.add(std::move(exchange));
   _hasNews = true;
@@ -82,7 +83,9 @@ std::optional<HTTPOutcome> CurlHTTPClient::enqueue(Exchange& exchange) {
 }
 
 bool CurlHTTPClient::awaitRoom(Exchange& exchange) {
-  const auto hasRoom = [&]() NO_THREAD_SAFETY_ANALYSIS { return !_queue.isFull(exchange.host); };
+  const auto hasRoom = [&]() NO_THREAD_SAFETY_ANALYSIS {
+    return !_queue.isFull(exchange.host, exchange.user);
+  };
   if (hasRoom()) return true;
   if (exchange.patience <= milliseconds(0) || _thread.get_id() == std::this_thread::get_id())
     return false;
@@ -137,17 +140,14 @@ std::optional<CurlHTTPClient::Work> CurlHTTPClient::takeWork() {
   if (_stopping) return std::nullopt;
   Work work;
   if (_queue.waiting() > 0) work.expired = _queue.removeExpired(_clock->steadyNow());
-  while (_multi->active() + work.toBegin.size() < mostConnections) {
-    auto exchange = _queue.next();
-    if (!exchange) break;
-    work.toBegin.push_back(std::move(*exchange));
-  }
+  while (auto exchange = _queue.next()) work.toBegin.push_back(std::move(*exchange));
   if (!work.toBegin.empty() || !work.expired.empty()) _hasRoom.notify_all();
   return work;
 }
 
 void CurlHTTPClient::begin(std::vector<Exchange> exchanges) {
   for (Exchange& exchange : exchanges) {
+    const ActingFor acting(exchange.user);
     if (exchange.mayLeave && !exchange.mayLeave()) {
       HTTPOutcome outcome =
           failed(exchange, CURLE_ABORTED_BY_CALLBACK, "withdrawn before it was sent");
@@ -189,7 +189,7 @@ void CurlHTTPClient::abandonAll() {
 void CurlHTTPClient::finish(Exchange exchange, HTTPOutcome outcome) {
   {
     const MutexLock lock(_mutex);
-    _queue.finished(exchange.host);
+    _queue.finished(exchange.host, exchange.user);
   }
   complete(std::move(exchange), std::move(outcome));
 }
@@ -197,6 +197,7 @@ void CurlHTTPClient::finish(Exchange exchange, HTTPOutcome outcome) {
 void CurlHTTPClient::complete(Exchange exchange, HTTPOutcome outcome) {
   // The rest of the exchange takes no memory once its completion runs, and what that holds goes
   // before the exchange counts as over.
+  const ActingFor acting(exchange.user);
   HTTPCompletion completion = Exchange(std::move(exchange)).completion;
   completion(std::move(outcome));
   completion = nullptr;

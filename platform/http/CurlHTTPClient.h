@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -33,9 +34,10 @@ class CurlMulti;
 //           No cookies, no stored credentials, no proxy: what stands in the environment does not
 //           matter. Names that end in ".invalid" fail without asking the resolver.
 // Threads   As HTTPClient says. `onIdle` runs on the client's thread.
-// Limits    The constants below, and Transfer's for answers. Past what may wait, in all or for its
-//           host, a new exchange fails, which is counted and logged once until there is room again;
-//           one that waits too long for a connection times out like any other.
+// Limits    The constants below, of one user alone, and Transfer's for answers; of all users
+//           together half as much again. Past what may wait, in all or for its host, a user's new
+//           exchange fails, which is counted and logged once until there is room again; one that
+//           waits too long for a connection times out like any other.
 // Time      Waiting goes by `clock`, what libcurl does by the system's steady time.
 // Errors    Codes are libcurl's (CURLcode), the texts name the host, never the rest of the URL.
 //           A method other than GET and POST, a URL that is neither https nor http, one that holds
@@ -114,8 +116,9 @@ class CurlHTTPClient final : public HTTPClient {
   std::condition_variable_any _hasWork;
   std::condition_variable_any _hasRoom;
   ExchangeQueue _queue GUARDED_BY(_mutex);
-  std::size_t _refusedWithoutRoom GUARDED_BY(_mutex) = 0;  // since there was room last
-  bool _hasNews GUARDED_BY(_mutex) = false;                // since work was taken last
+  // By users for whom there is no room: since there was some last.
+  std::map<User, std::size_t> _refusedWithoutRoom GUARDED_BY(_mutex);
+  bool _hasNews GUARDED_BY(_mutex) = false;  // since work was taken last
   bool _sleepsInTransfer GUARDED_BY(_mutex) = false;
   bool _stopping GUARDED_BY(_mutex) = false;
   std::thread _thread GUARDED_BY(_mutex);

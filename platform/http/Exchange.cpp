@@ -90,6 +90,7 @@ Result<Exchange> makeExchange(HTTPRequest request, bool allowInsecureHTTP, Excha
   exchange.patience = request.patience;
   exchange.deadlineCoversWait = request.timeoutCoversWait;
   exchange.mayLeave = std::move(request.mayLeave);
+  exchange.user = request.user;
   return exchange;
 }
 

@@ -26,6 +26,7 @@ struct Exchange {
   std::chrono::milliseconds patience{0};  // to wait for room in the queue
   bool deadlineCoversWait = false;
   std::function<bool()> mayLeave;  // as HTTPRequest says
+  User user;
   HTTPCompletion completion;
 
   std::size_t size() const { return url.size() + headerLines.size() + body.size(); }

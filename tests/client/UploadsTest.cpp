@@ -24,7 +24,7 @@ class ClientUploads : public SessionFixture {
         if (meanwhile) meanwhile();
         const auto handle = tokens.consume(token);
         wasFile = handle.attributes().isRegularFile;
-        content = handle.read(handle.attributes().size);
+        content = handle.read(0, handle.attributes().size).value_or("");
         if (removes) handle.remove();
       };
     };

@@ -1,7 +1,9 @@
 // A granted file that the test describes, and that notes what was done with it.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -16,15 +18,17 @@ class FakeGrantedFile final : public GrantedFile {
       : content(std::move(bytes)), announced{true, content.size()} {}
 
   FileAttributes attributes() override { return announced; }
-  std::string read(std::size_t size) override {
+  std::optional<std::string> read(std::size_t offset, std::size_t size) override {
     reads.push_back(size);
-    return content.substr(0, size);
+    if (offset >= unreadableFrom) return std::nullopt;
+    return content.substr(std::min(offset, content.size()), size);
   }
   void remove() override { ++removals; }
 
   std::string content;
   FileAttributes announced;
-  std::vector<std::size_t> reads;  // how much was asked for
+  std::size_t unreadableFrom = std::string::npos;  // an offset
+  std::vector<std::size_t> reads;                  // how much was asked for
   int removals = 0;
 };
 

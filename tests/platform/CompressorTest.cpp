@@ -206,6 +206,69 @@ TEST_F(CompressorTest, LogsBothLengths) {
       fmt::format("compressDataWithZlibOrGzip: Compressed file from 5000 to {}", output->size()));
 }
 
+// ---- Sources
+
+class SourceTest : public CompressorTest {
+ protected:
+  // Of a source that gives what `content` has, at most `most` bytes at a time.
+  std::optional<std::string> compressed(std::size_t size, std::size_t most = ~std::size_t{0}) {
+    return compressor.gzipDeflate(
+        size, [this, most](std::size_t offset, std::size_t bytes) -> std::optional<std::string> {
+          asked = std::max(asked, bytes);
+          if (offset >= failsFrom) return std::nullopt;
+          return content.substr(std::min(offset, content.size()), std::min(bytes, most));
+        });
+  }
+
+  std::string content;
+  std::size_t failsFrom = ~std::size_t{0};
+  std::size_t asked = 0;
+};
+
+TEST_F(SourceTest, ASourceIsCompressedWholeAndReadInPieces) {
+  for (const std::string& whole : {noise(1'000'000), std::string(3'000'000, 'a'), noise(65'536)}) {
+    content = whole;
+    const auto output = compressed(content.size());
+    ASSERT_TRUE(output);
+    EXPECT_TRUE(inflated(*output, gzipWindow) == content);
+    EXPECT_LE(asked, 65'536u);
+    EXPECT_LE(output->capacity(), Compressor::mostBytesFor(content.size()));
+  }
+}
+
+TEST_F(SourceTest, OneThatGivesLessThanItIsAskedForGoesOn) {
+  content = noise(20'000);
+  EXPECT_TRUE(inflated(compressed(content.size(), 777).value_or(""), gzipWindow) == content);
+}
+
+TEST_F(SourceTest, OneThatEndsEarlyIsCompressedAsFarAsItGoes) {
+  content = noise(100'000);
+  EXPECT_TRUE(inflated(compressed(200'000).value_or(""), gzipWindow) == content);
+}
+
+TEST_F(SourceTest, NotMoreIsReadThanTheSize) {
+  content = noise(100'000);
+  EXPECT_TRUE(inflated(compressed(70'000).value_or(""), gzipWindow) == content.substr(0, 70'000));
+}
+
+TEST_F(SourceTest, OneThatIsEmptyOrFailsGivesNothing) {
+  EXPECT_FALSE(compressed(100));
+  content = noise(200'000);
+  for (const std::size_t from : {0u, 65'536u, 196'608u}) {
+    failsFrom = from;
+    EXPECT_FALSE(compressed(content.size())) << from;
+  }
+  EXPECT_EQ(log.lines().size(), 0u);
+}
+
+TEST_F(SourceTest, ItsLengthsAreLogged) {
+  content = noise(100'000);
+  const auto output = compressed(content.size());
+  EXPECT_TRUE(log.has(LogLevel::debug,
+                      fmt::format("compressDataWithZlibOrGzip: Compressed file from 100000 to {}",
+                                  output->size())));
+}
+
 // ---- Streams that are kept
 
 TEST_F(CompressorTest, AKeptStreamServesTheNextBodyAndLeavesNoTraceOfItsLast) {

@@ -7,6 +7,8 @@
 #include <string>
 #include <thread>
 
+#include "base/ActingUser.h"
+#include "platform/Compressor.h"
 #include "platform/ExtensionTokens.h"
 #include "protocol/Limits.h"
 #include "tests/fakes/FakeGrantedFile.h"
@@ -28,7 +30,7 @@ TEST_F(ExtensionTokensTest, AHandleReadsAndRemovesWhatWasGranted) {
   const auto handle = tokens.consume(grant.token());
   EXPECT_TRUE(handle.attributes().isRegularFile);
   EXPECT_EQ(handle.attributes().size, 7u);
-  EXPECT_EQ(handle.read(4), "cont");
+  EXPECT_EQ(handle.read(0, 4), "cont");
   EXPECT_EQ(file->removals, 0);
   handle.remove();
   EXPECT_EQ(file->removals, 1);
@@ -41,7 +43,7 @@ TEST_F(ExtensionTokensTest, ATokenThatNobodyGrantedStandsForNothing) {
     const auto handle = tokens.consume(forged);
     EXPECT_FALSE(handle.attributes().isRegularFile);
     EXPECT_EQ(handle.attributes().size, 0u);
-    EXPECT_EQ(handle.read(100), "");
+    EXPECT_EQ(handle.read(0, 100), std::nullopt);
     handle.remove();
   }
   EXPECT_EQ(file->removals, 0);
@@ -92,19 +94,74 @@ TEST_F(ExtensionTokensTest, HandlesAreCountedUntilTheyAreReleased) {
   EXPECT_EQ(tokens.usage().consumed, 3u);
 }
 
-TEST_F(ExtensionTokensTest, AllHandlesTogetherClaimNoMoreThanTheLimit) {
+// Of a limit of 1,200 bytes.
+class ClaimsTest : public testing::Test {
+ protected:
+  ExtensionTokens::Handle handleOf(std::uint32_t user) {
+    const ActingFor acting(user);
+    return tokens.consume("");
+  }
+
+  ExtensionTokens tokens{std::make_shared<FakeRandom>(), 1200};
+};
+
+TEST_F(ClaimsTest, TheHandlesOfOneUserClaimTwoThirdsOfTheLimitTogether) {
   {
-    auto first = tokens.consume("");
-    auto second = tokens.consume("");
-    EXPECT_TRUE(first.claim(limits::uploadBytesUnderWay - 10));
-    EXPECT_FALSE(second.claim(11));
-    EXPECT_TRUE(second.claim(10));
+    auto first = handleOf(1);
+    auto second = handleOf(1);
+    EXPECT_TRUE(first.claim(700));
+    EXPECT_FALSE(second.claim(101));
+    EXPECT_TRUE(second.claim(100));
     EXPECT_FALSE(second.claim(std::numeric_limits<std::size_t>::max()));
-    EXPECT_EQ(tokens.usage().claimed, limits::uploadBytesUnderWay);
+    EXPECT_EQ(tokens.usage().claimed, 800u);
     EXPECT_TRUE(first.claim(5));  // in place of the first claim
-    EXPECT_EQ(tokens.usage().claimed, 15u);
+    EXPECT_EQ(tokens.usage().claimed, 105u);
   }
   EXPECT_EQ(tokens.usage().claimed, 0u);
+}
+
+TEST_F(ClaimsTest, WhateverAUserClaimsOthersFindRoom) {
+  auto greedy = handleOf(1);
+  ASSERT_TRUE(greedy.claim(800));
+  auto other = handleOf(2);
+  EXPECT_TRUE(other.claim(260));
+  EXPECT_FALSE(other.claim(270)) << "of which not half would be left over";
+  auto third = handleOf(3);
+  EXPECT_TRUE(third.claim(90));
+}
+
+TEST_F(ClaimsTest, AClaimThatIsLetGoIsItsUsersAgain) {
+  {
+    auto first = handleOf(1);
+    ASSERT_TRUE(first.claim(800));
+    auto second = handleOf(1);
+    EXPECT_FALSE(second.claim(1));
+  }
+  EXPECT_TRUE(handleOf(1).claim(800));
+}
+
+TEST_F(ClaimsTest, LessCanAlwaysBeClaimed) {
+  auto first = handleOf(1);
+  ASSERT_TRUE(first.claim(700));
+  auto other = handleOf(2);
+  ASSERT_TRUE(other.claim(300));
+  EXPECT_TRUE(first.claim(650));
+}
+
+// What the daemon's own limit has to allow.
+TEST(UploadClaims, TwoLargestUploadsOfOneUserFitAndLeaveRoomForAnothers) {
+  ExtensionTokens tokens(std::make_shared<FakeRandom>(), limits::uploadBytesUnderWay);
+  const std::size_t one = Compressor::mostBytesFor(limits::uploadBytes);
+  const ActingFor acting(1);
+  auto first = tokens.consume("");
+  auto second = tokens.consume("");
+  auto third = tokens.consume("");
+  EXPECT_TRUE(first.claim(one));
+  EXPECT_TRUE(second.claim(one));
+  EXPECT_FALSE(third.claim(one));
+  const ActingFor anotherActing(2);
+  auto others = tokens.consume("");
+  EXPECT_TRUE(others.claim(one));
 }
 
 TEST_F(ExtensionTokensTest, TheFileIsLetGoWithGrantAndHandle) {
@@ -112,7 +169,7 @@ TEST_F(ExtensionTokensTest, TheFileIsLetGoWithGrantAndHandle) {
     std::optional<ExtensionTokens::Grant> grant(std::in_place, tokens, file);
     const auto handle = tokens.consume(grant->token());
     grant.reset();
-    EXPECT_EQ(handle.read(7), "content");
+    EXPECT_EQ(handle.read(0, 7), "content");
   }
   EXPECT_EQ(file.use_count(), 1);
 }

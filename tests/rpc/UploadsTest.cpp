@@ -59,7 +59,7 @@ TEST_F(Uploads, TheTokenStandsForTheFileWhileTheCallRuns) {
   std::string content;
   onUpload = [&](const std::string& token) {
     const auto handle = tokens.consume(token);
-    content = handle.read(handle.attributes().size);
+    content = handle.read(0, handle.attributes().size).value_or("");
   };
   WireClient client(path);
   const Descriptor descriptor(open(file.c_str(), O_RDONLY | O_CLOEXEC));
@@ -179,7 +179,7 @@ TEST_F(Uploads, AClientThatLeavesDuringItsUploadLeavesNothing) {
     const auto handle = tokens.consume(token);
     isUnderWay = true;
     EXPECT_TRUE(notice.await([&] { return mayEnd; }));
-    EXPECT_EQ(handle.read(7), "content");
+    EXPECT_EQ(handle.read(0, 7), "content");
     handle.remove();
   };
   {

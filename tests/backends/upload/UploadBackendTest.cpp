@@ -239,10 +239,30 @@ TEST_F(UploadBackendTest, AnEmptyFileIsNotUploaded) {
 }
 
 TEST_F(UploadBackendTest, AFileThatCannotBeReadCountsAsEmpty) {
-  file->content.clear();
+  file->unreadableFrom = 0;
   EXPECT_FALSE(upload());
   EXPECT_THAT(errors(), ElementsAre("UploadBackend(uploadFileAtPath): Input file is empty"));
   EXPECT_EQ(requests(), 0u);
+}
+
+TEST_F(UploadBackendTest, AFileThatCannotBeReadToItsEndIsNotSentInPart) {
+  file = std::make_shared<FakeGrantedFile>(std::string(200'000, 'x'));
+  file->unreadableFrom = 200'000;
+  EXPECT_TRUE(upload());
+  file->unreadableFrom = 65'536;
+  EXPECT_FALSE(upload());
+  EXPECT_THAT(errors(), ElementsAre("UploadBackend(uploadFileAtPath): Input file is empty"));
+  EXPECT_EQ(requests(), 1u);
+  EXPECT_EQ(file->removals, 1);
+}
+
+TEST_F(UploadBackendTest, AFileIsReadPieceByPieceAndSentWhole) {
+  std::string content;
+  for (int i = 0; content.size() < 1'000'000; ++i) content += std::to_string(i);
+  file = std::make_shared<FakeGrantedFile>(content);
+  EXPECT_TRUE(upload());
+  EXPECT_EQ(file->reads.size(), (content.size() + 65'535) / 65'536);
+  EXPECT_EQ(unzipped(platform.http->requests()[0].body, content.size() + 1), content);
 }
 
 TEST_F(UploadBackendTest, AFilePastTheLimitIsRefusedBeforeItIsRead) {
@@ -258,7 +278,7 @@ TEST_F(UploadBackendTest, AFilePastTheLimitIsRefusedBeforeItIsRead) {
 TEST_F(UploadBackendTest, AFileThatFindsNoMemoryBesideOtherUploadsIsRefusedBeforeItIsRead) {
   {
     auto other = platform.extensionTokens->consume("");
-    ASSERT_TRUE(other.claim(limits::uploadBytesUnderWay - 2 * file->content.size() + 1));
+    ASSERT_TRUE(other.claim(limits::uploadBytesUnderWay / 3 * 2));
     EXPECT_FALSE(upload());
     EXPECT_THAT(errors(),
                 ElementsAre("UploadBackend(uploadFileAtPath): 12 bytes are too many beside what is "

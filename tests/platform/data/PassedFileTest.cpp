@@ -33,16 +33,18 @@ TEST_F(PassedFileTest, TellsAndReadsARegularFile) {
   PassedFile file = passed(write("some content"), O_RDONLY);
   EXPECT_TRUE(file.attributes().isRegularFile);
   EXPECT_EQ(file.attributes().size, 12u);
-  EXPECT_EQ(file.read(12), "some content");
-  EXPECT_EQ(file.read(4), "some");
-  EXPECT_EQ(file.read(100), "some content");
+  EXPECT_EQ(file.read(0, 12), "some content");
+  EXPECT_EQ(file.read(0, 4), "some");
+  EXPECT_EQ(file.read(0, 100), "some content");
+  EXPECT_EQ(file.read(5, 4), "cont");
+  EXPECT_EQ(file.read(12, 4), "");
 }
 
 TEST_F(PassedFileTest, ReadsFromTheStartWhereverTheClientHasMovedTo) {
   write("some content");
   Descriptor descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
   ASSERT_EQ(lseek(descriptor.get(), 7, SEEK_SET), 7);
-  EXPECT_EQ(PassedFile(std::move(descriptor)).read(12), "some content");
+  EXPECT_EQ(PassedFile(std::move(descriptor)).read(0, 12), "some content");
 }
 
 TEST_F(PassedFileTest, OnlyARegularFileIsOne) {
@@ -68,9 +70,9 @@ TEST_F(PassedFileTest, FilesOfTheKernelsOwnMakingCountAsNone) {
 
 TEST_F(PassedFileTest, WhatWasNotOpenedForReadingIsNotRead) {
   write("secret");
-  EXPECT_EQ(passed(path, O_PATH).read(6), "");
-  EXPECT_EQ(passed(path, O_WRONLY).read(6), "");
-  EXPECT_EQ(passed(folder.path(), O_RDONLY).read(6), "");
+  EXPECT_EQ(passed(path, O_PATH).read(0, 6), std::nullopt);
+  EXPECT_EQ(passed(path, O_WRONLY).read(0, 6), std::nullopt);
+  EXPECT_EQ(passed(folder.path(), O_RDONLY).read(0, 6), std::nullopt);
 }
 
 TEST_F(PassedFileTest, RemovalIsOnlyNoted) {

@@ -8,6 +8,7 @@
 #include <semaphore>
 #include <thread>
 
+#include "base/ActingUser.h"
 #include "tests/fakes/CapturedLog.h"
 #include "tests/platform/http/HTTPClientFixture.h"
 #include "tests/support/ChildProcess.h"
@@ -200,6 +201,50 @@ TEST_P(HTTPClientQueueTest, ACompletionNeverWaitsForRoom) {
   ASSERT_TRUE(outcomes.waitFor(1));
   EXPECT_EQ(code, CURLE_AGAIN);
   EXPECT_LT(std::chrono::steady_clock::now() - before, 15s);
+}
+
+TEST_P(HTTPClientQueueTest, OneUsersExchangesLeaveRoomAndConnectionsForAnothers) {
+  serveSilence();
+  {
+    const ActingFor acting(1001);
+    occupyConnections();
+    for (std::size_t i = 0; i < exchangesOfAHost; ++i)
+      client->start(get("/silent"), silent.completion());
+    EXPECT_EQ(codeOf(post("x")), CURLE_AGAIN);
+  }
+  const ActingFor acting(1000);
+  for (int i = 0; i < 50; ++i) EXPECT_EQ(codeOf(post("x")), 0) << i;
+}
+
+TEST_P(HTTPClientQueueTest, AUploadThatWaitsTakesNoRoomFromOtherUsers) {
+  serveSilence();
+  {
+    const ActingFor acting(1001);
+    occupyConnections();
+    client->start(post(std::string(4 * bytesOfAHost, 'b'), "/silent"), silent.completion());
+    EXPECT_EQ(codeOf(post("x")), CURLE_AGAIN);
+  }
+  const ActingFor acting(1000);
+  std::vector<HTTPRequest> batches(20, post(std::string(100'000, 'b')));
+  for (const HTTPRequest& batch : batches) client->start(batch, outcomes.completion());
+  ASSERT_TRUE(outcomes.waitFor(batches.size()));
+  for (const HTTPOutcome& outcome : outcomes.all()) EXPECT_TRUE(outcome.response);
+}
+
+TEST_P(HTTPClientQueueTest, ACompletionActsForTheUserOfItsRequest) {
+  serve(lab::Answer{});
+  for (const User user : {User(1000), User(std::nullopt)}) {
+    User seen = 7;
+    Outcomes ended;
+    HTTPRequest request = get();
+    request.user = user;
+    client->start(request, [&, done = ended.completion()](HTTPOutcome outcome) {
+      seen = actingUser();
+      done(std::move(outcome));
+    });
+    ASSERT_TRUE(ended.waitFor(1));
+    EXPECT_EQ(seen, user);
+  }
 }
 
 TEST_P(HTTPClientQueueTest, AHostThatDoesNotAnswerHoldsUpNoOther) {
