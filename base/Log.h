@@ -1,5 +1,6 @@
 // The system log. Every text is one whole literal in fmt form; a suppressed level costs one
-// branch and formats nothing.
+// branch and formats nothing. Errors and warnings of threads that work for a user (ActingUser.h)
+// are told once a minute where that user's clients cause the same one many times (LogPace.h).
 //
 // Threads: logging from any thread; installLog before the first thread and after the last.
 #pragma once

@@ -3,27 +3,19 @@
 
 #include <chrono>
 #include <cstdint>
-#include <map>
 
-#include "platform/Clock.h"
+#include "base/Pace.h"
 
 namespace corvid {
 
 // A user may have so many fetches at once, then one an interval. What configurations of ordinary
 // clients need is far below it.
-//
-// Not synchronised.
-class FetchPace {
+class FetchPace : public Pace<std::uint32_t> {
  public:
   static constexpr int burst = 64;
   static constexpr std::chrono::seconds interval{1};
 
-  // When the user's next fetch may begin. Where that is `now` it is taken to begin.
-  Clock::TimePoint next(std::uint32_t user, Clock::TimePoint now);
-
- private:
-  // For each user: when there would be a whole burst again. Past times are forgotten.
-  std::map<std::uint32_t, Clock::TimePoint> _rested;
+  FetchPace() : Pace(burst, interval) {}
 };
 
 }  // namespace corvid

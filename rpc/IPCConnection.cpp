@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "base/ActingUser.h"
+#include "base/Complaint.h"
 #include "base/Log.h"
 #include "base/Thread.h"
 #include "protocol/Limits.h"
@@ -70,8 +71,8 @@ class IPCConnection::Serving {
  private:
   void ruleBroken(const std::string& rule) {
     if (_connection._outbox->close())
-      logWarning("IPCConnection: {} broke a rule: {}; closing the connection",
-                 _connection._description, rule);
+      logComplaint("IPCConnection: {} broke a rule: {}; closing the connection",
+                   _connection._description, rule);
     // The client is told, where its socket still takes that.
     _farewell = kj::evalLast([this] { _end->fulfill(); }).eagerlyEvaluate(nullptr);
   }
@@ -163,7 +164,7 @@ std::shared_ptr<ClientSessionReplyInterface> IPCConnection::remoteObjectProxyWit
 
 void IPCConnection::invalidate(std::string_view reason) {
   const ActingFor acting(_peer.user);
-  if (_outbox->close()) logWarning("IPCConnection: Closing {}: {}", _description, reason);
+  if (_outbox->close()) logComplaint("IPCConnection: Closing {}: {}", _description, reason);
 }
 
 void IPCConnection::run() {

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "base/ActingUser.h"
+#include "base/Complaint.h"
 #include "base/Log.h"
 #include "base/Thread.h"
 #include "base/UnixAddress.h"
@@ -36,9 +37,9 @@ constexpr milliseconds settlingTime{250};
 bool admitsConnection(pid_t process, uid_t user, std::size_t all, std::size_t ofUser) {
   if (all < limits::connections && ofUser < limits::connectionsPerUser) return true;
   const bool forUser = all < limits::connections;
-  logWarning("IPCListener: Process {}, user {} opened more than {} connections{}; closing it",
-             process, user, forUser ? limits::connectionsPerUser : limits::connections,
-             forUser ? " of one user" : "");
+  logComplaint("IPCListener: Process {}, user {} opened more than {} connections{}; closing it",
+               process, user, forUser ? limits::connectionsPerUser : limits::connections,
+               forUser ? " of one user" : "");
   return false;
 }
 

@@ -1,6 +1,6 @@
 #include "rpc/Outbox.h"
 
-#include "base/Log.h"
+#include "base/Complaint.h"
 #include "protocol/Limits.h"
 #include "protocol/wire/ValueCodec.h"
 
@@ -36,7 +36,7 @@ void Outbox::dropOldest() {
   _bytes -= _deliveries.front().bytes;
   _deliveries.pop_front();
   if (_dropped++ == 0)
-    logWarning("Outbox: {} does not take its deliveries, the oldest are dropped", _client);
+    logComplaint("Outbox: {} does not take its deliveries, the oldest are dropped", _client);
 }
 
 void Outbox::post(Task task) {

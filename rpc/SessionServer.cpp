@@ -9,6 +9,7 @@
 #include <tuple>
 #include <utility>
 
+#include "base/Complaint.h"
 #include "base/Log.h"
 #include "platform/data/PassedFile.h"
 #include "protocol/Limits.h"
@@ -31,8 +32,8 @@ class AnswerWriter {
     result.setNone();
     if (!text) return;
     if (text->size() > _room) {
-      logWarning("SessionServer: A text of {} bytes for {} is too large and is left out",
-                 text->size(), _client);
+      logComplaint("SessionServer: A text of {} bytes for {} is too large and is left out",
+                   text->size(), _client);
       return;
     }
     _room -= text->size();

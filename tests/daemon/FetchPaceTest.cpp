@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "daemon/FetchPace.h"
+#include "platform/Clock.h"
 
 namespace corvid {
 namespace {

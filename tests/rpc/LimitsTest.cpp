@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "base/LogPace.h"
 #include "protocol/Limits.h"
 #include "tests/rpc/RawMessages.h"
 #include "tests/rpc/ServiceFixture.h"
@@ -342,6 +343,16 @@ TEST_F(Limits, RandomBytesHurtNobodyElse) {
   // At most one line for each that was cut off, and nothing went wrong inside.
   EXPECT_LE(log.texts(LogLevel::warning).size(), 150u);
   EXPECT_TRUE(log.texts(LogLevel::error).empty());
+}
+
+TEST_F(Limits, ManyBreachesOfOneUserAreCounted) {
+  for (int i = 0; i < 60; ++i) {
+    RawClient raw(path);
+    raw.write(numbers({128, 0}));
+    EXPECT_TRUE(raw.awaitClosed());
+  }
+  EXPECT_TRUE(delegate->awaitInvalidated(60));
+  EXPECT_EQ(log.texts(LogLevel::warning).size(), LogPace::complaints + 1u);
 }
 
 TEST_F(Limits, PastTheCallsInFlightTheSocketIsNotRead) {
