@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "base/ActingUser.h"
 #include "base/Describe.h"
 #include "base/Log.h"
 #include "base/Text.h"
@@ -45,30 +46,41 @@ bool isLater(const LogFile& a, const LogFile& b) {
   return !b.creationDate || a.creationDate->asDouble() > b.creationDate->asDouble();
 }
 
-// One line for expired, superseded, full and half-written files alike.
+// One line for expired, superseded and half-written files alike.
 void deleteLogFile(FileSystem& files, const LogFile& file) {
   files.remove(file.path);
   logInfo("writeToLogFile: Deleted expired corvidd log file {} ({})", file.path,
           file.dateDescription());
 }
 
-std::vector<std::string> listLogDirectory(FileSystem& files, const std::string& directory) {
+// What passes by itself: nothing is wrong with a file then, and none is deleted for it.
+bool isShortage(int error) {
+  return error == ENOSPC || error == EDQUOT || error == EMFILE || error == ENFILE ||
+         error == ENOMEM;
+}
+
+// Fails where the directory may hold a file that cannot be seen for the moment.
+Result<std::vector<std::string>> listLogDirectory(FileSystem& files, const std::string& directory) {
   auto names = files.listDirectory(directory);
-  if (names) return std::move(names).value();
+  if (names) return names;
   if (names.failure().code == ENOENT) {
     logInfo("writeToLogFile: Creating corvidd log directory at {}", directory);
     files.createDirectories(directory);
   } else {
     logError("writeToLogFile: Error reading from log directory: {}", names.failure().message);
+    if (isShortage(names.failure().code)) return names;
   }
-  return {};
+  return std::vector<std::string>();
 }
 
-// The newest log file that has not expired; every other log file is gone afterwards.
-std::optional<LogFile> keepNewestLogFile(FileSystem& files, const std::string& directory,
-                                         const TimeValue& now) {
+// The newest log file that has not expired, if there is one; every other log file is gone
+// afterwards.
+Result<std::optional<LogFile>> keepNewestLogFile(FileSystem& files, const std::string& directory,
+                                                 const TimeValue& now) {
+  const auto names = listLogDirectory(files, directory);
+  if (!names) return names.failure();
   std::optional<LogFile> candidate;
-  for (const std::string& name : listLogDirectory(files, directory)) {
+  for (const std::string& name : names.value()) {
     if (!isLogFileName(name)) continue;
     std::string path = directory + "/" + name;
     const auto creationDate = files.creationDate(path);
@@ -84,26 +96,21 @@ std::optional<LogFile> keepNewestLogFile(FileSystem& files, const std::string& d
 }
 
 // The same, without a look into a directory that has not changed since the last one.
-std::optional<LogFile> findLogFile(Platform& platform, const std::string& directory,
-                                   const TimeValue& now) {
-  FileSystem& files = platform.files();
-  FoundMessageLog& found = platform.foundMessageLog;
+Result<std::optional<LogFile>> findLogFile(FileSystem& files, KnownMessageLog& log,
+                                           const std::string& directory, const TimeValue& now)
+    REQUIRES(log.mutex) {
   const std::optional<TimeValue> change = files.changeDate(directory);
-  LogFile known;
-  {
-    const MutexLock lock(found.mutex);
-    if (change && change == found.folderChange) known.path = found.path;
+  if (change && change == log.folderChange && !log.path.empty()) {
+    LogFile known{log.path, files.creationDate(log.path)};
+    if (known.creationDate && !isExpired(known, now)) return std::optional(std::move(known));
   }
-  if (!known.path.empty()) {
-    known.creationDate = files.creationDate(known.path);
-    if (known.creationDate && !isExpired(known, now)) return known;
-  }
-  std::optional<LogFile> file = keepNewestLogFile(files, directory, now);
+  auto found = keepNewestLogFile(files, directory, now);
+  if (!found) return found;
+  const std::optional<LogFile>& file = found.value();
   const bool settled = change && now.asDouble() - change->asDouble() > secondsUntilSettled;
-  const MutexLock lock(found.mutex);
-  found.path = file ? file->path : std::string();
-  found.folderChange = settled ? change : std::nullopt;
-  return file;
+  log.path = file ? file->path : std::string();
+  log.folderChange = settled ? change : std::nullopt;
+  return found;
 }
 
 std::optional<LogFile> createLogFile(FileSystem& files, const std::string& directory,
@@ -122,6 +129,22 @@ std::optional<LogFile> createLogFile(FileSystem& files, const std::string& direc
   return file;
 }
 
+// Takes lines out of a full file. False where that fails.
+bool makeRoom(FileSystem& files, const std::string& path, LogShares& shares) {
+  const std::size_t size = files.size(path);
+  if (!shares.isOf(path, size)) shares.begin(path, size);
+  while (shares.bytes() >= mostMessageLogBytes) {
+    const auto ranges = shares.removeOlderHalfOfMost(
+        [&](std::size_t from, std::size_t latest) { return files.endOfLine(path, from, latest); });
+    if (const auto failure = files.removeRanges(path, ranges)) {
+      logError("writeToLogFile: A log message is lost, the log file is full: {}", failure->message);
+      return false;
+    }
+    logInfo("writeToLogFile: Took the oldest lines out of the full corvidd log file {}", path);
+  }
+  return true;
+}
+
 }  // namespace
 
 void writeToLogFile(std::string_view message) {
@@ -129,20 +152,26 @@ void writeToLogFile(std::string_view message) {
   FileSystem& files = platform.files();
   const std::string directory = platform.paths().home + "/Library/Logs/Faultline/Retired";
   const TimeValue now = platform.clock().now();
+  KnownMessageLog& log = platform.messageLog;
 
-  std::optional<LogFile> file = findLogFile(platform, directory, now);
-  if (file && files.size(file->path) >= mostMessageLogBytes) {
-    deleteLogFile(files, *file);
-    file.reset();
-  }
+  const MutexLock lock(log.mutex);
+  auto found = findLogFile(files, log, directory, now);
+  if (!found) return;
+  std::optional<LogFile> file = std::move(found).value();
   if (!file) file = createLogFile(files, directory, now);
   if (!file) return;
+  if (!makeRoom(files, file->path, log.shares)) return;
 
   const std::string prefix = fmt::format("({}) ", descriptionOfDate(now.asDouble()));
-  if (files.append(file->path, {prefix, message, "\n"}))
+  const std::optional<Failure> failure = files.append(file->path, {prefix, message, "\n"});
+  if (!failure) {
+    log.shares.add(actingUser(), prefix.size() + message.size() + 1);
     logInfo("writeToLogFile: Saved log message to {}", file->path);
-  else
+  } else if (isShortage(failure->code)) {
+    logError("writeToLogFile: A log message is lost: {}", failure->message);
+  } else {
     deleteLogFile(files, *file);
+  }
 }
 
 }  // namespace corvid

@@ -8,12 +8,13 @@
 
 namespace corvid {
 
-// A file that has grown to this gives way to a new one before its day is over: clients decide how
-// much is written.
+// In a file that has grown to this, whoever has written most of it gives up the older half of his
+// lines: clients decide how much is written, and none of them wipes another's.
 inline constexpr std::size_t mostMessageLogBytes = std::size_t{64} << 20;
 
 // Appends one dated line to the daemon's current message log file, starting a new file each day
-// and removing older ones. Failures are logged and reported to nobody. Any thread.
+// and removing older ones. It counts as the acting user's. Failures are logged and reported to
+// nobody; where space or descriptors are short, the line alone is lost. Any thread.
 void writeToLogFile(std::string_view message);
 
 template <class... A>

@@ -15,6 +15,13 @@
 
 namespace corvid {
 
+// Of a file: the bytes from `begin` on that stand before `end`.
+struct ByteRange {
+  std::size_t begin = 0;
+  std::size_t end = 0;
+  bool operator==(const ByteRange&) const = default;
+};
+
 class FileSystem {
  public:
   virtual ~FileSystem() = default;
@@ -34,8 +41,17 @@ class FileSystem {
   virtual void createFile(const std::string& path) = 0;
   virtual bool exists(const std::string& path) = 0;
   // Appends the pieces one after the other, one write each, to an existing regular file, never
-  // through a symbolic link. False at the first that fails.
-  virtual bool append(const std::string& path, const std::vector<std::string_view>& pieces) = 0;
+  // through a symbolic link. The failure of the first that fails, with the system error number;
+  // nothing of the pieces is then left where the system can take them back.
+  virtual std::optional<Failure> append(const std::string& path,
+                                        const std::vector<std::string_view>& pieces) = 0;
+  // Where the line that holds the byte before `from` ends, behind its "\n"; `latest` at the latest,
+  // and `from` where its end is far or cannot be read.
+  virtual std::size_t endOfLine(const std::string& path, std::size_t from, std::size_t latest) = 0;
+  // Takes ranges, given in their order, out of a regular file, in place. A failure may leave bytes
+  // of them in it.
+  virtual std::optional<Failure> removeRanges(const std::string& path,
+                                              const std::vector<ByteRange>& ranges) = 0;
   // The whole content of a regular file. One that is longer than `limit` bytes, however long it
   // says it is, and anything that is no regular file is a failure; nothing blocks the caller.
   virtual Result<std::string> readFile(const std::string& path, std::size_t limit) = 0;

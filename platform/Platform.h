@@ -3,6 +3,7 @@
 // clients or files (docs/architecture.md), so that a new Platform starts as a new process.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -10,7 +11,9 @@
 #include <optional>
 #include <string>
 
+#include "base/ActingUser.h"
 #include "base/Mutex.h"
+#include "base/Pace.h"
 #include "base/TimeValue.h"
 #include "base/Value.h"
 #include "platform/BundleLoader.h"
@@ -20,10 +23,12 @@
 #include "platform/ExtensionTokens.h"
 #include "platform/FileSystem.h"
 #include "platform/HTTPClient.h"
+#include "platform/LogShares.h"
 #include "platform/Network.h"
 #include "platform/Paths.h"
 #include "platform/Preferences.h"
 #include "platform/Random.h"
+#include "platform/RecentKeys.h"
 #include "platform/data/Deployment.h"
 
 namespace corvid {
@@ -43,18 +48,24 @@ class OnceAnswer {
   std::optional<T> _value;
 };
 
-// Identifiers that could not be stored, by key: they hold until the process ends.
-struct UnstoredIdentifiers {
+// The identifiers of clients. The mutex is held while one is made.
+struct KnownIdentifiers {
   Mutex mutex;
-  Dictionary byKey GUARDED_BY(mutex);
+  // Whose the stored ones are; read at the first use.
+  std::optional<RecentKeys> stored GUARDED_BY(mutex);
+  Pace<User> pace GUARDED_BY(mutex){64, std::chrono::seconds(1)};  // of storing
+  // Those that could not be stored, by key: they hold until the process ends.
+  Dictionary unstoredByKey GUARDED_BY(mutex);
+  RecentKeys unstored GUARDED_BY(mutex);
 };
 
-// The message log's file as its folder was last found, so that nobody lists a folder that has not
-// changed since.
-struct FoundMessageLog {
+// The message log: its file as its folder was last found, so that nobody lists a folder that has
+// not changed since; and whose its lines are. The mutex is held while a line is written.
+struct KnownMessageLog {
   Mutex mutex;
   std::string path GUARDED_BY(mutex);
   std::optional<TimeValue> folderChange GUARDED_BY(mutex);
+  LogShares shares GUARDED_BY(mutex);
 };
 
 class Platform {
@@ -105,8 +116,8 @@ class Platform {
   OnceAnswer<bool> internalBuild;
   OnceAnswer<std::uint32_t> environmentType;
   OnceAnswer<std::string> storebagServerURL;
-  UnstoredIdentifiers unstoredIdentifiers;
-  FoundMessageLog foundMessageLog;
+  KnownIdentifiers identifiers;
+  KnownMessageLog messageLog;
 
   Compressor compressor;
 

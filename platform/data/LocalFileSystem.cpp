@@ -51,6 +51,40 @@ std::optional<Failure> writeNewFile(const std::string& path, int folder, std::st
   return std::nullopt;
 }
 
+// A regular file that is no symbolic link, with its status; none, with errno set, where it is not.
+Descriptor openRegularFile(const std::string& path, int flags, struct stat& status) {
+  Descriptor file(open(path.c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  if (!file || fstat(file.get(), &status) != 0) return Descriptor();
+  if (S_ISREG(status.st_mode)) return file;
+  errno = EINVAL;
+  return Descriptor();
+}
+
+// Of one file, towards its beginning. False, with errno set, when not all could be moved.
+bool moveBytes(int descriptor, std::size_t from, std::size_t to, std::size_t count) {
+  if (from == to) return true;
+  std::string buffer(std::min(count, std::size_t{256} << 10), '\0');
+  while (count > 0) {
+    const ssize_t read =
+        pread(descriptor, buffer.data(), std::min(count, buffer.size()), static_cast<off_t>(from));
+    if (read < 0 && errno == EINTR) continue;
+    if (read == 0) errno = EIO;
+    if (read <= 0) return false;
+    for (ssize_t written = 0; written < read;) {
+      const ssize_t more =
+          pwrite(descriptor, buffer.data() + written, static_cast<std::size_t>(read - written),
+                 static_cast<off_t>(to) + written);
+      if (more < 0 && errno != EINTR) return false;
+      if (more > 0) written += more;
+    }
+    const auto moved = static_cast<std::size_t>(read);
+    from += moved;
+    to += moved;
+    count -= moved;
+  }
+  return true;
+}
+
 std::int64_t nanoseconds(const timespec& time) {
   return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
 }
@@ -176,13 +210,53 @@ bool LocalFileSystem::exists(const std::string& path) {
   return std::filesystem::exists(path, error);
 }
 
-bool LocalFileSystem::append(const std::string& path, const std::vector<std::string_view>& pieces) {
-  const Descriptor file(
-      open(path.c_str(), O_WRONLY | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+std::optional<Failure> LocalFileSystem::append(const std::string& path,
+                                               const std::vector<std::string_view>& pieces) {
   struct stat status {};
-  if (!file || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
-  return std::all_of(pieces.begin(), pieces.end(),
-                     [&](std::string_view piece) { return writeFully(file.get(), piece); });
+  const Descriptor file = openRegularFile(path, O_WRONLY | O_APPEND, status);
+  if (!file) return systemFailure("open", path);
+  const auto write = [&](std::string_view piece) { return writeFully(file.get(), piece); };
+  if (std::ranges::all_of(pieces, write)) return std::nullopt;
+  Failure failure = systemFailure("write", path);
+  // Without it a piece of a line stays.
+  if (ftruncate(file.get(), status.st_size) != 0) failure.message += ", nor take back a part";
+  return failure;
+}
+
+std::size_t LocalFileSystem::endOfLine(const std::string& path, std::size_t from,
+                                       std::size_t latest) {
+  constexpr std::size_t farthest = std::size_t{64} << 10;
+  struct stat status {};
+  const Descriptor file = openRegularFile(path, O_RDONLY, status);
+  if (!file || from == 0 || from > latest) return from;
+  std::string bytes(std::min(latest - from, farthest) + 1, '\0');
+  const ssize_t count = pread(file.get(), bytes.data(), bytes.size(), static_cast<off_t>(from - 1));
+  bytes.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
+  const std::size_t end = bytes.find('\n');
+  return end == bytes.npos ? from : from + end;
+}
+
+std::optional<Failure> LocalFileSystem::removeRanges(const std::string& path,
+                                                     const std::vector<ByteRange>& ranges) {
+  struct stat status {};
+  const Descriptor file = openRegularFile(path, O_RDWR, status);
+  if (!file) return systemFailure("open", path);
+  std::size_t kept = 0;
+  std::size_t next = 0;
+  const auto keepUntil = [&](std::size_t end) {
+    if (end <= next) return true;
+    const bool moved = moveBytes(file.get(), next, kept, end - next);
+    kept += end - next;
+    return moved;
+  };
+  for (const ByteRange& range : ranges) {
+    if (!keepUntil(range.begin)) return systemFailure("move bytes of", path);
+    next = range.end;
+  }
+  if (!keepUntil(static_cast<std::size_t>(status.st_size)) ||
+      ftruncate(file.get(), static_cast<off_t>(kept)) != 0)
+    return systemFailure("shorten", path);
+  return std::nullopt;
 }
 
 Result<std::string> LocalFileSystem::readFile(const std::string& path, std::size_t limit) {

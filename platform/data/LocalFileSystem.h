@@ -56,7 +56,11 @@ class LocalFileSystem final : public FileSystem {
   std::size_t size(const std::string& path) override;
   void createFile(const std::string& path) override;
   bool exists(const std::string& path) override;
-  bool append(const std::string& path, const std::vector<std::string_view>& pieces) override;
+  std::optional<Failure> append(const std::string& path,
+                                const std::vector<std::string_view>& pieces) override;
+  std::size_t endOfLine(const std::string& path, std::size_t from, std::size_t latest) override;
+  std::optional<Failure> removeRanges(const std::string& path,
+                                      const std::vector<ByteRange>& ranges) override;
   Result<std::string> readFile(const std::string& path, std::size_t limit) override;
   void remove(const std::string& path) override;
 };

@@ -1,11 +1,15 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <barrier>
+#include <chrono>
 #include <memory>
+#include <set>
 #include <thread>
 #include <vector>
 
+#include "base/ActingUser.h"
 #include "config/Identifiers.h"
 #include "tests/fakes/TestPlatform.h"
 
@@ -103,38 +107,128 @@ TEST_F(Identifiers, AreStoredAsSoonAsTheyCanBe) {
 
 class IdentifierRoom : public Identifiers {
  protected:
-  std::string ask(int number) {
+  // Asked for by a client of `user`, in no hurry.
+  std::string ask(int number, User user = 1000) {
+    platform.clock->advance(std::chrono::seconds(1));
+    const ActingFor acting(user);
     return getPersistentIdentifierForCustomClientIDSuffix(name, std::to_string(number));
   }
   std::string keyOf(int number) const { return "uuid:" + name + ":" + std::to_string(number); }
+  bool isStored(int number) const {
+    return platform.preferences->value(corvidSuite, keyOf(number)).has_value();
+  }
+  int stored() const {
+    const auto keys = platform.preferences->keys(corvidSuite);
+    return static_cast<int>(std::ranges::count_if(
+        keys, [](const std::string& key) { return key.starts_with("uuid:"); }));
+  }
 
   const std::string name = std::string(4000, 'n');
-  const int room = static_cast<int>(keptIdentifierBytes / (("uuid:" + name + ":00").size() + 96));
+  const int room = static_cast<int>(keptIdentifierBytes / (("uuid:" + name + ":000").size() + 96));
 };
 
-TEST_F(IdentifierRoom, IsFilledAndNotExceeded) {
-  for (int number = 0; number < room; ++number) ask(number);
+TEST_F(IdentifierRoom, IsFilledByOneUserAndNotExceeded) {
+  for (int number = 100; number < 100 + room; ++number) ask(number);
+  EXPECT_EQ(stored(), room);
+  ask(100);
+  ask(500);
+  EXPECT_EQ(stored(), room);
+  EXPECT_TRUE(isStored(500));
+  EXPECT_TRUE(isStored(100)) << "used a moment ago";
+  EXPECT_FALSE(isStored(101)) << "the least recently used";
+  EXPECT_TRUE(isStored(102));
   EXPECT_TRUE(platform.log.texts(LogLevel::warning).empty());
-  const std::string last = ask(room);
-  EXPECT_EQ(platform.preferences->value("com.halcyon.corvid", keyOf(room)), std::nullopt);
-  EXPECT_EQ(platform.log.texts(LogLevel::warning),
-            std::vector<std::string>{"findOrMakeIdentifier: The identifier of " + keyOf(room) +
-                                     " cannot be stored; it holds until corvidd ends"});
-  EXPECT_EQ(ask(room), last);
-  EXPECT_EQ(ask(0), "00000000-0000-0000-0000-000000000001");
+}
+
+TEST_F(IdentifierRoom, MadeUpNamesTakeNoneOfAnotherUsers) {
+  const std::string victims = ask(100, 1000);
+  for (int number = 200; number < 200 + 2 * room; ++number) ask(number, 1001);
+  EXPECT_EQ(ask(100, 1000), victims);
+  EXPECT_TRUE(isStored(100));
+  const std::string later = ask(101, 1000);
+  EXPECT_TRUE(isStored(101)) << "there is always room for those who have little";
+  EXPECT_EQ(ask(101, 1000), later);
+}
+
+TEST_F(IdentifierRoom, AfterARestartEachUserHasWhatWasTheirs) {
+  const std::string victims = ask(100, 1000);
+  for (int number = 200; number < 200 + room; ++number) ask(number, 1001);
+  platform.restart();
+  for (int number = 500; number < 500 + 2 * room; ++number) ask(number, 1001);
+  EXPECT_EQ(ask(100, 1000), victims);
+  EXPECT_EQ(stored(), room);
+}
+
+TEST_F(IdentifierRoom, OneThatIsAnothersTooStaysWithTheOther) {
+  const std::string shared = ask(100, 1000);
+  EXPECT_EQ(ask(100, 1001), shared);
+  for (int number = 200; number < 200 + 2 * room; ++number) ask(number, 1001);
+  EXPECT_EQ(ask(100, 1000), shared);
+}
+
+TEST_F(IdentifierRoom, ThoseOfNobodyWhoIsKnownCountToo) {
+  for (int number = 100; number < 100 + 2 * room; ++number)
+    platform.preferences->setValue(corvidSuite, keyOf(number), "from before");
+  EXPECT_EQ(ask(100, 1000), "from before");
+  ask(900, 1000);
+  EXPECT_EQ(stored(), room);
+  EXPECT_TRUE(isStored(100));
+  EXPECT_TRUE(isStored(900));
+}
+
+TEST_F(IdentifierRoom, AStrangeRecordOfWhoseTheyAreIsPassedOver) {
+  platform.preferences->setValue(
+      "com.halcyon.corvid.identifiers", "Uses",
+      Array{7, "no blank", "", "x " + keyOf(100), "1000 uuid:unknown:", "99999999999 x"});
+  platform.preferences->setValue(corvidSuite, keyOf(100), "from before");
+  EXPECT_EQ(ask(100), "from before");
+  EXPECT_EQ(stored(), 1);
 }
 
 TEST_F(IdentifierRoom, IsAsMuchAgainForThoseThatAreNotStored) {
-  for (int number = 0; number < 2 * room; ++number) ask(number);
-  const std::string last = ask(2 * room - 1);
-  EXPECT_EQ(ask(2 * room - 1), last);
-  platform.log.clear();
-  const std::string beyond = ask(2 * room);
-  EXPECT_EQ(
-      platform.log.texts(LogLevel::warning),
-      std::vector<std::string>{"findOrMakeIdentifier: Too many identifiers are kept; that of " +
-                               keyOf(2 * room) + " is not"});
-  EXPECT_NE(ask(2 * room), beyond);
+  platform.preferences->isWritable = false;
+  const std::string victims = ask(100, 1000);
+  std::string latest;
+  for (int number = 200; number < 200 + 2 * room; ++number) latest = ask(number, 1001);
+  EXPECT_EQ(ask(199 + 2 * room, 1001), latest);
+  EXPECT_EQ(ask(100, 1000), victims);
+}
+
+TEST_F(IdentifierRoom, NamesMadeUpInAHurryWaitInMemoryAndAreStoredLater) {
+  const ActingFor acting(1001);
+  const auto askNow = [](int number) {
+    return getPersistentIdentifierForCustomClientIDSuffix("name", std::to_string(number));
+  };
+  for (int number = 0; number < 200; ++number) askNow(number);
+  EXPECT_EQ(stored(), 64);
+  const std::string last = askNow(199);
+  EXPECT_TRUE(platform.log.texts(LogLevel::warning).empty());
+  platform.clock->advance(std::chrono::seconds(1));
+  EXPECT_EQ(askNow(199), last);
+  EXPECT_EQ(platform.preferences->value(corvidSuite, "uuid:name:199"), Value(last));
+  const ActingFor another(1000);
+  askNow(300);
+  EXPECT_EQ(stored(), 66) << "others need not wait";
+}
+
+TEST_F(IdentifierRoom, ANameThatIsTooLongIsKeptNowhere) {
+  const std::string large(keptIdentifierBytes, 'x');
+  const std::string first = getPersistentIdentifierForCustomClientIDSuffix(large, {});
+  EXPECT_NE(getPersistentIdentifierForCustomClientIDSuffix(large, {}), first);
+  EXPECT_EQ(stored(), 0);
+  EXPECT_TRUE(platform.log.anyContains("The name is too long for its identifier to be kept"));
+}
+
+TEST_F(Identifiers, WhereOnePartEndsIsNeverInDoubt) {
+  const std::vector<std::pair<std::string, std::string>> parts{
+      {"a:b", "c"},  {"a", "b:c"}, {"a\\", "b"}, {"a", "\\b"},
+      {"a\\:b", ""}, {"a", ":b"},  {"a:", "b"}};
+  std::set<std::string> seen;
+  for (const auto& [first, second] : parts)
+    seen.insert(getPersistentIdentifierForCustomClientIDSuffix(first, second));
+  EXPECT_EQ(seen.size(), parts.size());
+  EXPECT_TRUE(platform.preferences->value(corvidSuite, "uuid:a\\:b:c"));
+  EXPECT_TRUE(platform.preferences->value(corvidSuite, "uuid:a\\\\:b"));
 }
 
 TEST_F(Identifiers, ShareTheirRoomWithNoOtherPreference) {
@@ -169,6 +263,7 @@ TEST_F(Identifiers, ThreadsThatMeetAtTheFirstUseGetTheSame) {
   Platform::Services services;
   services.preferences = preferences;
   services.random = platform.random;
+  services.clock = platform.clock;
   Platform meeting(std::move(services));
   Platform::install(&meeting);
   std::string other;

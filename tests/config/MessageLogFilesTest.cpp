@@ -1,6 +1,7 @@
 // The message log on the machine's own files.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <barrier>
 #include <chrono>
 #include <filesystem>
@@ -9,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "base/ActingUser.h"
 #include "config/MessageLog.h"
 #include "platform/data/LocalFileSystem.h"
 #include "tests/fakes/TestPlatform.h"
@@ -121,6 +123,25 @@ TEST_F(MessageLogFiles, SessionsThatLogAtOnceShareTheFileAndLoseNothing) {
       EXPECT_NE(at, std::string::npos) << message;
       EXPECT_EQ(text.find(message, at + 1), std::string::npos) << message << " twice";
     }
+}
+
+TEST_F(MessageLogFiles, AFloodOfOneTakesNoLineOfAnotherAndKeepsItsOwnLastHalf) {
+  const auto write = [](User user, std::string_view text) {
+    const ActingFor acting(user);
+    writeToLogFile(text);
+  };
+  write(1000, "of the victim");
+  const std::string text(std::size_t{1} << 20, 'x');
+  for (std::size_t written = 0; written < 2 * mostMessageLogBytes; written += text.size())
+    write(1001, text);
+  write(1001, "the last of the flood");
+  ASSERT_EQ(names(), std::set{currentName()});
+  const std::string log = contentOf(folder / currentName());
+  EXPECT_NE(log.find(") of the victim\n"), std::string::npos);
+  EXPECT_TRUE(log.ends_with(") the last of the flood\n"));
+  EXPECT_LE(log.size(), mostMessageLogBytes + 2 * text.size());
+  EXPECT_GE(log.size(), mostMessageLogBytes / 2);
+  EXPECT_EQ(std::ranges::count(log, '\0'), 0) << "nothing was left where lines were taken out";
 }
 
 TEST_F(MessageLogFiles, OtherFilesStay) {

@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstring>
 
+#include "base/ActingUser.h"
 #include "config/MessageLog.h"
 #include "tests/fakes/TestPlatform.h"
 
@@ -213,22 +215,117 @@ TEST_F(MessageLog, AFileOfExactlyADayStays) {
   EXPECT_EQ(platform.files->files.size(), 1u);
 }
 
-TEST_F(MessageLog, AFullFileGivesWayToANewOne) {
+TEST_F(MessageLog, AFullFileLosesItsOlderHalfAndStaysTheSame) {
   const std::string file = add("corvidd_1_messageLog.diag", TimeValue{now - 100, 0});
-  platform.files->files[file].content.assign(mostMessageLogBytes - 1, 'x');
+  std::string& whole = platform.files->files[file].content;
+  while (whole.size() < mostMessageLogBytes) whole += std::to_string(whole.size()) + "\n";
+  const std::string before = whole;
   writeToLogFile("last");
-  EXPECT_GT(content(file).size(), mostMessageLogBytes);
-  writeToLogFile("first");
-  EXPECT_FALSE(exists(file));
-  EXPECT_TRUE(deletionLogged(file, "2023-11-14 22:11:40 +0000"));
-  EXPECT_EQ(content(newFile), "(2023-11-14 22:13:20 +0000) first\n");
+  const std::string line = "(2023-11-14 22:13:20 +0000) last\n";
+  ASSERT_TRUE(content(file).ends_with(line));
+  const std::string kept = content(file).substr(0, content(file).size() - line.size());
+  EXPECT_TRUE(before.ends_with("\n" + kept)) << "whole lines";
+  EXPECT_LE(kept.size(), mostMessageLogBytes / 2);
+  EXPECT_GT(kept.size(), mostMessageLogBytes / 2 - 10);
+  EXPECT_EQ(platform.log.texts(LogLevel::info),
+            (std::vector<std::string>{
+                "writeToLogFile: Took the oldest lines out of the full corvidd log file " + file,
+                "writeToLogFile: Saved log message to " + file}));
 }
 
-TEST_F(MessageLog, AFullFileOfThisSecondStartsAnew) {
-  writeToLogFile("one");
-  platform.files->files[newFile].content.assign(mostMessageLogBytes, 'x');
-  writeToLogFile("two");
-  EXPECT_EQ(content(newFile), "(2023-11-14 22:13:20 +0000) two\n");
+class MessageLogOfUsers : public MessageLog {
+ protected:
+  void write(User user, const std::string& text) {
+    const ActingFor acting(user);
+    writeToLogFile(text);
+  }
+  // More than the whole log holds.
+  void flood(User user, std::size_t bytes = mostMessageLogBytes + mostMessageLogBytes / 2) {
+    const std::string text(std::size_t{1} << 20, 'x');
+    for (std::size_t written = 0; written < bytes; written += text.size()) write(user, text);
+  }
+  bool has(std::string_view text) const { return content(newFile).find(text) != std::string::npos; }
+};
+
+TEST_F(MessageLogOfUsers, AFloodOfOneTakesNoLineOfAnother) {
+  write(1000, "first of the victim");
+  flood(1001);
+  write(1000, "second of the victim");
+  write(1001, "last of the flood");
+  flood(1001);
+  write(1001, "the very last of the flood");
+  EXPECT_TRUE(has(") first of the victim\n"));
+  EXPECT_TRUE(has(") second of the victim\n"));
+  EXPECT_TRUE(has(") the very last of the flood\n"));
+  EXPECT_LT(content(newFile).size(), mostMessageLogBytes + (std::size_t{2} << 20));
+  EXPECT_GE(content(newFile).size(), mostMessageLogBytes / 2);
+  EXPECT_EQ(platform.files->files.size(), 1u);
+  EXPECT_FALSE(platform.log.anyContains("Deleted"));
+}
+
+TEST_F(MessageLogOfUsers, OneWhoWritesMostLosesHisOldestOnly) {
+  write(1001, "old");
+  flood(1001, mostMessageLogBytes);
+  write(1001, "new");
+  EXPECT_FALSE(has(") old\n"));
+  EXPECT_TRUE(has(") new\n"));
+  EXPECT_TRUE(content(newFile).starts_with("(2023-11-14")) << "begins with a whole line";
+}
+
+TEST_F(MessageLogOfUsers, WhatStoodThereBeforeTheStartGivesWayFirstOnlyWhereItIsMost) {
+  write(1000, "kept from before");
+  platform.restart();
+  flood(1001);
+  EXPECT_TRUE(has(") kept from before\n"));
+}
+
+TEST_F(MessageLogOfUsers, AFileOfAnotherLengthThanKnownIsCountedAnew) {
+  write(1000, "one");
+  platform.files->files[newFile].content = std::string(mostMessageLogBytes, 'x') + "\n";
+  write(1000, "two");
+  EXPECT_LE(content(newFile).size(), mostMessageLogBytes / 2 + 100);
+  EXPECT_TRUE(has(") two\n"));
+}
+
+TEST_F(MessageLogOfUsers, WhereNoRoomCanBeMadeTheLineIsLostAndTheFileStays) {
+  write(1000, "one");
+  flood(1001, mostMessageLogBytes);
+  platform.log.clear();
+  const std::size_t before = content(newFile).size();
+  platform.files->removeRangesFailure = Failure{"no", EIO};
+  flood(1001, mostMessageLogBytes);
+  EXPECT_TRUE(has(") one\n"));
+  EXPECT_LT(content(newFile).size(), mostMessageLogBytes + (std::size_t{2} << 20));
+  EXPECT_GE(content(newFile).size(), before);
+  EXPECT_TRUE(platform.log.has(LogLevel::error,
+                               "writeToLogFile: A log message is lost, the log file is full: no"));
+}
+
+TEST_F(MessageLog, WhereSpaceOrDescriptorsAreShortTheLineAloneIsLost) {
+  for (const int shortage : {ENOSPC, EDQUOT, EMFILE, ENFILE, ENOMEM}) {
+    platform.files->files.clear();
+    platform.files->failAppendAfter = -1;
+    writeToLogFile("kept");
+    platform.log.clear();
+    platform.files->failAppendAfter = 1;
+    platform.files->appendError = shortage;
+    writeToLogFile("lost");
+    EXPECT_EQ(content(newFile), "(2023-11-14 22:13:20 +0000) kept\n") << shortage;
+    EXPECT_EQ(platform.log.texts(LogLevel::error),
+              std::vector<std::string>{std::string("writeToLogFile: A log message is lost: ") +
+                                       std::strerror(shortage)});
+    EXPECT_EQ(platform.log.lines().size(), 1u);
+  }
+}
+
+TEST_F(MessageLog, AFolderThatCannotBeListedForWantOfDescriptorsGetsNoSecondFile) {
+  add("corvidd_1_messageLog.diag", TimeValue{now - 100, 0});
+  platform.files->listFailure = Failure{"Too many open files", EMFILE};
+  writeToLogFile("lost");
+  EXPECT_EQ(platform.files->files.size(), 1u);
+  EXPECT_EQ(platform.log.texts(LogLevel::error),
+            (std::vector<std::string>{
+                "writeToLogFile: Error reading from log directory: Too many open files"}));
 }
 
 TEST_F(MessageLog, AgeCountsMicroseconds) {

@@ -1,6 +1,7 @@
 #include "tests/fakes/FakeFileSystem.h"
 
 #include <cerrno>
+#include <cstring>
 #include <functional>
 
 namespace corvid {
@@ -62,17 +63,40 @@ bool FakeFileSystem::exists(const std::string& path) {
   return files.contains(path) || directories.contains(path);
 }
 
-bool FakeFileSystem::append(const std::string& path, const std::vector<std::string_view>& pieces) {
+std::optional<Failure> FakeFileSystem::append(const std::string& path,
+                                              const std::vector<std::string_view>& pieces) {
   std::lock_guard lock(_mutex);
   const auto found = files.find(path);
-  if (found == files.end()) return false;
+  if (found == files.end()) return Failure{"No such file or directory", ENOENT};
+  std::string& content = found->second.content;
+  const std::size_t before = content.size();
   int written = 0;
   for (const std::string_view piece : pieces) {
-    if (failAppendAfter >= 0 && written >= failAppendAfter) return false;
-    found->second.content += piece;
+    if (failAppendAfter >= 0 && written >= failAppendAfter) {
+      content.resize(before);
+      return Failure{std::strerror(appendError), appendError};
+    }
+    content += piece;
     ++written;
   }
-  return true;
+  return std::nullopt;
+}
+
+std::size_t FakeFileSystem::endOfLine(const std::string& path, std::size_t from,
+                                      std::size_t latest) {
+  std::lock_guard lock(_mutex);
+  const std::size_t end = files.at(path).content.find('\n', from - 1);
+  return end < latest ? end + 1 : from;
+}
+
+std::optional<Failure> FakeFileSystem::removeRanges(const std::string& path,
+                                                    const std::vector<ByteRange>& ranges) {
+  std::lock_guard lock(_mutex);
+  if (removeRangesFailure) return removeRangesFailure;
+  std::string& content = files.at(path).content;
+  for (auto range = ranges.rbegin(); range != ranges.rend(); ++range)
+    content.erase(range->begin, range->end - range->begin);
+  return std::nullopt;
 }
 
 Result<std::string> FakeFileSystem::readFile(const std::string& path, std::size_t limit) {

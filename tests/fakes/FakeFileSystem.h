@@ -1,6 +1,7 @@
 // Files in memory, with faults by path.
 #pragma once
 
+#include <cerrno>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -31,7 +32,11 @@ class FakeFileSystem final : public FileSystem {
   std::size_t size(const std::string& path) override;
   void createFile(const std::string& path) override;
   bool exists(const std::string& path) override;
-  bool append(const std::string& path, const std::vector<std::string_view>& pieces) override;
+  std::optional<Failure> append(const std::string& path,
+                                const std::vector<std::string_view>& pieces) override;
+  std::size_t endOfLine(const std::string& path, std::size_t from, std::size_t latest) override;
+  std::optional<Failure> removeRanges(const std::string& path,
+                                      const std::vector<ByteRange>& ranges) override;
   Result<std::string> readFile(const std::string& path, std::size_t limit) override;
   void remove(const std::string& path) override;
 
@@ -43,8 +48,10 @@ class FakeFileSystem final : public FileSystem {
   std::optional<Failure> listFailure;
   bool failCreateDirectories = false;
   bool failCreateFile = false;
-  // Appends fail after this many pieces; negative: never.
+  // Appends fail after this many pieces, with this error; negative: never.
   int failAppendAfter = -1;
+  int appendError = EIO;
+  std::optional<Failure> removeRangesFailure;
 
  private:
   std::vector<std::string> namesIn(const std::string& directory) const;

@@ -1,12 +1,15 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <csignal>
 #include <ctime>
 #include <filesystem>
 
 #include "platform/data/LocalFileSystem.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Scratch.h"
 
 namespace corvid {
@@ -116,24 +119,81 @@ TEST_F(LocalFileSystemTest, CreatesNothingBehindASymbolicLink) {
 
 TEST_F(LocalFileSystemTest, AppendsThePiecesInOrder) {
   scratch.write("file", "before ");
-  EXPECT_TRUE(files.append(at("file"), {"one", " ", "two"}));
+  EXPECT_FALSE(files.append(at("file"), {"one", " ", "two"}));
   EXPECT_EQ(contentOf(at("file")), "before one two");
 }
 
 TEST_F(LocalFileSystemTest, AppendsOnlyToRegularFilesThatExist) {
-  EXPECT_FALSE(files.append(at("missing"), {"x"}));
+  EXPECT_EQ(files.append(at("missing"), {"x"}).value_or(Failure()).code, ENOENT);
   EXPECT_FALSE(files.exists(at("missing")));
-  EXPECT_FALSE(files.append(scratch.path(), {"x"}));
-  EXPECT_FALSE(files.append("/dev/null", {"x"}));
+  EXPECT_TRUE(files.append(scratch.path(), {"x"}));
+  EXPECT_EQ(files.append("/dev/null", {"x"}).value_or(Failure()).code, EINVAL);
   ASSERT_EQ(mkfifo(at("pipe").c_str(), 0600), 0);
-  EXPECT_FALSE(files.append(at("pipe"), {"x"}));
+  EXPECT_TRUE(files.append(at("pipe"), {"x"}));
 }
 
 TEST_F(LocalFileSystemTest, AppendsNothingThroughASymbolicLink) {
   const std::string target = scratch.write("target", "");
   std::filesystem::create_symlink(target, at("link"));
-  EXPECT_FALSE(files.append(at("link"), {"x"}));
+  EXPECT_TRUE(files.append(at("link"), {"x"}));
   EXPECT_EQ(contentOf(target), "");
+}
+
+TEST_F(LocalFileSystemTest, AnAppendThatFailsOnItsWayLeavesNoPartOfALine) {
+  scratch.write("file", "a line\n");
+  const auto status = inChild([&] {
+    // The next byte that can be written is the fifth from here.
+    signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit{11, 11};
+    if (setrlimit(RLIMIT_FSIZE, &limit) != 0) return 2;
+    return files.append(at("file"), {"1234", "5678", "\n"}).value_or(Failure()).code == EFBIG ? 0
+                                                                                              : 3;
+  });
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(contentOf(at("file")), "a line\n");
+}
+
+TEST_F(LocalFileSystemTest, FindsTheEndOfALine) {
+  const std::string file = scratch.write("file", "one\ntwo\nthree");
+  EXPECT_EQ(files.endOfLine(file, 1, 13), 4u);
+  EXPECT_EQ(files.endOfLine(file, 4, 13), 4u) << "where the line ends already";
+  EXPECT_EQ(files.endOfLine(file, 5, 13), 8u);
+  EXPECT_EQ(files.endOfLine(file, 5, 7), 5u) << "not beyond the latest";
+  EXPECT_EQ(files.endOfLine(file, 9, 13), 9u) << "a line that does not end";
+  EXPECT_EQ(files.endOfLine(at("missing"), 5, 7), 5u);
+  const std::string far = scratch.write("far", std::string(100'000, 'x') + '\n');
+  EXPECT_EQ(files.endOfLine(far, 1, 100'001), 1u);
+}
+
+TEST_F(LocalFileSystemTest, TakesRangesOutInPlace) {
+  const std::string file = scratch.write("file", "0123456789");
+  struct stat before {};
+  ASSERT_EQ(stat(file.c_str(), &before), 0);
+  EXPECT_FALSE(files.removeRanges(file, {{0, 2}, {2, 3}, {5, 8}}));
+  EXPECT_EQ(contentOf(file), "3489");
+  struct stat after {};
+  ASSERT_EQ(stat(file.c_str(), &after), 0);
+  EXPECT_EQ(after.st_ino, before.st_ino);
+  EXPECT_FALSE(files.removeRanges(file, {}));
+  EXPECT_FALSE(files.removeRanges(file, {{2, 4}}));
+  EXPECT_EQ(contentOf(file), "34");
+}
+
+TEST_F(LocalFileSystemTest, WhatIsLargerThanABufferIsMovedWhole) {
+  std::string content;
+  while (content.size() < 900'000) content += std::to_string(content.size()) + ' ';
+  const std::string file = scratch.write("file", content);
+  EXPECT_FALSE(files.removeRanges(file, {{10, 50'010}}));
+  content.erase(10, 50'000);
+  EXPECT_TRUE(contentOf(file) == content);
+}
+
+TEST_F(LocalFileSystemTest, TakesRangesOfNoLinkAndOfNothingThatIsNoFile) {
+  const std::string target = scratch.write("target", "0123456789");
+  std::filesystem::create_symlink(target, at("link"));
+  EXPECT_TRUE(files.removeRanges(at("link"), {{0, 5}}));
+  EXPECT_TRUE(files.removeRanges(at("missing"), {{0, 5}}));
+  EXPECT_EQ(contentOf(target), "0123456789");
 }
 
 TEST_F(LocalFileSystemTest, ReadsWholeRegularFilesUpToTheLimit) {
