@@ -164,7 +164,8 @@ std::shared_ptr<ClientSessionReplyInterface> IPCConnection::remoteObjectProxyWit
 
 void IPCConnection::invalidate(std::string_view reason) {
   const ActingFor acting(_peer.user);
-  if (_outbox->close()) logComplaint("IPCConnection: Closing {}: {}", _description, reason);
+  // The client finds its connection closed when the log says why, not before.
+  _outbox->close([&] { logComplaint("IPCConnection: Closing {}: {}", _description, reason); });
 }
 
 void IPCConnection::run() {

@@ -46,9 +46,10 @@ void Outbox::post(Task task) {
   wake();
 }
 
-bool Outbox::close() {
+bool Outbox::close(const std::function<void()>& beforehand) {
   const MutexLock lock(_mutex);
   if (_stopped || _closing) return false;
+  if (beforehand) beforehand();
   _closing = true;
   wake();
   return true;

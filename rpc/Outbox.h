@@ -44,8 +44,9 @@ class Outbox {
   bool add(Delivery delivery) EXCLUDES(_mutex);
   // Runs `task` on the connection's thread. A task that comes too late is destroyed unrun.
   void post(Task task) EXCLUDES(_mutex);
-  // Asks the connection to end. False where it was asked before or is gone.
-  bool close() EXCLUDES(_mutex);
+  // Asks the connection to end, after `beforehand`, which may not call back. False, and nothing is
+  // done, where it was asked before or is gone.
+  bool close(const std::function<void()>& beforehand = {}) EXCLUDES(_mutex);
   std::size_t dropped() const EXCLUDES(_mutex);
 
   // From here on this thread is the connection's and `port` its event loop's.
