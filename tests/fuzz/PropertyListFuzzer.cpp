@@ -7,17 +7,25 @@
 #include <string_view>
 
 #include "platform/data/PropertyList.h"
+#include "tests/fuzz/Require.h"
 
 namespace {
 
 using corvid::Value;
+using corvid::fuzz::require;
 
 // Written, read and written again, the text stays the same. (Values cannot be compared: one that is
 // not a number differs from itself.)
 void checkForm(std::string (*write)(const Value&), const Value& value) {
   const std::string first = write(value);
   const auto again = corvid::parsePropertyList(first);
-  if (!again || write(again.value()) != first) std::abort();
+  require(static_cast<bool>(again));
+  const std::string second = write(again.value());
+  if (second == first) return;
+  // Characters that XML cannot hold are replaced, by which keys may have become equal.
+  require(first.find("\xef\xbf\xbd") != std::string::npos && second.size() < first.size());
+  const auto third = corvid::parsePropertyList(second);
+  require(third && write(third.value()) == second);
 }
 
 }  // namespace
