@@ -78,6 +78,7 @@ TEST_F(EntitlementChangesTest, CloseWhoLostAnEntitlementAndNobodyElse) {
   ASSERT_TRUE(delegate->awaitInvalidated(0));
   EXPECT_TRUE(first.awaitClosed());
   EXPECT_EQ(sendEvent(second, 3, 1), "sent 3");
+  EXPECT_TRUE(waitUntil([&] { return !log.texts(LogLevel::warning).empty(); }));
   EXPECT_EQ(log.texts(LogLevel::warning), std::vector{closing(0, "an entitlement was taken back")});
 }
 
@@ -109,6 +110,7 @@ TEST_F(EntitlementChangesTest, CloseWhoseEntitlementsCannotBeRead) {
   entitle(0, {{mayConnect, true}, {"throws", true}});
   change.wake();
   client.awaitClosed();
+  EXPECT_TRUE(waitUntil([&] { return !log.texts(LogLevel::warning).empty(); }));
   EXPECT_EQ(log.texts(LogLevel::warning), std::vector{closing(0, "the folder burns")});
 }
 
