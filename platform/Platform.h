@@ -29,6 +29,7 @@
 #include "platform/Preferences.h"
 #include "platform/Random.h"
 #include "platform/RecentKeys.h"
+#include "platform/SharedBudget.h"
 #include "platform/data/Deployment.h"
 
 namespace corvid {
@@ -119,6 +120,7 @@ class Platform {
   KnownIdentifiers identifiers;
   KnownMessageLog messageLog;
 
+  Budgets budgets;
   Compressor compressor;
 
  private:

@@ -14,10 +14,14 @@ namespace corvid {
 
 namespace {
 
+constexpr std::size_t numberRoom = 32;  // enough for any number
+
 // The output stream of the library's writers: a string that is returned without another copy.
 class TextStream {
  public:
   using Ch = char;
+
+  explicit TextStream(std::size_t expected) : _least(std::max<std::size_t>(expected, 4096)) {}
 
   void Put(char c) { *Push(1) = c; }
   void Flush() {}
@@ -37,13 +41,13 @@ class TextStream {
  private:
   std::size_t used() const { return static_cast<std::size_t>(_out - _text.data()); }
   [[gnu::noinline]] void grow(std::size_t size) {
-    constexpr std::size_t least = 4096;
     const std::size_t usedBefore = used();
-    _text.resize(std::max(least, (usedBefore + size) * 2));
+    _text.resize(std::max(_least, (usedBefore + size) * 2));
     _out = _text.data() + usedBefore;
     _end = _text.data() + _text.size();
   }
 
+  const std::size_t _least;
   std::string _text;
   char* _out = _text.data();
   char* _end = _out;
@@ -106,7 +110,7 @@ class ValueWriter final : public rapidjson::Writer<TextStream> {
   }
 
  private:
-  static constexpr std::size_t room = 32;  // enough for any number
+  static constexpr std::size_t room = numberRoom;
 
   bool write(const Value& value) {
     switch (value.type()) {
@@ -160,10 +164,39 @@ class ValueWriter final : public rapidjson::Writer<TextStream> {
   }
 };
 
+std::size_t mostTextBytes(std::string_view text) {
+  std::size_t controls = 0;
+  std::size_t escaped = 0;
+  for (const char c : text) {
+    controls += static_cast<unsigned char>(c) < 0x20;
+    escaped += c == '"' || c == '\\';
+  }
+  return text.size() + 5 * controls + escaped + 2;
+}
+
+std::size_t mostBytes(const Value& value) {
+  switch (value.type()) {
+    case Value::Type::string: return mostTextBytes(*value.string());
+    case Value::Type::array: {
+      std::size_t bytes = 2;
+      for (const Value& element : *value.array()) bytes += mostBytes(element) + 1;
+      return bytes;
+    }
+    case Value::Type::dictionary: return mostJSONBytes(*value.dictionary());
+    default: return numberRoom;
+  }
+}
+
 }  // namespace
 
-std::optional<std::string> writeJSON(const Dictionary& object) {
-  TextStream stream;
+std::size_t mostJSONBytes(const Dictionary& object) {
+  std::size_t bytes = 2;
+  for (const auto& [key, value] : object) bytes += mostTextBytes(key) + mostBytes(value) + 2;
+  return bytes;
+}
+
+std::optional<std::string> writeJSON(const Dictionary& object, std::size_t expected) {
+  TextStream stream(expected);
   if (!ValueWriter(stream).write(object)) return std::nullopt;
   return stream.take();
 }

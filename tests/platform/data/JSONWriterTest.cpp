@@ -144,5 +144,21 @@ TEST(JSONWriter, LargeMessagesGrowTheText) {
   EXPECT_EQ(writeJSON(Dictionary{{"events", std::move(events)}}), expected + "]}");
 }
 
+TEST(JSONWriter, AnnouncesAtLeastAsManyBytesAsItWrites) {
+  std::string everyCharacter;
+  for (char c = 1; c < 127; ++c) everyCharacter += c;
+  for (const Dictionary& object :
+       {Dictionary(), Dictionary{{everyCharacter, everyCharacter}},
+        Dictionary{{"k", std::string(1000, '\x01')}, {"q", std::string(1000, '"')}},
+        Dictionary{{"n", Array{-9223372036854775807, 1.7976931348623157e308,
+                               -2.2250738585072014e-308, true, Value()}}},
+        Dictionary{{"a", Array{Array{}, Dictionary{}, Array{1, 2, "\xc3\xa9"}}}}}) {
+    const std::string text = writeJSON(object).value();
+    EXPECT_GE(mostJSONBytes(object), text.size());
+    EXPECT_LE(mostJSONBytes(object), 2 * text.size() + 200) << text;
+    EXPECT_EQ(writeJSON(object, mostJSONBytes(object)), text);
+  }
+}
+
 }  // namespace
 }  // namespace corvid
