@@ -134,7 +134,7 @@ Result<std::unique_ptr<IPCListener>> createListener(Platform& platform, Launcher
   return IPCListener::serving(passed ? ServiceSocket::adopt(std::move(passed))
                                      : ServiceSocket::bind(platform.paths().socket),
                               entitlementReader(platform.paths().entitlementsFolder, watch),
-                              platform.extensionTokens());
+                              {platform.extensionTokens(), platform.budgets});
 }
 
 std::chrono::seconds idleExit(const Options& options, const Launcher& launcher) {

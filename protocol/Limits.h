@@ -2,6 +2,7 @@
 // one of the limits of a message loses its connection; the others hold it back or drop.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 
@@ -10,6 +11,9 @@ namespace corvid::limits {
 // Connections that are open at the same time; one more is closed at once.
 inline constexpr std::size_t connections = 512;
 inline constexpr std::size_t connectionsPerUser = 256;
+
+// Descriptors that are left to everything else: past it connections are closed at once.
+inline constexpr std::size_t descriptorReserve = 128;
 
 // One message on the socket, with everything that travels in it.
 inline constexpr std::size_t messageBytes = std::size_t{16} << 20;
@@ -38,6 +42,13 @@ inline constexpr std::size_t uploadBytesUnderWay = 4 * uploadBytes;
 inline constexpr std::size_t callsInFlight = 64;
 // Calls that are answered and that the client has not acknowledged.
 inline constexpr std::size_t unfinishedCalls = 1024;
+// From the first bytes of a message to its last, while the daemon reads; and, for an answer of more
+// than largeAnswerBytes, until the client has taken it.
+inline constexpr std::chrono::seconds messageTime{30};
+inline constexpr std::size_t largeAnswerBytes = std::size_t{256} << 10;
+// Until the client has answered that a file is removed; after that its upload is answered all the
+// same.
+inline constexpr std::chrono::seconds removalTime{10};
 // Texts in one answer; one that finds no room is left out.
 inline constexpr std::size_t answerTextBytes = messageBytes - 16384;
 

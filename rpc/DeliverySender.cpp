@@ -1,6 +1,5 @@
 #include "rpc/DeliverySender.h"
 
-#include <deque>
 #include <utility>
 
 #include "protocol/Limits.h"
@@ -31,14 +30,16 @@ DeliverySender::DeliverySender(Outbox& outbox, const PeerGuard& guard,
 void DeliverySender::flush() {
   if (!_outbox.hasDeliveries() || _inFlight >= limits::deliveriesInFlight) return;
   if (!_client) _client = _getClient();
-  const std::deque<Delivery> deliveries = _outbox.takeDeliveries();
+  auto [deliveries, memory] = _outbox.takeDeliveries();
   if (deliveries.empty()) return;
   auto request = _client->sendMessagesToClientRequest();
   auto list = request.initDeliveries(wire::count(deliveries.size()));
   for (capnp::uint i = 0; i < list.size(); ++i) encode(deliveries[i], list[i]);
   ++_inFlight;
-  _calls.add(request.send().ignoreResult().then([this] { acknowledged(); },
-                                                [this](kj::Exception&&) { acknowledged(); }));
+  _calls.add(request.send()
+                 .ignoreResult()
+                 .then([this] { acknowledged(); }, [this](kj::Exception&&) { acknowledged(); })
+                 .attach(std::move(memory)));
 }
 
 void DeliverySender::acknowledged() {

@@ -16,6 +16,7 @@
 #include "protocol/Limits.h"
 #include "protocol/wire/MessageSocket.h"
 #include "protocol/wire/SocketPort.h"
+#include "rpc/Account.h"
 #include "rpc/DeliverySender.h"
 #include "rpc/PeerGuard.h"
 #include "rpc/SessionServer.h"
@@ -50,16 +51,20 @@ class IPCConnection::Serving {
   Serving(IPCConnection& connection, wire::SocketPort& port)
       : _connection(connection),
         _port(port),
-        _stream(port),
+        _account(connection._shared.budgets, connection._peer.user),
+        _stream(port, {[this](std::size_t bytes) { return _account.admitMessage(bytes); },
+                       limits::messageTime.count() * kj::SECONDS}),
         _guard(
-            _stream, [this](const std::string& rule) { ruleBroken(rule); },
-            [this] { _sender.flushIfClientReads(); }),
+            _stream, port, _account, [this](const std::string& rule) { ruleBroken(rule); },
+            [this] { messageIsWritten(); }),
         _network(_guard, limits::descriptorsPerMessage, capnp::rpc::twoparty::Side::SERVER),
         _sender(*connection._outbox, _guard, _network, [this] { return client(); }),
         _rpc(capnp::makeRpcServer(
             _network,
-            kj::heap<SessionServer>(connection._exportedObject, connection._outbox, _guard, _sender,
-                                    connection._tokens, connection._description))) {}
+            kj::heap<SessionServer>(
+                connection._exportedObject, connection._outbox,
+                SessionServer::Serving{_guard, _sender, _account, port, connection._shared.tokens},
+                connection._description))) {}
 
   void run(kj::WaitScope& scope) {
     auto end = kj::newPromiseAndFulfiller<void>();
@@ -75,6 +80,12 @@ class IPCConnection::Serving {
                    _connection._description, rule);
     // The client is told, where its socket still takes that.
     _farewell = kj::evalLast([this] { _end->fulfill(); }).eagerlyEvaluate(nullptr);
+  }
+
+  void messageIsWritten() {
+    // The message that was just written still counts.
+    if (_network.getCurrentQueueCount() <= 1) _account.answersAreTaken();
+    _sender.flushIfClientReads();
   }
 
   kj::Promise<void> whenWoken() {
@@ -95,6 +106,7 @@ class IPCConnection::Serving {
 
   IPCConnection& _connection;
   wire::SocketPort& _port;
+  Account _account;
   wire::MessageSocket _stream;
   PeerGuard _guard;
   capnp::TwoPartyVatNetwork _network;
@@ -105,15 +117,15 @@ class IPCConnection::Serving {
 };
 
 IPCConnection::IPCConnection(Descriptor socket, Peer peer, PeerEntitlements entitlements,
-                             ExtensionTokens& tokens, std::function<void()> ended)
+                             Shared shared, std::function<void()> ended)
     : _peer(peer),
       _description(fmt::format("connection {} of process {}, user {}", peer.number, peer.process,
                                peer.user)),
       _entitlementsNow(std::move(entitlements)),
       _entitlements(_entitlementsNow()),
-      _tokens(tokens),
+      _shared(shared),
       _ended(std::move(ended)),
-      _outbox(std::make_shared<Outbox>(_description)),
+      _outbox(std::make_shared<Outbox>(_description, _shared.budgets.kept, _peer.user)),
       _socket(std::move(socket)) {}
 
 IPCConnection::~IPCConnection() { join(); }

@@ -12,13 +12,13 @@
 
 #include "base/Descriptor.h"
 #include "base/Mutex.h"
+#include "platform/ExtensionTokens.h"
+#include "platform/SharedBudget.h"
 #include "protocol/Connection.h"
 #include "rpc/Outbox.h"
 #include "rpc/PeerEntitlements.h"
 
 namespace corvid {
-
-class ExtensionTokens;
 
 // Threads   See Connection. resume() starts the connection's own thread, which runs until the peer
 //           is lost, has broken a rule or the connection was closed, then the invalidation handler,
@@ -31,10 +31,14 @@ class IPCConnection final : public Connection {
     pid_t process = 0;
     uid_t user = 0;
   };
+  // What connections have in common. Borrowed.
+  struct Shared {
+    ExtensionTokens& tokens;  // for files that clients grant
+    const Budgets& budgets;
+  };
   // `ended` is called on the connection's thread when hasEnded() has become true.
-  // `tokens` is borrowed.
-  IPCConnection(Descriptor socket, Peer peer, PeerEntitlements entitlements,
-                ExtensionTokens& tokens, std::function<void()> ended);
+  IPCConnection(Descriptor socket, Peer peer, PeerEntitlements entitlements, Shared shared,
+                std::function<void()> ended);
   ~IPCConnection() override;
 
   std::string description() const override { return _description; }
@@ -73,7 +77,7 @@ class IPCConnection final : public Connection {
   const std::string _description;
   const PeerEntitlements _entitlementsNow;
   const Dictionary _entitlements;  // as they were when it was accepted
-  ExtensionTokens& _tokens;
+  const Shared _shared;
   const std::function<void()> _ended;
   // By themselves.
   const std::shared_ptr<Outbox> _outbox;

@@ -1,6 +1,7 @@
 #include "rpc/IPCListener.h"
 
 #include <poll.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,7 +18,6 @@
 #include "base/Thread.h"
 #include "base/UnixAddress.h"
 #include "protocol/Limits.h"
-#include "rpc/IPCConnection.h"
 
 namespace corvid {
 
@@ -32,20 +32,32 @@ constexpr int starvedPause = 100;  // milliseconds
 // that is being written, are one.
 constexpr milliseconds settlingTime{250};
 
+// Whether what the daemon does for its clients has descriptors left beside this one, the lowest
+// that was free.
+bool leavesReserve(int descriptor) {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return true;
+  const rlim_t reserve = std::min<rlim_t>(limits::descriptorReserve, limit.rlim_cur / 4);
+  return static_cast<rlim_t>(descriptor) < limit.rlim_cur - reserve;
+}
+
 }  // namespace
 
 bool admitsConnection(pid_t process, uid_t user, std::size_t all, std::size_t ofUser) {
-  if (all < limits::connections && ofUser < limits::connectionsPerUser) return true;
   const bool forUser = all < limits::connections;
+  // Half of what others leave, so that users who take what they can leave room for the next.
+  const std::size_t others = all - ofUser;
+  const std::size_t most =
+      forUser ? std::min(limits::connectionsPerUser, (limits::connections - others + 1) / 2) : 0;
+  if (ofUser < most) return true;
   logComplaint("IPCListener: Process {}, user {} opened more than {} connections{}; closing it",
-               process, user, forUser ? limits::connectionsPerUser : limits::connections,
-               forUser ? " of one user" : "");
+               process, user, forUser ? most : limits::connections, forUser ? " of one user" : "");
   return false;
 }
 
 IPCListener::IPCListener(ServiceSocket socket, EntitlementReader entitlements,
-                         ExtensionTokens& tokens)
-    : _entitlements(std::move(entitlements)), _tokens(tokens), _socket(std::move(socket)) {}
+                         IPCConnection::Shared shared)
+    : _entitlements(std::move(entitlements)), _shared(shared), _socket(std::move(socket)) {}
 
 IPCListener::~IPCListener() {
   {
@@ -135,11 +147,17 @@ void IPCListener::bring(Descriptor socket) {
   const IPCConnection::Peer peer{++_lastNumber, credentials->pid, credentials->uid};
   const ActingFor acting(peer.user);
   if (!admits(peer.process, peer.user)) return;
+  if (!leavesReserve(socket.get())) {
+    logComplaint(
+        "IPCListener: Too few descriptors are left for a connection of process {}, user {}; closing it",
+        peer.process, peer.user);
+    return;
+  }
   std::shared_ptr<IPCConnection> connection;
   try {
     PeerEntitlements entitlements = _entitlements(socket.get());
     connection = std::make_shared<IPCConnection>(std::move(socket), peer, std::move(entitlements),
-                                                 _tokens, [this] { _wakeup.wake(); });
+                                                 _shared, [this] { _wakeup.wake(); });
     const MutexLock lock(_mutex);
     _connections.push_back(connection);
   } catch (const std::exception& exception) {
@@ -206,11 +224,11 @@ void IPCListener::closeWhoLostEntitlements() {
 
 Result<std::unique_ptr<IPCListener>> IPCListener::serving(Result<ServiceSocket> socket,
                                                           EntitlementReader entitlements,
-                                                          ExtensionTokens& tokens) {
+                                                          IPCConnection::Shared shared) {
   if (!socket) return socket.failure();
   try {
     return std::unique_ptr<IPCListener>(
-        new IPCListener(std::move(socket).value(), std::move(entitlements), tokens));
+        new IPCListener(std::move(socket).value(), std::move(entitlements), shared));
   } catch (const std::system_error& error) {
     return Failure{"Creating an event failed: " + error.code().message(), error.code().value()};
   }

@@ -19,13 +19,11 @@
 #include "base/Result.h"
 #include "base/Wakeup.h"
 #include "protocol/Connection.h"
+#include "rpc/IPCConnection.h"
 #include "rpc/PeerEntitlements.h"
 #include "rpc/ServiceSocket.h"
 
 namespace corvid {
-
-class ExtensionTokens;
-class IPCConnection;
 
 // Says whether a connection may be taken out of the socket. `enter` is asked on the accept thread
 // before each; once it has refused, what waits stays in the socket for whoever serves it next, and
@@ -36,7 +34,8 @@ struct AcceptGate {
 };
 
 // Whether a peer's connection may be opened while `all` others are, `ofUser` of them by the peer's
-// user. A refusal is logged with the limit that it would pass; that of all connections comes first.
+// user. A user may have half of what others leave, limits::connectionsPerUser at most. A
+// refusal is logged with the limit that it would pass; that of all connections comes first.
 bool admitsConnection(pid_t process, uid_t user, std::size_t all, std::size_t ofUser);
 
 // Accepts connections on one Unix socket.
@@ -52,11 +51,10 @@ bool admitsConnection(pid_t process, uid_t user, std::size_t all, std::size_t of
 //           so for running calls and invalidation handlers too. Not from one of those threads.
 class IPCListener {
  public:
-  // Fails where the socket did, or where the system has no descriptor left. `tokens`, for files
-  // that clients grant, is borrowed.
+  // Fails where the socket did, or where the system has no descriptor left.
   static Result<std::unique_ptr<IPCListener>> serving(Result<ServiceSocket> socket,
                                                       EntitlementReader entitlements,
-                                                      ExtensionTokens& tokens);
+                                                      IPCConnection::Shared shared);
   ~IPCListener();
   IPCListener(const IPCListener&) = delete;
   IPCListener& operator=(const IPCListener&) = delete;
@@ -70,7 +68,7 @@ class IPCListener {
   std::size_t connections() const;
 
  private:
-  IPCListener(ServiceSocket socket, EntitlementReader entitlements, ExtensionTokens& tokens);
+  IPCListener(ServiceSocket socket, EntitlementReader entitlements, IPCConnection::Shared shared);
   void run();
   // Milliseconds, or -1.
   int longestWait() const;
@@ -85,7 +83,7 @@ class IPCListener {
 
   // Constant after resume().
   const EntitlementReader _entitlements;
-  ExtensionTokens& _tokens;
+  const IPCConnection::Shared _shared;
   const Wakeup _wakeup;
   const ServiceSocket _socket;
   std::shared_ptr<ListenerDelegate> _delegate;

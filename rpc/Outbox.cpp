@@ -21,20 +21,34 @@ bool Outbox::add(Delivery delivery) {
   delivery.bytes = bytesOf(delivery);
   const MutexLock lock(_mutex);
   if (_stopped) return false;
-  const bool isFirst = _deliveries.empty();
-  _bytes += delivery.bytes;
-  _deliveries.push_back(std::move(delivery));
-  while (_deliveries.size() > limits::deliveriesWaiting || _bytes > limits::deliveryBytesWaiting)
+  while (!take(delivery.bytes)) {
+    if (_deliveries.empty()) {
+      countDropped();  // too large alone
+      _hasDeliveries = false;
+      return true;
+    }
     dropOldest();
-  _hasDeliveries = !_deliveries.empty();
+  }
+  const bool isFirst = !_hasDeliveries;
+  _deliveries.push_back(std::move(delivery));
+  _hasDeliveries = true;
   // Whoever takes the first takes the others too.
   if (isFirst) wake();
   return true;
 }
 
+bool Outbox::take(std::size_t bytes) {
+  return _deliveries.size() < limits::deliveriesWaiting &&
+         _share.amount() + bytes <= limits::deliveryBytesWaiting && _share.grow(bytes);
+}
+
 void Outbox::dropOldest() {
-  _bytes -= _deliveries.front().bytes;
+  _share.shrink(_share.amount() - _deliveries.front().bytes);
   _deliveries.pop_front();
+  countDropped();
+}
+
+void Outbox::countDropped() {
   if (_dropped++ == 0)
     logComplaint("Outbox: {} does not take its deliveries, the oldest are dropped", _client);
 }
@@ -78,6 +92,7 @@ void Outbox::stop() {
   std::deque<Delivery> deliveries;
   const MutexLock lock(_mutex);
   _stopped = true;
+  _share.shrink(0);
   _port = nullptr;
   tasks.swap(_tasks);
   deliveries.swap(_deliveries);
@@ -89,11 +104,10 @@ std::vector<Outbox::Task> Outbox::takeTasks() {
   return std::exchange(_tasks, {});
 }
 
-std::deque<Delivery> Outbox::takeDeliveries() {
+Outbox::Batch Outbox::takeDeliveries() {
   const MutexLock lock(_mutex);
-  _bytes = 0;
   _hasDeliveries = false;
-  return std::exchange(_deliveries, {});
+  return {std::exchange(_deliveries, {}), std::exchange(_share, _memory->none(_user))};
 }
 
 bool Outbox::mustClose() const {

@@ -2,8 +2,8 @@
 // calls that were answered elsewhere.
 //
 // Threads   add, post, close, dropped: any, never waiting. The rest: the connection's thread.
-// Limits    limits::deliveriesWaiting and limits::deliveryBytesWaiting; past either the oldest
-//           deliveries are dropped, counted, and logged once.
+// Limits    limits::deliveriesWaiting and limits::deliveryBytesWaiting, and what the client's user
+//           may have kept; past any the oldest deliveries are dropped, counted, and logged once.
 // Life      Outlives the connection where replies or proxies do, and takes nothing after stop().
 #pragma once
 
@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <thread>
@@ -20,6 +21,7 @@
 
 #include "base/Mutex.h"
 #include "base/Value.h"
+#include "platform/SharedBudget.h"
 #include "protocol/wire/SocketPort.h"
 
 namespace corvid {
@@ -37,8 +39,15 @@ class Outbox {
  public:
   using Task = std::function<void()>;
 
+  // What is sent together, and what of the memory that is kept for clients it holds.
+  struct Batch {
+    std::deque<Delivery> deliveries;
+    SharedBudget::Share memory;
+  };
+
   // `client` names the client in log lines.
-  explicit Outbox(std::string client) : _client(std::move(client)) {}
+  Outbox(std::string client, std::shared_ptr<SharedBudget> memory, std::uint32_t user)
+      : _client(std::move(client)), _memory(std::move(memory)), _user(user) {}
 
   // False where the connection is gone.
   bool add(Delivery delivery) EXCLUDES(_mutex);
@@ -56,14 +65,19 @@ class Outbox {
   bool onConnectionThread() const { return _thread == std::this_thread::get_id(); }
   bool hasDeliveries() const { return _hasDeliveries; }
   std::vector<Task> takeTasks() EXCLUDES(_mutex);
-  std::deque<Delivery> takeDeliveries() EXCLUDES(_mutex);
+  Batch takeDeliveries() EXCLUDES(_mutex);
   bool mustClose() const EXCLUDES(_mutex);
 
  private:
+  // Memory for one delivery more, where there is room for it.
+  bool take(std::size_t bytes) REQUIRES(_mutex);
   void dropOldest() REQUIRES(_mutex);
+  void countDropped() REQUIRES(_mutex);
   void wake() REQUIRES(_mutex);
 
   const std::string _client;
+  const std::shared_ptr<SharedBudget> _memory;
+  const std::uint32_t _user;
   std::atomic<std::thread::id> _thread;
   std::atomic<bool> _hasDeliveries{false};
 
@@ -71,7 +85,7 @@ class Outbox {
   const wire::SocketPort* _port GUARDED_BY(_mutex) = nullptr;
   std::vector<Task> _tasks GUARDED_BY(_mutex);
   std::deque<Delivery> _deliveries GUARDED_BY(_mutex);
-  std::size_t _bytes GUARDED_BY(_mutex) = 0;
+  SharedBudget::Share _share GUARDED_BY(_mutex) = _memory->none(_user);  // of those
   std::size_t _dropped GUARDED_BY(_mutex) = 0;
   bool _closing GUARDED_BY(_mutex) = false;
   bool _stopped GUARDED_BY(_mutex) = false;

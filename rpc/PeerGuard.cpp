@@ -45,6 +45,7 @@ kj::Promise<PeerGuard::Incoming> PeerGuard::tryReadMessage(
 kj::Promise<PeerGuard::Incoming> PeerGuard::readWhenAllowed(
     kj::ArrayPtr<kj::AutoCloseFd> descriptorSpace) {
   if (_breach) return failure(*_breach);
+  _account.messageIsDone();
   if (_writing || _unanswered >= limits::callsInFlight) {
     auto pair = kj::newPromiseAndFulfiller<void>();
     _gate = kj::mv(pair.fulfiller);
@@ -79,14 +80,23 @@ std::optional<std::string> PeerGuard::breachOf(Message::Reader message) {
       const auto call = message.getCall();
       // Kept for a later call, an answer could wait for ever.
       if (!call.getSendResultsTo().isCaller()) return "a call whose answer is not for its caller";
+      // No call answers with an object; what waits for one would be kept for as long.
+      if (const auto target = call.getTarget();
+          target.isPromisedAnswer() &&
+          !_bootstraps.contains(target.getPromisedAnswer().getQuestionId()))
+        return "a call on the answer of another call";
       capabilities = call.getParams().getCapTable().size();
       if (auto breach = begin(call.getQuestionId())) return breach;
       break;
     }
     case Message::BOOTSTRAP:
       if (auto breach = begin(message.getBootstrap().getQuestionId())) return breach;
+      _bootstraps.insert(message.getBootstrap().getQuestionId());
       break;
-    case Message::FINISH: _unfinished.erase(message.getFinish().getQuestionId()); break;
+    case Message::FINISH:
+      _unfinished.erase(message.getFinish().getQuestionId());
+      _bootstraps.erase(message.getFinish().getQuestionId());
+      break;
     case Message::RETURN:
       if (const auto answer = message.getReturn(); answer.isResults())
         capabilities = answer.getResults().getCapTable().size();
@@ -111,9 +121,7 @@ std::optional<std::string> PeerGuard::begin(std::uint32_t question) {
   return fmt::format("more than {} unfinished calls", limits::unfinishedCalls);
 }
 
-void PeerGuard::inspectOutgoing(kj::ArrayPtr<const kj::ArrayPtr<const capnp::word>> segments) {
-  capnp::SegmentArrayMessageReader reader(segments);
-  const auto message = reader.getRoot<Message>();
+void PeerGuard::inspectOutgoing(Message::Reader message) {
   if (message.isReturn() && _unanswered > 0) --_unanswered;
   // The RPC system ends the connection, over a message that made no sense at its place or because
   // the client is gone.
@@ -122,12 +130,26 @@ void PeerGuard::inspectOutgoing(kj::ArrayPtr<const kj::ArrayPtr<const capnp::wor
     fail(fmt::format("a message out of place ({})", message.getAbort().getReason().cStr()));
 }
 
+kj::Promise<void> PeerGuard::answerIsLate() {
+  return _port.after(limits::messageTime.count() * kj::SECONDS).then([this]() -> kj::Promise<void> {
+    fail(fmt::format("an answer that it has not taken after {} s", limits::messageTime.count()));
+    return failure(*_breach);
+  });
+}
+
 kj::Promise<void> PeerGuard::writeMessage(
     kj::ArrayPtr<const int> descriptors,
     kj::ArrayPtr<const kj::ArrayPtr<const capnp::word>> segments) {
-  inspectOutgoing(segments);
+  std::size_t bytes = 0;
+  for (const auto segment : segments) bytes += segment.asBytes().size();
+  capnp::SegmentArrayMessageReader reader(segments);
+  const auto message = reader.getRoot<Message>();
+  const bool isLargeAnswer = message.isReturn() && bytes > limits::largeAnswerBytes;
+  inspectOutgoing(message);
   _writing = true;
-  return _stream.writeMessage(descriptors, segments).then([this] {
+  auto written = _stream.writeMessage(descriptors, segments);
+  if (isLargeAnswer) written = written.exclusiveJoin(answerIsLate());
+  return written.then([this] {
     _writing = false;
     _written();
     openGate();

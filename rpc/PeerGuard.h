@@ -3,7 +3,8 @@
 // It hands on one message at a time, after everything that the one before set going has run: a
 // client's calls run one after the other, and what a client sent before it left still runs. Nothing
 // is read while something waits to be written, or while too many calls are unanswered; so a client
-// that does not read cannot make the daemon's memory grow.
+// that does not read cannot make the daemon's memory grow. A large answer that it does not take in
+// time ends the connection.
 //
 // A rule is broken where a message is malformed, beyond a limit, or makes no sense at its place.
 // After the first breach the RPC system tells the client and ends the connection.
@@ -22,6 +23,9 @@
 #include <string>
 #include <utility>
 
+#include "protocol/wire/SocketPort.h"
+#include "rpc/Account.h"
+
 namespace corvid {
 
 class PeerGuard final : public capnp::MessageStream {
@@ -29,11 +33,15 @@ class PeerGuard final : public capnp::MessageStream {
   using capnp::MessageStream::writeMessage;
   using capnp::MessageStream::writeMessages;
 
-  // `stream` is borrowed. `broken` hears of the first breach, `written` whenever the socket has
-  // taken a message.
-  PeerGuard(capnp::MessageStream& stream, std::function<void(const std::string& rule)> broken,
-            std::function<void()> written)
-      : _stream(stream), _broken(std::move(broken)), _written(std::move(written)) {}
+  // The first three are borrowed. `broken` hears of the first breach, `written` whenever the socket
+  // has taken a message.
+  PeerGuard(capnp::MessageStream& stream, wire::SocketPort& port, Account& account,
+            std::function<void(const std::string& rule)> broken, std::function<void()> written)
+      : _stream(stream),
+        _port(port),
+        _account(account),
+        _broken(std::move(broken)),
+        _written(std::move(written)) {}
 
   // The client broke a rule that only the reader of a call can see.
   void fail(std::string rule);
@@ -57,15 +65,20 @@ class PeerGuard final : public capnp::MessageStream {
   kj::Promise<Incoming> refuse(std::string rule);
   std::optional<std::string> breachOf(capnp::rpc::Message::Reader message);
   std::optional<std::string> begin(std::uint32_t question);
-  void inspectOutgoing(kj::ArrayPtr<const kj::ArrayPtr<const capnp::word>> segments);
+  void inspectOutgoing(capnp::rpc::Message::Reader message);
+  // Ends, with a breach, when a large answer has waited too long.
+  kj::Promise<void> answerIsLate();
   void openGate();
 
   capnp::MessageStream& _stream;
+  wire::SocketPort& _port;
+  Account& _account;
   const std::function<void(const std::string&)> _broken;
   const std::function<void()> _written;
   std::optional<std::string> _breach;
   std::size_t _unanswered = 0;          // calls begun less calls returned
   std::set<std::uint32_t> _unfinished;  // questions of calls that the client has not finished with
+  std::set<std::uint32_t> _bootstraps;  // of those, the questions for the session
   bool _writing = false;
   kj::Own<kj::PromiseFulfiller<void>> _gate;  // of a read that is held back
 };

@@ -25,8 +25,8 @@ using wire::ValueDecoder;
 // Writes what one call answers into its results, texts as far as there is room for them.
 class AnswerWriter {
  public:
-  // `client` is borrowed and names the client in log lines.
-  explicit AnswerWriter(const std::string& client) : _client(client) {}
+  // Both are borrowed. `client` names the client in log lines.
+  AnswerWriter(Account& account, const std::string& client) : _account(account), _client(client) {}
 
   void writeText(wire::TextResult::Builder result, const std::optional<std::string>& text) {
     result.setNone();
@@ -34,6 +34,12 @@ class AnswerWriter {
     if (text->size() > _room) {
       logComplaint("SessionServer: A text of {} bytes for {} is too large and is left out",
                    text->size(), _client);
+      return;
+    }
+    if (!_account.addAnswer(text->size())) {
+      logWarning(
+          "SessionServer: A text of {} bytes for {} finds no room beside the answers that its user has not taken and is left out",
+          text->size(), _client);
       return;
     }
     _room -= text->size();
@@ -68,6 +74,7 @@ class AnswerWriter {
   }
 
  private:
+  Account& _account;
   const std::string& _client;
   std::size_t _room = limits::answerTextBytes;
 };
@@ -79,17 +86,6 @@ template <class... Results>
 struct PendingCallOf<Reply<Results...>> {
   using Type = PendingCall<Results...>;
 };
-
-// What a session is to keep of the client's infos.
-void checkInfos(const Dictionary& sessionInfo, const std::optional<Dictionary>& userInfo,
-                const Array& frameworks = {}) {
-  wire::Extent extent;
-  if (!sessionInfo.empty()) extent.add(sessionInfo);
-  if (userInfo) extent.add(*userInfo);
-  if (!frameworks.empty()) extent.add(frameworks);
-  if (extent.bytes() > limits::sessionInfoBytes)
-    throw wire::BrokenRule(fmt::format("infos of {} bytes", extent.bytes()));
-}
 
 // The descriptor that came with the capability; null where none did.
 std::shared_ptr<PassedFile> passedFile(wire::FileGrant::Client file) {
@@ -103,14 +99,29 @@ std::shared_ptr<PassedFile> passedFile(wire::FileGrant::Client file) {
 }  // namespace
 
 SessionServer::SessionServer(std::shared_ptr<ClientSessionInterface> session,
-                             std::shared_ptr<Outbox> outbox, PeerGuard& guard,
-                             DeliverySender& sender, ExtensionTokens& tokens, std::string client)
+                             std::shared_ptr<Outbox> outbox, const Serving& serving,
+                             std::string client)
     : _session(std::move(session)),
       _outbox(std::move(outbox)),
-      _guard(guard),
-      _sender(sender),
-      _tokens(tokens),
+      _guard(serving.guard),
+      _sender(serving.sender),
+      _account(serving.account),
+      _port(serving.port),
+      _tokens(serving.tokens),
       _client(std::move(client)) {}
+
+void SessionServer::keepInfos(const Dictionary& sessionInfo,
+                              const std::optional<Dictionary>& userInfo, const Array& frameworks) {
+  wire::Extent extent;
+  if (!sessionInfo.empty()) extent.add(sessionInfo);
+  if (userInfo) extent.add(*userInfo);
+  if (!frameworks.empty()) extent.add(frameworks);
+  if (extent.bytes() > limits::sessionInfoBytes)
+    throw wire::BrokenRule(fmt::format("infos of {} bytes", extent.bytes()));
+  if (!_account.keepInfos(extent.bytes()))
+    throw wire::BrokenRule(
+        fmt::format("infos of {} bytes beside all that its user has kept", extent.bytes()));
+}
 
 template <class Context, class Decode>
 auto SessionServer::decoded(Context& context, Decode decode) {
@@ -157,7 +168,7 @@ kj::Promise<void> SessionServer::perform(const char* name, Context context,
   });
   _sender.flush();
   return call->whenSettled([this, call, context]() mutable {
-    AnswerWriter writer(_client);
+    AnswerWriter writer(_account, _client);
     const auto write = [&](const auto&... each) {
       (writer.write(context.getResults(), each), ...);
     };
@@ -169,11 +180,11 @@ kj::Promise<void> SessionServer::perform(const char* name, Context context,
 constexpr auto nothing = [](auto, ValueDecoder&) { return std::tuple<>(); };
 
 kj::Promise<void> SessionServer::setSessionInfo(SetSessionInfoContext context) {
-  auto arguments = decoded(context, [](auto parameters, ValueDecoder& decoder) {
+  auto arguments = decoded(context, [this](auto parameters, ValueDecoder& decoder) {
     std::tuple infos{decoder.dictionary(parameters.getSessionInfo()),
                      decoder.dictionary(parameters.hasUserInfo(), parameters.getUserInfo()),
                      decoder.array(parameters.getFrameworksToCheck())};
-    std::apply(checkInfos, infos);
+    std::apply([this](const auto&... each) { keepInfos(each...); }, infos);
     return std::tuple_cat(std::move(infos), std::tuple{parameters.getHasAggregationBlock()});
   });
   run("setSessionInfo", [&] {
@@ -191,10 +202,10 @@ kj::Promise<void> SessionServer::startConfig(StartConfigContext context) {
 
 kj::Promise<void> SessionServer::fetchStates(FetchStatesContext context) {
   return perform("fetchStates", context, &ClientSessionInterface::fetchStatesWithUserInfo,
-                 [](auto parameters, ValueDecoder& decoder) {
+                 [this](auto parameters, ValueDecoder& decoder) {
                    auto userInfo =
                        decoder.dictionary(parameters.hasUserInfo(), parameters.getUserInfo());
-                   checkInfos({}, userInfo);
+                   keepInfos({}, userInfo);
                    return std::tuple{std::move(userInfo)};
                  });
 }
@@ -238,7 +249,7 @@ kj::Promise<void> SessionServer::sendMessages(SendMessagesContext context) {
   return call->whenSettled([this, call, context]() mutable {
     const auto& outcomes = call->outcomes();
     auto results = context.getResults().initResults(wire::count(outcomes.size()));
-    AnswerWriter writer(_client);
+    AnswerWriter writer(_account, _client);
     for (capnp::uint i = 0; i < results.size(); ++i)
       if (outcomes[i]) writer.writeText(results[i], std::get<0>(*outcomes[i]));
   });
@@ -270,11 +281,22 @@ kj::Promise<void> SessionServer::uploadFile(UploadFileContext context) {
                 return std::tuple{std::move(fileURL), grant->token()};
               });
   if (!file || !file->isToBeRemoved()) return done;
+  // The client's own descriptor stays open until it has answered.
+  auto share = _account.takeFile();
+  if (!share) {
+    logWarning("SessionServer: {} and its user's other clients remove no files; this one stays",
+               _client);
+    return done;
+  }
+  grant.reset();
+  file.reset();
   // Whether it could be removed or not, the client hears the outcome of its call after that.
   return grantedFile.removeRequest()
       .send()
       .ignoreResult()
+      .exclusiveJoin(_port.after(limits::removalTime.count() * kj::SECONDS))
       .then([] {}, [](kj::Exception&&) {})
+      .attach(*std::move(share))
       .then([done = kj::mv(done)]() mutable { return kj::mv(done); });
 }
 
@@ -287,13 +309,13 @@ kj::Promise<void> SessionServer::uploadLogData(UploadLogDataContext context) {
 
 kj::Promise<void> SessionServer::sendSingleMessage(SendSingleMessageContext context) {
   return perform("sendSingleMessage", context, &ClientSessionInterface::sendMessageWithSessionInfo,
-                 [](auto parameters, ValueDecoder& decoder) {
+                 [this](auto parameters, ValueDecoder& decoder) {
                    std::tuple arguments{
                        decoder.dictionary(parameters.getSessionInfo()),
                        decoder.dictionary(parameters.hasUserInfo(), parameters.getUserInfo()),
                        parameters.getCategory(), parameters.getType(),
                        decoder.dictionary(parameters.hasPayload(), parameters.getPayload())};
-                   checkInfos(std::get<0>(arguments), std::get<1>(arguments));
+                   keepInfos(std::get<0>(arguments), std::get<1>(arguments));
                    return arguments;
                  });
 }

@@ -10,6 +10,8 @@
 #include "platform/ExtensionTokens.h"
 #include "protocol/ClientSessionInterface.h"
 #include "protocol/corvid.capnp.h"
+#include "protocol/wire/SocketPort.h"
+#include "rpc/Account.h"
 #include "rpc/DeliverySender.h"
 #include "rpc/Outbox.h"
 #include "rpc/PeerGuard.h"
@@ -18,10 +20,17 @@ namespace corvid {
 
 class SessionServer final : public wire::ClientSession::Server {
  public:
-  // `guard`, `sender` and `tokens` are borrowed. `client` names the client in log lines.
+  // What belongs to the connection. Borrowed.
+  struct Serving {
+    PeerGuard& guard;
+    DeliverySender& sender;
+    Account& account;
+    wire::SocketPort& port;
+    ExtensionTokens& tokens;
+  };
+  // `client` names the client in log lines.
   SessionServer(std::shared_ptr<ClientSessionInterface> session, std::shared_ptr<Outbox> outbox,
-                PeerGuard& guard, DeliverySender& sender, ExtensionTokens& tokens,
-                std::string client);
+                const Serving& serving, std::string client);
 
  private:
   kj::Promise<void> setSessionInfo(SetSessionInfoContext context) override;
@@ -35,6 +44,9 @@ class SessionServer final : public wire::ClientSession::Server {
   kj::Promise<void> uploadLogData(UploadLogDataContext context) override;
   kj::Promise<void> sendSingleMessage(SendSingleMessageContext context) override;
 
+  // What the session is to keep of the client's infos. Throws BrokenRule past the limits.
+  void keepInfos(const Dictionary& sessionInfo, const std::optional<Dictionary>& userInfo,
+                 const Array& frameworks = {});
   // What `decode(parameters, decoder)` makes of the call's parameters, which are gone afterwards: a
   // call may wait long for its answer, and for the client to take note of it. What breaks a rule
   // ends the connection.
@@ -52,6 +64,8 @@ class SessionServer final : public wire::ClientSession::Server {
   const std::shared_ptr<Outbox> _outbox;
   PeerGuard& _guard;
   DeliverySender& _sender;
+  Account& _account;
+  wire::SocketPort& _port;
   ExtensionTokens& _tokens;
   const std::string _client;
 };

@@ -68,6 +68,11 @@ void FrameReader::begin() {
   for (std::size_t i = 1; i <= segments; ++i) words += littleEndian(header + 4 * i);
   if (words > limits::messageBytes / wordBytes)
     throw BrokenRule(fmt::format("a message of {} bytes", words * wordBytes));
+  if (_admission && words * wordBytes > sizeof _staging) {
+    _granted = _admission(words * wordBytes);
+    _isHeldBack = _granted == nullptr;
+    if (_isHeldBack) return;
+  }
   _message = kj::heapArray<capnp::word>(words);
   _filled = 0;
 }
@@ -85,7 +90,7 @@ kj::Own<capnp::MessageReader> FrameReader::next() {
   _position += bytes.size();
   kj::Array<capnp::word> words = std::exchange(_message, nullptr);
   auto reader = kj::heap<capnp::FlatArrayMessageReader>(words, readerOptions(words.size()));
-  return reader.attach(kj::mv(words));
+  return reader.attach(kj::mv(words), std::exchange(_granted, nullptr));
 }
 
 }  // namespace corvid::wire

@@ -28,6 +28,13 @@ static_assert(std::endian::native == std::endian::little, "numbers go as they ar
 // Larger messages are not gathered but written from where they are.
 constexpr std::size_t outputBytes = 16384;
 
+// Between two looks whether there is memory for a message.
+constexpr kj::Duration heldBackPause = 20 * kj::MILLISECONDS;
+
+kj::Exception failure(const std::string& rule) {
+  return {kj::Exception::Type::FAILED, __FILE__, __LINE__, kj::heapString(rule.c_str())};
+}
+
 std::size_t bytesOf(Segments segments) {
   std::size_t words = segments.size() / 2 + 1;
   for (const auto segment : segments) words += segment.size();
@@ -185,8 +192,14 @@ kj::Maybe<capnp::MessageReaderAndFds> MessageSocket::next(
 }
 
 kj::Promise<kj::Maybe<capnp::MessageReaderAndFds>> MessageSocket::tryReadMessage(
-    kj::ArrayPtr<kj::AutoCloseFd> descriptorSpace, capnp::ReaderOptions options,
-    kj::ArrayPtr<capnp::word> scratchSpace) {
+    kj::ArrayPtr<kj::AutoCloseFd> descriptorSpace, capnp::ReaderOptions,
+    kj::ArrayPtr<capnp::word>) {
+  _messageEnd = nullptr;
+  return readOn(descriptorSpace);
+}
+
+kj::Promise<kj::Maybe<capnp::MessageReaderAndFds>> MessageSocket::readOn(
+    kj::ArrayPtr<kj::AutoCloseFd> descriptorSpace) {
   using Incoming = kj::Maybe<capnp::MessageReaderAndFds>;
   const bool takesDescriptors = descriptorSpace.size() > 0;
   flush();
@@ -194,16 +207,33 @@ kj::Promise<kj::Maybe<capnp::MessageReaderAndFds>> MessageSocket::tryReadMessage
     try {
       if (Incoming message = next(descriptorSpace); message != nullptr) return kj::mv(message);
     } catch (const BrokenRule& rule) {
-      return kj::Exception(kj::Exception::Type::FAILED, __FILE__, __LINE__,
-                           kj::heapString(rule.what()));
+      return failure(rule.what());
     }
+    if (_frames.isHeldBack())
+      return _port.after(heldBackPause).then([this, descriptorSpace] {
+        return readOn(descriptorSpace);
+      });
     if (_drained) break;
   } while (receive(takesDescriptors) == Received::something);
-  return _port.whenReadable().then(
-      [this, descriptorSpace, options, scratchSpace]() -> kj::Promise<Incoming> {
-        if (receive(descriptorSpace.size() > 0) == Received::end) return Incoming();
-        return tryReadMessage(descriptorSpace, options, scratchSpace);
-      });
+  return whenThereIsMore().then([this, descriptorSpace]() -> kj::Promise<Incoming> {
+    if (receive(descriptorSpace.size() > 0) == Received::end) return Incoming();
+    return readOn(descriptorSpace);
+  });
+}
+
+kj::Promise<void> MessageSocket::whenThereIsMore() {
+  KJ_IF_MAYBE (time, _messageTime) {
+    if (_frames.isUnfinished()) {
+      const kj::TimePoint now = kj::systemPreciseMonotonicClock().now();
+      if (_messageEnd == nullptr) _messageEnd = now + *time;
+      const kj::Duration left = kj::max(KJ_ASSERT_NONNULL(_messageEnd) - now, 0 * kj::SECONDS);
+      return _port.whenReadable().exclusiveJoin(
+          _port.after(left).then([seconds = *time / kj::SECONDS]() -> kj::Promise<void> {
+            return failure(fmt::format("a message that was not complete after {} s", seconds));
+          }));
+    }
+  }
+  return _port.whenReadable();
 }
 
 kj::Promise<void> MessageSocket::writeMessage(kj::ArrayPtr<const int> descriptors,

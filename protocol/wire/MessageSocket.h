@@ -12,11 +12,13 @@
 
 #include <capnp/serialize-async.h>
 #include <kj/io.h>
+#include <kj/time.h>
 #include <sys/socket.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <utility>
 #include <vector>
 
 #include "protocol/wire/FrameReader.h"
@@ -29,8 +31,16 @@ class MessageSocket final : public capnp::MessageStream {
   using capnp::MessageStream::writeMessage;
   using capnp::MessageStream::writeMessages;
 
+  // What the reader of a peer that is not trusted keeps it to.
+  struct Bounds {
+    FrameReader::Admission admission;
+    kj::Duration messageTime;  // from the first look at a message that is not complete
+  };
+
   // `port` is borrowed, and with it the socket.
   explicit MessageSocket(SocketPort& port) : _port(port) {}
+  MessageSocket(SocketPort& port, Bounds bounds)
+      : _port(port), _frames(std::move(bounds.admission)), _messageTime(bounds.messageTime) {}
 
   kj::Promise<kj::Maybe<capnp::MessageReaderAndFds>> tryReadMessage(
       kj::ArrayPtr<kj::AutoCloseFd> descriptorSpace, capnp::ReaderOptions options,
@@ -57,6 +67,10 @@ class MessageSocket final : public capnp::MessageStream {
     kj::AutoCloseFd descriptor;
   };
 
+  kj::Promise<kj::Maybe<capnp::MessageReaderAndFds>> readOn(
+      kj::ArrayPtr<kj::AutoCloseFd> descriptorSpace);
+  // Fails where the message has not come in its time.
+  kj::Promise<void> whenThereIsMore();
   kj::Maybe<capnp::MessageReaderAndFds> next(kj::ArrayPtr<kj::AutoCloseFd> descriptorSpace);
   Received receive(bool takesDescriptors);
   void keepDescriptors(const msghdr& message);
@@ -66,10 +80,12 @@ class MessageSocket final : public capnp::MessageStream {
 
   SocketPort& _port;
   FrameReader _frames;
-  bool _drained = true;              // the socket had less than was asked for
-  std::uint64_t _received = 0;       // bytes
-  std::deque<Passed> _passed;        // of messages that next() has not given
-  bool _tooManyDescriptors = false;  // at once, so that some are lost
+  const kj::Maybe<kj::Duration> _messageTime;
+  kj::Maybe<kj::TimePoint> _messageEnd;  // when the message under way must be complete
+  bool _drained = true;                  // the socket had less than was asked for
+  std::uint64_t _received = 0;           // bytes
+  std::deque<Passed> _passed;            // of messages that next() has not given
+  bool _tooManyDescriptors = false;      // at once, so that some are lost
 
   std::vector<kj::byte> _output;  // what waits to leave
   bool _blocked = false;          // the socket takes no more

@@ -1,8 +1,10 @@
 #include "protocol/wire/SocketPort.h"
 
+#include <kj/debug.h>
 #include <poll.h>
 
 #include <array>
+#include <cstdint>
 #include <utility>
 
 namespace corvid::wire {
@@ -32,7 +34,24 @@ kj::Promise<void> SocketPort::whenWoken() {
   return wire::wait(_woken);
 }
 
-bool SocketPort::wait() { return pollFor(-1); }
+kj::Promise<void> SocketPort::after(kj::Duration delay) {
+  advanceTimer();
+  return _timer.afterDelay(delay);
+}
+
+void SocketPort::advanceTimer() { _timer.advanceTo(kj::systemPreciseMonotonicClock().now()); }
+
+bool SocketPort::wait() {
+  if (_timer.nextEvent() == nullptr) return pollFor(-1);
+  constexpr std::uint64_t hour = 3'600'000;
+  const auto now = kj::systemPreciseMonotonicClock().now();
+  const std::uint64_t delay =
+      KJ_ASSERT_NONNULL(_timer.timeoutToNextEvent(now, kj::MILLISECONDS, hour));
+  const bool wasWoken = pollFor(static_cast<int>(delay));
+  advanceTimer();
+  return wasWoken;
+}
+
 bool SocketPort::poll() { return pollFor(0); }
 
 bool SocketPort::pollFor(int milliseconds) {

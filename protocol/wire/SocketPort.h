@@ -6,6 +6,7 @@
 
 #include <kj/async.h>
 #include <kj/exception.h>
+#include <kj/timer.h>
 
 #include "base/Log.h"
 #include "base/Wakeup.h"
@@ -22,6 +23,8 @@ class SocketPort final : public kj::EventPort {
   kj::Promise<void> whenReadable();
   kj::Promise<void> whenWritable();
   kj::Promise<void> whenWoken();
+  // Any number of waiters.
+  kj::Promise<void> after(kj::Duration delay);
 
   bool wait() override;
   bool poll() override;
@@ -30,12 +33,14 @@ class SocketPort final : public kj::EventPort {
  private:
   using Waiter = kj::Own<kj::PromiseFulfiller<void>>;
   bool pollFor(int milliseconds);
+  void advanceTimer();
 
   const int _socket;
   const Wakeup _wakeup;
   Waiter _readable;
   Waiter _writable;
   Waiter _woken;
+  kj::TimerImpl _timer{kj::systemPreciseMonotonicClock().now()};
   bool _wasWoken = false;
 };
 

@@ -68,7 +68,7 @@ std::shared_ptr<IPCConnection> FuzzedDaemon::serve(Descriptor socket) {
       [] {
         return Dictionary{{std::string(CorviddAgent::requiredEntitlement), true}};
       },
-      *_platform.extensionTokens, [] {});
+      IPCConnection::Shared{*_platform.extensionTokens, Platform::current().budgets}, [] {});
   require(_agent->shouldAcceptNewConnection(connection));
   return connection;
 }

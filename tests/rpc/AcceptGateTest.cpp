@@ -21,9 +21,9 @@ class AcceptGateTest : public ServiceFixture {
   }
 
   void serve(AcceptGate gate = {}) {
-    auto adopted = IPCListener::serving(
-        ServiceSocket::adopt(Descriptor(dup(_socket.get()))),
-        [](int) { return [] { return Dictionary(); }; }, tokens);
+    auto adopted =
+        IPCListener::serving(ServiceSocket::adopt(Descriptor(dup(_socket.get()))),
+                             [](int) { return [] { return Dictionary(); }; }, {tokens, budgets});
     ASSERT_TRUE(adopted) << adopted.failure().message;
     listener = std::move(adopted).value();
     listener->resume(delegate, std::move(gate));

@@ -33,15 +33,28 @@ TEST(Admission, OneMoreThanAllIsRefusedWhoeverItIs) {
 TEST(Admission, TheLastConnectionOfAUserIsTaken) {
   const CapturedLog log;
   EXPECT_TRUE(admitsConnection(4711, 1000, 255, 255));
-  EXPECT_TRUE(admitsConnection(4711, 1000, 511, 255));
+  EXPECT_TRUE(admitsConnection(4711, 1000, 256, 255));
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
 TEST(Admission, OneMoreOfAUserIsRefusedWhileOthersHaveRoom) {
   const CapturedLog log;
   EXPECT_FALSE(admitsConnection(4711, 1000, 256, 256));
-  EXPECT_FALSE(admitsConnection(4711, 1000, 511, 257));
-  EXPECT_THAT(log.texts(LogLevel::warning), ElementsAre(tooManyOfUser, tooManyOfUser));
+  EXPECT_THAT(log.texts(LogLevel::warning), ElementsAre(tooManyOfUser));
+}
+
+TEST(Admission, AUserMayHaveHalfOfWhatOthersLeave) {
+  const CapturedLog log;
+  EXPECT_TRUE(admitsConnection(4711, 1000, 256 + 127, 127));
+  EXPECT_FALSE(admitsConnection(4711, 1000, 256 + 128, 128));
+  EXPECT_TRUE(admitsConnection(4711, 1000, 511, 0));
+  EXPECT_FALSE(admitsConnection(4711, 1000, 511, 1));
+  EXPECT_THAT(
+      log.texts(LogLevel::warning),
+      ElementsAre("IPCListener: Process 4711, user 1000 opened more than 128 connections of one "
+                  "user; closing it",
+                  "IPCListener: Process 4711, user 1000 opened more than 1 connections of one "
+                  "user; closing it"));
 }
 
 TEST(Admission, WhereBothLimitsAreReachedThatOfAllIsNamed) {

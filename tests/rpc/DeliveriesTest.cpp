@@ -231,7 +231,7 @@ TEST_F(Deliveries, ToAClientThatAcknowledgesNothingWaitPastTheLimit) {
 }
 
 TEST_F(Deliveries, WaitInTheOutboxUpToTheirLimits) {
-  Outbox outbox("a client");
+  Outbox outbox("a client", budgets.kept, 1);
   for (std::size_t i = 0; i < limits::deliveriesWaiting; ++i)
     EXPECT_TRUE(outbox.add({std::nullopt, static_cast<double>(i), 0, 0, std::nullopt}));
   EXPECT_EQ(outbox.dropped(), 0u);
@@ -239,7 +239,7 @@ TEST_F(Deliveries, WaitInTheOutboxUpToTheirLimits) {
   outbox.add({std::nullopt, -2, 0, 0, std::nullopt});
   EXPECT_EQ(outbox.dropped(), 2u);
   EXPECT_EQ(log.texts(LogLevel::warning).size(), 1u);
-  const auto waiting = outbox.takeDeliveries();
+  const auto waiting = outbox.takeDeliveries().deliveries;
   EXPECT_EQ(waiting.size(), limits::deliveriesWaiting);
   EXPECT_EQ(waiting.front().timestamp, 2);
   EXPECT_EQ(waiting.back().timestamp, -2);
@@ -247,11 +247,11 @@ TEST_F(Deliveries, WaitInTheOutboxUpToTheirLimits) {
   const Dictionary quarter{{"data", Data{std::string(limits::deliveryBytesWaiting / 4, 'x')}}};
   for (int i = 0; i < 4; ++i) outbox.add({std::nullopt, 10.0 + i, 0, 0, quarter});
   EXPECT_EQ(outbox.dropped(), 3u) << "four with their envelopes are a little too much";
-  EXPECT_EQ(outbox.takeDeliveries().front().timestamp, 11);
+  EXPECT_EQ(outbox.takeDeliveries().deliveries.front().timestamp, 11);
 }
 
 TEST_F(Deliveries, ThatAreTooLargeAloneAreDropped) {
-  Outbox outbox("a client");
+  Outbox outbox("a client", budgets.kept, 1);
   outbox.add({std::nullopt, 1, 0, 0,
               Dictionary{{"data", Data{std::string(limits::deliveryBytesWaiting, 'x')}}}});
   EXPECT_EQ(outbox.dropped(), 1u);

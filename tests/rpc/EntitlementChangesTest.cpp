@@ -31,18 +31,18 @@ class EntitlementChangesTest : public ServiceFixture {
 
   void serve(std::vector<Dictionary> atFirst) {
     granted = std::move(atFirst);
-    auto bound = IPCListener::serving(
-        ServiceSocket::bind(path),
-        [this](int) {
-          const std::size_t peer = connected++;
-          return [this, peer] {
-            Dictionary now;
-            notice.change([&] { ++asked, now = granted.at(peer); });
-            if (now.contains("throws")) throw std::runtime_error("the folder burns");
-            return now;
-          };
-        },
-        tokens);
+    auto bound = IPCListener::serving(ServiceSocket::bind(path),
+                                      [this](int) {
+                                        const std::size_t peer = connected++;
+                                        return [this, peer] {
+                                          Dictionary now;
+                                          notice.change([&] { ++asked, now = granted.at(peer); });
+                                          if (now.contains("throws"))
+                                            throw std::runtime_error("the folder burns");
+                                          return now;
+                                        };
+                                      },
+                                      {tokens, budgets});
     ASSERT_TRUE(bound) << bound.failure().message;
     listener = std::move(bound).value();
     listener->resume(delegate, {}, changes);

@@ -131,5 +131,44 @@ TEST(FrameReader, BoundsWhatSharedPointersCanBeReadAs) {
   EXPECT_THROW(ValueDecoder().array(values), kj::Exception);
 }
 
+TEST(FrameReader, ALargeMessageWaitsForItsMemoryAndHoldsItAsLongAsItLives) {
+  std::vector<std::size_t> asked;
+  std::shared_ptr<void> memory;
+  FrameReader reader([&](std::size_t bytes) {
+    asked.push_back(bytes);
+    return memory;
+  });
+  const std::string small = frameWith("small");
+  const std::string large = frameWith(std::string(100'000, 'x'));
+  const auto give = [&](std::string_view bytes) {
+    kj::ArrayPtr<kj::byte> space = reader.space();
+    const std::size_t count = std::min(space.size(), bytes.size());
+    std::memcpy(space.begin(), bytes.data(), count);
+    reader.filled(count);
+    return count;
+  };
+  std::string_view stream = large;
+  give(small);
+  EXPECT_NE(reader.next().get(), nullptr);
+  EXPECT_TRUE(asked.empty()) << "a small message needs nobody's leave";
+  stream.remove_prefix(give(stream));
+  EXPECT_EQ(reader.next().get(), nullptr);
+  EXPECT_TRUE(reader.isHeldBack());
+  EXPECT_EQ(asked, std::vector{large.size()});
+
+  memory = std::make_shared<int>();
+  EXPECT_EQ(reader.next().get(), nullptr);
+  EXPECT_FALSE(reader.isHeldBack());
+  while (!stream.empty()) stream.remove_prefix(give(stream));
+  {
+    auto message = reader.next();
+    ASSERT_NE(message.get(), nullptr);
+    EXPECT_EQ(message->getRoot<PropertyValue>().getText().size(), 100'000u);
+    EXPECT_EQ(memory.use_count(), 2);
+  }
+  EXPECT_EQ(memory.use_count(), 1);
+  EXPECT_EQ(asked.size(), 2u);
+}
+
 }  // namespace
 }  // namespace corvid::wire

@@ -69,7 +69,8 @@ TEST_F(Listener, ReplacesAStaleSocket) {
 
 TEST_F(Listener, FailsWhereTheSocketIsServed) {
   start();
-  const auto second = IPCListener::serving(ServiceSocket::bind(path), noEntitlements, tokens);
+  const auto second =
+      IPCListener::serving(ServiceSocket::bind(path), noEntitlements, {tokens, budgets});
   ASSERT_FALSE(second);
   EXPECT_EQ(second.failure().message, "Another process serves " + path);
   WireClient client(path);
@@ -96,7 +97,7 @@ TEST_F(Listener, TakesOverASocketThatListens) {
   ASSERT_EQ(UnixAddress(place).bind(inherited.get()), 0);
   ASSERT_EQ(listen(inherited.get(), 5), 0);
   auto adopted = IPCListener::serving(ServiceSocket::adopt(Descriptor(dup(inherited.get()))),
-                                      noEntitlements, tokens);
+                                      noEntitlements, {tokens, budgets});
   ASSERT_TRUE(adopted) << adopted.failure().message;
   adopted.value()->resume(delegate);
   {

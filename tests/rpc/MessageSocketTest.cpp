@@ -5,7 +5,9 @@
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <cstring>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -199,6 +201,38 @@ TEST_F(MessageSocketTest, DescriptorsLeaveWithTheFirstByteOfTheirMessage) {
     EXPECT_TRUE(descriptorAt && *descriptorAt <= bytesOf(before).size());
     written.wait(scope);
   }
+}
+
+TEST_F(MessageSocketTest, AMessageThatIsNotCompleteInItsTimeBreaksARule) {
+  MessageSocket slow(port, {{}, 1 * kj::SECONDS});
+  const std::string bytes = messageWith("a text of some length");
+  const auto receiveSlowly = [&] {
+    return slow.tryReadMessage(nullptr, {}, nullptr).wait(scope) != nullptr;
+  };
+  send(bytes, 0);
+  EXPECT_TRUE(receiveSlowly());
+  send(bytes.substr(0, 20), 0);
+  const auto start = std::chrono::steady_clock::now();
+  try {
+    receiveSlowly();
+    ADD_FAILURE() << "it came";
+  } catch (const kj::Exception& exception) {
+    EXPECT_STREQ(exception.getDescription().cStr(), "a message that was not complete after 1 s");
+  }
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(990));
+}
+
+TEST_F(MessageSocketTest, AMessageThatWaitsForMemoryComesWhenThereIsSome) {
+  int refusals = 3;
+  MessageSocket strict(port, {[&](std::size_t) -> std::shared_ptr<void> {
+                                if (refusals-- > 0) return nullptr;
+                                return std::make_shared<int>();
+                              },
+                              20 * kj::SECONDS});
+  send(messageWith(std::string(50'000, 'x')), 0);
+  auto incoming = strict.tryReadMessage(nullptr, {}, nullptr).wait(scope);
+  EXPECT_TRUE(incoming != nullptr);
+  EXPECT_LT(refusals, 0);
 }
 
 }  // namespace

@@ -211,8 +211,8 @@ class ServiceFixture : public testing::Test {
  protected:
   // Tests set up `delegate`, `entitlements` and `changes` first.
   void start() {
-    auto bound = IPCListener::serving(
-        ServiceSocket::bind(path), [this](int) { return entitlements; }, tokens);
+    auto bound = IPCListener::serving(ServiceSocket::bind(path),
+                                      [this](int) { return entitlements; }, {tokens, budgets});
     ASSERT_TRUE(bound) << bound.failure().message;
     listener = std::move(bound).value();
     listener->resume(delegate, {}, changes);
@@ -222,6 +222,7 @@ class ServiceFixture : public testing::Test {
 
   CapturedLog log;
   ExtensionTokens tokens{std::make_shared<FakeRandom>(), limits::uploadBytesUnderWay};
+  Budgets budgets;
   ScratchFolder folder;
   std::string path = folder.path() + "/run/corvidd/com.halcyon.corvidd";
   PeerEntitlements entitlements = [] { return Dictionary{{"com.halcyon.private.corvidd", true}}; };

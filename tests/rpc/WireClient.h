@@ -33,7 +33,8 @@ class RawClient {
  public:
   explicit RawClient(const std::string& path) : socket(connectTo(path)) {}
 
-  // False once the daemon has closed the connection.
+  // False once the daemon has closed the connection, or while a socket that does not block takes no
+  // more.
   bool write(std::string_view bytes) {
     while (!bytes.empty()) {
       const ssize_t written = send(socket.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);

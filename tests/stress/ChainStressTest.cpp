@@ -144,7 +144,7 @@ class ChainStress : public testing::TestWithParam<unsigned> {
         [](int) { return [] {
                     return Dictionary{{"com.halcyon.private.corvidd", true}};
                   }; },
-        *platform.extensionTokens);
+        {*platform.extensionTokens, Platform::current().budgets});
     EXPECT_TRUE(bound);
     listener = std::move(bound).value();
     listener->resume(watched);
