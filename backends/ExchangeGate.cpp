@@ -1,8 +1,11 @@
 #include "backends/ExchangeGate.h"
 
+#include <utility>
+
 namespace corvid {
 
-ExchangeGate::Pass ExchangeGate::enter(std::chrono::milliseconds patience, std::size_t bytes) {
+ExchangeGate::Pass ExchangeGate::enter(std::chrono::milliseconds patience, std::size_t bytes,
+                                       SharedBudget::Share memory) {
   {
     MutexLock lock(_lock);
     _clock.waitUntil(_left, _lock, _clock.steadyNow() + patience, [&]() NO_THREAD_SAFETY_ANALYSIS {
@@ -10,7 +13,13 @@ ExchangeGate::Pass ExchangeGate::enter(std::chrono::milliseconds patience, std::
     });
     _bytesOut += bytes;
   }
-  return Pass(this, [gate = shared_from_this(), bytes](void*) { gate->leave(bytes); });
+  struct Entered {
+    ~Entered() { gate->leave(bytes); }
+    std::shared_ptr<ExchangeGate> gate;
+    std::size_t bytes;
+    SharedBudget::Share memory;
+  };
+  return std::shared_ptr<Entered>(new Entered{shared_from_this(), bytes, std::move(memory)});
 }
 
 std::size_t ExchangeGate::bytesOut() const {

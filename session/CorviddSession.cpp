@@ -20,8 +20,10 @@ namespace corvid {
 namespace {
 
 // Whatever backends a client gets, and however often, their exchanges pass through one gate.
-BackendSetCreator sharingOneGate(BackendSetCreator creator, Clock& clock) {
-  return [creator = std::move(creator), gate = std::make_shared<ExchangeGate>(clock)](
+BackendSetCreator sharingOneGate(BackendSetCreator creator, Platform& platform,
+                                 std::uint32_t user) {
+  const auto gate = std::make_shared<ExchangeGate>(platform.clock(), platform.budgets, user);
+  return [creator = std::move(creator), gate](
              const Dictionary* section, const Dictionary* sessionInfo,
              const SharedDictionary& userInfo, std::optional<std::string> udid) {
     auto table = creator(section, sessionInfo, userInfo, std::move(udid));
@@ -67,7 +69,7 @@ CorviddSession::CorviddSession(std::shared_ptr<CorviddSessionDelegate> delegate,
     : _sessionDelegate(std::move(delegate)),
       _connection(std::move(connection)),
       _platform(Platform::current()),
-      _createBackends(sharingOneGate(std::move(creator), _platform.clock())),
+      _createBackends(sharingOneGate(std::move(creator), _platform, _connection->user())),
       _user(_connection->user()),
       _meetsOtherUsers(_connection->isEntitledTo(chainsEntitlement)),
       _deviceid(uniqueDeviceID()),

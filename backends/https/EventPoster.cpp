@@ -18,6 +18,9 @@ namespace corvid {
 
 namespace {
 
+// Stands for the user of a client that has no gate of its own.
+constexpr std::uint32_t nobody = 65534;
+
 // Leaves numbers, booleans and strings, turns dates into numbers and drops what JSON cannot carry.
 void applyValueRules(Dictionary& record) {
   record.transformEntries([](const std::string& key, Value& value) {
@@ -90,28 +93,51 @@ EventPoster::EventPoster(Platform& platform, std::string backendName, SharedIden
     : _platform(platform),
       _backendName(std::move(backendName)),
       _identity(std::move(identity)),
-      _gate(std::make_shared<ExchangeGate>(platform.clock())) {}
+      _gate(std::make_shared<ExchangeGate>(platform.clock(), platform.budgets, nobody)) {}
 
-std::optional<std::string> EventPoster::createMessageForPostAndLogging(
+std::optional<EventPoster::Message> EventPoster::createMessageForPostAndLogging(
     std::vector<Dictionary> records, std::optional<std::string> clientID) const {
+  // What is made of a message at once: it and its compressed form, or it, the text for the log and
+  // two copies of that.
+  constexpr std::size_t formsAtOnce = 4;
+  constexpr std::size_t besidesRecords = 1024;
+  const std::size_t count = records.size();
+  std::size_t expected = besidesRecords;
+  for (const Dictionary& record : records) expected += mostJSONBytes(record) + 1;
+  if (expected > mostMessageBytes) {
+    logError(
+        "HTTPSPostBackend(createMessageForPostAndLogging): a message of {} events would have {} bytes, more than {}, and is lost",
+        count, expected, mostMessageBytes);
+    return std::nullopt;
+  }
+  std::optional<SharedBudget::Share> memory =
+      _gate->memoryToWrite(HTTPRequest().timeout, formsAtOnce * expected);
+  if (!memory) {
+    logError(
+        "HTTPSPostBackend(createMessageForPostAndLogging): no memory for a message of {} events beside those of the same user that are under way; it is lost",
+        count);
+    return std::nullopt;
+  }
+
   Dictionary message;
   message.set("postTime", finiteOrMinusOne(_platform.clock().now().asDouble()));
-  const std::size_t count = records.size();
   for (Dictionary& record : records) applyValueRules(record);
   if (clientID) {
     message.set("clientId", *std::move(clientID));
     message.set("events", Array(std::make_move_iterator(records.begin()),
                                 std::make_move_iterator(records.end())));
   }
-  std::optional<std::string> text = writeJSON(message);
-  if (!text)
+  std::optional<std::string> text = writeJSON(message, expected);
+  if (!text) {
     logError(
         "HTTPSPostBackend(createMessageForPostAndLogging): a message of {} events cannot be written as JSON and is lost",
         count);
-  return text;
+    return std::nullopt;
+  }
+  return Message{*std::move(text), *std::move(memory)};
 }
 
-void EventPoster::postJSONMessage(std::string message, const PostEnvelope& envelope,
+void EventPoster::postJSONMessage(Message message, const PostEnvelope& envelope,
                                   std::weak_ptr<CorvidBackend> sender, FlushCompletion completion,
                                   std::size_t keptBytes) const {
   if (!envelope.url) {
@@ -120,12 +146,14 @@ void EventPoster::postJSONMessage(std::string message, const PostEnvelope& envel
   }
   HTTPRequest request = requestFor(envelope);
   request.mayLeave = envelope.mayLeave;
-  request.body = bodyOf(std::move(message), _platform.compressor, request.headers);
+  request.body = bodyOf(std::move(message.text), _platform.compressor, request.headers);
 
   // The time at the gate and that in front of a full queue count together.
   Clock& clock = _platform.clock();
   const Clock::TimePoint start = clock.steadyNow();
-  ExchangeGate::Pass pass = _gate->enter(request.timeout, costOf(request) + keptBytes);
+  const std::size_t cost = costOf(request) + keptBytes;
+  message.memory.shrink(cost);
+  ExchangeGate::Pass pass = _gate->enter(request.timeout, cost, std::move(message.memory));
   request.patience = request.timeout - std::chrono::duration_cast<std::chrono::milliseconds>(
                                            clock.steadyNow() - start);
   _platform.http().start(std::move(request),

@@ -31,9 +31,10 @@ struct PostEnvelope {
 
 // Posts the messages of one backend.
 //
-// Threads   setGate before the first post. postJSONMessage: any; it blocks, for a minute at most,
-//           while the gate or the HTTP client's queue is full. Completions run on the HTTP client's
-//           thread, or on the caller's where nothing could be started.
+// Threads   setGate before the first post. The rest: any. Making a message blocks, for a minute at
+//           most, while there is no memory for it; posting it so long as well, while the gate or
+//           the HTTP client's queue is full. Completions run on the HTTP client's thread, or on the
+//           caller's where nothing could be started.
 // Locks     None is held, so none may be held by the caller that a completion could want.
 class EventPoster {
  public:
@@ -41,14 +42,27 @@ class EventPoster {
 
   void setGate(std::shared_ptr<ExchangeGate> gate) { _gate = std::move(gate); }
 
-  // The message of these records, as it travels: nothing, logged, where it cannot be written. An
-  // absent `clientID` leaves the time alone in it.
-  std::optional<std::string> createMessageForPostAndLogging(
-      std::vector<Dictionary> records, std::optional<std::string> clientID) const;
+  // Longer messages are not written.
+  static constexpr std::size_t mostMessageBytes = std::size_t{32} << 20;
+
+  // A message as it travels, and the memory that it and what is made of it may take.
+  struct Message {
+    std::string text;
+    SharedBudget::Share memory;
+  };
+
+  // Memory for events that are held, none yet.
+  SharedBudget::Share memoryToHold() const { return _gate->memoryToHold(); }
+
+  // The message of these records: nothing, logged, where it cannot be written or is too long, or
+  // where there is no memory for it within a minute. An absent `clientID` leaves the time alone
+  // in it.
+  std::optional<Message> createMessageForPostAndLogging(std::vector<Dictionary> records,
+                                                        std::optional<std::string> clientID) const;
 
   // Starts the exchange. A server that answers 5xx switches `sender` off, if it still lives then.
   // `completion` may be empty; `keptBytes` is what it keeps in memory until it is called.
-  void postJSONMessage(std::string message, const PostEnvelope& envelope,
+  void postJSONMessage(Message message, const PostEnvelope& envelope,
                        std::weak_ptr<CorvidBackend> sender, FlushCompletion completion,
                        std::size_t keptBytes) const;
 

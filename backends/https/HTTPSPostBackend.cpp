@@ -167,23 +167,25 @@ std::optional<std::string> HTTPSPostBackend::sendAtOnce(Dictionary record, const
   if (flushed)
     message->logText = fmt::format("Flushed events:\n{}\nStandalone event:\n{}", *flushed,
                                    orNull(message->logText));
-  post(std::move(message->text), flag, PostEnvelope::EventCodes{event.method, event.respCode},
+  post(std::move(message->message), flag, PostEnvelope::EventCodes{event.method, event.respCode},
        nullptr, 0);
   return std::move(message->logText);
 }
 
 bool HTTPSPostBackend::batchEvent(Dictionary& record, Records& displaced) {
   const std::int32_t method = int32At(record, "_method");
-  if (!_batchedEvents) _batchedEvents.emplace();
+  if (!_batchedEvents) _batchedEvents.emplace(_poster.memoryToHold());
   if (_eventMethodCounts.of(method) > _policy.eventThreshold) return false;
   const std::size_t bytes = footprint(record);
-  if (_batchedEvents->overflowsWith(bytes) && state() == BackendState::sending &&
-      !lacksUserInfo()) {
+  const auto moveToDisplaced = [&]() REQUIRES(_lock) {
     logDebug("HTTPSPostBackend(batchEvent): Flushing all batched events as the batch is full");
     takeBatch(displaced);
-  }
+  };
+  if (mayPostBatch() && _batchedEvents->overflowsWith(bytes)) moveToDisplaced();
   hold(std::move(record), bytes);
   _eventMethodCounts.increment(method);
+  // A record that there is no memory to hold goes at once.
+  if (mayPostBatch() && _batchedEvents->exceedsMemory()) moveToDisplaced();
   return true;
 }
 
@@ -204,9 +206,10 @@ std::optional<std::string> HTTPSPostBackend::flushAtThreshold(Dictionary record)
 }
 
 void HTTPSPostBackend::hold(Dictionary record, std::size_t bytes) {
-  if (!_batchedEvents) _batchedEvents.emplace();
+  if (!_batchedEvents) _batchedEvents.emplace(_poster.memoryToHold());
   const bool droppedBefore = _batchedEvents->dropped() > 0;
   _batchedEvents->add(std::move(record), bytes, {_userInfoDict, _policy.filters});
+  if (_batchedEvents->exceedsMemory() && !mayPostBatch()) _batchedEvents->dropOldest();
   if (!droppedBefore && _batchedEvents->dropped() > 0)
     logError(
         "HTTPSPostBackend(batchEvent): backend {} holds {} events and may not flush them; the oldest are dropped until it may",
@@ -244,7 +247,7 @@ std::optional<CorvidError> HTTPSPostBackend::takeBatch(Records& records) {
   if (lacksUserInfo()) return CorvidError::of(-1, "Can not flush: userInfo is required");
   logDebug("HTTPSPostBackend(flushMessagesWithCompletion): called");
   if (_userInfoDict) _batchedEvents->addUserInfo({_userInfoDict, _policy.filters});
-  records = _batchedEvents->take();
+  _batchedEvents->takeInto(records);
   closeBatch();
   _eventMethodCounts.clear();
   return std::nullopt;
@@ -268,7 +271,7 @@ std::optional<std::string> HTTPSPostBackend::postBatch(Records records,
                  std::optional<std::string>, std::optional<CorvidError> error) {
       completion(text, std::move(error));
     };
-  post(std::move(message->text), MessageFlag{0}, std::nullopt, std::move(posted), keptBytes);
+  post(std::move(message->message), MessageFlag{0}, std::nullopt, std::move(posted), keptBytes);
   return std::move(message->logText);
 }
 
@@ -280,11 +283,11 @@ std::optional<HTTPSPostBackend::Message> HTTPSPostBackend::messageOf(Records rec
     identifier = clientIdentifier();
     isLogged = wantsMessageLog();
   }
-  auto text = _poster.createMessageForPostAndLogging(std::move(records), std::move(identifier));
-  if (!text) return std::nullopt;
+  auto message = _poster.createMessageForPostAndLogging(std::move(records), std::move(identifier));
+  if (!message) return std::nullopt;
   std::optional<std::string> prettyJsonString;
-  if (isLogged) prettyJsonString = indentedJSON(*text);
-  return Message{*std::move(text), std::move(prettyJsonString)};
+  if (isLogged) prettyJsonString = indentedJSON(message->text);
+  return Message{*std::move(message), std::move(prettyJsonString)};
 }
 
 std::optional<std::string> HTTPSPostBackend::clientIdentifier() const {
@@ -325,7 +328,7 @@ void HTTPSPostBackend::cleanup() {
         _name, dropped);
 }
 
-void HTTPSPostBackend::post(std::string message, MessageFlag flag,
+void HTTPSPostBackend::post(EventPoster::Message message, MessageFlag flag,
                             std::optional<PostEnvelope::EventCodes> codes,
                             FlushCompletion completion, std::size_t keptBytes) {
   PostEnvelope envelope;

@@ -75,9 +75,9 @@ class HTTPSPostBackend final : public CorvidBackend {
 
  private:
   using Records = std::vector<Dictionary>;
-  // A message as it travels, and as the log shows it, where it is to.
+  // A message, and what the log shows of it, where it is to.
   struct Message {
-    std::string text;
+    EventPoster::Message message;
     std::optional<std::string> logText;
   };
   static bool isRealtime(MessageFlag flag) {
@@ -99,11 +99,14 @@ class HTTPSPostBackend final : public CorvidBackend {
   bool batchEvent(Dictionary& record, Records& displaced) REQUIRES(_lock);
   // Posts the batch that is in the way of a record, which itself is lost with it.
   std::optional<std::string> flushAtThreshold(Dictionary record);
+  bool mayPostBatch() const REQUIRES(_lock) {
+    return state() == BackendState::sending && !lacksUserInfo();
+  }
   // Adds to the batch, which drops its oldest records where it is full.
   void hold(Dictionary record, std::size_t bytes) REQUIRES(_lock);
   // Forgets the batch, having said what it dropped.
   void closeBatch() REQUIRES(_lock);
-  // Moves the batch into `records` with the filtered user info added, or says why not.
+  // Moves the batch behind `records` with the filtered user info added, or says why not.
   std::optional<CorvidError> takeBatch(Records& records) REQUIRES(_lock);
   std::optional<std::string> postBatch(Records records, FlushCompletion completion);
 
@@ -116,8 +119,9 @@ class HTTPSPostBackend final : public CorvidBackend {
   std::function<bool()> consentToAsk() const EXCLUDES(_lock);
   // Whether so many records may be sent now; if not, they count as dropped.
   bool mayLeave(std::size_t records);
-  void post(std::string message, MessageFlag flag, std::optional<PostEnvelope::EventCodes> codes,
-            FlushCompletion completion, std::size_t keptBytes);
+  void post(EventPoster::Message message, MessageFlag flag,
+            std::optional<PostEnvelope::EventCodes> codes, FlushCompletion completion,
+            std::size_t keptBytes);
 
   // Constant after construction.
   const bool _dnuEnabled;

@@ -6,6 +6,7 @@ namespace corvid {
 
 void HeldRecords::add(Dictionary record, std::size_t bytes, const Making& making) {
   while (overflowsWith(bytes)) dropOldest();
+  (void)hasMemoryFor(_bytes + bytes);
   if (_records.empty()) {
     _making = making;
     _isUniform = true;
@@ -37,13 +38,19 @@ void HeldRecords::dropOldest() {
   ++_dropped;
 }
 
-std::vector<Dictionary> HeldRecords::take() {
-  std::vector<Dictionary> records;
-  records.reserve(_records.size());
+void HeldRecords::takeInto(std::vector<Dictionary>& records) {
+  records.reserve(records.size() + _records.size());
   for (Held& held : _records) records.push_back(std::move(held.record));
   _records.clear();
   _bytes = 0;
-  return records;
+}
+
+bool HeldRecords::hasMemoryFor(std::size_t bytes) {
+  constexpr std::size_t piece = std::size_t{64} << 10;
+  const std::size_t has = _memory.amount();
+  if (bytes <= has) return true;
+  const std::size_t more = bytes - has;
+  return (more < piece && _memory.grow(piece)) || _memory.grow(more);
 }
 
 }  // namespace corvid

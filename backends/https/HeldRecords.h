@@ -5,15 +5,18 @@
 #include <deque>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "backends/https/EventFilters.h"
 #include "base/Value.h"
+#include "platform/SharedBudget.h"
 
 namespace corvid {
 
-// Holds records up to `recordLimit` and, estimated in memory, `byteLimit`; past either the oldest
-// are dropped and counted. A single record past the limit is held alone.
+// Holds records up to `recordLimit` and, estimated in memory, `byteLimit` and what the client's
+// user has left; past any the oldest are dropped and counted. A single record past the limits is
+// held alone.
 //
 // Threads: not synchronised.
 class HeldRecords {
@@ -21,7 +24,7 @@ class HeldRecords {
   static constexpr std::size_t recordLimit = 16'384;
   static constexpr std::size_t byteLimit = std::size_t{4} << 20;
   // All records of one message, once the user info is in each.
-  static constexpr std::size_t messageByteLimit = 8 * byteLimit;
+  static constexpr std::size_t messageByteLimit = 6 * byteLimit;
 
   // What a record has got besides its event.
   struct Making {
@@ -30,17 +33,23 @@ class HeldRecords {
     bool operator==(const Making&) const = default;
   };
 
+  explicit HeldRecords(SharedBudget::Share memory) : _memory(std::move(memory)) {}
+
   // Whether adding a record of that footprint would drop others.
-  bool overflowsWith(std::size_t bytes) const {
-    return !_records.empty() && (_records.size() >= recordLimit || _bytes + bytes > byteLimit);
+  bool overflowsWith(std::size_t bytes) {
+    return !_records.empty() && (_records.size() >= recordLimit || _bytes + bytes > byteLimit ||
+                                 !hasMemoryFor(_bytes + bytes));
   }
+  // Whether a single record is held without memory for it.
+  bool exceedsMemory() const { return _bytes > _memory.amount(); }
   void add(Dictionary record, std::size_t bytes, const Making& making);
   void setForAll(const char* key, const Value& value);
   // Gives each record the user info, filtered, whose values win; a record that has just this one
   // already stays as it is. Where all would grow past `messageByteLimit` the oldest are dropped.
   void addUserInfo(const Making& making);
-  // Leaves none.
-  std::vector<Dictionary> take();
+  void dropOldest();
+  // Moves all behind `records`.
+  void takeInto(std::vector<Dictionary>& records);
 
   // How many records were dropped so far.
   std::size_t dropped() const { return _dropped; }
@@ -52,8 +61,10 @@ class HeldRecords {
     std::size_t bytes;
   };
 
-  void dropOldest();
+  // Takes memory in larger pieces than a record, as long as there is.
+  bool hasMemoryFor(std::size_t bytes);
 
+  SharedBudget::Share _memory;
   std::deque<Held> _records;
   std::size_t _bytes = 0;
   std::size_t _dropped = 0;

@@ -19,14 +19,14 @@ struct ExchangeGateTest : testing::Test {
 };
 
 TEST_F(ExchangeGateTest, LetsInWhatFitsHoweverMany) {
-  const auto gate = std::make_shared<ExchangeGate>(*platform.clock, 3000);
+  const auto gate = std::make_shared<ExchangeGate>(*platform.clock, Budgets(), 1, 3000);
   std::vector<ExchangeGate::Pass> passes;
   for (int i = 0; i < 3000; ++i) passes.push_back(gate->enter(longPatience, 1));
   EXPECT_EQ(gate->bytesOut(), 3000u);
 }
 
 TEST_F(ExchangeGateTest, APassLeavesOnceWhenItsLastCopyGoes) {
-  const auto gate = std::make_shared<ExchangeGate>(*platform.clock, 1);
+  const auto gate = std::make_shared<ExchangeGate>(*platform.clock, Budgets(), 1, 1);
   ExchangeGate::Pass pass = gate->enter(longPatience, 1);
   ExchangeGate::Pass copy = pass;
   pass.reset();
@@ -36,7 +36,7 @@ TEST_F(ExchangeGateTest, APassLeavesOnceWhenItsLastCopyGoes) {
 }
 
 TEST_F(ExchangeGateTest, AtTheLimitTheNextWaitsUntilOneLeaves) {
-  const auto gate = std::make_shared<ExchangeGate>(*platform.clock, 1);
+  const auto gate = std::make_shared<ExchangeGate>(*platform.clock, Budgets(), 1, 1);
   ExchangeGate::Pass first = gate->enter(longPatience, 1);
   auto second = std::async(std::launch::async, [&] { return gate->enter(longPatience, 1); });
   EXPECT_EQ(second.wait_for(milliseconds(20)), std::future_status::timeout);
@@ -47,7 +47,7 @@ TEST_F(ExchangeGateTest, AtTheLimitTheNextWaitsUntilOneLeaves) {
 }
 
 TEST_F(ExchangeGateTest, WhatDoesNotFitBesideTheOthersWaitsUntilItDoes) {
-  const auto gate = std::make_shared<ExchangeGate>(*platform.clock, 100);
+  const auto gate = std::make_shared<ExchangeGate>(*platform.clock, Budgets(), 1, 100);
   ExchangeGate::Pass large = gate->enter(longPatience, 60);
   const ExchangeGate::Pass fits = gate->enter(longPatience, 40);
   auto next = std::async(std::launch::async, [&] { return gate->enter(longPatience, 1); });
@@ -58,7 +58,7 @@ TEST_F(ExchangeGateTest, WhatDoesNotFitBesideTheOthersWaitsUntilItDoes) {
 }
 
 TEST_F(ExchangeGateTest, WhatFitsPassesThatWhichStillWaits) {
-  const auto gate = std::make_shared<ExchangeGate>(*platform.clock, 100);
+  const auto gate = std::make_shared<ExchangeGate>(*platform.clock, Budgets(), 1, 100);
   ExchangeGate::Pass first = gate->enter(longPatience, 50);
   ExchangeGate::Pass second = gate->enter(longPatience, 50);
   auto large = std::async(std::launch::async, [&] { return gate->enter(longPatience, 60); });
@@ -73,7 +73,7 @@ TEST_F(ExchangeGateTest, WhatFitsPassesThatWhichStillWaits) {
 }
 
 TEST_F(ExchangeGateTest, WhatIsPastTheLimitByItselfGoesAlone) {
-  const auto gate = std::make_shared<ExchangeGate>(*platform.clock, 100);
+  const auto gate = std::make_shared<ExchangeGate>(*platform.clock, Budgets(), 1, 100);
   ExchangeGate::Pass alone = gate->enter(longPatience, 1000);
   auto next = std::async(std::launch::async, [&] { return gate->enter(longPatience, 0); });
   EXPECT_EQ(next.wait_for(milliseconds(20)), std::future_status::timeout);
@@ -82,7 +82,7 @@ TEST_F(ExchangeGateTest, WhatIsPastTheLimitByItselfGoesAlone) {
 }
 
 TEST_F(ExchangeGateTest, WhenPatienceEndsThePassIsGivenAllTheSame) {
-  const auto gate = std::make_shared<ExchangeGate>(*platform.clock, 1);
+  const auto gate = std::make_shared<ExchangeGate>(*platform.clock, Budgets(), 1, 1);
   const ExchangeGate::Pass first = gate->enter(longPatience, 1);
   EXPECT_TRUE(gate->enter(milliseconds(0), 1));
   auto second = std::async(std::launch::async, [&] { return gate->enter(longPatience, 1); });
@@ -94,7 +94,7 @@ TEST_F(ExchangeGateTest, WhenPatienceEndsThePassIsGivenAllTheSame) {
 }
 
 TEST_F(ExchangeGateTest, PassesOutliveTheOwnersHold) {
-  auto gate = std::make_shared<ExchangeGate>(*platform.clock, 1);
+  auto gate = std::make_shared<ExchangeGate>(*platform.clock, Budgets(), 1, 1);
   ExchangeGate::Pass pass = gate->enter(longPatience, 1);
   const std::weak_ptr<ExchangeGate> watched = gate;
   gate.reset();
@@ -105,7 +105,7 @@ TEST_F(ExchangeGateTest, PassesOutliveTheOwnersHold) {
 
 TEST_F(ExchangeGateTest, ManyThreadsNeverExceedTheLimit) {
   constexpr int limit = 4;
-  const auto gate = std::make_shared<ExchangeGate>(*platform.clock, limit);
+  const auto gate = std::make_shared<ExchangeGate>(*platform.clock, Budgets(), 1, limit);
   std::atomic<int> inside{0};
   std::atomic<int> most{0};
   std::vector<std::thread> threads;

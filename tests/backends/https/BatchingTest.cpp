@@ -382,5 +382,28 @@ TEST_F(FullBatchTest, ALargeUserInfoInEveryRecordDoesNotMultiplyWithoutBound) {
   EXPECT_EQ(errors().size(), 1u);
 }
 
+TEST_F(FullBatchTest, AnEventThatThereIsNoMemoryToHoldGoesAtOnce) {
+  const auto backend = makeInState(BackendState::sending);
+  Budgets& budgets = Platform::current().budgets;
+  const auto gate = std::make_shared<ExchangeGate>(*platform.clock, budgets, 1);
+  backend->setExchangeGate(gate);
+  const auto others = budgets.kept->take(1, std::size_t{60} << 20);
+  for (int i = 1; i <= 3; ++i) sendLarge(*backend, i);
+  EXPECT_EQ(posted("n"), (Lines{"1", "2", "3"}));
+  EXPECT_TRUE(errors().empty());
+}
+
+TEST_F(FullBatchTest, AnEventThatThereIsNoMemoryToHoldAndThatMayNotGoIsDroppedWithALine) {
+  const auto backend = makeInState(BackendState::waiting);
+  Budgets& budgets = Platform::current().budgets;
+  backend->setExchangeGate(std::make_shared<ExchangeGate>(*platform.clock, budgets, 1));
+  const auto others = budgets.kept->take(1, std::size_t{60} << 20);
+  for (int i = 1; i <= 3; ++i) sendLarge(*backend, i);
+  EXPECT_EQ(errors().size(), 1u);
+  backend->setState(BackendState::sending);
+  backend->flushMessagesWithCompletion(nullptr);
+  EXPECT_EQ(posted("n"), Lines{});
+}
+
 }  // namespace
 }  // namespace corvid

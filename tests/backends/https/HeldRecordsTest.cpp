@@ -21,6 +21,12 @@ using Numbers = std::vector<std::int64_t>;
 
 const HeldRecords::Making noUserInfo{nullptr, std::make_shared<const EventFilters>()};
 
+std::vector<Dictionary> takenFrom(HeldRecords& held) {
+  std::vector<Dictionary> records;
+  held.takeInto(records);
+  return records;
+}
+
 void add(HeldRecords& held, Dictionary record, const HeldRecords::Making& making = noUserInfo) {
   const std::size_t bytes = footprint(record);
   held.add(std::move(record), bytes, making);
@@ -32,14 +38,14 @@ HeldRecords::Making makingOf(Dictionary userInfo, Array filters = {}) {
 }
 
 TEST(HeldRecords, KeepsTheOrder) {
-  HeldRecords held;
+  HeldRecords held(Budgets().kept->none(1));
   for (int i = 1; i <= 3; ++i) add(held, recordOf(i));
   EXPECT_EQ(held.dropped(), 0u);
-  EXPECT_EQ(numbersOf(held.take()), (Numbers{1, 2, 3}));
+  EXPECT_EQ(numbersOf(takenFrom(held)), (Numbers{1, 2, 3}));
 }
 
 TEST(HeldRecords, PastTheRecordLimitTheOldestGo) {
-  HeldRecords held;
+  HeldRecords held(Budgets().kept->none(1));
   const auto limit = static_cast<std::int64_t>(HeldRecords::recordLimit);
   for (std::int64_t i = 0; i < limit; ++i) add(held, recordOf(i));
   EXPECT_TRUE(held.overflowsWith(footprint(recordOf(limit))));
@@ -48,45 +54,45 @@ TEST(HeldRecords, PastTheRecordLimitTheOldestGo) {
   add(held, recordOf(limit + 1));
   EXPECT_EQ(held.dropped(), 2u);
   EXPECT_EQ(held.size(), HeldRecords::recordLimit);
-  const Numbers numbers = numbersOf(held.take());
+  const Numbers numbers = numbersOf(takenFrom(held));
   EXPECT_EQ(numbers.front(), 2);
   EXPECT_EQ(numbers.back(), limit + 1);
 }
 
 TEST(HeldRecords, PastTheByteLimitTheOldestGo) {
-  HeldRecords held;
+  HeldRecords held(Budgets().kept->none(1));
   const std::size_t third = HeldRecords::byteLimit / 3;
   for (int i = 1; i <= 2; ++i) add(held, recordOf(i, third));
   EXPECT_FALSE(held.overflowsWith(footprint(recordOf(3))));
   EXPECT_TRUE(held.overflowsWith(footprint(recordOf(3, third))));
   add(held, recordOf(3, 2 * third));
   EXPECT_EQ(held.dropped(), 2u) << "as many as it takes";
-  EXPECT_EQ(numbersOf(held.take()), Numbers{3});
+  EXPECT_EQ(numbersOf(takenFrom(held)), Numbers{3});
 }
 
 TEST(HeldRecords, ARecordPastTheByteLimitIsHeldAlone) {
-  HeldRecords held;
+  HeldRecords held(Budgets().kept->none(1));
   const Dictionary huge = recordOf(2, 2 * HeldRecords::byteLimit);
   EXPECT_FALSE(held.overflowsWith(footprint(huge))) << "nothing would be dropped for it";
   add(held, recordOf(1));
   add(held, huge);
   EXPECT_EQ(held.size(), 1u);
   add(held, recordOf(3));
-  EXPECT_EQ(numbersOf(held.take()), Numbers{3});
+  EXPECT_EQ(numbersOf(takenFrom(held)), Numbers{3});
 }
 
 TEST(HeldRecords, GivesBackTheBytesOfWhatItDrops) {
-  HeldRecords held;
+  HeldRecords held(Budgets().kept->none(1));
   for (int i = 0; i < 100; ++i) add(held, recordOf(i, HeldRecords::byteLimit / 4));
   EXPECT_EQ(held.size(), 3u) << "as many as fit, however many came before";
 }
 
 TEST(HeldRecords, RewritesAKeyOfEveryRecord) {
-  HeldRecords held;
+  HeldRecords held(Budgets().kept->none(1));
   add(held, recordOf(1));
   add(held, {{"n", 2}, {"_sessionID", "old"}});
   held.setForAll("_sessionID", "new");
-  const auto records = held.take();
+  const auto records = takenFrom(held);
   EXPECT_EQ(records.size(), 2u);
   for (const Dictionary& record : records) EXPECT_EQ(*stringAt(record, "_sessionID"), "new");
 }
@@ -95,60 +101,82 @@ TEST(HeldRecords, MakesRoomForWhatEachIsAboutToGetByDroppingTheOldest) {
   const auto userInfoOf = [](std::size_t bytes) {
     return makingOf({{"text", std::string(bytes, 'u')}});
   };
-  HeldRecords held;
+  HeldRecords held(Budgets().kept->none(1));
   for (int i = 1; i <= 8; ++i) add(held, recordOf(i));
   held.addUserInfo(userInfoOf(HeldRecords::messageByteLimit / 16));
   EXPECT_EQ(held.dropped(), 0u);
   held.addUserInfo(userInfoOf(HeldRecords::messageByteLimit * 10 / 39));
   EXPECT_EQ(held.dropped(), 5u);
-  EXPECT_EQ(numbersOf(held.take()), (Numbers{6, 7, 8}));
+  EXPECT_EQ(numbersOf(takenFrom(held)), (Numbers{6, 7, 8}));
 }
 
 TEST(HeldRecords, GiveTheUserInfoOfTheFlushToRecordsWithAnother) {
   const auto now = makingOf({{"who", "now"}});
   for (const auto& before : {noUserInfo, makingOf({{"who", "before"}}), makingOf({{"who", "now"}}),
                              HeldRecords::Making{now.userInfo, noUserInfo.filters}}) {
-    HeldRecords held;
+    HeldRecords held(Budgets().kept->none(1));
     add(held, {{"n", 1}, {"who", "old"}}, before);
     held.addUserInfo(now);
-    EXPECT_EQ(held.take(), std::vector<Dictionary>(1, {{"n", 1}, {"who", "now"}}));
+    EXPECT_EQ(takenFrom(held), std::vector<Dictionary>(1, {{"n", 1}, {"who", "now"}}));
   }
 }
 
 TEST(HeldRecords, GiveTheUserInfoToAllWhereOnlySomeHaveIt) {
   const auto now = makingOf({{"who", "now"}});
   for (const bool hasItFirst : {true, false}) {
-    HeldRecords held;
+    HeldRecords held(Budgets().kept->none(1));
     add(held, {{"who", "old"}}, hasItFirst ? now : noUserInfo);
     add(held, {{"who", "old"}}, hasItFirst ? noUserInfo : now);
     held.addUserInfo(now);
-    EXPECT_EQ(held.take(), std::vector<Dictionary>(2, {{"who", "now"}}));
+    EXPECT_EQ(takenFrom(held), std::vector<Dictionary>(2, {{"who", "now"}}));
   }
 }
 
 TEST(HeldRecords, LeaveRecordsAloneThatHaveJustThisUserInfo) {
   const auto making = makingOf({{"who", "now"}}, Array{Dictionary{{"key", "who"}}});
-  HeldRecords held;
+  HeldRecords held(Budgets().kept->none(1));
   add(held, {{"who", "as it was made"}}, making);
   held.addUserInfo(making);
-  EXPECT_EQ(held.take(), std::vector<Dictionary>(1, {{"who", "as it was made"}}));
+  EXPECT_EQ(takenFrom(held), std::vector<Dictionary>(1, {{"who", "as it was made"}}));
 }
 
 TEST(HeldRecords, GiveTheUserInfoAgainWhereAFilterLookedAtTheMethodOrARecordWasRewritten) {
   for (const char* condition : {"method", "status"}) {
     const auto making =
         makingOf({{"who", "now"}}, Array{Dictionary{{"key", "WHO"}, {condition, 3}}});
-    HeldRecords held;
+    HeldRecords held(Budgets().kept->none(1));
     add(held, {{"n", 1}}, making);
     held.addUserInfo(making);
-    EXPECT_EQ(held.take(), std::vector<Dictionary>(1, {{"n", 1}, {"who", "now"}})) << condition;
+    EXPECT_EQ(takenFrom(held), std::vector<Dictionary>(1, {{"n", 1}, {"who", "now"}})) << condition;
   }
   const auto making = makingOf({{"_sessionID", "mine"}});
-  HeldRecords held;
+  HeldRecords held(Budgets().kept->none(1));
   add(held, {{"_sessionID", "mine"}}, making);
   held.setForAll("_sessionID", "new");
   held.addUserInfo(making);
-  EXPECT_EQ(held.take(), std::vector<Dictionary>(1, {{"_sessionID", "mine"}}));
+  EXPECT_EQ(takenFrom(held), std::vector<Dictionary>(1, {{"_sessionID", "mine"}}));
+}
+
+TEST(HeldRecords, WhatTheUserHasNoMemoryForPushesOutTheOldest) {
+  const auto budget = std::make_shared<SharedBudget>(SharedBudget::Limits{300'000, 100'000});
+  HeldRecords held(budget->none(1));
+  const std::string text(20'000, 'x');
+  const std::size_t bytes = footprint(Dictionary{{"n", 1}, {"text", text}});
+  for (int i = 1; i <= 6; ++i) add(held, Dictionary{{"n", i}, {"text", text}});
+  EXPECT_LE(held.size() * bytes, 100'000u);
+  EXPECT_EQ(held.dropped() + held.size(), 6u);
+  EXPECT_TRUE(held.overflowsWith(bytes));
+  EXPECT_FALSE(held.exceedsMemory());
+  EXPECT_EQ(numbersOf(takenFrom(held)).back(), 6);
+}
+
+TEST(HeldRecords, ARecordThatThereIsNoMemoryForIsHeldAloneAndSaysSo) {
+  const auto budget = std::make_shared<SharedBudget>(SharedBudget::Limits{1000, 1000});
+  const auto others = budget->take(1, 1000);
+  HeldRecords held(budget->none(1));
+  add(held, recordOf(1));
+  EXPECT_TRUE(held.exceedsMemory());
+  EXPECT_EQ(held.size(), 1u);
 }
 
 }  // namespace

@@ -33,7 +33,7 @@ TEST_F(PostThreadsTest, ExchangesUnderWayAreNoReasonToWaitHoweverMany) {
 
 TEST_F(PostThreadsTest, PastItsBytesASendWaitsForAnExchangeToEnd) {
   const auto backend = makeFor(openEntry());
-  const auto gate = std::make_shared<ExchangeGate>(*platform.clock, 100'000);
+  const auto gate = std::make_shared<ExchangeGate>(*platform.clock, Budgets(), 1, 100'000);
   backend->setExchangeGate(gate);
   std::size_t sent = 0;
   for (; gate->bytesOut() < 90'000; ++sent) send(*backend, {}, 1);
@@ -54,7 +54,7 @@ TEST_F(PostThreadsTest, TheTextThatAFlushKeepsForItsClientCountsAtTheGate) {
   sessionInfo.set("BatchEvent", true);
   constexpr std::size_t byteLimit = 100'000;
   for (const bool hasClient : {true, false}) {
-    const auto gate = std::make_shared<ExchangeGate>(*platform.clock, byteLimit);
+    const auto gate = std::make_shared<ExchangeGate>(*platform.clock, Budgets(), 1, byteLimit);
     const auto backend = makeFor(openEntry());
     backend->setExchangeGate(gate);
     const auto flush = [&] {  // compresses to next to nothing
@@ -76,7 +76,7 @@ TEST_F(PostThreadsTest, TheTextThatAFlushKeepsForItsClientCountsAtTheGate) {
 TEST_F(PostThreadsTest, ExchangesThatEndedMakeRoomWithoutWaiting) {
   platform.http->answerWith([](const HTTPRequest&) { return FakeHTTPClient::error(1, "refused"); });
   const auto backend = makeFor(openEntry());
-  backend->setExchangeGate(std::make_shared<ExchangeGate>(*platform.clock, 1));
+  backend->setExchangeGate(std::make_shared<ExchangeGate>(*platform.clock, Budgets(), 1, 1));
   for (int i = 0; i < 10; ++i) send(*backend, {{"x", i}}, 1);
   EXPECT_EQ(requests().size(), 10u);
 }
@@ -97,7 +97,7 @@ TEST_F(PostThreadsTest, WithoutAGateOfItsClientEachBackendHasItsOwn) {
 }
 
 TEST_F(PostThreadsTest, BackendsThatShareAGateWaitForEachOther) {
-  const auto gate = std::make_shared<ExchangeGate>(*platform.clock, 1);
+  const auto gate = std::make_shared<ExchangeGate>(*platform.clock, Budgets(), 1, 1);
   {
     const auto gone = makeFor(openEntry());
     gone->setExchangeGate(gate);
@@ -117,7 +117,7 @@ TEST_F(PostThreadsTest, WhatWaitsAtTheGateIsTheCompressedMessageOnly) {
   if (bytesInUse() == 0) GTEST_SKIP() << "this allocator does not tell what is in use";
   constexpr std::size_t size = std::size_t{8} << 20;
   const auto backend = makeFor(openEntryWith("override_dnu", 1));  // makes no log text
-  const auto gate = std::make_shared<ExchangeGate>(*platform.clock, 1);
+  const auto gate = std::make_shared<ExchangeGate>(*platform.clock, Budgets(), 1, 1);
   backend->setExchangeGate(gate);
   send(*backend, {});  // passes
   const Dictionary payload{{"text", std::string(size, 'x')}};
@@ -188,6 +188,47 @@ TEST_F(PostThreadsTest, AnAnswerFromAnotherThreadDisablesTheBackend) {
   send(*backend, {});
   std::thread([&] { platform.http->completeNext(FakeHTTPClient::response(500)); }).join();
   EXPECT_EQ(backend->state(), BackendState::disabled);
+}
+
+TEST_F(PostThreadsTest, AMessageWaitsForTheMemoryOfItsUserBeforeItIsWritten) {
+  Budgets budgets;
+  const auto backend = makeFor(openEntry());
+  backend->setExchangeGate(std::make_shared<ExchangeGate>(*platform.clock, budgets, 1));
+  auto others = budgets.outgoing->take(1, std::size_t{64} << 20);
+  ASSERT_TRUE(others);
+  auto next = std::async(std::launch::async, [&] { send(*backend, {}, 1); });
+  EXPECT_EQ(next.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+  EXPECT_TRUE(requests().empty());
+  others.reset();
+  ASSERT_EQ(next.wait_for(patience), std::future_status::ready);
+  ASSERT_EQ(requests().size(), 1u);
+  EXPECT_GT(budgets.outgoing->held(), 0u) << "as long as it is under way";
+  platform.http->completeNext(FakeHTTPClient::response(200));
+  EXPECT_EQ(budgets.outgoing->held(), 0u);
+}
+
+TEST_F(PostThreadsTest, AMessageThatFindsNoMemoryWithinAMinuteIsLostWithALine) {
+  Budgets budgets;
+  const auto backend = makeFor(openEntry());
+  backend->setExchangeGate(std::make_shared<ExchangeGate>(*platform.clock, budgets, 1));
+  const auto others = budgets.outgoing->take(1, std::size_t{64} << 20);
+  auto next = std::async(std::launch::async, [&] { send(*backend, {}, 1); });
+  EXPECT_EQ(next.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+  platform.clock->advance(std::chrono::minutes(1));
+  ASSERT_EQ(next.wait_for(patience), std::future_status::ready);
+  EXPECT_TRUE(requests().empty());
+  ASSERT_EQ(platform.log.texts(LogLevel::error).size(), 1u);
+  EXPECT_NE(platform.log.texts(LogLevel::error)[0].find("no memory for a message of 1 events"),
+            std::string::npos);
+}
+
+TEST_F(PostThreadsTest, AMessageThatIsTooLongAsJSONIsLostWithALine) {
+  const auto backend = makeFor(openEntry());
+  send(*backend, {{"text", std::string(EventPoster::mostMessageBytes / 6, '\x01')}}, 1);
+  EXPECT_TRUE(requests().empty());
+  EXPECT_EQ(platform.log.texts(LogLevel::error).size(), 1u);
+  send(*backend, {{"text", std::string(EventPoster::mostMessageBytes / 6 - 4096, '\x01')}}, 1);
+  EXPECT_EQ(requests().size(), 1u);
 }
 
 }  // namespace
