@@ -67,7 +67,7 @@ endfunction()
 
 # corvid_test(name SOURCES a_test.cpp ... LINK targets ...): one test program, each case a CTest test.
 function(corvid_test name)
-  cmake_parse_arguments(arg "" "TIMEOUT" "SOURCES;LINK" ${ARGN})
+  cmake_parse_arguments(arg "ALONE" "TIMEOUT" "SOURCES;LINK" ${ARGN})
   if(NOT arg_TIMEOUT)
     set(arg_TIMEOUT 60)
     if(CORVID_SANITIZE)  # they make everything slower
@@ -78,7 +78,8 @@ function(corvid_test name)
   target_link_libraries(${name} PRIVATE corvid_flags corvid_fakes corvid_test_support ${arg_LINK} GTest::gmock GTest::gtest_main)
   corvid_precompile(${name} gtest/gtest.h)
   include(GoogleTest)
-  gtest_discover_tests(${name} PROPERTIES TIMEOUT ${arg_TIMEOUT} DISCOVERY_TIMEOUT 60)
+  gtest_discover_tests(${name} PROPERTIES TIMEOUT ${arg_TIMEOUT} RUN_SERIAL ${arg_ALONE}
+                       DISCOVERY_TIMEOUT 60)
 endfunction()
 
 function(corvid_precompile name)

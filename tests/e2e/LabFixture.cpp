@@ -88,9 +88,14 @@ void LabFixture::admitBystander() {
   ASSERT_TRUE(bystanderReports());
 }
 
+std::string LabFixture::sendAsBystander() {
+  return _bystander->send(fmt::format("bystander {}", ++_bystanderEvents)).text();
+}
+
 bool LabFixture::bystanderReports() {
-  const std::string mark = fmt::format("bystander {}", ++_bystanderEvents);
-  return _bystander->send(mark).text() == "none" && waitUntil([&] { return arrivals(mark) == 1; });
+  if (sendAsBystander() != "none") return false;
+  const std::string mark = fmt::format("bystander {}", _bystanderEvents);
+  return waitUntil([&] { return arrivals(mark) == 1; });
 }
 
 }  // namespace corvid

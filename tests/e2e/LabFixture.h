@@ -48,6 +48,8 @@ class LabFixture : public testing::Test {
   // anything goes wrong, and says whether an event of it still reaches its collector.
   void admitBystander();
   bool bystanderReports();
+  // Sends an event of it: how that call ended.
+  std::string sendAsBystander();
 
   ScratchLab _root;
   lab::Lab _lab;

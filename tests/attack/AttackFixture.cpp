@@ -1,0 +1,110 @@
+#include "tests/attack/AttackFixture.h"
+
+#include <capnp/serialize.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+
+namespace corvid {
+
+namespace {
+
+constexpr std::uint16_t setSessionInfo = 0;
+constexpr std::uint16_t startConfig = 1;
+constexpr std::uint16_t sendMessages = 4;
+
+}  // namespace
+
+void AttackFixture::SetUp() {
+  if (getuid() != 0) GTEST_SKIP() << "only the superuser can be several users";
+  ASSERT_EQ(chmod(_root.path().c_str(), 0755), 0);
+  for (const uid_t user : {attacker, secondAttacker})
+    _root.write(fmt::format("etc/corvid/entitlements.d/{}.plist", user),
+                fmt::format(R"(<plist version="1.0"><dict>
+<key>match</key><dict><key>user</key><integer>{}</integer></dict>
+<key>entitlements</key><dict><key>com.halcyon.private.corvidd</key><true/></dict>
+</dict></plist>)",
+                            user));
+  publish("lumen", storebagPostingTo(urlOf("events")));
+  startDaemon();
+  admitBystander();
+}
+
+void AttackFixture::TearDown() {
+  if (!_daemon) return;
+  EXPECT_TRUE(bystanderReports()) << _daemon->standardError();
+}
+
+RawClient AttackFixture::connect(uid_t user) const {
+  const AsUser as(user);
+  return RawClient(socketPath());
+}
+
+RawClient AttackFixture::session(uid_t user, bool batches) const {
+  RawClient client = connect(user);
+  client.write(bootstrap(0) + describe(attackersType, batches));
+  return client;
+}
+
+bool AttackFixture::awaitAnswer(RawClient& client, std::uint32_t question) {
+  const timeval bound{60, 0};
+  setsockopt(client.socket.get(), SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof bound);
+  try {
+    for (;;) {
+      capnp::StreamFdMessageReader reader(client.socket.get());
+      const auto message = reader.getRoot<capnp::rpc::Message>();
+      if (message.isReturn() && message.getReturn().getAnswerId() == question) return true;
+      if (message.isAbort()) return false;
+    }
+  } catch (const kj::Exception&) {
+    return false;
+  }
+}
+
+void AttackFixture::together(std::size_t count, const std::function<void(std::size_t)>& attack) {
+  std::vector<std::jthread> threads;
+  for (std::size_t i = 0; i < count; ++i) threads.emplace_back([&, i] { attack(i); });
+}
+
+std::chrono::milliseconds AttackFixture::victimWaits(int events) {
+  std::vector<std::chrono::steady_clock::duration> waits;
+  for (int i = 0; i < events; ++i) {
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(sendAsBystander(), "none");
+    waits.push_back(std::chrono::steady_clock::now() - start);
+  }
+  std::ranges::sort(waits);
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+      waits[(waits.size() * 99 + 99) / 100 - 1]);
+}
+
+std::string AttackFixture::describe(int clientType, bool batches) {
+  const Dictionary info{{"ClientType", clientType}, {"SessionID", 1}, {"BatchEvent", batches}};
+  return call(1, setSessionInfo,
+              [&](capnp::rpc::Payload::Builder parameters) {
+                auto content =
+                    parameters.getContent().initAs<wire::ClientSession::SetSessionInfoParams>();
+                fill(content.initSessionInfo(3), info);
+              }) +
+         call(2, startConfig, [](capnp::rpc::Payload::Builder parameters) {
+           parameters.getContent().initAs<wire::ClientSession::StartConfigParams>().setReplyWanted(
+               true);
+         });
+}
+
+std::string AttackFixture::event(std::uint32_t question, const Dictionary& payload,
+                                 bool replyWanted) {
+  return call(question, sendMessages, [&](capnp::rpc::Payload::Builder parameters) {
+    auto message =
+        parameters.getContent().initAs<wire::ClientSession::SendMessagesParams>().initMessages(
+            1)[0];
+    message.setReplyWanted(replyWanted);
+    auto event = message.initEvent();
+    event.setCategory(7);
+    event.setType(2);
+    fill(event.initPayload(wire::count(payload.size())), payload);
+  });
+}
+
+}  // namespace corvid

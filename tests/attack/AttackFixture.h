@@ -1,0 +1,64 @@
+// The real daemon, attackers who are entitled to connect, and a victim of another user.
+#pragma once
+
+#include <sys/syscall.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "base/Value.h"
+#include "tests/e2e/LabFixture.h"
+#include "tests/rpc/RawMessages.h"
+#include "tests/rpc/WireClient.h"
+
+namespace corvid {
+
+// What this thread does in the object's scope, it does as that user: a socket that it connects is
+// that user's for good.
+class AsUser {
+ public:
+  explicit AsUser(uid_t user) { syscall(SYS_setresuid, -1, user, -1); }
+  ~AsUser() { syscall(SYS_setresuid, -1, getuid(), -1); }
+  AsUser(const AsUser&) = delete;
+  AsUser& operator=(const AsUser&) = delete;
+};
+
+// The bystander is the victim. The attackers' events go to the collector "events" at once.
+//
+// Only the superuser can be several users, which is what the tests of this machine run as.
+class AttackFixture : public LabFixture {
+ protected:
+  static constexpr uid_t attacker = 65534;
+  static constexpr uid_t secondAttacker = 65533;
+  static constexpr int attackersType = 5;
+
+  void SetUp() override;
+  // The daemon has not ended and serves.
+  void TearDown() override;
+
+  std::string socketPath() const { return _root.path("run/corvidd/com.halcyon.corvidd"); }
+  RawClient connect(uid_t user = attacker) const;
+  // Connections on which a session is described and configured.
+  RawClient session(uid_t user = attacker, bool batches = false) const;
+
+  // Until the call with that number is answered; false where the connection ends before, or nothing
+  // comes for a minute.
+  static bool awaitAnswer(RawClient& client, std::uint32_t question);
+
+  // Each on a thread of its own, until all have ended.
+  static void together(std::size_t count, const std::function<void(std::size_t)>& attack);
+
+  // Sends so many events one after the other and gives the time that 99 of 100 of them stay below.
+  std::chrono::milliseconds victimWaits(int events);
+
+  static std::string describe(int clientType, bool batches = false);
+  static std::string event(std::uint32_t question, const Dictionary& payload,
+                           bool replyWanted = true);
+};
+
+}  // namespace corvid
