@@ -37,7 +37,7 @@ class AnswerWriter {
       return;
     }
     if (!_account.addAnswer(text->size())) {
-      logWarning(
+      logComplaint(
           "SessionServer: A text of {} bytes for {} finds no room beside the answers that its user has not taken and is left out",
           text->size(), _client);
       return;
@@ -284,8 +284,8 @@ kj::Promise<void> SessionServer::uploadFile(UploadFileContext context) {
   // The client's own descriptor stays open until it has answered.
   auto share = _account.takeFile();
   if (!share) {
-    logWarning("SessionServer: {} and its user's other clients remove no files; this one stays",
-               _client);
+    logComplaint("SessionServer: {} and its user's other clients remove no files; this one stays",
+                 _client);
     return done;
   }
   grant.reset();

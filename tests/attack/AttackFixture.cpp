@@ -67,9 +67,11 @@ void AttackFixture::together(std::size_t count, const std::function<void(std::si
   for (std::size_t i = 0; i < count; ++i) threads.emplace_back([&, i] { attack(i); });
 }
 
-std::chrono::milliseconds AttackFixture::victimWaits(int events) {
+std::chrono::milliseconds AttackFixture::victimWaits(const std::function<bool()>& isOver) {
+  constexpr std::size_t least = 200;
   std::vector<std::chrono::steady_clock::duration> waits;
-  for (int i = 0; i < events; ++i) {
+  while (waits.size() < least || !isOver()) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(sendAsBystander(), "none");
     waits.push_back(std::chrono::steady_clock::now() - start);

@@ -53,8 +53,9 @@ class AttackFixture : public LabFixture {
   // Each on a thread of its own, until all have ended.
   static void together(std::size_t count, const std::function<void(std::size_t)>& attack);
 
-  // Sends so many events one after the other and gives the time that 99 of 100 of them stay below.
-  std::chrono::milliseconds victimWaits(int events);
+  // Sends at least 200 events, and goes on until the attack is over; gives the time that 99 of 100
+  // of them stay below.
+  std::chrono::milliseconds victimWaits(const std::function<bool()>& isOver);
 
   static std::string describe(int clientType, bool batches = false);
   static std::string event(std::uint32_t question, const Dictionary& payload,
