@@ -225,8 +225,9 @@ kj::Promise<void> MessageSocket::whenThereIsMore() {
   KJ_IF_MAYBE (time, _messageTime) {
     if (_frames.isUnfinished()) {
       const kj::TimePoint now = kj::systemPreciseMonotonicClock().now();
-      if (_messageEnd == nullptr) _messageEnd = now + *time;
-      const kj::Duration left = kj::max(KJ_ASSERT_NONNULL(_messageEnd) - now, 0 * kj::SECONDS);
+      const kj::TimePoint end = _messageEnd.orDefault(now + *time);
+      _messageEnd = end;
+      const kj::Duration left = kj::max(end - now, 0 * kj::SECONDS);
       return _port.whenReadable().exclusiveJoin(
           _port.after(left).then([seconds = *time / kj::SECONDS]() -> kj::Promise<void> {
             return failure(fmt::format("a message that was not complete after {} s", seconds));

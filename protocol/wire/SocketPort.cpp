@@ -1,6 +1,5 @@
 #include "protocol/wire/SocketPort.h"
 
-#include <kj/debug.h>
 #include <poll.h>
 
 #include <array>
@@ -46,7 +45,7 @@ bool SocketPort::wait() {
   constexpr std::uint64_t hour = 3'600'000;
   const auto now = kj::systemPreciseMonotonicClock().now();
   const std::uint64_t delay =
-      KJ_ASSERT_NONNULL(_timer.timeoutToNextEvent(now, kj::MILLISECONDS, hour));
+      _timer.timeoutToNextEvent(now, kj::MILLISECONDS, hour).orDefault(hour);
   const bool wasWoken = pollFor(static_cast<int>(delay));
   advanceTimer();
   return wasWoken;

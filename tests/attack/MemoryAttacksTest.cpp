@@ -111,7 +111,7 @@ TEST_F(MemoryAttacks, AllTogetherStayBelowHalfAGibibyte) {
   // Made beforehand: the attack is to cost the daemon's time and not this process's.
   const std::string small = event(3, {{"text", std::string(15'000, '\x01')}}, false);
   std::vector<std::string> large;
-  for (const std::size_t size : {1, 2, 3, 4, 5})
+  for (std::size_t size = 1; size <= 5; ++size)
     large.push_back(event(4, {{"text", std::string(size * mebibyte, '\x01')}}));
   const auto attack = std::async(std::launch::async, [&] {
     together(40, [&](std::size_t number) {
