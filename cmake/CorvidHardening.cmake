@@ -14,7 +14,10 @@ function(corvid_harden target)
   foreach(flag -fstack-clash-protection -fcf-protection=full -mbranch-protection=standard
                -ftrivial-auto-var-init=zero)
     string(MAKE_C_IDENTIFIER CORVID_HAS${flag} known)
+    # clang takes what another processor's code would need, and then complains that it goes unused.
+    set(CMAKE_REQUIRED_FLAGS -Werror)
     check_cxx_compiler_flag(${flag} ${known})
+    unset(CMAKE_REQUIRED_FLAGS)
     if(${known})
       target_compile_options(${target} INTERFACE ${flag})
     endif()
