@@ -19,9 +19,9 @@
 
 namespace corvid {
 
-// Threads   Any. enter and memoryToWrite block; never call them with a lock held that a completion
-// could want. Ownership Passes keep the gate alive, so an owner may go while exchanges are under
-// way.
+// Threads   Any. enter and memoryToWrite block; never call them with a lock held that a
+//           completion could want.
+// Ownership Passes keep the gate alive, so an owner may go while exchanges are under way.
 class ExchangeGate : public std::enable_shared_from_this<ExchangeGate> {
  public:
   // Leaves the gate when its last copy goes.

@@ -65,7 +65,8 @@ function(corvid_bundle name)
   set_target_properties(${name} PROPERTIES PREFIX "" C_VISIBILITY_PRESET default)
 endfunction()
 
-# corvid_test(name SOURCES a_test.cpp ... LINK targets ...): one test program, each case a CTest test.
+# corvid_test(name SOURCES a_test.cpp ... LINK targets ... [TIMEOUT seconds] [ALONE]): one test program,
+# each case a CTest test. ALONE: no other test runs beside it.
 function(corvid_test name)
   cmake_parse_arguments(arg "ALONE" "TIMEOUT" "SOURCES;LINK" ${ARGN})
   if(NOT arg_TIMEOUT)

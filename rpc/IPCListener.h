@@ -34,8 +34,8 @@ struct AcceptGate {
 };
 
 // Whether a peer's connection may be opened while `all` others are, `ofUser` of them by the peer's
-// user. A user may have half of what others leave, limits::connectionsPerUser at most. A
-// refusal is logged with the limit that it would pass; that of all connections comes first.
+// user. A user may have half of what others leave, limits::connectionsPerUser at most. A refusal is
+// logged with the limit that it would pass; that of all connections comes first.
 bool admitsConnection(pid_t process, uid_t user, std::size_t all, std::size_t ofUser);
 
 // Accepts connections on one Unix socket.
@@ -43,8 +43,9 @@ bool admitsConnection(pid_t process, uid_t user, std::size_t all, std::size_t of
 // Threads   One accept thread, which asks the delegate, and one thread a connection, on which that
 //           client's calls run one after the other. A connection thread may block without holding
 //           up anyone else.
-// Limits    limits::connections and limits::connectionsPerUser; one connection more is closed with
-//           a log line. Without file descriptors left, clients wait until there are some again.
+// Limits    limits::connections, of which a user gets what admitsConnection says, and
+//           limits::descriptorReserve; a connection past them is closed with a log line. Without
+//           file descriptors left, clients wait until there are some again.
 // Rights    A quarter of a second after entitlements have changed, connections whose peers have
 //           lost one are closed with a log line. What a peer gains, its next connection has.
 // Stop      The destructor accepts nothing more, closes every connection and waits for the threads,
