@@ -14,7 +14,12 @@ constexpr std::string_view unknownLibraryVersion = "8.0";
 constexpr std::size_t mostDeviceIDBytes = 40;
 
 std::optional<std::string> answer(std::string_view key) {
-  return Platform::current().deviceInformation().answer(key);
+  return Platform::current().deviceInformation().answer(key).value;
+}
+
+Sourced<bool> internalBuild() {
+  const DeviceAnswer type = Platform::current().deviceInformation().answer("ReleaseType");
+  return {type.value == "Internal", type.value ? type.source : "default"};
 }
 
 }  // namespace
@@ -31,8 +36,11 @@ std::string uniqueDeviceID() {
   return identifier.size() <= mostDeviceIDBytes ? identifier : std::string();
 }
 
-bool isInternalBuild() {
-  return Platform::current().internalBuild.get([] { return answer("ReleaseType") == "Internal"; });
+bool isInternalBuild() { return Platform::current().internalBuild.get(internalBuild).value; }
+
+Sourced<bool> currentInternalBuild() {
+  const Sourced<bool>* const known = Platform::current().internalBuild.known();
+  return known ? *known : internalBuild();
 }
 
 Result<std::optional<std::string>> bundleVersion(FileSystem& files, const std::string& path) {

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "base/Result.h"
+#include "platform/Device.h"
 #include "platform/FileSystem.h"
 
 namespace corvid {
@@ -23,6 +24,8 @@ std::string uniqueDeviceID();
 
 // Whether "ReleaseType" is exactly "Internal"; asked once per process.
 bool isInternalBuild();
+// The same with its source; where nobody has asked yet, what the answer would be now.
+Sourced<bool> currentInternalBuild();
 
 // The text under "BundleVersion" of an Info.plist; nothing where it has none. The failure's code is
 // the system's where the file cannot be read (EFBIG where it is longer than infoFileLimit), else 0.

@@ -55,23 +55,32 @@ std::optional<std::string> unlessEmpty(std::string_view text) {
   return text.empty() ? std::nullopt : std::optional<std::string>(text);
 }
 
-std::uint32_t userDefaultsEnvironment() {
+constexpr auto internalType = static_cast<std::uint32_t>(CorvidEnvironmentType::internal);
+constexpr auto releaseType = static_cast<std::uint32_t>(CorvidEnvironmentType::release);
+
+// The low 32 bits of the preference, valid or not.
+std::optional<std::uint32_t> preferredEnvironment() {
   Preferences& preferences = Platform::current().preferences();
-  constexpr auto internal = static_cast<std::uint32_t>(CorvidEnvironmentType::internal);
-  constexpr auto release = static_cast<std::uint32_t>(CorvidEnvironmentType::release);
-  std::uint32_t environment;
-  if (const auto preferred =
-          asInteger(pointerTo(preferences.value(corvidSuite, "environmentType")))) {
-    environment = static_cast<std::uint32_t>(*preferred);
-    if (environment > release) {
-      logError("userDefaultsEnvironment: Invalid environment type {}", environment);
-      environment = internal;
-    }
-  } else {
-    environment = isInternalBuild() ? internal : release;
-  }
-  logInfo("userDefaultsEnvironment: Environment type {}", environment);
-  return environment;
+  const auto preferred = asInteger(pointerTo(preferences.value(corvidSuite, "environmentType")));
+  return preferred ? std::optional(static_cast<std::uint32_t>(*preferred)) : std::nullopt;
+}
+
+// As things stand; settles and logs nothing.
+Sourced<std::uint32_t> environmentNow() {
+  if (const auto preferred = preferredEnvironment())
+    return {*preferred > releaseType ? internalType : *preferred, "preference"};
+  const Sourced<bool> internal = currentInternalBuild();
+  return {internal.value ? internalType : releaseType, internal.source};
+}
+
+Sourced<std::uint32_t> userDefaultsEnvironment() {
+  const auto preferred = preferredEnvironment();
+  if (preferred && *preferred > releaseType)
+    logError("userDefaultsEnvironment: Invalid environment type {}", *preferred);
+  if (!preferred) isInternalBuild();  // settled from here on
+  const Sourced<std::uint32_t> found = environmentNow();
+  logInfo("userDefaultsEnvironment: Environment type {}", found.value);
+  return found;
 }
 
 // The current environment's section, or nullptr after one error line.
@@ -111,7 +120,15 @@ std::optional<std::string> environmentNameForType(CorvidEnvironmentType type) {
 
 CorvidEnvironmentType currentEnvironment() {
   return static_cast<CorvidEnvironmentType>(
-      Platform::current().environmentType.get(userDefaultsEnvironment));
+      Platform::current().environmentType.get(userDefaultsEnvironment).value);
+}
+
+DeviceAnswer currentEnvironmentName() {
+  const Sourced<std::uint32_t>* const known = Platform::current().environmentType.known();
+  const auto [type, source] = known ? *known : environmentNow();
+  auto name = environmentNameForType(static_cast<CorvidEnvironmentType>(type));
+  const bool isNamed = name.has_value();
+  return {std::move(name), isNamed ? source : std::string_view()};
 }
 
 FetchedStorebag fetchStorebagForEnvironmentAndClientType(

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "config/StorebagFetch.h"
+#include "platform/Device.h"
 
 namespace corvid {
 
@@ -28,6 +29,9 @@ std::optional<std::string> environmentNameForType(CorvidEnvironmentType type);
 // The process's environment: the preference "environmentType", else by the kind of build. Computed
 // once per process.
 CorvidEnvironmentType currentEnvironment();
+// Its name and what chose it, without a line in the log; where the process has not settled it yet,
+// what it would be now.
+DeviceAnswer currentEnvironmentName();
 
 // Fetches the storebag of a client type and cuts it down to the section of the current environment,
 // with the storebag's version. Where there is no section the reason has been logged, save where the

@@ -104,7 +104,7 @@ Platform::Services systemServices(const Paths& paths, const Deployment& deployme
       .http = std::make_shared<CurlHTTPClient>(clock, http),
       .network = std::make_shared<SystemNetwork>(clock, workEnded),
       .preferences = preferences,
-      .deviceInformation = std::make_shared<SystemDeviceInformation>(paths.deviceFile),
+      .deviceInformation = std::make_shared<SystemDeviceInformation>(paths.deviceFile, paths.root),
       .locale = std::make_shared<SystemLocale>(paths.localeFile),
       .consent = std::make_shared<StoredConsent>(preferences, random),
       .random = random,

@@ -11,13 +11,24 @@
 
 namespace corvid {
 
+// A value and what said so, as people are told. The source is a literal, one of: device.plist,
+// os-release, DMI, device tree, machine-info, chassis, architecture, LC_ALL,
+// LC_MESSAGES, LANG, locale.conf, TZ, system, preference, default; empty where nothing answered.
+template <class T>
+struct Sourced {
+  T value{};
+  std::string_view source;
+  bool operator==(const Sourced&) const = default;
+};
+using DeviceAnswer = Sourced<std::optional<std::string>>;
+
 // Answers questions about the device by key: "ProductVersion", "BuildVersion", "ProductType",
 // "DeviceName", "HWModelStr", "SerialNumber", "UniqueDeviceID", "ReleaseType".
 class DeviceInformationService {
  public:
   virtual ~DeviceInformationService() = default;
-  // Nothing when the service has no answer for the key.
-  virtual std::optional<std::string> answer(std::string_view key) = 0;
+  // Without a value when the service has no answer for the key.
+  virtual DeviceAnswer answer(std::string_view key) = 0;
 };
 
 // The system's current locale and time zone.
@@ -25,9 +36,11 @@ class LocaleInformation {
  public:
   virtual ~LocaleInformation() = default;
   // The territory of the locale, such as "DE"; nothing where the locale names none.
-  virtual std::optional<std::string> countryCode() = 0;
+  std::optional<std::string> countryCode() { return countryAnswer().value; }
+  virtual DeviceAnswer countryAnswer() = 0;
   // Offset of local time from GMT at that moment, in seconds, east positive.
-  virtual std::int32_t secondsFromGMT(const TimeValue& at) = 0;
+  std::int32_t secondsFromGMT(const TimeValue& at) { return timeZoneOffset(at).value; }
+  virtual Sourced<std::int32_t> timeZoneOffset(const TimeValue& at) = 0;
 };
 
 // The user's consent to diagnostics submission, and the identifiers that go with it.
@@ -35,7 +48,8 @@ class Consent {
  public:
   virtual ~Consent() = default;
   // Whether the user lets diagnostics leave the device. Without a recorded answer: no.
-  virtual bool diagnosticsSubmissionAllowed() = 0;
+  bool diagnosticsSubmissionAllowed() { return diagnosticsSubmission().value; }
+  virtual Sourced<bool> diagnosticsSubmission() = 0;
   // A stable identifier of this device: with true the one that respects the consent, with false
   // the one that overrides it.
   virtual std::string getPersistentIdentifierForDNU(bool respectsConsent) = 0;

@@ -3,6 +3,7 @@
 // clients or files (docs/architecture.md), so that a new Platform starts as a new process.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -40,11 +41,17 @@ class OnceAnswer {
  public:
   template <class F>
   const T& get(F&& compute) {
-    std::call_once(_once, [&] { _value.emplace(compute()); });
+    std::call_once(_once, [&] {
+      _value.emplace(compute());
+      _isKnown.store(true, std::memory_order_release);
+    });
     return *_value;
   }
+  // The answer where it has been computed, else nullptr.
+  const T* known() const { return _isKnown.load(std::memory_order_acquire) ? &*_value : nullptr; }
 
  private:
+  std::atomic<bool> _isKnown{false};
   std::once_flag _once;
   std::optional<T> _value;
 };
@@ -114,8 +121,8 @@ class Platform {
   const Deployment& deployment() const { return _services.deployment; }
 
   // Answers computed once per process.
-  OnceAnswer<bool> internalBuild;
-  OnceAnswer<std::uint32_t> environmentType;
+  OnceAnswer<Sourced<bool>> internalBuild;
+  OnceAnswer<Sourced<std::uint32_t>> environmentType;
   OnceAnswer<std::string> storebagServerURL;
   KnownIdentifiers identifiers;
   KnownMessageLog messageLog;

@@ -2,9 +2,10 @@
 
 namespace corvid {
 
-bool StoredConsent::diagnosticsSubmissionAllowed() {
+Sourced<bool> StoredConsent::diagnosticsSubmission() {
   const std::optional<Value> answer = _preferences->value(diagnosticsSuite, "SubmitDiagnostics");
-  return answer && answer->boolean().value_or(false);
+  if (answer && answer->boolean()) return {*answer->boolean(), "preference"};
+  return {false, "default"};
 }
 
 std::string StoredConsent::getPersistentIdentifierForDNU(bool respectsConsent) {

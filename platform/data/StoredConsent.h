@@ -25,7 +25,7 @@ class StoredConsent final : public Consent {
   StoredConsent(std::shared_ptr<Preferences> preferences, std::shared_ptr<Random> random)
       : _preferences(std::move(preferences)), _random(std::move(random)) {}
 
-  bool diagnosticsSubmissionAllowed() override;
+  Sourced<bool> diagnosticsSubmission() override;
   std::string getPersistentIdentifierForDNU(bool respectsConsent) override EXCLUDES(_mutex);
 
  private:

@@ -4,6 +4,7 @@
 #include <sys/utsname.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <span>
 #include <utility>
 
@@ -24,58 +25,99 @@ constexpr std::string_view fillers[] = {
     "System Product Name",
     "System Serial Number",
     "Base Board Product Name",
+    "Type1Family",
+    "N/A",
     "Not Specified",
     "Not Applicable",
     "None",
     "Unknown",
 };
 
-// The first text in a firmware file; a device tree ends each text with a zero.
-std::optional<std::string> firmwareText(const std::string& path) {
-  const Result<std::string> content = readRegularFile(path);
-  if (!content) return std::nullopt;
-  std::string_view text = content.value();
-  text = text.substr(0, text.find('\0'));
+// As a text of the machine is told; nothing where it says nothing.
+std::optional<std::string> meaningful(std::string_view text) {
   while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.remove_suffix(1);
   const auto isFiller = [&](std::string_view filler) { return equalsIgnoringCase(filler, text); };
   if (text.empty() || std::ranges::any_of(fillers, isFiller)) return std::nullopt;
   return replacingInvalidUTF8(text);
 }
 
-// Reads the machine's own files below `root`.
+// The first text in a firmware file; a device tree ends each text with a zero.
+std::optional<std::string> firmwareText(const std::string& path) {
+  const Result<std::string> content = readRegularFile(path);
+  if (!content) return std::nullopt;
+  const std::string_view text = content.value();
+  return meaningful(text.substr(0, text.find('\0')));
+}
+
+DeviceAnswer sourced(std::optional<std::string> text, std::string_view source) {
+  if (!text) return {};
+  return {std::move(text), source};
+}
+
+// Of several sources, asked in their order, the first that answers.
+template <class... Source>
+DeviceAnswer firstOf(const Source&... sources) {
+  DeviceAnswer answer;
+  static_cast<void>(((answer = sources(), answer.value.has_value()) || ...));
+  return answer;
+}
+
+// Reads the machine's own files below `root`, and its identifier.
 class Machine {
  public:
-  explicit Machine(const std::string& root) : _root(root) {}
+  Machine(const std::string& root, const std::string& machineIDFile)
+      : _root(root), _machineIDFile(machineIDFile) {}
 
   // The machine's own answer to a device-information key.
-  std::optional<std::string> answer(std::string_view key) const {
-    if (key == "ProductVersion") return osRelease("VERSION_ID");
+  DeviceAnswer answer(std::string_view key) const {
+    if (key == "ProductVersion") return sourced(osRelease("VERSION_ID"), "os-release");
     if (key == "BuildVersion") return buildVersion();
-    if (key == "ProductType") return firmware("product_name", "compatible");
+    if (key == "ProductType") return productType();
     if (key == "HWModelStr") return firmware("board_name", "model");
     if (key == "SerialNumber") return firmware("product_serial", "serial-number");
     if (key == "DeviceName") return deviceName();
-    if (key == "UniqueDeviceID") return uniqueDeviceID();
-    return std::nullopt;
+    if (key == "UniqueDeviceID") return sourced(uniqueDeviceID(), "system");
+    return {};
   }
 
  private:
-  std::optional<std::string> buildVersion() const {
-    if (auto build = osRelease("BUILD_ID")) return build;
-    utsname kernel{};
-    if (uname(&kernel) != 0) return std::nullopt;
-    return kernel.release;
+  DeviceAnswer buildVersion() const {
+    if (auto build = osRelease("BUILD_ID")) return {std::move(build), "os-release"};
+    const utsname kernel = kernelNames();
+    return {kernel.release, "system"};
   }
-  std::optional<std::string> deviceName() const {
-    if (auto chassis = assigned("/etc/machine-info", "CHASSIS")) return chassis;
-    if (auto chassis = dmiChassis()) return chassis;
-    return deviceTree("chassis-type");
+  DeviceAnswer productType() const {
+    return firstOf([&] { return firmware("product_name", "compatible"); },
+                   [&] { return hardwareModel(); }, [&] { return architecture(); });
+  }
+  DeviceAnswer deviceName() const {
+    return firstOf([&] { return firmware("product_family", "model"); },
+                   [&] { return hardwareModel(); }, [&] { return chassis(); },
+                   [&] { return architecture(); });
+  }
+  DeviceAnswer hardwareModel() const {
+    return sourced(assigned("/etc/machine-info", "HARDWARE_MODEL"), "machine-info");
+  }
+  DeviceAnswer chassis() const;
+  DeviceAnswer architecture() const {
+    const utsname kernel = kernelNames();
+    return {withSystemName(kernel.machine), "architecture"};
+  }
+  // So that one family of boards under two systems can be told apart.
+  std::string withSystemName(std::string_view what) const {
+    return fmt::format("{} {}", what, osRelease("NAME").value_or("Linux"));
   }
   std::optional<std::string> uniqueDeviceID() const;
 
+  static utsname kernelNames() {
+    utsname names{};
+    uname(&names);
+    return names;
+  }
   std::optional<std::string> assigned(const std::string& path, std::string_view name) const {
     const Result<std::string> content = readRegularFile(_root + path);
-    return content ? assignedValue(content.value(), name) : std::nullopt;
+    const auto value = content ? assignedValue(content.value(), name) : std::nullopt;
+    return value ? meaningful(*value) : std::nullopt;
   }
   std::optional<std::string> osRelease(std::string_view name) const {
     const Result<std::string> content = readRegularFile(_root + "/etc/os-release");
@@ -87,14 +129,23 @@ class Machine {
   std::optional<std::string> deviceTree(std::string_view name) const {
     return firmwareText(fmt::format("{}/sys/firmware/devicetree/base/{}", _root, name));
   }
-  std::optional<std::string> firmware(std::string_view dmiName, std::string_view treeName) const {
-    auto text = dmi(dmiName);
-    return text ? text : deviceTree(treeName);
+  DeviceAnswer firmware(std::string_view dmiName, std::string_view treeName) const {
+    return firstOf([&] { return sourced(dmi(dmiName), "DMI"); },
+                   [&] { return sourced(deviceTree(treeName), "device tree"); });
   }
   std::optional<std::string> dmiChassis() const;
 
   const std::string& _root;
+  const std::string& _machineIDFile;
 };
+
+DeviceAnswer Machine::chassis() const {
+  auto found = assigned("/etc/machine-info", "CHASSIS");
+  if (!found) found = dmiChassis();
+  if (!found) found = deviceTree("chassis-type");
+  if (!found) return {};
+  return {withSystemName(*found), "chassis"};
+}
 
 // hostnamed's words for the chassis types of the SMBIOS reference.
 std::optional<std::string> Machine::dmiChassis() const {
@@ -140,7 +191,7 @@ std::optional<std::string> Machine::uniqueDeviceID() const {
   constexpr std::size_t machineIDDigits = 32;
   constexpr std::size_t identifierBytes = 20;
 
-  const auto machineID = firmwareText(_root + "/etc/machine-id");
+  const auto machineID = firmwareText(_machineIDFile);
   const auto key = machineID && machineID->size() == machineIDDigits
                        ? bytesFromHexadecimal(*machineID)
                        : std::nullopt;
@@ -151,17 +202,21 @@ std::optional<std::string> Machine::uniqueDeviceID() const {
 
 }  // namespace
 
-SystemDeviceInformation::SystemDeviceInformation(std::string deviceFile, std::string machineRoot)
-    : _deviceFile(std::move(deviceFile)), _machineRoot(std::move(machineRoot)) {}
+SystemDeviceInformation::SystemDeviceInformation(std::string deviceFile, std::string machineRoot,
+                                                 std::string machineIDFile)
+    : _deviceFile(std::move(deviceFile)),
+      _machineRoot(std::move(machineRoot)),
+      _machineIDFile(std::move(machineIDFile)) {}
 
-std::optional<std::string> SystemDeviceInformation::answer(std::string_view key) {
+DeviceAnswer SystemDeviceInformation::answer(std::string_view key) {
   const MutexLock lock(_mutex);
   updateDeviceAnswers();
   if (const std::string* answer = stringAt(_deviceAnswers, key))
-    return answer->empty() ? std::nullopt : std::optional(*answer);
+    return answer->empty() ? DeviceAnswer{} : DeviceAnswer{*answer, "device.plist"};
   const auto known = _machineAnswers.find(key);
   if (known != _machineAnswers.end()) return known->second;
-  return _machineAnswers.emplace(key, Machine(_machineRoot).answer(key)).first->second;
+  return _machineAnswers.emplace(key, Machine(_machineRoot, _machineIDFile).answer(key))
+      .first->second;
 }
 
 Result<DeviceAnswers> readDeviceAnswers(const std::string& path) {
@@ -178,10 +233,14 @@ void SystemDeviceInformation::updateDeviceAnswers() {
   if (stamp == _deviceFileStamp) return;
 
   _deviceFileStamp = stamp;
-  _deviceAnswers = {};
-  if (stamp.error != 0) return;
   Result<DeviceAnswers> read = readDeviceAnswers(_deviceFile);
-  if (!read) return logError("deviceInformation: {}; going on without it", read.failure().message);
+  if (!read && read.failure().code == ENOENT) {
+    _deviceAnswers = {};
+    return;
+  }
+  if (!read)
+    return logError("deviceInformation: {}; {}", read.failure().message,
+                    _deviceAnswers.empty() ? "going on without it" : "keeping what was in force");
   _deviceAnswers = std::move(read.value().answers);
   for (const std::string& key : read.value().passedOver)
     logError("deviceInformation: {}: \"{}\" is no text and is passed over", _deviceFile, key);

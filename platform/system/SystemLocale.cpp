@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <string_view>
+#include <utility>
 
 #include "base/Reading.h"
 #include "base/Text.h"
@@ -31,32 +32,33 @@ std::optional<std::string> territory(std::string_view locale) {
 
 }  // namespace
 
-std::optional<std::string> SystemLocale::countryCode() {
+DeviceAnswer SystemLocale::countryAnswer() {
   for (const char* variable : localeVariables)
     if (const char* locale = std::getenv(variable))
-      if (auto found = territory(locale)) return found;
+      if (auto found = territory(locale)) return {std::move(found), variable};
 
   const Result<std::string> file = readRegularFile(_localeFile);
-  if (!file) return std::nullopt;
+  if (!file) return {};
   for (const char* variable : localeVariables)
     if (const auto locale = assignedValue(file.value(), variable))
-      if (auto found = territory(*locale)) return found;
-  return std::nullopt;
+      if (auto found = territory(*locale)) return {std::move(found), "locale.conf"};
+  return {};
 }
 
-std::int32_t SystemLocale::secondsFromGMT(const TimeValue& at) {
+Sourced<std::int32_t> SystemLocale::timeZoneOffset(const TimeValue& at) {
   const char* const variable = std::getenv("TZ");
   const auto zone = variable ? std::optional<std::string>(variable) : std::nullopt;
+  const std::string_view source = variable ? "TZ" : "system";
   const MutexLock lock(_mutex);
   if (_latest && _latest->second == at.seconds && _latest->zone == zone)
-    return _latest->secondsFromGMT;
+    return {_latest->secondsFromGMT, source};
   // localtime_r alone would keep the zone of its first call.
   tzset();
   const std::time_t time = at.seconds;
   std::tm local{};
   const bool known = localtime_r(&time, &local) != nullptr;
   _latest = {at.seconds, zone, known ? static_cast<std::int32_t>(local.tm_gmtoff) : 0};
-  return _latest->secondsFromGMT;
+  return {_latest->secondsFromGMT, source};
 }
 
 }  // namespace corvid

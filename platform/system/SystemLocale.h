@@ -19,8 +19,8 @@ class SystemLocale final : public LocaleInformation {
  public:
   explicit SystemLocale(std::string localeFile) : _localeFile(std::move(localeFile)) {}
 
-  std::optional<std::string> countryCode() override;
-  std::int32_t secondsFromGMT(const TimeValue& at) override EXCLUDES(_mutex);
+  DeviceAnswer countryAnswer() override;
+  Sourced<std::int32_t> timeZoneOffset(const TimeValue& at) override EXCLUDES(_mutex);
 
  private:
   struct Offset {

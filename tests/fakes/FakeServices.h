@@ -48,11 +48,11 @@ class FakePreferences final : public Preferences {
 
 class FakeDeviceInformation final : public DeviceInformationService {
  public:
-  std::optional<std::string> answer(std::string_view key) override {
+  DeviceAnswer answer(std::string_view key) override {
     std::lock_guard lock(_mutex);
     ++_asked[std::string(key)];
     const auto found = _answers.find(std::string(key));
-    return found == _answers.end() ? std::nullopt : std::optional(found->second);
+    return found == _answers.end() ? DeviceAnswer{} : DeviceAnswer{found->second, "device.plist"};
   }
   void set(std::string key, std::string answer) {
     std::lock_guard lock(_mutex);
@@ -75,10 +75,10 @@ class FakeDeviceInformation final : public DeviceInformationService {
 
 class FakeLocale final : public LocaleInformation {
  public:
-  std::optional<std::string> countryCode() override { return country; }
-  std::int32_t secondsFromGMT(const TimeValue& at) override {
+  DeviceAnswer countryAnswer() override { return {country, country ? "LANG" : ""}; }
+  Sourced<std::int32_t> timeZoneOffset(const TimeValue& at) override {
     askedFor = at.seconds;
-    return offset;
+    return {offset, "TZ"};
   }
   std::optional<std::string> country = "US";
   std::int32_t offset = 3600;
@@ -87,7 +87,7 @@ class FakeLocale final : public LocaleInformation {
 
 class FakeConsent final : public Consent {
  public:
-  bool diagnosticsSubmissionAllowed() override { return allowed; }
+  Sourced<bool> diagnosticsSubmission() override { return {allowed, "preference"}; }
   std::string getPersistentIdentifierForDNU(bool respectsConsent) override {
     return respectsConsent ? "RESPECTED-ID" : "OVERRIDE-ID";
   }

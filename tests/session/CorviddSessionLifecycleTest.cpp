@@ -335,7 +335,7 @@ TEST_F(CorviddSessionLifecycleTest, EachMissingDeviceAnswerBecomesUnknown) {
                                                        {"HWModelStr", "Hardware"},
                                                        {"DeviceName", "Product"}};
   for (const auto& [answer, key] : keyOfAnswer) {
-    const std::string before = platform.device->answer(answer).value();
+    const std::string before = platform.device->answer(answer).value.value();
     platform.device->remove(answer);
     const Dictionary message = startMessage();
     EXPECT_EQ(*message.find(key), Value("Unknown")) << key;

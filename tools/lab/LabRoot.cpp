@@ -111,10 +111,11 @@ void LabRoot::writeFiles(const std::string& publicKeyDER) const {
   writeIfMissing(paths.entitlementsFolder + "/lab.plist",
                  {{"match", Dictionary{{"user", fmt::format("{}", getuid())}}},
                   {"entitlements", Dictionary{{"com.halcyon.private.corvidd", true}}}});
-  // A virtual machine may not know what it is, and without a product family nothing reports.
-  writeIfMissing(
-      paths.deviceFile,
-      {{"DeviceName", "Workbench"}, {"ProductType", "Workbench1,1"}, {"HWModelStr", "W11"}});
+  // Below the root there is nothing else that could answer, and every machine's lab is the same.
+  writeIfMissing(paths.deviceFile, {{"DeviceName", "Workbench"},
+                                    {"ProductType", "Workbench1,1"},
+                                    {"HWModelStr", "W11"},
+                                    {"ProductVersion", "1.0"}});
   for (const char* name :
        {"lumen", "tessel", "parlor", "orrery", "cadence", "quill", "ledger", "folio", "reel"})
     writeIfMissing(fmt::format("{}/{}.plist", storebagFolder(), name), sampleStorebag(name));

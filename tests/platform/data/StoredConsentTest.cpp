@@ -40,6 +40,14 @@ TEST_F(StoredConsentTest, OnlyABooleanIsAnAnswer) {
   }
 }
 
+TEST_F(StoredConsentTest, NamesThePreferenceWhereThereIsAnAnswer) {
+  EXPECT_EQ(consent.diagnosticsSubmission(), (Sourced<bool>{false, "default"}));
+  preferences->setValue("com.halcyon.diagnostics", "SubmitDiagnostics", false);
+  EXPECT_EQ(consent.diagnosticsSubmission(), (Sourced<bool>{false, "preference"}));
+  preferences->setValue("com.halcyon.diagnostics", "SubmitDiagnostics", true);
+  EXPECT_EQ(consent.diagnosticsSubmission(), (Sourced<bool>{true, "preference"}));
+}
+
 TEST_F(StoredConsentTest, TheTwoIdentifiersDifferAndStay) {
   const std::string respecting = consent.getPersistentIdentifierForDNU(true);
   const std::string overriding = consent.getPersistentIdentifierForDNU(false);

@@ -13,9 +13,12 @@ namespace {
 // A machine below a scratch folder.
 class DeviceInformationTest : public testing::Test {
  protected:
-  std::optional<std::string> answer(std::string_view key) { return information().answer(key); }
+  std::optional<std::string> answer(std::string_view key) {
+    return information().answer(key).value;
+  }
+  DeviceAnswer sourced(std::string_view key) { return information().answer(key); }
   SystemDeviceInformation information() {
-    return SystemDeviceInformation(deviceFile, machine.path());
+    return SystemDeviceInformation(deviceFile, machine.path(), machine.path() + "/etc/machine-id");
   }
   void writeDeviceFile(std::string_view entries) {
     machine.write("device.plist",
@@ -40,10 +43,11 @@ TEST_F(DeviceInformationTest, DeviceFileAnswersBeforeTheMachine) {
   EXPECT_EQ(answer("ProductType"), "Robin5,2");
 }
 
-TEST_F(DeviceInformationTest, EmptyTextInTheDeviceFileMeansNoAnswer) {
+TEST_F(DeviceInformationTest, EmptyTextInTheDeviceFileEndsTheSearch) {
   writeDMI("product_name", "Board 7");
-  writeDeviceFile("<key>ProductType</key><string></string>");
-  EXPECT_EQ(answer("ProductType"), std::nullopt);
+  writeDeviceFile("<key>ProductType</key><string></string><key>DeviceName</key><string></string>");
+  EXPECT_EQ(sourced("ProductType"), DeviceAnswer{});
+  EXPECT_EQ(sourced("DeviceName"), DeviceAnswer{});
 }
 
 TEST_F(DeviceInformationTest, OtherTypeInTheDeviceFileIsAsIfItWereNotThere) {
@@ -57,21 +61,21 @@ TEST_F(DeviceInformationTest, OtherTypeInTheDeviceFileIsAsIfItWereNotThere) {
 
 TEST_F(DeviceInformationTest, ChangedDeviceFileIsReadAgain) {
   SystemDeviceInformation device = information();
-  EXPECT_EQ(device.answer("ReleaseType"), std::nullopt);
+  EXPECT_EQ(device.answer("ReleaseType").value, std::nullopt);
   writeDeviceFile("<key>ReleaseType</key><string>Internal</string>");
-  EXPECT_EQ(device.answer("ReleaseType"), "Internal");
+  EXPECT_EQ(device.answer("ReleaseType").value, "Internal");
   writeDeviceFile("<key>ReleaseType</key><string>Seed</string>");
-  EXPECT_EQ(device.answer("ReleaseType"), "Seed");
+  EXPECT_EQ(device.answer("ReleaseType").value, "Seed");
   std::filesystem::remove(deviceFile);
-  EXPECT_EQ(device.answer("ReleaseType"), std::nullopt);
+  EXPECT_EQ(device.answer("ReleaseType").value, std::nullopt);
 }
 
 TEST_F(DeviceInformationTest, DamagedDeviceFileIsLoggedOnceAndCountsAsMissing) {
   writeDMI("product_name", "Board 7");
   machine.write("device.plist", "<plist><dict><key>ProductType");
   SystemDeviceInformation device = information();
-  EXPECT_EQ(device.answer("ProductType"), "Board 7");
-  EXPECT_EQ(device.answer("ReleaseType"), std::nullopt);
+  EXPECT_EQ(device.answer("ProductType").value, "Board 7");
+  EXPECT_EQ(device.answer("ReleaseType").value, std::nullopt);
   ASSERT_EQ(log.lines().size(), 1u);
   EXPECT_EQ(log.lines()[0].first, LogLevel::error);
   EXPECT_TRUE(log.lines()[0].second.starts_with("deviceInformation: " + deviceFile + ": "));
@@ -85,12 +89,27 @@ TEST_F(DeviceInformationTest, DeviceFileThatIsNoDictionaryIsDamaged) {
                                            ": not a dictionary; going on without it"));
 }
 
+TEST_F(DeviceInformationTest, DamagedDeviceFileLeavesTheLastGoodAnswersAndIsSaidOnce) {
+  writeDeviceFile("<key>ReleaseType</key><string>Internal</string>");
+  SystemDeviceInformation device = information();
+  ASSERT_EQ(device.answer("ReleaseType").value, "Internal");
+  machine.write("device.plist", "<plist><dict><key>ReleaseType");
+  EXPECT_EQ(device.answer("ReleaseType").value, "Internal");
+  EXPECT_EQ(device.answer("ReleaseType").value, "Internal");
+  ASSERT_EQ(log.lines().size(), 1u);
+  EXPECT_EQ(log.lines()[0].first, LogLevel::error);
+  EXPECT_TRUE(log.lines()[0].second.starts_with("deviceInformation: " + deviceFile + ": "));
+  EXPECT_TRUE(log.lines()[0].second.ends_with("; keeping what was in force"));
+  std::filesystem::remove(deviceFile);
+  EXPECT_EQ(device.answer("ReleaseType").value, std::nullopt);
+}
+
 TEST_F(DeviceInformationTest, DamageOfAFormerDeviceFileDoesNotLast) {
   SystemDeviceInformation device = information();
   machine.write("device.plist", "damage");
-  EXPECT_EQ(device.answer("ReleaseType"), std::nullopt);
+  EXPECT_EQ(device.answer("ReleaseType").value, std::nullopt);
   writeDeviceFile("<key>ReleaseType</key><string>Internal</string>");
-  EXPECT_EQ(device.answer("ReleaseType"), "Internal");
+  EXPECT_EQ(device.answer("ReleaseType").value, "Internal");
 }
 
 TEST_F(DeviceInformationTest, VersionIsThatOfTheSystemRelease) {
@@ -122,33 +141,80 @@ TEST_F(DeviceInformationTest, HardwareIsDescribedByTheDeviceTreeWithoutDMI) {
   writeDeviceTree("compatible", "acme,board-7\0acme,soc\0"s);
   writeDeviceTree("model", "Acme Board 7\0"s);
   writeDeviceTree("serial-number", "0042\0"s);
-  writeDeviceTree("chassis-type", "handset\0"s);
   EXPECT_EQ(answer("ProductType"), "acme,board-7");
   EXPECT_EQ(answer("HWModelStr"), "Acme Board 7");
   EXPECT_EQ(answer("SerialNumber"), "0042");
-  EXPECT_EQ(answer("DeviceName"), "handset");
+  EXPECT_EQ(answer("DeviceName"), "Acme Board 7");
 }
 
 TEST_F(DeviceInformationTest, FieldThatTheMakerDidNotFillIsNoAnswer) {
   for (const char* filler : {"To Be Filled By O.E.M.", "to be filled by o.e.m.", "Default string",
                              "System Product Name", "Not Specified", " ", ""}) {
-    writeDMI("product_name", filler);
-    EXPECT_EQ(answer("ProductType"), std::nullopt) << filler;
+    for (const char* field : {"product_family", "product_name", "board_name"})
+      writeDMI(field, filler);
+    writeDeviceTree("model", filler);
+    machine.write("etc/machine-info", std::string("HARDWARE_MODEL=\"") + filler + "\"\n");
+    EXPECT_EQ(sourced("DeviceName").source, "architecture") << filler;
+    EXPECT_EQ(sourced("ProductType").source, "architecture") << filler;
+    EXPECT_EQ(sourced("HWModelStr"), DeviceAnswer{}) << filler;
   }
 }
 
-TEST_F(DeviceInformationTest, DeviceNameIsTheChassis) {
+TEST_F(DeviceInformationTest, DeviceNameIsTheFamilyAndProductTypeTheProduct) {
+  machine.write("etc/machine-info", "HARDWARE_MODEL=\"Acme Slate\"\nCHASSIS=tablet\n");
+  EXPECT_EQ(sourced("DeviceName"), (DeviceAnswer{"Acme Slate", "machine-info"}));
+  EXPECT_EQ(sourced("ProductType"), (DeviceAnswer{"Acme Slate", "machine-info"}));
+  writeDeviceTree("model", "Acme Board 7");
+  writeDeviceTree("compatible", "acme,board-7");
+  EXPECT_EQ(sourced("DeviceName"), (DeviceAnswer{"Acme Board 7", "device tree"}));
+  EXPECT_EQ(sourced("ProductType"), (DeviceAnswer{"acme,board-7", "device tree"}));
+  writeDMI("product_family", "Slates");
+  writeDMI("product_name", "Slate 7");
+  EXPECT_EQ(sourced("DeviceName"), (DeviceAnswer{"Slates", "DMI"}));
+  EXPECT_EQ(sourced("ProductType"), (DeviceAnswer{"Slate 7", "DMI"}));
+  writeDeviceFile("<key>DeviceName</key><string>Robin</string>");
+  EXPECT_EQ(sourced("DeviceName"), (DeviceAnswer{"Robin", "device.plist"}));
+}
+
+TEST_F(DeviceInformationTest, WithoutFirmwareTheArchitectureAndSystemAnswer) {
+  utsname kernel{};
+  ASSERT_EQ(uname(&kernel), 0);
+  const std::string architecture = kernel.machine;
+  EXPECT_EQ(sourced("DeviceName"), (DeviceAnswer{architecture + " Linux", "architecture"}));
+  EXPECT_EQ(sourced("ProductType"), (DeviceAnswer{architecture + " Linux", "architecture"}));
+  machine.write("etc/os-release", "NAME=\"Birch OS\"\nID=birch\n");
+  EXPECT_EQ(sourced("DeviceName"), (DeviceAnswer{architecture + " Birch OS", "architecture"}));
+  EXPECT_EQ(sourced("ProductType"), (DeviceAnswer{architecture + " Birch OS", "architecture"}));
+}
+
+TEST_F(DeviceInformationTest, WithoutAFamilyTheChassisNamesTheDevice) {
+  machine.write("etc/os-release", "NAME=\"Birch OS\"\n");
   const std::pair<const char*, const char*> names[] = {
       {"3", "desktop"}, {"10", "laptop"},      {"11", "handset"}, {"17", "server"},
       {"30", "tablet"}, {"31", "convertible"}, {"34", "embedded"}};
   for (const auto& [type, name] : names) {
     writeDMI("chassis_type", type);
-    EXPECT_EQ(answer("DeviceName"), name) << type;
+    EXPECT_EQ(sourced("DeviceName"), (DeviceAnswer{std::string(name) + " Birch OS", "chassis"}));
+    EXPECT_EQ(sourced("ProductType").source, "architecture");
   }
   writeDMI("chassis_type", "1");
-  EXPECT_EQ(answer("DeviceName"), std::nullopt);
+  EXPECT_EQ(sourced("DeviceName").source, "architecture");
+  writeDeviceTree("chassis-type", "handset");
+  EXPECT_EQ(answer("DeviceName"), "handset Birch OS");
   machine.write("etc/machine-info", "PRETTY_HOSTNAME=x\nCHASSIS=watch\n");
-  EXPECT_EQ(answer("DeviceName"), "watch");
+  EXPECT_EQ(answer("DeviceName"), "watch Birch OS");
+}
+
+TEST_F(DeviceInformationTest, EachAnswerNamesItsSource) {
+  EXPECT_EQ(sourced("ProductVersion"), DeviceAnswer{});
+  EXPECT_EQ(sourced("BuildVersion").source, "system");
+  machine.write("etc/os-release", "VERSION_ID=12\nBUILD_ID=7\n");
+  writeDMI("board_name", "B7-X");
+  writeDeviceTree("serial-number", "0042");
+  EXPECT_EQ(sourced("ProductVersion"), (DeviceAnswer{"12", "os-release"}));
+  EXPECT_EQ(sourced("BuildVersion"), (DeviceAnswer{"7", "os-release"}));
+  EXPECT_EQ(sourced("HWModelStr"), (DeviceAnswer{"B7-X", "DMI"}));
+  EXPECT_EQ(sourced("SerialNumber"), (DeviceAnswer{"0042", "device tree"}));
 }
 
 TEST_F(DeviceInformationTest, UniqueIdentifierIsAKeyedHashOfTheMachineID) {
@@ -180,9 +246,9 @@ TEST_F(DeviceInformationTest, ReleaseTypeAndUnknownKeysComeFromTheDeviceFileOnly
 TEST_F(DeviceInformationTest, MachineIsAskedOnce) {
   writeDMI("product_name", "Board 7");
   SystemDeviceInformation device = information();
-  EXPECT_EQ(device.answer("ProductType"), "Board 7");
+  EXPECT_EQ(device.answer("ProductType").value, "Board 7");
   writeDMI("product_name", "Board 8");
-  EXPECT_EQ(device.answer("ProductType"), "Board 7");
+  EXPECT_EQ(device.answer("ProductType").value, "Board 7");
 }
 
 }  // namespace

@@ -152,15 +152,22 @@ TEST_F(SandboxAllows, DeviceAndLocaleToBeAsked) {
   root.write("etc/corvid/device.plist",
              "<plist><dict><key>ProductType</key><string>Robin5,2</string></dict></plist>");
   root.write("etc/locale.conf", "LANG=pt_BR.UTF-8\n");
-  const auto version = SystemDeviceInformation("").answer("ProductVersion");
+  root.write("etc/os-release", "NAME=\"Birch OS\"\nVERSION_ID=12\n");
   const auto identifier = SystemDeviceInformation("").answer("UniqueDeviceID");
+  root.write("etc/machine-info", "HARDWARE_MODEL=Slate\n");
+  root.write("sys/class/dmi/id/product_family", "Slates\n");
+  root.write("sys/firmware/devicetree/base/serial-number", "0042");
   const TimeValue now{1'720'000'000, 0};
   const std::int32_t offset = SystemLocale("").secondsFromGMT(now);
   EXPECT_EQ(inSandbox([&] {
-              SystemDeviceInformation device(paths.deviceFile);
-              if (device.answer("ProductType") != "Robin5,2") return 1;
-              if (device.answer("ProductVersion") != version) return 2;
+              SystemDeviceInformation device(paths.deviceFile, paths.root);
+              if (device.answer("ProductType").value != "Robin5,2") return 1;
+              if (device.answer("ProductVersion").value != "12") return 2;
               if (device.answer("UniqueDeviceID") != identifier) return 3;
+              if (device.answer("DeviceName").value != "Slates") return 6;
+              if (device.answer("SerialNumber").value != "0042") return 7;
+              SystemDeviceInformation other("", paths.root);
+              if (other.answer("ProductType").value != "Slate") return 8;
               for (const char* name : {"LC_ALL", "LC_MESSAGES", "LANG"}) unsetenv(name);
               SystemLocale locale(paths.localeFile);
               if (locale.countryCode() != "BR") return 4;

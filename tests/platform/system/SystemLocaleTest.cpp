@@ -80,6 +80,18 @@ TEST_F(SystemLocaleTest, FileIsReadAnewAndInTheSameOrder) {
   EXPECT_EQ(locale.countryCode(), "PT");
 }
 
+TEST_F(SystemLocaleTest, CountryNamesItsSource) {
+  EXPECT_EQ(locale.countryAnswer(), DeviceAnswer{});
+  scratch.write("locale.conf", "LC_MESSAGES=pt_BR.UTF-8\n");
+  EXPECT_EQ(locale.countryAnswer(), (DeviceAnswer{"BR", "locale.conf"}));
+  setenv("LANG", "de_DE.UTF-8", 1);
+  EXPECT_EQ(locale.countryAnswer(), (DeviceAnswer{"DE", "LANG"}));
+  setenv("LC_MESSAGES", "fr_FR.UTF-8", 1);
+  EXPECT_EQ(locale.countryAnswer(), (DeviceAnswer{"FR", "LC_MESSAGES"}));
+  setenv("LC_ALL", "en_US.UTF-8", 1);
+  EXPECT_EQ(locale.countryAnswer(), (DeviceAnswer{"US", "LC_ALL"}));
+}
+
 constexpr TimeValue winter{1'704'067'200, 0};  // 2024-01-01
 constexpr TimeValue summer{1'719'792'000, 0};  // 2024-07-01
 
@@ -99,6 +111,13 @@ TEST_F(SystemLocaleTest, OffsetIsThatOfTheSystemWhereTheEnvironmentHasNone) {
   const auto system = locale.secondsFromGMT(winter);
   unsetenv("TZ");
   EXPECT_EQ(locale.secondsFromGMT(winter), system);
+}
+
+TEST_F(SystemLocaleTest, OffsetNamesItsSource) {
+  EXPECT_EQ(locale.timeZoneOffset(winter).source, "system");
+  setenv("TZ", "YST8", 1);
+  for (int round = 0; round < 2; ++round)
+    EXPECT_EQ(locale.timeZoneOffset(winter), (Sourced<std::int32_t>{-28800, "TZ"}));
 }
 
 TEST_F(SystemLocaleTest, OffsetOfAMomentBeyondTheCalendarIsZero) {
