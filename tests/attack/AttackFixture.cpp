@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <utility>
 
 namespace corvid {
 
@@ -27,13 +29,23 @@ void AttackFixture::SetUp() {
 </dict></plist>)",
                             user));
   publish("lumen", storebagPostingTo(urlOf("events")));
-  startDaemon();
+  launch();
   admitBystander();
 }
 
 void AttackFixture::TearDown() {
   if (!_daemon) return;
   EXPECT_TRUE(bystanderReports()) << _daemon->standardError();
+  _daemon.reset();  // which ends what goes on for ever
+  awaitStarted();
+}
+
+std::string AttackFixture::messageLog() const {
+  std::string content;
+  for (const auto& file : std::filesystem::directory_iterator(
+           _root.path("var/lib/corvidd/Library/Logs/Faultline/Retired")))
+    content += contentOf(file.path());
+  return content;
 }
 
 RawClient AttackFixture::connect(uid_t user) const {
@@ -45,6 +57,29 @@ RawClient AttackFixture::session(uid_t user, bool batches) const {
   RawClient client = connect(user);
   client.write(bootstrap(0) + describe(attackersType, batches));
   return client;
+}
+
+std::unique_ptr<WireClient> AttackFixture::wireClient(uid_t user) const {
+  const AsUser as(user);
+  return std::make_unique<WireClient>(socketPath());
+}
+
+std::unique_ptr<WireClient> AttackFixture::wireClient(
+    uid_t user, kj::Own<wire::ClientSessionReply::Server> replies) const {
+  const AsUser as(user);
+  return std::make_unique<WireClient>(socketPath(), kj::mv(replies));
+}
+
+void AttackFixture::configure(WireClient& client, int clientType, const Dictionary& userInfo,
+                              bool aggregates) {
+  const Dictionary sessionInfo{
+      {"ClientType", clientType}, {"SessionID", 66}, {"RequireUserInfo", !userInfo.empty()}};
+  auto info = client.session.setSessionInfoRequest();
+  fill(info.initSessionInfo(wire::count(sessionInfo.size())), sessionInfo);
+  if (!userInfo.empty()) fill(info.initUserInfo(wire::count(userInfo.size())), userInfo);
+  info.setHasAggregationBlock(aggregates);
+  info.send().wait(client.scope);
+  client.session.startConfigRequest().send().wait(client.scope);
 }
 
 bool AttackFixture::awaitAnswer(RawClient& client, std::uint32_t question) {
@@ -65,6 +100,16 @@ bool AttackFixture::awaitAnswer(RawClient& client, std::uint32_t question) {
 void AttackFixture::together(std::size_t count, const std::function<void(std::size_t)>& attack) {
   std::vector<std::jthread> threads;
   for (std::size_t i = 0; i < count; ++i) threads.emplace_back([&, i] { attack(i); });
+}
+
+void AttackFixture::start(uid_t user, std::function<void(WireClient&)> work) {
+  _started.emplace_back([this, user, work = std::move(work)] {
+    try {
+      work(*wireClient(user));
+    } catch (const std::exception&) {
+      // The daemon has ended.
+    }
+  });
 }
 
 std::chrono::milliseconds AttackFixture::victimWaits(const std::function<bool()>& isOver) {

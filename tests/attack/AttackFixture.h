@@ -6,7 +6,9 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,13 +24,20 @@ namespace corvid {
 // that user's for good.
 class AsUser {
  public:
-  explicit AsUser(uid_t user) { syscall(SYS_setresuid, -1, user, -1); }
-  ~AsUser() { syscall(SYS_setresuid, -1, getuid(), -1); }
+  explicit AsUser(uid_t user) { become(user); }
+  ~AsUser() { become(getuid()); }
   AsUser(const AsUser&) = delete;
   AsUser& operator=(const AsUser&) = delete;
+
+ private:
+  // The thread, and it alone.
+  static void become(uid_t user) {
+    if (syscall(SYS_setresuid, -1, user, -1) != 0) std::abort();
+  }
 };
 
-// The bystander is the victim. The attackers' events go to the collector "events" at once.
+// The bystander is the victim. The attackers' events go to the collector "events" at once, unless
+// the test publishes another storebag before a client of their type is configured.
 //
 // Only the superuser can be several users, which is what the tests of this machine run as.
 class AttackFixture : public LabFixture {
@@ -40,11 +49,25 @@ class AttackFixture : public LabFixture {
   void SetUp() override;
   // The daemon has not ended and serves.
   void TearDown() override;
+  // Starts the daemon.
+  virtual void launch() { startDaemon(); }
 
   std::string socketPath() const { return _root.path("run/corvidd/com.halcyon.corvidd"); }
+  // What the daemon has kept in its message log.
+  std::string messageLog() const;
+
   RawClient connect(uid_t user = attacker) const;
   // Connections on which a session is described and configured.
   RawClient session(uid_t user = attacker, bool batches = false) const;
+
+  // A client of that user without the client library.
+  std::unique_ptr<WireClient> wireClient(uid_t user = attacker) const;
+  // The same with the object that takes the daemon's deliveries.
+  std::unique_ptr<WireClient> wireClient(uid_t user,
+                                         kj::Own<wire::ClientSessionReply::Server> replies) const;
+  // Describes it and has it configured. With user info it requires that.
+  static void configure(WireClient& client, int clientType, const Dictionary& userInfo = {},
+                        bool aggregates = false);
 
   // Until the call with that number is answered; false where the connection ends before, or nothing
   // comes for a minute.
@@ -52,6 +75,11 @@ class AttackFixture : public LabFixture {
 
   // Each on a thread of its own, until all have ended.
   static void together(std::size_t count, const std::function<void(std::size_t)>& attack);
+  // Runs `work` as a client of that user, on a thread of its own, until it is done or the daemon
+  // has ended.
+  void start(uid_t user, std::function<void(WireClient&)> work);
+  // Until all that was started is done.
+  void awaitStarted() { _started.clear(); }
 
   // Sends at least 200 events, and goes on until the attack is over; gives the time that 99 of 100
   // of them stay below.
@@ -60,6 +88,9 @@ class AttackFixture : public LabFixture {
   static std::string describe(int clientType, bool batches = false);
   static std::string event(std::uint32_t question, const Dictionary& payload,
                            bool replyWanted = true);
+
+ private:
+  std::vector<std::jthread> _started;
 };
 
 }  // namespace corvid

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <atomic>
 #include <list>
-#include <optional>
 #include <string>
 
 #include "protocol/Limits.h"
@@ -61,6 +60,30 @@ TEST_F(DescriptorAttacks, WithFewDescriptorsAReserveIsLeftForWhatTheDaemonDoes) 
   EXPECT_LE(_daemon->descriptors(), 256u - 32u);
 }
 
+TEST_F(DescriptorAttacks, WithNoneLeftALineOfTheMessageLogIsLostAndNotTheLog) {
+  const auto client = wireClient();
+  configure(*client, attackersType);
+  const auto refusedUpload = [&](const char* url) {
+    auto request = client->session.uploadFileRequest();
+    request.setReplyWanted(true);
+    request.setFileURL(url);
+    request.send().wait(client->scope);
+  };
+  refusedUpload("file:///before");
+  rlimit limit{};
+  ASSERT_EQ(prlimit(_daemon->pid(), RLIMIT_NOFILE, nullptr, &limit), 0);
+  // All of these are taken, and still as many as a thread waits for at once.
+  const rlimit none{8, limit.rlim_max};
+  ASSERT_EQ(prlimit(_daemon->pid(), RLIMIT_NOFILE, &none, nullptr), 0);
+  for (int i = 0; i < 10; ++i) refusedUpload("file:///lost");
+  ASSERT_EQ(prlimit(_daemon->pid(), RLIMIT_NOFILE, &limit, nullptr), 0);
+  refusedUpload("file:///after");
+  const std::string log = messageLog();
+  EXPECT_NE(log.find("file:///before\n"), std::string::npos);
+  EXPECT_EQ(log.find("file:///lost\n"), std::string::npos) << "there was no descriptor";
+  EXPECT_NE(log.find("file:///after\n"), std::string::npos);
+}
+
 TEST_F(DescriptorAttacks, RemovalsThatAreNeverAnsweredHoldFewDescriptorsAndNotForLong) {
   constexpr int clients = 17;
   constexpr int uploads = 40;
@@ -70,13 +93,9 @@ TEST_F(DescriptorAttacks, RemovalsThatAreNeverAnsweredHoldFewDescriptorsAndNotFo
   std::atomic<int> answered = 0;
   std::atomic<std::size_t> most = 0;
   together(clients, [&](std::size_t) {
-    std::optional<AsUser> as(attacker);
-    WireClient client(socketPath());
-    as.reset();
-    auto info = client.session.setSessionInfoRequest();
-    fill(info.initSessionInfo(2), {{"ClientType", uploadClient}, {"SessionID", 66}});
-    info.send().wait(client.scope);
-    client.session.startConfigRequest().send().wait(client.scope);
+    const auto connected = wireClient();
+    WireClient& client = *connected;
+    configure(client, uploadClient);
     std::list<kj::Promise<void>> calls;
     for (int i = 0; i < uploads; ++i) {
       auto request = client.session.uploadFileRequest();

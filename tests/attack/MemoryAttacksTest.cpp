@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "base/Sanitizer.h"
 #include "protocol/Limits.h"
 #include "tests/attack/AttackFixture.h"
 #include "tests/e2e/Limits.h"
@@ -22,11 +23,7 @@ constexpr std::size_t mebibyte = std::size_t{1} << 20;
 constexpr milliseconds victimsPatience{100};
 
 // Sanitizers take several times as much memory and time.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr std::size_t slowness = 8;
-#else
-constexpr std::size_t slowness = 1;
-#endif
+constexpr std::size_t slowness = hasSanitizer ? 8 : 1;
 
 // The start of a message of 16 MiB, and a little of it.
 std::string announcement() {

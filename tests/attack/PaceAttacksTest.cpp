@@ -5,6 +5,8 @@
 #include <string>
 #include <thread>
 
+#include "base/Sanitizer.h"
+#include "platform/data/PropertyList.h"
 #include "protocol/Limits.h"
 #include "tests/attack/AttackFixture.h"
 #include "tests/support/CollidingKeys.h"
@@ -17,11 +19,7 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 // Under a sanitizer everything takes several times as long.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr int slowness = 8;
-#else
-constexpr int slowness = 1;
-#endif
+constexpr int slowness = hasSanitizer ? 8 : 1;
 
 using PaceAttacks = AttackFixture;
 
@@ -35,6 +33,20 @@ TEST_F(PaceAttacks, KeysMadeToCollideCostNoMoreThanOthers) {
   EXPECT_TRUE(awaitAnswer(client, 3));
   const auto took = std::chrono::duration_cast<milliseconds>(steady_clock::now() - start);
   RecordProperty("milliseconds", static_cast<int>(took.count()));
+  EXPECT_LT(took, slowness * milliseconds(1000));
+}
+
+TEST_F(PaceAttacks, SuchKeysInAnEnvelopeThatNobodySignedDoNotEither) {
+  Dictionary envelope;
+  for (const std::string& key : CollidingKeys::make(20'000)) envelope.set(key, "x");
+  plan("storebags", {{"body", writeXMLPropertyList(envelope)}});
+  RawClient client = connect();
+  const auto start = steady_clock::now();
+  client.write(bootstrap(0) + describe(attackersType));
+  EXPECT_TRUE(awaitAnswer(client, 2));
+  const auto took = std::chrono::duration_cast<milliseconds>(steady_clock::now() - start);
+  RecordProperty("milliseconds", static_cast<int>(took.count()));
+  EXPECT_EQ(timesLogged("fetchStorebagWithName: Signature is missing"), 1u);
   EXPECT_LT(took, slowness * milliseconds(1000));
 }
 

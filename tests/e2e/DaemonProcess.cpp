@@ -9,6 +9,7 @@
 
 #include <array>
 #include <filesystem>
+#include <functional>
 #include <iterator>
 #include <stdexcept>
 #include <utility>
@@ -35,9 +36,9 @@ Descriptor notificationSocketAt(const std::string& path) {
 }
 
 ChildProcess start(const ScratchRoot& root, std::vector<std::string> arguments,
-                   std::optional<int> listeningSocket) {
+                   std::optional<int> listeningSocket, const std::function<void()>& prepare) {
   arguments.insert(arguments.begin(), {CORVIDD_PROGRAM, "--root", root.path()});
-  std::vector<std::string> environment{"NOTIFY_SOCKET=" + root.path(notifyFile)};
+  std::vector<std::string> environment{"NOTIFY_SOCKET=" + DaemonProcess::notifySocket(root)};
   if (listeningSocket) {
     environment.push_back("LISTEN_FDS=1");
     // Only the process itself knows its number in time.
@@ -52,9 +53,8 @@ ChildProcess start(const ScratchRoot& root, std::vector<std::string> arguments,
   return ChildProcess(ChildProcess::Program{.command = std::move(arguments),
                                             .streams = {STDIN_FILENO, output.get(), errors.get()},
                                             .environment = std::move(environment),
-                                            .prepare = [listeningSocket] {
-                                              prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE);
-                                              prctl(PR_CAPBSET_DROP, CAP_DAC_READ_SEARCH);
+                                            .prepare = [listeningSocket, &prepare] {
+                                              prepare();
                                               if (listeningSocket == firstListenDescriptor)
                                                 fcntl(firstListenDescriptor, F_SETFD, 0);
                                               else if (listeningSocket)
@@ -65,10 +65,18 @@ ChildProcess start(const ScratchRoot& root, std::vector<std::string> arguments,
 }  // namespace
 
 DaemonProcess::DaemonProcess(const ScratchRoot& root, std::vector<std::string> arguments,
-                             std::optional<int> listeningSocket)
+                             std::optional<int> listeningSocket,
+                             const std::function<void()>& prepare)
     : _root(root),
-      _notifySocket(notificationSocketAt(root.path(notifyFile))),
-      _process(start(root, std::move(arguments), listeningSocket)) {}
+      _notifySocket(notificationSocketAt(notifySocket(root))),
+      _process(start(root, std::move(arguments), listeningSocket, prepare)) {}
+
+void DaemonProcess::giveUpFileRights() {
+  prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE);
+  prctl(PR_CAPBSET_DROP, CAP_DAC_READ_SEARCH);
+}
+
+std::string DaemonProcess::notifySocket(const ScratchRoot& root) { return root.path(notifyFile); }
 
 std::size_t DaemonProcess::descriptors() const {
   const std::filesystem::directory_iterator open(fmt::format("/proc/{}/fd", pid())), end;

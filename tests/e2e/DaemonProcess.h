@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -16,17 +17,21 @@
 namespace corvid {
 
 // Runs as a ChildProcess does. Its arguments are `--root` of the scratch root and what the test
-// adds; its output goes to files below the root, behind what daemons before it wrote. Where the
-// test runs as the superuser, the daemon has no right to pass over the permissions of files all the
-// same.
+// adds; its output goes to files below the root, behind what daemons before it wrote.
 //
 // Every wait ends after `patience`, so that a broken daemon fails a test and never hangs it.
 class DaemonProcess {
  public:
   // With a `listeningSocket` the daemon is started as if by its socket; the descriptor stays the
-  // caller's.
+  // caller's. `prepare` is as ChildProcess's.
   DaemonProcess(const ScratchRoot& root, std::vector<std::string> arguments,
-                std::optional<int> listeningSocket = std::nullopt);
+                std::optional<int> listeningSocket = std::nullopt,
+                const std::function<void()>& prepare = giveUpFileRights);
+  // Where the test runs as the superuser, the daemon has no right to pass over the permissions of
+  // files all the same.
+  static void giveUpFileRights();
+  // Where it tells the test that it serves.
+  static std::string notifySocket(const ScratchRoot& root);
 
   pid_t pid() const { return _process.pid(); }
   void signal(int number) const { _process.signal(number); }

@@ -1,15 +1,9 @@
 // What the clients of one user do to those of another: nothing that the other notices.
 #include <fmt/format.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
-#include <filesystem>
-#include <optional>
 #include <random>
 #include <string>
 #include <thread>
@@ -20,9 +14,10 @@
 #include "config/Identifiers.h"
 #include "config/MessageLog.h"
 #include "platform/data/PropertyList.h"
-#include "tests/e2e/LabFixture.h"
+#include "tests/attack/AttackFixture.h"
 #include "tests/rpc/RawMessages.h"
 #include "tests/rpc/WireClient.h"
+#include "tests/support/ToolProcess.h"
 #include "tests/support/Waiting.h"
 #include "tools/lab/Collectors.h"
 #include "tools/lab/HTTPServer.h"
@@ -34,21 +29,6 @@ namespace {
 using std::chrono::seconds;
 using std::chrono::steady_clock;
 
-constexpr uid_t stranger = 65534;
-
-// Makes this thread, and it alone, one of the stranger's as far as the kernel is asked: what
-// connects is known by the user that it then has.
-class AsStranger {
- public:
-  AsStranger() { become(stranger); }
-  ~AsStranger() { become(0); }
-
- private:
-  static void become(uid_t user) {
-    if (syscall(SYS_setresuid, -1, user, -1) != 0) std::abort();
-  }
-};
-
 std::string randomText(std::size_t size) {
   std::mt19937 random(1);
   std::string text(size, '\0');
@@ -56,66 +36,15 @@ std::string randomText(std::size_t size) {
   return text;
 }
 
-class UserWalls : public LabFixture {
- protected:
-  void SetUp() override {
-    if (getuid() != 0) GTEST_SKIP() << "takes root, to be two users";
-    _root.write("etc/corvid/entitlements.d/stranger.plist",
-                writeXMLPropertyList(Dictionary{
-                    {"match", Dictionary{{"user", fmt::format("{}", stranger)}}},
-                    {"entitlements", Dictionary{{"com.halcyon.private.corvidd", true}}}}));
-    ASSERT_EQ(chmod(_root.path().c_str(), 0711), 0);
-  }
-  void TearDown() override { endStrangers(); }
-
-  std::string socketPath() const { return _root.path("run/corvidd/com.halcyon.corvidd"); }
-
-  // Runs `work` as a client of the stranger until it is done or the daemon ends.
-  template <class Work>
-  void start(Work work) {
-    _strangers.emplace_back([this, work] {
-      try {
-        std::optional<AsStranger> disguise(std::in_place);
-        WireClient client(socketPath());
-        disguise.reset();
-        work(client);
-      } catch (const kj::Exception&) {
-        // The daemon has ended.
-      }
-    });
-  }
-  void endStrangers() {
-    _daemon.reset();
-    for (std::thread& thread : _strangers) thread.join();
-    _strangers.clear();
-  }
-  void awaitStrangers() {
-    for (std::thread& thread : _strangers) thread.join();
-    _strangers.clear();
-  }
-  static void configure(WireClient& client, const Dictionary& userInfo = {}) {
-    const Dictionary sessionInfo{
-        {"ClientType", 5}, {"SessionID", 66}, {"RequireUserInfo", !userInfo.empty()}};
-    auto info = client.session.setSessionInfoRequest();
-    fill(info.initSessionInfo(3), sessionInfo);
-    if (!userInfo.empty()) fill(info.initUserInfo(1), userInfo);
-    info.send().wait(client.scope);
-    client.session.startConfigRequest().send().wait(client.scope);
-  }
-
- private:
-  std::vector<std::thread> _strangers;
-};
+using UserWalls = AttackFixture;
 
 // ---- Exchanges
 
-class SharedCollector : public UserWalls {
+class SharedCollector : public AttackFixture {
  protected:
   void SetUp() override {
-    UserWalls::SetUp();
-    if (IsSkipped()) return;
+    AttackFixture::SetUp();
     publish("lumen", storebagPostingTo(fmt::format("https://localhost:{}/events", _server.port())));
-    startDaemon();
   }
 
   static constexpr std::size_t large = 100'000;
@@ -140,8 +69,8 @@ TEST_F(SharedCollector, AFloodOfOneUserDelaysNoEventOfAnother) {
   const Dictionary payload{{"noise", randomText(1'000'000)}};
   // Each has 16 MiB under way, as much as one user may have waiting for a host.
   for (int i = 0; i < 4; ++i)
-    start([&payload](WireClient& client) {
-      configure(client);
+    start(attacker, [&payload](WireClient& client) {
+      configure(client, attackersType);
       for (;;) sendEvent(client, 1, 2, payload);
     });
   ASSERT_TRUE(waitUntil([&] { return _silent >= 8; }));
@@ -162,7 +91,6 @@ TEST_F(UserWalls, MadeUpNamesOfOneUserTakeNoIdentifierOfAnother) {
   Dictionary entry = admitsEverybody();
   entry.set("custom_clientId", 1);
   publish("lumen", storebagPostingTo(urlOf("events"), entry));
-  startDaemon();
   const auto identifierOf = [&](const std::string& name) {
     TestClient client(_root.path());
     EXPECT_EQ(client.configure({.clientType = 5, .clientName = name}).text(), "httpPost");
@@ -173,8 +101,8 @@ TEST_F(UserWalls, MadeUpNamesOfOneUserTakeNoIdentifierOfAnother) {
   };
   const std::string victims = identifierOf("Victim");
   const std::string filling(8000, 'x');
-  start([&](WireClient& client) {
-    configure(client, {{"_clientName", "Stranger"}});
+  start(attacker, [&](WireClient& client) {
+    configure(client, attackersType, {{"_clientName", "Stranger"}});
     // Large ones first, then small ones into what is left.
     for (int i = 0; i < 150; ++i) {
       auto request = client.session.fetchStatesRequest();
@@ -183,7 +111,7 @@ TEST_F(UserWalls, MadeUpNamesOfOneUserTakeNoIdentifierOfAnother) {
       request.send().wait(client.scope);
     }
   });
-  awaitStrangers();
+  awaitStarted();
   EXPECT_EQ(identifierOf("Victim"), victims);
   const std::string later = identifierOf("Later");
   const auto stored = parsePropertyList(
@@ -202,15 +130,22 @@ TEST_F(UserWalls, MadeUpNamesOfOneUserTakeNoIdentifierOfAnother) {
   EXPECT_GE(strangers, 20u) << "the store was full";
 }
 
-TEST_F(UserWalls, AFloodOfOneUserTakesNoLineOfAnotherOutOfTheMessageLog) {
-  _daemon.emplace(_root, std::vector<std::string>{"--log", "stderr", "--log-level", "warning"});
-  ASSERT_TRUE(_daemon->waitUntilReady()) << _daemon->standardError();
+// Debug lines would cost more than the flood.
+class QuietDaemon : public AttackFixture {
+ protected:
+  void launch() override {
+    _daemon.emplace(_root, std::vector<std::string>{"--log", "stderr", "--log-level", "warning"});
+    ASSERT_TRUE(_daemon->waitUntilReady()) << _daemon->standardError();
+  }
+};
+
+TEST_F(QuietDaemon, AFloodOfOneUserTakesNoLineOfAnotherOutOfTheMessageLog) {
   TestClient victim(_root.path());
   ASSERT_EQ(victim.configure({.clientType = 16}).text(), "httpPost,uploadServer");
   EXPECT_EQ(victim.upload("/dev/null").text(), "refused");
   constexpr std::size_t lines = 8000;
-  start([](WireClient& client) {
-    configure(client);
+  start(attacker, [](WireClient& client) {
+    configure(client, attackersType);
     const std::string filling(15'000, 'x');
     for (std::size_t i = 0; i < lines; ++i) {
       auto request = client.session.uploadFileRequest();
@@ -219,13 +154,9 @@ TEST_F(UserWalls, AFloodOfOneUserTakesNoLineOfAnotherOutOfTheMessageLog) {
       request.send().wait(client.scope);
     }
   });
-  awaitStrangers();
+  awaitStarted();
   EXPECT_EQ(victim.upload("/dev/zero").text(), "refused");
-  const std::filesystem::path folder = _root.path("var/lib/corvidd/Library/Logs/Faultline/Retired");
-  const std::vector<std::filesystem::directory_entry> logs(
-      std::filesystem::directory_iterator(folder), {});
-  ASSERT_EQ(logs.size(), 1u);
-  const std::string log = contentOf(logs.front().path());
+  const std::string log = messageLog();
   EXPECT_NE(log.find("file:///dev/null\n"), std::string::npos) << "from before the flood";
   EXPECT_NE(log.find("file:///dev/zero\n"), std::string::npos) << "from after it";
   EXPECT_EQ(log.find("file:///stranger-0-"), std::string::npos);
@@ -236,19 +167,31 @@ TEST_F(UserWalls, AFloodOfOneUserTakesNoLineOfAnotherOutOfTheMessageLog) {
   EXPECT_LE(log.size(), mostMessageLogBytes + 20'000);
   EXPECT_LE(timesLogged("Only upload a regular file."), LogPace::others + 5u)
       << "the stranger's and the victim's";
+  for (const std::string& line : linesOf(_daemon->standardError()))
+    ASSERT_LT(line.size(), 4096u + 200u) << "a whole name of the stranger's has 15,000 bytes";
 }
 
 // ---- The system's log
 
+TEST_F(UserWalls, NoTextOfAClientLooksLikeALineOrTurnsOneAround) {
+  const std::string tricks = "a\u202eb\u2028c\u2066d%0Ae%FF\u0085f";
+  const auto client = wireClient();
+  configure(*client, attackersType);
+  auto request = client->session.uploadFileRequest();
+  request.setReplyWanted(true);
+  request.setFileURL("file:///" + tricks);
+  request.send().wait(client->scope);
+  const std::string log = _daemon->standardError();
+  EXPECT_NE(log.find(R"(/a\u202eb\u2028c\u2066d\ne\xff\x85f)"), std::string::npos);
+  for (const char* trick : {"\u202e", "\u2028", "\u2066", "\ne", "\xff", "\u0085"})
+    EXPECT_EQ(log.find(trick), std::string::npos) << trick;
+}
+
 TEST_F(UserWalls, OneUsersBreachesAreCountedAndAnothersToldInFull) {
-  startDaemon();
-  {
-    const AsStranger disguise;
-    for (int i = 0; i < 300; ++i) {
-      RawClient client(socketPath());
-      client.write(numbers({128, 0}));
-      EXPECT_TRUE(client.awaitClosed());
-    }
+  for (int i = 0; i < 300; ++i) {
+    RawClient client = connect();
+    client.write(numbers({128, 0}));
+    EXPECT_TRUE(client.awaitClosed());
   }
   EXPECT_LE(timesLogged(" broke a rule: "), LogPace::complaints + 3u);
   EXPECT_EQ(timesLogged("(further lines like it are counted and told of once a minute)"), 1u);
