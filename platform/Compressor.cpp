@@ -105,17 +105,16 @@ std::optional<std::string> Compressor::compressDataWithZlibOrGzip(bool gzip,
   }
   if (result != Z_STREAM_END) return stream->fail(result);
   output.resize(zlib.total_out);
-  return end(std::move(stream), std::move(output));
+  end(std::move(stream));
+  return output;
 }
 
-std::optional<std::string> Compressor::gzipDeflate(std::size_t size, const Source& source) {
+bool Compressor::gzipDeflate(std::size_t size, const Source& source, const Sink& sink) {
   std::optional<std::string> piece = source(0, std::min(size, pieceBytes));
-  if (!piece || piece->empty()) return std::nullopt;
+  if (!piece || piece->empty()) return false;
   std::unique_ptr<Stream> stream = begin(true);
-  if (!stream) return std::nullopt;
+  if (!stream) return false;
   z_stream& zlib = stream->zlib;
-  std::string output;
-  output.reserve(deflateBound(&zlib, static_cast<uLong>(size)));
   std::string room(pieceBytes, '\0');
   std::size_t given = piece->size();
   stream->setInput(*piece);
@@ -123,17 +122,22 @@ std::optional<std::string> Compressor::gzipDeflate(std::size_t size, const Sourc
   while (result == Z_OK) {
     if (zlib.avail_in == 0 && !piece->empty()) {
       piece = given < size ? source(given, std::min(size - given, pieceBytes)) : std::string();
-      if (!piece) return std::nullopt;
+      if (!piece) return false;
       given += piece->size();
       stream->setInput(*piece);
     }
     zlib.next_out = reinterpret_cast<Bytef*>(room.data());
     zlib.avail_out = static_cast<uInt>(room.size());
     result = deflate(&zlib, piece->empty() ? Z_FINISH : Z_NO_FLUSH);
-    output.append(room, 0, room.size() - zlib.avail_out);
+    const std::string_view made(room.data(), room.size() - zlib.avail_out);
+    if (!made.empty() && !sink(made)) return false;
   }
-  if (result != Z_STREAM_END) return stream->fail(result);
-  return end(std::move(stream), std::move(output));
+  if (result != Z_STREAM_END) {
+    stream->fail(result);
+    return false;
+  }
+  end(std::move(stream));
+  return true;
 }
 
 std::size_t Compressor::mostBytesFor(std::size_t size) {
@@ -150,11 +154,10 @@ std::unique_ptr<Compressor::Stream> Compressor::begin(bool gzip) {
   return nullptr;
 }
 
-std::string Compressor::end(std::unique_ptr<Stream> stream, std::string output) {
+void Compressor::end(std::unique_ptr<Stream> stream) {
   logDebug("compressDataWithZlibOrGzip: Compressed file from {} to {}", stream->zlib.total_in,
-           output.size());
+           stream->zlib.total_out);
   giveBack(std::move(stream));
-  return output;
 }
 
 std::unique_ptr<Compressor::Stream> Compressor::take(bool gzip) {

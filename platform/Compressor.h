@@ -37,10 +37,12 @@ class Compressor {
   // Gives so many bytes from `offset` on, fewer at the end of what there is, or nothing where they
   // cannot be had.
   using Source = std::function<std::optional<std::string>(std::size_t offset, std::size_t bytes)>;
-  // A gzip stream of at most `size` bytes of the source, of which a piece at a time is in memory.
-  // Nothing, without a line, where the source is empty or fails.
-  std::optional<std::string> gzipDeflate(std::size_t size, const Source& source) EXCLUDES(_mutex);
-  // What the latter may have in memory at most.
+  // Takes the next piece of what is made; false where it cannot.
+  using Sink = std::function<bool(std::string_view piece)>;
+  // A gzip stream of at most `size` bytes of the source. Of both a piece at a time is in memory.
+  // False, without a line, where the source is empty or fails, or the sink does.
+  bool gzipDeflate(std::size_t size, const Source& source, const Sink& sink) EXCLUDES(_mutex);
+  // What the latter makes at most.
   static std::size_t mostBytesFor(std::size_t size);
 
  private:
@@ -48,7 +50,7 @@ class Compressor {
 
   // Ready for a new body; null after an error line.
   std::unique_ptr<Stream> begin(bool gzip) EXCLUDES(_mutex);
-  std::string end(std::unique_ptr<Stream> stream, std::string output) EXCLUDES(_mutex);
+  void end(std::unique_ptr<Stream> stream) EXCLUDES(_mutex);
   std::unique_ptr<Stream> take(bool gzip) EXCLUDES(_mutex);
   void giveBack(std::unique_ptr<Stream> stream) EXCLUDES(_mutex);
 

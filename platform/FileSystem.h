@@ -5,7 +5,9 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -20,6 +22,17 @@ struct ByteRange {
   std::size_t begin = 0;
   std::size_t end = 0;
   bool operator==(const ByteRange&) const = default;
+};
+
+// A file without a name, which goes with the object. One thread writes it, then another may read.
+class UnnamedFile {
+ public:
+  virtual ~UnnamedFile() = default;
+  virtual std::optional<Failure> append(std::string_view bytes) = 0;
+  virtual std::size_t size() const = 0;
+  // As many bytes from `offset` on as there are and `room` takes; nothing where they cannot be
+  // read.
+  virtual std::optional<std::size_t> read(std::size_t offset, std::span<char> room) const = 0;
 };
 
 class FileSystem {
@@ -55,6 +68,8 @@ class FileSystem {
   // The whole content of a regular file. One that is longer than `limit` bytes, however long it
   // says it is, and anything that is no regular file is a failure; nothing blocks the caller.
   virtual Result<std::string> readFile(const std::string& path, std::size_t limit) = 0;
+  // On the disk of that folder.
+  virtual Result<std::shared_ptr<UnnamedFile>> createUnnamedFile(const std::string& folder) = 0;
   // Errors are ignored.
   virtual void remove(const std::string& path) = 0;
 };

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstddef>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -14,6 +15,8 @@
 
 namespace corvid {
 
+class UnnamedFile;
+
 using HTTPHeaders = std::vector<std::pair<std::string, std::string>>;
 
 struct HTTPRequest {
@@ -21,6 +24,7 @@ struct HTTPRequest {
   std::string url{};
   HTTPHeaders headers{};  // sent as given, in this order as far as the protocol keeps one
   std::string body{};     // sent when the method is POST
+  std::shared_ptr<const UnnamedFile> rest{};  // sent behind the body: what is too long for memory
   std::chrono::milliseconds timeout{60'000};  // for the whole exchange, once it is queued
   std::chrono::milliseconds patience{0};      // for which start waits where the queue is full
   bool timeoutCoversWait = false;             // what start waits is then part of the time-out

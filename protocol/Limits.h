@@ -34,8 +34,8 @@ inline constexpr std::size_t sessionInfoBytes = std::size_t{256} << 10;
 inline constexpr std::size_t fileURLBytes = 16384;
 // A file that is uploaded.
 inline constexpr std::size_t uploadBytes = std::size_t{256} << 20;
-// Memory of all uploads together, of which one user's may take two thirds; past it a further one is
-// refused.
+// Of the daemon's disk for all uploads together, of which one user's may take two thirds; past it a
+// further one is refused.
 inline constexpr std::size_t uploadBytesUnderWay = 4 * uploadBytes;
 
 // Calls that have begun and are not answered; past it nothing more is read from the client.

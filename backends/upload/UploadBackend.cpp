@@ -62,18 +62,17 @@ bool UploadBackend::uploadFileAtPath(const std::string& path, const std::string&
   if (!target) return false;
   ExtensionTokens::Handle file = _platform.extensionTokens().consume(extensionToken);
 
-  std::optional<std::string> body = compressedContent(file);
-  if (!body) return false;
   HTTPRequest request;
+  if (!compressInto(request, file)) return false;
   request.url = requestURL(*target, path);
   if (!parseURL(request.url)) {
     logError("UploadBackend(uploadFileAtPath): Unable to create URL request");
     return false;
   }
   request.method = "POST";
-  request.timeout = timeoutFor(body->size());
-  request.body = *std::move(body);
-  file.claim(request.body.size());
+  const std::size_t size = request.body.size() + (request.rest ? request.rest->size() : 0);
+  request.timeout = timeoutFor(size);
+  file.claim(size);
   request.headers = {{"Content-Type", "application/octet-stream"}, {"Content-Encoding", "gzip"}};
 
   const HTTPOutcome outcome = performAndWait(_platform.http(), std::move(request));
@@ -88,24 +87,24 @@ bool UploadBackend::uploadFileAtPath(const std::string& path, const std::string&
   return true;
 }
 
-std::optional<std::string> UploadBackend::compressedContent(ExtensionTokens::Handle& file) const {
+bool UploadBackend::compressInto(HTTPRequest& request, ExtensionTokens::Handle& file) const {
   const FileAttributes attributes = file.attributes();
   if (!attributes.isRegularFile) {
     logError("UploadBackend(uploadFileAtPath): Only upload a regular file.");
-    return std::nullopt;
+    return false;
   }
   if (attributes.size > limits::uploadBytes) {
     logError(
         "UploadBackend(uploadFileAtPath): Input file has {} bytes, more than the {} of the limit",
         attributes.size, limits::uploadBytes);
-    return std::nullopt;
+    return false;
   }
   const auto size = static_cast<std::size_t>(attributes.size);
   if (!file.claim(Compressor::mostBytesFor(size))) {
     logError(
         "UploadBackend(uploadFileAtPath): {} bytes are too many beside what is being uploaded already",
         size);
-    return std::nullopt;
+    return false;
   }
   bool isEmpty = true;
   const auto read = [&](std::size_t offset, std::size_t bytes) {
@@ -113,9 +112,32 @@ std::optional<std::string> UploadBackend::compressedContent(ExtensionTokens::Han
     isEmpty = !piece || (offset == 0 && piece->empty());
     return piece;
   };
-  auto body = _platform.compressor.gzipDeflate(size, read);
+  std::shared_ptr<UnnamedFile> rest;
+  const auto keep = [&](std::string_view bytes) { return append(request, rest, bytes); };
+  const bool isWhole = _platform.compressor.gzipDeflate(size, read, keep);
   if (isEmpty) logError("UploadBackend(uploadFileAtPath): Input file is empty");
-  return body;
+  return isWhole;
+}
+
+bool UploadBackend::append(HTTPRequest& request, std::shared_ptr<UnnamedFile>& rest,
+                           std::string_view bytes) const {
+  if (!rest && request.body.size() + bytes.size() <= mostBytesInMemory) {
+    request.body += bytes;
+    return true;
+  }
+  std::optional<Failure> failure;
+  if (!rest) {
+    auto created = _platform.files().createUnnamedFile(_platform.paths().home);
+    if (created)
+      request.rest = rest = std::move(created).value();
+    else
+      failure = created.failure();
+  }
+  if (!failure) failure = rest->append(bytes);
+  if (failure)
+    logError("UploadBackend(uploadFileAtPath): There is no room for the compressed file: {}",
+             failure->message);
+  return !failure;
 }
 
 std::string UploadBackend::requestURL(const std::string& uploadURL, const std::string& path) const {

@@ -60,6 +60,27 @@ Descriptor openRegularFile(const std::string& path, int flags, struct stat& stat
   return Descriptor();
 }
 
+class UnlinkedFile final : public UnnamedFile {
+ public:
+  explicit UnlinkedFile(Descriptor file) : _file(std::move(file)) {}
+
+  std::optional<Failure> append(std::string_view bytes) override {
+    if (!writeFully(_file.get(), bytes)) return systemFailure("write", "a file without a name");
+    _size += bytes.size();
+    return std::nullopt;
+  }
+  std::size_t size() const override { return _size; }
+  std::optional<std::size_t> read(std::size_t offset, std::span<char> room) const override {
+    const ssize_t count = pread(_file.get(), room.data(), room.size(), static_cast<off_t>(offset));
+    if (count < 0) return std::nullopt;
+    return static_cast<std::size_t>(count);
+  }
+
+ private:
+  const Descriptor _file;
+  std::size_t _size = 0;
+};
+
 // Of one file, towards its beginning. False, with errno set, when not all could be moved.
 bool moveBytes(int descriptor, std::size_t from, std::size_t to, std::size_t count) {
   if (from == to) return true;
@@ -261,6 +282,14 @@ std::optional<Failure> LocalFileSystem::removeRanges(const std::string& path,
 
 Result<std::string> LocalFileSystem::readFile(const std::string& path, std::size_t limit) {
   return readRegularFile(path, limit);
+}
+
+Result<std::shared_ptr<UnnamedFile>> LocalFileSystem::createUnnamedFile(const std::string& folder) {
+  std::string path = folder + "/.unnamed-XXXXXX";
+  Descriptor file(mkostemp(path.data(), O_CLOEXEC));
+  if (!file) return systemFailure("create", path);
+  if (unlink(path.c_str()) != 0) return systemFailure("remove", path);
+  return std::shared_ptr<UnnamedFile>(std::make_shared<UnlinkedFile>(std::move(file)));
 }
 
 void LocalFileSystem::remove(const std::string& path) { unlink(path.c_str()); }

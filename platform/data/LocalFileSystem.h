@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -62,6 +63,7 @@ class LocalFileSystem final : public FileSystem {
   std::optional<Failure> removeRanges(const std::string& path,
                                       const std::vector<ByteRange>& ranges) override;
   Result<std::string> readFile(const std::string& path, std::size_t limit) override;
+  Result<std::shared_ptr<UnnamedFile>> createUnnamedFile(const std::string& folder) override;
   void remove(const std::string& path) override;
 };
 

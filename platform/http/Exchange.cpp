@@ -84,7 +84,10 @@ Result<Exchange> makeExchange(HTTPRequest request, bool allowInsecureHTTP, Excha
   exchange.url = std::move(request.url);
   exchange.headerLines = headerLinesFor(request.headers);
   exchange.isPost = request.method == "POST";
-  if (exchange.isPost) exchange.body = std::move(request.body);
+  if (exchange.isPost) {
+    exchange.body = std::move(request.body);
+    exchange.rest = std::move(request.rest);
+  }
   exchange.wantsBody = request.wantsBody;
   exchange.deadline = now + std::min(request.timeout, longestTimeout);
   exchange.patience = request.patience;

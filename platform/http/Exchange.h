@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <memory>
 #include <string>
 
 #include "base/Result.h"
@@ -20,6 +21,7 @@ struct Exchange {
   // add unasked.
   std::string headerLines;
   std::string body;
+  std::shared_ptr<const UnnamedFile> rest;  // behind the body
   bool isPost = false;
   bool wantsBody = true;
   Time deadline;
@@ -29,6 +31,7 @@ struct Exchange {
   User user;
   HTTPCompletion completion;
 
+  // What it keeps in memory.
   std::size_t size() const { return url.size() + headerLines.size() + body.size(); }
 };
 

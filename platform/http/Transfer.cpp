@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "base/Text.h"
+#include "platform/FileSystem.h"
 
 namespace corvid {
 namespace {
@@ -56,6 +57,11 @@ Transfer::Transfer(const std::optional<std::string>& caFile, KeptConnections& ke
                                              int localPort) {
     return static_cast<Transfer*>(self)->beforeSending(serverAddress, serverPort, localPort);
   };
+  const Data give = [](char* room, std::size_t size, std::size_t count, void* self) {
+    return static_cast<Transfer*>(self)->giveBody({room, size * count});
+  };
+  set(handle, CURLOPT_READFUNCTION, give);
+  set(handle, CURLOPT_READDATA, static_cast<void*>(this));
   set(handle, CURLOPT_HEADERFUNCTION, header);
   set(handle, CURLOPT_HEADERDATA, static_cast<void*>(this));
   set(handle, CURLOPT_WRITEFUNCTION, body);
@@ -79,8 +85,10 @@ void Transfer::begin(Exchange exchange, Exchange::Time now) {
   set(handle, CURLOPT_URL, _exchange.url.c_str());
   if (_exchange.isPost) {
     set(handle, CURLOPT_POST, 1L);
-    set(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(_exchange.body.size()));
-    set(handle, CURLOPT_POSTFIELDS, _exchange.body.data());
+    const std::size_t rest = _exchange.rest ? _exchange.rest->size() : 0;
+    set(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(_exchange.body.size() + rest));
+    // Without them libcurl asks for the body piece by piece.
+    set(handle, CURLOPT_POSTFIELDS, _exchange.rest ? nullptr : _exchange.body.data());
   } else {
     set(handle, CURLOPT_HTTPGET, 1L);
   }
@@ -91,6 +99,7 @@ void Transfer::begin(Exchange exchange, Exchange::Time now) {
 void Transfer::startAgain(Exchange::Time now) {
   using std::chrono::milliseconds;
   _wasSent = false;
+  _bodyBytesGiven = 0;
   _refusal = Refusal::none;
   _errorText[0] = '\0';
   // 0 would mean none.
@@ -158,6 +167,20 @@ int Transfer::beforeSending(const char* serverAddress, int serverPort, int local
     return CURL_PREREQFUNC_OK;
   }
   return CURL_PREREQFUNC_ABORT;
+}
+
+std::size_t Transfer::giveBody(std::span<char> room) {
+  const std::string& body = _exchange.body;
+  std::size_t given = 0;
+  if (_bodyBytesGiven < body.size()) {
+    given = body.copy(room.data(), room.size(), _bodyBytesGiven);
+  } else {
+    const auto read = _exchange.rest->read(_bodyBytesGiven - body.size(), room);
+    if (!read) return CURL_READFUNC_ABORT;
+    given = *read;
+  }
+  _bodyBytesGiven += given;
+  return given;
 }
 
 std::size_t Transfer::takeHeader(std::string_view line) {

@@ -4,6 +4,7 @@
 #include <array>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -52,6 +53,8 @@ class Transfer {
   HTTPError errorFor(CURLcode result) const;
 
   int beforeSending(const char* serverAddress, int serverPort, int localPort);
+  // Of the request's body, from where the last call ended.
+  std::size_t giveBody(std::span<char> room);
   std::size_t takeHeader(std::string_view line);
   std::size_t takeBody(std::string_view bytes);
 
@@ -59,6 +62,7 @@ class Transfer {
   std::unique_ptr<CURL, Cleanup> _handle;
   Exchange _exchange;
   std::vector<curl_slist> _headerList;  // points into _exchange.headerLines
+  std::size_t _bodyBytesGiven = 0;
   bool _wasSent = false;
   Refusal _refusal = Refusal::none;
   HTTPResponse _response;

@@ -112,4 +112,34 @@ void FakeFileSystem::remove(const std::string& path) {
   files.erase(path);
 }
 
+namespace {
+
+class FakeUnnamedFile final : public UnnamedFile {
+ public:
+  explicit FakeUnnamedFile(std::size_t capacity) : _capacity(capacity) {}
+
+  std::optional<Failure> append(std::string_view bytes) override {
+    if (_content.size() + bytes.size() > _capacity)
+      return Failure{"No space left on device", ENOSPC};
+    _content += bytes;
+    return std::nullopt;
+  }
+  std::size_t size() const override { return _content.size(); }
+  std::optional<std::size_t> read(std::size_t offset, std::span<char> room) const override {
+    return _content.copy(room.data(), room.size(), offset);
+  }
+
+ private:
+  const std::size_t _capacity;
+  std::string _content;
+};
+
+}  // namespace
+
+Result<std::shared_ptr<UnnamedFile>> FakeFileSystem::createUnnamedFile(const std::string&) {
+  std::lock_guard lock(_mutex);
+  if (createUnnamedFailure) return *createUnnamedFailure;
+  return std::shared_ptr<UnnamedFile>(std::make_shared<FakeUnnamedFile>(unnamedCapacity));
+}
+
 }  // namespace corvid

@@ -38,6 +38,7 @@ class FakeFileSystem final : public FileSystem {
   std::optional<Failure> removeRanges(const std::string& path,
                                       const std::vector<ByteRange>& ranges) override;
   Result<std::string> readFile(const std::string& path, std::size_t limit) override;
+  Result<std::shared_ptr<UnnamedFile>> createUnnamedFile(const std::string& folder) override;
   void remove(const std::string& path) override;
 
   // The whole state, for the test to fill and read while no other thread works.
@@ -52,6 +53,9 @@ class FakeFileSystem final : public FileSystem {
   int failAppendAfter = -1;
   int appendError = EIO;
   std::optional<Failure> removeRangesFailure;
+  std::optional<Failure> createUnnamedFailure;
+  // What unnamed files take at most, each.
+  std::size_t unnamedCapacity = ~std::size_t{0};
 
  private:
   std::vector<std::string> namesIn(const std::string& directory) const;

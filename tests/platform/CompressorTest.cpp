@@ -212,17 +212,27 @@ class SourceTest : public CompressorTest {
  protected:
   // Of a source that gives what `content` has, at most `most` bytes at a time.
   std::optional<std::string> compressed(std::size_t size, std::size_t most = ~std::size_t{0}) {
-    return compressor.gzipDeflate(
-        size, [this, most](std::size_t offset, std::size_t bytes) -> std::optional<std::string> {
+    std::string output;
+    const bool isWhole = compressor.gzipDeflate(
+        size,
+        [this, most](std::size_t offset, std::size_t bytes) -> std::optional<std::string> {
           asked = std::max(asked, bytes);
           if (offset >= failsFrom) return std::nullopt;
           return content.substr(std::min(offset, content.size()), std::min(bytes, most));
+        },
+        [&](std::string_view piece) {
+          given = std::max(given, piece.size());
+          output += piece;
+          return output.size() <= room;
         });
+    return isWhole ? std::optional(output) : std::nullopt;
   }
 
   std::string content;
   std::size_t failsFrom = ~std::size_t{0};
+  std::size_t room = ~std::size_t{0};
   std::size_t asked = 0;
+  std::size_t given = 0;
 };
 
 TEST_F(SourceTest, ASourceIsCompressedWholeAndReadInPieces) {
@@ -232,7 +242,8 @@ TEST_F(SourceTest, ASourceIsCompressedWholeAndReadInPieces) {
     ASSERT_TRUE(output);
     EXPECT_TRUE(inflated(*output, gzipWindow) == content);
     EXPECT_LE(asked, 65'536u);
-    EXPECT_LE(output->capacity(), Compressor::mostBytesFor(content.size()));
+    EXPECT_LE(given, 65'536u);
+    EXPECT_LE(output->size(), Compressor::mostBytesFor(content.size()));
   }
 }
 
@@ -249,6 +260,15 @@ TEST_F(SourceTest, OneThatEndsEarlyIsCompressedAsFarAsItGoes) {
 TEST_F(SourceTest, NotMoreIsReadThanTheSize) {
   content = noise(100'000);
   EXPECT_TRUE(inflated(compressed(70'000).value_or(""), gzipWindow) == content.substr(0, 70'000));
+}
+
+TEST_F(SourceTest, ASinkThatTakesNoMoreEndsIt) {
+  content = noise(500'000);
+  room = 200'000;
+  EXPECT_FALSE(compressed(content.size()));
+  EXPECT_EQ(log.lines().size(), 0u);
+  room = ~std::size_t{0};
+  EXPECT_TRUE(compressed(content.size()));
 }
 
 TEST_F(SourceTest, OneThatIsEmptyOrFailsGivesNothing) {

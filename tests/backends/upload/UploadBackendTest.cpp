@@ -52,6 +52,21 @@ std::string unzipped(const std::string& body, std::size_t room) {
   return content;
 }
 
+std::string noise(std::size_t size) {
+  std::string noise;
+  for (std::uint32_t i = 1; noise.size() < size; i = i * 1664525 + 1013904223)
+    noise.push_back(static_cast<char>(i >> 24));
+  return noise;
+}
+
+// The whole body of a request.
+std::string sent(const HTTPRequest& request) {
+  if (!request.rest) return request.body;
+  std::string rest(request.rest->size(), '\0');
+  EXPECT_EQ(request.rest->read(0, rest), rest.size());
+  return request.body + rest;
+}
+
 class UploadBackendTest : public testing::Test {
  protected:
   UploadBackendTest() {
@@ -208,13 +223,11 @@ TEST_F(UploadBackendTest, LargeFilesHaveMoreTime) {
   using std::chrono::seconds;
   EXPECT_TRUE(upload());
   EXPECT_EQ(platform.http->requests().back().timeout, seconds(60));
-  std::string noise;
-  for (std::uint32_t i = 1; noise.size() < (std::size_t{1} << 20); i = i * 1664525 + 1013904223)
-    noise.push_back(static_cast<char>(i >> 24));
-  file = std::make_shared<FakeGrantedFile>(noise);
+  const std::string content = noise(std::size_t{1} << 20);
+  file = std::make_shared<FakeGrantedFile>(content);
   EXPECT_TRUE(upload());
   const HTTPRequest request = platform.http->requests().back();
-  EXPECT_GT(request.body.size(), noise.size());
+  EXPECT_GT(sent(request).size(), content.size());
   EXPECT_EQ(request.timeout, seconds(60 + 32));
 }
 
@@ -262,7 +275,32 @@ TEST_F(UploadBackendTest, AFileIsReadPieceByPieceAndSentWhole) {
   file = std::make_shared<FakeGrantedFile>(content);
   EXPECT_TRUE(upload());
   EXPECT_EQ(file->reads.size(), (content.size() + 65'535) / 65'536);
-  EXPECT_EQ(unzipped(platform.http->requests()[0].body, content.size() + 1), content);
+  EXPECT_EQ(unzipped(sent(platform.http->requests()[0]), content.size() + 1), content);
+}
+
+TEST_F(UploadBackendTest, WhatStaysLargeIsNotKeptInMemory) {
+  const std::string content = noise(1'000'000);
+  file = std::make_shared<FakeGrantedFile>(content);
+  EXPECT_TRUE(upload());
+  const HTTPRequest request = platform.http->requests().back();
+  EXPECT_LE(request.body.size(), UploadBackend::mostBytesInMemory);
+  ASSERT_TRUE(request.rest);
+  EXPECT_EQ(unzipped(sent(request), content.size() + 1), content);
+}
+
+TEST_F(UploadBackendTest, WithoutRoomForItNothingIsSent) {
+  file = std::make_shared<FakeGrantedFile>(noise(1'000'000));
+  platform.files->createUnnamedFailure = Failure{"Permission denied", EACCES};
+  EXPECT_FALSE(upload());
+  EXPECT_THAT(errors(), ElementsAre("UploadBackend(uploadFileAtPath): There is no room for the "
+                                    "compressed file: Permission denied"));
+  platform.files->createUnnamedFailure.reset();
+  platform.files->unnamedCapacity = 500'000;
+  EXPECT_FALSE(upload());
+  EXPECT_THAT(errors(), ElementsAre("UploadBackend(uploadFileAtPath): There is no room for the "
+                                    "compressed file: No space left on device"));
+  EXPECT_EQ(requests(), 0u);
+  EXPECT_EQ(file->removals, 0);
 }
 
 TEST_F(UploadBackendTest, AFilePastTheLimitIsRefusedBeforeItIsRead) {

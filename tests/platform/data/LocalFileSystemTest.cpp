@@ -238,6 +238,37 @@ TEST(RegularFile, ThatIsNoRegularFileIsAFailureAndBlocksNobody) {
   EXPECT_FALSE(readRegularFile(pipe));
 }
 
+TEST_F(LocalFileSystemTest, AFileWithoutANameIsReadAsItWasWrittenAndSeenNowhere) {
+  const auto created = files.createUnnamedFile(scratch.path());
+  ASSERT_TRUE(created);
+  UnnamedFile& file = *created.value();
+  EXPECT_EQ(file.size(), 0u);
+  EXPECT_FALSE(file.append("one, "));
+  EXPECT_FALSE(file.append("two"));
+  EXPECT_EQ(file.size(), 8u);
+  std::string room(5, '\0');
+  EXPECT_EQ(file.read(2, room), 5u);
+  EXPECT_EQ(room, "e, tw");
+  EXPECT_EQ(file.read(6, room), 2u);
+  EXPECT_EQ(file.read(8, room), 0u);
+  EXPECT_TRUE(std::filesystem::is_empty(scratch.path()));
+  const auto nowhere = files.createUnnamedFile(at("missing"));
+  ASSERT_FALSE(nowhere);
+  EXPECT_EQ(nowhere.failure().code, ENOENT);
+}
+
+TEST_F(LocalFileSystemTest, AFileWithoutANameSaysThatTheDiskIsFull) {
+  EXPECT_EQ(inChild([&] {
+              const auto created = files.createUnnamedFile(scratch.path());
+              const rlimit few{100, 100};
+              std::signal(SIGXFSZ, SIG_IGN);
+              if (!created || setrlimit(RLIMIT_FSIZE, &few) != 0) return 2;
+              const auto failure = created.value()->append(std::string(200, 'x'));
+              return failure && failure->code == EFBIG ? 0 : 1;
+            }),
+            0);
+}
+
 TEST(FileStamp, TellsAChangedFileFromTheOneBefore) {
   const ScratchFolder scratch;
   const std::string path = scratch.write("file", "one");

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "platform/http/CurlHTTPClient.h"
+#include "tests/fakes/FakeFileSystem.h"
 #include "tests/platform/http/HTTPClientFixture.h"
 #include "tests/support/Waiting.h"
 
@@ -100,6 +101,46 @@ TEST_P(HTTPClientTest, AddsNothingButHostAndLength) {
   ASSERT_EQ(codeOf(post("")), 0);
   EXPECT_EQ(seen.headers.size(), 2u);
   EXPECT_EQ(seen.header("Content-Length"), "0");
+}
+
+TEST_P(HTTPClientTest, SendsTheRestOfABodyFromItsFile) {
+  lab::Request seen;
+  serve([&](const lab::Request& request) {
+    seen = request;
+    return lab::Answer{};
+  });
+  FakeFileSystem files(clock);
+  std::string rest;
+  for (int i = 0; rest.size() < 3'000'000; ++i) rest += std::to_string(i);
+  for (const std::string& body :
+       {std::string("begin, "), std::string(), std::string(100'000, 'b')}) {
+    HTTPRequest request = post(body);
+    const auto file = files.createUnnamedFile("/").value();
+    ASSERT_FALSE(file->append(rest));
+    request.rest = file;
+    ASSERT_EQ(codeOf(request), 0);
+    EXPECT_TRUE(seen.body == body + rest);
+    EXPECT_EQ(seen.headers.size(), 2u) << "host and length";
+    ASSERT_EQ(codeOf(post("other")), 0);
+    EXPECT_EQ(seen.body, "other");
+  }
+}
+
+TEST_P(HTTPClientTest, ABodyWhoseFileCannotBeReadIsAnError) {
+  class Unreadable final : public UnnamedFile {
+   public:
+    std::optional<Failure> append(std::string_view) override { return std::nullopt; }
+    std::size_t size() const override { return 1'000'000; }
+    std::optional<std::size_t> read(std::size_t offset, std::span<char> room) const override {
+      if (offset > 500'000) return std::nullopt;
+      return room.size();
+    }
+  };
+  serve(lab::Answer{});
+  HTTPRequest request = post("begin");
+  request.rest = std::make_shared<Unreadable>();
+  EXPECT_EQ(codeOf(request), CURLE_ABORTED_BY_CALLBACK);
+  EXPECT_EQ(codeOf(get()), 0);
 }
 
 TEST_P(HTTPClientTest, RequestsOnOneConnectionDoNotColourEachOther) {
