@@ -2,15 +2,24 @@
 
 #include <capnp/serialize.h>
 #include <fmt/format.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <utility>
+
+#include "base/Sanitizer.h"
+#include "protocol/Limits.h"
+#include "tests/rpc/TestGrant.h"
 
 namespace corvid {
 
 namespace {
+
+// Sanitizers take several times as much memory and time.
+constexpr std::size_t slowness = hasSanitizer ? 8 : 1;
 
 constexpr std::uint16_t setSessionInfo = 0;
 constexpr std::uint16_t startConfig = 1;
@@ -82,6 +91,15 @@ void AttackFixture::configure(WireClient& client, int clientType, const Dictiona
   client.session.startConfigRequest().send().wait(client.scope);
 }
 
+bool AttackFixture::upload(WireClient& client, int descriptor, const std::string& url) {
+  int removals = 0;
+  auto request = client.session.uploadFileRequest();
+  request.setReplyWanted(true);
+  request.setFileURL(url);
+  if (descriptor >= 0) request.setFile(kj::heap<TestGrant>(descriptor, removals));
+  return request.send().wait(client.scope).getSuccess();
+}
+
 bool AttackFixture::awaitAnswer(RawClient& client, std::uint32_t question) {
   const timeval bound{60, 0};
   setsockopt(client.socket.get(), SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof bound);
@@ -102,14 +120,19 @@ void AttackFixture::together(std::size_t count, const std::function<void(std::si
   for (std::size_t i = 0; i < count; ++i) threads.emplace_back([&, i] { attack(i); });
 }
 
-void AttackFixture::start(uid_t user, std::function<void(WireClient&)> work) {
-  _started.emplace_back([this, user, work = std::move(work)] {
+void AttackFixture::start(std::function<void()> work) {
+  _started.emplace_back([work = std::move(work)] {
+    setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), 19);
     try {
-      work(*wireClient(user));
+      work();
     } catch (const std::exception&) {
       // The daemon has ended.
     }
   });
+}
+
+void AttackFixture::start(uid_t user, std::function<void(WireClient&)> work) {
+  start([this, user, work = std::move(work)] { work(*wireClient(user)); });
 }
 
 std::chrono::milliseconds AttackFixture::victimWaits(const std::function<bool()>& isOver) {
@@ -124,6 +147,35 @@ std::chrono::milliseconds AttackFixture::victimWaits(const std::function<bool()>
   std::ranges::sort(waits);
   return std::chrono::duration_cast<std::chrono::milliseconds>(
       waits[(waits.size() * 99 + 99) / 100 - 1]);
+}
+
+void AttackFixture::expectVictimWaitsLittle(const std::function<bool()>& isOver) {
+  const std::chrono::milliseconds waits = victimWaits(isOver);
+  RecordProperty("victim_waits_ms", static_cast<int>(waits.count()));
+  EXPECT_LT(waits, slowness * std::chrono::milliseconds(100));
+}
+
+void AttackFixture::expectPeakBelow(std::size_t bytes) const {
+  const std::size_t peak = _daemon->peakMemory();
+  RecordProperty("peak_mebibytes", static_cast<int>(peak / mebibyte));
+  EXPECT_LT(peak, slowness * bytes) << "peak of " << peak / mebibyte << " MiB";
+}
+
+std::string AttackFixture::announcement() {
+  constexpr std::size_t words = limits::messageBytes / 8 - 1;
+  return numbers({0, static_cast<std::uint32_t>(words)}) + std::string(64 * 1024, '\0');
+}
+
+std::string AttackFixture::noise(std::size_t bytes) {
+  std::string noise(bytes, '\0');
+  std::uint64_t state = 1;
+  for (std::size_t at = 0; at + 8 <= bytes; at += 8) {
+    state ^= state << 13;
+    state ^= state >> 7;
+    state ^= state << 17;
+    std::memcpy(&noise[at], &state, 8);
+  }
+  return noise;
 }
 
 std::string AttackFixture::describe(int clientType, bool batches) {

@@ -45,6 +45,7 @@ class AttackFixture : public LabFixture {
   static constexpr uid_t attacker = 65534;
   static constexpr uid_t secondAttacker = 65533;
   static constexpr int attackersType = 5;
+  static constexpr std::size_t mebibyte = std::size_t{1} << 20;
 
   void SetUp() override;
   // The daemon has not ended and serves.
@@ -69,22 +70,36 @@ class AttackFixture : public LabFixture {
   static void configure(WireClient& client, int clientType, const Dictionary& userInfo = {},
                         bool aggregates = false);
 
+  // What the daemon says of an upload; below 0 nothing is granted.
+  static bool upload(WireClient& client, int descriptor, const std::string& url = "file:///log");
+
   // Until the call with that number is answered; false where the connection ends before, or nothing
   // comes for a minute.
   static bool awaitAnswer(RawClient& client, std::uint32_t question);
 
   // Each on a thread of its own, until all have ended.
   static void together(std::size_t count, const std::function<void(std::size_t)>& attack);
-  // Runs `work` as a client of that user, on a thread of its own, until it is done or the daemon
-  // has ended.
+  // Runs `work` on a thread of its own until it is done, or the daemon has ended and it throws. The
+  // thread gives way to others: the attack is to cost the daemon's time and not this process's.
+  void start(std::function<void()> work);
+  // The same with a client of that user.
   void start(uid_t user, std::function<void(WireClient&)> work);
   // Until all that was started is done.
   void awaitStarted() { _started.clear(); }
+
+  // Victims wait less than 100 ms, and the daemon never had so much in memory, or several times as
+  // much under a sanitizer.
+  void expectVictimWaitsLittle(const std::function<bool()>& isOver = [] { return true; });
+  void expectPeakBelow(std::size_t bytes) const;
 
   // Sends at least 200 events, and goes on until the attack is over; gives the time that 99 of 100
   // of them stay below.
   std::chrono::milliseconds victimWaits(const std::function<bool()>& isOver);
 
+  // The start of a message of 16 MiB, and a little of it.
+  static std::string announcement();
+  // Nothing that a compressor could make smaller.
+  static std::string noise(std::size_t bytes);
   static std::string describe(int clientType, bool batches = false);
   static std::string event(std::uint32_t question, const Dictionary& payload,
                            bool replyWanted = true);

@@ -10,7 +10,6 @@
 
 #include "protocol/Limits.h"
 #include "tests/attack/AttackFixture.h"
-#include "tests/rpc/TestGrant.h"
 #include "tests/support/Waiting.h"
 #include "tools/lab/HTTPServer.h"
 
@@ -47,15 +46,8 @@ TEST_F(UploadShares, WhatOneUserUploadsLeavesAnotherRoomForTheLargestFile) {
     start(attacker, [this](WireClient& client) {
       configure(client, uploadClient);
       const Descriptor file(open(_file.c_str(), O_RDONLY | O_CLOEXEC));
-      int removals = 0;
-      for (;;) {
-        auto request = client.session.uploadFileRequest();
-        request.setReplyWanted(true);
-        request.setFileURL("file://" + _file);
-        request.setFile(kj::heap<TestGrant>(file.get(), removals));
-        if (!request.send().wait(client.scope).getSuccess())
-          std::this_thread::sleep_for(milliseconds(20));
-      }
+      for (;;)
+        if (!upload(client, file.get())) std::this_thread::sleep_for(milliseconds(20));
     });
   ASSERT_TRUE(waitUntil([&] { return timesLogged(refusal) > 0; })) << "the share is not full";
   TestClient victim(_root.path(), std::chrono::seconds(60));
@@ -66,6 +58,21 @@ TEST_F(UploadShares, WhatOneUserUploadsLeavesAnotherRoomForTheLargestFile) {
     std::this_thread::sleep_for(milliseconds(50));
   }
   EXPECT_EQ(victim.upload(_file).text(), "accepted");
+}
+
+TEST_F(UploadShares, WhatDoesNotGetSmallerIsNotKeptInMemory) {
+  const std::string path = _root.write("files/noise", noise(48 * mebibyte));
+  together(3, [&](std::size_t) {
+    const auto client = wireClient();
+    configure(*client, uploadClient);
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    EXPECT_TRUE(upload(*client, file.get()));
+  });
+  EXPECT_EQ(_server.requestsAnswered(), 3u);
+  expectPeakBelow(48 * mebibyte);
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(_root.path("var/lib/corvidd")), {}),
+            2)
+      << "settings and logs";
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <set>
 #include <utility>
 
 #include "base/Reading.h"
@@ -90,6 +91,14 @@ void LabFixture::admitBystander() {
 
 std::string LabFixture::sendAsBystander() {
   return _bystander->send(fmt::format("bystander {}", ++_bystanderEvents)).text();
+}
+
+std::size_t LabFixture::bystandersMissing() {
+  std::set<std::string> arrived;
+  for (const Dictionary& record : records())
+    if (const std::string* mark = stringAt(record, "mark"); mark && mark->starts_with("bystander "))
+      arrived.insert(*mark);
+  return static_cast<std::size_t>(_bystanderEvents) - arrived.size();
 }
 
 bool LabFixture::bystanderReports() {

@@ -50,6 +50,8 @@ class LabFixture : public testing::Test {
   bool bystanderReports();
   // Sends an event of it: how that call ended.
   std::string sendAsBystander();
+  // How many of its events have not arrived so far.
+  std::size_t bystandersMissing();
 
   ScratchLab _root;
   lab::Lab _lab;
