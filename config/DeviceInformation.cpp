@@ -11,7 +11,6 @@ namespace corvid {
 namespace {
 
 constexpr std::string_view unknownLibraryVersion = "8.0";
-constexpr std::size_t mostDeviceIDBytes = 40;
 
 std::optional<std::string> answer(std::string_view key) {
   return Platform::current().deviceInformation().answer(key).value;

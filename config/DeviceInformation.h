@@ -19,7 +19,8 @@ std::optional<std::string> deviceName();
 std::optional<std::string> hardwareModel();
 std::optional<std::string> serialNumber();
 
-// The device's unique identifier; empty without an answer, or with one of more than 40 bytes.
+// The device's unique identifier; empty without an answer, or with one of more bytes than these.
+inline constexpr std::size_t mostDeviceIDBytes = 40;
 std::string uniqueDeviceID();
 
 // Whether "ReleaseType" is exactly "Internal"; asked once per process.

@@ -14,7 +14,8 @@ inline constexpr std::size_t mostMessageLogBytes = std::size_t{64} << 20;
 
 // Appends one dated line to the daemon's current message log file, starting a new file each day
 // and removing older ones. It counts as the acting user's. Failures are logged and reported to
-// nobody; where space or descriptors are short, the line alone is lost. Any thread.
+// nobody; where space or descriptors are short, the line alone is lost. Nothing happens where the
+// deployment does without the log. Any thread.
 void writeToLogFile(std::string_view message);
 
 template <class... A>

@@ -1,26 +1,25 @@
 // What --check-config does.
 #pragma once
 
-#include <string>
-#include <vector>
-
+#include "daemon/check/Findings.h"
 #include "platform/Paths.h"
 
 namespace corvid {
 
-// What was found about one file or folder, as one line for people: its path, what is the matter and
-// what to do.
-struct ConfigFinding {
-  // Right; to be known, but no fault; or wrong, so that something will not work.
-  enum class Kind { right, note, wrong };
-  Kind kind;
-  std::string text;
+struct ConfigCheckOptions {
+  bool asJSON = false;
+  // The daemon would enter its sandbox.
+  bool entersSandbox = true;
 };
 
 // Reads every file that the daemon reads below its root, as the daemon would, and changes nothing.
-std::vector<ConfigFinding> checkConfig(const Paths& paths);
+// Where root asks, for the owner of the daemon's folder, else the user "corvidd", but with root's
+// rights; others ask for themselves. Call it on the only thread of the process, which must have no
+// Platform.
+Findings checkConfig(const Paths& paths, const ConfigCheckOptions& options = {});
 
-// Prints the findings to standard output; 1 when any is wrong, else 0.
-int printConfigCheck(const Paths& paths);
+// The same, having become that user first. Prints the findings to standard output; 1 when any is
+// wrong, else 0.
+int printConfigCheck(const Paths& paths, const ConfigCheckOptions& options);
 
 }  // namespace corvid

@@ -67,9 +67,8 @@ Deployment deploymentAt(const std::string& path) {
              deployment.failure().message);
     return {};
   }
-  for (const std::string& setting : deployment.value().passedOver)
-    logError("main: The deployment's {} is of the wrong type and is passed over: {}", setting,
-             path);
+  for (const SettingFault& fault : deployment.value().faults)
+    logError("main: The deployment's {} {}: {}", fault.key, fault.what, path);
   return std::move(deployment).value();
 }
 

@@ -53,8 +53,10 @@ std::variant<Options, int> readOptions(std::vector<std::string> arguments) {
       "End after so many seconds without work; 0 is never\n(60 when started by its socket, else 0)");
   addChoice<bool>(app, "--sandbox", options.enforcesSandbox, {{"enforce", true}, {"off", false}},
                   "Enter the sandbox profile, or do without it (enforce)");
-  app.add_flag("--check-config", options.checksConfig,
-               "Check every file that the daemon reads, and exit");
+  CLI::Option* const check = app.add_flag("--check-config", options.checksConfig,
+                                          "Check every file that the daemon reads, and exit");
+  app.add_flag("--json", options.printsJSON, "Print what is found as one JSON object")
+      ->needs(check);
 
   if (const auto status = readCommandLine(app, std::move(arguments))) return *status;
   if (*hasIdleExit) options.idleExit = std::chrono::seconds(idleExit);

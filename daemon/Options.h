@@ -21,8 +21,9 @@ struct Options {
   std::optional<std::chrono::seconds> idleExit;
   // False leaves the process outside the sandbox.
   bool enforcesSandbox = true;
-  // Checks the configuration instead of serving.
+  // Checks the configuration instead of serving; how findings are printed.
   bool checksConfig = false;
+  bool printsJSON = false;
 };
 
 // Reads the arguments after the program's name, and CORVID_ROOT where they name no root. An int is

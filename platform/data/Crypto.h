@@ -22,6 +22,10 @@ SHA1Digest sha1(std::string_view bytes);
 SHA256Digest sha256(std::string_view bytes);
 SHA256Digest hmacSHA256(std::string_view key, std::string_view message);
 
+// What the bytes of a key file are, where they are no public key in DER form.
+enum class KeyForm { none, publicPEM, privateKey };
+KeyForm keyFormOf(std::string_view bytes);
+
 // An RSA public key. Immutable; any thread.
 class RSAPublicKey {
  public:

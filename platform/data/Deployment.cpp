@@ -1,7 +1,10 @@
 #include "platform/data/Deployment.h"
 
+#include <fmt/format.h>
+
 #include <charconv>
 #include <string_view>
+#include <utility>
 
 #include "base/URL.h"
 #include "platform/data/PropertyList.h"
@@ -9,6 +12,15 @@
 namespace corvid {
 
 namespace {
+
+constexpr std::string_view settings[] = {"ProductionStorebagHost",
+                                         "InternalStorebagHost",
+                                         "CAFile",
+                                         "AllowInsecureHTTP",
+                                         "ConsentIsLive",
+                                         "TCPPorts",
+                                         "MessageLog"};
+constexpr const char* ofWrongType = "is of the wrong type and is passed over";
 
 constexpr std::uint16_t nameServicePort = 53;
 constexpr std::uint16_t httpsPort = 443;
@@ -23,6 +35,28 @@ std::uint16_t portOf(const std::string& host) {
   const char* const colon = parts->host.data() + parts->host.size();
   if (colon < end) std::from_chars(colon + 1, end, port);
   return port;
+}
+
+// Of `host[:port]`.
+std::optional<SettingFault> faultOfHost(std::string_view key, const std::string& host) {
+  const std::string behindScheme = "https://" + host;
+  const auto parts = parseURL(behindScheme);
+  const bool isHost = parts && !parts->host.empty() && parts->authority == host &&
+                      !host.ends_with(':') && host.find('@') == host.npos &&
+                      (parts->host.size() == host.size() || portOf(host) != 0);
+  if (isHost) return std::nullopt;
+  SettingFault fault{std::string(key),
+                     fmt::format("takes a host, or host:port, and \"{}\" is neither", host)};
+  // The host of a URL, or what stands before a path.
+  const auto url = parseURL(host);
+  const std::string_view meant = url && !url->authority.empty() ? url->authority
+                                 : parts                        ? parts->authority
+                                                                : std::string_view();
+  if (!meant.empty() && meant.size() < host.size() && !faultOfHost(key, std::string(meant))) {
+    fault.text = fmt::format("<string>{}</string>", host);
+    fault.replacement = fmt::format("<string>{}</string>", meant);
+  }
+  return fault;
 }
 
 std::set<std::uint16_t> portsIn(const Value& value, bool& hasOthers) {
@@ -58,27 +92,36 @@ Result<Deployment> readDeployment(const std::string& path) {
   const auto find = [&](std::string_view key, Value::Type type) -> const Value* {
     const Value* value = values.value().find(key);
     if (!value || value->type() == type) return value;
-    deployment.passedOver.emplace_back(key);
+    deployment.faults.push_back({std::string(key), ofWrongType});
     return nullptr;
   };
   const auto takeText = [&](std::string_view key, auto& into) {
     const Value* value = find(key, Value::Type::string);
     if (value && !value->string()->empty()) into = *value->string();
   };
-  takeText("ProductionStorebagHost", deployment.productionStorebagHost);
-  takeText("InternalStorebagHost", deployment.internalStorebagHost);
+  const auto takeHost = [&](std::string_view key, std::string& into) {
+    takeText(key, into);
+    if (auto fault = faultOfHost(key, into)) deployment.faults.push_back(*std::move(fault));
+  };
+  takeHost("ProductionStorebagHost", deployment.productionStorebagHost);
+  takeHost("InternalStorebagHost", deployment.internalStorebagHost);
   takeText("CAFile", deployment.caFile);
+  if (deployment.caFile && !deployment.caFile->starts_with('/'))
+    deployment.faults.push_back({"CAFile", "is no absolute path"});
   const auto takeFlag = [&](std::string_view key, bool& into) {
     if (const Value* value = find(key, Value::Type::boolean)) into = *value->boolean();
   };
   // Nothing but a plain yes lowers a guard.
   takeFlag("AllowInsecureHTTP", deployment.allowInsecureHTTP);
   takeFlag("ConsentIsLive", deployment.consentIsLive);
+  takeFlag("MessageLog", deployment.messageLog);
   if (const Value* value = values.value().find("TCPPorts")) {
     bool hasOthers = false;
     deployment.tcpPorts = portsIn(*value, hasOthers);
-    if (hasOthers) deployment.passedOver.emplace_back("TCPPorts");
+    if (hasOthers) deployment.faults.push_back({"TCPPorts", ofWrongType});
   }
+  for (SettingFault& fault : unknownKeys(values.value(), settings))
+    deployment.faults.push_back(std::move(fault));
   return deployment;
 }
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "base/Result.h"
+#include "platform/data/SettingFault.h"
 
 namespace corvid {
 
@@ -24,19 +25,21 @@ struct Deployment {
   // The TCP ports that the daemon may connect to, beside 53, 443 and those of the hosts; nothing:
   // to all.
   std::optional<std::set<std::uint16_t>> tcpPorts;
-  // Settings that are passed over because their value is of the wrong type.
-  std::vector<std::string> passedOver;
+  // The local message log is written.
+  bool messageLog = true;
+  // Settings that are passed over, and those that cannot work.
+  std::vector<SettingFault> faults;
 };
 
 // Every TCP port that the deployment lets the daemon connect to; nothing where that is all.
 std::optional<std::set<std::uint16_t>> reachableTCPPorts(const Deployment& deployment);
 
 // Reads the property list's "ProductionStorebagHost", "InternalStorebagHost" and "CAFile" (texts
-// that are not empty), "AllowInsecureHTTP" and "ConsentIsLive" (booleans). Whatever is missing or
-// of another type stays at its default, the latter listed as passed over; but of "TCPPorts" (an
-// array of integers) what is no port is left out, and no array counts as an empty one. A file that
-// cannot be read, or is no dictionary, is a failure that names it; its code is ENOENT where there
-// is none.
+// that are not empty), "AllowInsecureHTTP", "ConsentIsLive" and "MessageLog" (booleans). Whatever
+// is missing or of another type stays at its default, the latter a fault; but of "TCPPorts" (an
+// array of integers) what is no port is left out, and no array counts as an empty one. Faults are
+// also unknown keys, a host that is no host[:port] and a relative CAFile. A file that cannot be
+// read, or is no dictionary, is a failure that names it; its code is ENOENT where there is none.
 Result<Deployment> readDeployment(const std::string& path);
 
 }  // namespace corvid

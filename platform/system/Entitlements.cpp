@@ -65,6 +65,8 @@ Result<EntitlementFile> readEntitlementFile(const std::string& path) {
     if (file.fault.empty()) file.fault = faultOf(condition, value);
   if (file.fault.empty() && !entitlements)
     file.fault = "refuses those who match; give a dictionary \"entitlements\"";
+  constexpr std::string_view keys[] = {"match", "entitlements"};
+  file.faults = unknownKeys(content.value(), keys);
   return file;
 }
 
@@ -96,6 +98,11 @@ std::optional<Entitlements::AccountID> Entitlements::accountID(const Value& valu
   const auto [stop, error] = std::from_chars(text->data(), end, number);
   if (stop == end) return error == std::errc() ? accountID(number, names) : std::nullopt;
   return names.number(*text);
+}
+
+bool Entitlements::accountExists(std::string_view condition, const Value& value) {
+  Entitlements machine{std::string()};
+  return accountID(value, condition == "user" ? machine._users : machine._groups).has_value();
 }
 
 bool Entitlements::holds(std::string_view condition, const Value& value, const PeerIdentity& peer) {

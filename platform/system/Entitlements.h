@@ -6,10 +6,12 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "base/Mutex.h"
 #include "base/Result.h"
 #include "base/Value.h"
+#include "platform/data/SettingFault.h"
 #include "platform/system/PeerIdentity.h"
 
 namespace corvid {
@@ -18,7 +20,8 @@ namespace corvid {
 struct EntitlementFile {
   Dictionary match;
   Dictionary entitlements;
-  std::string fault;  // why it cannot be used, and what to do; empty where it can
+  std::string fault;                   // why it cannot be used, and what to do; empty where it can
+  std::vector<SettingFault> faults{};  // of keys beside these
 };
 
 // The failure names the file, and says why it holds no dictionary.
@@ -42,6 +45,8 @@ class Entitlements {
   // Everything is read at each call. A file that cannot be used and could concern the peer is
   // logged.
   Dictionary entitlementsForPeer(const PeerIdentity& peer);
+  // Whether the machine has the account that a condition `user` or `group` wants.
+  static bool accountExists(std::string_view condition, const Value& value);
 
  private:
   using AccountID = std::uint32_t;

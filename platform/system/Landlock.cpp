@@ -107,6 +107,11 @@ bool allowPorts(const Descriptor& ruleset, const SandboxProfile& profile) {
   });
 }
 
+// Negative, with errno, where there is none.
+long askedABI() {
+  return syscall(SYS_landlock_create_ruleset, nullptr, 0, LANDLOCK_CREATE_RULESET_VERSION);
+}
+
 // Landlock came with Linux 5.13.
 bool isNewEnough() {
   utsname system{};
@@ -134,9 +139,13 @@ std::string whyNoLandlock(int error, bool newEnough, bool filtered) {
       std::strerror(error));
 }
 
+std::optional<std::string> landlockMissing() {
+  if (askedABI() >= 0) return std::nullopt;
+  return whyNoLandlock(errno, isNewEnough(), isFiltered());
+}
+
 std::optional<std::string> enterLandlock(const SandboxProfile& profile) {
-  const long abi =
-      syscall(SYS_landlock_create_ruleset, nullptr, 0, LANDLOCK_CREATE_RULESET_VERSION);
+  const long abi = askedABI();
   if (abi < 0) return whyNoLandlock(errno, isNewEnough(), isFiltered());
 
   const RulesetAttributes attributes = attributesFor(profile, abi);

@@ -18,6 +18,9 @@ namespace corvid {
 // Gives nothing on success, else what failed.
 std::optional<std::string> enterLandlock(const SandboxProfile& profile);
 
+// Why the system has none to enter; nothing where it has.
+std::optional<std::string> landlockMissing();
+
 // What is to be done where the system refuses the first question with that error: about the kernel,
 // or about a filter around the process that has forbidden or hidden the calls. `newEnough`: the
 // kernel's version has Landlock.

@@ -57,7 +57,7 @@ std::optional<std::string> makeFolders(const SandboxProfile& profile) {
 }  // namespace
 
 std::optional<std::string> sandboxInit(const std::string& profileName, const Paths& paths,
-                                       const Deployment& deployment) {
+                                       const Deployment& deployment, MissingFolders folders) {
   Result<SandboxProfile> profile = SandboxProfile::named(profileName, paths, deployment);
   if (!profile)
     return fmt::format("profile {}; install the daemon's own profile there",
@@ -70,7 +70,8 @@ std::optional<std::string> sandboxInit(const std::string& profileName, const Pat
     return fmt::format("cannot give up new privileges: {}", std::strerror(errno));
   // Linux 6.3 and later; the system-call filter refuses the same by itself.
   prctl(PR_SET_MDWE, PR_MDWE_REFUSE_EXEC_GAIN, 0, 0, 0);
-  if (auto error = makeFolders(profile.value())) return error;
+  if (folders == MissingFolders::make)
+    if (auto error = makeFolders(profile.value())) return error;
   if (auto error = enterLandlock(profile.value())) return error;
   return enterSeccompFilter(profile.value());
 }

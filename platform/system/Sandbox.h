@@ -17,8 +17,12 @@ namespace corvid {
 // Gives nothing on success, else a text that says what failed and what to do; the process is then
 // partly confined at most and should end. A missing or unusable profile is a failure, and so is a
 // kernel without Landlock or seccomp.
+//
+// With `MissingFolders::leave` no folder is made, and nothing can be written to those that lack.
+enum class MissingFolders { make, leave };
 std::optional<std::string> sandboxInit(const std::string& profileName, const Paths& paths,
-                                       const Deployment& deployment = {});
+                                       const Deployment& deployment = {},
+                                       MissingFolders folders = MissingFolders::make);
 
 // Takes from all threads what is needed once at most, to set up the listener: making a socket
 // listen and changing a file's mode by name. Landlock confines neither: it refuses to bind a TCP

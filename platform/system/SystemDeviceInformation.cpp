@@ -224,7 +224,12 @@ Result<DeviceAnswers> readDeviceAnswers(const std::string& path) {
   if (!answers) return answers.failure();
   DeviceAnswers read{std::move(answers).value(), {}};
   for (const auto& [key, value] : read.answers)
-    if (!value.string()) read.passedOver.push_back(key);
+    if (!value.string()) read.faults.push_back({key, "is no text and is passed over"});
+  constexpr std::string_view keys[] = {"ProductVersion", "BuildVersion", "ProductType",
+                                       "DeviceName",     "HWModelStr",   "SerialNumber",
+                                       "UniqueDeviceID", "ReleaseType"};
+  for (SettingFault& fault : unknownKeys(read.answers, keys))
+    read.faults.push_back(std::move(fault));
   return read;
 }
 
@@ -242,8 +247,8 @@ void SystemDeviceInformation::updateDeviceAnswers() {
     return logError("deviceInformation: {}; {}", read.failure().message,
                     _deviceAnswers.empty() ? "going on without it" : "keeping what was in force");
   _deviceAnswers = std::move(read.value().answers);
-  for (const std::string& key : read.value().passedOver)
-    logError("deviceInformation: {}: \"{}\" is no text and is passed over", _deviceFile, key);
+  for (const SettingFault& fault : read.value().faults)
+    logError("deviceInformation: {}: \"{}\" {}", _deviceFile, fault.key, fault.what);
 }
 
 }  // namespace corvid

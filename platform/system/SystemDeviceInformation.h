@@ -11,13 +11,15 @@
 #include "base/Value.h"
 #include "platform/Device.h"
 #include "platform/data/LocalFileSystem.h"
+#include "platform/data/SettingFault.h"
 
 namespace corvid {
 
-// What the property list says for the machine. What is no text is listed, and no answer.
+// What the property list says for the machine. What is no text is a fault, and no answer; unknown
+// keys are faults too.
 struct DeviceAnswers {
   Dictionary answers;
-  std::vector<std::string> passedOver;
+  std::vector<SettingFault> faults;
 };
 // The failure names the file.
 Result<DeviceAnswers> readDeviceAnswers(const std::string& path);

@@ -362,6 +362,17 @@ TEST_F(MessageLog, OnlyNamesOfThreePartsAreLogFiles) {
   EXPECT_TRUE(exists(newFile));
 }
 
+TEST_F(MessageLog, IsNotTouchedWhereTheDeploymentSwitchesItOff) {
+  const std::string old = add("corvidd_1_messageLog.diag", TimeValue{now - 100'000, 0});
+  Deployment deployment;
+  deployment.messageLog = false;
+  platform.restart(Paths("/nonexistent/root"), deployment);
+  writeToLogFile("hello");
+  EXPECT_EQ(content(old), "");
+  EXPECT_EQ(platform.files->files.size(), 1u);
+  EXPECT_TRUE(platform.log.lines().empty());
+}
+
 TEST_F(MessageLog, TheMiddlePartIsNotExamined) {
   for (const std::string name : {"corvidd_x_messageLog.diag", "corvidd__messageLog.diag"}) {
     platform.files->files.clear();

@@ -60,6 +60,12 @@ TEST_F(OptionsTest, WithoutArgumentsRunsOnTheMachineItselfUnderTheSandbox) {
   EXPECT_TRUE(options.enforcesSandbox);
 }
 
+TEST_F(OptionsTest, JSONIsAFormOfTheConfigurationCheck) {
+  EXPECT_FALSE(parse({"--check-config"}).printsJSON);
+  EXPECT_TRUE(parse({"--json", "--check-config"}).printsJSON);
+  EXPECT_EQ(refusal({"--json"}), "--json requires --check-config");
+}
+
 TEST_F(OptionsTest, TakeTheirValueFromTheNextArgument) {
   const Options options = parse({"--root", "/r", "--log", "stderr", "--log-level", "debug",
                                  "--idle-exit", "5", "--sandbox", "off"});

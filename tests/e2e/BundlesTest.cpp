@@ -80,6 +80,24 @@ INSTANTIATE_TEST_SUITE_P(All, FaultyBundles,
                                          "LacksTheClass", "IsOfAnotherVersion", "NoBundle"),
                          [](const auto& test) { return std::string(test.param); });
 
+TEST_F(Bundles, TheConfigurationCheckTriesThem) {
+  const auto found = [&] {
+    DaemonProcess check(_root, {"--check-config"});
+    check.waitForExit();
+    const std::string text = check.standardOutput();
+    _root.remove("stdout");
+    return text;
+  };
+  const std::string path = _root.path("usr/lib/corvid/PerformanceBundle.so");
+  install(CORVID_EXAMPLE_BUNDLE);
+  EXPECT_NE(found().find("ok    " + path + ": can be loaded\n"), std::string::npos);
+  for (const char* name :
+       {"CrashesAtLoad", "CrashesAtCreate", "EndsTheProcessAtLoad", "NoBundle"}) {
+    install(faulty(name));
+    EXPECT_NE(found().find("WRONG " + path + ": is not used: it "), std::string::npos) << name;
+  }
+}
+
 TEST_F(Bundles, WhatAnAdaptorThrowsIsAnErrorLineForEachEvent) {
   install(faulty("Throws"));
   startDaemon();

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "base/Reading.h"
+#include "platform/data/PropertyList.h"
 #include "tests/e2e/ClientProcess.h"
 #include "tests/e2e/LabFixture.h"
 #include "tests/support/Waiting.h"
@@ -74,6 +75,25 @@ TEST_F(UploadsEndToEnd, AFileArrivesWholeAndIsRemoved) {
   EXPECT_EQ(*stringAt(headers, "Content-Encoding"), "gzip");
   EXPECT_TRUE(_daemon->waitForLog("uploadFileAtPath: Uploading file for session 42"));
   EXPECT_TRUE(_daemon->waitForLog("uploadFileWithURL: File upload successful for " + file));
+}
+
+TEST_F(UploadsEndToEnd, TheMessageLogIsWrittenUnlessTheDeploymentSwitchesItOff) {
+  const std::string folder = _root.path("var/lib/corvidd/Library/Logs/Faultline/Retired");
+  _daemon.reset();
+  Dictionary deployment = readDictionaryFile(_root.path("etc/corvid/deployment.plist")).value();
+  deployment.set("MessageLog", false);
+  _root.write("etc/corvid/deployment.plist", writeXMLPropertyList(deployment));
+  startDaemon();
+  configure();
+  EXPECT_EQ(upload(write("quiet")), "accepted");
+  EXPECT_FALSE(fs::exists(folder) && !fs::is_empty(folder));
+  _daemon.reset();
+  deployment.set("MessageLog", true);
+  _root.write("etc/corvid/deployment.plist", writeXMLPropertyList(deployment));
+  startDaemon();
+  configure();
+  EXPECT_EQ(upload(write("noted")), "accepted");
+  EXPECT_TRUE(waitUntil([&] { return fs::exists(folder) && !fs::is_empty(folder); }));
 }
 
 TEST_F(UploadsEndToEnd, EveryNameComesThrough) {

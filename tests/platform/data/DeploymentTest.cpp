@@ -22,12 +22,18 @@ class DeploymentTest : public testing::Test {
     EXPECT_FALSE(deployment);
     return deployment ? "" : deployment.failure().message;
   }
+  static std::vector<std::string> keysOf(const std::vector<SettingFault>& faults) {
+    std::vector<std::string> keys;
+    for (const SettingFault& fault : faults) keys.push_back(fault.key);
+    return keys;
+  }
   static void expectDefaults(const Deployment& deployment) {
     EXPECT_EQ(deployment.productionStorebagHost, Deployment().productionStorebagHost);
     EXPECT_EQ(deployment.internalStorebagHost, Deployment().internalStorebagHost);
     EXPECT_EQ(deployment.caFile, std::nullopt);
     EXPECT_FALSE(deployment.allowInsecureHTTP);
     EXPECT_FALSE(deployment.consentIsLive);
+    EXPECT_TRUE(deployment.messageLog);
   }
 
   ScratchFolder scratch;
@@ -38,12 +44,15 @@ TEST_F(DeploymentTest, EverySettingIsRead) {
                                       {"InternalStorebagHost", "internal.example"},
                                       {"CAFile", "/etc/ca.pem"},
                                       {"AllowInsecureHTTP", true},
-                                      {"ConsentIsLive", true}});
+                                      {"ConsentIsLive", true},
+                                      {"MessageLog", false}});
   EXPECT_EQ(deployment.productionStorebagHost, "bags.example:8443");
   EXPECT_EQ(deployment.internalStorebagHost, "internal.example");
   EXPECT_EQ(deployment.caFile, "/etc/ca.pem");
   EXPECT_TRUE(deployment.allowInsecureHTTP);
   EXPECT_TRUE(deployment.consentIsLive);
+  EXPECT_FALSE(deployment.messageLog);
+  EXPECT_TRUE(deployment.faults.empty());
 }
 
 TEST_F(DeploymentTest, WithoutTheKeysTheDefaultsHold) { expectDefaults(read({})); }
@@ -60,7 +69,7 @@ TEST_F(DeploymentTest, SettingsOfAnotherTypeAndEmptyTextsCountAsAbsent) {
                                       {"CAFile", Array{}},
                                       {"AllowInsecureHTTP", "true"}});
   expectDefaults(deployment);
-  EXPECT_EQ(deployment.passedOver,
+  EXPECT_EQ(keysOf(deployment.faults),
             (std::vector<std::string>{"ProductionStorebagHost", "CAFile", "AllowInsecureHTTP"}));
   expectDefaults(read({{"AllowInsecureHTTP", 1}, {"ConsentIsLive", 1}}));
 }
@@ -82,11 +91,36 @@ TEST_F(DeploymentTest, WhatIsNoPortOpensNone) {
   for (const Value& ports : {Value("443"), Value(true), Value(Dictionary{{"a", 5}})}) {
     const Deployment deployment = read({{"TCPPorts", ports}});
     EXPECT_EQ(deployment.tcpPorts, std::set<std::uint16_t>());
-    EXPECT_EQ(deployment.passedOver, std::vector<std::string>{"TCPPorts"});
+    EXPECT_EQ(keysOf(deployment.faults), std::vector<std::string>{"TCPPorts"});
   }
   const Deployment deployment = read({{"TCPPorts", Array{80, 0, -1, 65536, "81", 82.0}}});
   EXPECT_EQ(deployment.tcpPorts, std::set<std::uint16_t>{80});
-  EXPECT_EQ(deployment.passedOver, std::vector<std::string>{"TCPPorts"});
+  EXPECT_EQ(keysOf(deployment.faults), std::vector<std::string>{"TCPPorts"});
+}
+
+TEST_F(DeploymentTest, AnUnknownKeyIsAFaultThatNamesTheNearest) {
+  const Deployment deployment = read({{"CAfile", "/etc/ca.pem"}, {"Colour", "red"}});
+  expectDefaults(deployment);
+  ASSERT_EQ(keysOf(deployment.faults), (std::vector<std::string>{"CAfile", "Colour"}));
+  EXPECT_EQ(deployment.faults[0].what, "is nothing that corvidd reads; it reads \"CAFile\"");
+  EXPECT_EQ(deployment.faults[0].text, "<key>CAfile</key>");
+  EXPECT_EQ(deployment.faults[0].replacement, "<key>CAFile</key>");
+  EXPECT_EQ(deployment.faults[1].what, "is nothing that corvidd reads");
+  EXPECT_EQ(deployment.faults[1].text, "");
+}
+
+TEST_F(DeploymentTest, AHostWithMoreThanAHostIsAFaultThatNamesIt) {
+  for (const char* host :
+       {"https://bags.example:8443/bags", "bags.example:8443/bags", "https://bags.example:8443"}) {
+    const Deployment deployment = read({{"ProductionStorebagHost", host}});
+    EXPECT_EQ(deployment.productionStorebagHost, host) << "as it always was";
+    ASSERT_EQ(keysOf(deployment.faults), std::vector<std::string>{"ProductionStorebagHost"});
+    EXPECT_EQ(deployment.faults[0].replacement, "<string>bags.example:8443</string>") << host;
+  }
+}
+
+TEST_F(DeploymentTest, ARelativeCAFileIsAFault) {
+  EXPECT_EQ(keysOf(read({{"CAFile", "ca.pem"}}).faults), std::vector<std::string>{"CAFile"});
 }
 
 TEST_F(DeploymentTest, ADamagedFileIsAFailureThatSaysWhatAndWhere) {

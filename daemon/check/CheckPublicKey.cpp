@@ -1,0 +1,81 @@
+// The key that storebags are signed with: its public half belongs here, and nothing else.
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <filesystem>
+
+#include "config/StorebagFetch.h"
+#include "daemon/check/Inspection.h"
+#include "platform/data/Crypto.h"
+#include "platform/data/LocalFileSystem.h"
+
+namespace corvid {
+
+namespace {
+
+// Where whoever runs the check keeps private keys: nobody else reads there.
+constexpr std::string_view privateFolder = "~/corvid-signing";
+
+std::string installing(const std::string& path, std::string_view openssl) {
+  return fmt::format("{} -pubout -outform DER | install -D -m 644 /dev/stdin {}", openssl,
+                     shellWord(path));
+}
+
+// Nothing that stands there is overwritten.
+std::string makingNewPair(const std::string& path) {
+  const std::string key = fmt::format("{}/private.pem", privateFolder);
+  return fmt::format(
+      "(umask 077 && mkdir -p {0} && {{ test -e {1} || openssl genrsa -out {1} 3072; }}) && {2}",
+      privateFolder, key, installing(path, "openssl rsa -in " + key));
+}
+
+// What was readable by everybody may have been read: the command saves it, and no more.
+std::string movingPrivateKey(const std::string& path) {
+  const std::string key = fmt::format("{}/found-in-{}.key", privateFolder,
+                                      shellWord(std::filesystem::path(path).filename().string()));
+  return fmt::format("(umask 077 && mkdir -p {0} && cp {1} {2}) && {3}", privateFolder,
+                     shellWord(path), key, installing(path, "openssl pkey -in " + key));
+}
+
+}  // namespace
+
+void checkPublicKey(Inspection& it) {
+  const std::string& path = it.paths.publicKeyFile;
+  const Result<std::string> content = readRegularFile(path, publicKeyLimit);
+  if (!content && content.failure().code == EACCES) return it.reportUnreadable(path);
+  if (!content)
+    return it.found.wrong(
+        path,
+        content.failure().message +
+            ", so no storebag is accepted; install the public half of the key that "
+            "they are signed with, or make a new pair",
+        it.asRoot(makingNewPair(path)));
+  const auto key = RSAPublicKey::fromDER(content.value());
+  if (key) return it.found.right(path, "an RSA public key");
+  if (key.failure().code == EKEYREJECTED)
+    return it.found.wrong(
+        path, key.failure().message + "; sign the storebags with a new pair's private key",
+        it.asRoot(makingNewPair(path)));
+  switch (keyFormOf(content.value())) {
+    case KeyForm::privateKey:
+      return it.found.wrong(path,
+                            "no RSA public key in DER form but a private one, in a file for "
+                            "everybody: whoever has read it can sign storebags; take it away, and "
+                            "sign with a new one",
+                            it.asRoot(movingPrivateKey(path)));
+    case KeyForm::publicPEM:
+      return it.found.wrong(
+          path, "no RSA public key in DER form but in PEM form; convert it",
+          it.asRoot(fmt::format("openssl pkey -pubin -in {0} -pubout -outform DER -out {0}.new && "
+                                "chmod 644 {0}.new && mv {0}.new {0}",
+                                shellWord(path))));
+    case KeyForm::none:
+      return it.found.wrong(
+          path,
+          "no RSA public key in DER form, so no storebag is accepted; install the "
+          "public half of the key that they are signed with, or make a new pair",
+          it.asRoot(makingNewPair(path)));
+  }
+}
+
+}  // namespace corvid
