@@ -22,7 +22,8 @@ constexpr const char* description =
     "a collector of events, log data and files, both under a certificate authority of its own, and a\n"
     "dashboard that acknowledges packets. Writes below DIR what `corvidd --root DIR` needs, prints one\n"
     "line of JSON with its addresses when it is ready, and appends what it receives to\n"
-    "DIR/lab/received.jsonl. Ends on SIGINT or SIGTERM.";
+    "DIR/lab/received.jsonl. With --web, shows it all on a page for a browser at the \"web\" address and\n"
+    "plans faults there. Ends on SIGINT or SIGTERM.";
 
 constexpr const char* footer =
     "POST a JSON object to the \"control\" address to plan a fault:\n"
@@ -84,8 +85,11 @@ int run(std::vector<std::string> arguments) {
   addPort("--dashboard-port", options.dashboardPort, "UDP port of the dashboard (a free one)");
   corvid::addNumber(app, "--max-age", options.maxAge, 0, 1'000'000'000,
                     "Seconds that a storebag may be kept (86400)");
+  app.add_flag("--web", options.hasPage, "Serve a page to watch the lab with");
+  addPort("--web-port", options.pagePort, "Port of that page, which is then served (a free one)");
   app.add_flag("--show", shows, "Print what has been received so far, for people, and exit");
   if (const auto status = corvid::readCommandLine(app, std::move(arguments))) return *status;
+  options.hasPage |= app.count("--web-port") > 0;
   return shows ? show(root) : serve(root, options);
 }
 

@@ -42,7 +42,7 @@ constexpr const char* noGzip = "the body is not gzip";
 }  // namespace
 
 Answer Collectors::collect(const std::string& server, std::string_view what, const Request& request,
-                           const Read& read) const {
+                           Dictionary* logged, const Read& read) const {
   if (request.method != "POST") return {.status = 405, .body = fmt::format("{} by POST\n", what)};
   Dictionary headers;
   for (const auto& [name, value] : request.headers) headers.set(name, value);
@@ -53,11 +53,13 @@ Answer Collectors::collect(const std::string& server, std::string_view what, con
   const std::string error = read(entry);
   if (!error.empty()) entry.set("error", error);
   _log.append(entry);
+  if (logged) *logged = std::move(entry);
   return error.empty() ? Answer{.status = 200} : Answer{.status = 400, .body = error + "\n"};
 }
 
-Answer Collectors::events(const std::string& server, const Request& request) const {
-  return collect(server, "events come", request, [&](Dictionary& entry) -> std::string {
+Answer Collectors::events(const std::string& server, const Request& request,
+                          Dictionary* logged) const {
+  return collect(server, "events come", request, logged, [&](Dictionary& entry) -> std::string {
     std::optional<std::string> text = request.body;
     const std::string encoding = request.header("Content-Encoding").value_or("identity");
     if (equalsIgnoringCase(encoding, "gzip"))
@@ -72,9 +74,9 @@ Answer Collectors::events(const std::string& server, const Request& request) con
   });
 }
 
-Answer Collectors::logData(const Request& request) {
+Answer Collectors::logData(const Request& request, Dictionary* logged) {
   Answer answer =
-      collect("logData", "log data comes", request, [&](Dictionary& entry) -> std::string {
+      collect("logData", "log data comes", request, logged, [&](Dictionary& entry) -> std::string {
         const Result<Value> list = parsePropertyList(request.body);
         if (!list) return "the body is no property list: " + list.failure().message;
         if (!list.value().array()) return "the property list is no array";
@@ -85,14 +87,15 @@ Answer Collectors::logData(const Request& request) {
   return answer;
 }
 
-Answer Collectors::upload(const Request& request) const {
-  Answer answer = collect("upload", "files come", request, [&](Dictionary& entry) -> std::string {
-    entry.set("query", queryOf(request.target));
-    const std::optional<std::string> content = gunzip(request.body);
-    if (!content) return noGzip;
-    entry.set("file", describedFile(*content));
-    return {};
-  });
+Answer Collectors::upload(const Request& request, Dictionary* logged) const {
+  Answer answer =
+      collect("upload", "files come", request, logged, [&](Dictionary& entry) -> std::string {
+        entry.set("query", queryOf(request.target));
+        const std::optional<std::string> content = gunzip(request.body);
+        if (!content) return noGzip;
+        entry.set("file", describedFile(*content));
+        return {};
+      });
   if (answer.status == 200) {
     answer.headers = {{"Content-Type", "application/json"}};
     answer.body = "{\"success\":true}\n";

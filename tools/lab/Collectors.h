@@ -16,7 +16,8 @@ namespace corvid::lab {
 
 // Each takes POST and appends {"server":NAME,"target":…,"headers":{…},"bytes":N,…} to the log,
 // where N is the length of the body on the wire and a header that came twice holds its last value.
-// A body that cannot be read is answered 400 and logged with "error".
+// A body that cannot be read is answered 400 and logged with "error". What was logged is also put
+// into `entry`, where there is one.
 //
 // Threads   any.
 class Collectors {
@@ -28,19 +29,20 @@ class Collectors {
   explicit Collectors(ReceivedLog& log) : _log(log) {}
 
   // A JSON message, gzip or plain: "message":{…}. `server` is the name in the log.
-  Answer events(const std::string& server, const Request& request) const;
+  Answer events(const std::string& server, const Request& request,
+                Dictionary* entry = nullptr) const;
   // A property list that holds an array: "logData":[…], dates and data in the JSON forms that
   // corvidctl has. The answer is a made-up place where it was put.
-  Answer logData(const Request& request);
+  Answer logData(const Request& request, Dictionary* entry = nullptr);
   // A file as gzip: "query":{NAME:VALUE,…} with the escapes resolved and
   // "file":{"size":N,"sha256":HEX,"content":TEXT}. The answer is {"success":true}.
-  Answer upload(const Request& request) const;
+  Answer upload(const Request& request, Dictionary* entry = nullptr) const;
 
  private:
   // Reads the body into the entry; the text says why that failed, and is empty where it did not.
   using Read = std::function<std::string(Dictionary& entry)>;
   Answer collect(const std::string& server, std::string_view what, const Request& request,
-                 const Read& read) const;
+                 Dictionary* entry, const Read& read) const;
 
   ReceivedLog& _log;
   std::atomic<std::uint64_t> _logDataStored = 0;

@@ -90,6 +90,16 @@ void DashboardServer::setFaults(const Dictionary& request) {
   setFaults(packets, faults("acknowledgements"), static_cast<std::uint64_t>(seed));
 }
 
+Dictionary DashboardServer::faults() {
+  Dictionary faults;
+  const MutexLock lock(_mutex);
+  if (Dictionary packets = _packets.faults().described(); !packets.empty())
+    faults.set("packets", std::move(packets));
+  if (Dictionary back = _acknowledgements.faults().described(); !back.empty())
+    faults.set("acknowledgements", std::move(back));
+  return faults;
+}
+
 void DashboardServer::setLossObserver(LossObserver observer) {
   const MutexLock lock(_mutex);
   _lossObserver = std::move(observer);
@@ -159,8 +169,10 @@ void DashboardServer::accept(const std::string& datagram, const sockaddr_in& pee
   Dictionary entry{{"server", "dashboard"}, {"bytes", datagram.size()}};
   const Result<ReadPacket> packet = readPacket(datagram);
   if (packet) {
-    schedule(true, datagram.substr(0, TagReportingPacketHeader::size), peer);
+    const bool isAcknowledged =
+        schedule(true, datagram.substr(0, TagReportingPacketHeader::size), peer);
     entry.set("packet", described(packet.value()));
+    entry.set("acknowledged", isAcknowledged);
   } else {
     entry.set("error", packet.failure().message);
   }

@@ -18,9 +18,10 @@
 namespace corvid::lab {
 
 // Acknowledges each packet by sending its header back, and hands on what stood in it:
-// {"server":"dashboard","bytes":N,"packet":{…the header…,"payload":{…}}}, or with "error" instead
-// of "packet" where it is none; that is not acknowledged. A packet that comes twice is handed on
-// twice.
+// {"server":"dashboard","bytes":N,"packet":{…the header…,"payload":{…}},"acknowledged":BOOLEAN}, or
+// with "error" instead of the last two where it is none; that is not acknowledged. A packet that
+// comes twice is handed on twice. One whose acknowledgement a fault holds
+// back counts as not acknowledged.
 //
 // Threads   One of its own, which calls `receive`; every operation from any thread.
 // Errors    The constructor throws std::runtime_error where the port cannot be had.
@@ -43,6 +44,9 @@ class DashboardServer {
   // The same from {"packets":{…},"acknowledgements":{…},"seed":N}, each of which may be left out.
   // What cannot be meant is a tools::InputError.
   void setFaults(const Dictionary& request) EXCLUDES(_mutex);
+
+  // As setFaults takes them, without the seed and what never happens; empty where all is well.
+  Dictionary faults() EXCLUDES(_mutex);
 
   // Called with each packet that is lost on the way here, on the server's thread.
   using LossObserver = std::function<void(const std::string& datagram)>;

@@ -12,14 +12,17 @@ namespace corvid::lab {
 
 namespace {
 
-constexpr const char* keys[] = {"server",   "times",        "status",       "delay",
-                                "redirect", "cutBodyAfter", "cutHeadAfter", "endless",
-                                "silent",   "corrupt",      "truncate",     "body"};
+constexpr const char* allKeys[] = {"server",   "times",        "status",       "delay",
+                                   "redirect", "cutBodyAfter", "cutHeadAfter", "endless",
+                                   "silent",   "corrupt",      "truncate",     "body"};
 
 constexpr std::int64_t most = 1'000'000'000;
 
-// The answer as the fault that `in` asks for makes it. InputError where that cannot be meant.
-Answer spoiled(Answer answer, const tools::Arguments& in) {
+}  // namespace
+
+// InputError where what is asked for cannot be meant.
+Answer FaultPlan::spoiled(Answer answer, const Dictionary& fault) {
+  const tools::Arguments in(fault);
   const auto count = [&](std::string_view key) -> std::optional<std::size_t> {
     const auto number = in.integer(key, 0, most);
     return number ? std::optional(static_cast<std::size_t>(*number)) : std::nullopt;
@@ -41,34 +44,42 @@ Answer spoiled(Answer answer, const tools::Arguments& in) {
   return answer;
 }
 
-}  // namespace
+std::span<const char* const> FaultPlan::keys() { return allKeys; }
 
 void FaultPlan::set(const Dictionary& request) {
   for (const auto& [key, value] : request)
-    if (std::ranges::find(keys, key) == std::end(keys))
+    if (std::ranges::find(allKeys, key) == std::end(allKeys))
       throw tools::InputError(
-          fmt::format("there is no fault \"{}\"; there are {}", key, fmt::join(keys, ", ")));
+          fmt::format("there is no fault \"{}\"; there are {}", key, fmt::join(allKeys, ", ")));
   const tools::Arguments in(request);
   const std::string server = in.requiredText("server");
   if (!_servers.contains(server))
     throw tools::InputError(
         fmt::format("there is no server \"{}\"; there are {}", server, fmt::join(_servers, ", ")));
   const std::int64_t times = in.integer("times", -1, most).value_or(1);
-  spoiled({}, in);  // which refuses here what no answer could be made of
+  spoiled({}, request);  // which refuses here what no answer could be made of
   const MutexLock lock(_mutex);
   _faults.insert_or_assign(server, Fault{times, request});
 }
 
-Answer FaultPlan::apply(const std::string& server, Answer answer) {
-  Dictionary request;
-  {
-    const MutexLock lock(_mutex);
-    const auto found = _faults.find(server);
-    if (found == _faults.end() || found->second.times == 0) return answer;
-    if (found->second.times > 0) --found->second.times;
-    request = found->second.request;
+std::optional<Dictionary> FaultPlan::take(const std::string& server) {
+  const MutexLock lock(_mutex);
+  const auto found = _faults.find(server);
+  if (found == _faults.end() || found->second.times == 0) return std::nullopt;
+  if (found->second.times > 0) --found->second.times;
+  return found->second.request;
+}
+
+Dictionary FaultPlan::plans() {
+  Dictionary plans;
+  const MutexLock lock(_mutex);
+  for (const auto& [server, fault] : _faults) {
+    if (fault.times == 0) continue;
+    Dictionary plan = fault.request;
+    plan.set("times", fault.times);
+    plans.set(server, std::move(plan));
   }
-  return spoiled(std::move(answer), tools::Arguments(request));
+  return plans;
 }
 
 }  // namespace corvid::lab

@@ -3,7 +3,9 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <set>
+#include <span>
 #include <string>
 
 #include "base/Mutex.h"
@@ -27,8 +29,16 @@ class FaultPlan {
   // half, and the length says so. What cannot be meant is a tools::InputError.
   void set(const Dictionary& request) EXCLUDES(_mutex);
 
-  // The answer as the server's fault, if one is due, makes it.
-  Answer apply(const std::string& server, Answer answer) EXCLUDES(_mutex);
+  // What a plan may have, "server" and "times" included.
+  static std::span<const char* const> keys();
+
+  // What was planned for the server's next answer, which is this one.
+  std::optional<Dictionary> take(const std::string& server) EXCLUDES(_mutex);
+  // The answer as a fault that was taken makes it.
+  static Answer spoiled(Answer answer, const Dictionary& fault);
+
+  // The plans that are still to be carried out, by server, with how many "times" are left.
+  Dictionary plans() EXCLUDES(_mutex);
 
  private:
   struct Fault {

@@ -36,6 +36,19 @@ WireFaults WireFaults::from(const Dictionary& request) {
   return faults;
 }
 
+Dictionary WireFaults::described() const {
+  Dictionary description;
+  const std::pair<const char*, double> probabilities[] = {{"drop", drop},
+                                                          {"duplicate", duplicate},
+                                                          {"corrupt", corrupt},
+                                                          {"reorder", reorder},
+                                                          {"late", late}};
+  for (const auto& [key, probability] : probabilities)
+    if (probability > 0) description.set(key, probability);
+  if (delay.count() > 0) description.set("delay", static_cast<double>(delay.count()) / 1000);
+  return description;
+}
+
 bool FaultyWire::happens(double probability) {
   return std::uniform_real_distribution<>(0, 1)(_random) < probability;
 }

@@ -26,6 +26,8 @@ struct WireFaults {
   // From {"drop":P,"duplicate":P,"corrupt":P,"reorder":P,"late":P,"delay":SECONDS}, each of which
   // may be left out. What cannot be meant is a tools::InputError.
   static WireFaults from(const Dictionary& request);
+  // The same object, without what never happens.
+  Dictionary described() const;
 };
 
 // The same seed and the same datagrams give the same faults.
@@ -41,6 +43,8 @@ class FaultyWire {
 
   explicit FaultyWire(WireFaults faults = {}, std::uint64_t seed = 1)
       : _faults(faults), _random(seed) {}
+
+  const WireFaults& faults() const { return _faults; }
 
   // What comes out when this goes in: none, one or more, in this order.
   std::vector<Passage> pass(std::string datagram, const sockaddr_in& peer);

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <functional>
 #include <optional>
+#include <stop_token>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -43,6 +44,9 @@ struct Answer {
     std::chrono::milliseconds pause{1};
   };
 
+  // Writes a piece of a body; false once the peer is gone or the server stops.
+  using Write = std::function<bool(std::string_view)>;
+
   int status = 200;
   // "Content-Length" is added with the right value; one that stands here is sent instead.
   HTTPHeaders headers{};
@@ -56,6 +60,9 @@ struct Answer {
   bool endless = false;  // the body over and over, without a length, until the peer goes
   bool silent = false;   // nothing at all; the connection stays open until the peer goes
   bool hangUp = false;   // ends the connection properly after the answer, without announcing it
+  // Writes the body instead, on the connection's thread and without a length: the connection ends
+  // when this returns, which it does soon after `stop`.
+  std::function<void(const Write& write, const std::stop_token& stop)> stream{};
 
   static Answer redirect(std::string location, int status = 302) {
     return {.status = status, .headers = {{"Location", std::move(location)}}};

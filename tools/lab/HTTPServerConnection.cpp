@@ -38,7 +38,7 @@ bool hasNoBody(int status) { return status == 204 || status == 304; }
 
 std::string headOf(const Answer& answer) {
   std::string head = fmt::format("HTTP/1.1 {} \r\n", answer.status);
-  bool hasLength = answer.endless || hasNoBody(answer.status);
+  bool hasLength = answer.endless || answer.stream || hasNoBody(answer.status);
   for (const auto& [name, value] : answer.headers) {
     head += fmt::format("{}: {}\r\n", name, value);
     hasLength |= equalsIgnoringCase(name, "Content-Length");
@@ -156,6 +156,12 @@ bool HTTPServerConnection::send(const Answer& answer) {
   std::string head = headOf(answer);
   if (answer.cutHeadAfter) {
     _stream.write(std::string_view(head).substr(0, *answer.cutHeadAfter));
+    return false;
+  }
+  if (answer.stream) {
+    if (_stream.write(head))
+      answer.stream([this](std::string_view piece) { return _stream.write(piece); }, _stop);
+    _stream.finish();
     return false;
   }
   const bool isPlain = !answer.drip && !answer.cutBodyAfter && !answer.endless;

@@ -2,9 +2,13 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
+#include "base/Result.h"
+#include "base/Value.h"
 #include "tools/lab/HTTPExchange.h"
 #include "tools/lab/StorebagSigner.h"
 
@@ -25,6 +29,14 @@ class StorebagServer {
                  Placeholder placeholder);
 
   Answer answer(const Request& request) const;
+
+  // The storebag name that a request's target asks for; empty where it asks for none.
+  static std::string nameIn(std::string_view target);
+  // The names that are published, sorted.
+  std::vector<std::string> names() const;
+  // The list of that name as it would be signed now; the failure says why there is none.
+  Result<Value> list(const std::string& name) const;
+  std::string fileOf(const std::string& name) const { return _folder + "/" + name + ".plist"; }
 
  private:
   const std::string _folder;

@@ -83,6 +83,7 @@ TEST_F(DashboardServerTest, HandsOnWhatStandsInIt) {
   EXPECT_EQ(integerAt(*content, "sessionID"), 42);
   EXPECT_EQ(*dictionaryAt(*content, "payload"),
             (Dictionary{{"k", "a=b"}, {"broken", "\xEF\xBF\xBD"}}));
+  EXPECT_TRUE(booleanAt(received[0], "acknowledged"));
 }
 
 TEST_F(DashboardServerTest, DoesNotAcknowledgeWhatIsNoPacket) {
@@ -102,7 +103,9 @@ TEST_F(DashboardServerTest, LosesPacketsAndAcknowledgements) {
   EXPECT_EQ(lost.get_future().get(), packet(1));
   server.setFaults({}, {.drop = 1}, 1);
   send(packet(2));
-  ASSERT_EQ(entries(1).size(), 1u);
+  const auto arrived = entries(1);
+  ASSERT_EQ(arrived.size(), 1u);
+  EXPECT_FALSE(booleanAt(arrived[0], "acknowledged"));
   server.setFaults({}, {}, 1);
   send(packet(3));
   EXPECT_EQ(receive(), packet(3)) << "neither of the others was acknowledged";
@@ -119,6 +122,16 @@ TEST_F(DashboardServerTest, DoublesAndDelaysAcknowledgements) {
   send(packet(2));
   EXPECT_EQ(receive(), packet(2));
   EXPECT_GE(std::chrono::steady_clock::now() - start, 30ms);
+}
+
+TEST_F(DashboardServerTest, TellsTheFaultsThatItHasAsItTakesThem) {
+  EXPECT_EQ(server.faults(), Dictionary());
+  const Dictionary faults{{"packets", Dictionary{{"drop", 0.25}, {"late", 1.0}, {"delay", 1.5}}},
+                          {"acknowledgements", Dictionary{{"corrupt", 0.5}}}};
+  server.setFaults(faults);
+  EXPECT_EQ(server.faults(), faults);
+  server.setFaults(Dictionary{{"packets", Dictionary{{"reorder", 0.5}, {"duplicate", 0.0}}}});
+  EXPECT_EQ(server.faults(), (Dictionary{{"packets", Dictionary{{"reorder", 0.5}}}}));
 }
 
 TEST_F(DashboardServerTest, TakesItsFaultsAsJSONDoes) {

@@ -51,6 +51,20 @@ TEST_F(FaultPlanTest, AFaultCanLastUntilToldOtherwise) {
   EXPECT_EQ(post().status, 200);
 }
 
+TEST_F(FaultPlanTest, TellsWhatIsStillPlanned) {
+  EXPECT_EQ(lab.faults().plans(), Dictionary());
+  planned(R"({"server":"events","status":503,"times":2})");
+  planned(R"({"server":"realtime","delay":0,"times":-1})");
+  post();
+  EXPECT_EQ(
+      lab.faults().plans(),
+      (Dictionary{{"events", Dictionary{{"server", "events"}, {"status", 503}, {"times", 1}}},
+                  {"realtime", Dictionary{{"server", "realtime"}, {"delay", 0}, {"times", -1}}}}));
+  post();
+  planned(R"({"server":"realtime","times":0})");
+  EXPECT_EQ(lab.faults().plans(), Dictionary());
+}
+
 TEST_F(FaultPlanTest, EachServerHasItsOwnFault) {
   planned(R"({"server":"realtime","status":500,"times":-1})");
   EXPECT_EQ(post("events").status, 200);

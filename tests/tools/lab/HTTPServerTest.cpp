@@ -184,6 +184,39 @@ TEST_P(HTTPServerTest, SendsAnEndlessBodyUntilThePeerGoes) {
   EXPECT_GT(got.body.size(), Peer::bodyLimit);
 }
 
+TEST_P(HTTPServerTest, StreamsABodyUntilItsWriterReturns) {
+  serve({.headers = {{"Content-Type", "text/plain"}},
+         .stream = [](const Answer::Write& write, const std::stop_token&) {
+           for (const char* piece : {"one ", "two ", "three"}) EXPECT_TRUE(write(piece));
+         }});
+  const Got got = peer->get(server->url());
+  EXPECT_EQ(got.code, CURLE_OK);
+  EXPECT_EQ(got.body, "one two three");
+  EXPECT_EQ(got.head.find("Content-Length"), std::string::npos);
+}
+
+TEST_P(HTTPServerTest, AStreamIsToldThatItsPeerHasGoneAndThatTheServerStops) {
+  std::promise<void> gone;
+  serve([&](const Request& request) -> Answer {
+    if (request.target == "/endless")
+      return {.stream = [&](const Answer::Write& write, const std::stop_token&) {
+        while (write(std::string(100'000, 'x'))) continue;
+        gone.set_value();
+      }};
+    return {.stream = [](const Answer::Write& write, const std::stop_token& stop) {
+      write("begun");
+      EXPECT_TRUE(waitUntil([&] { return stop.stop_requested(); }));
+    }};
+  });
+  EXPECT_EQ(peer->get(server->url("/endless")).code, CURLE_WRITE_ERROR);  // it has had enough
+  EXPECT_EQ(gone.get_future().wait_for(patience), std::future_status::ready);
+
+  std::thread waiting([&, url = server->url("/wait")] { Peer(identity->caFile()).get(url); });
+  EXPECT_TRUE(waitUntil([&] { return server->requestsReceived() == 2; }));
+  server->stop();
+  waiting.join();
+}
+
 TEST_P(HTTPServerTest, HangsUpUnannouncedAfterAnAnswer) {
   serve(Answer{.body = "x", .hangUp = true});
   for (int i = 0; i < 3; ++i) EXPECT_EQ(peer->get(server->url()).status, 200);

@@ -77,6 +77,20 @@ TEST_F(LabProgram, ListensWhereItIsTold) {
             std::string::npos);
 }
 
+TEST_F(LabProgram, ThePageIsServedWhereItIsWantedOnly) {
+  start();
+  EXPECT_FALSE(addresses.contains("web"));
+  ASSERT_EQ(end(SIGTERM), 0);
+  start({"--web"});
+  const std::string page = address("web");
+  EXPECT_EQ(Peer("").get(page).status, 200);
+  ASSERT_EQ(end(SIGTERM), 0);
+  const std::string port = page.substr(page.rfind(':') + 1, page.size() - page.rfind(':') - 2);
+  start({"--web-port", port});
+  EXPECT_EQ(address("web"), page);
+  EXPECT_EQ(Peer("").get(page).status, 200);
+}
+
 TEST_F(LabProgram, ShowPrintsWhatWasReceived) {
   start();
   Peer peer(root.path("lab/tls/ca.pem"));
@@ -122,8 +136,9 @@ TEST_F(LabProgram, ASecondLabOfOneRootAndAPortInUseAreNamed) {
 TEST_F(LabProgram, HelpNamesEveryOption) {
   const ToolResult help = runLab({"--help"});
   EXPECT_EQ(help.status, 0);
-  for (const char* option : {"--root", "--storebag-port", "--report-port", "--control-port",
-                             "--dashboard-port", "--max-age", "--show", "Exit status"})
+  for (const char* option :
+       {"--root", "--storebag-port", "--report-port", "--control-port", "--dashboard-port",
+        "--max-age", "--web", "--web-port", "--show", "Exit status"})
     EXPECT_NE(help.output.find(option), std::string::npos) << option;
   EXPECT_EQ(runLab({"help"}).output, help.output);
   EXPECT_EQ(runLab({"-h"}).output, help.output);
