@@ -8,6 +8,7 @@
 #include "base/Describe.h"
 #include "base/Log.h"
 #include "base/Reading.h"
+#include "base/Text.h"
 #include "config/DeviceInformation.h"
 #include "platform/Platform.h"
 
@@ -111,6 +112,14 @@ std::optional<std::string> storebagNameForClientType(std::int32_t clientType) {
 std::string_view clientTagForClientType(std::int32_t clientType) {
   const ClientType* type = clientTypeAt(clientType);
   return type ? type->tag : std::string_view();
+}
+
+std::optional<std::int32_t> clientTypeNamed(std::string_view name) {
+  for (const auto part : {&ClientType::tag, &ClientType::storebagName})
+    for (std::size_t type = 0; type < clientTypes.size(); ++type)
+      if (!name.empty() && equalsIgnoringCase(clientTypes[type].*part, name))
+        return static_cast<std::int32_t>(type);
+  return std::nullopt;
 }
 
 std::optional<std::string> environmentNameForType(CorvidEnvironmentType type) {

@@ -23,6 +23,9 @@ enum class CorvidEnvironmentType : std::uint32_t {
 std::optional<std::string> storebagNameForClientType(std::int32_t clientType);
 // The short client tag; empty outside 0 to 17.
 std::string_view clientTagForClientType(std::int32_t clientType);
+// The client type of that tag, or the first one of that storebag, in any case: "ZJ" and "tessel"
+// are both 6. Nothing where neither is known.
+std::optional<std::int32_t> clientTypeNamed(std::string_view name);
 // The storebag section of an environment; nothing for none.
 std::optional<std::string> environmentNameForType(CorvidEnvironmentType type);
 

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <exception>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <utility>
@@ -34,6 +35,13 @@ constexpr const char* footer =
     "times is 1 unless given, -1 lasts until told otherwise.\n"
     "\n"
     "Exit status: 0 done, 1 it did not work (standard error says why), 64 wrong usage.";
+
+// A lab writes keys, entitlements and hosts that the machine's own daemon would believe.
+std::string faultOfRoot(const std::string& root) {
+  std::error_code error;
+  const bool isMachines = std::filesystem::weakly_canonical(root, error) == "/";
+  return isMachines ? "takes a folder of its own, not the machine's root" : "";
+}
 
 // Prints what stands in received.jsonl.
 int show(const std::string& root) {
@@ -75,7 +83,9 @@ int run(std::vector<std::string> arguments) {
   std::string root;
   corvid::lab::Lab::Options options;
   bool shows = false;
-  corvid::addFolder(app, "--root", root, "Folder that the daemon's files lie below")->required();
+  corvid::addFolder(app, "--root", root, "Folder that the daemon's files lie below")
+      ->required()
+      ->check(CLI::Validator(faultOfRoot, ""));
   const auto addPort = [&](const char* name, std::uint16_t& port, const char* help) {
     corvid::addNumber(app, name, port, 0, 65535, help);
   };

@@ -24,13 +24,8 @@ namespace {
 
 constexpr std::size_t longestSuiteName = 200;  // leaves room for what is put behind it
 
-bool isSuiteName(std::string_view name) {
-  const auto isAllowed = [](char c) {
-    return isASCIILetterOrDigit(c) || c == '-' || c == '_' || c == '.';
-  };
-  if (!name.empty() && name.size() <= longestSuiteName && name.front() != '.' &&
-      std::all_of(name.begin(), name.end(), isAllowed))
-    return true;
+bool isNamedSuite(std::string_view name) {
+  if (FilePreferences::isSuite(name)) return true;
   logError("FilePreferences: \"{}\" is no name of a preference suite", name);
   return false;
 }
@@ -53,15 +48,23 @@ Result<Descriptor> lockFolder(const std::string& folder) {
 
 }  // namespace
 
+bool FilePreferences::isSuite(std::string_view name) {
+  const auto isAllowed = [](char c) {
+    return isASCIILetterOrDigit(c) || c == '-' || c == '_' || c == '.';
+  };
+  return !name.empty() && name.size() <= longestSuiteName && name.front() != '.' &&
+         std::ranges::all_of(name, isAllowed);
+}
+
 std::optional<Value> FilePreferences::value(std::string_view suite, std::string_view key) {
-  if (!isSuiteName(suite)) return std::nullopt;
+  if (!isNamedSuite(suite)) return std::nullopt;
   const MutexLock lock(_mutex);
   const Value* found = current(suite).entries.find(key);
   return found ? std::optional(*found) : std::nullopt;
 }
 
 std::vector<std::string> FilePreferences::keys(std::string_view suite) {
-  if (!isSuiteName(suite)) return {};
+  if (!isNamedSuite(suite)) return {};
   const MutexLock lock(_mutex);
   std::vector<std::string> keys;
   for (const auto& entry : current(suite).entries) keys.push_back(entry.key);
@@ -84,7 +87,7 @@ bool FilePreferences::removeValue(std::string_view suite, std::string_view key) 
 // `apply` changes the entries and says whether it did.
 template <class Change>
 bool FilePreferences::change(std::string_view suite, Change apply) {
-  if (!isSuiteName(suite)) return false;
+  if (!isNamedSuite(suite)) return false;
   const MutexLock lock(_mutex);
   createFolder(_folder);
   const Result<Descriptor> lockedFolder = lockFolder(_folder);

@@ -29,6 +29,8 @@ class FilePreferences final : public Preferences {
  public:
   // `folder` and its parents are made at the first change.
   explicit FilePreferences(std::string folder) : _folder(std::move(folder)) {}
+  // Whether a suite may have that name.
+  static bool isSuite(std::string_view name);
 
   std::optional<Value> value(std::string_view suite, std::string_view key) override;
   bool setValue(std::string_view suite, std::string_view key, Value value) override;

@@ -37,6 +37,16 @@ TEST(ClientTypes, OutsideTheTableHaveNoTag) {
     EXPECT_EQ(clientTagForClientType(type), "") << type;
 }
 
+TEST(ClientTypes, HaveTheNamesOfTheirTagsAndStorebags) {
+  for (std::int32_t type = 0; type < 18; ++type)
+    EXPECT_EQ(clientTypeNamed(clientTagForClientType(type)), type);
+  EXPECT_EQ(clientTypeNamed("lumen"), 5);
+  EXPECT_EQ(clientTypeNamed("REEL"), 17);
+  EXPECT_EQ(clientTypeNamed("zj-vwx"), 14);
+  EXPECT_EQ(clientTypeNamed("parlor"), 7) << "the first of three";
+  for (const char* none : {"", "5", "lumens", "Z"}) EXPECT_EQ(clientTypeNamed(none), std::nullopt);
+}
+
 TEST(EnvironmentNames, AreTheSectionsOfAStorebag) {
   EXPECT_EQ(environmentNameForType(CorvidEnvironmentType::none), std::nullopt);
   EXPECT_EQ(environmentNameForType(CorvidEnvironmentType::development), "development");

@@ -3,12 +3,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <stdexcept>
 
 #include "base/Describe.h"
 #include "platform/Paths.h"
 #include "platform/data/FilePreferences.h"
+#include "platform/data/PropertyList.h"
 #include "tools/Arguments.h"
 #include "tools/JSONValues.h"
 #include "tools/corvidctl/Commands.h"
@@ -30,6 +32,12 @@ Value preferenceValue(const std::string& word) {
 std::string shown(const Value& value) {
   const std::string text = description(Array{tools::jsonFromValue(value)});
   return text.substr(1, text.size() - 2);
+}
+
+// A suite that nobody has set anything in is.
+bool isReadable(const std::string& path) {
+  const auto read = readDictionaryFile(path);
+  return read || read.failure().code == ENOENT;
 }
 
 // What root writes could not be read by a daemon that runs as another user, and root should not
@@ -60,10 +68,13 @@ int runPrefsCommand(const std::string& root, const std::string& suite,
   actAsOwnerOf(paths);
   FilePreferences preferences(paths.preferencesFolder);
   if (verb == "list") {
+    // Why it is not usable, the log says when the suite is read.
+    const bool isUsable = FilePreferences::isSuite(suite) &&
+                          isReadable(fmt::format("{}/{}.plist", paths.preferencesFolder, suite));
     for (const std::string& key : preferences.keys(suite))
       if (const auto value = preferences.value(suite, key))
         std::printf("%s = %s\n", key.c_str(), shown(*value).c_str());
-    return 0;
+    return isUsable ? 0 : 1;
   }
   const std::string& key = words[1];
   if (verb == "get") {

@@ -9,6 +9,7 @@
 #include <system_error>
 
 #include "base/Describe.h"
+#include "protocol/Limits.h"
 #include "tools/Arguments.h"
 #include "tools/JSONValues.h"
 #include "tools/corvidctl/Client.h"
@@ -43,6 +44,26 @@ const char* fateAfter(const Call& flush) {
     return "nothing was left to flush: the event went out at once, or no backend wanted it";
   throw CallError(fmt::format("the flush failed: {} ({} {})", failure.description, failure.domain,
                               failure.code));
+}
+
+// CallError for what no daemon would take.
+std::uintmax_t sizeOfUpload(const std::string& file) {
+  namespace fs = std::filesystem;
+  const auto refuse = [&](std::string_view why) {
+    throw CallError(fmt::format("cannot upload {}: {}", file, why));
+  };
+  std::error_code error;
+  const fs::file_status status = fs::symlink_status(file, error);
+  if (fs::is_directory(status)) refuse("it is a folder");
+  if (fs::is_symlink(status)) refuse("it is a link; name the file that it leads to");
+  if (access(file.c_str(), R_OK) != 0)
+    throw CallError(fmt::format("cannot read {}: {}", file, std::strerror(errno)));
+  if (!fs::is_regular_file(status)) refuse("it is no regular file");
+  const std::uintmax_t size = fs::file_size(file, error);
+  if (error) refuse(error.message());
+  if (size > limits::uploadBytes)
+    refuse(fmt::format("it is larger than {} MiB", limits::uploadBytes >> 20));
+  return size;
 }
 
 // Connects, describes the session and configures it. CallError where nothing would report.
@@ -111,16 +132,14 @@ int runStatesCommand(const std::string& root, const SessionOptions& options) {
 
 int runUploadCommand(const std::string& root, const SessionOptions& options,
                      const std::vector<std::string>& files) {
-  for (const std::string& file : files)
-    if (access(file.c_str(), R_OK) != 0)
-      throw CallError(fmt::format("cannot read {}: {}", file, std::strerror(errno)));
+  std::vector<std::uintmax_t> sizes;
+  for (const std::string& file : files) sizes.push_back(sizeOfUpload(file));
 
   ReportingSession session(root, options);
   bool allConfirmed = true;
-  for (const std::string& file : files) {
-    std::error_code error;
-    std::printf("uploading %s (%ju bytes)\n", file.c_str(),
-                static_cast<std::uintmax_t>(std::filesystem::file_size(file, error)));
+  for (std::size_t at = 0; at < files.size(); ++at) {
+    const std::string& file = files[at];
+    std::printf("uploading %s (%ju bytes)\n", file.c_str(), sizes[at]);
     std::fflush(stdout);
     Call uploaded;
     session.perform(uploaded, [&](client::Session& library) {

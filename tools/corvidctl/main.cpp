@@ -11,6 +11,7 @@
 
 #include "base/CommandLine.h"
 #include "base/Log.h"
+#include "config/Environment.h"
 #include "platform/data/FilePreferences.h"
 #include "platform/system/SystemLog.h"
 #include "tools/Arguments.h"
@@ -25,6 +26,24 @@ constexpr const char* footer =
     "\n"
     "Exit status: 0 done, 1 it did not work (standard error says why), 2 a packet was not\n"
     "acknowledged, 64 wrong usage.";
+
+// A number within bounds, or a name.
+template <class Number>
+CLI::Option* addClientType(CLI::App& command, Number& target, std::int64_t least, std::int64_t most,
+                           const std::string& help) {
+  const auto number = wholeNumber(least, most);
+  const auto toNumber = [number](std::string& text) {
+    if (const auto type = clientTypeNamed(text)) {
+      text = std::to_string(*type);
+      return std::string();
+    }
+    std::string refusal = number(text);
+    return refusal.empty() ? refusal : refusal + ", nor the name of one";
+  };
+  return command.add_option("--client-type", target, help)
+      ->type_name("TYPE")
+      ->transform(CLI::Validator(toNumber, ""));
+}
 
 // Commands of the line and what becomes of the one that is named.
 class Program {
@@ -70,8 +89,9 @@ CLI::App& Program::addCommand(CLI::App& parent, const std::string& name, const s
 CLI::App& Program::addSessionCommand(const std::string& name, const std::string& help,
                                      std::function<int()> run) {
   CLI::App& command = addCommand(_app, name, help, std::move(run));
-  addNumber(command, "--client-type", _session.clientType, 0, 1000,
-            "Kind of client, which chooses the storebag")
+  addClientType(command, _session.clientType, 0, 1000,
+                "Kind of client, which chooses the storebag: a number, or the name of its storebag "
+                "or tag")
       ->required();
   addNumber(command, "--client-version", _session.clientVersion, 0, 65535, "Version of the client");
   addNumber(command, "--session-id", _session.sessionID, 0, 4294967295,
@@ -122,7 +142,8 @@ void Program::addDashboard() {
       ->type_name("JSON");
   add("--event-id", _packet.eventID, "Number of the event (1)");
   add("--session-id", _packet.sessionID, "Number of the session (0)");
-  add("--client-type", _packet.clientType, "Kind of client (0)");
+  addClientType(send, _packet.clientType, std::numeric_limits<std::int32_t>::min(),
+                std::numeric_limits<std::int32_t>::max(), "Kind of client, a number or a name (0)");
   add("--client-version", _packet.clientVersion, "Version of the client (0)");
   send.add_option("--udid", _packet.udid, "Identifier of the device (empty)");
   using Seconds = std::numeric_limits<std::int64_t>;

@@ -1,4 +1,5 @@
 // `corvidctl prefs`, which works on the files, with or without a daemon.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -7,6 +8,7 @@
 #include <iterator>
 
 #include "platform/data/FilePreferences.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Scratch.h"
 #include "tests/support/ToolProcess.h"
 
@@ -46,6 +48,31 @@ TEST_F(Prefs, WhatIsSetIsStoredInTheDaemonsSuiteAndShown) {
   set("aNumber", "4");
   EXPECT_EQ(stored("com.halcyon.corvid", "aNumber"), Value(4));
   EXPECT_EQ(get("aNumber"), "4\n");
+}
+
+TEST_F(Prefs, AListThatCannotBeReadIsAFailure) {
+  set("aNumber", "4");
+  EXPECT_EQ(prefs({"list"}).status, 0);
+  const std::string folder = root.path("var/lib/corvidd/Preferences");
+  // Neither is there a way past the folder for somebody else, nor past a file that is none.
+  const std::string errors = root.write("errors", "");
+  const Descriptor output(open(errors.c_str(), O_WRONLY | O_CLOEXEC));
+  chmod(root.path().c_str(), 0755);
+  chmod(folder.c_str(), geteuid() == 0 ? 0700 : 0);
+  ChildProcess other({.command = {CORVIDCTL_PROGRAM, "--root", root.path(), "prefs", "list"},
+                      .streams = {0, output.get(), output.get()},
+                      .prepare = [] {
+                        if (geteuid() == 0 && setuid(65534) != 0) _exit(99);
+                      }});
+  EXPECT_EQ(other.waitForExit(), 1);
+  EXPECT_NE(contentOf(errors).find("cannot read"), std::string::npos) << contentOf(errors);
+  chmod(folder.c_str(), 0700);
+
+  root.remove("var/lib/corvidd/Preferences/com.halcyon.corvid.plist");
+  root.write("var/lib/corvidd/Preferences/com.halcyon.corvid.plist/file", "");
+  EXPECT_EQ(prefs({"list"}).status, 1);
+  EXPECT_EQ(prefs({"--suite", "../x", "list"}).status, 1);
+  EXPECT_EQ(prefs({"--suite", "never.set", "list"}).status, 0);
 }
 
 TEST_F(Prefs, AValueIsJSONOrATextWhereItIsNone) {

@@ -1,6 +1,10 @@
 // The commands for people that talk to the daemon: send, states and upload.
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <fstream>
 
+#include "base/Reading.h"
 #include "tests/support/ToolProcess.h"
 #include "tests/tools/corvidctl/SessionProcess.h"
 
@@ -248,6 +252,31 @@ TEST_F(Upload, AFileThatTheDaemonRefusesIsAFailure) {
   expectFailure(upload({first, file("second")}),
                 first + " was not uploaded (the daemon's log says why)");
   EXPECT_EQ(names().size(), 3u);
+}
+
+TEST_F(Send, ClientTypesHaveNames) {
+  serveStates(Array{"httpPost"});
+  for (const char* name : {"lumen", "Lumen", "ZH", "5"})
+    EXPECT_EQ(ctl({"states", "--client-type", name}).status, 0) << name;
+  for (const auto& call : calls())
+    if (call.name == "setSessionInfo") {
+      EXPECT_EQ(integerAt(call.dictionary, "ClientType"), 5);
+    }
+}
+
+TEST_F(Upload, WhatNoDaemonTakesIsToldBeforeItIsAsked) {
+  const std::string link = folder.path("link");
+  ASSERT_EQ(symlink(file("there").c_str(), link.c_str()), 0);
+  const std::string pipe = folder.path("pipe");
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  const std::string large = file("large");
+  ASSERT_EQ(truncate(large.c_str(), (std::int64_t{256} << 20) + 1), 0);
+  // Nobody serves, so that asking would be another failure.
+  expectFailure(upload({file("there"), "/etc"}), "cannot upload /etc: it is a folder");
+  expectFailure(upload({link}),
+                "cannot upload " + link + ": it is a link; name the file that it leads to");
+  expectFailure(upload({pipe}), "cannot upload " + pipe + ": it is no regular file");
+  expectFailure(upload({large}), "cannot upload " + large + ": it is larger than 256 MiB");
 }
 
 TEST_F(Upload, AMissingFileIsNamedBeforeAnythingIsSent) {

@@ -123,9 +123,9 @@ TEST(Usage, WrongUsesOfTheCommandsForPeopleAreNamed) {
   expectUsageError({"send"}, "--client-type is required", "corvidctl send");
   for (const char* number :
        {"x", "-1", "1001", "1.5", "1x", " 1", "", "+1", "0x1", "99999999999999999999"})
-    expectOfSend(
-        {"--client-type", number},
-        std::string("--client-type: takes a whole number from 0 to 1000, not \"") + number + "\"");
+    expectOfSend({"--client-type", number},
+                 std::string("--client-type: takes a whole number from 0 to 1000, not \"") +
+                     number + "\", nor the name of one");
   expectOfSend({"colour"}, "a payload entry is written key=value, not colour");
   expectOfSend({"=blue"}, "a payload entry is written key=value, not =blue");
   for (const char* word : {"[a,b]", "{}", "%%", ""})

@@ -59,6 +59,15 @@ TEST_F(LabProgram, PrintsItsAddressesInOneLineAndServes) {
   EXPECT_EQ(process->output() + process->errors(), "");
 }
 
+TEST_F(LabProgram, RefusesTheMachinesOwnRoot) {
+  const std::string link = root.path("link");
+  std::filesystem::create_symlink("/", link);
+  for (const std::string& machine :
+       {std::string("/"), std::string("//"), std::string("/tmp/.."), link})
+    expectUsageError({"--root", machine},
+                     "--root: takes a folder of its own, not the machine's root");
+}
+
 TEST_F(LabProgram, AnInterruptEndsItAsWell) {
   start();
   EXPECT_EQ(end(SIGINT), 0);
