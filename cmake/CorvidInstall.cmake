@@ -15,6 +15,10 @@ configure_file(packaging/corvid.pc.in corvid.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/corvid.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 install(FILES packaging/sandbox/com.halcyon.corvidd.plist DESTINATION share/corvid/sandbox)
+# Each works as it is, save for the names of hosts.
+install(FILES packaging/examples/deployment.plist packaging/examples/device.plist
+              packaging/examples/entitlement.plist packaging/examples/storebag.plist
+        DESTINATION share/doc/corvidd/examples)
 install(FILES packaging/man/corvidctl.1 packaging/man/corvid-lab.1
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES packaging/man/corvidd.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)

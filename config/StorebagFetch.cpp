@@ -43,20 +43,6 @@ Dictionary fallbackStorebag() {
           {"refresh_cycle", 3600}};
 }
 
-HTTPRequest storebagRequest(std::string url, const std::optional<std::string>& lastModified) {
-  HTTPRequest request;
-  request.user = std::nullopt;  // whoever asked first, the storebag is for all
-  request.url = std::move(url);
-  request.timeout = fetchTimeout;
-  request.patience = fetchTimeout;
-  request.timeoutCoversWait = true;  // the caller is blocked all the while
-  if (lastModified) {
-    logDebug("fetchStorebagWithName: Adding 'Last-Modified: {}' to the header", *lastModified);
-    request.headers.emplace_back("If-Modified-Since", *lastModified);
-  }
-  return request;
-}
-
 std::string readPublicKey() {
   Platform& platform = Platform::current();
   const std::string& path = platform.paths().publicKeyFile;
@@ -84,10 +70,27 @@ const std::string& storebagServerURL() {
   return Platform::current().storebagServerURL.get(computeStorebagServerURL);
 }
 
+std::string storebagURL(const std::optional<std::string>& name) {
+  return fmt::format("{}/{}?version={}", storebagServerURL(), orNull(name), clientLibraryVersion());
+}
+
+HTTPRequest storebagRequest(std::string url, const std::optional<std::string>& lastModified) {
+  HTTPRequest request;
+  request.user = std::nullopt;  // whoever asked first, the storebag is for all
+  request.url = std::move(url);
+  request.timeout = fetchTimeout;
+  request.patience = fetchTimeout;
+  request.timeoutCoversWait = true;  // the caller is blocked all the while
+  if (lastModified) {
+    logDebug("fetchStorebagWithName: Adding 'Last-Modified: {}' to the header", *lastModified);
+    request.headers.emplace_back("If-Modified-Since", *lastModified);
+  }
+  return request;
+}
+
 FetchedStorebag fetchStorebagWithName(const std::optional<std::string>& name,
                                       const std::optional<std::string>& lastModified) {
-  const std::string url =
-      fmt::format("{}/{}?version={}", storebagServerURL(), orNull(name), clientLibraryVersion());
+  const std::string url = storebagURL(name);
   logDebug("fetchStorebagWithName: Storebag Server URL: {}", url);
 
   FetchedStorebag fetched;

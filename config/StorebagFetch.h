@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "base/Value.h"
+#include "platform/HTTPClient.h"
 
 namespace corvid {
 
@@ -26,11 +27,16 @@ struct FetchedStorebag {
 // Base URL of the storebag server, without a trailing slash; computed once per process.
 const std::string& storebagServerURL();
 
+// Where the storebag of that name is; an absent one is "(null)". And the request for it, which asks
+// for a newer one than `lastModified`, if there is one.
+std::string storebagURL(const std::optional<std::string>& name);
+HTTPRequest storebagRequest(std::string url, const std::optional<std::string>& lastModified);
+
 // Fetches and verifies the whole storebag; where there is none, and it is not unchanged either, the
 // reason has been logged. Blocks its caller until the exchange ends, at most 15 seconds.
 //
 // `lastModified` is the "Last-Modified" of the storebag that the caller has; without one the
-// request is unconditional. An absent `name` goes into the URL as "(null)".
+// request is unconditional.
 FetchedStorebag fetchStorebagWithName(const std::optional<std::string>& name,
                                       const std::optional<std::string>& lastModified);
 

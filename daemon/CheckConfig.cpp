@@ -45,6 +45,7 @@ Findings inspect(const Paths& paths, const ConfigCheckOptions& options, std::uin
        {checkSandboxProfile, checkBundle, checkDeployment, checkPublicKey, checkInfo,
         checkEntitlements, checkDevice, checkPreferences, checkDeviceFacts, checkWriters})
     check(it);
+  if (options.isOnline) checkOnline(it);
   return std::move(it.found);
 }
 

@@ -8,6 +8,7 @@ namespace corvid {
 
 struct ConfigCheckOptions {
   bool asJSON = false;
+  bool isOnline = false;  // asks the servers too
   // The daemon would enter its sandbox.
   bool entersSandbox = true;
 };

@@ -55,6 +55,9 @@ std::variant<Options, int> readOptions(std::vector<std::string> arguments) {
                   "Enter the sandbox profile, or do without it (enforce)");
   CLI::Option* const check = app.add_flag("--check-config", options.checksConfig,
                                           "Check every file that the daemon reads, and exit");
+  app.add_flag("--online", options.asksServers,
+               "Fetch each storebag as well, and connect to each server that it names")
+      ->needs(check);
   app.add_flag("--json", options.printsJSON, "Print what is found as one JSON object")
       ->needs(check);
 

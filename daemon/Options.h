@@ -21,9 +21,11 @@ struct Options {
   std::optional<std::chrono::seconds> idleExit;
   // False leaves the process outside the sandbox.
   bool enforcesSandbox = true;
-  // Checks the configuration instead of serving; how findings are printed.
+  // Checks the configuration instead of serving; how findings are printed, and whether servers are
+  // asked as well.
   bool checksConfig = false;
   bool printsJSON = false;
+  bool asksServers = false;
 };
 
 // Reads the arguments after the program's name, and CORVID_ROOT where they name no root. An int is

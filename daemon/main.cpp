@@ -11,8 +11,9 @@ int main(int argc, char** argv) {
     if (const int* const status = std::get_if<int>(&read)) return *status;
     const auto& options = std::get<corvid::Options>(read);
     if (options.checksConfig)
-      return corvid::printConfigCheck(corvid::pathsFor(options),
-                                      {options.printsJSON, options.enforcesSandbox});
+      return corvid::printConfigCheck(
+          corvid::pathsFor(options),
+          {options.printsJSON, options.asksServers, options.enforcesSandbox});
     return corvid::runDaemon(options);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "corvidd: %s\n", error.what());

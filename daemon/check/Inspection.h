@@ -62,5 +62,8 @@ void checkPreferences(Inspection& it);
 void checkDeviceFacts(Inspection& it);
 // Whether others can write what the daemon reads, or where it stands.
 void checkWriters(Inspection& it);
+// Fetches and verifies each storebag, and connects to each server that one names; sends nothing. It
+// starts threads.
+void checkOnline(Inspection& it);
 
 }  // namespace corvid

@@ -8,11 +8,11 @@
 namespace corvid {
 
 // The functions in use, without their prefix.
-#define CORVID_CURL_FUNCTIONS(each)                                                             \
-  each(global_init) each(version_info) each(easy_init) each(easy_setopt) each(easy_getinfo)     \
-      each(easy_strerror) each(easy_cleanup) each(multi_init) each(multi_setopt)                \
-          each(multi_add_handle) each(multi_remove_handle) each(multi_perform) each(multi_poll) \
-              each(multi_wakeup) each(multi_info_read) each(multi_cleanup)
+#define CORVID_CURL_FUNCTIONS(each)                                                               \
+  each(global_init) each(version_info) each(easy_init) each(easy_setopt) each(easy_getinfo)       \
+      each(easy_perform) each(easy_strerror) each(easy_cleanup) each(multi_init)                  \
+          each(multi_setopt) each(multi_add_handle) each(multi_remove_handle) each(multi_perform) \
+              each(multi_poll) each(multi_wakeup) each(multi_info_read) each(multi_cleanup)
 
 // libcurl brings some thirty other libraries into the process. A daemon that has nothing to fetch
 // and nothing to post does without their start-up time and memory, so they are loaded on demand

@@ -10,6 +10,7 @@
 
 #include "base/Text.h"
 #include "platform/FileSystem.h"
+#include "platform/http/ServerTrust.h"
 
 namespace corvid {
 namespace {
@@ -26,25 +27,11 @@ Transfer::Transfer(const std::optional<std::string>& caFile, KeptConnections& ke
     : _keptConnections(keptConnections), _handle(curl().easy_init()) {
   CURL* const handle = _handle.get();
   if (!handle) throw std::bad_alloc();
+  setServerTrust(handle, caFile);
   set(handle, CURLOPT_PRIVATE, static_cast<void*>(this));
-  set(handle, CURLOPT_NOSIGNAL, 1L);
   set(handle, CURLOPT_ERRORBUFFER, _errorText.data());
-  set(handle, CURLOPT_PROTOCOLS_STR, "https,http");
   set(handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
-  set(handle, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
-  set(handle, CURLOPT_PROXY, "");
   set(handle, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(mostBodyBytes));
-
-  // One kind of source only: libcurl keeps a file's certificates from one connection to the next
-  // only where there is no folder, and a folder alone loads just the certificates that are used.
-  const char* const systemFolder = curl().version_info(CURLVERSION_NOW)->capath;
-  if (caFile) {
-    set(handle, CURLOPT_CAINFO, caFile->c_str());
-    set(handle, CURLOPT_CAPATH, nullptr);
-  } else if (systemFolder) {
-    set(handle, CURLOPT_CAINFO, nullptr);
-    set(handle, CURLOPT_CAPATH, systemFolder);
-  }
 
   using Data = std::size_t (*)(char*, std::size_t, std::size_t, void*);
   const Data header = [](char* data, std::size_t, std::size_t size, void* self) {

@@ -60,10 +60,13 @@ TEST_F(OptionsTest, WithoutArgumentsRunsOnTheMachineItselfUnderTheSandbox) {
   EXPECT_TRUE(options.enforcesSandbox);
 }
 
-TEST_F(OptionsTest, JSONIsAFormOfTheConfigurationCheck) {
+TEST_F(OptionsTest, JSONAndServersBelongToTheConfigurationCheck) {
   EXPECT_FALSE(parse({"--check-config"}).printsJSON);
   EXPECT_TRUE(parse({"--json", "--check-config"}).printsJSON);
   EXPECT_EQ(refusal({"--json"}), "--json requires --check-config");
+  EXPECT_FALSE(parse({"--check-config"}).asksServers);
+  EXPECT_TRUE(parse({"--check-config", "--online"}).asksServers);
+  EXPECT_EQ(refusal({"--online"}), "--online requires --check-config");
 }
 
 TEST_F(OptionsTest, TakeTheirValueFromTheNextArgument) {

@@ -5,11 +5,14 @@
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
 
+#include <cstdlib>
 #include <thread>
 #include <vector>
 
 #include "base/Text.h"
 #include "platform/data/Crypto.h"
+#include "tests/support/Scratch.h"
+#include "tests/support/SigningKeys.h"
 
 namespace corvid {
 namespace {
@@ -167,6 +170,25 @@ TEST_F(RSAPublicKeyTest, AMovedKeyGoesOnVerifying) {
   ASSERT_TRUE(first);
   const RSAPublicKey second = std::move(first).value();
   EXPECT_TRUE(second.verifies(sha1("the bag"), signature("the bag")));
+}
+
+TEST(KeyForm, TellsWhatIsNoPublicKeyInDERForm) {
+  const std::string pair = contentOf(signingKeyFile("trusted"));
+  const ScratchFolder scratch;
+  const auto converted = [&](const char* options) {
+    const std::string file = scratch.path("key");
+    const std::string command =
+        fmt::format("openssl pkey -in {} {} -out {}", signingKeyFile("trusted"), options, file);
+    EXPECT_EQ(std::system(command.c_str()), 0) << command;
+    return contentOf(file);
+  };
+  EXPECT_EQ(keyFormOf(pair), KeyForm::privateKey);
+  EXPECT_EQ(keyFormOf(converted("-outform DER")), KeyForm::privateKey);
+  EXPECT_EQ(keyFormOf(converted("-aes256 -passout pass:secret")), KeyForm::privateKey);
+  EXPECT_EQ(keyFormOf(converted("-pubout")), KeyForm::publicPEM);
+  EXPECT_EQ(keyFormOf("-----BEGIN PUBLIC KEY-----"), KeyForm::none);
+  EXPECT_EQ(keyFormOf(pair.substr(0, pair.size() / 2)), KeyForm::none);
+  EXPECT_EQ(keyFormOf(""), KeyForm::none);
 }
 
 }  // namespace

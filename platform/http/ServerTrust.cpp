@@ -1,0 +1,58 @@
+#include "platform/http/ServerTrust.h"
+
+#include <array>
+#include <memory>
+#include <new>
+
+#include "platform/http/CurlLibrary.h"
+
+namespace corvid {
+
+namespace {
+
+template <class T>
+void set(CURL* handle, CURLoption option, T value) {
+  if (curl().easy_setopt(handle, option, value) == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
+}
+
+}  // namespace
+
+void setServerTrust(CURL* handle, const std::optional<std::string>& caFile) {
+  set(handle, CURLOPT_NOSIGNAL, 1L);
+  set(handle, CURLOPT_PROTOCOLS_STR, "https,http");
+  set(handle, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
+  set(handle, CURLOPT_PROXY, "");
+
+  // One kind of source only: libcurl keeps a file's certificates from one connection to the next
+  // only where there is no folder, and a folder alone loads just the certificates that are used.
+  const char* const systemFolder = curl().version_info(CURLVERSION_NOW)->capath;
+  if (caFile) {
+    set(handle, CURLOPT_CAINFO, caFile->c_str());
+    set(handle, CURLOPT_CAPATH, nullptr);
+  } else if (systemFolder) {
+    set(handle, CURLOPT_CAINFO, nullptr);
+    set(handle, CURLOPT_CAPATH, systemFolder);
+  }
+}
+
+std::optional<Failure> tryConnection(const std::string& url,
+                                     const std::optional<std::string>& caFile,
+                                     std::chrono::milliseconds patience) {
+  if (!curlLibrary()) return curlLibrary().failure();
+  struct Cleanup {
+    void operator()(CURL* handle) const { curl().easy_cleanup(handle); }
+  };
+  const std::unique_ptr<CURL, Cleanup> handle(curl().easy_init());
+  if (!handle) throw std::bad_alloc();
+  std::array<char, CURL_ERROR_SIZE> text{};
+  setServerTrust(handle.get(), caFile);
+  set(handle.get(), CURLOPT_ERRORBUFFER, text.data());
+  set(handle.get(), CURLOPT_URL, url.c_str());
+  set(handle.get(), CURLOPT_CONNECT_ONLY, 1L);
+  set(handle.get(), CURLOPT_TIMEOUT_MS, static_cast<long>(patience.count()));
+  const CURLcode code = curl().easy_perform(handle.get());
+  if (code == CURLE_OK) return std::nullopt;
+  return Failure{text[0] ? text.data() : curl().easy_strerror(code), code};
+}
+
+}  // namespace corvid
