@@ -146,7 +146,7 @@ TEST_F(ConfigAdvice, LeadsToFilesThatTheDaemonMayReadAndNobodyElseWrites) {
         "usr/share/corvid/Info.plist", "usr/share/corvid/sandbox/com.halcyon.corvidd.plist",
         "etc/corvid", "usr/share", "var/lib/corvidd/Preferences",
         "var/lib/corvidd/Preferences/com.halcyon.diagnostics.plist"})
-    for (const mode_t mode : {0, 0777}) {
+    for (const mode_t mode : {0U, 0777U}) {
       SCOPED_TRACE(fmt::format("{} {:o}", path, mode));
       ASSERT_EQ(chmod(root.path(path).c_str(), mode), 0);
       followAllAdvice();
