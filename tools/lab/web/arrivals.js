@@ -156,8 +156,8 @@ export class Arrivals {
     return {arrival, items: this.seen(arrival)};
   }
 
-  // Forgets the oldest until at most so many events and arrivals are left; the number of lines that
-  // went with them.
+  // Forgets the oldest until at most so many events and arrivals are left; how many arrivals went, and
+  // how many lines of what is to be seen.
   trim(most) {
     let lines = 0;
     let gone = 0;
@@ -166,7 +166,7 @@ export class Arrivals {
       this.events -= this.all[gone].events.length;
     }
     this.all.splice(0, gone);
-    return lines;
+    return {arrivals: gone, lines};
   }
 
   clear() {

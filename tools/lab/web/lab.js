@@ -12,7 +12,7 @@ const packets = 'dashboard';
 
 const $ = (id) => document.getElementById(id);
 const arrivals = new Arrivals();
-const chains = new Chains($('chains'), (id) => filterBy($('filter').value === id ? '' : id));
+const chains = new Chains($('chains'), filterBySession);
 const faults = new Faults({servers: $('servers'), switches: $('switches'), refused: $('refused'), calm: $('calm')});
 const storebags = new Storebags($('bags'));
 const list = new List($('list'), (row, item, line) => (line === 0 ? item.draw(row) : item.drawField(row, line)),
@@ -62,7 +62,11 @@ function showIncoming() {
   }
   incoming = [];
   list.append(items);
-  if (arrivals.events + arrivals.all.length > mostItems * 1.1) list.set(arrivals.items(), arrivals.trim(mostItems));
+  if (arrivals.events + arrivals.all.length > mostItems * 1.1) {
+    const gone = arrivals.trim(mostItems);
+    lost += gone.arrivals;
+    list.set(arrivals.items(), gone.lines);
+  }
   showTotals();
 }
 
@@ -112,6 +116,13 @@ function filterBy(text) {
   $('filter').value = text;
   arrivals.filter(text);
   refilter();
+}
+
+// Pressed again it is forgotten.
+function filterBySession(id) {
+  const isChosen = $('filter').value === id;
+  filterBy(isChosen ? '' : id);
+  if (!isChosen) showPanel('arrivals');
 }
 
 function pause(paused) {

@@ -7,8 +7,8 @@ let lists = 0;
 
 export class List {
   // `box` scrolls. `draw(row, item, line)` fills the row for a line of an item, 0 its first one;
-  // `toggle(item)` is asked to fold it. An item's `lines` is how many it takes, `level` and `open`
-  // (undefined: it does not fold) are for those who do not see it.
+  // `toggle(item)` is asked to fold it. An item's `lines` is how many it takes; `level` and `open`
+  // are told to those who do not see it.
   constructor(box, draw, toggle) {
     this.box = box;
     this.draw = draw;
@@ -119,10 +119,11 @@ export class List {
 
   fill(row, item, line) {
     this.draw(row, item, line);
-    row.setAttribute('role', line === 0 ? 'treeitem' : 'none');
-    row.setAttribute('aria-level', item.level);
-    if (line === 0 && item.open !== undefined) row.setAttribute('aria-expanded', item.open);
-    else row.removeAttribute('aria-expanded');
+    const states = line === 0 ? {role: 'treeitem', 'aria-level': item.level, 'aria-expanded': item.open} : {};
+    for (const name of ['role', 'aria-level', 'aria-expanded']) {
+      if (name in states) row.setAttribute(name, states[name]);
+      else row.removeAttribute(name);
+    }
     row.classList.toggle('current', row.item === this.current);
   }
 

@@ -116,6 +116,24 @@ TEST_F(PagePaceTest, TenThousandEventsDoNotSlowIt) {
   EXPECT_LT(scrolled, 2 * before + 17) << "it scrolls less smoothly than a short list";
 }
 
+TEST_F(PagePaceTest, TheOldestGoWhereThereAreTooMany) {
+  for (int batch = 0; batch < 67; ++batch) {
+    Array records;
+    for (int i = 0; i < 500; ++i) records.emplace_back(record("A", 7, 2, batch * 500 + i));
+    ASSERT_EQ(post("events", records), 200);
+    if (batch == 60) {  // somebody reads what came in the middle
+      ASSERT_TRUE(awaitsEvents("30,500"));
+      browser.evaluate("document.querySelector('#list').scrollTop = 24 * 501 * 30");
+      ASSERT_TRUE(browser.awaits("document.querySelector('#list').textContent.includes('#15000')"));
+    }
+  }
+  ASSERT_TRUE(awaitsEvents("33,500"));
+  EXPECT_EQ(textOf("#shown"), "30,000 events in 60 arrivals · 7 earlier ones not kept");
+  EXPECT_EQ(browser.number("document.querySelector('#list').scrollHeight"), 24 * 60 * 501);
+  EXPECT_EQ(browser.number("document.querySelector('#list').scrollTop"), 24 * 501 * (30 - 7));
+  EXPECT_TRUE(browser.holds("document.querySelector('#list').textContent.includes('#15000')"));
+}
+
 TEST_F(PagePaceTest, NothingJumpsWhileEventsArrive) {
   post("events", {record("A", 7, 2, 1)});
   ASSERT_TRUE(awaitsLines("event", 1));

@@ -142,6 +142,16 @@ TEST_F(PageTest, ASessionThatIsPressedFiltersByIt) {
   EXPECT_TRUE(awaitsLines("event", 2));
 }
 
+TEST_F(PageTest, OnANarrowScreenASessionThatIsPressedLeadsToItsEvents) {
+  browser.resize(400, 800);
+  post("events", {record("one", 7, 2, 1)});
+  ASSERT_TRUE(awaitsLines("event", 1));
+  browser.click("[data-show=sessions]");
+  browser.click(".session");
+  EXPECT_TRUE(browser.awaits("document.querySelector('#arrivals').getClientRects().length > 0"));
+  EXPECT_EQ(browser.text("document.querySelector('#filter').value"), "one");
+}
+
 TEST_F(PageTest, AFilterLeavesWhatHasAllItsWords) {
   post("events",
        {record("A", 7, 2, 1, {{"action", "play"}}), record("A", 7, 3, 2, {{"action", "pause"}})});
