@@ -31,6 +31,12 @@ std::string inOneLine(std::string_view text) {
   return line;
 }
 
+// Nothing for a command that JSON cannot carry as it is.
+Value sayable(const std::string& command) {
+  const bool isText = !command.empty() && replacingInvalidUTF8(command) == command;
+  return isText ? Value(command) : Value();
+}
+
 }  // namespace
 
 void Findings::add(Kind kind, const std::string& path, std::string_view what,
@@ -48,7 +54,8 @@ std::string Findings::text() const {
   std::string lines;
   for (const auto& [kind, path, what, command] : _all) {
     lines += fmt::format("{:5} {}: {}", wordFor(kind), inOneLine(path), what);
-    if (!command.empty()) lines += fmt::format("; run: {}", command);
+    if (!command.empty() && inOneLine(command) == command)
+      lines += fmt::format("; run: {}", command);
     lines += '\n';
   }
   return lines + fmt::format("{} wrong, {} notes\n", count(Kind::wrong), count(Kind::note));
@@ -60,7 +67,7 @@ std::string Findings::json() const {
     findings.push_back(Dictionary{{"kind", std::string(wordFor(kind))},
                                   {"path", replacingInvalidUTF8(path)},
                                   {"what", replacingInvalidUTF8(what)},
-                                  {"command", command.empty() ? Value() : Value(command)}});
+                                  {"command", sayable(command)}});
   return writeJSON({{"findings", std::move(findings)},
                     {"wrong", static_cast<std::int64_t>(count(Kind::wrong))},
                     {"notes", static_cast<std::int64_t>(count(Kind::note))}})

@@ -468,6 +468,24 @@ TEST_F(CheckConfig, PrintsALineForEachFindingAndTheirNumber) {
   EXPECT_TRUE(first.find("command")->isNull());
 }
 
+TEST_F(CheckConfig, SurvivesWhateverFilesAreCalled) {
+  const std::string list = contentOf(root.path("etc/corvid/entitlements.d/test.plist"));
+  root.write("etc/corvid/entitlements.d/two\nlines.conf", list);
+  root.write("etc/corvid/entitlements.d/no\xfftext.conf", list);
+  const Findings found = checkConfig(Paths(root.path()));
+  EXPECT_EQ(found.count(Kind::wrong), 2u);
+  const std::string text = found.text();
+  EXPECT_EQ(static_cast<std::size_t>(std::ranges::count(text, '\n')), found.all().size() + 1);
+  const auto json = parseJSON(found.json());
+  ASSERT_TRUE(json) << found.json();
+  for (const Value& one : *arrayAt(*json.value().dictionary(), "findings")) {
+    const bool isUntold = stringAt(*one.dictionary(), "path")->ends_with("text.conf");
+    if (isUntold) {
+      EXPECT_TRUE(one.dictionary()->find("command")->isNull());
+    }
+  }
+}
+
 TEST_F(CheckConfig, ChangesNothing) {
   root.remove("var");
   const auto before = filesBelow();
