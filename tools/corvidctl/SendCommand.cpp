@@ -133,6 +133,7 @@ int runStatesCommand(const std::string& root, const SessionOptions& options) {
 int runUploadCommand(const std::string& root, const SessionOptions& options,
                      const std::vector<std::string>& files) {
   std::vector<std::uintmax_t> sizes;
+  sizes.reserve(files.size());
   for (const std::string& file : files) sizes.push_back(sizeOfUpload(file));
 
   ReportingSession session(root, options);
