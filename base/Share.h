@@ -1,10 +1,10 @@
 // What one user may have of something that all users share and nobody can be made to give back.
 //
-// A user may take as long as at least half of what he then has is left over for others. One user
-// alone thus gets two thirds, two get two fifths each, and however many there are, one who has
-// nothing finds room.
+// Two thirds of what the others leave, so that however many take what they may, one who comes
+// later finds room: one user alone gets two thirds, two get two fifths each.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 
 namespace corvid {
@@ -12,10 +12,17 @@ namespace corvid {
 // Of which one user alone gets `alone`.
 constexpr std::size_t capacityFor(std::size_t alone) { return alone + (alone + 1) / 2; }
 
+// The most that a user may have while others have so much; something as long as anything is free.
+constexpr std::size_t shareBeside(std::size_t others, std::size_t capacity) {
+  const std::size_t left = capacity - std::min(others, capacity);
+  return std::max(std::min<std::size_t>(left, 1), left - (left + 2) / 3);
+}
+
 // Whether a user who has `own` of the `all` that is taken may have `more`.
 constexpr bool leavesRoomForOthers(std::size_t own, std::size_t all, std::size_t more,
                                    std::size_t capacity) {
-  return all <= capacity && more <= capacity - all && own + more <= 2 * (capacity - all - more);
+  return all <= capacity && more <= capacity - all &&
+         own + more <= shareBeside(all - own, capacity);
 }
 
 }  // namespace corvid

@@ -1,6 +1,6 @@
 #include "platform/SharedBudget.h"
 
-#include <algorithm>
+#include "base/Share.h"
 
 namespace corvid {
 
@@ -40,11 +40,9 @@ std::size_t SharedBudget::held() const {
 
 bool SharedBudget::fits(std::uint32_t user, std::size_t amount) const {
   if (amount == 0) return true;
-  const std::size_t free = _limits.all - _held;
-  if (amount > free) return false;
   const auto found = _users.find(user);
-  if (found == _users.end()) return true;
-  return found->second + amount <= std::min(_limits.user, free - amount);
+  if (found == _users.end()) return amount <= _capacity - _held;
+  return leavesRoomForOthers(found->second, _held, amount, _capacity);
 }
 
 void SharedBudget::add(std::uint32_t user, std::size_t amount) {

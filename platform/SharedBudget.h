@@ -14,18 +14,12 @@
 
 namespace corvid {
 
-// Bounds what is held in all and for each user. A user gets at most as much as stays free beside
-// it, so that users who take what they can leave room for those who come after: n of them hold one
-// share of n + 1 each. Who holds nothing may have anything that is free, however large.
+// Bounds what is held in all, and by each user to its share of that (base/Share.h). Who holds
+// nothing may have anything that is free, however large.
 //
 // Threads: any.
 class SharedBudget : public std::enable_shared_from_this<SharedBudget> {
  public:
-  struct Limits {
-    std::size_t all;
-    std::size_t user;
-  };
-
   // What is held, until the object goes or is released. One thread at a time.
   class Share {
    public:
@@ -57,7 +51,7 @@ class SharedBudget : public std::enable_shared_from_this<SharedBudget> {
     std::size_t _amount = 0;
   };
 
-  explicit SharedBudget(Limits limits) : _limits(limits) {}
+  explicit SharedBudget(std::size_t capacity) : _capacity(capacity) {}
 
   // Nothing where it does not fit now.
   std::optional<Share> take(std::uint32_t user, std::size_t amount) EXCLUDES(_mutex);
@@ -75,7 +69,7 @@ class SharedBudget : public std::enable_shared_from_this<SharedBudget> {
   bool grow(std::uint32_t user, std::size_t amount) EXCLUDES(_mutex);
   void giveBack(std::uint32_t user, std::size_t amount) EXCLUDES(_mutex);
 
-  const Limits _limits;
+  const std::size_t _capacity;
   mutable Mutex _mutex;
   std::condition_variable_any _freed;
   std::size_t _held GUARDED_BY(_mutex) = 0;
@@ -88,21 +82,17 @@ class SharedBudget : public std::enable_shared_from_this<SharedBudget> {
 struct Budgets {
   static constexpr std::size_t mebibyte = std::size_t{1} << 20;
 
-  static std::shared_ptr<SharedBudget> of(std::size_t all, std::size_t user) {
-    return std::make_shared<SharedBudget>(SharedBudget::Limits{all, user});
-  }
-
   // Messages on their way in and what they are decoded into. Waited for before memory is taken.
-  std::shared_ptr<SharedBudget> incoming = of(96 * mebibyte, 64 * mebibyte);
+  std::shared_ptr<SharedBudget> incoming = std::make_shared<SharedBudget>(96 * mebibyte);
   // Messages to servers, while they are written and until they were posted. Waited for.
-  std::shared_ptr<SharedBudget> outgoing = of(160 * mebibyte, 64 * mebibyte);
+  std::shared_ptr<SharedBudget> outgoing = std::make_shared<SharedBudget>(144 * mebibyte);
   // Answers that clients have not taken. What does not fit is left out.
-  std::shared_ptr<SharedBudget> answers = of(48 * mebibyte, 24 * mebibyte);
+  std::shared_ptr<SharedBudget> answers = std::make_shared<SharedBudget>(36 * mebibyte);
   // Events that wait for a flush, deliveries that wait for a client, and what sessions keep of
   // their clients. What does not fit makes room as if its own limit were met.
-  std::shared_ptr<SharedBudget> kept = of(64 * mebibyte, 32 * mebibyte);
+  std::shared_ptr<SharedBudget> kept = std::make_shared<SharedBudget>(48 * mebibyte);
   // Open files that clients passed.
-  std::shared_ptr<SharedBudget> files = of(256, 128);
+  std::shared_ptr<SharedBudget> files = std::make_shared<SharedBudget>(192);
 };
 
 }  // namespace corvid

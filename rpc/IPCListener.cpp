@@ -15,6 +15,7 @@
 #include "base/ActingUser.h"
 #include "base/Complaint.h"
 #include "base/Log.h"
+#include "base/Share.h"
 #include "base/Thread.h"
 #include "base/UnixAddress.h"
 #include "protocol/Limits.h"
@@ -45,10 +46,9 @@ bool leavesReserve(int descriptor) {
 
 bool admitsConnection(pid_t process, uid_t user, std::size_t all, std::size_t ofUser) {
   const bool forUser = all < limits::connections;
-  // Half of what others leave, so that users who take what they can leave room for the next.
-  const std::size_t others = all - ofUser;
   const std::size_t most =
-      forUser ? std::min(limits::connectionsPerUser, (limits::connections - others + 1) / 2) : 0;
+      forUser ? std::min(limits::connectionsPerUser, shareBeside(all - ofUser, limits::connections))
+              : 0;
   if (ofUser < most) return true;
   logComplaint("IPCListener: Process {}, user {} opened more than {} connections{}; closing it",
                process, user, forUser ? most : limits::connections, forUser ? " of one user" : "");

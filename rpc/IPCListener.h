@@ -34,8 +34,8 @@ struct AcceptGate {
 };
 
 // Whether a peer's connection may be opened while `all` others are, `ofUser` of them by the peer's
-// user. A user may have half of what others leave, limits::connectionsPerUser at most. A refusal is
-// logged with the limit that it would pass; that of all connections comes first.
+// user. A user may have two thirds of what others leave, limits::connectionsPerUser at most. A
+// refusal is logged with the limit that it would pass; that of all connections comes first.
 bool admitsConnection(pid_t process, uid_t user, std::size_t all, std::size_t ofUser);
 
 // Accepts connections on one Unix socket.

@@ -51,5 +51,13 @@ TEST(Share, ALargePieceCountsAsAWhole) {
   EXPECT_FALSE(leavesRoomForOthers(0, 5, std::numeric_limits<std::size_t>::max(), 1200));
 }
 
+TEST(Share, TheLastPieceIsForWhoeverHasNothing) {
+  EXPECT_EQ(shareBeside(999, 1000), 1u);
+  EXPECT_TRUE(leavesRoomForOthers(0, 999, 1, 1000));
+  EXPECT_FALSE(leavesRoomForOthers(1, 999, 1, 1000));
+  EXPECT_EQ(shareBeside(1000, 1000), 0u);
+  EXPECT_EQ(shareBeside(1001, 1000), 0u);
+}
+
 }  // namespace
 }  // namespace corvid

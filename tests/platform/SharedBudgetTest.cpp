@@ -15,10 +15,10 @@ using std::chrono::milliseconds;
 
 struct SharedBudgetTest : testing::Test {
   std::shared_ptr<SharedBudget> budget =
-      std::make_shared<SharedBudget>(SharedBudget::Limits{.all = 100, .user = 40});
+      std::make_shared<SharedBudget>(60);
 };
 
-TEST_F(SharedBudgetTest, AUserGetsItsLimitAndNoMore) {
+TEST_F(SharedBudgetTest, AUserGetsItsShareAndNoMore) {
   const auto first = budget->take(1, 30);
   const auto second = budget->take(1, 10);
   EXPECT_TRUE(first && second);
@@ -28,7 +28,7 @@ TEST_F(SharedBudgetTest, AUserGetsItsLimitAndNoMore) {
 }
 
 TEST_F(SharedBudgetTest, UsersWhoTakeWhatTheyCanLeaveRoomForTheNext) {
-  const auto large = std::make_shared<SharedBudget>(SharedBudget::Limits{100'000, 40'000});
+  const auto large = std::make_shared<SharedBudget>(100'000);
   std::vector<SharedBudget::Share> shares;
   for (std::uint32_t user = 1; user <= 9; ++user) {
     shares.push_back(large->none(user));
@@ -40,16 +40,16 @@ TEST_F(SharedBudgetTest, UsersWhoTakeWhatTheyCanLeaveRoomForTheNext) {
 }
 
 TEST_F(SharedBudgetTest, WhoHoldsNothingMayHaveWhateverIsFree) {
-  auto large = budget->take(1, 90);
+  auto large = budget->take(1, 50);
   EXPECT_TRUE(large);
   EXPECT_FALSE(budget->take(2, 11)) << "but not more";
   EXPECT_FALSE(budget->take(1, 1));
   large.reset();
-  EXPECT_TRUE(budget->take(2, 100));
+  EXPECT_TRUE(budget->take(2, 60));
 }
 
 TEST_F(SharedBudgetTest, NothingIsAlwaysThere) {
-  const auto all = budget->take(1, 100);
+  const auto all = budget->take(1, 60);
   EXPECT_TRUE(budget->take(1, 0));
   EXPECT_TRUE(budget->none(2).grow(0));
 }
@@ -68,7 +68,7 @@ TEST_F(SharedBudgetTest, AShareGivesBackWhatItIsShrunkByAndTheRestWithItsEnd) {
     moved = SharedBudget::Share();
     EXPECT_EQ(budget->held(), 0u);
   }
-  EXPECT_TRUE(budget->take(1, 100)) << "the user is forgotten";
+  EXPECT_TRUE(budget->take(1, 60)) << "the user is forgotten";
 }
 
 TEST_F(SharedBudgetTest, AShareThatCannotGrowStaysAsItIs) {

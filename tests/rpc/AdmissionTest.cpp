@@ -43,15 +43,15 @@ TEST(Admission, OneMoreOfAUserIsRefusedWhileOthersHaveRoom) {
   EXPECT_THAT(log.texts(LogLevel::warning), ElementsAre(tooManyOfUser));
 }
 
-TEST(Admission, AUserMayHaveHalfOfWhatOthersLeave) {
+TEST(Admission, AUserMayHaveTwoThirdsOfWhatOthersLeave) {
   const CapturedLog log;
-  EXPECT_TRUE(admitsConnection(4711, 1000, 256 + 127, 127));
-  EXPECT_FALSE(admitsConnection(4711, 1000, 256 + 128, 128));
+  EXPECT_TRUE(admitsConnection(4711, 1000, 272 + 159, 159));
+  EXPECT_FALSE(admitsConnection(4711, 1000, 272 + 160, 160));
   EXPECT_TRUE(admitsConnection(4711, 1000, 511, 0));
   EXPECT_FALSE(admitsConnection(4711, 1000, 511, 1));
   EXPECT_THAT(
       log.texts(LogLevel::warning),
-      ElementsAre("IPCListener: Process 4711, user 1000 opened more than 128 connections of one "
+      ElementsAre("IPCListener: Process 4711, user 1000 opened more than 160 connections of one "
                   "user; closing it",
                   "IPCListener: Process 4711, user 1000 opened more than 1 connections of one "
                   "user; closing it"));

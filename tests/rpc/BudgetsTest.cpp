@@ -70,7 +70,7 @@ TEST_F(BudgetsTest, AnAnswerThatFindsNoRoomIsLeftOut) {
     session.onMessage = [](std::uint16_t, ResultReply reply) { reply(std::string(mebibyte, 'y')); };
   };
   start();
-  auto others = budgets.answers->take(self(), 40 * mebibyte);
+  auto others = budgets.answers->take(self(), 24 * mebibyte);
   ASSERT_TRUE(others);
   WireClient client(path);
   EXPECT_EQ(sendEvent(client, 1, 1), "none");
@@ -109,7 +109,7 @@ TEST_F(BudgetsTest, AnswersThatAreNotTakenAreBoundedForAUser) {
 
 TEST_F(BudgetsTest, InfosBesideAllThatTheUserHasKeptEndTheConnection) {
   start();
-  const auto others = budgets.kept->take(self(), 60 * mebibyte);
+  const auto others = budgets.kept->take(self(), 40 * mebibyte);
   ASSERT_TRUE(others);
   WireClient client(path);
   auto info = client.session.setSessionInfoRequest();
@@ -124,7 +124,7 @@ TEST_F(BudgetsTest, InfosBesideAllThatTheUserHasKeptEndTheConnection) {
 TEST_F(BudgetsTest, DeliveriesThatFindNoMemoryAreDroppedAndCounted) {
   Outbox outbox("a client", budgets.kept, 1);
   const Dictionary payload{{"text", std::string(mebibyte, 'x')}};
-  auto others = budgets.kept->take(1, 62 * mebibyte);
+  auto others = budgets.kept->take(1, 31 * mebibyte);
   ASSERT_TRUE(others);
   EXPECT_TRUE(outbox.add({std::nullopt, 1, 0, 0, payload}));
   EXPECT_EQ(outbox.dropped(), 1u);

@@ -387,7 +387,7 @@ TEST_F(FullBatchTest, AnEventThatThereIsNoMemoryToHoldGoesAtOnce) {
   Budgets& budgets = Platform::current().budgets;
   const auto gate = std::make_shared<ExchangeGate>(*platform.clock, budgets, 1);
   backend->setExchangeGate(gate);
-  const auto others = budgets.kept->take(1, std::size_t{60} << 20);
+  const auto others = budgets.kept->take(1, std::size_t{40} << 20);
   for (int i = 1; i <= 3; ++i) sendLarge(*backend, i);
   EXPECT_EQ(posted("n"), (Lines{"1", "2", "3"}));
   EXPECT_TRUE(errors().empty());
@@ -397,7 +397,7 @@ TEST_F(FullBatchTest, AnEventThatThereIsNoMemoryToHoldAndThatMayNotGoIsDroppedWi
   const auto backend = makeInState(BackendState::waiting);
   Budgets& budgets = Platform::current().budgets;
   backend->setExchangeGate(std::make_shared<ExchangeGate>(*platform.clock, budgets, 1));
-  const auto others = budgets.kept->take(1, std::size_t{60} << 20);
+  const auto others = budgets.kept->take(1, std::size_t{40} << 20);
   for (int i = 1; i <= 3; ++i) sendLarge(*backend, i);
   EXPECT_EQ(errors().size(), 1u);
   backend->setState(BackendState::sending);

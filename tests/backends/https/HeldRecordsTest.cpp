@@ -158,7 +158,7 @@ TEST(HeldRecords, GiveTheUserInfoAgainWhereAFilterLookedAtTheMethodOrARecordWasR
 }
 
 TEST(HeldRecords, WhatTheUserHasNoMemoryForPushesOutTheOldest) {
-  const auto budget = std::make_shared<SharedBudget>(SharedBudget::Limits{300'000, 100'000});
+  const auto budget = std::make_shared<SharedBudget>(150'000);
   HeldRecords held(budget->none(1));
   const std::string text(20'000, 'x');
   const std::size_t bytes = footprint(Dictionary{{"n", 1}, {"text", text}});
@@ -171,7 +171,7 @@ TEST(HeldRecords, WhatTheUserHasNoMemoryForPushesOutTheOldest) {
 }
 
 TEST(HeldRecords, ARecordThatThereIsNoMemoryForIsHeldAloneAndSaysSo) {
-  const auto budget = std::make_shared<SharedBudget>(SharedBudget::Limits{1000, 1000});
+  const auto budget = std::make_shared<SharedBudget>(1000);
   const auto others = budget->take(1, 1000);
   HeldRecords held(budget->none(1));
   add(held, recordOf(1));

@@ -194,7 +194,7 @@ TEST_F(PostThreadsTest, AMessageWaitsForTheMemoryOfItsUserBeforeItIsWritten) {
   Budgets budgets;
   const auto backend = makeFor(openEntry());
   backend->setExchangeGate(std::make_shared<ExchangeGate>(*platform.clock, budgets, 1));
-  auto others = budgets.outgoing->take(1, std::size_t{64} << 20);
+  auto others = budgets.outgoing->take(1, std::size_t{96} << 20);
   ASSERT_TRUE(others);
   auto next = std::async(std::launch::async, [&] { send(*backend, {}, 1); });
   EXPECT_EQ(next.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
@@ -211,7 +211,7 @@ TEST_F(PostThreadsTest, AMessageThatFindsNoMemoryWithinAMinuteIsLostWithALine) {
   Budgets budgets;
   const auto backend = makeFor(openEntry());
   backend->setExchangeGate(std::make_shared<ExchangeGate>(*platform.clock, budgets, 1));
-  const auto others = budgets.outgoing->take(1, std::size_t{64} << 20);
+  const auto others = budgets.outgoing->take(1, std::size_t{96} << 20);
   auto next = std::async(std::launch::async, [&] { send(*backend, {}, 1); });
   EXPECT_EQ(next.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
   platform.clock->advance(std::chrono::minutes(1));
