@@ -147,13 +147,20 @@ kj::Promise<void> PeerGuard::writeMessage(
   const bool isLargeAnswer = message.isReturn() && bytes > limits::largeAnswerBytes;
   inspectOutgoing(message);
   _writing = true;
-  auto written = _stream.writeMessage(descriptors, segments);
+  auto written = kj::evalNow([&] { return _stream.writeMessage(descriptors, segments); });
   if (isLargeAnswer) written = written.exclusiveJoin(answerIsLate());
-  return written.then([this] {
-    _writing = false;
-    _written();
-    openGate();
-  });
+  return written.then(
+      [this] {
+        _writing = false;
+        _written();
+        openGate();
+      },
+      [this](kj::Exception&& exception) {
+        // The RPC system leaves it to the reading side to find that the client is gone.
+        _writing = false;
+        openGate();
+        kj::throwFatalException(kj::mv(exception));
+      });
 }
 
 kj::Promise<void> PeerGuard::writeMessages(

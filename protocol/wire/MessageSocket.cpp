@@ -259,10 +259,18 @@ kj::Promise<void> MessageSocket::writeMessage(kj::ArrayPtr<const int> descriptor
 kj::Promise<void> MessageSocket::send(kj::Own<Outgoing> outgoing) {
   if (outgoing->writeTo(_port.socket())) return kj::READY_NOW;
   _blocked = true;
-  return untilSent(kj::mv(outgoing)).then([this] {
-    _blocked = false;
-    if (auto waiting = kj::mv(_unblocked); waiting.get() != nullptr) waiting->fulfill();
-  });
+  return untilSent(kj::mv(outgoing))
+      .then(
+          [this] {
+            _blocked = false;
+            if (auto waiting = kj::mv(_unblocked); waiting.get() != nullptr) waiting->fulfill();
+          },
+          [this](kj::Exception&& exception) {
+            _blocked = false;
+            if (auto waiting = kj::mv(_unblocked); waiting.get() != nullptr)
+              waiting->reject(kj::cp(exception));
+            kj::throwFatalException(kj::mv(exception));
+          });
 }
 
 kj::Promise<void> MessageSocket::writeMessages(kj::ArrayPtr<Segments> messages) {

@@ -412,6 +412,11 @@ TEST_F(Limits, AClientThatDoesNotReadMakesTheDaemonStopReadingIt) {
   }
   EXPECT_TRUE(blocked) << written << " bytes went through";
   EXPECT_EQ(sendEvent(*bystander, 6, 6), "sent 6");
+
+  // Nobody reads its socket then, and all the same its end is found.
+  const std::size_t session = delegate->accepted.size() - 1;
+  raw.socket.reset();
+  EXPECT_TRUE(delegate->awaitInvalidated(session));
 }
 
 }  // namespace
