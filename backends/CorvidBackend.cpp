@@ -15,7 +15,8 @@ CorvidBackend::CorvidBackend(std::string name, Dictionary profile, SharedIdentit
       _profile(std::move(profile)),
       _identity(std::move(identity)),
       _displayURL(std::move(displayURL)),
-      _samplingFactor(_platform.random().uniform()) {}
+      _samplingFactor(_platform.random().uniform()),
+      _account(std::make_shared<LedgerAccount>(Ledger::create(_platform.clock()), 0, _name)) {}
 
 std::string CorvidBackend::convertIntoSHA256(std::string_view text) {
   return hexadecimal(sha256(text.substr(0, utf16Length(text))));
@@ -24,13 +25,15 @@ std::string CorvidBackend::convertIntoSHA256(std::string_view text) {
 std::optional<std::string> CorvidBackend::sendMessage(const Dictionary*, const TimeValue&,
                                                       std::uint16_t, std::uint16_t, EventID,
                                                       MessageFlag) {
+  _account->drop(_offered, Reason::takesNoEvents);
   return std::nullopt;
 }
 
 std::optional<std::string> CorvidBackend::sendMessage(const Dictionary* payload,
                                                       const TimeValue& timestamp,
                                                       std::uint16_t method, std::uint16_t respCode,
-                                                      MessageFlag flag) {
+                                                      MessageFlag flag, EventMark mark) {
+  _offered = mark;
   return sendMessage(payload, timestamp, method, respCode, EventID{++_eventID}, flag);
 }
 

@@ -13,7 +13,9 @@
 #include "base/Mutex.h"
 #include "base/TimeValue.h"
 #include "base/Value.h"
+#include "protocol/Reason.h"
 #include "protocol/Reply.h"
+#include "status/Ledger.h"
 
 namespace corvid {
 
@@ -21,7 +23,7 @@ class ExchangeGate;
 class Platform;
 
 // Reporting state of a backend. Sessions treat sending and held as reporting.
-enum class BackendState : std::int32_t {
+enum class BackendState : std::uint8_t {
   waiting = 0,   // not evaluated yet, or user info is awaited
   disabled = 1,  // nothing leaves the device
   sending = 2,
@@ -68,20 +70,25 @@ class CorvidBackend : public std::enable_shared_from_this<CorvidBackend> {
   // What bounds its exchanges with those of the client's other backends. Before the first event;
   // without one a backend has its own.
   virtual void setExchangeGate(std::shared_ptr<ExchangeGate>) {}
+  // Where it says what became of its events. Before the first event; without one a backend has its
+  // own.
+  void setAccount(std::shared_ptr<LedgerAccount> account) { _account = std::move(account); }
+  const LedgerAccount& account() const { return *_account; }
   // Releases what the backend holds outside its fields before it is dropped.
   virtual void cleanup() {}
   // Computes `state` anew.
-  virtual void updateState() { setState(BackendState::sending); }
+  virtual void updateState() { setState(BackendState::sending, Reason::takesNoEvents); }
 
   // Sends one event; answers with the text for the local message log, where there is one.
   virtual std::optional<std::string> sendMessage(const Dictionary* payload,
                                                  const TimeValue& timestamp, std::uint16_t method,
                                                  std::uint16_t respCode, EventID eventID,
                                                  MessageFlag flag);
-  // The session's entry: numbers the event and sends it. `payload` may be null.
+  // The session's entry: numbers the event and sends it. `payload` may be null; `mark` is the
+  // ledger's.
   std::optional<std::string> sendMessage(const Dictionary* payload, const TimeValue& timestamp,
                                          std::uint16_t method, std::uint16_t respCode,
-                                         MessageFlag flag);
+                                         MessageFlag flag, EventMark mark = {});
   // Pushes out what is held. `completion` may be empty; it is called once, on any thread.
   virtual std::optional<std::string> flushMessagesWithCompletion(FlushCompletion completion);
   virtual bool uploadFileAtPath(const std::string& path, const std::string& extensionToken);
@@ -95,8 +102,28 @@ class CorvidBackend : public std::enable_shared_from_this<CorvidBackend> {
   // Drawn at creation, in [0, 1).
   double samplingFactor() const { return _samplingFactor; }
 
-  BackendState state() const { return _state.load(std::memory_order_relaxed); }
-  void setState(BackendState state) { _state.store(state, std::memory_order_relaxed); }
+  // A state and why it is that.
+  struct Standing {
+    BackendState state = BackendState::waiting;
+    Reason reason = Reason::notConfigured;
+  };
+  Standing standing() const { return _standing.load(std::memory_order_relaxed); }
+  BackendState state() const { return standing().state; }
+  void setState(BackendState state, Reason reason = Reason::reporting) {
+    _standing.store({state, reason}, std::memory_order_relaxed);
+  }
+  // The same, for a reason that is counted.
+  void becomeSilent(BackendState state, Reason reason) {
+    setState(state, reason);
+    _account->countSilence(reason);
+  }
+  // The session whose backend this one takes its state from, by the ledger's number; 0: none.
+  std::uint64_t followed() const { return _followed.load(std::memory_order_relaxed); }
+  void setFollowed(std::uint64_t session) { _followed = session; }
+  // The index of the storebag's entry that decided, where one did.
+  virtual std::optional<std::size_t> entry() const { return std::nullopt; }
+  // What the events that it holds take in memory.
+  virtual std::size_t heldBytes() const { return 0; }
   // Level in the chain of sessions, 0 at the top.
   std::int32_t hierarchy() const { return _hierarchy.load(std::memory_order_relaxed); }
   void setHierarchy(std::int32_t hierarchy) { _hierarchy = hierarchy; }
@@ -121,7 +148,11 @@ class CorvidBackend : public std::enable_shared_from_this<CorvidBackend> {
   const std::optional<std::string> _displayURL;
   const double _samplingFactor;
 
-  std::atomic<BackendState> _state{BackendState::waiting};
+  std::shared_ptr<LedgerAccount> _account;
+  EventMark _offered;  // of the event that is being sent; sends do not overlap
+
+  std::atomic<Standing> _standing{Standing{}};
+  std::atomic<std::uint64_t> _followed{0};
   std::atomic<std::int32_t> _hierarchy{0};
   std::atomic<std::uint16_t> _eventID{0};  // of the latest event
 

@@ -83,6 +83,16 @@ std::optional<URL> parseURL(std::string_view text) {
   return url;
 }
 
+std::string hostAndPort(std::string_view url) {
+  const std::optional<URL> parsed = parseURL(url);
+  if (!parsed) return {};
+  const std::string_view authority = parsed->authority;
+  const auto user = authority.rfind('@');
+  std::string result(user == std::string_view::npos ? authority : authority.substr(user + 1));
+  if (result.size() > parsed->host.size() + 1) return result;
+  return std::string(parsed->host) + (equalsIgnoringCase(parsed->scheme, "http") ? ":80" : ":443");
+}
+
 std::string percentEncodedForQuery(std::string_view text) {
   return percentEncoded(text, mayStandInQuery);
 }

@@ -22,6 +22,10 @@ struct URL {
 // queries are often written with them.
 std::optional<URL> parseURL(std::string_view text);
 
+// Whom a URL of http or https speaks to: its host with the port, the scheme's own where it names
+// none; without a user. Empty where the text is no URL of a host.
+std::string hostAndPort(std::string_view url);
+
 // The text with every byte but those that may stand in a URL's query as they are (letters, digits
 // and -._~!$&'()*+,;=:@/?) as an escape of two upper-case hexadecimal digits.
 std::string percentEncodedForQuery(std::string_view text);

@@ -146,7 +146,7 @@ FetchedStorebag fetchStorebagForEnvironmentAndClientType(
     logError(
         "fetchStorebagForEnvironmentAndClientType: Could not find storebag name for client type {}",
         clientType);
-    return {};
+    return {.fault = StorebagFault{Reason::unknownClientType}};
   }
   // Without a name the server is asked all the same; only client type 0 is known to have nothing.
   FetchedStorebag fetched =
@@ -160,7 +160,11 @@ FetchedStorebag fetchStorebagForEnvironmentAndClientType(
   }
   const Dictionary whole = *std::exchange(fetched.storebag, std::nullopt);
   const Dictionary* section = currentSection(whole, clientType);
-  if (section == nullptr) return fetched;
+  if (section == nullptr) {
+    fetched.fault = {Reason::noSectionForEnvironment,
+                     environmentNameForType(currentEnvironment()).value_or("none")};
+    return fetched;
+  }
   fetched.storebag = *section;
 
   const std::string* version = stringAt(whole, "version");
@@ -168,6 +172,7 @@ FetchedStorebag fetchStorebagForEnvironmentAndClientType(
     logError(
         "fetchStorebagForEnvironmentAndClientType: The storebag for client type {} has no version",
         clientType);
+    fetched.fault = {Reason::storebagMalformed, "it lacks \"version\""};
     return fetched;
   }
   fetched.version = *version;

@@ -94,6 +94,7 @@ FetchedStorebag fetchStorebagWithName(const std::optional<std::string>& name,
   logDebug("fetchStorebagWithName: Storebag Server URL: {}", url);
 
   FetchedStorebag fetched;
+  fetched.url = url;
   const HTTPOutcome outcome =
       performAndWait(Platform::current().http(), storebagRequest(url, lastModified));
   if (!outcome.response) {
@@ -102,6 +103,7 @@ FetchedStorebag fetchStorebagWithName(const std::optional<std::string>& name,
     logInfo(
         "fetchStorebagWithName: Error resolving with lookup server {}, sendSynchronousRequest error {}",
         url, reason);
+    fetched.fault = {Reason::storebagUnreachable, std::string(reason)};
     if (name != fallbackName) return fetched;
     logInfo("fetchStorebagWithName: Loading default storebag '{}'", *name);
     fetched.storebag = fallbackStorebag();
@@ -120,7 +122,11 @@ FetchedStorebag fetchStorebagWithName(const std::optional<std::string>& name,
     logDebug("fetchStorebagWithName: New 'Last-Modified: {}' received", *received);
     fetched.lastModified = std::move(received);
   }
-  fetched.storebag = storebagFromEnvelope(response.body, readPublicKey());
+  OpenedEnvelope opened = openEnvelope(response.body, readPublicKey());
+  if (!opened.storebag)
+    fetched.fault = {opened.reason, fmt::format("status {}: {}", response.status, opened.lack)};
+  fetched.storebag = std::move(opened.storebag);
+  fetched.key = opened.key;
   return fetched;
 }
 
@@ -140,8 +146,13 @@ std::int32_t maxAgeFromCacheControl(std::string_view header) {
   }
 }
 
-std::optional<Dictionary> storebagFromEnvelope(std::string_view envelope,
-                                               std::string_view publicKeyDER) {
+OpenedEnvelope openEnvelope(std::string_view envelope, std::string_view publicKeyDER) {
+  const auto malformed = [](std::string_view lack) {
+    return OpenedEnvelope{.reason = Reason::storebagMalformed, .lack = lack};
+  };
+  const auto unverified = [](std::string_view lack) {
+    return OpenedEnvelope{.reason = Reason::storebagUnverified, .lack = lack};
+  };
   const Result<Value> parsed = parsePropertyList(envelope);
   if (!parsed)
     logError("fetchStorebagWithName: propertyListWithData error {}", parsed.failure().message);
@@ -150,25 +161,28 @@ std::optional<Dictionary> storebagFromEnvelope(std::string_view envelope,
   const std::string* signatureText = fields ? stringAt(*fields, "signature") : nullptr;
   if (signatureText == nullptr) {
     logError("fetchStorebagWithName: Signature is missing");
-    return std::nullopt;
+    if (!fields) return malformed("the body is no dictionary");
+    return fields->contains("bag") ? unverified("it has no signature")
+                                   : malformed("it lacks \"bag\"");
   }
   const Result<RSAPublicKey> key = RSAPublicKey::fromDER(publicKeyDER);
-  if (!key) return std::nullopt;
+  if (!key) return unverified("this device has no usable key");
   const auto signature = base64DecodeIgnoringUnknownCharacters(*signatureText);
-  if (!signature) return std::nullopt;
+  if (!signature) return unverified("its signature is no Base64");
   const std::string* bagText = stringAt(*fields, "bag");
-  if (bagText == nullptr) return std::nullopt;
+  if (bagText == nullptr) return malformed("it lacks \"bag\"");
   const auto bag = base64DecodeIgnoringUnknownCharacters(*bagText);
-  if (!bag) return std::nullopt;
+  if (!bag) return malformed("its \"bag\" is no Base64");
 
   if (!verifyStorebagSignature(key.value(), *bag, *signature)) {
     logError("fetchStorebagWithName: Signature can not be verified, {:#018x}",
              key.value().fingerprint());
-    return std::nullopt;
+    return unverified("no key of this device verifies its signature");
   }
   const Result<Value> storebag = parsePropertyList(*bag);
   const Dictionary* content = dictionaryIn(storebag);
-  return content ? std::optional(*content) : std::nullopt;
+  if (!content) return malformed("its \"bag\" is no dictionary");
+  return {.storebag = *content, .key = key.value().fingerprint()};
 }
 
 }  // namespace corvid

@@ -30,7 +30,10 @@ bool contains(const SessionList& sessions, const CorviddSession& session) {
 }  // namespace
 
 CorviddAgent::CorviddAgent(StorebagCache::Fetch fetch)
-    : _platform(Platform::current()), _storebags(std::move(fetch)) {}
+    : _platform(Platform::current()),
+      _ledger(Ledger::create(_platform.clock())),
+      _board(std::make_shared<StorebagBoard>()),
+      _storebags(std::move(fetch), _board) {}
 
 std::shared_ptr<CorviddAgent> CorviddAgent::create(StorebagCache::Fetch fetch) {
   return std::shared_ptr<CorviddAgent>(new CorviddAgent(std::move(fetch)));
@@ -44,6 +47,7 @@ bool CorviddAgent::shouldAcceptNewConnection(std::shared_ptr<Connection> connect
     logDebug(
         "listener: new IPC connection {} does not have required corvid entitlement. Closing connection...",
         peer);
+    _ledger->countRefusedConnection(Reason::notEntitled);
     return false;
   }
   logDebug(
@@ -67,6 +71,7 @@ void CorviddAgent::addSession(std::shared_ptr<CorviddSession> session) {
   if (_sessionList.empty()) _platform.keepAlive().beginTransaction();
   _sessionList.push_back(std::move(session));
   _sessionCount = _sessionList.size();
+  if (_sessionsChanged) _sessionsChanged();
 }
 
 // The handler's own reference outlives the call, so that nothing is destroyed under a lock.
@@ -77,6 +82,7 @@ void CorviddAgent::connectionInvalidated(const std::shared_ptr<CorviddSession>& 
     if (std::erase(_sessionList, session) > 0 && _sessionList.empty())
       _platform.keepAlive().endTransaction();
     _sessionCount = _sessionList.size();
+    if (_sessionsChanged) _sessionsChanged();
   }
   const RecursiveLock lock(_mutex);
   _chains.leave(*session);
@@ -105,6 +111,11 @@ Result<std::optional<Dictionary>> CorviddAgent::storebagForSession(CorviddSessio
 std::optional<std::string> CorviddAgent::storebagVersionForSession(CorviddSession& session) {
   const RecursiveLock lock(_mutex);
   return _storebags.version(clientTypeOf(session));
+}
+
+Reason CorviddAgent::whyNoStorebagForSession(CorviddSession& session) {
+  const RecursiveLock lock(_mutex);
+  return _storebags.whyNone(clientTypeOf(session));
 }
 
 void CorviddAgent::userInfoUpdatedForSession(CorviddSession& session) {

@@ -46,16 +46,33 @@ class CorviddAgent final : public ListenerDelegate,
   // ListenerDelegate
   bool shouldAcceptNewConnection(std::shared_ptr<Connection> connection) override
       EXCLUDES(_sessionListMutex);
+  void tooManyConnections() override {
+    _ledger->countRefusedConnection(Reason::tooManyConnections);
+  }
 
   // CorviddSessionDelegate
   Result<std::optional<Dictionary>> storebagForSession(CorviddSession& session) override;
   std::optional<std::string> storebagVersionForSession(CorviddSession& session) override;
+  Reason whyNoStorebagForSession(CorviddSession& session) override;
+  const std::shared_ptr<Ledger>& ledger() const override { return _ledger; }
+  std::uint64_t nextSessionNumber() override { return ++_lastSession; }
   void userInfoUpdatedForSession(CorviddSession& session) override;
   CorviddSession* getAncestorWithAggregatorForSession(CorviddSession& session) override
       REQUIRES(_mutex);
   void updateDownstreamSessions(CorviddSession& session) override;
   RecursiveMutex& mutex() override RETURN_CAPABILITY(_mutex) { return _mutex; }
   std::string description() const override;
+
+  // For those who only look: none of these waits for a fetch.
+  template <class Look>
+  void eachSession(Look look) EXCLUDES(_sessionListMutex) {
+    const MutexLock lock(_sessionListMutex);
+    for (const auto& session : _sessionList) look(*session);
+  }
+  std::size_t sessionCount() const { return _sessionCount; }
+  // `changed` is called when a session comes or goes; it may not block. Before the first one.
+  void notifyOfSessions(std::function<void()> changed) { _sessionsChanged = std::move(changed); }
+  StorebagBoard& storebags() { return *_board; }
 
   // The session ID strings of the ancestors, top first, joined by "."; nothing without a parent.
   std::optional<std::string> parentSessionIDStringForSession(CorviddSession& session);
@@ -71,6 +88,10 @@ class CorviddAgent final : public ListenerDelegate,
   void takeFromParent(CorviddSession& session) REQUIRES(_mutex);
 
   Platform& _platform;  // constant
+  const std::shared_ptr<Ledger> _ledger;
+  const std::shared_ptr<StorebagBoard> _board;
+  std::function<void()> _sessionsChanged;
+  std::atomic<std::uint64_t> _lastSession{0};
 
   Mutex _sessionListMutex;
   // Accepted and not yet invalidated, in order of acceptance.

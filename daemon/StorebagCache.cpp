@@ -29,7 +29,8 @@ StorebagCache::Standing StorebagCache::standing(std::int32_t clientType, std::ui
     return pauses ? Standing::pausing : Standing::toBeFetched;
   }
   const auto cached = _cachedStorebags.find(*name);
-  if (cached == _cachedStorebags.end()) return Standing::toBeFetched;
+  if (cached == _cachedStorebags.end() || _board->refreshIsWished(*name))
+    return Standing::toBeFetched;
   const Record& record = cached->second;
   if (record.fetchState == FetchState::failure)
     return isPause(record.fetchTime) ? Standing::pausing : Standing::toBeFetched;
@@ -59,13 +60,29 @@ std::optional<std::string> StorebagCache::version(std::int32_t clientType) const
   return cached == _cachedStorebags.end() ? std::nullopt : cached->second.version;
 }
 
+Reason StorebagCache::whyNone(std::int32_t clientType) const {
+  const std::optional<std::string> name = storebagNameForClientType(clientType);
+  if (!name) return Reason::unknownClientType;
+  const std::optional<StorebagFault> fault = _board->of(*name).fault;
+  // A server that calls unchanged what nobody has sends no storebag.
+  return fault ? fault->reason : Reason::storebagMalformed;
+}
+
 Result<std::optional<Dictionary>> StorebagCache::fetchAndCacheStorebag(std::int32_t clientType,
                                                                        std::uint32_t user) {
   logDebug("fetchAndCacheStorebag: Fetching storebag for client type {}", clientType);
   const std::optional<std::string> name = storebagNameForClientType(clientType);
   const auto cached = name ? _cachedStorebags.find(*name) : _cachedStorebags.end();
   Record record = cached == _cachedStorebags.end() ? Record{} : cached->second;
+  if (name) {
+    _board->refreshBegins(*name);
+    StorebagStanding standing = _board->of(*name);
+    standing.isBeingFetched = true;
+    _board->set(*name, std::move(standing));
+  }
   FetchedStorebag fetched = _fetch(clientType, record.lastModified);
+  const bool isUsable = fetched.storebag && fetched.version;
+  if (name) showOnBoard(*name, fetched, isUsable || fetched.notModified, isUsable);
   if (fetched.storebag && !fetched.version) return Failure{"the storebag has no version"};
   logDebug("fetchAndCacheStorebag: Storebag max age: {} seconds", fetched.maxAge);
 
@@ -87,6 +104,25 @@ Result<std::optional<Dictionary>> StorebagCache::fetchAndCacheStorebag(std::int3
     return std::optional<Dictionary>();
   }
   return (_cachedStorebags[*name] = std::move(record)).data;
+}
+
+void StorebagCache::showOnBoard(const std::string& name, const FetchedStorebag& fetched,
+                                bool successful, bool replaced) const {
+  StorebagStanding standing = _board->of(name);
+  standing.isBeingFetched = false;
+  standing.url = fetched.url;
+  standing.fault = fetched.fault;
+  standing.lastAttempt = secondsNow();
+  if (successful) {
+    standing.validSince = standing.lastAttempt;
+    standing.maxAge = fetched.maxAge;
+  }
+  if (replaced) {
+    standing.isFallback = fetched.fault.has_value();
+    standing.version = fetched.version;
+    standing.key = fetched.key;
+  }
+  _board->set(name, std::move(standing));
 }
 
 void StorebagCache::noteNamelessFailure(std::uint32_t user) {

@@ -4,12 +4,14 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 
 #include "base/Result.h"
 #include "base/Value.h"
 #include "config/StorebagFetch.h"
+#include "daemon/StorebagBoard.h"
 
 namespace corvid {
 
@@ -24,7 +26,8 @@ class StorebagCache {
   // Least time between a failed fetch and the next one for the same client type name.
   static constexpr std::int32_t secondsBetweenAttempts = 900;
 
-  explicit StorebagCache(Fetch fetch) : _fetch(std::move(fetch)) {}
+  StorebagCache(Fetch fetch, std::shared_ptr<StorebagBoard> board)
+      : _fetch(std::move(fetch)), _board(std::move(board)) {}
 
   // The section that holds for the client type, from its record or fetched; may block. Nothing
   // where none was ever fetched, and always for a client type without a name. A failure where the
@@ -39,6 +42,8 @@ class StorebagCache {
   }
   // The version that belongs to it. Never fetches.
   std::optional<std::string> version(std::int32_t clientType) const;
+  // Why there is none for the client type. Never fetches.
+  Reason whyNone(std::int32_t clientType) const;
 
  private:
   enum class Standing { fresh, pausing, toBeFetched };
@@ -57,8 +62,11 @@ class StorebagCache {
   Result<std::optional<Dictionary>> fetchAndCacheStorebag(std::int32_t clientType,
                                                           std::uint32_t user);
   void noteNamelessFailure(std::uint32_t user);
+  void showOnBoard(const std::string& name, const FetchedStorebag& fetched, bool successful,
+                   bool replaced) const;
 
   const Fetch _fetch;
+  const std::shared_ptr<StorebagBoard> _board;
   std::map<std::string, Record> _cachedStorebags;
   // Of the last fetch for a client type without a name, by user.
   std::map<std::uint32_t, double> _namelessFailures;

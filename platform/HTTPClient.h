@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstddef>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -45,10 +46,25 @@ struct HTTPResponse {
   std::optional<std::string> header(std::string_view name) const;
 };
 
+// What kept an exchange from completing.
+enum class HTTPFailure {
+  resolve,
+  connect,
+  tls,
+  timeout,
+  closed,  // by the server
+  tooLarge,
+  queueFull,
+  other,
+  withdrawn,  // by its owner, unsent
+};
+inline constexpr std::size_t httpFailureCount = 9;
+
 // Why an exchange did not complete. `code` is the transport's own and never 0.
 struct HTTPError {
   int code = 0;
   std::string description;
+  HTTPFailure kind = HTTPFailure::other;
 };
 
 // One outcome of an exchange: a response or an error. Any status, 5xx included, is a response.
@@ -78,6 +94,12 @@ class HTTPClient {
   virtual void start(HTTPRequest request, HTTPCompletion completion) = 0;
   // Exchanges started and not yet completed.
   virtual std::size_t exchangesUnderWay() const = 0;
+  // Of those, by host, with the port where the URL names one.
+  struct Load {
+    std::size_t underWay = 0;  // on a connection
+    std::size_t waiting = 0;
+  };
+  virtual std::map<std::string, Load> loads() const = 0;
 };
 
 // Starts the exchange and blocks the caller until its completion. Not from a completion.

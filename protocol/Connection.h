@@ -18,7 +18,8 @@ namespace corvid {
 //
 // Threads   The delegate sets it up on its accept callback; from resume() on, the exported
 //           object's operations and the handlers run on the connection's own thread, one after
-//           the other. remoteObjectProxyWithErrorHandler, description and invalidate: any thread.
+//           the other. remoteObjectProxyWithErrorHandler, description, perform and invalidate: any
+//           thread.
 // Ownership The connection holds its exported object and handlers until it is invalidated, and
 //           drops them after the invalidation handler has run.
 class Connection {
@@ -27,6 +28,12 @@ class Connection {
 
   // For log lines: peer's process, user and the connection's number.
   virtual std::string description() const = 0;
+  // Who the peer was when it connected.
+  struct Peer {
+    std::int32_t process = 0;
+    std::string unit{};  // the systemd unit that it ran in; empty where it is in none
+  };
+  virtual Peer peerProcess() const { return {}; }
   // The peer's user, by number.
   virtual std::uint32_t user() const = 0;
   // What the peer is entitled to under `name`; nothing where it is not.
@@ -49,6 +56,8 @@ class Connection {
   virtual std::shared_ptr<ClientSessionReplyInterface> remoteObjectProxyWithErrorHandler(
       std::function<void(const std::string&)> onError) = 0;
 
+  // Has `task` run on the connection's thread, between calls; a connection that is gone drops it.
+  virtual void perform(std::function<void()> task) = 0;
   // Closes the connection with one log line that says why. Returns at once.
   virtual void invalidate(std::string_view reason) = 0;
 };
@@ -58,6 +67,8 @@ class ListenerDelegate {
   virtual ~ListenerDelegate() = default;
   // Decides on a new connection; false closes it. On the accept thread.
   virtual bool shouldAcceptNewConnection(std::shared_ptr<Connection> connection) = 0;
+  // A connection was closed at once because there are too many. On the accept thread.
+  virtual void tooManyConnections() {}
 };
 
 }  // namespace corvid

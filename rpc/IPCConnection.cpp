@@ -121,6 +121,7 @@ IPCConnection::IPCConnection(Descriptor socket, Peer peer, PeerEntitlements enti
     : _peer(peer),
       _description(fmt::format("connection {} of process {}, user {}", peer.number, peer.process,
                                peer.user)),
+      _unit(shared.unitOf ? shared.unitOf(socket.get()) : std::string()),
       _entitlementsNow(std::move(entitlements)),
       _entitlements(_entitlementsNow()),
       _shared(shared),

@@ -35,6 +35,8 @@ class IPCConnection final : public Connection {
   struct Shared {
     ExtensionTokens& tokens;  // for files that clients grant
     const Budgets& budgets;
+    // The unit that a connected socket's peer runs in. Empty where nobody asks for it.
+    std::function<std::string(int socket)> unitOf{};
   };
   // `ended` is called on the connection's thread when hasEnded() has become true.
   IPCConnection(Descriptor socket, Peer peer, PeerEntitlements entitlements, Shared shared,
@@ -42,6 +44,7 @@ class IPCConnection final : public Connection {
   ~IPCConnection() override;
 
   std::string description() const override { return _description; }
+  Connection::Peer peerProcess() const override { return {_peer.process, _unit}; }
   std::uint32_t user() const override { return _peer.user; }
   std::optional<Value> valueForEntitlement(std::string_view name) override;
   void setExportedObject(std::shared_ptr<ClientSessionInterface> object) override;
@@ -50,6 +53,7 @@ class IPCConnection final : public Connection {
   void resume() override;
   std::shared_ptr<ClientSessionReplyInterface> remoteObjectProxyWithErrorHandler(
       std::function<void(const std::string&)> onError) override;
+  void perform(std::function<void()> task) override { _outbox->post(std::move(task)); }
   void invalidate(std::string_view reason) override;
 
   const Peer& peer() const { return _peer; }
@@ -75,6 +79,7 @@ class IPCConnection final : public Connection {
   // Constant after construction.
   const Peer _peer;
   const std::string _description;
+  const std::string _unit;
   const PeerEntitlements _entitlementsNow;
   const Dictionary _entitlements;  // as they were when it was accepted
   const Shared _shared;

@@ -60,6 +60,16 @@ IPCListener::IPCListener(ServiceSocket socket, EntitlementReader entitlements,
     : _entitlements(std::move(entitlements)), _shared(shared), _socket(std::move(socket)) {}
 
 IPCListener::~IPCListener() {
+  close();
+  std::vector<std::shared_ptr<IPCConnection>> connections;
+  {
+    const MutexLock lock(_mutex);
+    connections.swap(_connections);
+  }
+  for (const auto& connection : connections) connection->join();
+}
+
+void IPCListener::close() {
   {
     const MutexLock lock(_mutex);
     _stopping = true;
@@ -69,10 +79,9 @@ IPCListener::~IPCListener() {
   std::vector<std::shared_ptr<IPCConnection>> connections;
   {
     const MutexLock lock(_mutex);
-    connections.swap(_connections);
+    connections = _connections;
   }
   for (const auto& connection : connections) connection->close();
-  for (const auto& connection : connections) connection->join();
 }
 
 void IPCListener::run() {
@@ -146,8 +155,12 @@ void IPCListener::bring(Descriptor socket) {
   if (!credentials) return;
   const IPCConnection::Peer peer{++_lastNumber, credentials->pid, credentials->uid};
   const ActingFor acting(peer.user);
-  if (!admits(peer.process, peer.user)) return;
+  if (!admits(peer.process, peer.user)) {
+    _delegate->tooManyConnections();
+    return;
+  }
   if (!leavesReserve(socket.get())) {
+    _delegate->tooManyConnections();
     logComplaint(
         "IPCListener: Too few descriptors are left for a connection of process {}, user {}; closing it",
         peer.process, peer.user);
@@ -244,7 +257,8 @@ void IPCListener::resume(std::shared_ptr<ListenerDelegate> delegate, AcceptGate 
 
 std::size_t IPCListener::connections() const {
   const MutexLock lock(_mutex);
-  return _connections.size();
+  return static_cast<std::size_t>(std::ranges::count_if(
+      _connections, [](const auto& connection) { return !connection->hasEnded(); }));
 }
 
 }  // namespace corvid

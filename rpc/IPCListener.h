@@ -65,7 +65,12 @@ class IPCListener {
   void resume(std::shared_ptr<ListenerDelegate> delegate, AcceptGate gate = {},
               EntitlementChanges changes = {});
 
-  // Connections that are open or being closed. Any thread.
+  // Accepts nothing more and has every connection end, as if its client had left; returns at once.
+  // Not from the accept thread.
+  void close() EXCLUDES(_mutex);
+  // For a process that ends without the destructor: removes the socket's file, if it is its own.
+  void abandonSocket() const { _socket.removeFile(); }
+  // Connections that are open or being closed, with what their ends still do. Any thread.
   std::size_t connections() const;
 
  private:

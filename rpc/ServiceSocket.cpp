@@ -49,7 +49,9 @@ ServiceSocket::ServiceSocket(Descriptor socket, std::string path)
   _file = file.st_ino;
 }
 
-ServiceSocket::~ServiceSocket() {
+ServiceSocket::~ServiceSocket() { removeFile(); }
+
+void ServiceSocket::removeFile() const {
   struct stat file {};
   if (!_socket || _path.empty() || lstat(_path.c_str(), &file) != 0) return;
   if (file.st_dev == _device && file.st_ino == _file) unlink(_path.c_str());

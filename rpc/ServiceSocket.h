@@ -25,6 +25,8 @@ class ServiceSocket {
   ServiceSocket& operator=(ServiceSocket&&) = delete;
 
   int get() const { return _socket.get(); }
+  // Removes the file now, as the end would.
+  void removeFile() const;
 
  private:
   ServiceSocket(Descriptor socket, std::string path);

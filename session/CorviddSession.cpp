@@ -19,16 +19,20 @@ namespace corvid {
 
 namespace {
 
-// Whatever backends a client gets, and however often, their exchanges pass through one gate.
-BackendSetCreator sharingOneGate(BackendSetCreator creator, Platform& platform,
-                                 std::uint32_t user) {
+// Whatever backends a client gets, and however often, their exchanges pass through one gate, and
+// their events are its session's.
+BackendSetCreator forSession(BackendSetCreator creator, Platform& platform, std::uint32_t user,
+                             const std::shared_ptr<Ledger>& ledger, std::uint64_t session) {
   const auto gate = std::make_shared<ExchangeGate>(platform.clock(), platform.budgets, user);
-  return [creator = std::move(creator), gate](
+  return [creator = std::move(creator), gate, ledger, session](
              const Dictionary* section, const Dictionary* sessionInfo,
              const SharedDictionary& userInfo, std::optional<std::string> udid) {
     auto table = creator(section, sessionInfo, userInfo, std::move(udid));
     if (table)
-      for (const auto& [key, backend] : *table) backend->setExchangeGate(gate);
+      for (const auto& [key, backend] : *table) {
+        backend->setExchangeGate(gate);
+        backend->setAccount(std::make_shared<LedgerAccount>(ledger, session, key));
+      }
     return table;
   };
 }
@@ -69,7 +73,11 @@ CorviddSession::CorviddSession(std::shared_ptr<CorviddSessionDelegate> delegate,
     : _sessionDelegate(std::move(delegate)),
       _connection(std::move(connection)),
       _platform(Platform::current()),
-      _createBackends(sharingOneGate(std::move(creator), _platform, _connection->user())),
+      _ledger(_sessionDelegate->ledger()),
+      _number(_sessionDelegate->nextSessionNumber()),
+      _peer(_connection->peerProcess()),
+      _createBackends(
+          forSession(std::move(creator), _platform, _connection->user(), _ledger, _number)),
       _user(_connection->user()),
       _meetsOtherUsers(_connection->isEntitledTo(chainsEntitlement)),
       _deviceid(uniqueDeviceID()),
@@ -129,6 +137,18 @@ std::string CorviddSession::description() const {
   return fmt::format("<CorviddSession: {} {}>", sessionID(), sessionIDString());
 }
 
+std::optional<Reason> CorviddSession::silence() const {
+  const auto backends = this->backends();
+  if (!backends) return _silence.load();
+  return backends->empty() ? std::optional(Reason::noBackendMade) : std::nullopt;
+}
+
+void CorviddSession::becomeSilent(Reason reason) {
+  _silence = sessionInfo() ? reason : Reason::noSessionInfo;
+  // A session that has backends keeps them.
+  if (const auto silence = this->silence()) _ledger->countSilence(*silence);
+}
+
 bool CorviddSession::mayMeet(const CorviddSession& other) const {
   return _user == other._user || (_meetsOtherUsers && other._meetsOtherUsers);
 }
@@ -155,11 +175,14 @@ void CorviddSession::setSessionInfo(Dictionary sessionInfo, std::optional<Dictio
     _userInfo = std::move(newUserInfo);
   }
   setHasAggregator(hasAggregationBlock);
+  Reason before = Reason::noSessionInfo;
+  _silence.compare_exchange_strong(before, Reason::notConfigured);
 }
 
 void CorviddSession::startConfigWithCompletionHandler(StatesReply reply) {
   logDebug("startConfigWithCompletionHandler: Starting configuration for session {}", sessionID());
   const auto found = _sessionDelegate->storebagForSession(*this);
+  if (!found || !found.value()) becomeSilent(_sessionDelegate->whyNoStorebagForSession(*this));
   if (!found) return;  // the client gets no answer
   const std::optional<Dictionary>& storebag = found.value();
   if (!storebag) {
@@ -178,6 +201,7 @@ void CorviddSession::startConfigWithCompletionHandler(StatesReply reply) {
     }
     updateSessionWithDefaultSessionInfo();
   }
+  if (silence()) becomeSilent(Reason::noBackendMade);
   // A second configuration replaces the backends of the first, which are cleaned up unflushed.
   if (backends) backends->each([](CorvidBackend& backend) { backend.cleanup(); });
   backends = nullptr;
@@ -260,6 +284,13 @@ void CorviddSession::updateReportingStates() {
     backends->each([](CorvidBackend& backend) { backend.updateState(); });
 }
 
+void CorviddSession::computeStatesLater() const {
+  _connection->perform([weak = weak_from_this()] {
+    const auto self = std::const_pointer_cast<CorviddSession>(weak.lock());
+    if (self && self->backends()) self->updateSessionWithDefaultSessionInfo();
+  });
+}
+
 // The mutex is held throughout: a session that is in its new group but still has its old level
 // would be taken for another's parent.
 void CorviddSession::updateSessionWithDefaultSessionInfo() {
@@ -281,10 +312,11 @@ void CorviddSession::updateCombinedSessionID(
 }
 
 void CorviddSession::syncReportingStates(const CorviddSession* parent) {
+  _parentNumber = parent ? parent->number() : 0;
   const auto backends = this->backends();
   if (!backends) return;
   if (parent)
-    backends->follow(parent->backends().get());
+    backends->follow(parent->backends().get(), parent->number());
   else
     backends->missParent(sessionID());
 }

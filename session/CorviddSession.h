@@ -70,11 +70,13 @@ class CorviddSession final : public ClientSessionInterface,
 
   // Sends one message through backends that live for it alone: no aggregation, no flush, no start
   // or end message. Any thread. Only user info and payload may be null.
+  // `mark` is the ledger's.
   static void sendMessageWithSessionInfo(const Dictionary* sessionInfo,
                                          const SharedDictionary& userInfo,
                                          const Dictionary* storebag, std::uint16_t category,
                                          std::uint16_t type, const Dictionary* payload,
-                                         const BackendSetCreator& creator = createBackends);
+                                         const BackendSetCreator& creator = createBackends,
+                                         EventMark mark = {});
 
   // Properties that the agent reads.
   std::uint32_t sessionID() const { return _sessionID.load(std::memory_order_relaxed); }
@@ -85,6 +87,8 @@ class CorviddSession final : public ClientSessionInterface,
   // Null where there is none. What is shared is replaced as a whole and never changed.
   std::shared_ptr<const Dictionary> userInfo() const;
   std::shared_ptr<const Dictionary> sessionInfo() const;
+  // Null before there are any.
+  std::shared_ptr<const SessionBackends> backends() const;
   bool hasAggregator() const { return _hasAggregator.load(std::memory_order_relaxed); }
   void setHasAggregator(bool hasAggregator) { _hasAggregator = hasAggregator; }
   // The client's, by number.
@@ -92,6 +96,16 @@ class CorviddSession final : public ClientSessionInterface,
   // Whether the two may be of one chain: their clients are of one user, or both are entitled to
   // chains across users.
   bool mayMeet(const CorviddSession& other) const;
+  // The client's process.
+  const Connection::Peer& peer() const { return _peer; }
+  // Has the states computed anew, as a change of its user info would, on the connection's thread.
+  void computeStatesLater() const;
+  // Its place among the accepted, from 1.
+  std::uint64_t number() const { return _number; }
+  // Why it has no backends; nothing where it has.
+  std::optional<Reason> silence() const;
+  // The session above it in its chain, by number; 0: none.
+  std::uint64_t parentNumber() const { return _parentNumber.load(std::memory_order_relaxed); }
   // For log lines.
   std::string description() const;
   // Level in the chain, 0 without backends.
@@ -134,13 +148,16 @@ class CorviddSession final : public ClientSessionInterface,
   void receivedUserInfo(std::shared_ptr<const Dictionary> userInfo);
   void updateSessionWithDefaultSessionInfo();
 
-  // Null before there are any.
-  std::shared_ptr<const SessionBackends> backends() const;
+  // It has no backends, for this reason.
+  void becomeSilent(Reason reason);
 
   // Constant after construction.
   const std::shared_ptr<CorviddSessionDelegate> _sessionDelegate;
   const std::shared_ptr<Connection> _connection;
   Platform& _platform;
+  const std::shared_ptr<Ledger> _ledger;
+  const std::uint64_t _number;
+  const Connection::Peer _peer;
   const BackendSetCreator _createBackends;
   const std::uint32_t _user;    // of the client
   const bool _meetsOtherUsers;  // as its client is entitled to
@@ -149,6 +166,8 @@ class CorviddSession final : public ClientSessionInterface,
 
   std::atomic<std::uint32_t> _sessionID{0};
   std::atomic<bool> _hasAggregator{false};
+  std::atomic<Reason> _silence{Reason::noSessionInfo};  // while there are no backends
+  std::atomic<std::uint64_t> _parentNumber{0};
 
   mutable Mutex _mutex;
   std::shared_ptr<const Dictionary> _sessionInfo GUARDED_BY(_mutex);

@@ -43,6 +43,10 @@ std::optional<SessionMessage> messageFromDictionary(const Dictionary& message) {
                         static_cast<MessageFlag>(flag)};
 }
 
+Ledger::Event eventOf(std::uint64_t session, const SessionMessage& message) {
+  return {session, message.category, message.type, static_cast<std::int32_t>(message.flag)};
+}
+
 // The path of "file:///a%20b" is "/a b"; a host, a query and a fragment are no part of it.
 std::string fileSystemPath(std::string_view fileURL) {
   constexpr std::string_view scheme = "file:";
@@ -79,6 +83,7 @@ void CorviddSession::sendMessageWithDictionary(Dictionary message, ResultReply r
   logDebug("sendMessageWithCategory: Sending message for session {}", sessionID());
   // Without backends the message itself is not examined.
   const auto parsed = backends() ? messageFromDictionary(message) : SessionMessage{};
+  if (!parsed) _ledger->drop({.session = _number}, Reason::incompleteMessage);
   reply(parsed ? dispatch(*parsed) : std::nullopt);
 }
 
@@ -97,11 +102,17 @@ std::optional<std::string> CorviddSession::dispatch(const SessionMessage& messag
   const auto backends = this->backends();
   if (!backends) {
     logDebug("sendMessageWithDictionary: No backends available to send message");
+    _ledger->drop(eventOf(_number, message), _silence);
     return std::nullopt;
   }
   const TimeValue now = _platform.clock().now();
   aggregateMessage(message, now.asDouble());
-  return backends->send(message, now);
+  if (backends->empty()) {
+    _ledger->drop(eventOf(_number, message), Reason::noBackendMade);
+    return std::nullopt;
+  }
+  const Ledger::Offer offer = _ledger->offer(eventOf(_number, message));
+  return backends->send(message, now, offer.mark());
 }
 
 void CorviddSession::aggregateMessage(const SessionMessage& message, double timestamp) {
@@ -210,15 +221,19 @@ void CorviddSession::sendMessageWithSessionInfo(Dictionary sessionInfo,
   logDebug("sendMessageWithSessionInfo: Sending message with session info for session {}",
            sessionID());
 
+  const Ledger::Event event{_number, category, type};
   const auto found = _sessionDelegate->storebagForSession(*this);
+  if (!found || !found.value())
+    _ledger->drop(event, _sessionDelegate->whyNoStorebagForSession(*this));
   if (!found) return;  // nor here
   const std::optional<Dictionary>& storebag = found.value();
   if (!storebag) {
     reply("storebag not available");
     return;
   }
+  const Ledger::Offer offer = _ledger->offer(event);
   sendMessageWithSessionInfo(info.get(), user, &*storebag, category, type, pointerTo(payload),
-                             _createBackends);
+                             _createBackends, offer.mark());
   reply("finished");
 }
 
@@ -226,7 +241,7 @@ void CorviddSession::sendMessageWithSessionInfo(const Dictionary* sessionInfo,
                                                 const SharedDictionary& userInfo,
                                                 const Dictionary* storebag, std::uint16_t category,
                                                 std::uint16_t type, const Dictionary* payload,
-                                                const BackendSetCreator& creator) {
+                                                const BackendSetCreator& creator, EventMark mark) {
   logDebug("sendMessageWithSessionInfo: Sending single message with sessionID {}",
            sessionInfo ? integerAt(*sessionInfo, kCorvidSessionInfoSessionID).value_or(0) : 0);
   if (!sessionInfo || !storebag) {
@@ -247,7 +262,7 @@ void CorviddSession::sendMessageWithSessionInfo(const Dictionary* sessionInfo,
   const TimeValue now = Platform::current().clock().now();
   for (const auto& [key, backend] : *table) {
     backend->updateState();
-    const auto result = backend->sendMessage(payload, now, category, type, MessageFlag{0});
+    const auto result = backend->sendMessage(payload, now, category, type, MessageFlag{0}, mark);
     if (result && !result->empty())
       writeToLogFile("[{} -> sendMessageWithSessionInfo] {}", key, *result);
   }

@@ -38,11 +38,11 @@ class PendingFlush {
 }  // namespace
 
 std::optional<std::string> SessionBackends::send(const SessionMessage& message,
-                                                 const TimeValue& now) const {
+                                                 const TimeValue& now, EventMark mark) const {
   std::optional<std::string> reply;
   for (const auto& [key, backend] : _table) {
-    auto result =
-        backend->sendMessage(message.payload, now, message.category, message.type, message.flag);
+    auto result = backend->sendMessage(message.payload, now, message.category, message.type,
+                                       message.flag, mark);
     if (!result) continue;
     writeToLogFile("[{} -> sendMessageWithDictionary] {}", key, *result);
     const std::string& name = backend->name();
@@ -88,17 +88,18 @@ std::optional<std::string> SessionBackends::displayURL() const {
   return std::nullopt;
 }
 
-void SessionBackends::follow(const SessionBackends* parent) const {
+void SessionBackends::follow(const SessionBackends* parent, std::uint64_t number) const {
   for (const auto& [key, backend] : _table) {
     if (backend->state() == BackendState::held) continue;
+    backend->setFollowed(number);
     const CorvidBackend* followed = parent ? parent->named(key) : nullptr;
     if (!followed) {
-      backend->setState(BackendState::disabled);
+      backend->becomeSilent(BackendState::disabled, Reason::parentLacksBackend);
       continue;
     }
-    const BackendState state = followed->state();
+    const auto [state, reason] = followed->standing();
     const std::optional<double> threshold = followed->samplingThreshold();
-    backend->setState(state);
+    backend->setState(state, reason);
     backend->setSamplingThreshold(threshold);
     logDebug(
         "HTTPSPostBackend(syncReportingStates): {}: state and sampling rate updated to {}, {:.2f}%",

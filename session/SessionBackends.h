@@ -30,6 +30,8 @@ class SessionBackends {
  public:
   explicit SessionBackends(BackendTable table) : _table(std::move(table)) {}
 
+  // Not one backend came of the configuration.
+  bool empty() const { return _table.empty(); }
   // Calls `act(CorvidBackend&)` with each.
   template <class Act>
   void each(Act&& act) const {
@@ -43,9 +45,10 @@ class SessionBackends {
     return taken;
   }
 
-  // Writes each answer to the message log. Gives that of the backend named httpPost where it is not
-  // empty, else that of the dashboard.
-  std::optional<std::string> send(const SessionMessage& message, const TimeValue& now) const;
+  // `mark` is the ledger's. Writes each answer to the message log. Gives that of the backend named
+  // httpPost where it is not empty, else that of the dashboard.
+  std::optional<std::string> send(const SessionMessage& message, const TimeValue& now,
+                                  EventMark mark) const;
   // `completion`, which may be empty, is called once, at the first error or after the last backend;
   // never where there is none. On any thread, one flush of the process at a time.
   void flush(FlushCompletion completion) const;
@@ -57,8 +60,8 @@ class SessionBackends {
   std::optional<std::string> displayURL() const;
   // Takes state and sampling threshold of the parent's backends of the same keys; a backend that
   // the parent lacks is disabled, one that is held stays so. `parent` is null where it has no
-  // backends.
-  void follow(const SessionBackends* parent) const;
+  // backends; its session has that number.
+  void follow(const SessionBackends* parent, std::uint64_t number) const;
   // Tells of each that is to have a parent and has none.
   void missParent(std::uint32_t sessionID) const;
 

@@ -12,22 +12,9 @@
 #include "backends/CorvidBackend.h"
 #include "backends/https/EventFilters.h"
 #include "base/Value.h"
+#include "protocol/Reason.h"
 
 namespace corvid {
-
-// Why a state is what it is.
-enum class Reason {
-  reporting,
-  waitingForUserInfo,
-  noEntryMatches,
-  noConsent,
-  countryNotListed,
-  deviceNotListed,
-  deviceExcluded,
-  noFilters,
-  noThreshold,
-  sampledOut,  // disabled or held
-};
 
 // Consent as the entry and the user settle it; any but respected sends the override identifier.
 enum class DNUType : std::int32_t { respected = 0, overridden = 1, overridable = 2 };

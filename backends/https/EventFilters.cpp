@@ -67,7 +67,7 @@ bool EventFilters::ignoreMethodsFor(const Dictionary& keys) const {
   });
 }
 
-void EventFilters::apply(Dictionary& record) const {
+void EventFilters::apply(Dictionary& record, KeysChanged* changed) const {
   if (_numberOfFilters == 0) return;
   const std::int32_t method = int32At(record, "_method");
   const std::int32_t status = int32At(record, "_status");
@@ -77,6 +77,10 @@ void EventFilters::apply(Dictionary& record) const {
       const std::string* text = value.string();
       value = CorvidBackend::convertIntoSHA256(text ? *text : description(value));
     }
+    if (changed && action != FilterAction::keep)
+      changed->add(action == FilterAction::digest ? KeysChanged::Change::digested
+                                                  : KeysChanged::Change::removed,
+                   key);
     return action != FilterAction::remove;
   });
 }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "base/Value.h"
+#include "status/Decision.h"
 
 namespace corvid {
 
@@ -43,7 +44,8 @@ class EventFilters {
 
   // Removes and replaces values of `record` in place. The record's "_method" and "_status" decide
   // which filters apply; they are 0 where they are missing.
-  void apply(Dictionary& record) const;
+  // `changed` hears which keys, and may be null.
+  void apply(Dictionary& record, KeysChanged* changed = nullptr) const;
 
  private:
   struct FoldingHash {

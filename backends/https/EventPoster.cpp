@@ -9,6 +9,7 @@
 #include "base/Describe.h"
 #include "base/Log.h"
 #include "base/Reading.h"
+#include "base/URL.h"
 #include "config/Environment.h"
 #include "platform/Platform.h"
 #include "platform/data/JSON.h"
@@ -22,8 +23,9 @@ namespace {
 constexpr std::uint32_t nobody = 65534;
 
 // Leaves numbers, booleans and strings, turns dates into numbers and drops what JSON cannot carry.
-void applyValueRules(Dictionary& record) {
-  record.transformEntries([](const std::string& key, Value& value) {
+// `events` hears of those of its `at`th record.
+void applyValueRules(Dictionary& record, Shipment& events, std::size_t at) {
+  record.transformEntries([&](const std::string& key, Value& value) {
     switch (value.type()) {
       case Value::Type::boolean:
       case Value::Type::integer:
@@ -34,6 +36,7 @@ void applyValueRules(Dictionary& record) {
         logWarning(
             "HTTPSPostBackend(createMessageForPostAndLogging): JSONSerializer unable to handle key: {}, value: {}",
             key, described(&value));
+        events.noteUnwritable(at, key);
         return false;
     }
   });
@@ -69,9 +72,22 @@ std::size_t costOf(const HTTPRequest& request) {
   return bytes;
 }
 
+void book(Shipment& events, const HTTPOutcome& outcome) {
+  if (outcome.response)
+    events.answered(outcome.response->status);
+  else if (!outcome.error)
+    events.failed(HTTPFailure::other, nullDescription);
+  else if (outcome.error->kind == HTTPFailure::withdrawn)
+    events.drop(Reason::noConsent);
+  else
+    events.failed(outcome.error->kind, outcome.error->description);
+}
+
 // What an exchange's end does; a backend that is gone has no state to set.
-void finishExchange(const std::weak_ptr<CorvidBackend>& sender, const std::string& name,
-                    const HTTPOutcome& outcome, const FlushCompletion& completion) {
+void finishExchange(Shipment& events, const std::weak_ptr<CorvidBackend>& sender,
+                    const std::string& name, const HTTPOutcome& outcome,
+                    const FlushCompletion& completion) {
+  book(events, outcome);
   if (outcome.error)
     logError("HTTPSPostBackend(postJsonMessage): post error: {}", outcome.error->description);
   std::optional<CorvidError> error;
@@ -80,7 +96,8 @@ void finishExchange(const std::weak_ptr<CorvidBackend>& sender, const std::strin
     error = CorvidError::of(
         status, fmt::format("backend {} disabled by server {} return code", name, status));
     logInfo("postJSONMessage: {}", error->localizedDescription);
-    if (const auto backend = sender.lock()) backend->setState(BackendState::disabled);
+    if (const auto backend = sender.lock())
+      backend->becomeSilent(BackendState::disabled, Reason::disabledByServer);
   } else if (outcome.error) {
     error = CorvidError::of(outcome.error->code, outcome.error->description);
   }
@@ -96,7 +113,7 @@ EventPoster::EventPoster(Platform& platform, std::string backendName, SharedIden
       _gate(std::make_shared<ExchangeGate>(platform.clock(), platform.budgets, nobody)) {}
 
 std::optional<EventPoster::Message> EventPoster::createMessageForPostAndLogging(
-    std::vector<Dictionary> records, std::optional<std::string> clientID) const {
+    std::vector<Dictionary> records, std::optional<std::string> clientID, Shipment& events) const {
   // What is made of a message at once: it and its compressed form, or it, the text for the log and
   // two copies of that.
   constexpr std::size_t formsAtOnce = 4;
@@ -108,6 +125,7 @@ std::optional<EventPoster::Message> EventPoster::createMessageForPostAndLogging(
     logError(
         "HTTPSPostBackend(createMessageForPostAndLogging): a message of {} events would have {} bytes, more than {}, and is lost",
         count, expected, mostMessageBytes);
+    events.drop(Reason::unwritable);
     return std::nullopt;
   }
   std::optional<SharedBudget::Share> memory =
@@ -116,12 +134,14 @@ std::optional<EventPoster::Message> EventPoster::createMessageForPostAndLogging(
     logError(
         "HTTPSPostBackend(createMessageForPostAndLogging): no memory for a message of {} events beside those of the same user that are under way; it is lost",
         count);
+    events.drop(Reason::overLimit);
     return std::nullopt;
   }
 
   Dictionary message;
   message.set("postTime", finiteOrMinusOne(_platform.clock().now().asDouble()));
-  for (Dictionary& record : records) applyValueRules(record);
+  for (std::size_t at = 0; at < count; ++at) applyValueRules(records[at], events, at);
+  events.showRecords(records);
   if (clientID) {
     message.set("clientId", *std::move(clientID));
     message.set("events", Array(std::make_move_iterator(records.begin()),
@@ -132,15 +152,17 @@ std::optional<EventPoster::Message> EventPoster::createMessageForPostAndLogging(
     logError(
         "HTTPSPostBackend(createMessageForPostAndLogging): a message of {} events cannot be written as JSON and is lost",
         count);
+    events.drop(Reason::unwritable);
     return std::nullopt;
   }
   return Message{*std::move(text), *std::move(memory)};
 }
 
-void EventPoster::postJSONMessage(Message message, const PostEnvelope& envelope,
+void EventPoster::postJSONMessage(Message message, const PostEnvelope& envelope, Shipment events,
                                   std::weak_ptr<CorvidBackend> sender, FlushCompletion completion,
                                   std::size_t keptBytes) const {
   if (!envelope.url) {
+    events.drop(Reason::noAddress);
     if (completion) completion(std::nullopt, CorvidError::of(-1, "postURL is nil"));
     return;
   }
@@ -156,11 +178,13 @@ void EventPoster::postJSONMessage(Message message, const PostEnvelope& envelope,
   ExchangeGate::Pass pass = _gate->enter(request.timeout, cost, std::move(message.memory));
   request.patience = request.timeout - std::chrono::duration_cast<std::chrono::milliseconds>(
                                            clock.steadyNow() - start);
+  events.beginPost(hostAndPort(request.url), request.body.size());
   _platform.http().start(std::move(request),
-                         [sender = std::move(sender), name = _backendName, pass = std::move(pass),
+                         [events = std::make_shared<Shipment>(std::move(events)),
+                          sender = std::move(sender), name = _backendName, pass = std::move(pass),
                           completion = std::move(completion)](HTTPOutcome outcome) mutable {
                            pass.reset();
-                           finishExchange(sender, name, outcome, completion);
+                           finishExchange(*events, sender, name, outcome, completion);
                          });
 }
 

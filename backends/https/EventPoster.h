@@ -12,6 +12,7 @@
 #include "backends/ExchangeGate.h"
 #include "base/Value.h"
 #include "platform/HTTPClient.h"
+#include "status/Ledger.h"
 
 namespace corvid {
 
@@ -54,15 +55,16 @@ class EventPoster {
   // Memory for events that are held, none yet.
   SharedBudget::Share memoryToHold() const { return _gate->memoryToHold(); }
 
-  // The message of these records: nothing, logged, where it cannot be written or is too long, or
-  // where there is no memory for it within a minute. An absent `clientID` leaves the time alone
-  // in it.
+  // The message of these records, which are those of `events`: nothing, logged, where it cannot be
+  // written or is too long, or where there is no memory for it within a minute; the events are then
+  // dropped. An absent `clientID` leaves the time alone in it.
   std::optional<Message> createMessageForPostAndLogging(std::vector<Dictionary> records,
-                                                        std::optional<std::string> clientID) const;
+                                                        std::optional<std::string> clientID,
+                                                        Shipment& events) const;
 
   // Starts the exchange. A server that answers 5xx switches `sender` off, if it still lives then.
   // `completion` may be empty; `keptBytes` is what it keeps in memory until it is called.
-  void postJSONMessage(Message message, const PostEnvelope& envelope,
+  void postJSONMessage(Message message, const PostEnvelope& envelope, Shipment events,
                        std::weak_ptr<CorvidBackend> sender, FlushCompletion completion,
                        std::size_t keptBytes) const;
 

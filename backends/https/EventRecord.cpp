@@ -83,9 +83,9 @@ Dictionary createEventDictfromPayload(const Event& event, const RecordContext& c
 }
 
 void prepareEventForMessage(Dictionary& record, const Dictionary* userInfo,
-                            const EventFilters& filters) {
+                            const EventFilters& filters, KeysChanged& changed) {
   if (userInfo != nullptr) record.addEntriesFrom(*userInfo);
-  filters.apply(record);
+  filters.apply(record, &changed);
 }
 
 }  // namespace corvid

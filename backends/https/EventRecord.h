@@ -37,8 +37,9 @@ struct RecordContext {
 // The payload and what the backend adds to it; user info and filters are still to come.
 Dictionary createEventDictfromPayload(const Event& event, const RecordContext& context);
 
-// Adds the user info, whose values win, and applies the filters to all.
+// Adds the user info, whose values win, and applies the filters to all; `changed` hears which keys
+// they changed.
 void prepareEventForMessage(Dictionary& record, const Dictionary* userInfo,
-                            const EventFilters& filters);
+                            const EventFilters& filters, KeysChanged& changed);
 
 }  // namespace corvid

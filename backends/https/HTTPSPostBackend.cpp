@@ -64,6 +64,20 @@ HTTPSPostBackend::HTTPSPostBackend(Token, const std::string& name, const Diction
       _poster(_platform, name, identity),
       _policy(policyOfPreferences(_platform.preferences(), identity->batchEvents)) {}
 
+void HTTPSPostBackend::updateState() {
+  const BackendState state = updateBackendState();
+  setFollowed(0);
+  Reason reason;
+  {
+    const MutexLock lock(_lock);
+    reason = _decidedReason;
+  }
+  if (reason == Reason::reporting)
+    setState(state);
+  else
+    becomeSilent(state, reason);
+}
+
 BackendState HTTPSPostBackend::updateBackendState() {
   const SharedDictionary userInfo = userInfoDict();
   const PolicyFacts facts{.requireUserInfo = identity().requireUserInfo,
@@ -88,6 +102,10 @@ BackendState HTTPSPostBackend::updateBackendState() {
   const MutexLock lock(_lock);
   if (decision.wasSampled) _samplingThreshold = decision.samplingThreshold;
   _policy = std::move(decision.policy);
+  const bool hasAddress = _policy.postURL || _policy.realtimePostURL;
+  _decidedReason =
+      decision.state == BackendState::sending && !hasAddress ? Reason::noAddress : decision.reason;
+  _entry = decision.entry;
   return decision.state;
 }
 
@@ -96,7 +114,10 @@ std::optional<std::string> HTTPSPostBackend::sendMessage(const Dictionary* paylo
                                                          std::uint16_t method,
                                                          std::uint16_t respCode, EventID,
                                                          MessageFlag flag) {
-  if (state() == BackendState::disabled) return std::nullopt;
+  if (const Standing now = standing(); now.state == BackendState::disabled) {
+    _account->drop(_offered, now.reason);
+    return std::nullopt;
+  }
   const Event event{payload, timestamp, method, respCode};
   if (event.isSessionStop()) {
     logDebug(
@@ -109,34 +130,38 @@ std::optional<std::string> HTTPSPostBackend::sendMessage(const Dictionary* paylo
   bool atOnce = false;
   bool flushFirst = false;
   bool held = false;
-  Records displaced;
+  Leaving leaving;
   {
     // Held until the record is in the batch: a new combined session ID reaches every record.
     const MutexLock lock(_lock);
     record = recordOf(event);
     if (liftsHeld(flag)) {
       // A server's answer may disable the backend at the same time and must not be overwritten.
-      BackendState before = BackendState::held;
-      _state.compare_exchange_strong(before, BackendState::sending);
+      Standing before = standing();
+      if (before.state == BackendState::held)
+        _standing.compare_exchange_strong(before, {BackendState::sending, Reason::reporting});
     }
     logDebug("HTTPSPostBackend(sendMessage): realtime is {}", static_cast<int>(realtime));
     const BackendState now = state();
     atOnce = now != BackendState::waiting && now != BackendState::held &&
              (realtime || !_policy.batchEvents) && !lacksUserInfo();
     flushFirst = now == BackendState::sending && realtime && _batchedEvents;
-    if (!atOnce) {
+    if (atOnce) {
+      leaving.events = _account->ship(_offered, _keysChanged, shown(record));
+      leaving.records.push_back(std::move(record));
+    } else {
       logDebug("HTTPSPostBackend(sendMessage): Batching {}, {}, {}", static_cast<int>(now),
                static_cast<int>(_policy.batchEvents), static_cast<int>(identity().requireUserInfo));
-      held = batchEvent(record, displaced);
+      held = batchEvent(record, leaving);
     }
   }
-  if (atOnce) return sendAtOnce(std::move(record), event, flag, flushFirst);
+  if (atOnce) return sendAtOnce(std::move(leaving), event, flag, flushFirst);
   if (!held) return flushAtThreshold(std::move(record));
-  if (!displaced.empty()) return postBatch(std::move(displaced), nullptr);
+  if (!leaving.records.empty()) return postBatch(std::move(leaving), nullptr);
   return std::nullopt;
 }
 
-Dictionary HTTPSPostBackend::recordOf(const Event& event) const {
+Dictionary HTTPSPostBackend::recordOf(const Event& event) {
   Dictionary record =
       createEventDictfromPayload(event, {.platform = _platform,
                                          .identity = identity(),
@@ -145,11 +170,12 @@ Dictionary HTTPSPostBackend::recordOf(const Event& event) const {
                                          .combinedSessionID = _combinedSessionIDString,
                                          .eventID = _eventID.load(),
                                          .userInfo = _userInfoDict.get()});
-  prepareEventForMessage(record, _userInfoDict.get(), *_policy.filters);
+  _keysChanged.clear();
+  prepareEventForMessage(record, _userInfoDict.get(), *_policy.filters, _keysChanged);
   return record;
 }
 
-std::optional<std::string> HTTPSPostBackend::sendAtOnce(Dictionary record, const Event& event,
+std::optional<std::string> HTTPSPostBackend::sendAtOnce(Leaving leaving, const Event& event,
                                                         MessageFlag flag, bool flushFirst) {
   std::optional<std::string> flushed;
   if (flushFirst) {
@@ -159,22 +185,20 @@ std::optional<std::string> HTTPSPostBackend::sendAtOnce(Dictionary record, const
   }
   logDebug("HTTPSPostBackend(sendMessage): Sending {}, {}, {}", static_cast<int>(state()),
            static_cast<int>(batchEvents()), static_cast<int>(identity().requireUserInfo));
-  if (!mayLeave(1)) return flushed;
-  Records records;
-  records.push_back(std::move(record));
-  std::optional<Message> message = messageOf(std::move(records));
+  if (!mayLeave(leaving)) return flushed;
+  std::optional<Message> message = messageOf(leaving);
   if (!message) return std::nullopt;
   if (flushed)
     message->logText = fmt::format("Flushed events:\n{}\nStandalone event:\n{}", *flushed,
                                    orNull(message->logText));
-  post(std::move(message->message), flag, PostEnvelope::EventCodes{event.method, event.respCode},
-       nullptr, 0);
+  post(std::move(message->message), std::move(leaving.events), flag,
+       PostEnvelope::EventCodes{event.method, event.respCode}, nullptr, 0);
   return std::move(message->logText);
 }
 
-bool HTTPSPostBackend::batchEvent(Dictionary& record, Records& displaced) {
+bool HTTPSPostBackend::batchEvent(Dictionary& record, Leaving& displaced) {
   const std::int32_t method = int32At(record, "_method");
-  if (!_batchedEvents) _batchedEvents.emplace(_poster.memoryToHold());
+  if (!_batchedEvents) _batchedEvents.emplace(_poster.memoryToHold(), _account);
   if (_eventMethodCounts.of(method) > _policy.eventThreshold) return false;
   const std::size_t bytes = footprint(record);
   const auto moveToDisplaced = [&]() REQUIRES(_lock) {
@@ -200,15 +224,23 @@ std::optional<std::string> HTTPSPostBackend::flushAtThreshold(Dictionary record)
   if (_batchedEvents) {
     const std::size_t bytes = footprint(record);
     hold(std::move(record), bytes);
+  } else {
+    _account->drop(_offered, Reason::batchFull);
   }
   _eventMethodCounts.set(method, 1);
   return text;
 }
 
 void HTTPSPostBackend::hold(Dictionary record, std::size_t bytes) {
-  if (!_batchedEvents) _batchedEvents.emplace(_poster.memoryToHold());
+  if (!_batchedEvents) _batchedEvents.emplace(_poster.memoryToHold(), _account);
   const bool droppedBefore = _batchedEvents->dropped() > 0;
-  _batchedEvents->add(std::move(record), bytes, {_userInfoDict, _policy.filters});
+  const Standing now = standing();
+  const bool reports = now.state == BackendState::sending;
+  const Reason reason = !reports          ? now.reason
+                        : lacksUserInfo() ? Reason::waitingForUserInfo
+                                          : Reason::reporting;
+  _account->hold(_offered, reason, _keysChanged, shown(record));
+  _batchedEvents->add(std::move(record), bytes, {_userInfoDict, _policy.filters}, _offered);
   if (_batchedEvents->exceedsMemory() && !mayPostBatch()) _batchedEvents->dropOldest();
   if (!droppedBefore && _batchedEvents->dropped() > 0)
     logError(
@@ -225,20 +257,20 @@ void HTTPSPostBackend::closeBatch() {
 
 std::optional<std::string> HTTPSPostBackend::flushMessagesWithCompletion(
     FlushCompletion completion) {
-  Records records;
+  Leaving leaving;
   std::optional<CorvidError> refusal;
   {
     const MutexLock lock(_lock);
-    refusal = takeBatch(records);
+    refusal = takeBatch(leaving);
   }
   if (refusal) {
     if (completion) completion(std::nullopt, std::move(refusal));
     return std::nullopt;
   }
-  return postBatch(std::move(records), std::move(completion));
+  return postBatch(std::move(leaving), std::move(completion));
 }
 
-std::optional<CorvidError> HTTPSPostBackend::takeBatch(Records& records) {
+std::optional<CorvidError> HTTPSPostBackend::takeBatch(Leaving& leaving) {
   if (!_batchedEvents) return nothingToFlush();
   if (state() != BackendState::sending) {
     closeBatch();
@@ -247,19 +279,19 @@ std::optional<CorvidError> HTTPSPostBackend::takeBatch(Records& records) {
   if (lacksUserInfo()) return CorvidError::of(-1, "Can not flush: userInfo is required");
   logDebug("HTTPSPostBackend(flushMessagesWithCompletion): called");
   if (_userInfoDict) _batchedEvents->addUserInfo({_userInfoDict, _policy.filters});
-  _batchedEvents->takeInto(records);
+  leaving.events.join(_batchedEvents->takeInto(leaving.records));
   closeBatch();
   _eventMethodCounts.clear();
   return std::nullopt;
 }
 
-std::optional<std::string> HTTPSPostBackend::postBatch(Records records,
+std::optional<std::string> HTTPSPostBackend::postBatch(Leaving leaving,
                                                        FlushCompletion completion) {
-  if (!mayLeave(records.size())) {
+  if (!mayLeave(leaving)) {
     if (completion) completion(std::nullopt, CorvidError::of(-1, "Consent was withdrawn"));
     return std::nullopt;
   }
-  std::optional<Message> message = messageOf(std::move(records));
+  std::optional<Message> message = messageOf(leaving);
   if (!message) {
     if (completion) completion(std::nullopt, nothingToFlush());
     return std::nullopt;
@@ -271,11 +303,12 @@ std::optional<std::string> HTTPSPostBackend::postBatch(Records records,
                  std::optional<std::string>, std::optional<CorvidError> error) {
       completion(text, std::move(error));
     };
-  post(std::move(message->message), MessageFlag{0}, std::nullopt, std::move(posted), keptBytes);
+  post(std::move(message->message), std::move(leaving.events), MessageFlag{0}, std::nullopt,
+       std::move(posted), keptBytes);
   return std::move(message->logText);
 }
 
-std::optional<HTTPSPostBackend::Message> HTTPSPostBackend::messageOf(Records records) const {
+std::optional<HTTPSPostBackend::Message> HTTPSPostBackend::messageOf(Leaving& leaving) const {
   std::optional<std::string> identifier;
   bool isLogged = false;
   {
@@ -283,7 +316,8 @@ std::optional<HTTPSPostBackend::Message> HTTPSPostBackend::messageOf(Records rec
     identifier = clientIdentifier();
     isLogged = wantsMessageLog();
   }
-  auto message = _poster.createMessageForPostAndLogging(std::move(records), std::move(identifier));
+  auto message = _poster.createMessageForPostAndLogging(std::move(leaving.records),
+                                                        std::move(identifier), leaving.events);
   if (!message) return std::nullopt;
   std::optional<std::string> prettyJsonString;
   if (isLogged) prettyJsonString = indentedJSON(message->text);
@@ -311,9 +345,11 @@ std::function<bool()> HTTPSPostBackend::consentToAsk() const {
   return [&consent = _platform.consent()] { return consent.diagnosticsSubmissionAllowed(); };
 }
 
-bool HTTPSPostBackend::mayLeave(std::size_t records) {
+bool HTTPSPostBackend::mayLeave(Leaving& leaving) {
   const std::function<bool()> consents = consentToAsk();
   if (!consents || consents()) return true;
+  leaving.events.drop(Reason::noConsent);
+  const std::size_t records = leaving.records.size();
   if (_withdrawn.fetch_add(records) == 0)
     logWarning(
         "HTTPSPostBackend(mayLeave): {}: consent was withdrawn; {} events are dropped, and those that follow",
@@ -328,7 +364,7 @@ void HTTPSPostBackend::cleanup() {
         _name, dropped);
 }
 
-void HTTPSPostBackend::post(EventPoster::Message message, MessageFlag flag,
+void HTTPSPostBackend::post(EventPoster::Message message, Shipment events, MessageFlag flag,
                             std::optional<PostEnvelope::EventCodes> codes,
                             FlushCompletion completion, std::size_t keptBytes) {
   PostEnvelope envelope;
@@ -337,8 +373,8 @@ void HTTPSPostBackend::post(EventPoster::Message message, MessageFlag flag,
     envelope = {isRealtime(flag) ? _policy.realtimePostURL : _policy.postURL, _userInfoDict, codes};
   }
   envelope.mayLeave = consentToAsk();
-  _poster.postJSONMessage(std::move(message), envelope, weak_from_this(), std::move(completion),
-                          keptBytes);
+  _poster.postJSONMessage(std::move(message), envelope, std::move(events), weak_from_this(),
+                          std::move(completion), keptBytes);
 }
 
 void HTTPSPostBackend::setCorrelatedSessionID(std::string sessionID) {
@@ -350,6 +386,16 @@ void HTTPSPostBackend::setCorrelatedSessionID(std::string sessionID) {
 void HTTPSPostBackend::filterEvent(Dictionary& record) const {
   const MutexLock lock(_lock);
   _policy.filters->apply(record);
+}
+
+std::optional<std::size_t> HTTPSPostBackend::entry() const {
+  const MutexLock lock(_lock);
+  return _entry;
+}
+
+std::size_t HTTPSPostBackend::heldBytes() const {
+  const MutexLock lock(_lock);
+  return _batchedEvents ? _batchedEvents->bytes() : 0;
 }
 
 bool HTTPSPostBackend::batchEvents() const {

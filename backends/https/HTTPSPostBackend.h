@@ -47,7 +47,7 @@ class HTTPSPostBackend final : public CorvidBackend {
   void setExchangeGate(std::shared_ptr<ExchangeGate> gate) override {
     _poster.setGate(std::move(gate));
   }
-  void updateState() override { setState(updateBackendState()); }
+  void updateState() override EXCLUDES(_lock);
   // Says how many events were dropped because consent was withdrawn, if any.
   void cleanup() override;
   // Takes over what the storebag says of the client, and says what state that leads to.
@@ -69,12 +69,18 @@ class HTTPSPostBackend final : public CorvidBackend {
   // Applies the entry's filters in place.
   void filterEvent(Dictionary& record) const EXCLUDES(_lock);
 
+  std::optional<std::size_t> entry() const override EXCLUDES(_lock);
+  std::size_t heldBytes() const override EXCLUDES(_lock);
   bool batchEvents() const EXCLUDES(_lock);
   std::optional<std::string> postURL() const EXCLUDES(_lock);
   void setPostURL(std::optional<std::string> postURL) EXCLUDES(_lock);
 
  private:
-  using Records = std::vector<Dictionary>;
+  // Records that leave the batch, or never were in it, and their events.
+  struct Leaving {
+    std::vector<Dictionary> records;
+    Shipment events;
+  };
   // A message, and what the log shows of it, where it is to.
   struct Message {
     EventPoster::Message message;
@@ -91,12 +97,16 @@ class HTTPSPostBackend final : public CorvidBackend {
   bool lacksUserInfo() const REQUIRES(_lock) {
     return identity().requireUserInfo && !_userInfoDict;
   }
-  Dictionary recordOf(const Event& event) const REQUIRES(_lock);
-  std::optional<std::string> sendAtOnce(Dictionary record, const Event& event, MessageFlag flag,
+  Dictionary recordOf(const Event& event) REQUIRES(_lock);
+  // What watchers of records see of one; null where there are none.
+  const Dictionary* shown(const Dictionary& record) const {
+    return account().ledger().recordsAreWatched() ? &record : nullptr;
+  }
+  std::optional<std::string> sendAtOnce(Leaving leaving, const Event& event, MessageFlag flag,
                                         bool flushFirst);
   // Holds the record; false, leaving it, where its method has reached the threshold. Where the
   // batch is full and may be posted, its records move to `displaced` first.
-  bool batchEvent(Dictionary& record, Records& displaced) REQUIRES(_lock);
+  bool batchEvent(Dictionary& record, Leaving& displaced) REQUIRES(_lock);
   // Posts the batch that is in the way of a record, which itself is lost with it.
   std::optional<std::string> flushAtThreshold(Dictionary record);
   bool mayPostBatch() const REQUIRES(_lock) {
@@ -106,20 +116,20 @@ class HTTPSPostBackend final : public CorvidBackend {
   void hold(Dictionary record, std::size_t bytes) REQUIRES(_lock);
   // Forgets the batch, having said what it dropped.
   void closeBatch() REQUIRES(_lock);
-  // Moves the batch behind `records` with the filtered user info added, or says why not.
-  std::optional<CorvidError> takeBatch(Records& records) REQUIRES(_lock);
-  std::optional<std::string> postBatch(Records records, FlushCompletion completion);
+  // Moves the batch behind what is leaving, with the filtered user info added, or says why not.
+  std::optional<CorvidError> takeBatch(Leaving& leaving) REQUIRES(_lock);
+  std::optional<std::string> postBatch(Leaving leaving, FlushCompletion completion);
 
-  // Nothing (logged) where it cannot be written.
-  std::optional<Message> messageOf(Records records) const;
+  // Nothing (logged) where it cannot be written; the events are then dropped.
+  std::optional<Message> messageOf(Leaving& leaving) const;
   std::optional<std::string> clientIdentifier() const REQUIRES(_lock);
   bool wantsMessageLog() const REQUIRES(_lock);
   // What asks whether consent still holds. Empty where it need not be asked: the deployment has it
   // asked once, or the entry overrides it.
   std::function<bool()> consentToAsk() const EXCLUDES(_lock);
-  // Whether so many records may be sent now; if not, they count as dropped.
-  bool mayLeave(std::size_t records);
-  void post(EventPoster::Message message, MessageFlag flag,
+  // Whether these may be sent now; if not, they are dropped.
+  bool mayLeave(Leaving& leaving);
+  void post(EventPoster::Message message, Shipment events, MessageFlag flag,
             std::optional<PostEnvelope::EventCodes> codes, FlushCompletion completion,
             std::size_t keptBytes);
 
@@ -134,6 +144,9 @@ class HTTPSPostBackend final : public CorvidBackend {
   std::atomic<std::size_t> _withdrawn{0};  // events that consent was withdrawn for
 
   ClientPolicy _policy GUARDED_BY(_lock);
+  Reason _decidedReason GUARDED_BY(_lock) = Reason::notConfigured;
+  std::optional<std::size_t> _entry GUARDED_BY(_lock);
+  KeysChanged _keysChanged GUARDED_BY(_lock);  // of the record made last
   // Absent between a flush and the next batched event.
   std::optional<HeldRecords> _batchedEvents GUARDED_BY(_lock);
   // How many events of each method the batch has got.

@@ -4,7 +4,9 @@
 
 namespace corvid {
 
-void HeldRecords::add(Dictionary record, std::size_t bytes, const Making& making) {
+HeldRecords::~HeldRecords() { _account->dropHeld(takeEvents(), Reason::notFlushed); }
+
+void HeldRecords::add(Dictionary record, std::size_t bytes, const Making& making, EventMark event) {
   while (overflowsWith(bytes)) dropOldest();
   (void)hasMemoryFor(_bytes + bytes);
   if (_records.empty()) {
@@ -14,7 +16,7 @@ void HeldRecords::add(Dictionary record, std::size_t bytes, const Making& making
     _isUniform = false;
   }
   _bytes += bytes;
-  _records.push_back({std::move(record), bytes});
+  _records.push_back({std::move(record), bytes, event});
 }
 
 void HeldRecords::setForAll(const char* key, const Value& value) {
@@ -33,16 +35,25 @@ void HeldRecords::addUserInfo(const Making& making) {
 }
 
 void HeldRecords::dropOldest() {
+  _account->dropHeld({_records.front().event}, Reason::overLimit);
   _bytes -= _records.front().bytes;
   _records.pop_front();
   ++_dropped;
 }
 
-void HeldRecords::takeInto(std::vector<Dictionary>& records) {
+Shipment HeldRecords::takeInto(std::vector<Dictionary>& records) {
   records.reserve(records.size() + _records.size());
   for (Held& held : _records) records.push_back(std::move(held.record));
+  return _account->shipHeld(takeEvents());
+}
+
+std::vector<EventMark> HeldRecords::takeEvents() {
+  std::vector<EventMark> events;
+  events.reserve(_records.size());
+  for (const Held& held : _records) events.push_back(held.event);
   _records.clear();
   _bytes = 0;
+  return events;
 }
 
 bool HeldRecords::hasMemoryFor(std::size_t bytes) {

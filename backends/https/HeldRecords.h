@@ -11,6 +11,7 @@
 #include "backends/https/EventFilters.h"
 #include "base/Value.h"
 #include "platform/SharedBudget.h"
+#include "status/Ledger.h"
 
 namespace corvid {
 
@@ -33,7 +34,13 @@ class HeldRecords {
     bool operator==(const Making&) const = default;
   };
 
-  explicit HeldRecords(SharedBudget::Share memory) : _memory(std::move(memory)) {}
+  // `account` hears what becomes of the records' events.
+  HeldRecords(SharedBudget::Share memory, std::shared_ptr<LedgerAccount> account)
+      : _memory(std::move(memory)), _account(std::move(account)) {}
+  // Drops what is left as not flushed.
+  ~HeldRecords();
+  HeldRecords(const HeldRecords&) = delete;
+  HeldRecords& operator=(const HeldRecords&) = delete;
 
   // Whether adding a record of that footprint would drop others.
   bool overflowsWith(std::size_t bytes) {
@@ -42,29 +49,35 @@ class HeldRecords {
   }
   // Whether a single record is held without memory for it.
   bool exceedsMemory() const { return _bytes > _memory.amount(); }
-  void add(Dictionary record, std::size_t bytes, const Making& making);
+  // `event` has been booked as held.
+  void add(Dictionary record, std::size_t bytes, const Making& making, EventMark event);
   void setForAll(const char* key, const Value& value);
   // Gives each record the user info, filtered, whose values win; a record that has just this one
   // already stays as it is. Where all would grow past `messageByteLimit` the oldest are dropped.
   void addUserInfo(const Making& making);
   void dropOldest();
-  // Moves all behind `records`.
-  void takeInto(std::vector<Dictionary>& records);
+  // Moves all behind `records`; their events are now on their way.
+  Shipment takeInto(std::vector<Dictionary>& records);
 
   // How many records were dropped so far.
   std::size_t dropped() const { return _dropped; }
   std::size_t size() const { return _records.size(); }
+  std::size_t bytes() const { return _bytes; }
 
  private:
   struct Held {
     Dictionary record;
     std::size_t bytes;
+    EventMark event;
   };
+
+  std::vector<EventMark> takeEvents();
 
   // Takes memory in larger pieces than a record, as long as there is.
   bool hasMemoryFor(std::size_t bytes);
 
   SharedBudget::Share _memory;
+  const std::shared_ptr<LedgerAccount> _account;
   std::deque<Held> _records;
   std::size_t _bytes = 0;
   std::size_t _dropped = 0;

@@ -39,16 +39,23 @@ MetrixBackend::MetrixBackend(const std::string& name, const Dictionary* profile,
       _metrixAdaptorClass(_clientBundle ? _clientBundle->classNamed(adaptorClass) : nullptr),
       _metrixAdaptor(_metrixAdaptorClass ? _metrixAdaptorClass->create() : nullptr) {}
 
+bool MetrixBackend::takesEvents() const {
+  return _metrixAdaptor && _metrixAdaptor->respondsTo(forwardingOperation);
+}
+
 std::optional<std::string> MetrixBackend::sendMessage(const Dictionary* payload, const TimeValue&,
                                                       std::uint16_t method, std::uint16_t respCode,
                                                       EventID, MessageFlag) {
   MutexLock lock(_adaptorLock);
-  if (_metrixAdaptor && _metrixAdaptor->respondsTo(forwardingOperation))
+  if (takesEvents()) {
     _metrixAdaptor->perform(forwardingOperation, method, respCode, payload);
-  else
-    logError(
-        "MetrixBackend(sendMessage): Metrix adaptor {} does not respond to forwarding selector {}",
-        _metrixAdaptor ? _metrixAdaptor->description() : "(null)", forwardingOperation);
+    _account->deliver(_offered);
+    return std::nullopt;
+  }
+  logError(
+      "MetrixBackend(sendMessage): Metrix adaptor {} does not respond to forwarding selector {}",
+      _metrixAdaptor ? _metrixAdaptor->description() : "(null)", forwardingOperation);
+  _account->drop(_offered, Reason::noAdaptor);
   return std::nullopt;
 }
 

@@ -27,6 +27,9 @@ class MetrixBackend final : public CorvidBackend {
   // The conferencing clients.
   static bool isClientTypeAllowed(std::int32_t clientType);
 
+  void updateState() override {
+    setState(BackendState::sending, takesEvents() ? Reason::reporting : Reason::noAdaptor);
+  }
   using CorvidBackend::sendMessage;
   // Answers nothing, whether the adaptor took the event or not.
   std::optional<std::string> sendMessage(const Dictionary* payload, const TimeValue& timestamp,
@@ -35,6 +38,8 @@ class MetrixBackend final : public CorvidBackend {
       EXCLUDES(_adaptorLock);
 
  private:
+  bool takesEvents() const;
+
   const std::shared_ptr<const Bundle> _clientBundle;
   const BundleClass* const _metrixAdaptorClass;
   const std::unique_ptr<BundleObject> _metrixAdaptor;

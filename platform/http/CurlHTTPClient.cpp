@@ -18,7 +18,8 @@ using std::chrono::milliseconds;
 constexpr std::string_view ended = "the HTTP client has ended";
 
 HTTPOutcome failed(const Exchange& exchange, CURLcode code, std::string_view why) {
-  return {std::nullopt, HTTPError{code, fmt::format("{}: {}", exchange.host, why)}};
+  return {std::nullopt,
+          HTTPError{code, fmt::format("{}: {}", exchange.host, why), failureOf(code)}};
 }
 
 }  // namespace
@@ -49,7 +50,8 @@ void CurlHTTPClient::start(HTTPRequest request, HTTPCompletion completion) {
   Result<Exchange> made =
       makeExchange(std::move(request), _options.allowInsecureHTTP, _clock->steadyNow());
   if (!made) {
-    completion({std::nullopt, HTTPError{made.failure().code, made.failure().message}});
+    completion({std::nullopt, HTTPError{made.failure().code, made.failure().message,
+                                        failureOf(made.failure().code)}});
     return;
   }
   made.value().completion = std::move(completion);
@@ -98,6 +100,11 @@ bool CurlHTTPClient::awaitRoom(Exchange& exchange) {
 void CurlHTTPClient::wake() {
   _hasWork.notify_one();
   if (std::exchange(_sleepsInTransfer, false)) _multi->wake();
+}
+
+std::map<std::string, HTTPClient::Load> CurlHTTPClient::loads() const {
+  const MutexLock lock(_mutex);
+  return _queue.loads();
 }
 
 // ---- The client's thread
@@ -151,6 +158,7 @@ void CurlHTTPClient::begin(std::vector<Exchange> exchanges) {
     if (exchange.mayLeave && !exchange.mayLeave()) {
       HTTPOutcome outcome =
           failed(exchange, CURLE_ABORTED_BY_CALLBACK, "withdrawn before it was sent");
+      outcome.error->kind = HTTPFailure::withdrawn;
       finish(std::move(exchange), std::move(outcome));
     } else if (curlLibrary()) {
       _multi->begin(std::move(exchange), _clock->steadyNow());

@@ -71,6 +71,7 @@ class CurlHTTPClient final : public HTTPClient {
 
   void start(HTTPRequest request, HTTPCompletion completion) override EXCLUDES(_mutex);
   std::size_t exchangesUnderWay() const override { return _underWay; }
+  std::map<std::string, Load> loads() const override EXCLUDES(_mutex);
   // Exchanges that found the queue full, since the start.
   std::size_t exchangesRefused() const { return _refused; }
 
@@ -112,7 +113,7 @@ class CurlHTTPClient final : public HTTPClient {
   std::atomic<std::size_t> _refused = 0;
 
   // Shared between callers and the client's thread.
-  Mutex _mutex;
+  mutable Mutex _mutex;
   std::condition_variable_any _hasWork;
   std::condition_variable_any _hasRoom;
   ExchangeQueue _queue GUARDED_BY(_mutex);

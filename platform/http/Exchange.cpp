@@ -57,6 +57,34 @@ std::string headerLinesFor(const HTTPHeaders& headers) {
 
 }  // namespace
 
+HTTPFailure failureOf(int code) {
+  switch (code) {
+    case CURLE_COULDNT_RESOLVE_HOST: return HTTPFailure::resolve;
+    case CURLE_COULDNT_CONNECT: return HTTPFailure::connect;
+    case CURLE_SSL_CONNECT_ERROR:
+    case CURLE_SSL_ENGINE_NOTFOUND:
+    case CURLE_SSL_ENGINE_SETFAILED:
+    case CURLE_SSL_ENGINE_INITFAILED:
+    case CURLE_SSL_CERTPROBLEM:
+    case CURLE_SSL_CIPHER:
+    case CURLE_PEER_FAILED_VERIFICATION:
+    case CURLE_SSL_CACERT_BADFILE:
+    case CURLE_SSL_CRL_BADFILE:
+    case CURLE_SSL_ISSUER_ERROR:
+    case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
+    case CURLE_SSL_INVALIDCERTSTATUS: return HTTPFailure::tls;
+    case CURLE_OPERATION_TIMEDOUT: return HTTPFailure::timeout;
+    case CURLE_GOT_NOTHING:
+    case CURLE_SEND_ERROR:
+    case CURLE_RECV_ERROR:
+    case CURLE_PARTIAL_FILE: return HTTPFailure::closed;
+    case CURLE_FILESIZE_EXCEEDED: return HTTPFailure::tooLarge;
+    // libcurl's own use of it never ends an exchange.
+    case CURLE_AGAIN: return HTTPFailure::queueFull;
+    default: return HTTPFailure::other;
+  }
+}
+
 Result<Exchange> makeExchange(HTTPRequest request, bool allowInsecureHTTP, Exchange::Time now) {
   const auto url = parseURL(request.url);
   if (!url || url->host.empty()) return Failure{"not a URL of a host", CURLE_URL_MALFORMAT};

@@ -35,6 +35,9 @@ struct Exchange {
   std::size_t size() const { return url.size() + headerLines.size() + body.size(); }
 };
 
+// Which kind of failure a code of libcurl's stands for, as an exchange of ours meets it.
+HTTPFailure failureOf(int code);
+
 // The exchange for `request`, without a completion; or why the request cannot be sent at all, with
 // a code of libcurl's.
 Result<Exchange> makeExchange(HTTPRequest request, bool allowInsecureHTTP, Exchange::Time now);

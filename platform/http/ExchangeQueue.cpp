@@ -123,6 +123,13 @@ std::vector<Exchange> ExchangeQueue::removeExpired(Exchange::Time now) {
   return expired;
 }
 
+std::map<std::string, HTTPClient::Load> ExchangeQueue::loads() const {
+  std::map<std::string, HTTPClient::Load> loads;
+  for (const auto& [name, host] : _hosts)
+    loads[name] = {.underWay = host.count.active, .waiting = host.count.waiting};
+  return loads;
+}
+
 template <class Change>
 void ExchangeQueue::changeLine(Host& host, Lines::iterator entry, Change change) {
   auto& [user, line] = *entry;

@@ -46,6 +46,7 @@ class ExchangeQueue {
   Exchange::Time nextDeadline() const { return _nextDeadline; }
 
   std::size_t waiting() const { return _all.waiting; }
+  std::map<std::string, HTTPClient::Load> loads() const;
 
  private:
   struct Count {

@@ -123,7 +123,7 @@ Exchange Transfer::release() {
 
 HTTPError Transfer::errorFor(CURLcode result) const {
   const auto error = [this](CURLcode code, std::string_view text) {
-    return HTTPError{code, fmt::format("{}: {}", _exchange.host, text)};
+    return HTTPError{code, fmt::format("{}: {}", _exchange.host, text), failureOf(code)};
   };
   switch (_refusal) {
     case Refusal::sentOnce:

@@ -30,6 +30,7 @@ class FakeConnection final : public Connection {
   void resume() override;
   std::shared_ptr<ClientSessionReplyInterface> remoteObjectProxyWithErrorHandler(
       std::function<void(const std::string&)> onError) override;
+  void perform(std::function<void()> task) override { task(); }
   void invalidate(std::string_view reason) override;
 
   // The client goes away: runs the invalidation handler and drops object and handlers.

@@ -50,8 +50,8 @@ HTTPOutcome FakeHTTPClient::response(int status, std::string body, HTTPHeaders h
   return {HTTPResponse{status, std::move(headers), std::move(body)}, std::nullopt};
 }
 
-HTTPOutcome FakeHTTPClient::error(int code, std::string description) {
-  return {std::nullopt, HTTPError{code, std::move(description)}};
+HTTPOutcome FakeHTTPClient::error(int code, std::string description, HTTPFailure kind) {
+  return {std::nullopt, HTTPError{code, std::move(description), kind}};
 }
 
 }  // namespace corvid

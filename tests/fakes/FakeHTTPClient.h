@@ -16,6 +16,7 @@ class FakeHTTPClient final : public HTTPClient {
 
   void start(HTTPRequest request, HTTPCompletion completion) override;
   std::size_t exchangesUnderWay() const override;
+  std::map<std::string, Load> loads() const override { return {}; }
 
   // From now on every request is answered at once, on the caller's thread, with what `rule` gives.
   void answerWith(Rule rule);
@@ -28,7 +29,8 @@ class FakeHTTPClient final : public HTTPClient {
   void completeNext(HTTPOutcome outcome);
 
   static HTTPOutcome response(int status, std::string body = {}, HTTPHeaders headers = {});
-  static HTTPOutcome error(int code, std::string description);
+  static HTTPOutcome error(int code, std::string description,
+                           HTTPFailure kind = HTTPFailure::other);
 
  private:
   mutable std::mutex _mutex;

@@ -7,6 +7,7 @@
 #include <string>
 #include <utility>
 
+#include "platform/Platform.h"
 #include "session/CorviddSession.h"
 #include "session/CorviddSessionDelegate.h"
 #include "tests/fakes/Journal.h"
@@ -26,6 +27,9 @@ class FakeSessionDelegate final : public CorviddSessionDelegate {
     _journal->add("agent storebagVersionForSession");
     return storebagVersion;
   }
+  Reason whyNoStorebagForSession(CorviddSession&) override { return whyNoStorebag; }
+  const std::shared_ptr<Ledger>& ledger() const override { return _ledger; }
+  std::uint64_t nextSessionNumber() override { return ++sessions; }
   void userInfoUpdatedForSession(CorviddSession&) override {
     _journal->add("agent userInfoUpdatedForSession");
     if (onUserInfoUpdated) onUserInfoUpdated();
@@ -44,6 +48,8 @@ class FakeSessionDelegate final : public CorviddSessionDelegate {
   std::optional<Dictionary> storebag;
   std::optional<std::string> storebagVersion;
   std::optional<Failure> storebagFailure;
+  Reason whyNoStorebag = Reason::storebagUnreachable;
+  std::uint64_t sessions = 0;  // that were numbered
   std::shared_ptr<CorviddSession> ancestor;
   // Run when a session is to be regrouped.
   std::function<void()> onUserInfoUpdated;
@@ -51,6 +57,7 @@ class FakeSessionDelegate final : public CorviddSessionDelegate {
  private:
   const std::shared_ptr<Journal> _journal;
   RecursiveMutex _mutex;
+  const std::shared_ptr<Ledger> _ledger = Ledger::create(Platform::current().clock());
 };
 
 }  // namespace corvid

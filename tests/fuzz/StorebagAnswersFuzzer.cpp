@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -67,17 +68,19 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   platform.http->answerWith([&](const HTTPRequest&) { return answer; });
 
   FetchedStorebag last;
-  StorebagCache cache([&](std::int32_t, const std::optional<std::string>& lastModified) {
-    last = fetchStorebagWithName("lumen", lastModified);
-    require(last.storebag.has_value() + last.notModified <= 1);
-    // Only what is signed gets in, whatever stands around it.
-    if (last.storebag) {
-      require(*last.storebag == fuzz::signedStorebag());
-      last.version = "7.1";
-    }
-    require(!last.notModified || lastModified);
-    return last;
-  });
+  StorebagCache cache(
+      [&](std::int32_t, const std::optional<std::string>& lastModified) {
+        last = fetchStorebagWithName("lumen", lastModified);
+        require(last.storebag.has_value() + last.notModified <= 1);
+        // Only what is signed gets in, whatever stands around it.
+        if (last.storebag) {
+          require(*last.storebag == fuzz::signedStorebag());
+          last.version = "7.1";
+        }
+        require(!last.notModified || lastModified);
+        return last;
+      },
+      std::make_shared<StorebagBoard>());
   constexpr std::int32_t lumenClient = 5;
   constexpr std::uint32_t user = 1000;
   std::optional<Dictionary> kept;

@@ -74,6 +74,7 @@ class WatchedConnection final : public Connection {
       std::function<void(const std::string&)> onError) override {
     return _connection->remoteObjectProxyWithErrorHandler(std::move(onError));
   }
+  void perform(std::function<void()> task) override { _connection->perform(std::move(task)); }
   void invalidate(std::string_view reason) override { _connection->invalidate(reason); }
 
  private:
@@ -255,6 +256,7 @@ void ChainStress::checkWhatMustHold(long withoutGroup) {
     aggregators[keyOf(*client)] += session.hasAggregator();
   }
   EXPECT_EQ(live.size(), connected) << "a session whose client has gone is kept";
+  EXPECT_TRUE(agent->ledger()->totals().balance.adds());
   for (const auto& [key, count] : aggregators) EXPECT_LE(count, 1) << key;
   EXPECT_EQ(platform.keepAlive->begun - platform.keepAlive->ended, connected > 0 ? 1 : 0);
 }
@@ -274,6 +276,10 @@ TEST_P(ChainStress, ClientsThatComeAndGoLeaveTheChainsInOrder) {
   allAtOnce([](StressClient& client) { client.vanish(); });
   ASSERT_TRUE(awaitPause());
   EXPECT_TRUE(watched->liveSessions().empty());
+  const Balance balance = agent->ledger()->totals().balance;
+  EXPECT_TRUE(balance.adds());
+  EXPECT_EQ(balance.held + balance.underWay, 0u) << "nobody is there to be waited for";
+  EXPECT_GT(balance.delivered, 0u);
   EXPECT_EQ(platform.keepAlive->begun, platform.keepAlive->ended);
   const std::weak_ptr<CorviddAgent> kept = agent;
   listener = nullptr;

@@ -1,0 +1,71 @@
+// What is known of the storebags, for those who may not wait for a fetch.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+
+#include "base/Mutex.h"
+#include "config/StorebagFetch.h"
+
+namespace corvid {
+
+// Of one storebag name. Times are since 1970, in seconds.
+struct StorebagStanding {
+  std::string url{};  // that was asked last
+  bool isBeingFetched = false;
+  bool isFallback = false;
+  std::optional<std::string> version{};  // of the one that is kept
+  std::optional<std::uint64_t> key{};    // that verified it
+  std::optional<double> validSince{};    // when it was had, or found unchanged
+  double maxAge = 0;                     // from then on
+  double lastAttempt = 0;
+  std::optional<StorebagFault> fault{};  // of the last attempt
+};
+
+// The cache writes what it does here as it does it. Threads: any.
+class StorebagBoard {
+ public:
+  void set(const std::string& name, StorebagStanding standing) {
+    const MutexLock lock(_mutex);
+    _standings[name] = std::move(standing);
+    if (_changed) _changed();
+  }
+  // `changed` is called when something is written; it may not block. Before the first time.
+  void notify(std::function<void()> changed) { _changed = std::move(changed); }
+  StorebagStanding of(const std::string& name) const {
+    const MutexLock lock(_mutex);
+    const auto found = _standings.find(name);
+    return found == _standings.end() ? StorebagStanding() : found->second;
+  }
+  std::map<std::string, StorebagStanding> all() const {
+    const MutexLock lock(_mutex);
+    return _standings;
+  }
+
+  // The next request for the storebag fetches it, whatever its age and however short a time ago the
+  // last attempt failed.
+  void wishRefresh(const std::string& name) {
+    const MutexLock lock(_mutex);
+    _wished.insert(name);
+  }
+  bool refreshIsWished(const std::string& name) const {
+    const MutexLock lock(_mutex);
+    return _wished.contains(name);
+  }
+  void refreshBegins(const std::string& name) {
+    const MutexLock lock(_mutex);
+    _wished.erase(name);
+  }
+
+ private:
+  std::function<void()> _changed;
+  mutable Mutex _mutex;
+  std::map<std::string, StorebagStanding> _standings GUARDED_BY(_mutex);
+  std::set<std::string> _wished GUARDED_BY(_mutex);
+};
+
+}  // namespace corvid
