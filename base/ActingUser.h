@@ -1,8 +1,9 @@
 // On behalf of which user a thread works.
 //
 // What users share is charged to whoever a thread works for, so that nobody needs to hand the user
-// down to where something is taken. (An object that belongs to one client knows its user itself.) A thread says so once, where its work for a client begins; work
-// that goes on elsewhere takes the user along.
+// down to where something is taken. (An object that belongs to one client knows its user itself.) A
+// thread says so once, where its work for a client begins; work that goes on elsewhere takes the
+// user along.
 #pragma once
 
 #include <cstdint>

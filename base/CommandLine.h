@@ -94,6 +94,20 @@ inline CLI::Option* addWords(CLI::App& command, const std::string& name,
   return command.add_option(name, take, help)->type_name("")->expected(many, many);
 }
 
+// Calls `option(names, takesValue, help)` for each option of a command, texts of one line each.
+template <class Option>
+void eachOption(const CLI::App& command, Option option) {
+  const auto firstLine = [](const std::string& text) { return text.substr(0, text.find('\n')); };
+  for (const CLI::Option* const one : command.get_options()) {
+    std::vector<std::string> names;
+    for (const std::string& name : one->get_lnames()) names.push_back("--" + name);
+    for (const std::string& name : one->get_snames()) names.push_back("-" + name);
+    if (!names.empty())
+      option(std::move(names), one->get_items_expected_max() > 0,
+             firstLine(one->get_description()));
+  }
+}
+
 // The way to the command that was read: "corvidctl dashboard send".
 inline std::string commandPath(const CLI::App& app) {
   const auto chosen = app.get_subcommands();

@@ -68,6 +68,12 @@ void installLog(LogSink* sink, LogLevel threshold) {
   detail::logThreshold.store(sink ? static_cast<int>(threshold) : -1);
 }
 
+LogLevel logLevel() { return static_cast<LogLevel>(detail::logThreshold.load()); }
+
+void setLogLevel(LogLevel threshold) {
+  if (installedSink.load()) detail::logThreshold = static_cast<int>(threshold);
+}
+
 void detail::writeLog(LogLevel level, fmt::string_view format, fmt::format_args arguments) {
   write(level, false, format, arguments);
 }

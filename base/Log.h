@@ -26,6 +26,10 @@ class LogSink {
 // Sends lines up to and including `threshold` to `sink` (borrowed; nullptr drops everything).
 void installLog(LogSink* sink, LogLevel threshold);
 
+// The level from which on lines are written; any thread.
+LogLevel logLevel();
+void setLogLevel(LogLevel threshold);
+
 namespace detail {
 extern std::atomic<int> logThreshold;
 void writeLog(LogLevel level, fmt::string_view format, fmt::format_args arguments);

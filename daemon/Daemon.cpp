@@ -1,16 +1,21 @@
 #include "daemon/Daemon.h"
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "base/Log.h"
 #include "daemon/CorviddAgent.h"
+#include "daemon/DaemonControl.h"
+#include "daemon/StatusReport.h"
 #include "platform/Platform.h"
 #include "platform/data/Deployment.h"
 #include "platform/data/FilePreferences.h"
@@ -25,14 +30,17 @@
 #include "platform/system/FolderWatch.h"
 #include "platform/system/JournalPowerLog.h"
 #include "platform/system/Launcher.h"
+#include "platform/system/PeerIdentity.h"
 #include "platform/system/ProcessSetup.h"
 #include "platform/system/Sandbox.h"
+#include "platform/system/Signals.h"
 #include "platform/system/SystemClock.h"
 #include "platform/system/SystemDeviceInformation.h"
 #include "platform/system/SystemLocale.h"
 #include "platform/system/SystemLog.h"
 #include "protocol/Keys.h"
 #include "protocol/Limits.h"
+#include "rpc/ControlService.h"
 #include "rpc/IPCListener.h"
 
 namespace corvid {
@@ -41,13 +49,15 @@ namespace {
 
 constexpr int socketFailure = 1;
 constexpr int sandboxFailure = -1;
+constexpr int secondSignal = 1;
 
 constexpr std::chrono::seconds idleExitWhenSocketActivated{60};
 
 // The process's log, from here to the end of the scope.
 class Logging {
  public:
-  explicit Logging(const Options& options) : _sink(openSystemLog("corvidd", options.log)) {
+  explicit Logging(const Options& options)
+      : _sink(openSystemLog("corvidd", options.log.value_or(usualLogDestination()))) {
     installLog(_sink.get(), options.logLevel);
   }
   ~Logging() { installLog(nullptr, LogLevel::error); }
@@ -127,13 +137,31 @@ EntitlementReader entitlementReader(const std::string& path, const FolderWatch& 
   };
 }
 
+Result<ServiceSocket> adoptOrBind(Descriptor passed, const std::string& path) {
+  return passed ? ServiceSocket::adopt(std::move(passed)) : ServiceSocket::bind(path);
+}
+
+std::string unitOfPeer(int socket) {
+  const Result<PeerIdentity> peer = peerIdentity(socket);
+  return peer ? peer.value().unit : std::string();
+}
+
 Result<std::unique_ptr<IPCListener>> createListener(Platform& platform, Launcher& launcher,
                                                     const FolderWatch& watch) {
-  Descriptor passed = launcher.takeListeningSocket();
-  return IPCListener::serving(passed ? ServiceSocket::adopt(std::move(passed))
-                                     : ServiceSocket::bind(platform.paths().socket),
+  return IPCListener::serving(adoptOrBind(launcher.takeListeningSocket(), platform.paths().socket),
                               entitlementReader(platform.paths().entitlementsFolder, watch),
-                              {platform.extensionTokens(), platform.budgets});
+                              {platform.extensionTokens(), platform.budgets, unitOfPeer});
+}
+
+// Null, with a line, where it cannot be had: clients are served all the same.
+std::unique_ptr<ControlService> createControl(Platform& platform, Launcher& launcher,
+                                              const FolderWatch& watch) {
+  auto control = ControlService::serving(
+      adoptOrBind(launcher.takeControlSocket(), platform.paths().controlSocket),
+      entitlementReader(platform.paths().entitlementsFolder, watch), platform.budgets);
+  if (control) return std::move(control).value();
+  logWarning("main: Nobody can look at this daemon: {}", control.failure().message);
+  return nullptr;
 }
 
 std::chrono::seconds idleExit(const Options& options, const Launcher& launcher) {
@@ -149,6 +177,29 @@ Paths pathsFor(const Options& options) {
   while (root.ends_with('/')) root.pop_back();
   return Paths(std::move(root));
 }
+
+namespace {
+
+// Lets what is under way end, within the time that it has; false where something has not. What is
+// not delivered then is lost, which is said.
+bool stopInOrder(IPCListener& listener, Platform& platform, Ledger& ledger,
+                 std::chrono::seconds timeout) {
+  constexpr std::chrono::milliseconds betweenLooks{5};
+  listener.close();
+  const auto isOver = [&] {
+    return listener.connections() == 0 && platform.http().exchangesUnderWay() == 0 &&
+           !platform.network().isBusy();
+  };
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (!isOver() && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(betweenLooks);
+  const bool hasEnded = isOver();
+  if (const std::uint64_t lost = ledger.close())
+    logWarning("main: Stopped with {} events lost (lostAtStop)", lost);
+  return hasEnded;
+}
+
+}  // namespace
 
 int runDaemon(const Options& options) {
   const Paths paths = pathsFor(options);
@@ -176,6 +227,7 @@ int runDaemon(const Options& options) {
     logError("main: The bundle {} is not used: {}; mend or remove it and start corvidd anew",
              paths.performanceBundle, *bundle.fault);
 
+  Signals signals;
   // Before the listener, so that it outlives the sessions.
   Platform platform(systemServices(paths, deployment, clock, launcher, bundle.passed));
   Platform::install(&platform);
@@ -185,18 +237,51 @@ int runDaemon(const Options& options) {
     logError("main: Cannot listen for clients: {}", created.failure().message);
     return socketFailure;
   }
-  const std::unique_ptr<IPCListener> listener = std::move(created).value();
-  listener->resume(CorviddAgent::create(),
+  const auto agent = CorviddAgent::create();
+  const auto statusChanged = [launcher] { launcher->statusChanged(); };
+  agent->ledger()->notify(statusChanged);
+  agent->storebags().notify(statusChanged);
+  agent->notifyOfSessions(statusChanged);
+  const std::unique_ptr<ControlService> control =
+      createControl(platform, *launcher, entitlementWatch);
+  if (control)
+    control->resume(std::make_shared<DaemonControl>(
+        platform, agent,
+        DaemonControl::Facts{.version = CORVID_VERSION,
+                             .process = processNumber(),
+                             .isSandboxed = options.enforcesSandbox}));
+  std::unique_ptr<IPCListener> listener = std::move(created).value();
+  listener->resume(agent,
                    {[launcher] { return launcher->tryBeginTransaction(); },
                     [launcher] { launcher->endTransaction(); }},
                    {entitlementWatch.descriptor(), [&] { entitlementWatch.takeChanges(); }});
   logInfo("main: Listener resumes with sandbox, start loop.");
   sealSandbox(options);
-  launcher->notifyReady("Serving");
-  return launcher->runLoop(idleExit(options, *launcher), [&] {
-    return platform.http().exchangesUnderWay() > 0 || platform.network().isBusy() ||
-           listener->connections() > 0;
+  launcher->notifyReady(statusLine(0, 0, {}));
+  std::atomic<bool> stops{false};
+  signals.watch([&](int signal) {
+    if (signal == SIGHUP) return;
+    if (stops.exchange(true)) std::_Exit(secondSignal);
+    launcher->requestStop();
   });
+  launcher->runLoop(
+      idleExit(options, *launcher),
+      [&] {
+        return platform.http().exchangesUnderWay() > 0 || platform.network().isBusy() ||
+               listener->connections() > 0;
+      },
+      [&] {
+        agent->ledger()->takeChange();
+        return statusLine(agent->sessionCount(), agent->ledger()->totals().balance.held,
+                          agent->storebags().all());
+      });
+  if (!stopInOrder(*listener, platform, *agent->ledger(), options.stopTimeout)) {
+    // A thread that waits for a server is not waited for. The sockets' files go as in any end.
+    listener->abandonSocket();
+    if (control) control->abandonSocket();
+    std::_Exit(0);
+  }
+  return 0;
 }
 
 }  // namespace corvid

@@ -10,8 +10,8 @@ namespace corvid {
 Paths pathsFor(const Options& options);
 
 // Runs the daemon on the calling thread, which must be the only one of the process, and returns the
-// exit status: 0 after an idle exit, 1 when the service socket cannot be had, -1 when the sandbox
-// cannot be entered. What failed is in the log.
+// exit status: 0 after an idle exit or an ordered stop, 1 when the service socket cannot be had, -1
+// when the sandbox cannot be entered. What failed is in the log.
 int runDaemon(const Options& options);
 
 }  // namespace corvid

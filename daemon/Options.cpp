@@ -37,10 +37,10 @@ std::variant<Options, int> readOptions(std::vector<std::string> arguments) {
   addCommonOptions(app, "corvidd " CORVID_VERSION);
   addFolder(app, "--root", options.root, "Find every file below DIR instead of /")
       ->envname("CORVID_ROOT");
-  addChoice<LogDestination>(
+  addChoice<std::optional<LogDestination>>(
       app, "--log", options.log,
       {{"stderr", LogDestination::standardError}, {"syslog", LogDestination::syslog}},
-      "Where log lines go (syslog)");
+      "Where log lines go (syslog; standard error where there is\nnone, or where that is a terminal)");
   addChoice<LogLevel>(app, "--log-level", options.logLevel,
                       {{"error", LogLevel::error},
                        {"warning", LogLevel::warning},
@@ -51,6 +51,9 @@ std::variant<Options, int> readOptions(std::vector<std::string> arguments) {
   const CLI::Option* const hasIdleExit = addNumber(
       app, "--idle-exit", idleExit, 0, std::numeric_limits<std::uint32_t>::max(),
       "End after so many seconds without work; 0 is never\n(60 when started by its socket, else 0)");
+  std::int64_t stopTimeout = options.stopTimeout.count();
+  addNumber(app, "--stop-timeout", stopTimeout, 0, std::numeric_limits<std::int32_t>::max(),
+            "At SIGTERM wait so many seconds for what is being delivered (10)");
   addChoice<bool>(app, "--sandbox", options.enforcesSandbox, {{"enforce", true}, {"off", false}},
                   "Enter the sandbox profile, or do without it (enforce)");
   CLI::Option* const check = app.add_flag("--check-config", options.checksConfig,
@@ -62,6 +65,7 @@ std::variant<Options, int> readOptions(std::vector<std::string> arguments) {
       ->needs(check);
 
   if (const auto status = readCommandLine(app, std::move(arguments))) return *status;
+  options.stopTimeout = std::chrono::seconds(stopTimeout);
   if (*hasIdleExit) options.idleExit = std::chrono::seconds(idleExit);
   return options;
 }

@@ -15,10 +15,13 @@ namespace corvid {
 struct Options {
   // Everything lies below it; empty for the machine itself.
   std::string root;
-  LogDestination log = LogDestination::syslog;
+  // Nothing: by what there is.
+  std::optional<LogDestination> log;
   LogLevel logLevel = LogLevel::info;
   // 0: never. Nothing: by the way the daemon was started.
   std::optional<std::chrono::seconds> idleExit;
+  // For exchanges that are under way when the daemon is told to end.
+  std::chrono::seconds stopTimeout{10};
   // False leaves the process outside the sandbox.
   bool enforcesSandbox = true;
   // Checks the configuration instead of serving; how findings are printed, and whether servers are

@@ -17,6 +17,7 @@ struct Paths {
 
   std::string root;
   std::string socket = root + "/run/corvidd/com.halcyon.corvidd";
+  std::string controlSocket = root + "/run/corvidd/control";
   std::string entitlementsFolder = root + "/etc/corvid/entitlements.d";
   std::string deviceFile = root + "/etc/corvid/device.plist";
   std::string deploymentFile = root + "/etc/corvid/deployment.plist";

@@ -12,6 +12,9 @@ namespace corvid::limits {
 inline constexpr std::size_t connections = 512;
 inline constexpr std::size_t connectionsPerUser = 256;
 
+// Of those who look at the daemon, counted apart from clients.
+inline constexpr std::size_t controlConnections = 64;
+
 // Descriptors that are left to everything else: past it connections are closed at once.
 inline constexpr std::size_t descriptorReserve = 128;
 

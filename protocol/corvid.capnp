@@ -1,7 +1,7 @@
 @0xc5025268cdb85b8f;
 # What crosses the socket between a client library and the daemon: Cap'n Proto RPC over a Unix
 # stream socket. The bootstrap object of the daemon's side is a ClientSession, that of the client's
-# side a ClientSessionReply.
+# side a ClientSessionReply. On the control socket it is a Control.
 #
 # A field or union member is only ever added, with the next free number, so that both sides may be
 # of different age. An absent object is a null pointer; an empty list is present.
@@ -120,4 +120,34 @@ interface ClientSession {
 interface ClientSessionReply {
   sendMessagesToClient @0 (deliveries :List(Delivery));
   # Returns when the client library has taken the deliveries in, not when the block has run.
+}
+
+interface Control {
+  # What the daemon does and why, for whoever may look. Nothing here waits for a server or a client.
+  # JSON stands in texts, one object or array each; docs/operating.md describes them.
+
+  status @0 () -> (json :Text);
+
+  sessions @1 (session :UInt64) -> (json :Text);
+  # Of all sessions, or of the one with that number; 0: all.
+
+  explain @2 (session :UInt64, last :UInt32) -> (lines :List(Text));
+  # What became of the latest events and posts, oldest first; 0: of all sessions, all that is known.
+
+  watch @3 (session :UInt64, payload :Bool) -> (refusal :Text);
+  # From now on each decision is kept for nextLines. Once a connection. `refusal` is absent where the
+  # wish is granted; records are for user 0 only.
+
+  nextLines @4 () -> (lines :List(Text));
+  # What was decided since the last call, as soon as there is something; nothing after a second
+  # without.
+
+  metrics @5 () -> (text :Text);
+
+  refresh @6 (clientType :Int32, states :Bool) -> (touched :List(Text));
+  # The next request for the storebag of the client type (-1: of any) fetches it. With `states` every
+  # session computes its states anew. What was touched, by name.
+
+  setLogLevel @7 (level :Int32, seconds :UInt32) -> ();
+  # As in syslog. After so many seconds the level from before comes back; 0: it stays.
 }

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -32,20 +33,32 @@ std::optional<int> numberInEnvironment(const char* name) {
   return text ? numberFrom<int>(text) : std::nullopt;
 }
 
-// The first listening Unix stream socket among those passed; the others are closed.
-Descriptor passedListeningSocket() {
-  Descriptor found;
+// Whether a socket is bound to a file of that name.
+bool isNamed(int socket, std::string_view name) {
+  sockaddr_un address{};
+  socklen_t size = sizeof address;
+  if (getsockname(socket, reinterpret_cast<sockaddr*>(&address), &size) != 0) return false;
+  address.sun_path[sizeof address.sun_path - 1] = '\0';
+  const std::string_view path = address.sun_path;
+  return path.substr(path.rfind('/') + 1) == name;
+}
+
+// The listening Unix stream sockets among those passed that are of use; the others are closed.
+Launcher::Sockets passedSockets() {
+  Launcher::Sockets found;
   if (numberInEnvironment("LISTEN_PID") != getpid()) return found;
   const int count = std::min(numberInEnvironment("LISTEN_FDS").value_or(0), mostPassedDescriptors);
   for (int i = 0; i < count; ++i) {
     Descriptor passed(firstPassedDescriptor + i);
-    if (!found && isListeningUnixStream(passed.get()))
-      found = std::move(passed);
-    else
+    Descriptor& place = isNamed(passed.get(), "control") ? found.control : found.service;
+    if (!place && isListeningUnixStream(passed.get())) {
+      fcntl(passed.get(), F_SETFD, FD_CLOEXEC);
+      place = std::move(passed);
+    } else {
       logWarning("main: Descriptor {} passed by the launcher is of no use and is closed",
                  passed.get());
+    }
   }
-  if (found) fcntl(found.get(), F_SETFD, FD_CLOEXEC);
   return found;
 }
 
@@ -74,8 +87,8 @@ std::string statusLine(std::string_view status) {
 Launcher::Launcher(std::shared_ptr<Clock> clock)
     : _clock(std::move(clock)),
       _launcherSocket(socketToLauncher()),
-      _listeningSocket(passedListeningSocket()),
-      _isSocketActivated(_listeningSocket) {}
+      _sockets(passedSockets()),
+      _isSocketActivated(_sockets.service) {}
 
 void Launcher::notify(std::string_view message) {
   if (!_launcherSocket) return;
@@ -103,7 +116,7 @@ void Launcher::endTransaction() {
   const MutexLock lock(_mutex);
   assert(_transactions > 0);
   _lastWork = _clock->steadyNow();
-  if (--_transactions == 0) _noTransactions.notify_one();
+  if (--_transactions == 0) _news.notify_one();
 }
 
 void Launcher::workEnded() {
@@ -116,29 +129,56 @@ void Launcher::workEnded() {
 // transaction before it took the connection out, then the decision below sees it, or is refused by
 // tryBeginTransaction, then the connection stays where it is, and the launcher finds the socket
 // readable when the process is gone and starts it again.
-int Launcher::runLoop(std::chrono::seconds idleExit, const std::function<bool()>& busy) {
+int Launcher::runLoop(std::chrono::seconds idleExit, const std::function<bool()>& busy,
+                      const std::function<std::string()>& status) {
   _mutex.lock();
   _lastWork = _clock->steadyNow();
   while (!_isEnding) {
-    if (_transactions > 0 || idleExit.count() == 0) {
-      _noTransactions.wait(_mutex);
+    std::chrono::nanoseconds untilStatus = std::chrono::nanoseconds::max();
+    if (status && _statusChanged)
+      untilStatus = _clock->sleepTowards(_lastStatus + timeBetweenStatuses);
+    if (untilStatus.count() <= 0) {
+      _statusChanged = false;
+      _lastStatus = _clock->steadyNow();
+      _mutex.unlock();
+      notifyStatus(status());
+      _mutex.lock();
       continue;
     }
-    // Who says that work has ended may hold the lock that `busy` needs.
-    _mutex.unlock();
-    const bool isBusy = busy();
-    _mutex.lock();
-    if (_transactions > 0) continue;
-    if (isBusy) _lastWork = _clock->steadyNow();
-    const auto left = _clock->sleepTowards(_lastWork + idleExit);
-    if (left.count() <= 0)
-      _isEnding = true;
+    std::chrono::nanoseconds longest = untilStatus;
+    if (_transactions == 0 && idleExit.count() > 0) {
+      // Who says that work has ended may hold the lock that `busy` needs.
+      _mutex.unlock();
+      const bool isBusy = busy();
+      _mutex.lock();
+      if (_transactions > 0 || _isEnding) continue;
+      if (isBusy) _lastWork = _clock->steadyNow();
+      longest = std::min(longest, _clock->sleepTowards(_lastWork + idleExit));
+      if (longest.count() <= 0) {
+        _isEnding = true;
+        continue;
+      }
+    }
+    if (longest == std::chrono::nanoseconds::max())
+      _news.wait(_mutex);
     else
-      _noTransactions.wait_for(_mutex, left);
+      _news.wait_for(_mutex, longest);
   }
   _mutex.unlock();
   notify("STOPPING=1");
   return 0;
+}
+
+void Launcher::requestStop() {
+  const MutexLock lock(_mutex);
+  _isEnding = true;
+  _news.notify_one();
+}
+
+void Launcher::statusChanged() {
+  const MutexLock lock(_mutex);
+  if (std::exchange(_statusChanged, true)) return;
+  _news.notify_one();
 }
 
 }  // namespace corvid

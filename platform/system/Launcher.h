@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <functional>
 #include <memory>
+#include <string>
 #include <string_view>
 #include <utility>
 
@@ -26,10 +27,17 @@ class Launcher final : public KeepAlive {
   // Reads what the launcher left in the environment and opens the way back to it.
   explicit Launcher(std::shared_ptr<Clock> clock);
 
-  // The listening Unix stream socket that the process was started with, which the launcher has made
-  // non-blocking. Empty at the second call, and where the process was started without one.
-  Descriptor takeListeningSocket() { return std::move(_listeningSocket); }
-  // Whether the process was started with a listening socket, taken since or not.
+  // The listening Unix stream sockets that the process was started with, which the launcher has
+  // made non-blocking: the one bound to a file named "control", and the first of the others. Empty
+  // at the second call, and where the process was started without one.
+  Descriptor takeListeningSocket() { return std::move(_sockets.service); }
+  Descriptor takeControlSocket() { return std::move(_sockets.control); }
+  struct Sockets {
+    Descriptor service;
+    Descriptor control;
+  };
+
+  // Whether the process was started with a listening socket for clients, taken since or not.
   bool isSocketActivated() const { return _isSocketActivated; }
 
   // Tells the launcher that the process serves, and one line about what it does. Without a
@@ -47,27 +55,39 @@ class Launcher final : public KeepAlive {
   // held that `busy` takes.
   void workEnded() EXCLUDES(_mutex);
 
+  // Has runLoop return. Any thread.
+  void requestStop() EXCLUDES(_mutex);
+  // What the status line says may be another; runLoop tells the launcher, at most once a second.
+  // May be called with locks held that `status` takes.
+  void statusChanged() EXCLUDES(_mutex);
+
   // Blocks while a transaction is open or `busy` says that there is other work, and then until
-  // `idleExit` has passed since the last moment of either (at first: since the call). Returns the
-  // exit status, 0; with `idleExit` 0 it does not return. `busy` is called without locks. Nothing
-  // polls: the thread sleeps through open transactions and wakes once in an idle time otherwise.
-  int runLoop(std::chrono::seconds idleExit, const std::function<bool()>& busy) EXCLUDES(_mutex);
+  // `idleExit` has passed since the last moment of either (at first: since the call); 0: without
+  // end. Returns the exit status, 0; at once when a stop is requested. `busy` and `status` are
+  // called without locks. Nothing polls: the thread sleeps through open transactions and wakes once
+  // in an idle time otherwise, and for a status that has changed.
+  int runLoop(std::chrono::seconds idleExit, const std::function<bool()>& busy,
+              const std::function<std::string()>& status = {}) EXCLUDES(_mutex);
 
  private:
+  static constexpr std::chrono::seconds timeBetweenStatuses{1};
+
   void notify(std::string_view message);
 
   // Constant after construction.
   const std::shared_ptr<Clock> _clock;
   const Descriptor _launcherSocket;
   // Main only.
-  Descriptor _listeningSocket;
+  Sockets _sockets;
   // Constant after construction.
   const bool _isSocketActivated;
 
   Mutex _mutex;
-  std::condition_variable_any _noTransactions;  // signalled when their number falls to 0
+  std::condition_variable_any _news;  // no transactions any more, a status, or the end
   unsigned _transactions GUARDED_BY(_mutex) = 0;
   bool _isEnding GUARDED_BY(_mutex) = false;
+  bool _statusChanged GUARDED_BY(_mutex) = false;
+  std::chrono::steady_clock::time_point _lastStatus GUARDED_BY(_mutex);
   std::chrono::steady_clock::time_point _lastWork GUARDED_BY(_mutex);
 };
 

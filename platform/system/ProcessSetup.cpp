@@ -51,6 +51,8 @@ void setMainThreadQualityOfService(QualityOfServiceClass qualityOfService, int r
              static_cast<unsigned>(qualityOfService), std::strerror(errno));
 }
 
+int processNumber() { return getpid(); }
+
 void giveUpCapabilities() {
   const __user_cap_header_struct self{_LINUX_CAPABILITY_VERSION_3, 0};
   if (!hasCapabilities(self)) return;

@@ -9,6 +9,8 @@ enum class QualityOfServiceClass : unsigned { utility = 0x11 };
 // priority is less urgent within the class. A failure is logged at debug and ignored.
 void setMainThreadQualityOfService(QualityOfServiceClass qualityOfService, int relativePriority);
 
+int processNumber();
+
 // Gives up every capability, for good: also those that a program started later could have. Where
 // there were some, a debug line says what the process still is. A failure is logged as an error.
 void giveUpCapabilities();

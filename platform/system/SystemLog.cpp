@@ -5,10 +5,15 @@
 #include <spdlog/pattern_formatter.h>
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/sinks/syslog_sink.h>
+#include <sys/socket.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <string_view>
 #include <utility>
+
+#include "base/Descriptor.h"
+#include "base/UnixAddress.h"
 
 namespace corvid {
 
@@ -54,6 +59,13 @@ class SpdlogSink final : public LogSink {
 };
 
 }  // namespace
+
+LogDestination usualLogDestination() {
+  if (isatty(STDERR_FILENO) == 1) return LogDestination::standardError;
+  const Descriptor probe(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  const bool hasSystemLog = probe && UnixAddress("/dev/log").connect(probe.get()) == 0;
+  return hasSystemLog ? LogDestination::syslog : LogDestination::standardError;
+}
 
 std::unique_ptr<LogSink> openSystemLog(std::string program, LogDestination destination) {
   return std::make_unique<SpdlogSink>(std::move(program), destination);

@@ -10,6 +10,10 @@ namespace corvid {
 
 enum class LogDestination { syslog, standardError };
 
+// Where the lines of a daemon go that was not told: standard error where that is a terminal or
+// where there is no system log, else the system log.
+LogDestination usualLogDestination();
+
 // Opens the log of `program`: the system log (facility daemon, with the process's number), or
 // standard error for people, one line a text: time, level and process, then the text and nothing
 // after it. Control characters in a text are written escaped ("\n", "\x1b"), so that no client can

@@ -54,7 +54,8 @@ TEST_F(OptionsTest, WithoutArgumentsRunsOnTheMachineItselfUnderTheSandbox) {
   const Options options = parse({});
   EXPECT_FALSE(options.checksConfig);
   EXPECT_EQ(options.root, "");
-  EXPECT_EQ(options.log, LogDestination::syslog);
+  EXPECT_EQ(options.log, std::nullopt);
+  EXPECT_EQ(options.stopTimeout, std::chrono::seconds(10));
   EXPECT_EQ(options.logLevel, LogLevel::info);
   EXPECT_EQ(options.idleExit, std::nullopt);
   EXPECT_TRUE(options.enforcesSandbox);
@@ -167,12 +168,19 @@ TEST_F(OptionsTest, RefuseAnIdleTimeThatIsNoWholeNumberOfSeconds) {
                   value + "\"");
 }
 
+TEST_F(OptionsTest, TheTimeToStopIsAWholeNumberOfSeconds) {
+  EXPECT_EQ(parse({"--stop-timeout", "0"}).stopTimeout, std::chrono::seconds(0));
+  EXPECT_EQ(parse({"--stop-timeout=25"}).stopTimeout, std::chrono::seconds(25));
+  EXPECT_EQ(refusal({"--stop-timeout", "soon"}),
+            "--stop-timeout: takes a whole number from 0 to 2147483647, not \"soon\"");
+}
+
 TEST_F(OptionsTest, TheHelpNamesEveryOption) {
   const std::string help = printed(0, {"--help"});
   EXPECT_EQ(help.find("usage: corvidd [OPTIONS]\n"), 0u);
   for (const char* name :
        {"--root DIR", "--log stderr|syslog", "--log-level error|warning", "--idle-exit N",
-        "--sandbox enforce|off", "--check-config", "--version", "--help"})
+        "--stop-timeout N", "--sandbox enforce|off", "--check-config", "--version", "--help"})
     EXPECT_NE(help.find(name), std::string::npos) << name;
 }
 

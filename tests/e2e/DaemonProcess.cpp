@@ -88,7 +88,19 @@ bool DaemonProcess::takeReadiness() {
   const ssize_t size = recv(_notifySocket.get(), message.data(), message.size(), 0);
   if (size <= 0) return false;
   const std::string_view text(message.data(), static_cast<std::size_t>(size));
+  constexpr std::string_view statusKey = "STATUS=";
+  if (const auto at = text.find(statusKey); at != text.npos)
+    _status = text.substr(at + statusKey.size());
   return text.find("READY=1") != std::string_view::npos;
+}
+
+const std::string& DaemonProcess::latestStatus() {
+  std::string before;
+  do {
+    before = _status;
+    takeReadiness();
+  } while (_status != before);
+  return _status;
 }
 
 bool DaemonProcess::waitUntilReady() {

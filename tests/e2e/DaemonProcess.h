@@ -43,6 +43,8 @@ class DaemonProcess {
   std::size_t peakMemory() const { return _process.memory("VmHWM:"); }
   // Until the daemon has reported that it serves; false when it ended or did not in time.
   bool waitUntilReady();
+  // What its status line says now.
+  const std::string& latestStatus();
   // Until a line with that fragment is in the log (standard error).
   bool waitForLog(std::string_view fragment) const;
   // How often the log holds that text.
@@ -60,6 +62,7 @@ class DaemonProcess {
   bool takeReadiness();
 
   const ScratchRoot& _root;
+  std::string _status;
   const Descriptor _notifySocket;
   ChildProcess _process;
 };

@@ -54,6 +54,13 @@ Dictionary LabFixture::admitsEverybody() {
           {"sampling_threshold", 1.0}};
 }
 
+Dictionary LabFixture::batchesForEverybody() {
+  Dictionary entries = admitsEverybody();
+  entries.set("expedite", 0);
+  entries.set("event_threshold", 49);
+  return entries;
+}
+
 const std::vector<Dictionary>& LabFixture::received() {
   std::ifstream file(_lab.root().receivedFile());
   file.seekg(static_cast<std::streamoff>(_bytesRead));

@@ -37,6 +37,8 @@ class LabFixture : public testing::Test {
   static Dictionary storebagPostingTo(const std::string& url, const Dictionary& more = {});
   // What a client entry needs besides, so that clients that require user info report too.
   static Dictionary admitsEverybody();
+  // The same, for clients whose events wait for a flush.
+  static Dictionary batchesForEverybody();
 
   // What the collectors have received so far, oldest first: their log, and the records in it.
   const std::vector<Dictionary>& received();

@@ -14,8 +14,7 @@ namespace {
 using std::chrono::milliseconds;
 
 struct SharedBudgetTest : testing::Test {
-  std::shared_ptr<SharedBudget> budget =
-      std::make_shared<SharedBudget>(60);
+  std::shared_ptr<SharedBudget> budget = std::make_shared<SharedBudget>(60);
 };
 
 TEST_F(SharedBudgetTest, AUserGetsItsShareAndNoMore) {

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "base/Log.h"
 #include "base/Value.h"
 #include "platform/Platform.h"
 #include "platform/system/SystemClock.h"
@@ -88,6 +89,35 @@ class SendingPlatform {
  private:
   Platform _platform;
 };
+
+// What the daemon does and why, through its control socket: for people, or as JSON.
+int runStatusCommand(const std::string& root, bool asJSON);
+int runSessionsCommand(const std::string& root, std::uint64_t session, bool asJSON);
+
+struct DecisionOptions {
+  std::uint64_t session = 0;  // 0: of all
+  std::uint32_t last = 0;     // 0: all that is known
+  bool payload = false;
+  std::optional<std::uint32_t> seconds;  // until the process ends
+  bool asJSON = false;
+};
+// `explain`: what became of the latest events and posts. `tap`: the same as it is decided.
+int runExplainCommand(const std::string& root, const DecisionOptions& options);
+int runTapCommand(const std::string& root, const DecisionOptions& options);
+// Why the session of this process does not report, with what helps: a line for the session, or one
+// for each backend. Empty where the daemon does not tell.
+std::vector<std::string> reasonsOfOwnSession(const std::string& root);
+// A screen a second until q is pressed; one as plain text where there is no terminal.
+int runTopCommand(const std::string& root);
+int runMetricsCommand(const std::string& root);
+
+struct RefreshOptions {
+  std::optional<std::int64_t> clientType;
+  bool states = false;
+};
+int runRefreshCommand(const std::string& root, const RefreshOptions& options);
+// 0 seconds: for good.
+int runLogLevelCommand(const std::string& root, LogLevel level, std::uint32_t seconds);
 
 // `prefs`: the daemon's preferences, from outside. `words`: get KEY, set KEY VALUE, delete KEY or
 // list.

@@ -1,4 +1,5 @@
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -66,6 +67,16 @@ std::uintmax_t sizeOfUpload(const std::string& file) {
   return size;
 }
 
+// What the daemon says of this process's session, and what helps; where it may not be asked, who
+// may.
+std::string whyNothingReports(const std::string& root, const Call& started) {
+  const std::vector<std::string> reasons = reasonsOfOwnSession(root);
+  if (!reasons.empty()) return fmt::format("{}", fmt::join(reasons, "\n"));
+  return fmt::format("{} (corvidctl sessions, run as root, says why)",
+                     started.states ? "no backend of the storebag accepts this session"
+                                    : "the daemon has no storebag for this client type");
+}
+
 // Connects, describes the session and configures it. CallError where nothing would report.
 class ReportingSession : public Client {
  public:
@@ -86,13 +97,8 @@ class ReportingSession : public Client {
     Call started;
     perform(started,
             [&](client::Session& session) { return session.startConfig(started, started.end()); });
-    if (!started.states)
-      throw CallError(
-          "nothing reports: the daemon has no storebag for this client type (its log says why)");
-    if (started.states->empty())
-      throw CallError(
-          "nothing reports: no backend of the storebag accepts this session (the daemon's log says "
-          "why)");
+    if (!started.states || started.states->empty())
+      throw CallError(fmt::format("nothing reports: {}", whyNothingReports(root, started)));
     for (const Value& name : *started.states) _backends += ' ' + description(name);
   }
 

@@ -6,6 +6,7 @@
 #include <functional>
 #include <iostream>
 #include <limits>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,7 @@
 #include "platform/data/FilePreferences.h"
 #include "platform/system/SystemLog.h"
 #include "tools/Arguments.h"
+#include "tools/Completion.h"
 #include "tools/corvidctl/Commands.h"
 
 namespace corvid::ctl {
@@ -56,6 +58,7 @@ class Program {
   CLI::App& addSessionCommand(const std::string& name, const std::string& help,
                               std::function<int()> run);
   void addSend();
+  void addLooks();
   void addDashboard();
 
   CLI::App _app{"Makes the calls of a client of corvidd, for scripts with session and for people.",
@@ -66,6 +69,13 @@ class Program {
   SessionOptions _session;
   EventOptions _event;
   PacketOptions _packet;
+  bool _asJSON = false;
+  std::uint64_t _number = 0;  // of a session; 0: all
+  DecisionOptions _decisions;
+  RefreshOptions _refresh;
+  std::string _shell;
+  std::string _level;
+  std::uint32_t _levelSeconds = 0;
   std::vector<std::string> _words;
   std::string _suite{corvidSuite};
 };
@@ -152,6 +162,74 @@ void Program::addDashboard() {
   addNumber(send, "--microseconds", _packet.microseconds, 0, 999'999, "The rest of that time (0)");
 }
 
+// The commands that look at the daemon.
+void Program::addLooks() {
+  constexpr std::int64_t anyNumber = std::numeric_limits<std::int64_t>::max();
+  constexpr std::int64_t anyCount = std::numeric_limits<std::int32_t>::max();
+  const auto addJSON = [](CLI::App& command, bool& target) {
+    command.add_flag("--json", target, "Print JSON, for programs");
+  };
+  CLI::App& status = addCommand(
+      _app, "status", "Say what the daemon does and sees: device, storebags, events, hosts",
+      [this] { return runStatusCommand(_root, _asJSON); });
+  addJSON(status, _asJSON);
+  CLI::App& sessions =
+      addCommand(_app, "sessions", "List who is connected, and what each backend does and why",
+                 [this] { return runSessionsCommand(_root, _number, _asJSON); });
+  addJSON(sessions, _asJSON);
+  addNumber(sessions, "SESSION", _number, 1, anyNumber, "Only the session with that number");
+  const auto addDecisions = [&](CLI::App& command) {
+    addJSON(command, _decisions.asJSON);
+    addNumber(command, "--session", _decisions.session, 1, anyNumber, "Only of that session");
+  };
+  CLI::App& explain =
+      addCommand(_app, "explain", "Say what became of the latest events and posts, and why",
+                 [this] { return runExplainCommand(_root, _decisions); });
+  addDecisions(explain);
+  addNumber(explain, "--last", _decisions.last, 1, anyCount, "Only so many of the youngest");
+  CLI::App& tap = addCommand(_app, "tap", "Say the same of each event and post as it is decided",
+                             [this] { return runTapCommand(_root, _decisions); });
+  addDecisions(tap);
+  tap.add_flag("--payload", _decisions.payload, "Show the records as they leave (root only)");
+  addNumber(tap, "--for", _decisions.seconds, 1, anyCount, "End after so many seconds");
+  addCommand(_app, "top", "Show the busiest sessions, anew each second; q ends it",
+             [this] { return runTopCommand(_root); });
+  addCommand(_app, "metrics", "Print the daemon's numbers as OpenMetrics text",
+             [this] { return runMetricsCommand(_root); });
+  CLI::App& refresh =
+      addCommand(_app, "refresh", "Have storebags fetched at the next request, whatever their age",
+                 [this] { return runRefreshCommand(_root, _refresh); });
+  addClientType(refresh, _refresh.clientType, 0, 1000, "Only that of the client type");
+  refresh.add_flag("--states", _refresh.states,
+                   "Have every session's states computed anew as well");
+  CLI::App& level = addCommand(_app, "log-level", "Change the level of the daemon's log", [this] {
+    const std::map<std::string, LogLevel> levels{{"error", LogLevel::error},
+                                                 {"warning", LogLevel::warning},
+                                                 {"info", LogLevel::info},
+                                                 {"debug", LogLevel::debug}};
+    const auto found = levels.find(_level);
+    if (found == levels.end())
+      throw tools::InputError("a level is error, warning, info or debug, not " + _level);
+    return runLogLevelCommand(_root, found->second, _levelSeconds);
+  });
+  level.add_option("LEVEL", _level, "error, warning, info or debug")->required()->type_name("");
+  addNumber(level, "--for", _levelSeconds, 1, anyCount,
+            "Bring the level from before back after so many seconds");
+}
+
+// What shells complete.
+tools::CommandShape shapeOf(const CLI::App& command) {
+  tools::CommandShape shape{.name = command.get_name()};
+  const std::string help = command.get_description();
+  shape.help = help.substr(0, help.find('\n'));
+  eachOption(command, [&](std::vector<std::string> names, bool takesValue, std::string text) {
+    shape.options.push_back({std::move(names), takesValue, std::move(text)});
+  });
+  for (const CLI::App* const child : command.get_subcommands({}))
+    if (!child->get_group().empty()) shape.commands.push_back(shapeOf(*child));
+  return shape;
+}
+
 int Program::run(std::vector<std::string> arguments) {
   addCommonOptions(_app, "corvidctl " CORVID_VERSION);
   _app.require_subcommand(1);
@@ -168,6 +246,7 @@ int Program::run(std::vector<std::string> arguments) {
       addSessionCommand("upload", "Describe a session and upload files, up to the first that fails",
                         [this] { return runUploadCommand(_root, _session, _words); });
   addWords(upload, "FILE", _words, "Files to upload")->required();
+  addLooks();
   addDashboard();
   CLI::App& prefs = addCommand(_app, "prefs", "Read or change the daemon's preferences",
                                [this] { return runPrefsCommand(_root, _suite, _words); });
@@ -176,6 +255,14 @@ int Program::run(std::vector<std::string> arguments) {
   addWords(
       prefs, "WORD", _words,
       "get KEY, set KEY VALUE, delete KEY or list; VALUE is JSON, or a text\nwhere it is none");
+  CLI::App& completion = addCommand(
+      _app, "completion", "Print the completion script of a shell: bash, zsh or fish", [this] {
+        const auto script = tools::completionFor(_shell, shapeOf(_app));
+        if (!script) throw tools::InputError("a shell is bash, zsh or fish, not " + _shell);
+        std::fputs(script->c_str(), stdout);
+        return 0;
+      });
+  completion.add_option("SHELL", _shell, "bash, zsh or fish")->required()->type_name("");
   _app.footer(footer);  // last: commands would have it too
   return readCommandLine(_app, std::move(arguments)).value_or(_status);
 }

@@ -105,17 +105,19 @@ TEST_F(Send, PayloadValuesAreJSONOrText) {
 
 TEST_F(Send, WithoutAStorebagNothingIsSent) {
   serveStates(std::nullopt);
-  expectFailure(send({}),
-                "nothing reports: the daemon has no storebag for this client type (its log says "
-                "why)");
+  expectFailure(
+      send({}),
+      "nothing reports: the daemon has no storebag for this client type (corvidctl sessions, "
+      "run as root, says why)");
   EXPECT_EQ(names(), (std::vector<std::string>{"setSessionInfo", "startConfig"}));
 }
 
 TEST_F(Send, WithoutAReportingBackendNothingIsSent) {
   serveStates(Array{});
-  expectFailure(send({}),
-                "nothing reports: no backend of the storebag accepts this session (the daemon's "
-                "log says why)");
+  expectFailure(
+      send({}),
+      "nothing reports: no backend of the storebag accepts this session (corvidctl sessions, "
+      "run as root, says why)");
   EXPECT_EQ(names(), (std::vector<std::string>{"setSessionInfo", "startConfig"}));
 }
 
@@ -189,9 +191,10 @@ TEST_F(Send, StatesNamesTheBackendsThatReport) {
 
 TEST_F(Send, StatesFailsWhereNothingReports) {
   serveStates(Array{});
-  expectFailure(ctl({"states", "--client-type", "5"}),
-                "nothing reports: no backend of the storebag accepts this session (the daemon's "
-                "log says why)");
+  expectFailure(
+      ctl({"states", "--client-type", "5"}),
+      "nothing reports: no backend of the storebag accepts this session (corvidctl sessions, "
+      "run as root, says why)");
 }
 
 class Upload : public Send {
