@@ -112,9 +112,10 @@ inline constexpr std::array reasonTexts{
     ReasonText{Reason::noConsent, "noConsent",
                "The user has not allowed that diagnostics are submitted.",
                "Nothing, unless the user agrees: `corvidctl prefs` sets the consent."},
-    ReasonText{Reason::countryNotListed, "countryNotListed",
-               "The device's country is not in the entry's locale_whitelist, or that list is empty.",
-               "Add the country to the entry; `corvidctl status` shows what this device's is."},
+    ReasonText{
+        Reason::countryNotListed, "countryNotListed",
+        "The device's country is not in the entry's locale_whitelist, or that list is empty.",
+        "Add the country to the entry; `corvidctl status` shows what this device's is."},
     ReasonText{Reason::deviceNotListed, "deviceNotListed",
                "The device's product family is not in the entry's device_whitelist.",
                "Add the product family to the entry; `corvidctl status` shows what this one's is."},
