@@ -227,6 +227,7 @@ int runDaemon(const Options& options) {
     logError("main: The bundle {} is not used: {}; mend or remove it and start corvidd anew",
              paths.performanceBundle, *bundle.fault);
 
+  std::atomic<bool> stops{false};
   Signals signals;
   // Before the listener, so that it outlives the sessions.
   Platform platform(systemServices(paths, deployment, clock, launcher, bundle.passed));
@@ -258,7 +259,6 @@ int runDaemon(const Options& options) {
   logInfo("main: Listener resumes with sandbox, start loop.");
   sealSandbox(options);
   launcher->notifyReady(statusLine(0, 0, {}));
-  std::atomic<bool> stops{false};
   signals.watch([&](int signal) {
     if (signal == SIGHUP) return;
     if (stops.exchange(true)) std::_Exit(secondSignal);

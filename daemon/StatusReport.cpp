@@ -61,10 +61,11 @@ Dictionary backendStatus(const CorvidBackend& backend) {
   };
 }
 
-// Clients name themselves as they like.
+// Clients name themselves as they like; of what is too long for a name its beginning is shown.
 Value textOrNone(const Dictionary* info, std::string_view key) {
+  constexpr std::size_t mostBytes = 1024;
   const std::string* const text = info ? stringAt(*info, key) : nullptr;
-  return text ? Value(replacingInvalidUTF8(*text)) : Value();
+  return text ? Value(replacingInvalidUTF8(std::string_view(*text).substr(0, mostBytes))) : Value();
 }
 
 }  // namespace

@@ -439,6 +439,14 @@ TEST_F(Control, SendSaysWhyNothingReportsAndWhatHelps) {
                 "this client and service name. Add an entry"));
 }
 
+TEST_F(Control, OfANameThatIsTooLongTheBeginningIsShown) {
+  publish("lumen", storebagPostingTo(urlOf("events"), admitsEverybody()));
+  startDaemon();
+  TestClient client(_root.path());
+  client.configure({.clientName = std::string(100'000, 'n')}).text();
+  EXPECT_EQ(*stringAt(sessions().at(0), "clientName"), std::string(1024, 'n'));
+}
+
 TEST_F(Control, PeopleReadItWithoutATerminalAsPlainText) {
   startDaemon();
   admitBystander();
