@@ -3,6 +3,8 @@
 
 #include <curl/curl.h>
 
+#include <new>
+
 #include "base/Result.h"
 
 namespace corvid {
@@ -33,5 +35,11 @@ const Result<CurlLibrary>& curlLibrary();
 
 // For those that run once it is there.
 inline const CurlLibrary& curl() { return curlLibrary().value(); }
+
+// Options are set with constants of the right type, so that only the lack of memory can fail.
+template <class T>
+void setOption(CURL* handle, CURLoption option, T value) {
+  if (curl().easy_setopt(handle, option, value) == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
+}
 
 }  // namespace corvid

@@ -8,30 +8,21 @@
 
 namespace corvid {
 
-namespace {
-
-template <class T>
-void set(CURL* handle, CURLoption option, T value) {
-  if (curl().easy_setopt(handle, option, value) == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
-}
-
-}  // namespace
-
 void setServerTrust(CURL* handle, const std::optional<std::string>& caFile) {
-  set(handle, CURLOPT_NOSIGNAL, 1L);
-  set(handle, CURLOPT_PROTOCOLS_STR, "https,http");
-  set(handle, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
-  set(handle, CURLOPT_PROXY, "");
+  setOption(handle, CURLOPT_NOSIGNAL, 1L);
+  setOption(handle, CURLOPT_PROTOCOLS_STR, "https,http");
+  setOption(handle, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
+  setOption(handle, CURLOPT_PROXY, "");
 
   // One kind of source only: libcurl keeps a file's certificates from one connection to the next
   // only where there is no folder, and a folder alone loads just the certificates that are used.
   const char* const systemFolder = curl().version_info(CURLVERSION_NOW)->capath;
   if (caFile) {
-    set(handle, CURLOPT_CAINFO, caFile->c_str());
-    set(handle, CURLOPT_CAPATH, nullptr);
+    setOption(handle, CURLOPT_CAINFO, caFile->c_str());
+    setOption(handle, CURLOPT_CAPATH, nullptr);
   } else if (systemFolder) {
-    set(handle, CURLOPT_CAINFO, nullptr);
-    set(handle, CURLOPT_CAPATH, systemFolder);
+    setOption(handle, CURLOPT_CAINFO, nullptr);
+    setOption(handle, CURLOPT_CAPATH, systemFolder);
   }
 }
 
@@ -46,10 +37,10 @@ std::optional<Failure> tryConnection(const std::string& url,
   if (!handle) throw std::bad_alloc();
   std::array<char, CURL_ERROR_SIZE> text{};
   setServerTrust(handle.get(), caFile);
-  set(handle.get(), CURLOPT_ERRORBUFFER, text.data());
-  set(handle.get(), CURLOPT_URL, url.c_str());
-  set(handle.get(), CURLOPT_CONNECT_ONLY, 1L);
-  set(handle.get(), CURLOPT_TIMEOUT_MS, static_cast<long>(patience.count()));
+  setOption(handle.get(), CURLOPT_ERRORBUFFER, text.data());
+  setOption(handle.get(), CURLOPT_URL, url.c_str());
+  setOption(handle.get(), CURLOPT_CONNECT_ONLY, 1L);
+  setOption(handle.get(), CURLOPT_TIMEOUT_MS, static_cast<long>(patience.count()));
   const CURLcode code = curl().easy_perform(handle.get());
   if (code == CURLE_OK) return std::nullopt;
   return Failure{text[0] ? text.data() : curl().easy_strerror(code), code};

@@ -13,25 +13,15 @@
 #include "platform/http/ServerTrust.h"
 
 namespace corvid {
-namespace {
-
-// Options are set with constants of the right type, so that only the lack of memory can fail.
-template <class T>
-void set(CURL* handle, CURLoption option, T value) {
-  if (curl().easy_setopt(handle, option, value) == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
-}
-
-}  // namespace
-
 Transfer::Transfer(const std::optional<std::string>& caFile, KeptConnections& keptConnections)
     : _keptConnections(keptConnections), _handle(curl().easy_init()) {
   CURL* const handle = _handle.get();
   if (!handle) throw std::bad_alloc();
   setServerTrust(handle, caFile);
-  set(handle, CURLOPT_PRIVATE, static_cast<void*>(this));
-  set(handle, CURLOPT_ERRORBUFFER, _errorText.data());
-  set(handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
-  set(handle, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(mostBodyBytes));
+  setOption(handle, CURLOPT_PRIVATE, static_cast<void*>(this));
+  setOption(handle, CURLOPT_ERRORBUFFER, _errorText.data());
+  setOption(handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+  setOption(handle, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(mostBodyBytes));
 
   using Data = std::size_t (*)(char*, std::size_t, std::size_t, void*);
   const Data header = [](char* data, std::size_t, std::size_t size, void* self) {
@@ -47,14 +37,14 @@ Transfer::Transfer(const std::optional<std::string>& caFile, KeptConnections& ke
   const Data give = [](char* room, std::size_t size, std::size_t count, void* self) {
     return static_cast<Transfer*>(self)->giveBody({room, size * count});
   };
-  set(handle, CURLOPT_READFUNCTION, give);
-  set(handle, CURLOPT_READDATA, static_cast<void*>(this));
-  set(handle, CURLOPT_HEADERFUNCTION, header);
-  set(handle, CURLOPT_HEADERDATA, static_cast<void*>(this));
-  set(handle, CURLOPT_WRITEFUNCTION, body);
-  set(handle, CURLOPT_WRITEDATA, static_cast<void*>(this));
-  set(handle, CURLOPT_PREREQFUNCTION, prerequest);
-  set(handle, CURLOPT_PREREQDATA, static_cast<void*>(this));
+  setOption(handle, CURLOPT_READFUNCTION, give);
+  setOption(handle, CURLOPT_READDATA, static_cast<void*>(this));
+  setOption(handle, CURLOPT_HEADERFUNCTION, header);
+  setOption(handle, CURLOPT_HEADERDATA, static_cast<void*>(this));
+  setOption(handle, CURLOPT_WRITEFUNCTION, body);
+  setOption(handle, CURLOPT_WRITEDATA, static_cast<void*>(this));
+  setOption(handle, CURLOPT_PREREQFUNCTION, prerequest);
+  setOption(handle, CURLOPT_PREREQDATA, static_cast<void*>(this));
 }
 
 Transfer* Transfer::of(CURL* handle) {
@@ -69,15 +59,16 @@ void Transfer::begin(Exchange exchange, Exchange::Time now) {
   _hasWholeHead = false;
   _headerBytes = _bodyBytes = 0;
   CURL* const handle = _handle.get();
-  set(handle, CURLOPT_URL, _exchange.url.c_str());
+  setOption(handle, CURLOPT_URL, _exchange.url.c_str());
   if (_exchange.isPost) {
-    set(handle, CURLOPT_POST, 1L);
+    setOption(handle, CURLOPT_POST, 1L);
     const std::size_t rest = _exchange.rest ? _exchange.rest->size() : 0;
-    set(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(_exchange.body.size() + rest));
+    setOption(handle, CURLOPT_POSTFIELDSIZE_LARGE,
+              static_cast<curl_off_t>(_exchange.body.size() + rest));
     // Without them libcurl asks for the body piece by piece.
-    set(handle, CURLOPT_POSTFIELDS, _exchange.rest ? nullptr : _exchange.body.data());
+    setOption(handle, CURLOPT_POSTFIELDS, _exchange.rest ? nullptr : _exchange.body.data());
   } else {
-    set(handle, CURLOPT_HTTPGET, 1L);
+    setOption(handle, CURLOPT_HTTPGET, 1L);
   }
   setHeaderList();
   startAgain(now);
@@ -91,8 +82,8 @@ void Transfer::startAgain(Exchange::Time now) {
   _errorText[0] = '\0';
   // 0 would mean none.
   const auto rest = std::chrono::ceil<milliseconds>(_exchange.deadline - now);
-  set(_handle.get(), CURLOPT_TIMEOUT_MS,
-      static_cast<long>(std::max(rest, milliseconds(1)).count()));
+  setOption(_handle.get(), CURLOPT_TIMEOUT_MS,
+            static_cast<long>(std::max(rest, milliseconds(1)).count()));
 }
 
 void Transfer::setHeaderList() {
@@ -101,7 +92,7 @@ void Transfer::setHeaderList() {
   for (std::size_t start = 0; start < lines.size(); start += std::strlen(&lines[start]) + 1)
     _headerList.push_back({&lines[start], nullptr});
   for (std::size_t i = 1; i < _headerList.size(); ++i) _headerList[i - 1].next = &_headerList[i];
-  set(_handle.get(), CURLOPT_HTTPHEADER, _headerList.data());
+  setOption(_handle.get(), CURLOPT_HTTPHEADER, _headerList.data());
 }
 
 HTTPOutcome Transfer::end(CURLcode result) {
