@@ -149,7 +149,7 @@ bool makeRoom(FileSystem& files, const std::string& path, LogShares& shares) {
 
 void writeToLogFile(std::string_view message) {
   Platform& platform = Platform::current();
-  if (!platform.deployment().messageLog) return;
+  if (!platform.deployment()->messageLog) return;
   FileSystem& files = platform.files();
   const std::string directory = platform.paths().home + "/Library/Logs/Faultline/Retired";
   const TimeValue now = platform.clock().now();

@@ -27,10 +27,10 @@ std::string computeStorebagServerURL() {
   if (auto url =
           asText(pointerTo(platform.preferences().value(corvidSuite, "corvid_storebag_url"))))
     return *std::move(url);
-  const Deployment& deployment = platform.deployment();
+  const auto deployment = platform.deployment();
   return isInternalBuild()
-             ? fmt::format("https://{}/storebags/birch", deployment.internalStorebagHost)
-             : fmt::format("https://{}/bags/birch", deployment.productionStorebagHost);
+             ? fmt::format("https://{}/storebags/birch", deployment->internalStorebagHost)
+             : fmt::format("https://{}/bags/birch", deployment->productionStorebagHost);
 }
 
 // Without a "seed" section: seed devices then use "release".
@@ -66,7 +66,7 @@ bool verifyStorebagSignature(const RSAPublicKey& key, std::string_view bag,
 
 }  // namespace
 
-const std::string& storebagServerURL() {
+std::string storebagServerURL() {
   return Platform::current().storebagServerURL.get(computeStorebagServerURL);
 }
 

@@ -34,8 +34,9 @@ struct FetchedStorebag {
   std::optional<StorebagFault> fault{};       // why nothing came of it, or only a fallback
 };
 
-// Base URL of the storebag server, without a trailing slash; computed once per process.
-const std::string& storebagServerURL();
+// Base URL of the storebag server, without a trailing slash; computed once per process, and anew
+// when the deployment is another.
+std::string storebagServerURL();
 
 // Where the storebag of that name is; an absent one is "(null)". And the request for it, which asks
 // for a newer one than `lastModified`, if there is one.

@@ -15,6 +15,7 @@
 #include "base/Log.h"
 #include "daemon/CorviddAgent.h"
 #include "daemon/DaemonControl.h"
+#include "daemon/Reload.h"
 #include "daemon/StatusReport.h"
 #include "platform/Platform.h"
 #include "platform/data/Deployment.h"
@@ -96,24 +97,38 @@ void sealSandbox(const Options& options) {
     logWarning("main: The sandbox stays unsealed: {}", *failure);
 }
 
+// Those that a reload changes.
+struct Reloadable {
+  std::shared_ptr<CurlHTTPClient> http;
+  std::shared_ptr<SystemDeviceInformation> deviceInformation;
+};
+
+Reloadable reloadableServices(const Paths& paths, const Deployment& deployment,
+                              const std::shared_ptr<Clock>& clock,
+                              const std::shared_ptr<Launcher>& launcher) {
+  const CurlHTTPClient::Options http{.caFile = deployment.caFile,
+                                     .allowInsecureHTTP = deployment.allowInsecureHTTP,
+                                     .onIdle = [launcher] { launcher->workEnded(); }};
+  return {std::make_shared<CurlHTTPClient>(clock, http),
+          std::make_shared<SystemDeviceInformation>(paths.deviceFile, paths.root)};
+}
+
 // The one place where the system's services are put together. Nothing is read, opened or started
 // yet: each service does that when it is first asked. Only `triedBundle` will be loaded.
 Platform::Services systemServices(const Paths& paths, const Deployment& deployment,
                                   const std::shared_ptr<Clock>& clock,
                                   const std::shared_ptr<Launcher>& launcher,
+                                  const Reloadable& reloadable,
                                   std::optional<FileStamp> triedBundle) {
   const auto workEnded = [launcher] { launcher->workEnded(); };
-  const CurlHTTPClient::Options http{.caFile = deployment.caFile,
-                                     .allowInsecureHTTP = deployment.allowInsecureHTTP,
-                                     .onIdle = workEnded};
   const auto preferences = std::make_shared<FilePreferences>(paths.preferencesFolder);
   const auto random = std::make_shared<SystemRandom>();
   return {
       .clock = clock,
-      .http = std::make_shared<CurlHTTPClient>(clock, http),
+      .http = reloadable.http,
       .network = std::make_shared<SystemNetwork>(clock, workEnded),
       .preferences = preferences,
-      .deviceInformation = std::make_shared<SystemDeviceInformation>(paths.deviceFile, paths.root),
+      .deviceInformation = reloadable.deviceInformation,
       .locale = std::make_shared<SystemLocale>(paths.localeFile),
       .consent = std::make_shared<StoredConsent>(preferences, random),
       .random = random,
@@ -125,6 +140,17 @@ Platform::Services systemServices(const Paths& paths, const Deployment& deployme
       .paths = paths,
       .deployment = deployment,
   };
+}
+
+Reload::Effects effectsOf(Platform& platform, const Reloadable& reloadable,
+                          const std::shared_ptr<CorviddAgent>& agent) {
+  return {.putInForce =
+              [&platform, http = reloadable.http](Deployment deployment) {
+                http->trust(deployment.caFile, deployment.allowInsecureHTTP);
+                platform.setDeployment(std::move(deployment));
+              },
+          .readDeviceAnswers = [device = reloadable.deviceInformation] { return device->reload(); },
+          .forgetPauses = [agent] { agent->storebags().forgetPauses(); }};
 }
 
 // Watches the folder before it is read, so that no change is missed.
@@ -228,9 +254,11 @@ int runDaemon(const Options& options) {
              paths.performanceBundle, *bundle.fault);
 
   std::atomic<bool> stops{false};
+  std::optional<Reload> reload;
   Signals signals;
   // Before the listener, so that it outlives the sessions.
-  Platform platform(systemServices(paths, deployment, clock, launcher, bundle.passed));
+  const Reloadable reloadable = reloadableServices(paths, deployment, clock, launcher);
+  Platform platform(systemServices(paths, deployment, clock, launcher, reloadable, bundle.passed));
   Platform::install(&platform);
   const FolderWatch entitlementWatch(paths.entitlementsFolder);
   auto created = createListener(platform, *launcher, entitlementWatch);
@@ -259,8 +287,10 @@ int runDaemon(const Options& options) {
   logInfo("main: Listener resumes with sandbox, start loop.");
   sealSandbox(options);
   launcher->notifyReady(statusLine(0, 0, {}));
+  reload.emplace(paths, options.enforcesSandbox ? std::optional(deployment) : std::nullopt,
+                 effectsOf(platform, reloadable, agent));
   signals.watch([&](int signal) {
-    if (signal == SIGHUP) return;
+    if (signal == SIGHUP) return reload->run();
     if (stops.exchange(true)) std::_Exit(secondSignal);
     launcher->requestStop();
   });
@@ -275,6 +305,7 @@ int runDaemon(const Options& options) {
         return statusLine(agent->sessionCount(), agent->ledger()->totals().balance.held,
                           agent->storebags().all());
       });
+  reload->end();
   if (!stopInOrder(*listener, platform, *agent->ledger(), options.stopTimeout)) {
     // A thread that waits for a server is not waited for. The sockets' files go as in any end.
     listener->abandonSocket();

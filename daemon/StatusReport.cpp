@@ -74,7 +74,7 @@ Dictionary storebagStatus(const std::string& name, const StorebagStanding& store
                           double secondsBetweenAttempts) {
   const double age = storebag.validSince ? std::abs(now - *storebag.validSince) : 0;
   const bool isKept = storebag.validSince && !storebag.isFallback;
-  const double pause = storebag.fault && !storebag.isFallback
+  const double pause = storebag.fault && !storebag.isFallback && !storebag.refreshIsWished
                            ? secondsBetweenAttempts - std::abs(now - storebag.lastAttempt)
                            : 0;
   Value error;

@@ -24,6 +24,7 @@ struct StorebagStanding {
   double maxAge = 0;                     // from then on
   double lastAttempt = 0;
   std::optional<StorebagFault> fault{};  // of the last attempt
+  bool refreshIsWished = false;          // filled in by the board
 };
 
 // The cache writes what it does here as it does it. Threads: any.
@@ -39,11 +40,15 @@ class StorebagBoard {
   StorebagStanding of(const std::string& name) const {
     const MutexLock lock(_mutex);
     const auto found = _standings.find(name);
-    return found == _standings.end() ? StorebagStanding() : found->second;
+    StorebagStanding standing = found == _standings.end() ? StorebagStanding() : found->second;
+    standing.refreshIsWished = _wished.contains(name);
+    return standing;
   }
   std::map<std::string, StorebagStanding> all() const {
     const MutexLock lock(_mutex);
-    return _standings;
+    auto standings = _standings;
+    for (auto& [name, standing] : standings) standing.refreshIsWished = _wished.contains(name);
+    return standings;
   }
 
   // The next request for the storebag fetches it, whatever its age and however short a time ago the
@@ -51,6 +56,18 @@ class StorebagBoard {
   void wishRefresh(const std::string& name) {
     const MutexLock lock(_mutex);
     _wished.insert(name);
+  }
+  // The same for each whose last attempt failed, and the clients of storebags that have no name
+  // need not wait either.
+  void forgetPauses() {
+    const MutexLock lock(_mutex);
+    ++_timesForgotten;
+    for (const auto& [name, standing] : _standings)
+      if (standing.fault) _wished.insert(name);
+  }
+  std::uint64_t timesForgotten() const {
+    const MutexLock lock(_mutex);
+    return _timesForgotten;
   }
   bool refreshIsWished(const std::string& name) const {
     const MutexLock lock(_mutex);
@@ -66,6 +83,7 @@ class StorebagBoard {
   mutable Mutex _mutex;
   std::map<std::string, StorebagStanding> _standings GUARDED_BY(_mutex);
   std::set<std::string> _wished GUARDED_BY(_mutex);
+  std::uint64_t _timesForgotten GUARDED_BY(_mutex) = 0;
 };
 
 }  // namespace corvid

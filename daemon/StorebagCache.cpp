@@ -25,7 +25,7 @@ StorebagCache::Standing StorebagCache::standing(std::int32_t clientType, std::ui
   const std::optional<std::string> name = storebagNameForClientType(clientType);
   if (!name) {
     const auto failed = _namelessFailures.find(user);
-    const bool pauses = failed != _namelessFailures.end() && isPause(failed->second);
+    const bool pauses = failed != _namelessFailures.end() && pausesFor(failed->second);
     return pauses ? Standing::pausing : Standing::toBeFetched;
   }
   const auto cached = _cachedStorebags.find(*name);
@@ -125,9 +125,13 @@ void StorebagCache::showOnBoard(const std::string& name, const FetchedStorebag& 
   _board->set(name, std::move(standing));
 }
 
+bool StorebagCache::pausesFor(const NamelessFailure& failure) const {
+  return failure.timesForgotten == _board->timesForgotten() && isPause(failure.time);
+}
+
 void StorebagCache::noteNamelessFailure(std::uint32_t user) {
-  std::erase_if(_namelessFailures, [](const auto& entry) { return !isPause(entry.second); });
-  _namelessFailures[user] = secondsNow();
+  std::erase_if(_namelessFailures, [&](const auto& entry) { return !pausesFor(entry.second); });
+  _namelessFailures[user] = {secondsNow(), _board->timesForgotten()};
 }
 
 }  // namespace corvid

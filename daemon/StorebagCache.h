@@ -69,7 +69,12 @@ class StorebagCache {
   const std::shared_ptr<StorebagBoard> _board;
   std::map<std::string, Record> _cachedStorebags;
   // Of the last fetch for a client type without a name, by user.
-  std::map<std::uint32_t, double> _namelessFailures;
+  struct NamelessFailure {
+    double time;
+    std::uint64_t timesForgotten;  // when it happened
+  };
+  bool pausesFor(const NamelessFailure& failure) const;
+  std::map<std::uint32_t, NamelessFailure> _namelessFailures;
 };
 
 }  // namespace corvid

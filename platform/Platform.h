@@ -56,6 +56,27 @@ class OnceAnswer {
   std::optional<T> _value;
 };
 
+// An answer that holds until it is forgotten, and is computed at its first use. Any thread; others
+// wait for it.
+template <class T>
+class KeptAnswer {
+ public:
+  template <class F>
+  T get(F&& compute) EXCLUDES(_mutex) {
+    const MutexLock lock(_mutex);
+    if (!_value) _value.emplace(compute());
+    return *_value;
+  }
+  void forget() EXCLUDES(_mutex) {
+    const MutexLock lock(_mutex);
+    _value.reset();
+  }
+
+ private:
+  Mutex _mutex;
+  std::optional<T> _value GUARDED_BY(_mutex);
+};
+
 // The identifiers of clients. The mutex is held while one is made.
 struct KnownIdentifiers {
   Mutex mutex;
@@ -97,7 +118,9 @@ class Platform {
     Deployment deployment;
   };
 
-  explicit Platform(Services services) : _services(std::move(services)) {}
+  explicit Platform(Services services)
+      : _deployment(std::make_shared<const Deployment>(std::move(services.deployment))),
+        _services(std::move(services)) {}
 
   // The installed Platform. There must be one.
   static Platform& current();
@@ -118,12 +141,26 @@ class Platform {
   BundleLoader& bundles() { return *_services.bundles; }
   PowerLog& powerLog() { return *_services.powerLog; }
   const Paths& paths() const { return _services.paths; }
-  const Deployment& deployment() const { return _services.deployment; }
+
+  // What the deployment says now, and from now on. Any thread.
+  std::shared_ptr<const Deployment> deployment() const EXCLUDES(_mutex) {
+    const MutexLock lock(_mutex);
+    return _deployment;
+  }
+  void setDeployment(Deployment deployment) EXCLUDES(_mutex) {
+    auto changed = std::make_shared<const Deployment>(std::move(deployment));
+    {
+      const MutexLock lock(_mutex);
+      _deployment.swap(changed);
+    }
+    storebagServerURL.forget();
+  }
 
   // Answers computed once per process.
   OnceAnswer<Sourced<bool>> internalBuild;
   OnceAnswer<Sourced<std::uint32_t>> environmentType;
-  OnceAnswer<std::string> storebagServerURL;
+  // And until the deployment is another.
+  KeptAnswer<std::string> storebagServerURL;
   KnownIdentifiers identifiers;
   KnownMessageLog messageLog;
 
@@ -131,6 +168,8 @@ class Platform {
   Compressor compressor;
 
  private:
+  mutable Mutex _mutex;
+  std::shared_ptr<const Deployment> _deployment GUARDED_BY(_mutex);
   Services _services;
 };
 

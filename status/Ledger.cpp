@@ -281,7 +281,13 @@ Shipment& Shipment::operator=(Shipment&& other) noexcept {
   return *this;
 }
 
-Shipment::~Shipment() { drop(Reason::notFlushed); }
+Shipment::~Shipment() {
+  try {
+    drop(Reason::notFlushed);
+  } catch (...) {
+    // Without memory to tell whoever watches; what counts has been counted.
+  }
+}
 
 void Shipment::join(Shipment other) {
   if (!_account) _account = other._account;

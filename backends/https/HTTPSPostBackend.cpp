@@ -60,7 +60,6 @@ HTTPSPostBackend::HTTPSPostBackend(Token, const std::string& name, const Diction
       _forceEventLogging(
           asBoolean(pointerTo(_platform.preferences().value(corvidSuite, "forceEventLogging")))
               .value_or(false)),
-      _consentIsLive(_platform.deployment().consentIsLive),
       _poster(_platform, name, identity),
       _policy(policyOfPreferences(_platform.preferences(), identity->batchEvents)) {}
 
@@ -148,14 +147,16 @@ std::optional<std::string> HTTPSPostBackend::sendMessage(const Dictionary* paylo
     flushFirst = now == BackendState::sending && realtime && _batchedEvents;
     if (atOnce) {
       leaving.events = _account->ship(_offered, _keysChanged, shown(record));
-      leaving.records.push_back(std::move(record));
     } else {
       logDebug("HTTPSPostBackend(sendMessage): Batching {}, {}, {}", static_cast<int>(now),
                static_cast<int>(_policy.batchEvents), static_cast<int>(identity().requireUserInfo));
       held = batchEvent(record, leaving);
     }
   }
-  if (atOnce) return sendAtOnce(std::move(leaving), event, flag, flushFirst);
+  if (atOnce) {
+    leaving.records.push_back(std::move(record));
+    return sendAtOnce(std::move(leaving), event, flag, flushFirst);
+  }
   if (!held) return flushAtThreshold(std::move(record));
   if (!leaving.records.empty()) return postBatch(std::move(leaving), nullptr);
   return std::nullopt;
@@ -339,7 +340,7 @@ bool HTTPSPostBackend::wantsMessageLog() const {
 }
 
 std::function<bool()> HTTPSPostBackend::consentToAsk() const {
-  if (!_consentIsLive) return {};
+  if (!_platform.deployment()->consentIsLive) return {};
   const MutexLock lock(_lock);
   if (_policy.dnuType != DNUType::respected) return {};
   return [&consent = _platform.consent()] { return consent.diagnosticsSubmissionAllowed(); };

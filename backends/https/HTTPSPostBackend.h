@@ -138,7 +138,6 @@ class HTTPSPostBackend final : public CorvidBackend {
   const std::string _uuidRespectDnu;
   const std::string _uuidOverrideDnu;
   const bool _forceEventLogging;
-  const bool _consentIsLive;
   // Synchronises itself.
   EventPoster _poster;
   std::atomic<std::size_t> _withdrawn{0};  // events that consent was withdrawn for

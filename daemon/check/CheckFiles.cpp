@@ -16,15 +16,10 @@ namespace corvid {
 namespace {
 
 void checkCAFile(const std::string& path, Inspection& it) {
-  const Result<std::string> content = readRegularFile(path);
-  if (!content && content.failure().code == EACCES)
-    it.reportUnreadable(path);
-  else if (!content)
-    it.found.wrong(path, content.failure().message + ", so no server is trusted; correct CAFile");
-  else if (content.value().find("-----BEGIN CERTIFICATE-----") == std::string::npos)
-    it.found.wrong(path, "no certificate in PEM form, so no server is trusted; correct CAFile");
-  else
-    it.found.right(path, "certificates to trust");
+  const auto fault = faultOfCAFile(path);
+  if (!fault) return it.found.right(path, "certificates to trust");
+  if (fault->code == EACCES) return it.reportUnreadable(path);
+  it.found.wrong(path, fault->message + ", so no server is trusted; correct CAFile");
 }
 
 }  // namespace

@@ -135,18 +135,18 @@ std::uint16_t portOf(const URL& url) {
 
 // Each server once, however many addresses lead to it.
 void checkAddress(const std::string& address, std::set<std::string>& tried, Inspection& it) {
-  const Deployment& deployment = Platform::current().deployment();
+  const auto deployment = Platform::current().deployment();
   const auto url = parseURL(address);
   const bool isTaken =
       url && !url->host.empty() && url->authority.find('@') == std::string::npos &&
-      (url->scheme == "https" || (url->scheme == "http" && deployment.allowInsecureHTTP));
+      (url->scheme == "https" || (url->scheme == "http" && deployment->allowInsecureHTTP));
   if (!isTaken) return it.found.wrong(address, "is an address that no daemon takes");
   const std::string server = fmt::format("{}://{}/", url->scheme, url->authority);
   if (!tried.insert(server).second) return;
-  if (const auto ports = reachableTCPPorts(deployment); ports && !ports->contains(portOf(*url)))
+  if (const auto ports = reachableTCPPorts(*deployment); ports && !ports->contains(portOf(*url)))
     return it.found.wrong(
         server, fmt::format("the port {} is not among TCPPorts of the deployment", portOf(*url)));
-  if (const auto failure = tryConnection(server, deployment.caFile, connectionPatience))
+  if (const auto failure = tryConnection(server, deployment->caFile, connectionPatience))
     it.found.wrong(server, fmt::format("cannot be connected to: {}", failure->message));
   else
     it.found.right(server, "can be connected to");

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "base/URL.h"
+#include "platform/data/LocalFileSystem.h"
 #include "platform/data/PropertyList.h"
 
 namespace corvid {
@@ -20,7 +21,7 @@ constexpr std::string_view settings[] = {"ProductionStorebagHost",
                                          "ConsentIsLive",
                                          "TCPPorts",
                                          "MessageLog"};
-constexpr const char* ofWrongType = "is of the wrong type and is passed over";
+constexpr const char* ofWrongType = "is of the wrong type";
 
 constexpr std::uint16_t nameServicePort = 53;
 constexpr std::uint16_t httpsPort = 443;
@@ -83,6 +84,14 @@ std::optional<std::set<std::uint16_t>> reachableTCPPorts(const Deployment& deplo
       if (const std::uint16_t port = portOf(*host); port != 0) ports->insert(port);
   }
   return ports;
+}
+
+std::optional<Failure> faultOfCAFile(const std::string& path) {
+  const Result<std::string> content = readRegularFile(path);
+  if (!content) return content.failure();
+  if (content.value().find("-----BEGIN CERTIFICATE-----") == std::string::npos)
+    return Failure{path + ": no certificate in PEM form"};
+  return std::nullopt;
 }
 
 Result<Deployment> readDeployment(const std::string& path) {

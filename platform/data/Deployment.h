@@ -34,6 +34,10 @@ struct Deployment {
 // Every TCP port that the deployment lets the daemon connect to; nothing where that is all.
 std::optional<std::set<std::uint16_t>> reachableTCPPorts(const Deployment& deployment);
 
+// Why no server could be trusted by the certificates of that file, which the failure names; its
+// code is the system's where the file cannot be read.
+std::optional<Failure> faultOfCAFile(const std::string& path);
+
 // Reads the property list's "ProductionStorebagHost", "InternalStorebagHost" and "CAFile" (texts
 // that are not empty), "AllowInsecureHTTP", "ConsentIsLive" and "MessageLog" (booleans). Whatever
 // is missing or of another type stays at its default, the latter a fault; but of "TCPPorts" (an

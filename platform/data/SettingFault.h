@@ -13,7 +13,7 @@ namespace corvid {
 // One setting of a property list that does nothing, or not what was meant.
 struct SettingFault {
   std::string key;
-  // As people are told behind the key: "is of the wrong type and is passed over".
+  // As people are told behind the key: "is of the wrong type".
   std::string what;
   // Text of the file, and what to put in its place so that the fault is gone; empty where that is
   // not known.

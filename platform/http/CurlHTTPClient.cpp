@@ -27,6 +27,7 @@ HTTPOutcome failed(const Exchange& exchange, CURLcode code, std::string_view why
 CurlHTTPClient::CurlHTTPClient(std::shared_ptr<Clock> clock, Options options)
     : _clock(std::move(clock)),
       _options(std::move(options)),
+      _allowsInsecureHTTP(_options.allowInsecureHTTP),
       _queue({.exchanges = mostWaitingExchanges,
               .bytes = mostWaitingBytes,
               .active = mostConnections,
@@ -46,9 +47,15 @@ CurlHTTPClient::~CurlHTTPClient() {
 
 // ---- Any thread
 
+void CurlHTTPClient::trust(std::optional<std::string> caFile, bool allowInsecureHTTP) {
+  _allowsInsecureHTTP = allowInsecureHTTP;
+  const MutexLock lock(_mutex);
+  _newTrust = std::move(caFile);
+}
+
 void CurlHTTPClient::start(HTTPRequest request, HTTPCompletion completion) {
   Result<Exchange> made =
-      makeExchange(std::move(request), _options.allowInsecureHTTP, _clock->steadyNow());
+      makeExchange(std::move(request), _allowsInsecureHTTP, _clock->steadyNow());
   if (!made) {
     completion({std::nullopt, HTTPError{made.failure().code, made.failure().message,
                                         failureOf(made.failure().code)}});
@@ -111,6 +118,7 @@ std::map<std::string, HTTPClient::Load> CurlHTTPClient::loads() const {
 
 void CurlHTTPClient::run() {
   while (auto work = takeWork()) {
+    if (work->trust) _multi->trust(*std::move(work->trust));
     for (Exchange& exchange : work->expired) {
       HTTPOutcome outcome =
           failed(exchange, CURLE_OPERATION_TIMEDOUT, "timed out before there was a connection");
@@ -146,6 +154,7 @@ std::optional<CurlHTTPClient::Work> CurlHTTPClient::takeWork() {
   _hasNews = false;
   if (_stopping) return std::nullopt;
   Work work;
+  work.trust = std::exchange(_newTrust, std::nullopt);
   if (_queue.waiting() > 0) work.expired = _queue.removeExpired(_clock->steadyNow());
   while (auto exchange = _queue.next()) work.toBegin.push_back(std::move(*exchange));
   if (!work.toBegin.empty() || !work.expired.empty()) _hasRoom.notify_all();

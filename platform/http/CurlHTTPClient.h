@@ -69,6 +69,10 @@ class CurlHTTPClient final : public HTTPClient {
   CurlHTTPClient(std::shared_ptr<Clock> clock, Options options);
   ~CurlHTTPClient() override;
 
+  // What holds for exchanges that begin from now on: the certificates to trust, as the file has
+  // them now, and whether plain http may leave. Those under way end as they began. Any thread.
+  void trust(std::optional<std::string> caFile, bool allowInsecureHTTP) EXCLUDES(_mutex);
+
   void start(HTTPRequest request, HTTPCompletion completion) override EXCLUDES(_mutex);
   std::size_t exchangesUnderWay() const override { return _underWay; }
   std::map<std::string, Load> loads() const override EXCLUDES(_mutex);
@@ -76,9 +80,12 @@ class CurlHTTPClient final : public HTTPClient {
   std::size_t exchangesRefused() const { return _refused; }
 
  private:
+  using CAFile = std::optional<std::string>;
+
   struct Work {
     std::vector<Exchange> toBegin;
     std::vector<Exchange> expired;  // waited too long
+    std::optional<CAFile> trust;    // another from now on
   };
 
   // Any thread.
@@ -111,6 +118,7 @@ class CurlHTTPClient final : public HTTPClient {
   // By themselves.
   std::atomic<std::size_t> _underWay = 0;
   std::atomic<std::size_t> _refused = 0;
+  std::atomic<bool> _allowsInsecureHTTP;
 
   // Shared between callers and the client's thread.
   mutable Mutex _mutex;
@@ -119,6 +127,7 @@ class CurlHTTPClient final : public HTTPClient {
   ExchangeQueue _queue GUARDED_BY(_mutex);
   // By users for whom there is no room: since there was some last.
   std::map<User, std::size_t> _refusedWithoutRoom GUARDED_BY(_mutex);
+  std::optional<CAFile> _newTrust GUARDED_BY(_mutex);
   bool _hasNews GUARDED_BY(_mutex) = false;  // since work was taken last
   bool _sleepsInTransfer GUARDED_BY(_mutex) = false;
   bool _stopping GUARDED_BY(_mutex) = false;

@@ -22,6 +22,7 @@ namespace corvid {
 //
 // Members are these functions.
 struct CurlLibrary {
+// NOLINTNEXTLINE(bugprone-macro-parentheses): it is a name
 #define CORVID_CURL_MEMBER(name) decltype(&::curl_##name) name = nullptr;
   CORVID_CURL_FUNCTIONS(CORVID_CURL_MEMBER)
 #undef CORVID_CURL_MEMBER

@@ -21,14 +21,23 @@ void CurlMulti::close() {
   _keptConnections.clear();
 }
 
+// libcurl knows certificates that it has read, and connections that were made by them, by the
+// file's name: under another spelling it reads the file and makes connections anew.
+void CurlMulti::trust(std::optional<std::string> caFile) {
+  constexpr std::size_t spellings = 64;  // far more than there are in the life of a connection
+  _caFile = std::move(caFile);
+  if (_caFile) _caFile->insert(0, ++_timesTrusted % spellings, '/');
+}
+
 void CurlMulti::begin(Exchange exchange, Exchange::Time now) {
   if (!_multi) open();
   if (_unused.empty()) {
-    _transfers.push_back(std::make_unique<Transfer>(_caFile, _keptConnections));
+    _transfers.push_back(std::make_unique<Transfer>(_keptConnections));
     _unused.push_back(_transfers.back().get());
   }
   Transfer* const transfer = _unused.back();
   _unused.pop_back();
+  transfer->trust(_caFile);
   transfer->begin(std::move(exchange), now);
   curl().multi_add_handle(_multi.get(), transfer->handle());
 }

@@ -28,6 +28,9 @@ class CurlMulti {
   CurlMulti(std::optional<std::string> caFile, std::size_t mostConnections)
       : _caFile(std::move(caFile)), _mostConnections(mostConnections) {}
 
+  // Of the exchanges that begin from now on.
+  void trust(std::optional<std::string> caFile);
+
   std::size_t active() const { return _transfers.size() - _unused.size(); }
   void begin(Exchange exchange, Exchange::Time now);
   // Moves all on as far as they get without waiting, and gives up those that have ended.
@@ -49,7 +52,8 @@ class CurlMulti {
   void open();
   Exchange release(Transfer& transfer);
 
-  const std::optional<std::string> _caFile;
+  std::optional<std::string> _caFile;
+  std::size_t _timesTrusted = 0;
   const std::size_t _mostConnections;
   KeptConnections _keptConnections;
   std::vector<std::unique_ptr<Transfer>> _transfers;  // as many as were active at once

@@ -16,14 +16,10 @@ void setServerTrust(CURL* handle, const std::optional<std::string>& caFile) {
 
   // One kind of source only: libcurl keeps a file's certificates from one connection to the next
   // only where there is no folder, and a folder alone loads just the certificates that are used.
-  const char* const systemFolder = curl().version_info(CURLVERSION_NOW)->capath;
-  if (caFile) {
-    setOption(handle, CURLOPT_CAINFO, caFile->c_str());
-    setOption(handle, CURLOPT_CAPATH, nullptr);
-  } else if (systemFolder) {
-    setOption(handle, CURLOPT_CAINFO, nullptr);
-    setOption(handle, CURLOPT_CAPATH, systemFolder);
-  }
+  const auto* const system = curl().version_info(CURLVERSION_NOW);
+  const char* const folder = caFile ? nullptr : system->capath;
+  setOption(handle, CURLOPT_CAPATH, folder);
+  setOption(handle, CURLOPT_CAINFO, caFile ? caFile->c_str() : folder ? nullptr : system->cainfo);
 }
 
 std::optional<Failure> tryConnection(const std::string& url,

@@ -13,11 +13,10 @@
 #include "platform/http/ServerTrust.h"
 
 namespace corvid {
-Transfer::Transfer(const std::optional<std::string>& caFile, KeptConnections& keptConnections)
+Transfer::Transfer(KeptConnections& keptConnections)
     : _keptConnections(keptConnections), _handle(curl().easy_init()) {
   CURL* const handle = _handle.get();
   if (!handle) throw std::bad_alloc();
-  setServerTrust(handle, caFile);
   setOption(handle, CURLOPT_PRIVATE, static_cast<void*>(this));
   setOption(handle, CURLOPT_ERRORBUFFER, _errorText.data());
   setOption(handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
@@ -45,6 +44,12 @@ Transfer::Transfer(const std::optional<std::string>& caFile, KeptConnections& ke
   setOption(handle, CURLOPT_WRITEDATA, static_cast<void*>(this));
   setOption(handle, CURLOPT_PREREQFUNCTION, prerequest);
   setOption(handle, CURLOPT_PREREQDATA, static_cast<void*>(this));
+}
+
+void Transfer::trust(const std::optional<std::string>& caFile) {
+  if (_trusted && *_trusted == caFile) return;
+  setServerTrust(_handle.get(), caFile);
+  _trusted = caFile;
 }
 
 Transfer* Transfer::of(CURL* handle) {

@@ -22,13 +22,15 @@ class Transfer {
   static constexpr std::size_t mostHeaderBytes = 64 * 1024;
 
   // `keptConnections` is borrowed; all transfers of one multi handle share it.
-  Transfer(const std::optional<std::string>& caFile, KeptConnections& keptConnections);
+  explicit Transfer(KeptConnections& keptConnections);
   Transfer(const Transfer&) = delete;
   Transfer& operator=(const Transfer&) = delete;
 
   CURL* handle() const { return _handle.get(); }
   static Transfer* of(CURL* handle);
 
+  // Before the first begin(), and whenever there is none under way.
+  void trust(const std::optional<std::string>& caFile);
   // Prepares for `exchange`, which is kept until release().
   void begin(Exchange exchange, Exchange::Time now);
   void startAgain(Exchange::Time now);
@@ -60,6 +62,7 @@ class Transfer {
 
   KeptConnections& _keptConnections;
   std::unique_ptr<CURL, Cleanup> _handle;
+  std::optional<std::optional<std::string>> _trusted;  // nothing before the first
   Exchange _exchange;
   std::vector<curl_slist> _headerList;  // points into _exchange.headerLines
   std::size_t _bodyBytesGiven = 0;

@@ -233,22 +233,30 @@ Result<DeviceAnswers> readDeviceAnswers(const std::string& path) {
   return read;
 }
 
+std::optional<Failure> SystemDeviceInformation::reload() {
+  const MutexLock lock(_mutex);
+  return takeDeviceAnswers(FileStamp::of(_deviceFile));
+}
+
 void SystemDeviceInformation::updateDeviceAnswers() {
   const FileStamp stamp = FileStamp::of(_deviceFile);
   if (stamp == _deviceFileStamp) return;
+  if (const auto failure = takeDeviceAnswers(stamp))
+    logError("deviceInformation: {}; {}", failure->message,
+             _deviceAnswers.empty() ? "going on without it" : "keeping what was in force");
+}
 
+std::optional<Failure> SystemDeviceInformation::takeDeviceAnswers(const FileStamp& stamp) {
   _deviceFileStamp = stamp;
   Result<DeviceAnswers> read = readDeviceAnswers(_deviceFile);
-  if (!read && read.failure().code == ENOENT) {
-    _deviceAnswers = {};
-    return;
-  }
-  if (!read)
-    return logError("deviceInformation: {}; {}", read.failure().message,
-                    _deviceAnswers.empty() ? "going on without it" : "keeping what was in force");
+  if (!read && read.failure().code == ENOENT) read = DeviceAnswers{};
+  if (!read) return read.failure();
+  // What is wrong with it has been said.
+  if (read.value().answers == _deviceAnswers) return std::nullopt;
   _deviceAnswers = std::move(read.value().answers);
   for (const SettingFault& fault : read.value().faults)
     logError("deviceInformation: {}: \"{}\" {}", _deviceFile, fault.key, fault.what);
+  return std::nullopt;
 }
 
 }  // namespace corvid

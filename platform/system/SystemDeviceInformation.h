@@ -54,8 +54,13 @@ class SystemDeviceInformation final : public DeviceInformationService {
 
   DeviceAnswer answer(std::string_view key) override EXCLUDES(_mutex);
 
+  // Reads the property list now. Where it is damaged, what was in force stays, and nothing is
+  // logged; the failure names the file.
+  std::optional<Failure> reload() EXCLUDES(_mutex);
+
  private:
   void updateDeviceAnswers() REQUIRES(_mutex);
+  std::optional<Failure> takeDeviceAnswers(const FileStamp& stamp) REQUIRES(_mutex);
 
   const std::string _deviceFile;
   const std::string _machineRoot;

@@ -31,6 +31,12 @@ class StorebagCache : public AgentTest {
   void fail(std::int32_t maxAge = 0) {
     answerFetch = [=](std::int32_t) { return FetchedStorebag{.maxAge = maxAge}; };
   }
+  // As a fetch tells that it failed.
+  void failWithReason() {
+    answerFetch = [](std::int32_t) {
+      return FetchedStorebag{.fault = StorebagFault{Reason::storebagUnreachable}};
+    };
+  }
   void serveWithoutVersion() {
     answerFetch = [](std::int32_t) {
       return FetchedStorebag{.storebag = bag("new"), .maxAge = 5, .lastModified = "today"};
@@ -168,6 +174,25 @@ TEST_F(StorebagCache, TheWaitEndsAfter900Seconds) {
   serve("one", 600);
   platform.clock->advance(seconds(900));
   EXPECT_EQ(storebag(), bag("one"));
+}
+
+TEST_F(StorebagCache, AForgottenPauseLetsTheNextRequestFetchAndOnlyThat) {
+  failWithReason();
+  storebag();
+  agent->storebags().forgetPauses();
+  EXPECT_TRUE(agent->storebags().of("lumen").refreshIsWished);
+  storebag();
+  EXPECT_EQ(fetches.size(), 2u);
+  storebag();
+  EXPECT_EQ(fetches.size(), 2u) << "the new failure has its own pause";
+}
+
+TEST_F(StorebagCache, AFreshStorebagStaysFreshWhenPausesAreForgotten) {
+  serve("one", 600);
+  storebag();
+  agent->storebags().forgetPauses();
+  EXPECT_EQ(storebag(), bag("one"));
+  EXPECT_EQ(fetches.size(), 1u);
 }
 
 TEST_F(StorebagCache, AFailureThatReportsAMaxAgeStillWaits900Seconds) {
@@ -350,6 +375,12 @@ TEST_F(StorebagCache, AfterAFailureTypesWithoutANamePauseForThatUser) {
   platform.clock->advance(seconds(901));
   EXPECT_TRUE(agent->storebagForSession(connectAs(4, 18)));
   EXPECT_EQ(fetches.size(), 3u);
+
+  EXPECT_TRUE(agent->storebagForSession(connectAs(5, 18)));
+  EXPECT_EQ(fetches.size(), 3u);
+  agent->storebags().forgetPauses();
+  EXPECT_TRUE(agent->storebagForSession(connectAs(6, 18)));
+  EXPECT_EQ(fetches.size(), 4u) << "no longer";
 }
 
 TEST_F(StorebagCache, AUserWhoHasMoreFetchedThanIsFairWaitsWithoutHoldingUpOthers) {

@@ -291,6 +291,8 @@ TEST_F(Control, RefreshForgetsThePauseAfterAFailure) {
   EXPECT_GT(*asNumber(bag.find("nextAttemptInSeconds")), 800);
   EXPECT_EQ(first.configure({.clientType = 6}).text(), "none") << "it pauses";
   EXPECT_EQ(ctl({"refresh"}).output, "tessel\n");
+  const Dictionary refreshed = *arrayAt(status(), "storebags")->at(0).dictionary();
+  EXPECT_EQ(*asNumber(refreshed.find("nextAttemptInSeconds")), 0);
   EXPECT_NE(first.configure({.clientType = 6}).text(), "none");
 }
 

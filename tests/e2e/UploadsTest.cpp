@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <optional>
@@ -94,6 +95,19 @@ TEST_F(UploadsEndToEnd, TheMessageLogIsWrittenUnlessTheDeploymentSwitchesItOff) 
   configure();
   EXPECT_EQ(upload(write("noted")), "accepted");
   EXPECT_TRUE(waitUntil([&] { return fs::exists(folder) && !fs::is_empty(folder); }));
+
+  const auto bytes = [&] {
+    std::uintmax_t sum = 0;
+    for (const auto& file : fs::directory_iterator(folder)) sum += file.file_size();
+    return sum;
+  };
+  const std::uintmax_t before = bytes();
+  deployment.set("MessageLog", false);
+  _root.write("etc/corvid/deployment.plist", writeXMLPropertyList(deployment));
+  _daemon->signal(SIGHUP);
+  EXPECT_TRUE(_daemon->waitForLog("deployment.plist: read anew"));
+  EXPECT_EQ(upload(write("quiet again")), "accepted");
+  EXPECT_EQ(bytes(), before);
 }
 
 TEST_F(UploadsEndToEnd, EveryNameComesThrough) {

@@ -240,6 +240,52 @@ TEST_F(TLSFaultTest, ACAFileThatCannotBeReadIsAnError) {
   EXPECT_EQ(outcome.error->code, CURLE_SSL_CACERT_BADFILE);
 }
 
+TEST_F(TLSFaultTest, AnotherAuthorityIsTrustedFromTheNextExchangeOn) {
+  const lab::TLSIdentity other(folder.path("other"));
+  serve([](const lab::Request&) { return lab::Answer{}; }, {.tls = identity->server()});
+  EXPECT_EQ(codeOf(get()), 0);
+  client->trust(other.caFile(), false);
+  EXPECT_EQ(codeOf(get()), CURLE_PEER_FAILED_VERIFICATION) << "the kept connection is not used";
+  client->trust(identity->caFile(), false);
+  EXPECT_EQ(codeOf(get()), 0);
+  client->trust(std::nullopt, false);
+  EXPECT_EQ(codeOf(get()), CURLE_PEER_FAILED_VERIFICATION) << "the system knows nothing of the lab";
+}
+
+TEST_F(TLSFaultTest, TheSameFileIsReadAnewWhenItIsTrustedAgain) {
+  const lab::TLSIdentity other(folder.path("other"));
+  const std::string file = folder.write("trusted.pem", contentOf(identity->caFile()));
+  restartClient({.caFile = file});
+  serve([](const lab::Request&) { return lab::Answer{}; }, {.tls = identity->server()});
+  EXPECT_EQ(codeOf(get()), 0);
+  folder.write("trusted.pem", contentOf(other.caFile()));
+  client->trust(file, false);
+  EXPECT_EQ(codeOf(get()), CURLE_PEER_FAILED_VERIFICATION);
+  folder.write("trusted.pem", contentOf(identity->caFile()));
+  client->trust(file, false);
+  EXPECT_EQ(codeOf(get()), 0);
+}
+
+TEST_F(TLSFaultTest, WhatIsUnderWayEndsAsItBegan) {
+  const lab::TLSIdentity other(folder.path("other"));
+  Notice notice;
+  bool mayAnswer = false;
+  serve(
+      [&](const lab::Request&) {
+        notice.await([&] { return mayAnswer; });
+        return lab::Answer{};
+      },
+      {.tls = identity->server()});
+  Outcomes outcomes;
+  client->start(get(), outcomes.completion());
+  ASSERT_TRUE(waitUntil([&] { return server->requestsReceived() == 1; }));
+  client->trust(other.caFile(), false);
+  EXPECT_EQ(codeOf(get()), CURLE_PEER_FAILED_VERIFICATION);
+  notice.change([&] { mayAnswer = true; });
+  ASSERT_TRUE(outcomes.waitFor(1));
+  EXPECT_FALSE(outcomes.all().front().error);
+}
+
 TEST_F(TLSFaultTest, GarbageInsteadOfAHandshakeIsAnError) {
   serve([](const lab::Request&) { return lab::Answer{}; }, {.tls = identity->server()});
   server->setConnectionFault(lab::ConnectionFault::garbage);
@@ -266,6 +312,11 @@ TEST_F(TLSFaultTest, PlainHTTPIsRefusedUnlessAllowed) {
   CurlHTTPClient::Options options = defaultOptions();
   options.allowInsecureHTTP = true;
   restartClient(options);
+  EXPECT_EQ(codeOf(get()), 0);
+
+  client->trust(identity->caFile(), false);
+  EXPECT_EQ(codeOf(get()), CURLE_UNSUPPORTED_PROTOCOL);
+  client->trust(identity->caFile(), true);
   EXPECT_EQ(codeOf(get()), 0);
 }
 

@@ -104,6 +104,31 @@ TEST_F(DeviceInformationTest, DamagedDeviceFileLeavesTheLastGoodAnswersAndIsSaid
   EXPECT_EQ(device.answer("ReleaseType").value, std::nullopt);
 }
 
+TEST_F(DeviceInformationTest, AReloadGivesTheDamageBackAndLogsNothing) {
+  writeDeviceFile("<key>ReleaseType</key><string>Internal</string>");
+  SystemDeviceInformation device = information();
+  EXPECT_FALSE(device.reload());
+  machine.write("device.plist", "<plist><array/></plist>");
+  for (int times = 0; times < 2; ++times) {
+    const auto failure = device.reload();
+    ASSERT_TRUE(failure);
+    EXPECT_EQ(failure->message, deviceFile + ": not a dictionary");
+    EXPECT_EQ(device.answer("ReleaseType").value, "Internal");
+  }
+  std::filesystem::remove(deviceFile);
+  EXPECT_FALSE(device.reload());
+  EXPECT_EQ(device.answer("ReleaseType").value, std::nullopt);
+  EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(DeviceInformationTest, AReloadSaysNothingAgainOfWhatHasNotChanged) {
+  writeDeviceFile("<key>ReleaseType</key><integer>5</integer>");
+  SystemDeviceInformation device = information();
+  EXPECT_EQ(device.answer("ReleaseType").value, std::nullopt);
+  EXPECT_FALSE(device.reload());
+  EXPECT_EQ(log.texts(LogLevel::error).size(), 1u);
+}
+
 TEST_F(DeviceInformationTest, DamageOfAFormerDeviceFileDoesNotLast) {
   SystemDeviceInformation device = information();
   machine.write("device.plist", "damage");

@@ -1,0 +1,94 @@
+#include "daemon/Reload.h"
+
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "base/Log.h"
+#include "config/StorebagFetch.h"
+#include "platform/data/Crypto.h"
+#include "platform/data/LocalFileSystem.h"
+
+namespace corvid {
+
+namespace {
+
+// What failed, without the file that the line names anyway.
+std::string without(const std::string& path, std::string_view message) {
+  if (message.starts_with(path)) message.remove_prefix(path.size());
+  const auto text = message.find_first_not_of(": ");
+  return std::string(text == message.npos ? "cannot be used" : message.substr(text));
+}
+
+void say(const std::string& path, const std::optional<std::string>& fault) {
+  if (fault)
+    logError("reload: {}: {}; keeping what was in force", path, *fault);
+  else
+    logInfo("reload: {}: read anew", path);
+}
+
+}  // namespace
+
+void Reload::run() {
+  const MutexLock lock(_mutex);
+  if (_hasEnded) return;
+  say(_paths.deploymentFile, reloadDeployment());
+  const auto fault = _effects.readDeviceAnswers();
+  say(_paths.deviceFile,
+      fault ? std::optional(without(_paths.deviceFile, fault->message)) : std::nullopt);
+  say(_paths.publicKeyFile, readPublicKey());
+  _effects.forgetPauses();
+}
+
+void Reload::end() {
+  const MutexLock lock(_mutex);
+  _hasEnded = true;
+}
+
+std::optional<std::string> Reload::reloadDeployment() {
+  Result<Deployment> read = readDeployment(_paths.deploymentFile);
+  if (!read && read.failure().code != ENOENT)
+    return without(_paths.deploymentFile, read.failure().message);
+  Deployment deployment = read ? std::move(read).value() : Deployment();
+  if (!deployment.faults.empty()) {
+    std::vector<std::string> faults;
+    for (const SettingFault& fault : deployment.faults)
+      faults.push_back(fmt::format("{} {}", fault.key, fault.what));
+    return fmt::format("{}", fmt::join(faults, ", "));
+  }
+  if (auto fault = closedTo(deployment)) return fault;
+  _effects.putInForce(std::move(deployment));
+  return std::nullopt;
+}
+
+std::optional<std::string> Reload::closedTo(const Deployment& deployment) const {
+  if (deployment.caFile) {
+    const auto fault = faultOfCAFile(*deployment.caFile);
+    if (fault && fault->code == EACCES && _atStart)
+      return fmt::format(
+          "its CAFile {} is outside the folders that were open at the start, and needs a restart",
+          *deployment.caFile);
+    if (fault) return fmt::format("its CAFile cannot be used: {}", fault->message);
+  }
+  const auto open = _atStart ? reachableTCPPorts(*_atStart) : std::nullopt;
+  if (!open) return std::nullopt;
+  const auto wanted = reachableTCPPorts(deployment);
+  if (wanted && std::ranges::includes(*open, *wanted)) return std::nullopt;
+  return "it asks for TCP ports that were closed at the start, which needs a restart";
+}
+
+// Each fetch reads it for itself; here it is looked at before somebody waits for one.
+std::optional<std::string> Reload::readPublicKey() const {
+  const Result<std::string> content = readRegularFile(_paths.publicKeyFile, publicKeyLimit);
+  if (!content) return without(_paths.publicKeyFile, content.failure().message);
+  const auto key = RSAPublicKey::fromDER(content.value());
+  if (!key) return key.failure().message;
+  return std::nullopt;
+}
+
+}  // namespace corvid
