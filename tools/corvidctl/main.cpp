@@ -16,7 +16,7 @@
 #include "platform/data/FilePreferences.h"
 #include "platform/system/SystemLog.h"
 #include "tools/Arguments.h"
-#include "tools/Completion.h"
+#include "tools/CommandShapes.h"
 #include "tools/corvidctl/Commands.h"
 
 namespace corvid::ctl {
@@ -217,19 +217,6 @@ void Program::addLooks() {
             "Bring the level from before back after so many seconds");
 }
 
-// What shells complete.
-tools::CommandShape shapeOf(const CLI::App& command) {
-  tools::CommandShape shape{.name = command.get_name()};
-  const std::string help = command.get_description();
-  shape.help = help.substr(0, help.find('\n'));
-  eachOption(command, [&](std::vector<std::string> names, bool takesValue, std::string text) {
-    shape.options.push_back({std::move(names), takesValue, std::move(text)});
-  });
-  for (const CLI::App* const child : command.get_subcommands({}))
-    if (!child->get_group().empty()) shape.commands.push_back(shapeOf(*child));
-  return shape;
-}
-
 int Program::run(std::vector<std::string> arguments) {
   addCommonOptions(_app, "corvidctl " CORVID_VERSION);
   _app.require_subcommand(1);
@@ -255,13 +242,9 @@ int Program::run(std::vector<std::string> arguments) {
   addWords(
       prefs, "WORD", _words,
       "get KEY, set KEY VALUE, delete KEY or list; VALUE is JSON, or a text\nwhere it is none");
-  CLI::App& completion = addCommand(
-      _app, "completion", "Print the completion script of a shell: bash, zsh or fish", [this] {
-        const auto script = tools::completionFor(_shell, shapeOf(_app));
-        if (!script) throw tools::InputError("a shell is bash, zsh or fish, not " + _shell);
-        std::fputs(script->c_str(), stdout);
-        return 0;
-      });
+  CLI::App& completion =
+      addCommand(_app, "completion", "Print the completion script of a shell: bash, zsh or fish",
+                 [this] { return tools::printCompletion(_shell, _app); });
   completion.add_option("SHELL", _shell, "bash, zsh or fish")->required()->type_name("");
   _app.footer(footer);  // last: commands would have it too
   return readCommandLine(_app, std::move(arguments)).value_or(_status);
