@@ -77,7 +77,7 @@ class CorvidBackend : public std::enable_shared_from_this<CorvidBackend> {
   // Releases what the backend holds outside its fields before it is dropped.
   virtual void cleanup() {}
   // Computes `state` anew.
-  virtual void updateState() { setState(BackendState::sending, Reason::takesNoEvents); }
+  virtual void updateState() { settle(BackendState::sending, Reason::takesNoEvents); }
 
   // Sends one event; answers with the text for the local message log, where there is one.
   virtual std::optional<std::string> sendMessage(const Dictionary* payload,
@@ -112,10 +112,10 @@ class CorvidBackend : public std::enable_shared_from_this<CorvidBackend> {
   void setState(BackendState state, Reason reason = Reason::reporting) {
     _standing.store({state, reason}, std::memory_order_relaxed);
   }
-  // The same, for a reason that is counted.
-  void becomeSilent(BackendState state, Reason reason) {
+  // The same, and counts what keeps events back.
+  void settle(BackendState state, Reason reason) {
     setState(state, reason);
-    _account->countSilence(reason);
+    if (reason != Reason::reporting) _account->countSilence(reason);
   }
   // The session whose backend this one takes its state from, by the ledger's number; 0: none.
   std::uint64_t followed() const { return _followed.load(std::memory_order_relaxed); }

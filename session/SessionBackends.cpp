@@ -94,7 +94,7 @@ void SessionBackends::follow(const SessionBackends* parent, std::uint64_t number
     backend->setFollowed(number);
     const CorvidBackend* followed = parent ? parent->named(key) : nullptr;
     if (!followed) {
-      backend->becomeSilent(BackendState::disabled, Reason::parentLacksBackend);
+      backend->settle(BackendState::disabled, Reason::parentLacksBackend);
       continue;
     }
     const auto [state, reason] = followed->standing();

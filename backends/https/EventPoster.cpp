@@ -97,7 +97,7 @@ void finishExchange(Shipment& events, const std::weak_ptr<CorvidBackend>& sender
         status, fmt::format("backend {} disabled by server {} return code", name, status));
     logInfo("postJSONMessage: {}", error->localizedDescription);
     if (const auto backend = sender.lock())
-      backend->becomeSilent(BackendState::disabled, Reason::disabledByServer);
+      backend->settle(BackendState::disabled, Reason::disabledByServer);
   } else if (outcome.error) {
     error = CorvidError::of(outcome.error->code, outcome.error->description);
   }

@@ -71,10 +71,7 @@ void HTTPSPostBackend::updateState() {
     const MutexLock lock(_lock);
     reason = _decidedReason;
   }
-  if (reason == Reason::reporting)
-    setState(state);
-  else
-    becomeSilent(state, reason);
+  settle(state, reason);
 }
 
 BackendState HTTPSPostBackend::updateBackendState() {

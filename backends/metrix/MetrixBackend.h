@@ -28,7 +28,7 @@ class MetrixBackend final : public CorvidBackend {
   static bool isClientTypeAllowed(std::int32_t clientType);
 
   void updateState() override {
-    setState(BackendState::sending, takesEvents() ? Reason::reporting : Reason::noAdaptor);
+    settle(BackendState::sending, takesEvents() ? Reason::reporting : Reason::noAdaptor);
   }
   using CorvidBackend::sendMessage;
   // Answers nothing, whether the adaptor took the event or not.

@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -13,11 +12,12 @@
 #include <vector>
 
 #include "base/Reading.h"
-#include "platform/data/JSON.h"
 #include "protocol/Limits.h"
 #include "protocol/Reason.h"
 #include "tests/e2e/LabFixture.h"
+#include "tests/e2e/Operator.h"
 #include "tests/rpc/WireClient.h"
+#include "tests/support/AsStranger.h"
 #include "tests/support/ToolProcess.h"
 #include "tests/support/Waiting.h"
 
@@ -29,59 +29,9 @@ using std::chrono::steady_clock;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-constexpr uid_t stranger = 65534;
-
-class AsStranger {
- public:
-  AsStranger() { become(stranger); }
-  ~AsStranger() { become(getuid()); }
-
- private:
-  static void become(uid_t user) { syscall(SYS_setresuid, -1, user, -1); }
-};
-
-class Control : public LabFixture {
+class Control : public LabFixture, protected Operator {
  protected:
-  ToolResult ctl(std::vector<std::string> arguments) const {
-    arguments.insert(arguments.begin(), {"--root", _root.path()});
-    return runTool(CORVIDCTL_PROGRAM, std::move(arguments));
-  }
-  static Dictionary objectIn(std::string_view json) {
-    Result<Value> value = parseJSON(json);
-    if (!value || value.value().dictionary() == nullptr) {
-      ADD_FAILURE() << "no object: " << json;
-      return {};
-    }
-    return *value.value().dictionary();
-  }
-  Dictionary status() const { return objectIn(ctl({"status", "--json"}).output); }
-  Dictionary ledger() const { return *dictionaryAt(status(), "ledger"); }
-  std::vector<Dictionary> sessions(std::vector<std::string> arguments = {}) const {
-    arguments.insert(arguments.begin(), {"sessions", "--json"});
-    const ToolResult result = ctl(arguments);
-    EXPECT_EQ(result.status, 0) << result.errors;
-    std::vector<Dictionary> found;
-    const Result<Value> value = parseJSON(result.output);
-    if (value && value.value().array())
-      for (const Value& each : *value.value().array()) found.push_back(*each.dictionary());
-    return found;
-  }
-  std::vector<Dictionary> explain(std::vector<std::string> arguments = {}) const {
-    arguments.insert(arguments.begin(), {"explain", "--json"});
-    std::vector<Dictionary> found;
-    for (const std::string& line : linesOf(ctl(arguments).output)) found.push_back(objectIn(line));
-    return found;
-  }
-  static const Dictionary& backendOf(const Dictionary& of, std::size_t at = 0) {
-    return *arrayAt(of, "backends")->at(at).dictionary();
-  }
-  static bool adds(const Dictionary& ledger) {
-    std::int64_t sum = 0;
-    for (const char* const key : {"delivered", "held", "underWay"}) sum += *integerAt(ledger, key);
-    for (const char* const key : {"refused", "failed", "dropped"})
-      for (const auto& [word, count] : *dictionaryAt(ledger, key)) sum += *count.integer();
-    return sum == *integerAt(ledger, "accepted");
-  }
+  Control() : Operator(_root.path()) {}
   // Connects with this address, as it is.
   RawClient connect() const { return RawClient(_root.path("run/corvidd/control")); }
 };
