@@ -70,8 +70,8 @@ class CorviddSession final : public ClientSessionInterface,
 
   // Sends one message through backends that live for it alone: no aggregation, no flush, no start
   // or end message. Any thread. Only user info and payload may be null.
-  // `mark` is the ledger's.
-  static void sendMessageWithSessionInfo(const Dictionary* sessionInfo,
+  // `mark` is the ledger's. False where there was not one backend.
+  static bool sendMessageWithSessionInfo(const Dictionary* sessionInfo,
                                          const SharedDictionary& userInfo,
                                          const Dictionary* storebag, std::uint16_t category,
                                          std::uint16_t type, const Dictionary* payload,

@@ -232,12 +232,13 @@ void CorviddSession::sendMessageWithSessionInfo(Dictionary sessionInfo,
     return;
   }
   const Ledger::Offer offer = _ledger->offer(event);
-  sendMessageWithSessionInfo(info.get(), user, &*storebag, category, type, pointerTo(payload),
-                             _createBackends, offer.mark());
+  if (!sendMessageWithSessionInfo(info.get(), user, &*storebag, category, type, pointerTo(payload),
+                                  _createBackends, offer.mark()))
+    offer.drop(Reason::noBackendMade);
   reply("finished");
 }
 
-void CorviddSession::sendMessageWithSessionInfo(const Dictionary* sessionInfo,
+bool CorviddSession::sendMessageWithSessionInfo(const Dictionary* sessionInfo,
                                                 const SharedDictionary& userInfo,
                                                 const Dictionary* storebag, std::uint16_t category,
                                                 std::uint16_t type, const Dictionary* payload,
@@ -248,13 +249,13 @@ void CorviddSession::sendMessageWithSessionInfo(const Dictionary* sessionInfo,
     // The stray leading letter is what readers of the log look for.
     logError(
         "RsendMessageWithSessionInfo: Attempted to send message with one or more nil parameters");
-    return;
+    return false;
   }
   const std::optional<BackendTable> table =
       creator(storebag, sessionInfo, userInfo, uniqueDeviceID());
   if (!table) {
     logError("sendMessageWithSessionInfo: No backends available to send single message");
-    return;
+    return false;
   }
   if (userInfo && !booleanAt(*sessionInfo, kCorvidSessionInfoRequireUserInfo))
     logWarning("sendMessageWithSessionInfo: user info provided without requiring it.");
@@ -267,6 +268,7 @@ void CorviddSession::sendMessageWithSessionInfo(const Dictionary* sessionInfo,
       writeToLogFile("[{} -> sendMessageWithSessionInfo] {}", key, *result);
   }
   for (const auto& [key, backend] : *table) backend->cleanup();
+  return !table->empty();
 }
 
 }  // namespace corvid

@@ -26,11 +26,10 @@ Ledger::Offer Ledger::offer(const Event& event) {
   return {shared_from_this(), EventMark{remember(std::move(decision))}};
 }
 
-void Ledger::drop(const Event& event, Reason reason) {
-  const Offer offered = offer(event);
+void Ledger::dropOffered(EventMark mark, Reason reason) {
   const MutexLock lock(_mutex);
   if (_closed) return;
-  if (Decision* const decision = at(offered.mark().position))
+  if (Decision* const decision = at(mark.position))
     std::get<EventDecision>(*decision).withoutBackends = reason;
   ++_balance.accepted;
   ++_balance.dropped[static_cast<std::size_t>(reason)];

@@ -63,6 +63,8 @@ class Ledger : public std::enable_shared_from_this<Ledger> {
     Offer(const Offer&) = delete;
     Offer& operator=(const Offer&) = delete;
     EventMark mark() const { return _mark; }
+    // It meets no backend, for this reason.
+    void drop(Reason reason) const { _ledger->dropOffered(_mark, reason); }
 
    private:
     const std::shared_ptr<Ledger> _ledger;
@@ -78,7 +80,7 @@ class Ledger : public std::enable_shared_from_this<Ledger> {
   // Begins one, which counts as soon as a backend has decided of it.
   Offer offer(const Event& event) EXCLUDES(_mutex);
   // One that meets no backend: it is dropped, for this reason.
-  void drop(const Event& event, Reason reason) EXCLUDES(_mutex);
+  void drop(const Event& event, Reason reason) EXCLUDES(_mutex) { offer(event).drop(reason); }
 
   // A session or a backend does not report, as was just decided, or a connection was refused.
   void countSilence(Reason reason) EXCLUDES(_mutex);
@@ -117,6 +119,7 @@ class Ledger : public std::enable_shared_from_this<Ledger> {
 
   explicit Ledger(Clock& clock) : _clock(clock) {}
 
+  void dropOffered(EventMark mark, Reason reason) EXCLUDES(_mutex);
   void offered(EventMark mark) EXCLUDES(_mutex);
   // Makes room for one, and gives its position.
   std::uint64_t remember(Decision decision) REQUIRES(_mutex);
