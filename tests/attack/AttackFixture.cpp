@@ -45,6 +45,7 @@ void AttackFixture::SetUp() {
 void AttackFixture::TearDown() {
   if (!_daemon) return;
   EXPECT_TRUE(bystanderReports()) << _daemon->standardError();
+  LabFixture::TearDown();
   _daemon.reset();  // which ends what goes on for ever
   awaitStarted();
 }

@@ -36,6 +36,7 @@ class DaemonProcess {
   pid_t pid() const { return _process.pid(); }
   void signal(int number) const { _process.signal(number); }
   void freeze() const { _process.freeze(); }
+  bool isRunning() { return _process.isRunning(); }
   // How many descriptors it has open.
   std::size_t descriptors() const;
   // The memory that it has resident, and the most that it ever had, in bytes.

@@ -10,9 +10,19 @@
 #include "base/Reading.h"
 #include "platform/data/JSON.h"
 #include "platform/data/PropertyList.h"
+#include "tests/e2e/Operator.h"
 #include "tests/support/Waiting.h"
 
 namespace corvid {
+
+void LabFixture::TearDown() {
+  if (!_daemon || !_daemon->isRunning()) return;
+  const Operator watching(_root.path());
+  const ToolResult status = watching.ctl({"status", "--json"});
+  ASSERT_EQ(status.status, 0) << status.errors << _daemon->standardError();
+  EXPECT_TRUE(Operator::adds(*dictionaryAt(Operator::objectIn(status.output), "ledger")))
+      << status.output;
+}
 
 void LabFixture::startDaemon(std::vector<std::string> arguments) {
   arguments.insert(arguments.end(), {"--log", "stderr", "--log-level", "debug"});

@@ -21,6 +21,9 @@ class LabFixture : public testing::Test {
   LabFixture() : LabFixture(lab::Lab::Options{}) {}
   explicit LabFixture(lab::Lab::Options options) : _lab(_root.path(), options) {}
 
+  // Whatever a test and its faults did to the daemon, none of its events is missing.
+  void TearDown() override;
+
   // In its sandbox, with its log, debug lines included, on standard error.
   void startDaemon(std::vector<std::string> arguments = {});
   // How often the log holds that text.

@@ -45,6 +45,7 @@ class UploadAttacks : public LabFixture {
     EXPECT_EQ(honest.upload(write("honest")).text(), "accepted");
     EXPECT_EQ(uploads(), rightful + 1);
     EXPECT_FALSE(fs::exists(_root.path("files/honest")));
+    LabFixture::TearDown();
   }
 
   std::string write(const std::string& name, const std::string& content = "content") const {

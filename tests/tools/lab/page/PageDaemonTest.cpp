@@ -15,7 +15,10 @@ class PageDaemonTest : public LabFixture {
     ASSERT_TRUE(_browser.awaits("document.querySelector('#connection.live')"));
     startDaemon();
   }
-  void TearDown() override { EXPECT_EQ(_browser.complaints(), std::vector<std::string>()); }
+  void TearDown() override {
+    EXPECT_EQ(_browser.complaints(), std::vector<std::string>());
+    LabFixture::TearDown();
+  }
 
   bool awaitsText(const std::string& place, const std::string& text) {
     return _browser.awaits("document.querySelector('" + place + "').textContent.includes('" + text +
