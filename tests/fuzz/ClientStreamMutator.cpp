@@ -31,6 +31,7 @@ using capnp::StructSchema;
 using capnp::schema::Type;
 using corvid::fuzz::ClientWrite;
 using corvid::fuzz::Passed;
+using FuzzedInterface = corvid::wire::CORVID_FUZZED_INTERFACE;
 using RPCMessage = capnp::rpc::Message;
 
 class Mutator {
@@ -103,7 +104,7 @@ class Mutator {
     }
   }
   void changeParameters(capnp::rpc::Call::Builder call) {
-    const auto methods = capnp::Schema::from<corvid::wire::ClientSession>().getMethods();
+    const auto methods = capnp::Schema::from<FuzzedInterface>().getMethods();
     auto content = call.getParams().getContent();
     if (call.getMethodId() < methods.size())
       change(content.getAs<DynamicStruct>(methods[call.getMethodId()].getParamType()));
@@ -115,11 +116,11 @@ class Mutator {
     if (below(3) == 0) {
       change(capnp::toDynamic(root));
     } else {
-      const auto methods = capnp::Schema::from<corvid::wire::ClientSession>().getMethods();
+      const auto methods = capnp::Schema::from<FuzzedInterface>().getMethods();
       auto call = root.initCall();
       call.setQuestionId(static_cast<std::uint32_t>(below(16)));
       call.initTarget().setImportedCap(0);
-      call.setInterfaceId(capnp::typeId<corvid::wire::ClientSession>());
+      call.setInterfaceId(capnp::typeId<FuzzedInterface>());
       call.setMethodId(static_cast<std::uint16_t>(below(methods.size())));
       call.initParams().getContent().initAs<DynamicStruct>(
           methods[call.getMethodId()].getParamType());

@@ -1,10 +1,15 @@
 #include "tests/fuzz/FuzzedDaemon.h"
 
+#include <sys/socket.h>
+
 #include <chrono>
+#include <string>
 #include <string_view>
 #include <utility>
 
 #include "base/LogLine.h"
+#include "base/UnixAddress.h"
+#include "daemon/DaemonControl.h"
 #include "protocol/Keys.h"
 
 namespace corvid::fuzz {
@@ -73,7 +78,23 @@ std::shared_ptr<IPCConnection> FuzzedDaemon::serve(Descriptor socket) {
   return connection;
 }
 
+Descriptor FuzzedDaemon::look() {
+  const std::string path = _folder.emplace().path("control");
+  auto control = ControlService::serving(
+      ServiceSocket::bind(path), [](int) { return [] { return Dictionary(); }; },
+      Platform::current().budgets);
+  require(static_cast<bool>(control));
+  _control = std::move(control).value();
+  _control->resume(std::make_shared<DaemonControl>(Platform::current(), _agent,
+                                                   DaemonControl::Facts{.version = "1"}));
+  Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  require(UnixAddress(path).connect(socket.get()) == 0);
+  return socket;
+}
+
 FuzzedDaemon::~FuzzedDaemon() {
+  _control = nullptr;
+  require(_agent->ledger()->totals().balance.adds());
   _resident->clientVanishes();
   require(_platform.keepAlive->begun == _platform.keepAlive->ended);
   const auto usage = _platform.extensionTokens->usage();
@@ -82,7 +103,8 @@ FuzzedDaemon::~FuzzedDaemon() {
     require(line.size() <= logLineLimit + 64);
     // At its beginning only: further behind, a client may have said so.
     for (const std::string_view never :
-         {"IPCConnection: connection 1 of process 1, user 1000 ends by an exception",
+         {"ControlService: control connection 1 of process ", "ControlService: Exception",
+          "IPCConnection: connection 1 of process 1, user 1000 ends by an exception",
           "SessionServer: Exception in ", "SessionServer: Unknown exception"})
       require(!line.starts_with(never));
   }

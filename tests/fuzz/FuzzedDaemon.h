@@ -2,13 +2,16 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 
 #include "base/Descriptor.h"
 #include "daemon/CorviddAgent.h"
+#include "rpc/ControlService.h"
 #include "rpc/IPCConnection.h"
 #include "tests/fakes/FakeConnection.h"
 #include "tests/fakes/TestPlatform.h"
 #include "tests/fuzz/Require.h"
+#include "tests/support/Scratch.h"
 
 namespace corvid::fuzz {
 
@@ -24,12 +27,18 @@ class FuzzedDaemon {
 
   // Serves an entitled client of the same user at the other end of the socket.
   std::shared_ptr<IPCConnection> serve(Descriptor socket);
+  // Connects as somebody who may look. Once.
+  Descriptor look();
+  // An event that meets no backend, and is dropped at once.
+  void dropEvent() const { _agent->ledger()->drop({.session = 1}, Reason::notConfigured); }
 
  private:
   TestPlatform _platform;
   const std::shared_ptr<CorviddAgent> _agent;
   const std::shared_ptr<FakeConnection> _resident = std::make_shared<FakeConnection>();
   std::uint64_t _lastNumber = 0;
+  std::optional<ScratchFolder> _folder;
+  std::unique_ptr<ControlService> _control;
 };
 
 }  // namespace corvid::fuzz

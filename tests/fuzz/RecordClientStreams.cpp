@@ -1,5 +1,6 @@
-// Writes a first corpus of client streams into a folder: what the client library sends to a daemon,
-// one write a message. Run it anew when the protocol has got new calls.
+// Writes a first corpus of streams into the folders clientstream and controlstream of a folder:
+// what the client library and corvidctl send to a daemon, one write a message. Run it anew when the
+// protocol has got new calls.
 #include <capnp/serialize.h>
 #include <fmt/format.h>
 #include <poll.h>
@@ -20,6 +21,7 @@
 #include "tests/fuzz/ClientStream.h"
 #include "tests/fuzz/FuzzedDaemon.h"
 #include "tests/support/Scratch.h"
+#include "tools/corvidctl/ControlClient.h"
 
 namespace {
 
@@ -30,7 +32,11 @@ using fuzz::require;
 // Stands between a client and the daemon and writes down what the client says.
 class Recorder {
  public:
-  explicit Recorder(Descriptor client) : _client(std::move(client)) {
+  Recorder(Descriptor client, bool looks) : _client(std::move(client)) {
+    if (looks) {
+      _daemon = _fuzzed.look();
+      return;
+    }
     std::array<int, 2> ends{};
     require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends.data()) == 0);
     _daemon = Descriptor(ends[0]);
@@ -45,7 +51,7 @@ class Recorder {
       if (ready[0].revents != 0 && !pass(_client, _daemon)) break;
     }
     shutdown(_daemon.get(), SHUT_WR);
-    _connection->join();
+    if (_connection) _connection->join();
     return std::move(_writes);
   }
 
@@ -60,7 +66,10 @@ class Recorder {
     const ssize_t count = recvmsg(from.get(), &message, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
     if (count <= 0) return count < 0 && errno == EAGAIN;
     const cmsghdr* const header = CMSG_FIRSTHDR(&message);
-    if (&from == &_client) note({buffer.data(), static_cast<std::size_t>(count)}, header);
+    if (&from == &_client) {
+      note({buffer.data(), static_cast<std::size_t>(count)}, header);
+      _fuzzed.dropEvent();
+    }
     bytes.iov_len = static_cast<std::size_t>(count);
     message.msg_controllen = header ? message.msg_controllen : 0;
     require(sendmsg(to.get(), &message, MSG_NOSIGNAL) == count);
@@ -144,28 +153,52 @@ std::vector<std::pair<std::string, Conversation>> conversations() {
   };
 }
 
+using Look = std::function<void(ctl::ControlClient&)>;
+
+std::vector<std::pair<std::string, Look>> looks() {
+  return {
+      {"status", [](auto& control) { control.status(); }},
+      {"sessions", [](auto& control) { control.sessions(0), control.sessions(1); }},
+      {"explain", [](auto& control) { control.explain(0, 0), control.explain(1, 5); }},
+      {"tap", [](auto& control) { control.watch(0, true), control.nextLines(); }},
+      {"metrics", [](auto& control) { control.metrics(); }},
+      {"refresh", [](auto& control) { control.refresh(-1, true), control.refresh(5, false); }},
+      {"loglevel", [](auto& control) { control.setLogLevel(3, 60), control.setLogLevel(7, 0); }},
+  };
+}
+
+// Takes the client that `talk` is, and writes down what it says.
+void record(const std::string& file, const ServiceSocket& socket, bool looks,
+            std::function<void()> talk) {
+  std::thread talking(std::move(talk));
+  pollfd waiting{socket.get(), POLLIN, 0};
+  require(poll(&waiting, 1, -1) == 1);
+  Descriptor accepted(accept4(socket.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+  require(static_cast<bool>(accepted));
+  const auto writes = Recorder(std::move(accepted), looks).record();
+  talking.join();
+  std::ofstream(file, std::ios::binary) << fuzz::clientStream(writes);
+  fmt::print("{}: {} messages\n", file, writes.size());
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   if (argc != 2) return fmt::print(stderr, "usage: {} FOLDER\n", argv[0]), 2;
+  const std::string target = argv[1];
   const ScratchFolder folder;
   const auto socket = ServiceSocket::bind(folder.path("run/corvidd/com.halcyon.corvidd"));
-  require(static_cast<bool>(socket));
-  for (const auto& [name, converse] : conversations()) {
-    std::thread talking([&] {
+  const auto control = ServiceSocket::bind(folder.path("run/corvidd/control"));
+  require(socket && control);
+  for (const auto& [name, converse] : conversations())
+    record(target + "/clientstream/" + name, socket.value(), false, [&, &talk = converse] {
       TestClient client(folder.path());
-      converse(client, folder);
+      talk(client, folder);
     });
-    pollfd waiting{socket.value().get(), POLLIN, 0};
-    require(poll(&waiting, 1, -1) == 1);
-    Descriptor accepted(
-        accept4(socket.value().get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-    require(static_cast<bool>(accepted));
-    const auto writes = Recorder(std::move(accepted)).record();
-    talking.join();
-    std::ofstream(fmt::format("{}/{}", argv[1], name), std::ios::binary)
-        << fuzz::clientStream(writes);
-    fmt::print("{}: {} messages\n", name, writes.size());
-  }
+  for (const auto& [name, look] : looks())
+    record(target + "/controlstream/" + name, control.value(), true, [&, &see = look] {
+      ctl::ControlClient client(folder.path());
+      see(client);
+    });
   return 0;
 }
