@@ -40,15 +40,26 @@ bool writeFully(int descriptor, std::string_view content) {
   return true;
 }
 
-std::optional<Failure> writeNewFile(const std::string& path, int folder, std::string_view content) {
-  if (unlink(path.c_str()) != 0 && errno != ENOENT) return systemFailure("remove", path);
+std::string folderOf(const std::string& path) {
+  const std::string folder = std::filesystem::path(path).parent_path();
+  return folder.empty() ? "." : folder;
+}
+
+Descriptor openFolder(const std::string& path) {
+  return Descriptor(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+}
+
+// Leaves nothing of it behind where it fails, and what stood there as it is.
+std::optional<Failure> writeNewFile(const std::string& path, int folder, std::string_view content,
+                                    unsigned mode) {
   const Descriptor file(
-      open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+      open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
   if (!file) return systemFailure("create", path);
   giveToOwnerOf(folder, file.get());
-  if (!writeFully(file.get(), content) || fsync(file.get()) != 0)
-    return systemFailure("write", path);
-  return std::nullopt;
+  if (writeFully(file.get(), content) && fsync(file.get()) == 0) return std::nullopt;
+  const Failure failure = systemFailure("write", path);
+  unlink(path.c_str());
+  return failure;
 }
 
 // A regular file that is no symbolic link, with its status; none, with errno set, where it is not.
@@ -141,18 +152,29 @@ Result<std::string> readRegularFile(const std::string& path, std::size_t limit) 
   }
 }
 
-std::optional<Failure> replaceRegularFile(const std::string& path, std::string_view content) {
-  const std::string folderPath = std::filesystem::path(path).parent_path();
-  const Descriptor folder(open(folderPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+std::optional<Failure> replaceRegularFile(const std::string& path, std::string_view content,
+                                          unsigned mode) {
+  const std::string folderPath = folderOf(path);
+  const Descriptor folder = openFolder(folderPath);
   if (!folder) return systemFailure("open", folderPath);
   const std::string newPath = path + ".new";
-  std::optional<Failure> failure = writeNewFile(newPath, folder.get(), content);
-  if (!failure && rename(newPath.c_str(), path.c_str()) != 0)
-    failure = systemFailure("replace", path);
-  if (failure) {
+  if (unlink(newPath.c_str()) != 0 && errno != ENOENT) return systemFailure("remove", newPath);
+  if (auto failure = writeNewFile(newPath, folder.get(), content, mode)) return failure;
+  if (rename(newPath.c_str(), path.c_str()) != 0) {
+    const Failure failure = systemFailure("replace", path);
     unlink(newPath.c_str());
     return failure;
   }
+  if (fsync(folder.get()) != 0) return systemFailure("write", folderPath);
+  return std::nullopt;
+}
+
+std::optional<Failure> createRegularFile(const std::string& path, std::string_view content,
+                                         unsigned mode) {
+  const std::string folderPath = folderOf(path);
+  const Descriptor folder = openFolder(folderPath);
+  if (!folder) return systemFailure("open", folderPath);
+  if (auto failure = writeNewFile(path, folder.get(), content, mode)) return failure;
   if (fsync(folder.get()) != 0) return systemFailure("write", folderPath);
   return std::nullopt;
 }

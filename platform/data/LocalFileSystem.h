@@ -22,11 +22,17 @@ inline constexpr std::size_t settingsFileLimit = std::size_t{4} << 20;
 // what is no regular file.
 Result<std::string> readRegularFile(const std::string& path, std::size_t limit = settingsFileLimit);
 
-// Puts a file with this content, readable by its owner only, in the place of `path`: whatever
-// happens, either the old file or the whole new one stands there. On success the change outlasts a
-// power failure. Where the superuser writes, the file goes to the folder's owner. Callers for one
-// path take turns: the new file grows under the name `path` + ".new".
-std::optional<Failure> replaceRegularFile(const std::string& path, std::string_view content);
+// Puts a file with this content, readable by its owner only unless `mode`, which the process's mask
+// narrows, says more, in the place of `path`: whatever happens, either the old file or the whole
+// new one stands there. On success the change outlasts a power failure. Where the superuser writes,
+// the file goes to the folder's owner. Callers for one path take turns: the new file grows under
+// the name `path` + ".new".
+std::optional<Failure> replaceRegularFile(const std::string& path, std::string_view content,
+                                          unsigned mode = 0600);
+// The same for a path where nothing is yet, else the failure is EEXIST. On failure nothing of it is
+// left.
+std::optional<Failure> createRegularFile(const std::string& path, std::string_view content,
+                                         unsigned mode = 0600);
 
 // Paths of the property lists (*.plist, but not hidden) in a folder, in name order. The failure is
 // the system's.

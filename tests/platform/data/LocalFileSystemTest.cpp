@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
@@ -267,6 +268,38 @@ TEST_F(LocalFileSystemTest, AFileWithoutANameSaysThatTheDiskIsFull) {
               return failure && failure->code == EFBIG ? 0 : 1;
             }),
             0);
+}
+
+TEST(RegularFile, IsMadeOnlyWhereNothingIs) {
+  const ScratchFolder scratch;
+  const std::string path = scratch.path() + "/new";
+  EXPECT_FALSE(createRegularFile(path, "one"));
+  const auto failure = createRegularFile(path, "two");
+  ASSERT_TRUE(failure);
+  EXPECT_EQ(failure->code, EEXIST);
+  EXPECT_NE(failure->message.find(path), std::string::npos);
+  EXPECT_EQ(readRegularFile(path).value(), "one");
+  ASSERT_EQ(symlink("missing", (scratch.path() + "/link").c_str()), 0);
+  EXPECT_TRUE(createRegularFile(scratch.path() + "/link", "two")) << "a link may lead anywhere";
+}
+
+TEST(RegularFile, IsItsOwnersAloneUnlessTheModeSaysMore) {
+  const ScratchFolder scratch;
+  const auto modeOf = [&](const std::string& name) {
+    struct stat status {};
+    EXPECT_EQ(stat(scratch.path(name).c_str(), &status), 0);
+    return status.st_mode & 0777u;
+  };
+  const mode_t before = umask(0027);
+  EXPECT_FALSE(createRegularFile(scratch.path("own"), "one"));
+  EXPECT_FALSE(createRegularFile(scratch.path("shared"), "one", 0666));
+  EXPECT_FALSE(replaceRegularFile(scratch.path("replaced"), "one"));
+  EXPECT_FALSE(replaceRegularFile(scratch.path("published"), "one", 0666));
+  umask(before);
+  EXPECT_EQ(modeOf("own"), 0600u);
+  EXPECT_EQ(modeOf("shared"), 0640u);
+  EXPECT_EQ(modeOf("replaced"), 0600u);
+  EXPECT_EQ(modeOf("published"), 0640u);
 }
 
 TEST(FileStamp, TellsAChangedFileFromTheOneBefore) {
