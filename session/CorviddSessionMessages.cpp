@@ -205,9 +205,11 @@ void CorviddSession::sendMessageWithSessionInfo(Dictionary sessionInfo,
                                                 std::uint16_t category, std::uint16_t type,
                                                 std::optional<Dictionary> payload,
                                                 Reply<std::string> reply) {
+  const Ledger::Event event{_number, category, type};
   const auto newSessionID = integerAt(sessionInfo, kCorvidSessionInfoSessionID);
   if (!newSessionID || !integerAt(sessionInfo, kCorvidSessionInfoClientType)) {
     logError("sendMessageWithSessionInfo: Could not retrieve identifiers from sessionInfo");
+    _ledger->drop(event, Reason::noSessionInfo);
     return;  // the client gets no answer
   }
   setSessionID(static_cast<std::uint32_t>(*newSessionID));
@@ -221,7 +223,6 @@ void CorviddSession::sendMessageWithSessionInfo(Dictionary sessionInfo,
   logDebug("sendMessageWithSessionInfo: Sending message with session info for session {}",
            sessionID());
 
-  const Ledger::Event event{_number, category, type};
   const auto found = _sessionDelegate->storebagForSession(*this);
   if (!found || !found.value())
     _ledger->drop(event, _sessionDelegate->whyNoStorebagForSession(*this));

@@ -155,8 +155,8 @@ class Scenario : RandomInputs {
     ++_accepted;
   }
   void sendSingle(FakeConnection& client) {
-    Dictionary info = sessionInfo();
-    const auto type = static_cast<std::int32_t>(*integerAt(info, kCorvidSessionInfoClientType));
+    Dictionary info = oneIn(10) ? Dictionary() : sessionInfo();
+    const std::int32_t type = int32At(info, kCorvidSessionInfoClientType);
     _hasSentSingles = true;
     RecordedReply<std::string> reply;
     sessionOf(client).sendMessageWithSessionInfo(std::move(info), userInfo(), 4, 2, payload(),

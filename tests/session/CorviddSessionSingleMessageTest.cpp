@@ -27,6 +27,11 @@ class CorviddSessionSingleMessageTest : public SessionTest {
     CorviddSession::sendMessageWithSessionInfo(info, userInfo ? shared(*userInfo) : nullptr,
                                                storebag, 1, 2, nullptr, creator());
   }
+  std::uint64_t dropped(Reason reason) const {
+    const Balance balance = agent->ledger()->totals().balance;
+    EXPECT_EQ(balance.accepted, balance.droppedInAll());
+    return balance.dropped[static_cast<std::size_t>(reason)];
+  }
 };
 
 TEST_F(CorviddSessionSingleMessageTest, WithoutAnIdentifierTheClientGetsNoAnswer) {
@@ -155,6 +160,19 @@ TEST_F(CorviddSessionSingleMessageTest, WithoutBackendsIsStillFinished) {
   EXPECT_THAT(
       platform.log.texts(LogLevel::error),
       ElementsAre("sendMessageWithSessionInfo: No backends available to send single message"));
+}
+
+TEST_F(CorviddSessionSingleMessageTest, CountsOnceWhereNothingTakesIt) {
+  sendSingle({});
+  EXPECT_EQ(dropped(Reason::noSessionInfo), 1u);
+  sendSingle(identifiers);
+  EXPECT_EQ(dropped(Reason::storebagUnreachable), 1u);
+  agent->storebag = Dictionary{};
+  sendSingle(identifiers);
+  EXPECT_EQ(dropped(Reason::noBackendMade), 1u) << "no table of backends";
+  table.emplace();
+  sendSingle(identifiers);
+  EXPECT_EQ(dropped(Reason::noBackendMade), 2u) << "an empty one";
 }
 
 TEST_F(CorviddSessionSingleMessageTest, WithoutBackendsTheUserInfoIsNotWarnedAbout) {
