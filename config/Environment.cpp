@@ -1,5 +1,7 @@
 #include "config/Environment.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <array>
 #include <limits>
@@ -10,6 +12,7 @@
 #include "base/Reading.h"
 #include "base/Text.h"
 #include "config/DeviceInformation.h"
+#include "config/StorebagSerials.h"
 #include "platform/Platform.h"
 
 namespace corvid {
@@ -56,6 +59,11 @@ std::optional<std::string> unlessEmpty(std::string_view text) {
   return text.empty() ? std::nullopt : std::optional<std::string>(text);
 }
 
+const Dictionary* sectionNamed(const Dictionary& storebag, CorvidEnvironmentType type) {
+  const auto name = environmentNameForType(type);
+  return name ? dictionaryAt(storebag, *name) : nullptr;
+}
+
 constexpr auto internalType = static_cast<std::uint32_t>(CorvidEnvironmentType::internal);
 constexpr auto releaseType = static_cast<std::uint32_t>(CorvidEnvironmentType::release);
 
@@ -86,20 +94,34 @@ Sourced<std::uint32_t> userDefaultsEnvironment() {
 
 // The current environment's section, or nullptr after one error line.
 const Dictionary* currentSection(const Dictionary& storebag, std::int32_t clientType) {
-  const CorvidEnvironmentType environment = currentEnvironment();
-  std::optional<std::string> key = environmentNameForType(environment);
-  const Dictionary* section = key ? dictionaryAt(storebag, *key) : nullptr;
-  if (section == nullptr && environment == CorvidEnvironmentType::seed) {
+  CorvidEnvironmentType environment = currentEnvironment();
+  if (environment == CorvidEnvironmentType::seed && !sectionNamed(storebag, environment)) {
     logWarning(
         "fetchStorebagForEnvironmentAndClientType: Seed section is missing in the storebag.");
-    key = environmentNameForType(CorvidEnvironmentType::release);
-    section = dictionaryAt(storebag, *key);
+    environment = CorvidEnvironmentType::release;
   }
+  const Dictionary* const section = sectionNamed(storebag, environment);
   if (section == nullptr)
     logError(
         "fetchStorebagForEnvironmentAndClientType: Could not find storebag for client type {} with {} environment",
-        clientType, orNull(key));
+        clientType, orNull(environmentNameForType(environment)));
   return section;
+}
+
+// What the device does with a storebag that is older than one it has seen.
+std::optional<StorebagFault> refusalOfOlder(const std::optional<std::string>& name,
+                                            std::int32_t clientType, const Dictionary& storebag) {
+  if (!name || !Platform::current().deployment()->refuseOlderStorebags) return std::nullopt;
+  const std::int64_t serial = serialOf(storebag);
+  const std::int64_t highest = highestSerialSeen(*name);
+  if (serial >= highest) {
+    noteSerial(*name, serial);
+    return std::nullopt;
+  }
+  logError(
+      "fetchStorebagForEnvironmentAndClientType: The storebag for client type {} has serial {}, and {} was seen; it is not used",
+      clientType, serial, highest);
+  return StorebagFault{Reason::storebagOlder, fmt::format("serial {}, below {}", serial, highest)};
 }
 
 }  // namespace
@@ -127,6 +149,19 @@ std::optional<std::string> environmentNameForType(CorvidEnvironmentType type) {
   return index < environmentNames.size() ? unlessEmpty(environmentNames[index]) : std::nullopt;
 }
 
+std::optional<CorvidEnvironmentType> environmentTypeNamed(std::string_view name) {
+  const auto* const found = std::ranges::find(environmentNames, name);
+  if (name.empty() || found == environmentNames.end()) return std::nullopt;
+  return static_cast<CorvidEnvironmentType>(found - environmentNames.begin());
+}
+
+const Dictionary* sectionForEnvironment(const Dictionary& storebag, CorvidEnvironmentType type) {
+  const Dictionary* const section = sectionNamed(storebag, type);
+  return section || type != CorvidEnvironmentType::seed
+             ? section
+             : sectionNamed(storebag, CorvidEnvironmentType::release);
+}
+
 CorvidEnvironmentType currentEnvironment() {
   return static_cast<CorvidEnvironmentType>(
       Platform::current().environmentType.get(userDefaultsEnvironment).value);
@@ -149,8 +184,8 @@ FetchedStorebag fetchStorebagForEnvironmentAndClientType(
     return {.fault = StorebagFault{Reason::unknownClientType}};
   }
   // Without a name the server is asked all the same; only client type 0 is known to have nothing.
-  FetchedStorebag fetched =
-      fetchStorebagWithName(storebagNameForClientType(clientType), lastModified);
+  const auto name = storebagNameForClientType(clientType);
+  FetchedStorebag fetched = fetchStorebagWithName(name, lastModified);
   if (!fetched.storebag) {
     if (!fetched.notModified)
       logError(
@@ -159,6 +194,11 @@ FetchedStorebag fetchStorebagForEnvironmentAndClientType(
     return fetched;
   }
   const Dictionary whole = *std::exchange(fetched.storebag, std::nullopt);
+  if (auto refusal = fetched.fault ? std::nullopt : refusalOfOlder(name, clientType, whole)) {
+    fetched.fault = std::move(refusal);
+    fetched.lastModified.reset();  // the next attempt shall not be told that nothing has changed
+    return fetched;
+  }
   const Dictionary* section = currentSection(whole, clientType);
   if (section == nullptr) {
     fetched.fault = {Reason::noSectionForEnvironment,

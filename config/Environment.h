@@ -29,6 +29,12 @@ std::optional<std::int32_t> clientTypeNamed(std::string_view name);
 // The storebag section of an environment; nothing for none.
 std::optional<std::string> environmentNameForType(CorvidEnvironmentType type);
 
+// The environment of that section; nothing for other names.
+std::optional<CorvidEnvironmentType> environmentTypeNamed(std::string_view name);
+// The section of a whole storebag that serves an environment, seed that of release where it has
+// none; nullptr where there is none.
+const Dictionary* sectionForEnvironment(const Dictionary& storebag, CorvidEnvironmentType type);
+
 // The process's environment: the preference "environmentType", else by the kind of build. Computed
 // once per process.
 CorvidEnvironmentType currentEnvironment();

@@ -10,9 +10,8 @@
 #include "base/Log.h"
 #include "base/Reading.h"
 #include "config/DeviceInformation.h"
+#include "config/PublicKeys.h"
 #include "platform/Platform.h"
-#include "platform/data/Crypto.h"
-#include "platform/data/PropertyList.h"
 
 namespace corvid {
 
@@ -43,31 +42,28 @@ Dictionary fallbackStorebag() {
           {"refresh_cycle", 3600}};
 }
 
-std::string readPublicKey() {
+// What is wrong with a key that is too weak, or with a further one, is told at each fetch.
+std::vector<RSAPublicKey> publicKeys() {
   Platform& platform = Platform::current();
-  const std::string& path = platform.paths().publicKeyFile;
-  auto content = platform.files().readFile(path, publicKeyLimit);
-  if (!content) return {};
-  const auto key = RSAPublicKey::fromDER(content.value());
-  if (!key && key.failure().code == EKEYREJECTED)
-    logError("fetchStorebagWithName: {} is {}; no storebag is accepted with it", path,
-             key.failure().message);
-  return std::move(content).value();
-}
-
-const Dictionary* dictionaryIn(const Result<Value>& parsed) {
-  return parsed ? parsed.value().dictionary() : nullptr;
-}
-
-bool verifyStorebagSignature(const RSAPublicKey& key, std::string_view bag,
-                             std::string_view signature) {
-  return key.verifies(sha1(bag), signature);
+  const std::string& main = platform.paths().publicKeyFile;
+  PublicKeys keys = readPublicKeys(platform.files(), platform.paths());
+  for (const PublicKeys::Fault& fault : keys.faults)
+    if (fault.path != main)
+      logError("fetchStorebagWithName: {} is passed over: {}", fault.path, fault.what);
+    else if (fault.code == EKEYREJECTED)
+      logError("fetchStorebagWithName: {} is {}; no storebag is accepted with it", fault.path,
+               fault.what);
+  return std::move(keys.usable);
 }
 
 }  // namespace
 
 std::string storebagServerURL() {
   return Platform::current().storebagServerURL.get(computeStorebagServerURL);
+}
+
+EnvelopeRules rulesOfDeployment() {
+  return {.requiresSHA256 = Platform::current().deployment()->requireSHA256Signature};
 }
 
 std::string storebagURL(const std::optional<std::string>& name) {
@@ -95,7 +91,7 @@ FetchedStorebag fetchStorebagWithName(const std::optional<std::string>& name,
 
   FetchedStorebag fetched;
   fetched.url = url;
-  const HTTPOutcome outcome =
+  HTTPOutcome outcome =
       performAndWait(Platform::current().http(), storebagRequest(url, lastModified));
   if (!outcome.response) {
     const std::string_view reason =
@@ -110,7 +106,7 @@ FetchedStorebag fetchStorebagWithName(const std::optional<std::string>& name,
     return fetched;
   }
 
-  const HTTPResponse& response = *outcome.response;
+  HTTPResponse& response = *outcome.response;
   fetched.maxAge = maxAgeFromCacheControl(response.header("Cache-Control").value_or(std::string()));
   if (std::optional<std::string> received = response.header("Last-Modified")) {
     // No status code tells that the caller's storebag still holds: an empty body does.
@@ -122,9 +118,12 @@ FetchedStorebag fetchStorebagWithName(const std::optional<std::string>& name,
     logDebug("fetchStorebagWithName: New 'Last-Modified: {}' received", *received);
     fetched.lastModified = std::move(received);
   }
-  OpenedEnvelope opened = openEnvelope(response.body, readPublicKey());
+  OpenedEnvelope opened = openEnvelope(response.body, publicKeys(), rulesOfDeployment());
+  logRefusal(opened);
   if (!opened.storebag)
     fetched.fault = {opened.reason, fmt::format("status {}: {}", response.status, opened.lack)};
+  else if (Platform::current().deployment()->keepStorebags)
+    fetched.envelope = std::move(response.body);
   fetched.storebag = std::move(opened.storebag);
   fetched.key = opened.key;
   return fetched;
@@ -144,45 +143,6 @@ std::int32_t maxAgeFromCacheControl(std::string_view header) {
     found = component == "max-age";
     header.remove_prefix(end + 1);
   }
-}
-
-OpenedEnvelope openEnvelope(std::string_view envelope, std::string_view publicKeyDER) {
-  const auto malformed = [](std::string_view lack) {
-    return OpenedEnvelope{.reason = Reason::storebagMalformed, .lack = lack};
-  };
-  const auto unverified = [](std::string_view lack) {
-    return OpenedEnvelope{.reason = Reason::storebagUnverified, .lack = lack};
-  };
-  const Result<Value> parsed = parsePropertyList(envelope);
-  if (!parsed)
-    logError("fetchStorebagWithName: propertyListWithData error {}", parsed.failure().message);
-
-  const Dictionary* fields = dictionaryIn(parsed);
-  const std::string* signatureText = fields ? stringAt(*fields, "signature") : nullptr;
-  if (signatureText == nullptr) {
-    logError("fetchStorebagWithName: Signature is missing");
-    if (!fields) return malformed("the body is no dictionary");
-    return fields->contains("bag") ? unverified("it has no signature")
-                                   : malformed("it lacks \"bag\"");
-  }
-  const Result<RSAPublicKey> key = RSAPublicKey::fromDER(publicKeyDER);
-  if (!key) return unverified("this device has no usable key");
-  const auto signature = base64DecodeIgnoringUnknownCharacters(*signatureText);
-  if (!signature) return unverified("its signature is no Base64");
-  const std::string* bagText = stringAt(*fields, "bag");
-  if (bagText == nullptr) return malformed("it lacks \"bag\"");
-  const auto bag = base64DecodeIgnoringUnknownCharacters(*bagText);
-  if (!bag) return malformed("its \"bag\" is no Base64");
-
-  if (!verifyStorebagSignature(key.value(), *bag, *signature)) {
-    logError("fetchStorebagWithName: Signature can not be verified, {:#018x}",
-             key.value().fingerprint());
-    return unverified("no key of this device verifies its signature");
-  }
-  const Result<Value> storebag = parsePropertyList(*bag);
-  const Dictionary* content = dictionaryIn(storebag);
-  if (!content) return malformed("its \"bag\" is no dictionary");
-  return {.storebag = *content, .key = key.value().fingerprint()};
 }
 
 }  // namespace corvid

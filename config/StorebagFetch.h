@@ -8,13 +8,11 @@
 #include <string_view>
 
 #include "base/Value.h"
+#include "config/StorebagEnvelope.h"
 #include "platform/HTTPClient.h"
 #include "protocol/Reason.h"
 
 namespace corvid {
-
-// A longer public key file counts as none.
-inline constexpr std::size_t publicKeyLimit = std::size_t{16} << 10;
 
 // Why a fetch brought none.
 struct StorebagFault {
@@ -31,12 +29,16 @@ struct FetchedStorebag {
   std::optional<std::string> lastModified{};  // a new one from the server
   std::string url{};                          // that was asked
   std::optional<std::uint64_t> key{};         // fingerprint of the one that verified it
+  std::string envelope{};                     // that it came in, where storebags are kept
   std::optional<StorebagFault> fault{};       // why nothing came of it, or only a fallback
 };
 
 // Base URL of the storebag server, without a trailing slash; computed once per process, and anew
 // when the deployment is another.
 std::string storebagServerURL();
+
+// What the deployment demands of signatures.
+EnvelopeRules rulesOfDeployment();
 
 // Where the storebag of that name is; an absent one is "(null)". And the request for it, which asks
 // for a newer one than `lastModified`, if there is one.
@@ -59,24 +61,5 @@ inline constexpr std::int32_t defaultMaxAge = 86400;
 // `defaultMaxAge` where nothing stands there at all or the header is empty. Saturates at the ends
 // of its type.
 std::int32_t maxAgeFromCacheControl(std::string_view header);
-
-struct OpenedEnvelope {
-  std::optional<Dictionary> storebag{};
-  std::optional<std::uint64_t> key{};         // fingerprint of the one that verified it
-  Reason reason = Reason::storebagMalformed;  // where there is no storebag
-  std::string_view lack{};                    // the same for people
-};
-
-// Opens an envelope: a property list whose "bag" (Base64 of a property list) must be the one that
-// its "signature" (Base64, RSA PKCS#1 v1.5 over SHA-1) was made for with the private half of the
-// key. `publicKeyDER` is the key file's content, empty without one.
-//
-// Nothing comes back unless the signature holds. Only a damaged envelope, a missing signature and
-// one that does not fit are logged. Any thread.
-OpenedEnvelope openEnvelope(std::string_view envelope, std::string_view publicKeyDER);
-inline std::optional<Dictionary> storebagFromEnvelope(std::string_view envelope,
-                                                      std::string_view publicKeyDER) {
-  return openEnvelope(envelope, publicKeyDER).storebag;
-}
 
 }  // namespace corvid

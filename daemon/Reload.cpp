@@ -10,8 +10,7 @@
 #include <vector>
 
 #include "base/Log.h"
-#include "config/StorebagFetch.h"
-#include "platform/data/Crypto.h"
+#include "config/PublicKeys.h"
 #include "platform/data/LocalFileSystem.h"
 
 namespace corvid {
@@ -41,7 +40,7 @@ void Reload::run() {
   const auto fault = _effects.readDeviceAnswers();
   say(_paths.deviceFile,
       fault ? std::optional(without(_paths.deviceFile, fault->message)) : std::nullopt);
-  say(_paths.publicKeyFile, readPublicKey());
+  sayPublicKeys();
   _effects.forgetPauses();
 }
 
@@ -82,13 +81,16 @@ std::optional<std::string> Reload::closedTo(const Deployment& deployment) const 
   return "it asks for TCP ports that were closed at the start, which needs a restart";
 }
 
-// Each fetch reads it for itself; here it is looked at before somebody waits for one.
-std::optional<std::string> Reload::readPublicKey() const {
-  const Result<std::string> content = readRegularFile(_paths.publicKeyFile, publicKeyLimit);
-  if (!content) return without(_paths.publicKeyFile, content.failure().message);
-  const auto key = RSAPublicKey::fromDER(content.value());
-  if (!key) return key.failure().message;
-  return std::nullopt;
+// Each fetch reads them for itself; here they are looked at before somebody waits for one.
+void Reload::sayPublicKeys() const {
+  LocalFileSystem files;
+  const PublicKeys keys = readPublicKeys(files, _paths);
+  for (const std::string& file : keys.files) say(file, std::nullopt);
+  for (const PublicKeys::Fault& fault : keys.faults) {
+    const bool hasOthers =
+        fault.path == _paths.publicKeyFile && fault.code == ENOENT && !keys.usable.empty();
+    if (!hasOthers) say(fault.path, fault.what);
+  }
 }
 
 }  // namespace corvid

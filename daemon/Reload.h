@@ -13,9 +13,9 @@
 
 namespace corvid {
 
-// Reads the deployment, the device's answers and the public key anew. What is sound holds from then
-// on, which one info line a file says; of a file that is not, what was in force stays, which one
-// error line says:
+// Reads the deployment, the device's answers and the public keys anew. What is sound holds from
+// then on, which one info line a file says; of a file that is not, what was in force stays, which
+// one error line says:
 //   "reload: FILE: what; keeping what was in force"
 // Sessions, batches and storebags are kept.
 //
@@ -42,9 +42,9 @@ class Reload {
   void end() EXCLUDES(_mutex);
 
  private:
-  // Each gives why the file is not used.
+  // Why the file is not used.
   std::optional<std::string> reloadDeployment();
-  std::optional<std::string> readPublicKey() const;
+  void sayPublicKeys() const;
   std::optional<std::string> closedTo(const Deployment& deployment) const;
 
   const Paths _paths;

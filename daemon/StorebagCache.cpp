@@ -5,6 +5,7 @@
 
 #include "base/Log.h"
 #include "config/Environment.h"
+#include "config/KeptStorebags.h"
 #include "platform/Platform.h"
 
 namespace corvid {
@@ -14,6 +15,20 @@ namespace {
 double secondsNow() { return Platform::current().clock().now().asDouble(); }
 
 double ageOf(double time) { return std::abs(secondsNow() - time); }
+
+// A storebag that no server has sent.
+bool isFallback(const FetchedStorebag& fetched) {
+  return fetched.storebag && fetched.version && fetched.fault;
+}
+
+bool keepsStorebags() { return Platform::current().deployment()->keepStorebags; }
+
+std::int32_t withJitter(std::int32_t age) {
+  Platform& platform = Platform::current();
+  const double jitter = platform.deployment()->refreshJitter;
+  if (jitter <= 0 || age <= 0) return age;
+  return static_cast<std::int32_t>(age * (1 - jitter * platform.random().uniform()));
+}
 
 bool isPause(double failureTime) {
   return ageOf(failureTime) < StorebagCache::secondsBetweenAttempts;
@@ -39,6 +54,7 @@ StorebagCache::Standing StorebagCache::standing(std::int32_t clientType, std::ui
 
 Result<std::optional<Dictionary>> StorebagCache::storebag(std::int32_t clientType,
                                                           std::uint32_t user) {
+  takeKept(clientType);
   switch (standing(clientType, user)) {
     case Standing::fresh:
       logDebug("storebagForSession: Cached storebag found for client type {}", clientType);
@@ -81,8 +97,17 @@ Result<std::optional<Dictionary>> StorebagCache::fetchAndCacheStorebag(std::int3
     _board->set(*name, std::move(standing));
   }
   FetchedStorebag fetched = _fetch(clientType, record.lastModified);
+  if (isFallback(fetched) && record.data && !record.isFallback && keepsStorebags()) {
+    fetched.storebag.reset();  // the kept one goes on
+    fetched.version.reset();
+  }
+  fetched.maxAge = withJitter(fetched.maxAge);
   const bool isUsable = fetched.storebag && fetched.version;
-  if (name) showOnBoard(*name, fetched, isUsable || fetched.notModified, isUsable);
+  const double time = secondsNow();
+  if (name) {
+    showOnBoard(*name, fetched, isUsable || fetched.notModified, isUsable, time);
+    if (isUsable || (fetched.notModified && record.data)) keepStorebag(*name, fetched, time);
+  }
   if (fetched.storebag && !fetched.version) return Failure{"the storebag has no version"};
   logDebug("fetchAndCacheStorebag: Storebag max age: {} seconds", fetched.maxAge);
 
@@ -90,10 +115,11 @@ Result<std::optional<Dictionary>> StorebagCache::fetchAndCacheStorebag(std::int3
   if (!successful)
     logError("fetchAndCacheStorebag: Unable to fetch storebag for client type {}", clientType);
   if (fetched.storebag) {
+    record.isFallback = isFallback(fetched);
     record.data = std::move(fetched.storebag);
     record.version = std::move(fetched.version);
   }
-  record.fetchTime = secondsNow();
+  record.fetchTime = time;
   record.fetchState = successful ? FetchState::successful : FetchState::failure;
   record.maxAge = fetched.maxAge;
   if (fetched.lastModified) record.lastModified = std::move(fetched.lastModified);
@@ -106,19 +132,35 @@ Result<std::optional<Dictionary>> StorebagCache::fetchAndCacheStorebag(std::int3
   return (_cachedStorebags[*name] = std::move(record)).data;
 }
 
+void StorebagCache::takeKept(std::int32_t clientType) {
+  const auto name = storebagNameForClientType(clientType);
+  if (!name || _cachedStorebags.contains(*name)) return;
+  std::optional<KeptStorebag> kept = keptStorebag(clientType);
+  if (!kept) return;
+  FetchedStorebag& fetched = kept->fetched;
+  showOnBoard(*name, fetched, true, true, kept->fetchTime);
+  _cachedStorebags[*name] = {.data = std::move(fetched.storebag),
+                             .version = std::move(fetched.version),
+                             .fetchTime = kept->fetchTime,
+                             .fetchState = FetchState::successful,
+                             .maxAge = fetched.maxAge,
+                             .lastModified = std::move(fetched.lastModified),
+                             .isFallback = false};
+}
+
 void StorebagCache::showOnBoard(const std::string& name, const FetchedStorebag& fetched,
-                                bool successful, bool replaced) const {
+                                bool successful, bool replaced, double time) const {
   StorebagStanding standing = _board->of(name);
   standing.isBeingFetched = false;
   standing.url = fetched.url;
   standing.fault = fetched.fault;
-  standing.lastAttempt = secondsNow();
+  standing.lastAttempt = time;
   if (successful) {
     standing.validSince = standing.lastAttempt;
     standing.maxAge = fetched.maxAge;
   }
   if (replaced) {
-    standing.isFallback = fetched.fault.has_value();
+    standing.isFallback = isFallback(fetched);
     standing.version = fetched.version;
     standing.key = fetched.key;
   }

@@ -37,7 +37,8 @@ class StorebagCache {
   // clients of such types get nothing either until the time between attempts has passed.
   Result<std::optional<Dictionary>> storebag(std::int32_t clientType, std::uint32_t user);
   // Whether it would be fetched now.
-  bool wouldFetch(std::int32_t clientType, std::uint32_t user) const {
+  bool wouldFetch(std::int32_t clientType, std::uint32_t user) {
+    takeKept(clientType);
     return standing(clientType, user) == Standing::toBeFetched;
   }
   // The version that belongs to it. Never fetches.
@@ -56,14 +57,17 @@ class StorebagCache {
     FetchState fetchState;                    // "StorebagFetchState"
     std::int32_t maxAge;                      // "StorebagMaxAge", seconds
     std::optional<std::string> lastModified;  // "StorebagLastModified", for the next fetch
+    bool isFallback;                          // the data came from no server
   };
 
+  // The record of the storebag that outlasted an earlier process, where there is no other.
+  void takeKept(std::int32_t clientType);
   Standing standing(std::int32_t clientType, std::uint32_t user) const;
   Result<std::optional<Dictionary>> fetchAndCacheStorebag(std::int32_t clientType,
                                                           std::uint32_t user);
   void noteNamelessFailure(std::uint32_t user);
   void showOnBoard(const std::string& name, const FetchedStorebag& fetched, bool successful,
-                   bool replaced) const;
+                   bool replaced, double time) const;
 
   const Fetch _fetch;
   const std::shared_ptr<StorebagBoard> _board;

@@ -24,10 +24,12 @@ struct Paths {
   std::string localeFile = root + "/etc/locale.conf";
   std::string resourceFolder = root + "/usr/share/corvid";
   std::string publicKeyFile = resourceFolder + "/publicKey.der";
+  std::string furtherKeysFolder = root + "/etc/corvid/keys.d";
   std::string infoFile = resourceFolder + "/Info.plist";
   std::string sandboxFolder = resourceFolder + "/sandbox";
   std::string home = root + "/var/lib/corvidd";
   std::string preferencesFolder = home + "/Preferences";
+  std::string storebagsFolder = home + "/Storebags";
   std::string performanceBundle = root + "/usr/lib/corvid/PerformanceBundle.so";
   std::string journalSocket = root + "/run/systemd/journal/socket";
 };

@@ -11,6 +11,8 @@
 #include "base/Reading.h"
 #include "base/URL.h"
 #include "config/Environment.h"
+#include "config/PublicKeys.h"
+#include "config/StorebagEnvelope.h"
 #include "config/StorebagFetch.h"
 #include "daemon/check/Inspection.h"
 #include "daemon/check/LookingPlatform.h"
@@ -74,23 +76,6 @@ std::set<std::string> addressesIn(const Dictionary& section) {
   return addresses;
 }
 
-// Why no storebag came of an answer.
-std::string faultOfAnswer(const std::string& body) {
-  const Result<Dictionary> envelope = parseDictionary(body);
-  if (!envelope) return "no storebag: " + envelope.failure().message;
-  if (!stringAt(envelope.value(), "signature")) return "a storebag without a signature";
-  if (!stringAt(envelope.value(), "bag")) return "a signature without a storebag";
-  return "a storebag that the public key does not verify, or that is no property list";
-}
-
-// The section in force, where the storebag has one.
-const Dictionary* sectionOf(const Dictionary& storebag, const std::string& environment) {
-  const Dictionary* section = dictionaryAt(storebag, environment);
-  const bool fallsBack = environment == environmentNameForType(CorvidEnvironmentType::seed);
-  if (section || !fallsBack) return section;
-  return dictionaryAt(storebag, *environmentNameForType(CorvidEnvironmentType::release));
-}
-
 // The addresses that the storebag leads to.
 std::set<std::string> checkStorebag(const std::string& name, const HTTPOutcome& outcome,
                                     Inspection& it) {
@@ -105,16 +90,18 @@ std::set<std::string> checkStorebag(const std::string& name, const HTTPOutcome& 
     it.found.note(url, fmt::format("the server has no storebag {} (404)", name));
     return {};
   }
-  const auto key = readRegularFile(it.paths.publicKeyFile, publicKeyLimit);
-  const auto storebag =
-      storebagFromEnvelope(outcome.response->body, key ? key.value() : std::string());
+  LocalFileSystem files;
+  const OpenedEnvelope opened = openEnvelope(
+      outcome.response->body, readPublicKeys(files, it.paths).usable, rulesOfDeployment());
+  const auto& storebag = opened.storebag;
   if (!storebag) {
-    it.found.wrong(
-        url, fmt::format("the answer, {}, is {}", status, faultOfAnswer(outcome.response->body)));
+    it.found.wrong(url, fmt::format("the answer, {}, is no storebag for this device: {}", status,
+                                    opened.parseError.value_or(std::string(opened.lack))));
     return {};
   }
   const std::string environment = currentEnvironmentName().value.value_or("");
-  const Dictionary* section = sectionOf(*storebag, environment);
+  const auto type = environmentTypeNamed(environment);
+  const Dictionary* section = type ? sectionForEnvironment(*storebag, *type) : nullptr;
   if (!section) {
     it.found.wrong(url, fmt::format("has no section for the environment {}", environment));
     return {};

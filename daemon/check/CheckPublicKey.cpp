@@ -1,10 +1,10 @@
-// The key that storebags are signed with: its public half belongs here, and nothing else.
+// The keys that storebags are signed with: their public halves belong here, and nothing else.
 #include <fmt/format.h>
 
 #include <cerrno>
 #include <filesystem>
 
-#include "config/StorebagFetch.h"
+#include "config/PublicKeys.h"
 #include "daemon/check/Inspection.h"
 #include "platform/data/Crypto.h"
 #include "platform/data/LocalFileSystem.h"
@@ -37,26 +37,15 @@ std::string movingPrivateKey(const std::string& path) {
                      shellWord(path), key, installing(path, "openssl pkey -in " + key));
 }
 
-}  // namespace
-
-void checkPublicKey(Inspection& it) {
-  const std::string& path = it.paths.publicKeyFile;
-  const Result<std::string> content = readRegularFile(path, publicKeyLimit);
-  if (!content && content.failure().code == EACCES) return it.reportUnreadable(path);
-  if (!content)
-    return it.found.wrong(
-        path,
-        content.failure().message +
-            ", so no storebag is accepted; install the public half of the key that "
-            "they are signed with, or make a new pair",
-        it.asRoot(makingNewPair(path)));
-  const auto key = RSAPublicKey::fromDER(content.value());
+// What a file holds that should be a key.
+void checkKey(const std::string& path, const std::string& content, Inspection& it) {
+  const auto key = RSAPublicKey::fromDER(content);
   if (key) return it.found.right(path, "an RSA public key");
   if (key.failure().code == EKEYREJECTED)
     return it.found.wrong(
         path, key.failure().message + "; sign the storebags with a new pair's private key",
         it.asRoot(makingNewPair(path)));
-  switch (keyFormOf(content.value())) {
+  switch (keyFormOf(content)) {
     case KeyForm::privateKey:
       return it.found.wrong(path,
                             "no RSA public key in DER form but a private one, in a file for "
@@ -76,6 +65,47 @@ void checkPublicKey(Inspection& it) {
           "public half of the key that they are signed with, or make a new pair",
           it.asRoot(makingNewPair(path)));
   }
+}
+
+// Whether there is a key in the folder for further ones.
+bool checkFurtherKeys(Inspection& it) {
+  LocalFileSystem files;
+  const std::string& folder = it.paths.furtherKeysFolder;
+  const auto names = files.listDirectory(folder);
+  if (!names && names.failure().code != ENOENT) it.reportUnreadable(folder);
+  if (!names) return false;
+  bool hasKey = false;
+  for (const std::string& name : names.value()) {
+    const std::string path = fmt::format("{}/{}", folder, name);
+    const Result<std::string> content = readRegularFile(path, publicKeyLimit);
+    if (name.starts_with('.') || !name.ends_with(".der"))
+      it.found.wrong(path, "is not read: keys in this folder are files *.der");
+    else if (!content && content.failure().code == EACCES)
+      it.reportUnreadable(path);
+    else if (!content)
+      it.found.wrong(path, content.failure().message + ", so it is passed over");
+    else
+      checkKey(path, content.value(), it);
+    hasKey = hasKey || (content && RSAPublicKey::fromDER(content.value()));
+  }
+  return hasKey;
+}
+
+}  // namespace
+
+void checkPublicKey(Inspection& it) {
+  const std::string& path = it.paths.publicKeyFile;
+  const bool hasOthers = checkFurtherKeys(it);
+  const Result<std::string> content = readRegularFile(path, publicKeyLimit);
+  if (content) return checkKey(path, content.value(), it);
+  if (content.failure().code == EACCES) return it.reportUnreadable(path);
+  if (hasOthers && content.failure().code == ENOENT)
+    return it.found.note(path, "missing: storebags are taken by the further keys alone");
+  it.found.wrong(path,
+                 content.failure().message +
+                     ", so no storebag is accepted; install the public half of the key that "
+                     "they are signed with, or make a new pair",
+                 it.asRoot(makingNewPair(path)));
 }
 
 }  // namespace corvid

@@ -27,6 +27,9 @@ std::vector<std::string> filesThatTheDaemonReads(const Paths& paths) {
   for (const std::string* folder : {&paths.entitlementsFolder, &paths.preferencesFolder})
     if (const auto lists = propertyListsIn(*folder))
       files.insert(files.end(), lists.value().begin(), lists.value().end());
+  if (const auto keys = LocalFileSystem().listDirectory(paths.furtherKeysFolder))
+    for (const std::string& name : keys.value())
+      files.push_back(paths.furtherKeysFolder + "/" + name);
   if (const auto deployment = readDeployment(paths.deploymentFile);
       deployment && deployment.value().caFile)
     files.push_back(*deployment.value().caFile);

@@ -47,6 +47,11 @@ const EVP_MD* sha1Algorithm() {
   return algorithm;
 }
 
+const EVP_MD* sha256Algorithm() {
+  static const EVP_MD* const algorithm = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+  return algorithm;
+}
+
 // Refusals stay out of the thread's error queue, which other users of the library read.
 class ErrorQueueMark {
  public:
@@ -67,10 +72,7 @@ Owned<EVP_PKEY> decodeWhole(std::string_view der, Decode decode) {
 }  // namespace
 
 SHA1Digest sha1(std::string_view bytes) { return digest<20>(sha1Algorithm(), bytes); }
-SHA256Digest sha256(std::string_view bytes) {
-  static const EVP_MD* const algorithm = EVP_MD_fetch(nullptr, "SHA256", nullptr);
-  return digest<32>(algorithm, bytes);
-}
+SHA256Digest sha256(std::string_view bytes) { return digest<32>(sha256Algorithm(), bytes); }
 
 SHA256Digest hmacSHA256(std::string_view key, std::string_view message) {
   SHA256Digest code;
@@ -129,11 +131,20 @@ std::uint64_t RSAPublicKey::fingerprint() const {
 }
 
 bool RSAPublicKey::verifies(const SHA1Digest& digest, std::string_view signature) const {
+  return verifies(sha1Algorithm(), digest, signature);
+}
+
+bool RSAPublicKey::verifies(const SHA256Digest& digest, std::string_view signature) const {
+  return verifies(sha256Algorithm(), digest, signature);
+}
+
+bool RSAPublicKey::verifies(const EVP_MD* algorithm, std::span<const std::uint8_t> digest,
+                            std::string_view signature) const {
   const ErrorQueueMark mark;
   const Owned<EVP_PKEY_CTX> context(EVP_PKEY_CTX_new_from_pkey(nullptr, _key.get(), nullptr));
   return context && EVP_PKEY_verify_init(context.get()) == 1 &&
          EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) == 1 &&
-         EVP_PKEY_CTX_set_signature_md(context.get(), sha1Algorithm()) == 1 &&
+         EVP_PKEY_CTX_set_signature_md(context.get(), algorithm) == 1 &&
          EVP_PKEY_verify(context.get(), bytesOf(signature), signature.size(), digest.data(),
                          digest.size()) == 1;
 }

@@ -5,11 +5,14 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
 
-struct evp_pkey_st;  // the library's
+// The library's.
+struct evp_md_st;
+struct evp_pkey_st;
 
 #include "base/Result.h"
 
@@ -35,14 +38,18 @@ class RSAPublicKey {
   // a key that is too short or of another kind, 0 for what is no key.
   static Result<RSAPublicKey> fromDER(std::string_view der);
 
-  // RSA PKCS#1 v1.5 with the SHA-1 digest identifier over a digest made before.
+  // RSA PKCS#1 v1.5 with the digest's identifier over a digest made before.
   bool verifies(const SHA1Digest& digest, std::string_view signature) const;
+  bool verifies(const SHA256Digest& digest, std::string_view signature) const;
   // Tells keys apart in log lines: the first eight bytes of the SHA-256 of its
   // SubjectPublicKeyInfo.
   std::uint64_t fingerprint() const;
 
  private:
   explicit RSAPublicKey(std::shared_ptr<evp_pkey_st> key) : _key(std::move(key)) {}
+
+  bool verifies(const evp_md_st* algorithm, std::span<const std::uint8_t> digest,
+                std::string_view signature) const;
 
   std::shared_ptr<evp_pkey_st> _key;
 };

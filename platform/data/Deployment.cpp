@@ -6,6 +6,7 @@
 #include <string_view>
 #include <utility>
 
+#include "base/Reading.h"
 #include "base/URL.h"
 #include "platform/data/LocalFileSystem.h"
 #include "platform/data/PropertyList.h"
@@ -20,8 +21,14 @@ constexpr std::string_view settings[] = {"ProductionStorebagHost",
                                          "AllowInsecureHTTP",
                                          "ConsentIsLive",
                                          "TCPPorts",
-                                         "MessageLog"};
+                                         "MessageLog",
+                                         "KeepStorebags",
+                                         "RequireSHA256Signature",
+                                         "RefuseOlderStorebags",
+                                         "RefreshJitter"};
 constexpr const char* ofWrongType = "is of the wrong type";
+
+constexpr double mostRefreshJitter = 0.5;
 
 constexpr std::uint16_t nameServicePort = 53;
 constexpr std::uint16_t httpsPort = 443;
@@ -124,6 +131,17 @@ Result<Deployment> readDeployment(const std::string& path) {
   takeFlag("AllowInsecureHTTP", deployment.allowInsecureHTTP);
   takeFlag("ConsentIsLive", deployment.consentIsLive);
   takeFlag("MessageLog", deployment.messageLog);
+  takeFlag("KeepStorebags", deployment.keepStorebags);
+  takeFlag("RequireSHA256Signature", deployment.requireSHA256Signature);
+  takeFlag("RefuseOlderStorebags", deployment.refuseOlderStorebags);
+  if (const Value* value = values.value().find("RefreshJitter")) {
+    const auto share = asNumber(value);
+    if (share && *share >= 0 && *share <= mostRefreshJitter)
+      deployment.refreshJitter = *share;
+    else
+      deployment.faults.push_back(
+          {"RefreshJitter", "takes a number from 0 to 0.5, and counts as 0"});
+  }
   if (const Value* value = values.value().find("TCPPorts")) {
     bool hasOthers = false;
     deployment.tcpPorts = portsIn(*value, hasOthers);

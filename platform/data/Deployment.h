@@ -27,6 +27,14 @@ struct Deployment {
   std::optional<std::set<std::uint16_t>> tcpPorts;
   // The local message log is written.
   bool messageLog = true;
+  // Verified storebags stay on the disk, and hold over a restart.
+  bool keepStorebags = false;
+  // A storebag's signature counts only with one over SHA-256 beside it.
+  bool requireSHA256Signature = false;
+  // A storebag's serial may not go down.
+  bool refuseOlderStorebags = false;
+  // Up to this share, 0 to 0.5, of a storebag's age is taken off, drawn for each fetch.
+  double refreshJitter = 0;
   // Settings that are passed over, and those that cannot work.
   std::vector<SettingFault> faults;
 };
@@ -39,11 +47,13 @@ std::optional<std::set<std::uint16_t>> reachableTCPPorts(const Deployment& deplo
 std::optional<Failure> faultOfCAFile(const std::string& path);
 
 // Reads the property list's "ProductionStorebagHost", "InternalStorebagHost" and "CAFile" (texts
-// that are not empty), "AllowInsecureHTTP", "ConsentIsLive" and "MessageLog" (booleans). Whatever
-// is missing or of another type stays at its default, the latter a fault; but of "TCPPorts" (an
-// array of integers) what is no port is left out, and no array counts as an empty one. Faults are
-// also unknown keys, a host that is no host[:port] and a relative CAFile. A file that cannot be
-// read, or is no dictionary, is a failure that names it; its code is ENOENT where there is none.
+// that are not empty), "AllowInsecureHTTP", "ConsentIsLive", "MessageLog", "KeepStorebags",
+// "RequireSHA256Signature" and "RefuseOlderStorebags" (booleans), and "RefreshJitter" (a number).
+// Whatever is missing or of another type stays at its default, the latter a fault; but of
+// "TCPPorts" (an array of integers) what is no port is left out, and no array counts as an empty
+// one. Faults are also unknown keys, a host that is no host[:port], a relative CAFile and a jitter
+// that is out of range, which counts as 0. A file that cannot be read, or is no dictionary, is a
+// failure that names it; its code is ENOENT where there is none.
 Result<Deployment> readDeployment(const std::string& path);
 
 }  // namespace corvid

@@ -2,7 +2,11 @@
 #pragma once
 
 #include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
+#include "platform/data/Crypto.h"
 #include "platform/data/PropertyList.h"
 #include "tests/support/SigningKeys.h"
 #include "tools/lab/StorebagSigner.h"
@@ -22,6 +26,13 @@ inline const lab::StorebagSigner& strangeSigner() {
 // A whole envelope: XML outside, the storebag as XML inside.
 inline std::string enveloped(const lab::StorebagSigner& signer, const Dictionary& storebag) {
   return signer.envelope(writeXMLPropertyList(storebag));
+}
+
+// The key, as a list; empty where it is none.
+inline std::vector<RSAPublicKey> keysOf(std::string_view der) {
+  std::vector<RSAPublicKey> keys;
+  if (auto key = RSAPublicKey::fromDER(der)) keys.push_back(std::move(key).value());
+  return keys;
 }
 
 // The key as a bare RSAPublicKey: without the 24 bytes that say what kind of key it is.

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
-#include "config/StorebagFetch.h"
+#include "base/Reading.h"
+#include "config/StorebagEnvelope.h"
 #include "platform/data/Crypto.h"
 #include "platform/data/PropertyList.h"
 #include "tests/config/Signers.h"
@@ -14,6 +15,13 @@ const Dictionary storebag{
     {"version", "7.1"},
     {"refresh_cycle", 600},
 };
+
+// As a fetch does it: what is refused is told.
+std::optional<Dictionary> storebagFromEnvelope(std::string_view envelope, std::string_view der) {
+  OpenedEnvelope opened = openEnvelope(envelope, keysOf(der));
+  logRefusal(opened);
+  return std::move(opened.storebag);
+}
 
 constexpr std::string_view signatureMissing = "fetchStorebagWithName: Signature is missing";
 
@@ -238,6 +246,58 @@ TEST_F(StorebagEnvelope, AnEnvelopePastTheLimitsIsAParseErrorAndHasNoSignature) 
     EXPECT_EQ(log.texts(LogLevel::error).size(), 2u);
     EXPECT_EQ(log.texts(LogLevel::error).back(), signatureMissing);
   }
+}
+
+TEST_F(StorebagEnvelope, AnyKeyOfTheDeviceMayVerifyIt) {
+  std::vector<RSAPublicKey> keys = keysOf(strangeSigner().publicKeyDER());
+  keys.push_back(keysOf(key).front());
+  const OpenedEnvelope opened = openEnvelope(enveloped(signer, storebag), keys);
+  EXPECT_EQ(opened.storebag, storebag);
+  EXPECT_EQ(opened.key, keys[1].fingerprint());
+}
+
+TEST_F(StorebagEnvelope, EachKeyThatRefusesIsNamed) {
+  std::vector<RSAPublicKey> keys = keysOf(strangeSigner().publicKeyDER());
+  keys.push_back(keysOf(key).front());
+  Dictionary fields = signer.envelopeFields(bag);
+  fields.set("bag", base64Encode(bag + " "));
+  logRefusal(openEnvelope(writeXMLPropertyList(fields), keys));
+  EXPECT_EQ(log.texts(LogLevel::error).size(), 2u);
+}
+
+TEST_F(StorebagEnvelope, AFurtherSignatureIsEnough) {
+  Dictionary fields = strangeSigner().envelopeFields(bag);
+  const Value ours = Dictionary{{"signature", base64Encode(signer.signature(bag))}};
+  fields.set("signatures", Array{"text", Dictionary{{"signature", 7}}, ours});
+  EXPECT_EQ(open(fields), storebag);
+  fields.set("signature", "A");
+  EXPECT_EQ(open(fields), storebag) << "though the first is no Base64";
+  fields.erase("signature");
+  EXPECT_FALSE(open(fields)) << "the first must be there";
+  fields = strangeSigner().envelopeFields(bag);
+  fields.set("signatures", ours);
+  EXPECT_FALSE(open(fields)) << "what is no array is none";
+}
+
+TEST_F(StorebagEnvelope, MoreSignaturesThanSoManyAreNotLookedAt) {
+  Dictionary fields = strangeSigner().envelopeFields(bag);
+  const Value theirs = Dictionary{{"signature", *stringAt(fields, "signature")}};
+  const Value ours = Dictionary{{"signature", base64Encode(signer.signature(bag))}};
+  Array more(mostSignatures - 2, theirs);
+  more.push_back(ours);
+  fields.set("signatures", more);
+  EXPECT_EQ(open(fields), storebag);
+  more.insert(more.begin(), theirs);
+  fields.set("signatures", more);
+  EXPECT_FALSE(open(fields));
+}
+
+TEST_F(StorebagEnvelope, WithoutTheSHA256SignatureThatIsRequiredItIsUnverified) {
+  const OpenedEnvelope opened =
+      openEnvelope(enveloped(signer, storebag), keysOf(key), {.requiresSHA256 = true});
+  EXPECT_FALSE(opened.storebag);
+  EXPECT_EQ(opened.reason, Reason::storebagUnverified);
+  EXPECT_EQ(opened.lack, "no SHA-256 signature beside the one that a key of this device verifies");
 }
 
 }  // namespace

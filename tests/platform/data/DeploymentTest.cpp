@@ -34,6 +34,10 @@ class DeploymentTest : public testing::Test {
     EXPECT_FALSE(deployment.allowInsecureHTTP);
     EXPECT_FALSE(deployment.consentIsLive);
     EXPECT_TRUE(deployment.messageLog);
+    EXPECT_FALSE(deployment.keepStorebags);
+    EXPECT_FALSE(deployment.requireSHA256Signature);
+    EXPECT_FALSE(deployment.refuseOlderStorebags);
+    EXPECT_EQ(deployment.refreshJitter, 0);
   }
 
   ScratchFolder scratch;
@@ -45,13 +49,21 @@ TEST_F(DeploymentTest, EverySettingIsRead) {
                                       {"CAFile", "/etc/ca.pem"},
                                       {"AllowInsecureHTTP", true},
                                       {"ConsentIsLive", true},
-                                      {"MessageLog", false}});
+                                      {"MessageLog", false},
+                                      {"KeepStorebags", true},
+                                      {"RequireSHA256Signature", true},
+                                      {"RefuseOlderStorebags", true},
+                                      {"RefreshJitter", 0.25}});
   EXPECT_EQ(deployment.productionStorebagHost, "bags.example:8443");
   EXPECT_EQ(deployment.internalStorebagHost, "internal.example");
   EXPECT_EQ(deployment.caFile, "/etc/ca.pem");
   EXPECT_TRUE(deployment.allowInsecureHTTP);
   EXPECT_TRUE(deployment.consentIsLive);
   EXPECT_FALSE(deployment.messageLog);
+  EXPECT_TRUE(deployment.keepStorebags);
+  EXPECT_TRUE(deployment.requireSHA256Signature);
+  EXPECT_TRUE(deployment.refuseOlderStorebags);
+  EXPECT_EQ(deployment.refreshJitter, 0.25);
   EXPECT_TRUE(deployment.faults.empty());
 }
 
@@ -72,6 +84,16 @@ TEST_F(DeploymentTest, SettingsOfAnotherTypeAndEmptyTextsCountAsAbsent) {
   EXPECT_EQ(keysOf(deployment.faults),
             (std::vector<std::string>{"ProductionStorebagHost", "CAFile", "AllowInsecureHTTP"}));
   expectDefaults(read({{"AllowInsecureHTTP", 1}, {"ConsentIsLive", 1}}));
+}
+
+TEST_F(DeploymentTest, AJitterOutOfRangeIsAFaultAndCountsAsNone) {
+  for (const Value& wrong : {Value(0.6), Value(-0.1), Value(1), Value("0.1"), Value(true)}) {
+    const Deployment deployment = read({{"RefreshJitter", wrong}});
+    EXPECT_EQ(deployment.refreshJitter, 0);
+    EXPECT_EQ(keysOf(deployment.faults), std::vector<std::string>{"RefreshJitter"});
+  }
+  EXPECT_EQ(read({{"RefreshJitter", 0.5}}).refreshJitter, 0.5);
+  EXPECT_TRUE(read({{"RefreshJitter", 0}}).faults.empty()) << "a whole number will do";
 }
 
 TEST_F(DeploymentTest, PortsAreReadAndJoinedByThoseOfTheHosts) {

@@ -1,0 +1,53 @@
+#include "config/PublicKeys.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <string_view>
+#include <utility>
+
+namespace corvid {
+
+namespace {
+
+void readKey(FileSystem& files, const std::string& path, PublicKeys& keys) {
+  const auto content = files.readFile(path, publicKeyLimit);
+  if (!content) {
+    std::string_view what = content.failure().message;
+    if (what.starts_with(path)) what.remove_prefix(path.size());
+    what.remove_prefix(std::min(what.find_first_not_of(": "), what.size()));
+    keys.faults.push_back({path, std::string(what), content.failure().code});
+    return;
+  }
+  auto key = RSAPublicKey::fromDER(content.value());
+  if (!key) return keys.faults.push_back({path, key.failure().message, key.failure().code});
+  keys.usable.push_back(std::move(key).value());
+  keys.files.push_back(path);
+}
+
+}  // namespace
+
+PublicKeys readPublicKeys(FileSystem& files, const Paths& paths) {
+  PublicKeys keys;
+  readKey(files, paths.publicKeyFile, keys);
+  const auto names = files.listDirectory(paths.furtherKeysFolder);
+  if (!names) {
+    if (names.failure().code != ENOENT)
+      keys.faults.push_back({paths.furtherKeysFolder, "cannot be listed", names.failure().code});
+    return keys;
+  }
+  std::size_t read = 0;
+  for (const std::string& name : names.value()) {
+    if (!name.ends_with(".der") || name.starts_with('.')) continue;
+    const std::string path = fmt::format("{}/{}", paths.furtherKeysFolder, name);
+    if (++read <= mostFurtherKeys)
+      readKey(files, path, keys);
+    else
+      keys.faults.push_back(
+          {path, fmt::format("one key too many: {} are read", mostFurtherKeys), E2BIG});
+  }
+  return keys;
+}
+
+}  // namespace corvid
