@@ -128,14 +128,16 @@ void Ledger::tell(const Decision& decision) {
   const auto* const event = std::get_if<EventDecision>(&decision);
   if (event != nullptr && event->isBeingOffered) return;
   bool recordsAreWatched = false;
+  std::uint64_t lost = 0;
   std::erase_if(_watchers, [&](const auto& each) {
     // Held for the length of a call; its owner lets it go without this mutex.
     const auto watcher = each.lock();
     if (!watcher) return true;
     recordsAreWatched = recordsAreWatched || watcher->wantsRecords();
-    _linesLost += !watcher->hear(decision);
+    lost += !watcher->hear(decision);
     return false;
   });
+  _linesLost += lost;
   _recordsAreWatched = recordsAreWatched;
 }
 
@@ -337,29 +339,26 @@ template <class Count, class Describe>
 void Shipment::end(Outcome outcome, Reason reason, Count count, Describe describe) {
   const std::shared_ptr<LedgerAccount> account = std::exchange(_account, nullptr);
   if (!account || _marks.empty()) return;
-  Ledger& ledger = *account->_ledger;
-  const MutexLock lock(ledger._mutex);
-  if (ledger._closed) return;
+  const MutexLock lock(account->_ledger->_mutex);
+  if (account->_ledger->_closed) return;
   const std::uint64_t events = _marks.size();
-  const auto change = [&](Balance& balance) {
+  account->count([&](Balance& balance) {
     balance.underWay -= events;
     count(balance) += events;
-  };
-  change(ledger._balance);
-  change(account->_balance);
+  });
   for (const EventMark mark : _marks)
-    if (Verdict* const verdict = ledger.verdictAt(mark, account->_backend)) {
+    if (Verdict* const verdict = account->_ledger->verdictAt(mark, account->_backend)) {
       verdict->outcome = outcome;
       verdict->reason = reason;
-      ledger.tellOf(mark);
+      account->_ledger->tellOf(mark);
     }
   if (_postPosition == 0) return;
-  const Clock::TimePoint now = ledger._clock.steadyNow();
+  const Clock::TimePoint now = account->_ledger->_clock.steadyNow();
   // What is no URL of a host is posted to nobody.
   Ledger::Host nobody;
-  Ledger::Host& host = _host.empty() ? nobody : ledger._hosts[_host];
+  Ledger::Host& host = _host.empty() ? nobody : account->_ledger->_hosts[_host];
   PostDecision post;
-  Decision* const remembered = ledger.at(_postPosition);
+  Decision* const remembered = account->_ledger->at(_postPosition);
   if (remembered) post = std::get<PostDecision>(*remembered);
   post.milliseconds = std::chrono::duration<double, std::milli>(now - _begin).count();
   describe(post, host);
@@ -372,7 +371,7 @@ void Shipment::end(Outcome outcome, Reason reason, Count count, Describe describ
   }
   if (!remembered) return;
   *remembered = std::move(post);
-  ledger.tell(*remembered);
+  account->_ledger->tell(*remembered);
 }
 
 void Shipment::drop(Reason reason) {
