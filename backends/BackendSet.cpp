@@ -6,6 +6,7 @@
 #include "backends/upload/UploadBackend.h"
 #include "backends/wattbook/WattbookBackend.h"
 #include "base/Log.h"
+#include "base/LogFields.h"
 #include "base/Reading.h"
 #include "base/Text.h"
 #include "config/DeviceInformation.h"
@@ -83,6 +84,7 @@ std::optional<BackendTable> createBackends(const Dictionary* section, const Dict
       std::make_shared<const BackendIdentity>(identityFor(*sessionInfo, std::move(udid)));
   BackendTable backends;
   for (const auto& [name, profile] : *section) {
+    const LoggingBackend logged(name);
     auto backend = CorvidBackend::newBackendWithName(name, profile.dictionary(), identity);
     if (!backend) continue;
     backend->setUserInfoDict(userInfo);

@@ -14,6 +14,7 @@
 #include "config/DeviceInformation.h"
 #include "config/StorebagSerials.h"
 #include "platform/Platform.h"
+#include "protocol/LogReason.h"
 
 namespace corvid {
 
@@ -101,6 +102,7 @@ const Dictionary* currentSection(const Dictionary& storebag, std::int32_t client
     environment = CorvidEnvironmentType::release;
   }
   const Dictionary* const section = sectionNamed(storebag, environment);
+  const auto why = loggingReason(Reason::noSectionForEnvironment);
   if (section == nullptr)
     logError(
         "fetchStorebagForEnvironmentAndClientType: Could not find storebag for client type {} with {} environment",
@@ -118,6 +120,7 @@ std::optional<StorebagFault> refusalOfOlder(const std::optional<std::string>& na
     noteSerial(*name, serial);
     return std::nullopt;
   }
+  const auto why = loggingReason(Reason::storebagOlder);
   logError(
       "fetchStorebagForEnvironmentAndClientType: The storebag for client type {} has serial {}, and {} was seen; it is not used",
       clientType, serial, highest);
@@ -178,6 +181,7 @@ DeviceAnswer currentEnvironmentName() {
 FetchedStorebag fetchStorebagForEnvironmentAndClientType(
     std::int32_t clientType, const std::optional<std::string>& lastModified) {
   if (clientType == 0) {
+    const auto why = loggingReason(Reason::unknownClientType);
     logError(
         "fetchStorebagForEnvironmentAndClientType: Could not find storebag name for client type {}",
         clientType);
@@ -187,6 +191,8 @@ FetchedStorebag fetchStorebagForEnvironmentAndClientType(
   const auto name = storebagNameForClientType(clientType);
   FetchedStorebag fetched = fetchStorebagWithName(name, lastModified);
   if (!fetched.storebag) {
+    const auto why =
+        loggingReason(fetched.fault ? fetched.fault->reason : Reason::storebagMalformed);
     if (!fetched.notModified)
       logError(
           "fetchStorebagForEnvironmentAndClientType: Could not fetch storebag for client type {}",
@@ -209,6 +215,7 @@ FetchedStorebag fetchStorebagForEnvironmentAndClientType(
 
   const std::string* version = stringAt(whole, "version");
   if (version == nullptr) {
+    const auto why = loggingReason(Reason::storebagMalformed);
     logError(
         "fetchStorebagForEnvironmentAndClientType: The storebag for client type {} has no version",
         clientType);

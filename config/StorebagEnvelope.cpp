@@ -6,6 +6,7 @@
 #include "base/Log.h"
 #include "base/Reading.h"
 #include "platform/data/PropertyList.h"
+#include "protocol/LogReason.h"
 
 namespace corvid {
 
@@ -104,6 +105,7 @@ OpenedEnvelope openEnvelope(std::string_view envelope, std::span<const RSAPublic
 }
 
 void logRefusal(const OpenedEnvelope& opened) {
+  const auto why = loggingReason(opened.reason);
   if (opened.parseError)
     logError("fetchStorebagWithName: propertyListWithData error {}", *opened.parseError);
   if (opened.lacksSignature) logError("fetchStorebagWithName: Signature is missing");

@@ -12,6 +12,7 @@
 #include "config/DeviceInformation.h"
 #include "config/PublicKeys.h"
 #include "platform/Platform.h"
+#include "protocol/LogReason.h"
 
 namespace corvid {
 
@@ -47,12 +48,15 @@ std::vector<RSAPublicKey> publicKeys() {
   Platform& platform = Platform::current();
   const std::string& main = platform.paths().publicKeyFile;
   PublicKeys keys = readPublicKeys(platform.files(), platform.paths());
-  for (const PublicKeys::Fault& fault : keys.faults)
-    if (fault.path != main)
+  for (const PublicKeys::Fault& fault : keys.faults) {
+    if (fault.path != main) {
       logError("fetchStorebagWithName: {} is passed over: {}", fault.path, fault.what);
-    else if (fault.code == EKEYREJECTED)
+    } else if (fault.code == EKEYREJECTED) {
+      const auto why = loggingReason(Reason::storebagUnverified);
       logError("fetchStorebagWithName: {} is {}; no storebag is accepted with it", fault.path,
                fault.what);
+    }
+  }
   return std::move(keys.usable);
 }
 
@@ -94,6 +98,7 @@ FetchedStorebag fetchStorebagWithName(const std::optional<std::string>& name,
   HTTPOutcome outcome =
       performAndWait(Platform::current().http(), storebagRequest(url, lastModified));
   if (!outcome.response) {
+    const auto why = loggingReason(Reason::storebagUnreachable);
     const std::string_view reason =
         outcome.error ? std::string_view(outcome.error->description) : nullDescription;
     logInfo(

@@ -10,6 +10,7 @@
 #include "config/Identifiers.h"
 #include "platform/Platform.h"
 #include "protocol/Keys.h"
+#include "protocol/LogReason.h"
 
 namespace corvid {
 
@@ -44,6 +45,7 @@ std::string CorviddAgent::description() const { return "<CorviddAgent>"; }
 bool CorviddAgent::shouldAcceptNewConnection(std::shared_ptr<Connection> connection) {
   const std::string peer = connection->description();
   if (!connection->isEntitledTo(requiredEntitlement)) {
+    const auto why = loggingReason(Reason::notEntitled);
     logDebug(
         "listener: new IPC connection {} does not have required corvid entitlement. Closing connection...",
         peer);

@@ -41,6 +41,7 @@
 #include "platform/system/SystemLog.h"
 #include "protocol/Keys.h"
 #include "protocol/Limits.h"
+#include "protocol/LogReason.h"
 #include "rpc/ControlService.h"
 #include "rpc/IPCListener.h"
 
@@ -58,7 +59,8 @@ constexpr std::chrono::seconds idleExitWhenSocketActivated{60};
 class Logging {
  public:
   explicit Logging(const Options& options)
-      : _sink(openSystemLog("corvidd", options.log.value_or(usualLogDestination()))) {
+      : _sink(openSystemLog("corvidd", options.log.value_or(usualLogDestination()),
+                            Paths().journalSocket)) {  // the machine's, whatever the root
     installLog(_sink.get(), options.logLevel);
   }
   ~Logging() { installLog(nullptr, LogLevel::error); }
@@ -220,6 +222,7 @@ bool stopInOrder(IPCListener& listener, Platform& platform, Ledger& ledger,
   while (!isOver() && std::chrono::steady_clock::now() < deadline)
     std::this_thread::sleep_for(betweenLooks);
   const bool hasEnded = isOver();
+  const auto why = loggingReason(Reason::lostAtStop);
   if (const std::uint64_t lost = ledger.close())
     logWarning("main: Stopped with {} events lost (lostAtStop)", lost);
   return hasEnded;

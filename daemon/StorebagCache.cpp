@@ -7,6 +7,7 @@
 #include "config/Environment.h"
 #include "config/KeptStorebags.h"
 #include "platform/Platform.h"
+#include "protocol/LogReason.h"
 
 namespace corvid {
 
@@ -59,11 +60,13 @@ Result<std::optional<Dictionary>> StorebagCache::storebag(std::int32_t clientTyp
     case Standing::fresh:
       logDebug("storebagForSession: Cached storebag found for client type {}", clientType);
       break;
-    case Standing::pausing:
+    case Standing::pausing: {
+      const auto why = loggingReason(whyNone(clientType));
       logInfo(
           "storebagForSession: Not fetching storebag for client type {} - must wait {} seconds between attempts",
           clientType, secondsBetweenAttempts);
       break;
+    }
     case Standing::toBeFetched: return fetchAndCacheStorebag(clientType, user);
   }
   const auto name = storebagNameForClientType(clientType);
@@ -112,6 +115,10 @@ Result<std::optional<Dictionary>> StorebagCache::fetchAndCacheStorebag(std::int3
   logDebug("fetchAndCacheStorebag: Storebag max age: {} seconds", fetched.maxAge);
 
   const bool successful = fetched.storebag || fetched.notModified;
+  const Reason reason = !name           ? Reason::unknownClientType
+                        : fetched.fault ? fetched.fault->reason
+                                        : Reason::storebagMalformed;
+  const auto why = loggingReason(reason);
   if (!successful)
     logError("fetchAndCacheStorebag: Unable to fetch storebag for client type {}", clientType);
   if (fetched.storebag) {

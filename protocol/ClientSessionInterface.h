@@ -2,9 +2,11 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 
+#include "base/LogFields.h"
 #include "base/Value.h"
 #include "protocol/Reply.h"
 
@@ -23,6 +25,9 @@ using LogDataReply = Reply<bool, std::optional<CorvidError>>;
 class ClientSessionInterface {
  public:
   virtual ~ClientSessionInterface() = default;
+
+  // What the log lines of the connection's thread are about, until that ends; may be null.
+  virtual std::shared_ptr<const LogSubject> logSubject() const { return nullptr; }
 
   virtual void setSessionInfo(Dictionary sessionInfo, std::optional<Dictionary> userInfo,
                               Array frameworksToCheck, bool hasAggregationBlock) = 0;

@@ -19,6 +19,7 @@
 #include "base/Thread.h"
 #include "base/UnixAddress.h"
 #include "protocol/Limits.h"
+#include "protocol/LogReason.h"
 #include "protocol/wire/MessageSocket.h"
 #include "protocol/wire/SocketPort.h"
 #include "rpc/Account.h"
@@ -183,6 +184,7 @@ void ControlService::bring(Descriptor socket) {
   }
   try {
     if (!mayLook(*peer, _entitlements(socket.get())())) {
+      const auto why = loggingReason(Reason::controlNotEntitled);
       logDebug("control: connection {} may not use the control socket. Closing connection...",
                number);
       _control->refused(ControlInterface::Refusal::notEntitled);

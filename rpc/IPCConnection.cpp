@@ -183,6 +183,8 @@ void IPCConnection::invalidate(std::string_view reason) {
 
 void IPCConnection::run() {
   const ActingFor acting(_peer.user);
+  const auto subject = _exportedObject->logSubject();
+  const LoggingFor session(subject.get());
   const wire::QuietLibrary quiet;
   try {
     wire::SocketPort port(_socket.get());

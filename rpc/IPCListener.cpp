@@ -19,6 +19,7 @@
 #include "base/Thread.h"
 #include "base/UnixAddress.h"
 #include "protocol/Limits.h"
+#include "protocol/LogReason.h"
 
 namespace corvid {
 
@@ -50,6 +51,7 @@ bool admitsConnection(pid_t process, uid_t user, std::size_t all, std::size_t of
       forUser ? std::min(limits::connectionsPerUser, shareBeside(all - ofUser, limits::connections))
               : 0;
   if (ofUser < most) return true;
+  const auto why = loggingReason(Reason::tooManyConnections);
   logComplaint("IPCListener: Process {}, user {} opened more than {} connections{}; closing it",
                process, user, forUser ? most : limits::connections, forUser ? " of one user" : "");
   return false;
@@ -160,6 +162,7 @@ void IPCListener::bring(Descriptor socket) {
     return;
   }
   if (!leavesReserve(socket.get())) {
+    const auto why = loggingReason(Reason::tooManyConnections);
     _delegate->tooManyConnections();
     logComplaint(
         "IPCListener: Too few descriptors are left for a connection of process {}, user {}; closing it",
@@ -224,6 +227,7 @@ void IPCListener::closeWhoLostEntitlements() {
     const MutexLock lock(_mutex);
     connections = _connections;
   }
+  const auto why = loggingReason(Reason::notEntitled);
   for (const auto& connection : connections) {
     if (connection->hasEnded()) continue;
     try {

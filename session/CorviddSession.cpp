@@ -75,6 +75,7 @@ CorviddSession::CorviddSession(std::shared_ptr<CorviddSessionDelegate> delegate,
       _platform(Platform::current()),
       _ledger(_sessionDelegate->ledger()),
       _number(_sessionDelegate->nextSessionNumber()),
+      _logSubject(std::make_shared<LogSubject>(_number)),
       _peer(_connection->peerProcess()),
       _createBackends(
           forSession(std::move(creator), _platform, _connection->user(), _ledger, _number)),
@@ -82,12 +83,14 @@ CorviddSession::CorviddSession(std::shared_ptr<CorviddSessionDelegate> delegate,
       _meetsOtherUsers(_connection->isEntitledTo(chainsEntitlement)),
       _deviceid(uniqueDeviceID()),
       _sessionIDString(newSessionIDString(_platform.random())) {
+  const LoggingFor session(_logSubject.get());
   logDebug("initWithSessionDelegate: CorviddSession initWithSessionDelegate:{}",
            _sessionDelegate->description());
   logDebug("initWithSessionDelegate: Initialized session with UUID {}", _sessionIDString);
 }
 
 CorviddSession::~CorviddSession() {
+  const LoggingFor session(_logSubject.get());
   logDebug("dealloc: CorviddSession dealloc: {}", sessionID());
   // What fails here costs this session's farewell and nobody else's session.
   try {
@@ -149,6 +152,15 @@ void CorviddSession::becomeSilent(Reason reason) {
   if (const auto silence = this->silence()) _ledger->countSilence(*silence);
 }
 
+void CorviddSession::nameInLog() {
+  const auto user = userInfo();
+  const auto info = sessionInfo();
+  if (const std::string* name = user ? stringAt(*user, kCorvidUserInfoClientName) : nullptr)
+    _logSubject->setClient(*name);
+  else if (const auto type = info ? integerAt(*info, kCorvidSessionInfoClientType) : std::nullopt)
+    _logSubject->setClient(std::to_string(*type));
+}
+
 bool CorviddSession::mayMeet(const CorviddSession& other) const {
   return _user == other._user || (_meetsOtherUsers && other._meetsOtherUsers);
 }
@@ -174,6 +186,7 @@ void CorviddSession::setSessionInfo(Dictionary sessionInfo, std::optional<Dictio
     _frameworks = std::move(frameworksToCheck);
     _userInfo = std::move(newUserInfo);
   }
+  nameInLog();
   setHasAggregator(hasAggregationBlock);
   Reason before = Reason::noSessionInfo;
   _silence.compare_exchange_strong(before, Reason::notConfigured);
@@ -267,6 +280,7 @@ void CorviddSession::receivedUserInfo(std::shared_ptr<const Dictionary> userInfo
     const MutexLock lock(_mutex);
     _userInfo = userInfo;
   }
+  nameInLog();
   updateUserInfoForBackends();
   if (!changed) return;
   logDebug("receivedUserInfo: Received new user info for session {}", sessionID());
@@ -304,6 +318,7 @@ void CorviddSession::updateSessionWithDefaultSessionInfo() {
 void CorviddSession::updateCombinedSessionID(
     const std::optional<std::string>& parentSessionIDString) {
   if (!parentSessionIDString) return;
+  const LoggingFor session(_logSubject.get());
   const std::string combinedID = fmt::format("{}.{}", *parentSessionIDString, sessionIDString());
   logDebug("updateCombinedSessionID: Updating combined session ID '{}' for session {} backends",
            combinedID, sessionID());
@@ -312,6 +327,7 @@ void CorviddSession::updateCombinedSessionID(
 }
 
 void CorviddSession::syncReportingStates(const CorviddSession* parent) {
+  const LoggingFor session(_logSubject.get());
   _parentNumber = parent ? parent->number() : 0;
   const auto backends = this->backends();
   if (!backends) return;

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "backends/BackendSet.h"
+#include "base/LogFields.h"
 #include "base/Mutex.h"
 #include "base/Value.h"
 #include "protocol/ClientSessionInterface.h"
@@ -50,6 +51,7 @@ class CorviddSession final : public ClientSessionInterface,
   ~CorviddSession() override;  // sends the end message, flushes, shuts aggregation down, cleans up
 
   // ClientSessionInterface
+  std::shared_ptr<const LogSubject> logSubject() const override { return _logSubject; }
   void setSessionInfo(Dictionary sessionInfo, std::optional<Dictionary> userInfo,
                       Array frameworksToCheck, bool hasAggregationBlock) override;
   void startConfigWithCompletionHandler(StatesReply reply) override;
@@ -150,6 +152,8 @@ class CorviddSession final : public ClientSessionInterface,
 
   // It has no backends, for this reason.
   void becomeSilent(Reason reason);
+  // The client has said who it is.
+  void nameInLog();
 
   // Constant after construction.
   const std::shared_ptr<CorviddSessionDelegate> _sessionDelegate;
@@ -157,6 +161,7 @@ class CorviddSession final : public ClientSessionInterface,
   Platform& _platform;
   const std::shared_ptr<Ledger> _ledger;
   const std::uint64_t _number;
+  const std::shared_ptr<LogSubject> _logSubject;
   const Connection::Peer _peer;
   const BackendSetCreator _createBackends;
   const std::uint32_t _user;    // of the client

@@ -9,6 +9,7 @@
 #include "config/MessageLog.h"
 #include "platform/Platform.h"
 #include "protocol/Keys.h"
+#include "protocol/LogReason.h"
 #include "session/CorviddSession.h"
 
 namespace corvid {
@@ -27,6 +28,7 @@ std::optional<std::int64_t> numberAt(const Dictionary& message, std::string_view
 
 // Nothing, with a log line, where the category or the type is missing.
 std::optional<SessionMessage> messageFromDictionary(const Dictionary& message) {
+  const auto why = loggingReason(Reason::incompleteMessage);
   const auto category = numberAt(message, kCorvidMessageParametersCategory);
   if (!category) {
     logDebug("sendMessageWithDictionary: Missing mandatory parameter 'category'");
@@ -101,6 +103,7 @@ void CorviddSession::internalSendMessage(const Dictionary& payload, SessionMessa
 std::optional<std::string> CorviddSession::dispatch(const SessionMessage& message) {
   const auto backends = this->backends();
   if (!backends) {
+    const auto why = loggingReason(_silence);
     logDebug("sendMessageWithDictionary: No backends available to send message");
     _ledger->drop(eventOf(_number, message), _silence);
     return std::nullopt;
@@ -149,6 +152,7 @@ void CorviddSession::sendToAggregator(std::optional<Dictionary> message, double 
 }
 
 void CorviddSession::shutdownSessionAggregation() {
+  const LoggingFor session(_logSubject.get());
   logDebug("shutdownSessionAggregation: Disable aggregation module for session {}", sessionID());
   if (hasAggregator()) sendToAggregator(std::nullopt, 0.0, 0, 0, std::nullopt);
   setHasAggregator(false);
@@ -167,6 +171,7 @@ void CorviddSession::internalFlushMessagesWithCompletion(FlushCompletion complet
     backends->flush(std::move(completion));
     return;
   }
+  const auto why = loggingReason(_silence);
   logDebug("internalFlushMessagesWithCompletion: {}", noBackends);
   if (completion) completion(std::nullopt, CorvidError::of(-1, std::string(noBackends)));
 }
@@ -219,6 +224,7 @@ void CorviddSession::sendMessageWithSessionInfo(Dictionary sessionInfo,
     const MutexLock lock(_mutex);
     _sessionInfo = info;
   }
+  nameInLog();
   receivedUserInfo(user);
   logDebug("sendMessageWithSessionInfo: Sending message with session info for session {}",
            sessionID());
@@ -263,12 +269,16 @@ bool CorviddSession::sendMessageWithSessionInfo(const Dictionary* sessionInfo,
 
   const TimeValue now = Platform::current().clock().now();
   for (const auto& [key, backend] : *table) {
+    const LoggingBackend logged(key);
     backend->updateState();
     const auto result = backend->sendMessage(payload, now, category, type, MessageFlag{0}, mark);
     if (result && !result->empty())
       writeToLogFile("[{} -> sendMessageWithSessionInfo] {}", key, *result);
   }
-  for (const auto& [key, backend] : *table) backend->cleanup();
+  for (const auto& [key, backend] : *table) {
+    const LoggingBackend logged(key);
+    backend->cleanup();
+  }
   return !table->empty();
 }
 

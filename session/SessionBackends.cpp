@@ -6,6 +6,7 @@
 #include "base/Mutex.h"
 #include "config/MessageLog.h"
 #include "protocol/Keys.h"
+#include "protocol/LogReason.h"
 
 namespace corvid {
 
@@ -41,6 +42,7 @@ std::optional<std::string> SessionBackends::send(const SessionMessage& message,
                                                  const TimeValue& now, EventMark mark) const {
   std::optional<std::string> reply;
   for (const auto& [key, backend] : _table) {
+    const LoggingBackend logged(key);
     auto result = backend->sendMessage(message.payload, now, message.category, message.type,
                                        message.flag, mark);
     if (!result) continue;
@@ -56,6 +58,7 @@ std::optional<std::string> SessionBackends::send(const SessionMessage& message,
 void SessionBackends::flush(FlushCompletion completion) const {
   const auto flush = std::make_shared<PendingFlush>(_table.size(), std::move(completion));
   for (const auto& [key, backend] : _table) {
+    const LoggingBackend logged(key);
     backend->flushMessagesWithCompletion(
         [flush, key = key, name = backend->name()](auto result, auto error) {
           logDebug("internalFlushMessagesWithCompletion: {}", name);
@@ -91,6 +94,7 @@ std::optional<std::string> SessionBackends::displayURL() const {
 void SessionBackends::follow(const SessionBackends* parent, std::uint64_t number) const {
   for (const auto& [key, backend] : _table) {
     if (backend->state() == BackendState::held) continue;
+    const LoggingBackend logged(key);
     backend->setFollowed(number);
     const CorvidBackend* followed = parent ? parent->named(key) : nullptr;
     if (!followed) {
@@ -101,6 +105,7 @@ void SessionBackends::follow(const SessionBackends* parent, std::uint64_t number
     const std::optional<double> threshold = followed->samplingThreshold();
     backend->setState(state, reason);
     backend->setSamplingThreshold(threshold);
+    const auto why = loggingReason(reason);
     logDebug(
         "HTTPSPostBackend(syncReportingStates): {}: state and sampling rate updated to {}, {:.2f}%",
         backend->name(), static_cast<std::int32_t>(state),
@@ -109,11 +114,13 @@ void SessionBackends::follow(const SessionBackends* parent, std::uint64_t number
 }
 
 void SessionBackends::missParent(std::uint32_t sessionID) const {
-  for (const auto& [key, backend] : _table)
+  for (const auto& [key, backend] : _table) {
+    const LoggingBackend logged(key);
     if (const std::int32_t hierarchy = backend->hierarchy(); hierarchy >= 1)
       logInfo(
           "syncReportingStates: child session {} (backend {}) with hierarchy {} is missing its parent",
           sessionID, backend->name(), hierarchy);
+  }
 }
 
 const CorvidBackend* SessionBackends::named(std::string_view key) const {

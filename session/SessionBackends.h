@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "backends/BackendSet.h"
+#include "base/LogFields.h"
 #include "base/TimeValue.h"
 #include "base/Value.h"
 
@@ -35,13 +36,19 @@ class SessionBackends {
   // Calls `act(CorvidBackend&)` with each.
   template <class Act>
   void each(Act&& act) const {
-    for (const auto& [key, backend] : _table) act(*backend);
+    for (const auto& [key, backend] : _table) {
+      const LoggingBackend logged(key);
+      act(*backend);
+    }
   }
   // Whether any of them, asked by `work(CorvidBackend&)`, has taken the work.
   template <class Work>
   bool anyTakes(Work&& work) const {
     bool taken = false;
-    for (const auto& [key, backend] : _table) taken |= work(*backend);
+    for (const auto& [key, backend] : _table) {
+      const LoggingBackend logged(key);
+      taken |= work(*backend);
+    }
     return taken;
   }
 

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "base/Log.h"
+#include "protocol/Keys.h"
 
 namespace corvid {
 
@@ -18,6 +19,7 @@ PacketDelivery::PacketDelivery(Network& network, std::unique_ptr<DatagramSocket>
                                PacketObserver observer)
     : _networkProcQueue(network.createQueue("com.halcyon.Corvid.networkProc")),
       _observer(std::move(observer)),
+      _logSubject(sharedLogSubject()),
       _socketDescriptor(std::move(socket)) {
   _messageQueue.reserve(queueLimit + 1);
 }
@@ -56,7 +58,11 @@ bool PacketDelivery::start(std::uint32_t address, std::uint16_t port,
 
 Task PacketDelivery::whileAlive(void (PacketDelivery::*operation)()) {
   return [weak = weak_from_this(), operation] {
-    if (const auto alive = weak.lock()) ((*alive).*operation)();
+    const auto alive = weak.lock();
+    if (!alive) return;
+    const LoggingFor session(alive->_logSubject.get());
+    const LoggingBackend backend(kCorvidBackendDashboard);
+    ((*alive).*operation)();
   };
 }
 

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "backends/dashboard/TagReportingPacket.h"
+#include "base/LogFields.h"
 #include "platform/Network.h"
 
 namespace corvid {
@@ -134,6 +135,7 @@ class PacketDelivery final : public std::enable_shared_from_this<PacketDelivery>
   // Constant once started.
   const std::shared_ptr<SerialQueue> _networkProcQueue;
   const PacketObserver _observer;
+  const std::shared_ptr<const LogSubject> _logSubject;
   bool _reliableUDP = false;
 
   // On _networkProcQueue only, once started. The sources go before the socket that one waits on.

@@ -7,6 +7,7 @@
 #include "base/Log.h"
 #include "base/Reading.h"
 #include "protocol/Keys.h"
+#include "protocol/LogReason.h"
 
 namespace corvid {
 
@@ -208,6 +209,7 @@ void logAddresses(const PolicyDecision& decision) {
 }
 
 void logRefusal(const PolicyDecision& decision, const PolicyFacts& facts) {
+  const auto why = loggingReason(decision.reason);
   switch (decision.reason) {
     case Reason::noConsent:
       logDebug("HTTPSPostBackend(updateBackendState): reporting disabled by DNU: {}.",
@@ -275,10 +277,13 @@ void logRules(const PolicyDecision& decision, const PolicyFacts& facts) {
 void logMatch(const PolicyDecision& decision, const PolicyFacts& facts,
               const std::string& backend) {
   if (!decision.wasSampled) return;
-  logDebug(
-      "HTTPSPostBackend(updateBackendState): {}: client found {}:{}, state={}, samplingFactor={:f}, hierarchy={}",
-      backend, orNull(facts.clientName()), orNull(facts.serviceID()),
-      static_cast<int>(decision.state), facts.samplingFactor, decision.hierarchy.value_or(0));
+  {
+    const auto why = loggingReason(decision.reason);
+    logDebug(
+        "HTTPSPostBackend(updateBackendState): {}: client found {}:{}, state={}, samplingFactor={:f}, hierarchy={}",
+        backend, orNull(facts.clientName()), orNull(facts.serviceID()),
+        static_cast<int>(decision.state), facts.samplingFactor, decision.hierarchy.value_or(0));
+  }
   logAddresses(decision);
 }
 

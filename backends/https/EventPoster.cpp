@@ -14,6 +14,7 @@
 #include "platform/Platform.h"
 #include "platform/data/JSON.h"
 #include "protocol/Keys.h"
+#include "protocol/LogReason.h"
 
 namespace corvid {
 
@@ -95,6 +96,7 @@ void finishExchange(Shipment& events, const std::weak_ptr<CorvidBackend>& sender
     const int status = outcome.response->status;
     error = CorvidError::of(
         status, fmt::format("backend {} disabled by server {} return code", name, status));
+    const auto why = loggingReason(Reason::disabledByServer);
     logInfo("postJSONMessage: {}", error->localizedDescription);
     if (const auto backend = sender.lock())
       backend->settle(BackendState::disabled, Reason::disabledByServer);
@@ -122,6 +124,7 @@ std::optional<EventPoster::Message> EventPoster::createMessageForPostAndLogging(
   std::size_t expected = besidesRecords;
   for (const Dictionary& record : records) expected += mostJSONBytes(record) + 1;
   if (expected > mostMessageBytes) {
+    const auto why = loggingReason(Reason::unwritable);
     logError(
         "HTTPSPostBackend(createMessageForPostAndLogging): a message of {} events would have {} bytes, more than {}, and is lost",
         count, expected, mostMessageBytes);
@@ -131,6 +134,7 @@ std::optional<EventPoster::Message> EventPoster::createMessageForPostAndLogging(
   std::optional<SharedBudget::Share> memory =
       _gate->memoryToWrite(HTTPRequest().timeout, formsAtOnce * expected);
   if (!memory) {
+    const auto why = loggingReason(Reason::overLimit);
     logError(
         "HTTPSPostBackend(createMessageForPostAndLogging): no memory for a message of {} events beside those of the same user that are under way; it is lost",
         count);
@@ -149,6 +153,7 @@ std::optional<EventPoster::Message> EventPoster::createMessageForPostAndLogging(
   }
   std::optional<std::string> text = writeJSON(message, expected);
   if (!text) {
+    const auto why = loggingReason(Reason::unwritable);
     logError(
         "HTTPSPostBackend(createMessageForPostAndLogging): a message of {} events cannot be written as JSON and is lost",
         count);
@@ -179,13 +184,16 @@ void EventPoster::postJSONMessage(Message message, const PostEnvelope& envelope,
   request.patience = request.timeout - std::chrono::duration_cast<std::chrono::milliseconds>(
                                            clock.steadyNow() - start);
   events.beginPost(hostAndPort(request.url), request.body.size());
-  _platform.http().start(std::move(request),
-                         [events = std::make_shared<Shipment>(std::move(events)),
-                          sender = std::move(sender), name = _backendName, pass = std::move(pass),
-                          completion = std::move(completion)](HTTPOutcome outcome) mutable {
-                           pass.reset();
-                           finishExchange(*events, sender, name, outcome, completion);
-                         });
+  _platform.http().start(
+      std::move(request),
+      [events = std::make_shared<Shipment>(std::move(events)), sender = std::move(sender),
+       name = _backendName, pass = std::move(pass), completion = std::move(completion),
+       subject = sharedLogSubject()](HTTPOutcome outcome) mutable {
+        const LoggingFor session(subject.get());
+        const LoggingBackend backend(name);
+        pass.reset();
+        finishExchange(*events, sender, name, outcome, completion);
+      });
 }
 
 HTTPRequest EventPoster::requestFor(const PostEnvelope& envelope) const {

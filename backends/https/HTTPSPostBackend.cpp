@@ -11,6 +11,7 @@
 #include "config/Identifiers.h"
 #include "platform/Platform.h"
 #include "platform/data/JSON.h"
+#include "protocol/LogReason.h"
 
 namespace corvid {
 
@@ -88,6 +89,8 @@ BackendState HTTPSPostBackend::updateBackendState() {
     const MutexLock lock(_lock);
     decision = decide(_profile, facts, _policy);
   }
+  const bool hasAddress = decision.policy.postURL || decision.policy.realtimePostURL;
+  if (decision.state == BackendState::sending && !hasAddress) decision.reason = Reason::noAddress;
   logRules(decision, facts);
   if (decision.wantsCustomIdentifier)
     decision.policy.uuidCustom = getPersistentIdentifierForCustomClientIDSuffix(
@@ -98,9 +101,7 @@ BackendState HTTPSPostBackend::updateBackendState() {
   const MutexLock lock(_lock);
   if (decision.wasSampled) _samplingThreshold = decision.samplingThreshold;
   _policy = std::move(decision.policy);
-  const bool hasAddress = _policy.postURL || _policy.realtimePostURL;
-  _decidedReason =
-      decision.state == BackendState::sending && !hasAddress ? Reason::noAddress : decision.reason;
+  _decidedReason = decision.reason;
   _entry = decision.entry;
   return decision.state;
 }
@@ -213,9 +214,12 @@ bool HTTPSPostBackend::batchEvent(Dictionary& record, Leaving& displaced) {
 
 std::optional<std::string> HTTPSPostBackend::flushAtThreshold(Dictionary record) {
   const std::int32_t method = int32At(record, "_method");
-  logDebug(
-      "HTTPSPostBackend(batchEvent): Flushing all batched events as we reached event threshold for method {}",
-      method);
+  {
+    const auto why = loggingReason(Reason::batchFull);
+    logDebug(
+        "HTTPSPostBackend(batchEvent): Flushing all batched events as we reached event threshold for method {}",
+        method);
+  }
   std::optional<std::string> text = flushMessagesWithCompletion(nullptr);
   const MutexLock lock(_lock);
   // A flush leaves no batch, except where it refuses; the event that forced it goes with the batch.
@@ -240,6 +244,7 @@ void HTTPSPostBackend::hold(Dictionary record, std::size_t bytes) {
   _account->hold(_offered, reason, _keysChanged, shown(record));
   _batchedEvents->add(std::move(record), bytes, {_userInfoDict, _policy.filters}, _offered);
   if (_batchedEvents->exceedsMemory() && !mayPostBatch()) _batchedEvents->dropOldest();
+  const auto why = loggingReason(Reason::overLimit);
   if (!droppedBefore && _batchedEvents->dropped() > 0)
     logError(
         "HTTPSPostBackend(batchEvent): backend {} holds {} events and may not flush them; the oldest are dropped until it may",
@@ -247,6 +252,7 @@ void HTTPSPostBackend::hold(Dictionary record, std::size_t bytes) {
 }
 
 void HTTPSPostBackend::closeBatch() {
+  const auto why = loggingReason(Reason::overLimit);
   if (_batchedEvents->dropped() > 0)
     logError("HTTPSPostBackend(batchEvent): backend {} dropped {} events of a full batch", _name,
              _batchedEvents->dropped());
@@ -347,6 +353,7 @@ bool HTTPSPostBackend::mayLeave(Leaving& leaving) {
   const std::function<bool()> consents = consentToAsk();
   if (!consents || consents()) return true;
   leaving.events.drop(Reason::noConsent);
+  const auto why = loggingReason(Reason::noConsent);
   const std::size_t records = leaving.records.size();
   if (_withdrawn.fetch_add(records) == 0)
     logWarning(
@@ -356,6 +363,7 @@ bool HTTPSPostBackend::mayLeave(Leaving& leaving) {
 }
 
 void HTTPSPostBackend::cleanup() {
+  const auto why = loggingReason(Reason::noConsent);
   if (const std::size_t dropped = _withdrawn.exchange(0))
     logWarning(
         "HTTPSPostBackend(cleanup): {}: {} events were dropped because consent was withdrawn",

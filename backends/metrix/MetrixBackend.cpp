@@ -4,6 +4,7 @@
 
 #include "base/Log.h"
 #include "platform/Platform.h"
+#include "protocol/LogReason.h"
 
 namespace corvid {
 
@@ -52,6 +53,7 @@ std::optional<std::string> MetrixBackend::sendMessage(const Dictionary* payload,
     _account->deliver(_offered);
     return std::nullopt;
   }
+  const auto why = loggingReason(Reason::noAdaptor);
   logError(
       "MetrixBackend(sendMessage): Metrix adaptor {} does not respond to forwarding selector {}",
       _metrixAdaptor ? _metrixAdaptor->description() : "(null)", forwardingOperation);

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "platform/Device.h"
+#include "platform/system/JournalSocket.h"
 
 namespace corvid {
 
@@ -30,7 +31,7 @@ class JournalPowerLog final : public PowerLog {
   static std::string fieldName(std::string_view key);
 
  private:
-  const std::string _socket;
+  JournalSocket _socket;
 };
 
 }  // namespace corvid

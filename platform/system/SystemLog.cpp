@@ -13,7 +13,10 @@
 #include <utility>
 
 #include "base/Descriptor.h"
+#include "base/LogFields.h"
+#include "base/LogLine.h"
 #include "base/UnixAddress.h"
+#include "platform/system/JournalSocket.h"
 
 namespace corvid {
 
@@ -58,6 +61,40 @@ class SpdlogSink final : public LogSink {
   std::unique_ptr<spdlog::sinks::sink> _sink;
 };
 
+class JournalSink final : public LogSink {
+ public:
+  JournalSink(std::string program, const std::string& socket)
+      : _program(std::move(program)), _journal(socket) {}
+
+  bool isThere() { return _journal.isThere(); }
+
+  void write(LogLevel level, std::string_view text) override {
+    std::string entry;
+    entry.reserve(text.size() + 256);
+    const auto append = [&](std::string_view name, std::string_view value) {
+      if (!value.empty()) appendJournalField(entry, name, value);
+    };
+    appendJournalField(entry, "MESSAGE", text);
+    append("PRIORITY", std::to_string(static_cast<int>(level)));
+    append("SYSLOG_IDENTIFIER", _program);
+    append("SYSLOG_FACILITY", "3");  // daemon
+    const LogFields& fields = logFields();
+    if (fields.subject) {
+      append("CORVID_SESSION", std::to_string(fields.subject->session()));
+      const std::string client = fields.subject->client();
+      append("CORVID_CLIENT", logLine(client, client.size()));
+    }
+    append("CORVID_BACKEND", fields.backend);
+    append("CORVID_REASON", fields.reason);
+    append("MESSAGE_ID", fields.messageID);
+    _journal.send(entry);
+  }
+
+ private:
+  const std::string _program;
+  JournalSocket _journal;
+};
+
 }  // namespace
 
 LogDestination usualLogDestination() {
@@ -67,7 +104,12 @@ LogDestination usualLogDestination() {
   return hasSystemLog ? LogDestination::syslog : LogDestination::standardError;
 }
 
-std::unique_ptr<LogSink> openSystemLog(std::string program, LogDestination destination) {
+std::unique_ptr<LogSink> openSystemLog(std::string program, LogDestination destination,
+                                       const std::string& journalSocket) {
+  if (destination == LogDestination::syslog && !journalSocket.empty()) {
+    auto journal = std::make_unique<JournalSink>(program, journalSocket);
+    if (journal->isThere()) return journal;
+  }
   return std::make_unique<SpdlogSink>(std::move(program), destination);
 }
 

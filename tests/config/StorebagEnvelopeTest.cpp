@@ -6,6 +6,7 @@
 #include "platform/data/PropertyList.h"
 #include "tests/config/Signers.h"
 #include "tests/fakes/CapturedLog.h"
+#include "tests/fakes/LoggedFields.h"
 
 namespace corvid {
 namespace {
@@ -43,6 +44,18 @@ struct StorebagEnvelope : testing::Test {
   const std::string bag = writeXMLPropertyList(storebag);
   CapturedLog log;
 };
+
+TEST_F(StorebagEnvelope, TheLinesOfARefusalHaveItsReasonBesideThem) {
+  const LoggedFields logged;
+  open("no property list");
+  EXPECT_EQ(logged.last("fetchStorebagWithName: propertyList").reason, "storebagMalformed");
+  EXPECT_EQ(logged.last(signatureMissing).reason, "storebagMalformed");
+  open(Dictionary{{"bag", "x"}});
+  EXPECT_EQ(logged.last(signatureMissing).reason, "storebagUnverified");
+  storebagFromEnvelope(enveloped(signer, storebag), strangeSigner().publicKeyDER());
+  EXPECT_EQ(logged.last("fetchStorebagWithName: Signature can not be verified").reason,
+            "storebagUnverified");
+}
 
 TEST_F(StorebagEnvelope, OpensASignedStorebagAndLogsNothing) {
   EXPECT_EQ(open(enveloped(signer, storebag)), storebag);

@@ -43,6 +43,7 @@ class RecordingSession : public ClientSessionInterface {
     if (onDestruction) onDestruction();
   }
 
+  std::shared_ptr<const LogSubject> logSubject() const override { return subject; }
   void setSessionInfo(Dictionary sessionInfo, std::optional<Dictionary> userInfo,
                       Array frameworksToCheck, bool hasAggregationBlock) override {
     Call call{"setSessionInfo"};
@@ -133,6 +134,7 @@ class RecordingSession : public ClientSessionInterface {
   }
 
   // Set before the first call.
+  std::shared_ptr<const LogSubject> subject;
   std::optional<Array> states;
   bool uploadSucceeds = true;
   std::function<void(const std::string& extensionToken)> onUpload;

@@ -23,6 +23,16 @@ TEST(Reason, EachHasItsOwnWordAndTextsInTheOrderOfTheValues) {
   EXPECT_EQ(reasonOf("somethingElse"), std::nullopt);
 }
 
+TEST(Reason, EachHasAMessageIDOfItsOwn) {
+  std::set<std::string_view> identifiers;
+  for (const ReasonText& text : reasonTexts) {
+    EXPECT_EQ(text.messageID.size(), 32u) << text.word;
+    EXPECT_EQ(text.messageID.find_first_not_of("0123456789abcdef"), std::string_view::npos)
+        << text.word;
+    EXPECT_TRUE(identifiers.insert(text.messageID).second) << text.word;
+  }
+}
+
 // The page that people read says what the program says, of each reason, and of no other.
 TEST(Reason, TheDocumentationHasARowOfEachAndNoOther) {
   std::ifstream file(CORVID_DOCS_FOLDER "/reasons.md");
@@ -32,7 +42,8 @@ TEST(Reason, TheDocumentationHasARowOfEachAndNoOther) {
   std::set<std::string> expected;
   for (const ReasonText& text : reasonTexts) {
     std::ostringstream row;
-    row << "| `" << text.word << "` | " << text.what << " | " << text.remedy << " |";
+    row << "| `" << text.word << "` | " << text.what << " | " << text.remedy << " | `"
+        << text.messageID << "` |";
     expected.insert(row.str());
   }
   EXPECT_EQ(rows, expected);

@@ -5,6 +5,7 @@
 
 #include "backends/https/ClientPolicy.h"
 #include "tests/fakes/CapturedLog.h"
+#include "tests/fakes/LoggedFields.h"
 
 namespace corvid {
 namespace {
@@ -54,6 +55,29 @@ TEST_F(ClientPolicyTest, AClientWhoPassesEveryRuleReportsByItsEntry) {
   EXPECT_EQ(decision.policy.eventThreshold, 7);
   EXPECT_EQ(decision.policy.postURL, "https://events.test/batch");
   EXPECT_EQ(decision.policy.realtimePostURL, "https://events.test/batch");
+}
+
+TEST_F(ClientPolicyTest, TheLineOfADecisionHasItsReasonBesideItAndNoOtherLineHas) {
+  const LoggedFields logged;
+  const auto reasonBeside = [&](std::string_view beginning) {
+    logRules(decideOn({entryWith("expedite", 1)}), facts);
+    EXPECT_EQ(logged.last("HTTPSPostBackend(updateBackendState): Store bag").reason, "");
+    return logged.last(beginning).reason;
+  };
+  facts.consent = false;
+  EXPECT_EQ(reasonBeside("HTTPSPostBackend(updateBackendState): reporting disabled"), "noConsent");
+  facts.consent = true;
+  facts.country = "DE";
+  EXPECT_EQ(reasonBeside("HTTPSPostBackend(updateBackendState): (DE) isn't"), "countryNotListed");
+  facts.country = "US";
+  for (const auto& [draw, reason] :
+       {std::pair(0.25, Reason::reporting), std::pair(0.75, Reason::sampledOut)}) {
+    facts.samplingFactor = draw;
+    logMatch(decideOn({entryWith("event_threshold", 7)}), facts, "httpPost");
+    const auto line = logged.last("HTTPSPostBackend(updateBackendState): httpPost: client found");
+    EXPECT_EQ(line.reason, wordOf(reason));
+    EXPECT_EQ(line.messageID, textOf(reason).messageID);
+  }
 }
 
 TEST_F(ClientPolicyTest, EachRuleThatRefusesHasItsReason) {

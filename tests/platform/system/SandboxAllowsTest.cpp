@@ -35,6 +35,8 @@
 #include "platform/system/SystemClock.h"
 #include "platform/system/SystemDeviceInformation.h"
 #include "platform/system/SystemLocale.h"
+#include "platform/system/SystemLog.h"
+#include "tests/fakes/FakeJournal.h"
 #include "tests/platform/system/SandboxFixture.h"
 
 namespace corvid {
@@ -280,6 +282,22 @@ TEST_F(SandboxAllows, TheNetworkThreadToSendAndToBeAnswered) {
               return outcome.get() ? 0 : 6;
             }),
             0);
+}
+
+TEST_F(SandboxAllows, TheLogToReachAJournalThatHasComeBack) {
+  const std::string path = root.path("log");
+  std::optional<FakeJournal> journal(std::in_place, path);
+  const auto sink = openSystemLog("corvidd", LogDestination::syslog, path);
+  journal.reset();
+  journal.emplace(path);
+  EXPECT_EQ(inSandbox([&] {
+              sink->write(LogLevel::info, "text");
+              return 0;
+            }),
+            0);
+  const auto entry = journal->take();
+  ASSERT_TRUE(entry);
+  EXPECT_EQ(entry->at("MESSAGE"), "text");
 }
 
 TEST_F(SandboxAllows, ThePowerLogToReachTheJournal) {

@@ -9,8 +9,12 @@
 #include <thread>
 #include <vector>
 
+#include "base/LogFields.h"
+#include "base/LogLine.h"
 #include "platform/system/SystemLog.h"
+#include "tests/fakes/FakeJournal.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/Scratch.h"
 
 namespace {
 
@@ -62,6 +66,8 @@ using testing::ElementsAre;
 using testing::MatchesRegex;
 using testing::Pair;
 
+const std::string noJournal = "/nonexistent/journal";
+
 // What `work` writes to standard error, in lines.
 std::vector<std::string> standardError(const std::function<void()>& work) {
   testing::internal::CaptureStderr();
@@ -74,7 +80,7 @@ std::vector<std::string> standardError(const std::function<void()>& work) {
 
 TEST(SystemLog, OnTheSystemLogNamesProgramAndFacility) {
   calls = {};
-  const auto sink = openSystemLog("corvidd", LogDestination::syslog);
+  const auto sink = openSystemLog("corvidd", LogDestination::syslog, noJournal);
   EXPECT_TRUE(calls.isOpen);
   EXPECT_EQ(calls.identity, "corvidd");
   EXPECT_EQ(calls.facility, LOG_DAEMON);
@@ -83,7 +89,7 @@ TEST(SystemLog, OnTheSystemLogNamesProgramAndFacility) {
 
 TEST(SystemLog, OnTheSystemLogWritesTheTextAloneAtItsLevel) {
   calls = {};
-  const auto sink = openSystemLog("corvidd", LogDestination::syslog);
+  const auto sink = openSystemLog("corvidd", LogDestination::syslog, noJournal);
   sink->write(LogLevel::error, "main: one");
   sink->write(LogLevel::warning, "two");
   sink->write(LogLevel::info, "three %s%n");
@@ -94,7 +100,7 @@ TEST(SystemLog, OnTheSystemLogWritesTheTextAloneAtItsLevel) {
 
 TEST(SystemLog, OnTheSystemLogIsClosedWithTheSink) {
   calls = {};
-  auto sink = openSystemLog("corvidd", LogDestination::syslog);
+  auto sink = openSystemLog("corvidd", LogDestination::syslog, noJournal);
   EXPECT_TRUE(calls.isOpen);
   sink.reset();
   EXPECT_FALSE(calls.isOpen);
@@ -102,7 +108,7 @@ TEST(SystemLog, OnTheSystemLogIsClosedWithTheSink) {
 
 TEST(SystemLog, OnTheSystemLogEscapesControlCharacters) {
   calls = {};
-  const auto sink = openSystemLog("corvidd", LogDestination::syslog);
+  const auto sink = openSystemLog("corvidd", LogDestination::syslog, noJournal);
   installLog(sink.get(), LogLevel::info);
   logInfo("{}", "a\nb\tc\rd\x1b[31me\x7f");
   logInfo("{}", std::string_view("x\0y", 3));
@@ -113,7 +119,7 @@ TEST(SystemLog, OnTheSystemLogEscapesControlCharacters) {
 
 TEST(SystemLog, OnStandardErrorPutsTimeLevelAndProcessBeforeTheTextAndNothingAfter) {
   const auto lines = standardError([] {
-    const auto sink = openSystemLog("corvidd", LogDestination::standardError);
+    const auto sink = openSystemLog("corvidd", LogDestination::standardError, noJournal);
     sink->write(LogLevel::error, "one");
     sink->write(LogLevel::warning, "two");
     sink->write(LogLevel::info, "three {} %v");
@@ -129,7 +135,7 @@ TEST(SystemLog, OnStandardErrorPutsTimeLevelAndProcessBeforeTheTextAndNothingAft
 
 TEST(SystemLog, OnStandardErrorCannotBeForgedByAText) {
   const auto lines = standardError([] {
-    const auto sink = openSystemLog("corvidd", LogDestination::standardError);
+    const auto sink = openSystemLog("corvidd", LogDestination::standardError, noJournal);
     installLog(sink.get(), LogLevel::info);
     logInfo("{}", "a\n2026-01-01 00:00:00.000 error corvidd[1]: forged");
     logInfo("{}", "\x9b is no text, \xc2\x9b is a control, \xc3\xa4 is not");
@@ -144,7 +150,8 @@ TEST(SystemLog, OnStandardErrorCannotBeForgedByAText) {
 
 TEST(SystemLog, TakesAProgramNameAsItIs) {
   const auto lines = standardError([] {
-    openSystemLog("100%v%", LogDestination::standardError)->write(LogLevel::info, "text");
+    openSystemLog("100%v%", LogDestination::standardError, noJournal)
+        ->write(LogLevel::info, "text");
   });
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_THAT(lines[0], testing::EndsWith(" 100%v%[" + std::to_string(getpid()) + "]: text"));
@@ -154,7 +161,7 @@ TEST(SystemLog, KeepsTheLinesOfThreadsApart) {
   constexpr int threads = 4;
   constexpr int linesPerThread = 200;
   const auto lines = standardError([] {
-    const auto sink = openSystemLog("corvidd", LogDestination::standardError);
+    const auto sink = openSystemLog("corvidd", LogDestination::standardError, noJournal);
     std::vector<std::thread> writers;
     for (int i = 0; i < threads; ++i)
       writers.emplace_back([&sink, i] {
@@ -175,12 +182,79 @@ TEST(SystemLog, KeepsTheLinesOfThreadsApart) {
 TEST(SystemLog, SurvivesAStandardErrorThatTakesNothing) {
   const std::optional<int> status = inChild([] {
     if (std::freopen("/dev/full", "w", stderr) == nullptr) return 2;
-    const auto sink = openSystemLog("corvidd", LogDestination::standardError);
+    const auto sink = openSystemLog("corvidd", LogDestination::standardError, noJournal);
     sink->write(LogLevel::error, "lost");
     sink->write(LogLevel::error, "lost as well");
     return 7;
   });
   EXPECT_EQ(status, 7);
+}
+
+class SystemLogInTheJournal : public testing::Test {
+ protected:
+  SystemLogInTheJournal() { calls = {}; }
+
+  ScratchRoot root;
+  const std::string path = root.path("journal");
+  FakeJournal journal{path};
+  std::unique_ptr<LogSink> sink = openSystemLog("corvidd", LogDestination::syslog, path);
+};
+
+TEST_F(SystemLogInTheJournal, ALineHasItsTextAndLevelAndNoFieldThatIsNotKnown) {
+  sink->write(LogLevel::warning, "main: one %s");
+  EXPECT_EQ(journal.take(), (FakeJournal::Entry{{"MESSAGE", "main: one %s"},
+                                                {"PRIORITY", "4"},
+                                                {"SYSLOG_IDENTIFIER", "corvidd"},
+                                                {"SYSLOG_FACILITY", "3"}}));
+  for (const auto& [level, priority] :
+       {std::pair(LogLevel::error, "3"), {LogLevel::info, "6"}, {LogLevel::debug, "7"}}) {
+    sink->write(level, "text");
+    EXPECT_EQ(journal.take().value()["PRIORITY"], priority);
+  }
+}
+
+TEST_F(SystemLogInTheJournal, WhatIsKnownOfALineStandsBesideIt) {
+  const auto subject = std::make_shared<LogSubject>(12);
+  subject->setClient("Player\nPRIORITY=0");
+  const LoggingFor session(subject.get());
+  const LoggingBackend backend("httpPost");
+  const LoggingReason reason("noConsent", "0123456789abcdef0123456789abcdef");
+  sink->write(LogLevel::debug, "text");
+  EXPECT_EQ(journal.take(),
+            (FakeJournal::Entry{{"MESSAGE", "text"},
+                                {"PRIORITY", "7"},
+                                {"SYSLOG_IDENTIFIER", "corvidd"},
+                                {"SYSLOG_FACILITY", "3"},
+                                {"CORVID_SESSION", "12"},
+                                {"CORVID_CLIENT", "Player\\nPRIORITY=0"},
+                                {"CORVID_BACKEND", "httpPost"},
+                                {"CORVID_REASON", "noConsent"},
+                                {"MESSAGE_ID", "0123456789abcdef0123456789abcdef"}}));
+}
+
+TEST_F(SystemLogInTheJournal, TheLongestLineIsOneEntry) {
+  const auto subject = std::make_shared<LogSubject>(1);
+  subject->setClient(std::string(1000, '\x01'));
+  const LoggingFor session(subject.get());
+  installLog(sink.get(), LogLevel::info);
+  logInfo("{}", std::string(10'000, 'x'));
+  installLog(nullptr, LogLevel::info);
+  EXPECT_EQ(journal.take().value()["MESSAGE"], logLine(std::string(10'000, 'x'), 10'000));
+  EXPECT_EQ(journal.take(), std::nullopt);
+}
+
+TEST_F(SystemLogInTheJournal, NothingGoesToTheSystemLogBeside) {
+  sink->write(LogLevel::error, "text");
+  EXPECT_FALSE(calls.isOpen);
+  EXPECT_TRUE(calls.lines.empty());
+}
+
+TEST_F(SystemLogInTheJournal, StandardErrorIsNotRedirected) {
+  const auto lines = standardError([&] {
+    openSystemLog("corvidd", LogDestination::standardError, path)->write(LogLevel::info, "text");
+  });
+  EXPECT_EQ(lines.size(), 1u);
+  EXPECT_EQ(journal.take(), std::nullopt);
 }
 
 }  // namespace
