@@ -123,12 +123,15 @@ Platform::Services systemServices(const Paths& paths, const Deployment& deployme
                                   const Reloadable& reloadable,
                                   std::optional<FileStamp> triedBundle) {
   const auto workEnded = [launcher] { launcher->workEnded(); };
+  const auto network = std::make_shared<SystemNetwork>(clock, workEnded);
+  launcher->watch(reloadable.http->heartbeat());
+  launcher->watch(network->heartbeat());
   const auto preferences = std::make_shared<FilePreferences>(paths.preferencesFolder);
   const auto random = std::make_shared<SystemRandom>();
   return {
       .clock = clock,
       .http = reloadable.http,
-      .network = std::make_shared<SystemNetwork>(clock, workEnded),
+      .network = network,
       .preferences = preferences,
       .deviceInformation = reloadable.deviceInformation,
       .locale = std::make_shared<SystemLocale>(paths.localeFile),
@@ -287,6 +290,9 @@ int runDaemon(const Options& options) {
                    {[launcher] { return launcher->tryBeginTransaction(); },
                     [launcher] { launcher->endTransaction(); }},
                    {entitlementWatch.descriptor(), [&] { entitlementWatch.takeChanges(); }});
+  launcher->watch(listener->heartbeat());
+  if (control) launcher->watch(control->heartbeat());
+  launcher->watch(signals.heartbeat());
   logInfo("main: Listener resumes with sandbox, start loop.");
   sealSandbox(options);
   launcher->notifyReady(statusLine(0, 0, {}));

@@ -151,12 +151,14 @@ void ControlService::resume(std::shared_ptr<ControlInterface> control) {
 }
 
 void ControlService::run() {
+  const Heartbeat::Running running(_heartbeat);
   int pause = -1;
   for (;;) {
     std::array<pollfd, 2> ready{
         {{_wakeup.descriptor(), POLLIN, 0}, {pause < 0 ? _socket.get() : -1, POLLIN, 0}}};
     poll(ready.data(), ready.size(), pause);
     _wakeup.drain();
+    _heartbeat.beat();
     _connections.remove_if([](const auto& connection) { return connection->hasEnded(); });
     if (_stopping) break;
     pause = -1;

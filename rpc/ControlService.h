@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "base/Descriptor.h"
+#include "base/Heartbeat.h"
 #include "base/Result.h"
 #include "base/Wakeup.h"
 #include "platform/SharedBudget.h"
@@ -47,6 +48,7 @@ class ControlService {
   void abandonSocket() const { _socket.removeFile(); }
   // Once.
   void resume(std::shared_ptr<ControlInterface> control);
+  Heartbeat& heartbeat() { return _heartbeat; }
 
  private:
   class Connection;
@@ -59,6 +61,7 @@ class ControlService {
   const EntitlementReader _entitlements;
   const Budgets& _budgets;
   const Wakeup _wakeup;
+  Heartbeat _heartbeat{"control", [this] { _wakeup.wake(); }};
   std::shared_ptr<ControlInterface> _control;
   std::atomic<bool> _stopping{false};
   std::thread _thread;

@@ -87,6 +87,7 @@ void IPCListener::close() {
 }
 
 void IPCListener::run() {
+  const Heartbeat::Running running(_heartbeat);
   for (;;) {
     std::array<pollfd, 3> ready{{{_wakeup.descriptor(), POLLIN, 0},
                                  {_socket.get(), POLLIN, 0},
@@ -98,6 +99,7 @@ void IPCListener::run() {
       std::this_thread::sleep_for(milliseconds(starvedPause));
     }
     _wakeup.drain();
+    _heartbeat.beat();
     reap();
     {
       const MutexLock lock(_mutex);

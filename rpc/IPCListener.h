@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "base/Descriptor.h"
+#include "base/Heartbeat.h"
 #include "base/Mutex.h"
 #include "base/Result.h"
 #include "base/Wakeup.h"
@@ -70,6 +71,7 @@ class IPCListener {
   void close() EXCLUDES(_mutex);
   // For a process that ends without the destructor: removes the socket's file, if it is its own.
   void abandonSocket() const { _socket.removeFile(); }
+  Heartbeat& heartbeat() { return _heartbeat; }
   // Connections that are open or being closed, with what their ends still do. Any thread.
   std::size_t connections() const;
 
@@ -91,6 +93,7 @@ class IPCListener {
   const EntitlementReader _entitlements;
   const IPCConnection::Shared _shared;
   const Wakeup _wakeup;
+  Heartbeat _heartbeat{"accept", [this] { _wakeup.wake(); }};
   const ServiceSocket _socket;
   std::shared_ptr<ListenerDelegate> _delegate;
   AcceptGate _gate;

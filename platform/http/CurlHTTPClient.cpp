@@ -27,6 +27,11 @@ HTTPOutcome failed(const Exchange& exchange, CURLcode code, std::string_view why
 CurlHTTPClient::CurlHTTPClient(std::shared_ptr<Clock> clock, Options options)
     : _clock(std::move(clock)),
       _options(std::move(options)),
+      _heartbeat("HTTP",
+                 [this] {
+                   const MutexLock lock(_mutex);
+                   wake();
+                 }),
       _allowsInsecureHTTP(_options.allowInsecureHTTP),
       _queue({.exchanges = mostWaitingExchanges,
               .bytes = mostWaitingBytes,
@@ -117,6 +122,7 @@ std::map<std::string, HTTPClient::Load> CurlHTTPClient::loads() const {
 // ---- The client's thread
 
 void CurlHTTPClient::run() {
+  const Heartbeat::Running running(_heartbeat);
   while (auto work = takeWork()) {
     if (work->trust) _multi->trust(*std::move(work->trust));
     for (Exchange& exchange : work->expired) {
@@ -137,8 +143,11 @@ void CurlHTTPClient::run() {
 
 bool CurlHTTPClient::waitForWork(std::optional<milliseconds> longest) {
   const MutexLock lock(_mutex);
-  const auto hasWork = [this]()
-                           NO_THREAD_SAFETY_ANALYSIS { return _stopping || _queue.waiting() > 0; };
+  // A question is answered asleep: it neither is work nor keeps connections.
+  const auto hasWork = [this]() NO_THREAD_SAFETY_ANALYSIS {
+    _heartbeat.beat();
+    return _stopping || _queue.waiting() > 0;
+  };
   if (longest) return _clock->waitUntil(_hasWork, _mutex, _clock->steadyNow() + *longest, hasWork);
   _hasWork.wait(_mutex, hasWork);
   return true;
@@ -152,6 +161,7 @@ std::optional<CurlHTTPClient::Work> CurlHTTPClient::takeWork() {
   const MutexLock lock(_mutex);
   _sleepsInTransfer = false;
   _hasNews = false;
+  _heartbeat.beat();
   if (_stopping) return std::nullopt;
   Work work;
   work.trust = std::exchange(_newTrust, std::nullopt);
@@ -182,7 +192,7 @@ void CurlHTTPClient::sleepUntilTransfer() {
   std::chrono::nanoseconds longest;
   {
     const MutexLock lock(_mutex);
-    if (_hasNews || _stopping) return;
+    if (_hasNews || _stopping || _heartbeat.isAsked()) return;
     longest = _clock->sleepTowards(_queue.nextDeadline());
     _sleepsInTransfer = true;
   }

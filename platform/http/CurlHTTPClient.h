@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "base/Heartbeat.h"
 #include "base/Mutex.h"
 #include "platform/Clock.h"
 #include "platform/HTTPClient.h"
@@ -78,6 +79,7 @@ class CurlHTTPClient final : public HTTPClient {
   std::map<std::string, Load> loads() const override EXCLUDES(_mutex);
   // Exchanges that found the queue full, since the start.
   std::size_t exchangesRefused() const { return _refused; }
+  Heartbeat& heartbeat() { return _heartbeat; }
 
  private:
   using CAFile = std::optional<std::string>;
@@ -116,6 +118,7 @@ class CurlHTTPClient final : public HTTPClient {
   const Options _options;
 
   // By themselves.
+  Heartbeat _heartbeat;
   std::atomic<std::size_t> _underWay = 0;
   std::atomic<std::size_t> _refused = 0;
   std::atomic<bool> _allowsInsecureHTTP;

@@ -176,7 +176,9 @@ void NetworkLoop::stop() {
 }
 
 void NetworkLoop::run() {
+  const Heartbeat::Running running(_heartbeat);
   while (runTasks()) {
+    _heartbeat.beat();
     runDue();
     runReadable();
   }
@@ -248,11 +250,20 @@ std::shared_ptr<Task> NetworkLoop::handlerOf(SourceID source) {
   return found == _entries.end() ? nullptr : found->second.handler;
 }
 
+bool NetworkLoop::answersQuestion() {
+  if (!_heartbeat.isAsked()) return false;
+  _wakeup.drain();
+  _heartbeat.beat();
+  return true;
+}
+
 void NetworkLoop::runReadable() {
   std::array<epoll_event, eventsPerWait> events;
-  const int timeout = prepareToSleep();
-  const int count =
-      epoll_wait(_poll.get(), events.data(), static_cast<int>(events.size()), timeout);
+  int count = 0;
+  do {
+    const int timeout = prepareToSleep();
+    count = epoll_wait(_poll.get(), events.data(), static_cast<int>(events.size()), timeout);
+  } while (count == 1 && events[0].data.u64 == noSource && answersQuestion());
   {
     MutexLock lock(_mutex);
     _isAsleep = false;

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "base/Descriptor.h"
+#include "base/Heartbeat.h"
 #include "base/Mutex.h"
 #include "base/Wakeup.h"
 #include "platform/Clock.h"
@@ -47,6 +48,7 @@ class NetworkLoop final : public SerialQueue, public std::enable_shared_from_thi
 
   bool isBusy() const EXCLUDES(_mutex);
   void stop() EXCLUDES(_mutex);
+  Heartbeat& heartbeat() { return _heartbeat; }
 
  private:
   class EntrySource;
@@ -81,6 +83,8 @@ class NetworkLoop final : public SerialQueue, public std::enable_shared_from_thi
   bool runTasks() EXCLUDES(_mutex);
   void runDue() EXCLUDES(_mutex);
   void runReadable() EXCLUDES(_mutex);
+  // Where nothing but the question woke the loop, which is no work.
+  bool answersQuestion();
   // How long the thread may sleep, in milliseconds as the kernel takes them.
   int prepareToSleep() EXCLUDES(_mutex);
   // Nothing where nothing is due by then. One that fires once goes to `finished`.
@@ -92,6 +96,7 @@ class NetworkLoop final : public SerialQueue, public std::enable_shared_from_thi
   const std::function<void()> _onIdle;
   const Descriptor _poll;
   const Wakeup _wakeup;
+  Heartbeat _heartbeat{"network", [this] { _wakeup.wake(); }};
 
   mutable Mutex _mutex;
   std::vector<Task> _tasks GUARDED_BY(_mutex);

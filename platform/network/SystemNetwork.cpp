@@ -20,5 +20,6 @@ Result<std::unique_ptr<DatagramSocket>> SystemNetwork::openDatagramSocket() {
 }
 
 bool SystemNetwork::isBusy() const { return _loop->isBusy(); }
+Heartbeat& SystemNetwork::heartbeat() { return _loop->heartbeat(); }
 
 }  // namespace corvid

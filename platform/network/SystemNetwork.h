@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 
+#include "base/Heartbeat.h"
 #include "platform/Clock.h"
 #include "platform/Network.h"
 
@@ -25,6 +26,7 @@ class SystemNetwork final : public Network {
   std::shared_ptr<SerialQueue> createQueue(std::string label) override;
   Result<std::unique_ptr<DatagramSocket>> openDatagramSocket() override;
   bool isBusy() const override;
+  Heartbeat& heartbeat();
 
  private:
   const std::shared_ptr<NetworkLoop> _loop;

@@ -28,9 +28,10 @@ namespace {
 constexpr int firstPassedDescriptor = 3;
 constexpr int mostPassedDescriptors = 1024;
 
-std::optional<int> numberInEnvironment(const char* name) {
+template <class Number = int>
+std::optional<Number> numberInEnvironment(const char* name) {
   const char* const text = std::getenv(name);
-  return text ? numberFrom<int>(text) : std::nullopt;
+  return text ? numberFrom<Number>(text) : std::nullopt;
 }
 
 // Whether a socket is bound to a file of that name.
@@ -75,6 +76,15 @@ Descriptor socketToLauncher() {
   return launcher;
 }
 
+// Half of what the launcher's watchdog waits; 0 where it has none for this process.
+std::chrono::nanoseconds timeBetweenBeats() {
+  constexpr std::int64_t longest = std::chrono::microseconds(std::chrono::hours(24 * 365)).count();
+  if (std::getenv("WATCHDOG_PID") && numberInEnvironment("WATCHDOG_PID") != getpid())
+    return std::chrono::nanoseconds(0);
+  const std::int64_t interval = numberInEnvironment<std::int64_t>("WATCHDOG_USEC").value_or(0);
+  return std::chrono::microseconds(std::clamp<std::int64_t>(interval, 0, longest)) / 2;
+}
+
 // One message is made of lines, so a status stays on its own.
 std::string statusLine(std::string_view status) {
   std::string line = "STATUS=" + std::string(status);
@@ -87,6 +97,7 @@ std::string statusLine(std::string_view status) {
 Launcher::Launcher(std::shared_ptr<Clock> clock)
     : _clock(std::move(clock)),
       _launcherSocket(socketToLauncher()),
+      _timeBetweenBeats(_launcherSocket ? timeBetweenBeats() : std::chrono::nanoseconds(0)),
       _sockets(passedSockets()),
       _isSocketActivated(_sockets.service) {}
 
@@ -99,6 +110,17 @@ void Launcher::notify(std::string_view message) {
 void Launcher::notifyReady(std::string_view status) { notify("READY=1\n" + statusLine(status)); }
 
 void Launcher::notifyStatus(std::string_view status) { notify(statusLine(status)); }
+
+void Launcher::feedWatchdog() {
+  const auto silent =
+      std::ranges::find_if(_loops, [](const Heartbeat* loop) { return !loop->hasAnswered(); });
+  const bool wasHungry = std::exchange(_isHungry, silent != _loops.end());
+  if (!_isHungry)
+    notify("WATCHDOG=1");
+  else if (!wasHungry)
+    logError("main: The loop of {} does not answer; the watchdog is not fed", (*silent)->loop());
+  for (Heartbeat* const loop : _loops) loop->ask();
+}
 
 void Launcher::beginTransaction() {
   const MutexLock lock(_mutex);
@@ -133,7 +155,17 @@ int Launcher::runLoop(std::chrono::seconds idleExit, const std::function<bool()>
                       const std::function<std::string()>& status) {
   _mutex.lock();
   _lastWork = _clock->steadyNow();
+  Clock::TimePoint nextBeat = _lastWork;
   while (!_isEnding) {
+    std::chrono::nanoseconds untilBeat = std::chrono::nanoseconds::max();
+    if (_timeBetweenBeats.count() > 0) untilBeat = _clock->sleepTowards(nextBeat);
+    if (untilBeat.count() <= 0) {
+      _mutex.unlock();
+      feedWatchdog();
+      nextBeat = _clock->steadyNow() + _timeBetweenBeats;
+      _mutex.lock();
+      continue;
+    }
     std::chrono::nanoseconds untilStatus = std::chrono::nanoseconds::max();
     if (status && _statusChanged)
       untilStatus = _clock->sleepTowards(_lastStatus + timeBetweenStatuses);
@@ -145,7 +177,7 @@ int Launcher::runLoop(std::chrono::seconds idleExit, const std::function<bool()>
       _mutex.lock();
       continue;
     }
-    std::chrono::nanoseconds longest = untilStatus;
+    std::chrono::nanoseconds longest = std::min(untilBeat, untilStatus);
     if (_transactions == 0 && idleExit.count() > 0) {
       // Who says that work has ended may hold the lock that `busy` needs.
       _mutex.unlock();

@@ -9,8 +9,10 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "base/Descriptor.h"
+#include "base/Heartbeat.h"
 #include "base/Mutex.h"
 #include "platform/Clock.h"
 #include "platform/Device.h"
@@ -61,11 +63,17 @@ class Launcher final : public KeepAlive {
   // May be called with locks held that `status` takes.
   void statusChanged() EXCLUDES(_mutex);
 
+  // Where the launcher wants to hear that the process lives, runLoop feeds its watchdog at half the
+  // interval that it gives, and each time asks every loop that is watched. Once one has not
+  // answered by the next time, nothing is fed, with one error line, until all have answered. Main,
+  // before runLoop; `loop` is borrowed until that has returned.
+  void watch(Heartbeat& loop) { _loops.push_back(&loop); }
+
   // Blocks while a transaction is open or `busy` says that there is other work, and then until
   // `idleExit` has passed since the last moment of either (at first: since the call); 0: without
   // end. Returns the exit status, 0; at once when a stop is requested. `busy` and `status` are
   // called without locks. Nothing polls: the thread sleeps through open transactions and wakes once
-  // in an idle time otherwise, and for a status that has changed.
+  // in an idle time otherwise, for a status that has changed, and for a watchdog.
   int runLoop(std::chrono::seconds idleExit, const std::function<bool()>& busy,
               const std::function<std::string()>& status = {}) EXCLUDES(_mutex);
 
@@ -73,12 +81,17 @@ class Launcher final : public KeepAlive {
   static constexpr std::chrono::seconds timeBetweenStatuses{1};
 
   void notify(std::string_view message);
+  // Main, without locks.
+  void feedWatchdog();
 
   // Constant after construction.
   const std::shared_ptr<Clock> _clock;
   const Descriptor _launcherSocket;
+  const std::chrono::nanoseconds _timeBetweenBeats;  // 0: no watchdog
   // Main only.
   Sockets _sockets;
+  std::vector<Heartbeat*> _loops;
+  bool _isHungry = false;  // the watchdog is not fed
   // Constant after construction.
   const bool _isSocketActivated;
 

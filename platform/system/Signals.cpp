@@ -21,7 +21,8 @@ Signals::Signals() {
 }
 
 Signals::~Signals() {
-  _end.wake();
+  _isEnding = true;
+  _wakeup.wake();
   if (_thread.joinable()) _thread.join();
 }
 
@@ -32,10 +33,13 @@ void Signals::watch(std::function<void(int signal)> received) {
 }
 
 void Signals::run() {
+  const Heartbeat::Running running(_heartbeat);
   for (;;) {
-    std::array<pollfd, 2> ready{{{_end.descriptor(), POLLIN, 0}, {_signals.get(), POLLIN, 0}}};
+    std::array<pollfd, 2> ready{{{_wakeup.descriptor(), POLLIN, 0}, {_signals.get(), POLLIN, 0}}};
     poll(ready.data(), ready.size(), -1);
-    if (ready[0].revents != 0) return;
+    _wakeup.drain();
+    if (_isEnding) return;
+    _heartbeat.beat();
     signalfd_siginfo info{};
     while (read(_signals.get(), &info, sizeof info) == sizeof info)
       _received(static_cast<int>(info.ssi_signo));

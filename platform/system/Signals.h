@@ -1,10 +1,12 @@
 // Signals that tell the daemon what to do, taken by a thread instead of a handler.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <thread>
 
 #include "base/Descriptor.h"
+#include "base/Heartbeat.h"
 #include "base/Wakeup.h"
 
 namespace corvid {
@@ -24,11 +26,14 @@ class Signals {
 
   // Once.
   void watch(std::function<void(int signal)> received);
+  Heartbeat& heartbeat() { return _heartbeat; }
 
  private:
   void run();
 
-  const Wakeup _end;
+  const Wakeup _wakeup;
+  Heartbeat _heartbeat{"signals", [this] { _wakeup.wake(); }};
+  std::atomic<bool> _isEnding{false};
   Descriptor _signals;
   std::function<void(int)> _received;
   std::thread _thread;

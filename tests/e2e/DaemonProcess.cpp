@@ -83,7 +83,7 @@ std::size_t DaemonProcess::descriptors() const {
   return static_cast<std::size_t>(std::distance(open, end));
 }
 
-bool DaemonProcess::takeReadiness() {
+bool DaemonProcess::takeMessage() {
   std::array<char, 4096> message;
   const ssize_t size = recv(_notifySocket.get(), message.data(), message.size(), 0);
   if (size <= 0) return false;
@@ -91,21 +91,28 @@ bool DaemonProcess::takeReadiness() {
   constexpr std::string_view statusKey = "STATUS=";
   if (const auto at = text.find(statusKey); at != text.npos)
     _status = text.substr(at + statusKey.size());
-  return text.find("READY=1") != std::string_view::npos;
+  if (text.find("READY=1") != text.npos) _isReady = true;
+  _timesFed += text == "WATCHDOG=1";
+  return true;
 }
 
 const std::string& DaemonProcess::latestStatus() {
-  std::string before;
-  do {
-    before = _status;
-    takeReadiness();
-  } while (_status != before);
+  while (takeMessage()) continue;
   return _status;
 }
 
+std::size_t DaemonProcess::timesFed() {
+  while (takeMessage()) continue;
+  return _timesFed;
+}
+
 bool DaemonProcess::waitUntilReady() {
-  bool isReady = false;
-  return waitUntil([&] { return (isReady = takeReadiness()) || !_process.isRunning(); }) && isReady;
+  _isReady = false;
+  return waitUntil([&] {
+           while (!_isReady && takeMessage()) continue;
+           return _isReady || !_process.isRunning();
+         }) &&
+         _isReady;
 }
 
 std::size_t DaemonProcess::timesLogged(std::string_view fragment) const {

@@ -46,6 +46,8 @@ class DaemonProcess {
   bool waitUntilReady();
   // What its status line says now.
   const std::string& latestStatus();
+  // How often it has fed its watchdog so far.
+  std::size_t timesFed();
   // Until a line with that fragment is in the log (standard error).
   bool waitForLog(std::string_view fragment) const;
   // How often the log holds that text.
@@ -59,11 +61,13 @@ class DaemonProcess {
   std::string standardError() const;
 
  private:
-  // Whether the daemon has reported that it serves since the last question.
-  bool takeReadiness();
+  // Takes in what it has told its launcher; false where there is nothing more.
+  bool takeMessage();
 
   const ScratchRoot& _root;
   std::string _status;
+  bool _isReady = false;
+  std::size_t _timesFed = 0;
   const Descriptor _notifySocket;
   ChildProcess _process;
 };

@@ -86,6 +86,37 @@ TEST(SystemNetworkThread, WhereTheSystemHasNoneASourceIsNotMadeAndNothingThrows)
   EXPECT_EQ(inChild(work), 0);
 }
 
+TEST_F(SystemNetworkTest, ALoopThatWasNeverStartedHasAnswered) {
+  network->heartbeat().ask();
+  EXPECT_TRUE(network->heartbeat().hasAnswered());
+}
+
+TEST_F(SystemNetworkTest, TheIdleLoopAnswersWhichIsNoWork) {
+  settle();
+  ASSERT_TRUE(becomesIdle());
+  while (idle.try_acquire_for(20ms)) continue;
+  for (int i = 0; i < 3; ++i) {
+    network->heartbeat().ask();
+    EXPECT_TRUE(waitUntil([&] { return network->heartbeat().hasAnswered(); }));
+    EXPECT_FALSE(network->isBusy());
+  }
+  EXPECT_FALSE(idle.try_acquire_for(20ms));
+  settle();
+}
+
+TEST_F(SystemNetworkTest, ALoopThatIsHeldUpDoesNotAnswer) {
+  std::promise<void> begun, mayGoOn;
+  queue->async([&begun, future = mayGoOn.get_future().share()] {
+    begun.set_value();
+    future.wait();
+  });
+  ASSERT_EQ(begun.get_future().wait_for(patience), std::future_status::ready);
+  network->heartbeat().ask();
+  EXPECT_FALSE(waitUntil([&] { return network->heartbeat().hasAnswered(); }, 50ms));
+  mayGoOn.set_value();
+  EXPECT_TRUE(waitUntil([&] { return network->heartbeat().hasAnswered(); }));
+}
+
 TEST_F(SystemNetworkTest, TasksRunInOrderOnOneThreadThatIsNotTheCallers) {
   std::vector<int> order;
   std::vector<std::thread::id> threads;

@@ -18,6 +18,7 @@
 #include "platform/system/Launcher.h"
 #include "tests/fakes/CapturedLog.h"
 #include "tests/fakes/FakeClock.h"
+#include "tests/platform/system/NotifySocket.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Scratch.h"
 #include "tests/support/Waiting.h"
@@ -212,34 +213,6 @@ TEST(LauncherRunLoop, WithoutIdleTimeDoesNotReturn) {
   });
   EXPECT_EQ(status, 0);
 }
-
-// A launcher's side of NOTIFY_SOCKET.
-class NotifySocket {
- public:
-  explicit NotifySocket(const std::string& name)
-      : _socket(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, name.data(), name.size());
-    const bool isAbstract = name[0] == '@';
-    if (isAbstract) address.sun_path[0] = 0;
-    const auto size = offsetof(sockaddr_un, sun_path) + name.size() + (isAbstract ? 0 : 1);
-    EXPECT_EQ(
-        bind(_socket.get(), reinterpret_cast<sockaddr*>(&address), static_cast<socklen_t>(size)),
-        0);
-    setenv("NOTIFY_SOCKET", name.c_str(), 1);
-  }
-  ~NotifySocket() { unsetenv("NOTIFY_SOCKET"); }
-
-  std::string received() const {
-    char message[256];
-    const ssize_t size = recv(_socket.get(), message, sizeof message, MSG_DONTWAIT);
-    return size < 0 ? "(nothing)" : std::string(message, static_cast<std::size_t>(size));
-  }
-
- private:
-  Descriptor _socket;
-};
 
 TEST(LauncherNotification, ReachesASocketInTheFileSystem) {
   const ScratchFolder scratch;
