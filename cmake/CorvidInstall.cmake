@@ -5,7 +5,8 @@ install(CODE [[
     message(FATAL_ERROR " the daemon looks for its files in the folder usr of its root: the prefix is /usr or DIR/usr, not ${CMAKE_INSTALL_PREFIX}")
   endif()]])
 install(TARGETS corvidd RUNTIME DESTINATION sbin)  # where its unit looks for it
-install(TARGETS corvidctl corvid-lab corvid-storebag RUNTIME)
+install(TARGETS corvidctl corvid-lab RUNTIME)
+install(TARGETS corvid-storebag RUNTIME COMPONENT storebag)
 install(TARGETS corvid LIBRARY)
 install(DIRECTORY client/include/corvid include/corvid DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
@@ -19,8 +20,12 @@ install(FILES packaging/sandbox/com.halcyon.corvidd.plist DESTINATION share/corv
 install(FILES packaging/examples/deployment.plist packaging/examples/device.plist
               packaging/examples/entitlement.plist packaging/examples/storebag.plist
         DESTINATION share/doc/corvidd/examples)
-install(FILES packaging/man/corvidctl.1 packaging/man/corvid-lab.1 packaging/man/corvid-storebag.1
+install(FILES packaging/examples/nginx.conf DESTINATION share/doc/corvid-storebag/examples
+        COMPONENT storebag)
+install(FILES packaging/man/corvidctl.1 packaging/man/corvid-lab.1
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES packaging/man/corvid-storebag.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
+        COMPONENT storebag)
 install(FILES packaging/man/corvidd.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 install(FILES packaging/systemd/corvidd.service packaging/systemd/corvidd.socket
         DESTINATION lib/systemd/system)
