@@ -12,7 +12,7 @@
 namespace corvid::storebag {
 
 int runShowCommand(const ShowOptions& options) {
-  const Content content = contentOfFile(options.source);
+  const Content content = contentAt(options.source);
   if (!options.asJSON) {
     fmt::print("{}", writeXMLPropertyList(content.storebag));
     return 0;
@@ -20,7 +20,8 @@ int runShowCommand(const ShowOptions& options) {
   const Value json = tools::jsonFromValue(content.storebag);
   const std::optional<std::string> text = writeJSON(*json.dictionary());
   if (!text)
-    throw CommandError(options.source + ": JSON has no form for a number in it that is not finite");
+    throw CommandError(options.source.name +
+                       ": JSON has no form for a number in it that is not finite");
   fmt::print("{}\n", indentedJSON(*text));
   return 0;
 }

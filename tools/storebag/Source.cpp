@@ -2,14 +2,20 @@
 
 #include <fmt/format.h>
 
+#include <memory>
 #include <optional>
 #include <utility>
 
 #include "base/Reading.h"
+#include "config/StorebagFetch.h"
 #include "platform/data/Crypto.h"
+#include "platform/data/Deployment.h"
 #include "platform/data/JSON.h"
 #include "platform/data/LocalFileSystem.h"
 #include "platform/data/PropertyList.h"
+#include "platform/http/CurlHTTPClient.h"
+#include "platform/system/SystemClock.h"
+#include "tools/Arguments.h"
 #include "tools/JSONValues.h"
 
 namespace corvid::storebag {
@@ -33,12 +39,29 @@ Dictionary dictionaryOr(Result<Value> read, std::string_view what) {
   return *dictionary;
 }
 
+Source fetch(const Location& location) {
+  if (!location.name.starts_with("https://"))
+    throw tools::InputError("a storebag is fetched over https, not from " + location.name);
+  CurlHTTPClient::Options options;
+  if (!location.caFile.empty()) {
+    if (const auto fault = faultOfCAFile(location.caFile)) throw CommandError(fault->message);
+    options.caFile = location.caFile;
+  }
+  CurlHTTPClient client(std::make_shared<SystemClock>(), std::move(options));
+  HTTPOutcome outcome = performAndWait(client, storebagRequest(location.name, std::nullopt));
+  if (!outcome.response) throw UnreachableError(location.name, outcome.error->description);
+  return {.name = location.name,
+          .bytes = std::move(outcome.response->body),
+          .status = outcome.response->status};
+}
+
 }  // namespace
 
-std::string bytesOf(const std::string& file) {
-  Result<std::string> read = readRegularFile(file);
-  if (!read) throw CommandError(read.failure().message);
-  return std::move(read).value();
+Source read(const Location& location) {
+  if (location.name.find("://") != std::string::npos) return fetch(location);
+  Result<std::string> content = readRegularFile(location.name);
+  if (!content) throw CommandError(content.failure().message);
+  return {.name = location.name, .bytes = std::move(content).value()};
 }
 
 Content contentOf(std::string bytes, std::string_view name) {
@@ -59,6 +82,13 @@ Content contentOf(std::string bytes, std::string_view name) {
   return content;
 }
 
-Content contentOfFile(const std::string& file) { return contentOf(bytesOf(file), file); }
+Content contentAt(const Location& location) {
+  Source source = read(location);
+  if (source.status != 0 && source.status != 200)
+    source.name += fmt::format(" (status {})", source.status);
+  return contentOf(std::move(source.bytes), source.name);
+}
+
+Content contentOfFile(const std::string& file) { return contentAt({.name = file}); }
 
 }  // namespace corvid::storebag

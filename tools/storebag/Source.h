@@ -14,8 +14,29 @@ struct CommandError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// The bytes of a file. A CommandError names the file.
-std::string bytesOf(const std::string& file);
+// Where a storebag is: a file, or an https URL, which is fetched as a device would. Text with "://"
+// is a URL.
+struct Location {
+  std::string name;
+  std::string caFile{};  // PEM: trusted instead of the system's certificates; empty: those
+};
+
+// What is there.
+struct Source {
+  std::string name;  // for people
+  std::string bytes;
+  int status = 0;  // of the answer; 0 of a file
+};
+
+// A URL brought no answer.
+struct UnreachableError : CommandError {
+  UnreachableError(const std::string& name, const std::string& why)
+      : CommandError(name + ": " + why), detail(why) {}
+  std::string detail;
+};
+
+// A CommandError where there is nothing to read; a tools::InputError for a URL that is not https.
+Source read(const Location& location);
 
 // What is published, as it stands and as it is read.
 struct Content {
@@ -31,6 +52,7 @@ struct Content {
 Content contentOf(std::string bytes, std::string_view name);
 
 // Both in one.
+Content contentAt(const Location& location);
 Content contentOfFile(const std::string& file);
 
 }  // namespace corvid::storebag

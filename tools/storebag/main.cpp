@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "base/CommandLine.h"
+#include "platform/data/Crypto.h"
 #include "tools/Arguments.h"
 #include "tools/CommandShapes.h"
 #include "tools/storebag/Commands.h"
@@ -24,6 +25,41 @@ constexpr const char* footer =
     "Exit status: 0 done, 1 it did not work or something is wrong (standard error says what),\n"
     "64 wrong usage.";
 
+// The path of a file.
+CLI::Option* addFile(CLI::App& command, const std::string& name, std::string& target,
+                     const std::string& help) {
+  return command.add_option(name, target, help)
+      ->type_name(name.starts_with('-') ? "FILE" : "")
+      ->check(CLI::Validator(
+          [](const std::string& text) {
+            return std::string(text.empty() ? "takes a file, not an empty text" : "");
+          },
+          ""));
+}
+
+// An option that may stand several times, each time with one value.
+CLI::Option* addEach(CLI::App& command, const std::string& name, std::vector<std::string>& target,
+                     const char* type, const std::string& help) {
+  const auto take = [&target](const CLI::results_t& values) {  // as they are, like addWords
+    target = values;
+    return true;
+  };
+  return command.add_option(name, take, help)
+      ->type_name(type)
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+}
+
+void addLocation(CLI::App& command, Location& location) {
+  addFile(command, "FILE|URL", location.name, "The storebag: a file, or an https URL")->required();
+  addFile(command, "--ca-file", location.caFile,
+          "Certificates to trust for a URL instead of the system's, in PEM form");
+}
+
+void addJSON(CLI::App& command, bool& target) {
+  command.add_flag("--json", target, "Print JSON, for programs");
+}
+
 // Commands of the line and what becomes of the one that is named.
 class Program {
  public:
@@ -31,6 +67,9 @@ class Program {
 
  private:
   CLI::App& addCommand(const std::string& name, const std::string& help, std::function<int()> run);
+  void addKeygen();
+  void addSign();
+  void addVerify();
   void addShow();
   void addCompletion();
 
@@ -40,6 +79,9 @@ class Program {
       "corvid-storebag"};
   int _status = 0;
 
+  KeygenOptions _keygen;
+  SignOptions _sign;
+  VerifyOptions _verify;
   ShowOptions _show;
   std::string _shell;
 };
@@ -58,10 +100,44 @@ CLI::App& Program::addCommand(const std::string& name, const std::string& help,
   return command;
 }
 
+void Program::addKeygen() {
+  CLI::App& keygen =
+      addCommand("keygen", "Make a key to sign with: DIR/private.pem and DIR/publicKey.der",
+                 [this] { return runKeygenCommand(_keygen); });
+  addFolder(keygen, "DIR", _keygen.folder, "Folder for the key, without one yet")->required();
+  addNumber(keygen, "--bits", _keygen.bits, RSAPublicKey::leastBits, 16'384, "Its length (3072)");
+}
+
+void Program::addSign() {
+  CLI::App& sign = addCommand("sign", "Sign a storebag with one key or several",
+                              [this] { return runSignCommand(_sign); });
+  addEach(sign, "--key", _sign.keys, "PEM",
+          "Private key, a PEM file or a URI such as pkcs11:object=signing; several sign in this\n"
+          "order")
+      ->required();
+  addFile(sign, "IN", _sign.source,
+          "The storebag: a property list, JSON, or an envelope to be signed anew")
+      ->required();
+  addFile(sign, "-o,--output", _sign.output, "File for the envelope, replaced in one step")
+      ->required();
+}
+
+void Program::addVerify() {
+  CLI::App& verify = addCommand("verify", "Say whether devices with a public key take a storebag",
+                                [this] { return runVerifyCommand(_verify); });
+  addEach(verify, "--public-key", _verify.publicKeys, "DER",
+          "Public key of the devices; one of several is enough")
+      ->required();
+  verify.add_flag("--require-sha256", _verify.requiresSHA256,
+                  "As devices with RequireSHA256Signature do");
+  addLocation(verify, _verify.source);
+  addJSON(verify, _verify.asJSON);
+}
+
 void Program::addShow() {
   CLI::App& show = addCommand("show", "Print the content of a storebag, signed or not",
                               [this] { return runShowCommand(_show); });
-  show.add_option("FILE", _show.source, "The storebag")->required()->type_name("");
+  addLocation(show, _show.source);
   show.add_flag("--json", _show.asJSON, "Print JSON instead of a property list");
 }
 
@@ -75,6 +151,9 @@ void Program::addCompletion() {
 int Program::run(std::vector<std::string> arguments) {
   addCommonOptions(_app, version);
   _app.require_subcommand(1);
+  addKeygen();
+  addSign();
+  addVerify();
   addShow();
   addCompletion();
   _app.footer(footer);  // last: commands would have it too

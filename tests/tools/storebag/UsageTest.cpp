@@ -9,7 +9,7 @@ namespace {
 using testing::HasSubstr;
 using testing::StartsWith;
 
-const std::vector<std::string> commands{"show", "completion"};
+const std::vector<std::string> commands{"keygen", "sign", "verify", "show", "completion"};
 
 TEST(StorebagUsage, HelpNamesEveryCommand) {
   const std::string help = printedBy({"--help"});
@@ -29,7 +29,7 @@ TEST(StorebagUsage, EveryCommandHasHelpAndTheVersion) {
 TEST(StorebagUsage, WrongUsesAreNamedAndEndWith64) {
   expectFailure({}, "A subcommand is required (corvid-storebag --help says more)", 64);
   expectFailure({"dance"}, "there is no command dance (corvid-storebag --help says more)", 64);
-  expectFailure({"show"}, "FILE is required (corvid-storebag show --help says more)", 64);
+  expectFailure({"show"}, "FILE|URL is required (corvid-storebag show --help says more)", 64);
   expectFailure(
       {"completion", "csh"},
       "a shell is bash, zsh or fish, not csh (corvid-storebag completion --help says more)", 64);
