@@ -17,6 +17,7 @@
 #include "backends/https/EventPoster.h"
 #include "backends/https/HeldRecords.h"
 #include "base/Reading.h"
+#include "platform/data/PropertyList.h"
 #include "protocol/Limits.h"
 #include "protocol/Reason.h"
 #include "tests/e2e/LabFixture.h"
@@ -41,6 +42,8 @@ class Reasons : public LabFixture, protected Operator {
     drops = 32,        // one that is dropped, the ledger, and corvid_events_dropped_total
     delivers = 64,
   };
+  static constexpr const char* deploymentFile = "etc/corvid/deployment.plist";
+
   struct Provocation {
     Reason reason;
     unsigned places;
@@ -55,8 +58,13 @@ class Reasons : public LabFixture, protected Operator {
     publish("orrery", childStorebag());
     publish("cadence", {{"version", "1"}, {"development", Dictionary()}});
     publish("quill", {{"version", "1"}, {"release", Dictionary()}});
-    startDaemon({"--stop-timeout", "1"});
+    Dictionary deployment =
+        *parsePropertyList(contentOf(_root.path(deploymentFile))).value().dictionary();
+    deployment.set("RefuseOlderStorebags", true);
+    _root.write(deploymentFile, writeXMLPropertyList(deployment));
+    start();
   }
+  void start() { startDaemon({"--stop-timeout", "1"}); }
 
   // An entry for the client of that name, without what the name says.
   Dictionary entry(const char* name, const Dictionary& more = {},
@@ -224,8 +232,28 @@ std::vector<Reasons::Provocation> Reasons::provocations() {
     return Provocation{reason, places,
                        [clientType](Reasons& test) { return test.sendAsType(clientType); }};
   };
-  // Those of connections come first: they change who may connect.
+  // Those of connections come early: they change who may connect.
   std::vector<Provocation> all{
+      // The highest serial number is known to the next daemon, which has no storebag yet.
+      {Reason::storebagOlder, whole,
+       [](Reasons& test) {
+         constexpr int clientType = 8;
+         Dictionary numbered = test.childStorebag();
+         numbered.set("serial", 2);
+         test.publish("orrery", numbered);
+         test.sendAsType(clientType);
+         test._clients.clear();
+         test._daemon->signal(SIGTERM);
+         EXPECT_EQ(test._daemon->waitForExit(), 0);
+         numbered.set("serial", 1);
+         test.publish("orrery", numbered);
+         test.start();
+         const std::uint64_t session = test.sendAsType(clientType);
+         numbered.set("serial", 3);
+         test.publish("orrery", numbered);
+         EXPECT_EQ(test.ctl({"refresh"}).status, 0);
+         return session;
+       }},
       {Reason::notEntitled, ofConnection,
        [](Reasons& test) {
          constexpr const char* file = "etc/corvid/entitlements.d/lab.plist";
@@ -389,8 +417,6 @@ TEST_F(Reasons, EachOfTheListIsProvoked) {
     EXPECT_TRUE(provoked.insert(wordOf(provocation.reason)).second) << wordOf(provocation.reason);
   std::set<std::string_view> expected;
   for (const ReasonText& text : reasonTexts) expected.insert(text.word);
-  // Nothing decides so yet.
-  expected.erase(wordOf(Reason::storebagOlder));
   if (getuid() != 0) expected.erase(wordOf(Reason::controlNotEntitled));
   EXPECT_EQ(provoked, expected);
 }
