@@ -97,7 +97,7 @@ void PrintTo(const NumberedExample& example, std::ostream* out) {
 }
 std::vector<NumberedExample> allExamples() {
   std::vector<NumberedExample> all;
-  for (const char* const page : {"corvidctl.1", "corvidd.8", "corvid-lab.1"})
+  for (const char* const page : {"corvidctl.1", "corvidd.8", "corvid-lab.1", "corvid-storebag.1"})
     for (std::size_t number = 0; number < examplesOf(page).size(); ++number)
       all.push_back({page, number});
   return all;

@@ -1,3 +1,4 @@
+#include <fmt/format.h>
 #include <sys/stat.h>
 
 #include <filesystem>

@@ -1,5 +1,6 @@
 // Storebags at nginx, with the configuration that is shipped as an example.
 #include <arpa/inet.h>
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <sys/socket.h>
 

@@ -93,9 +93,9 @@ TEST_F(SignCommand, WhatItSignsTheOpenSSLProgramVerifies) {
        {std::pair{"signature", "-sha1"}, std::pair{"signatureSHA256", "-sha256"}}) {
     const std::string signature =
         folder.write("signature", *base64DecodeIgnoringUnknownCharacters(*stringAt(fields, field)));
-    const auto verify = [&](const std::string& file) {
+    const auto verify = [&, algorithm = digest](const std::string& file) {
       return runTool("openssl",
-                     {"dgst", digest, "-verify", publicHalf, "-signature", signature, file})
+                     {"dgst", algorithm, "-verify", publicHalf, "-signature", signature, file})
           .output;
     };
     EXPECT_EQ(verify(bag), "Verified OK\n") << field;
