@@ -106,10 +106,31 @@ TEST_F(SignCommand, WhatItSignsTheOpenSSLProgramVerifies) {
 
 TEST_F(SignCommand, AKeyMayComeFromAProvider) {
   const Dictionary fields = sign(storebag);
-  EXPECT_EQ(printedBy({"sign", "--key", "file:" + privateKey("trusted"), storebag, "-o", envelope}),
-            "");
-  EXPECT_EQ(parsePropertyList(contentOf(envelope)).value(), Value(fields));
   fs::remove(envelope);
+  const std::string der = folder.path("private.der");
+  ASSERT_EQ(runTool("openssl", {"pkcs8", "-topk8", "-nocrypt", "-in", privateKey("trusted"),
+                                "-outform", "DER", "-out", der})
+                .status,
+            0);
+  const std::string configuration =
+      folder.write("openssl.cnf",
+                   "openssl_conf = all\n[all]\nproviders = providers\n[providers]\n"
+                   "default = active\nkeys = keys\n[active]\nactivate = 1\n[keys]\n"
+                   "activate = 1\nmodule = " CORVID_KEY_PROVIDER "\n");
+  const auto signWith = [&](const std::string& uri) {
+    return runTool("env", {"OPENSSL_CONF=" + configuration, CORVID_STOREBAG_PROGRAM, "sign",
+                           "--key", uri, storebag, "-o", envelope});
+  };
+  const ToolResult done = signWith("corvid-test:" + der);
+  EXPECT_EQ(done.status, 0) << done.errors;
+  EXPECT_EQ(done.errors, "");
+  EXPECT_EQ(parsePropertyList(contentOf(envelope)).value(), Value(fields));
+  const ToolResult missing = signWith("corvid-test:" + folder.path("missing"));
+  EXPECT_EQ(missing.status, 1);
+  EXPECT_THAT(missing.errors, HasSubstr("missing: its provider has no private key there"));
+}
+
+TEST_F(SignCommand, ASchemeThatNoProviderKnowsIsNamed) {
   const ToolResult result =
       storebagTool({"sign", "--key", "pkcs11:object=signing", storebag, "-o", envelope});
   EXPECT_EQ(result.status, 1);
