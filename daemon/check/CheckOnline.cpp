@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "base/Reading.h"
+#include "base/Text.h"
 #include "base/URL.h"
 #include "config/Environment.h"
 #include "config/PublicKeys.h"
@@ -20,6 +21,7 @@
 #include "platform/data/Deployment.h"
 #include "platform/data/LocalFileSystem.h"
 #include "platform/data/PropertyList.h"
+#include "platform/http/Address.h"
 #include "platform/http/ServerTrust.h"
 #include "protocol/Keys.h"
 
@@ -115,7 +117,7 @@ std::set<std::string> checkStorebag(const std::string& name, const HTTPOutcome& 
 
 std::uint16_t portOf(const URL& url) {
   const std::string_view port = url.authority.substr(url.host.size());
-  std::uint16_t number = url.scheme == "http" ? 80 : 443;
+  std::uint16_t number = equalsIgnoringCase(url.scheme, "http") ? 80 : 443;
   if (port.size() > 1) std::from_chars(port.data() + 1, port.data() + port.size(), number);
   return number;
 }
@@ -123,16 +125,14 @@ std::uint16_t portOf(const URL& url) {
 // Each server once, however many addresses lead to it.
 void checkAddress(const std::string& address, std::set<std::string>& tried, Inspection& it) {
   const auto deployment = Platform::current().deployment();
-  const auto url = parseURL(address);
-  const bool isTaken =
-      url && !url->host.empty() && url->authority.find('@') == std::string::npos &&
-      (url->scheme == "https" || (url->scheme == "http" && deployment->allowInsecureHTTP));
-  if (!isTaken) return it.found.wrong(address, "is an address that no daemon takes");
-  const std::string server = fmt::format("{}://{}/", url->scheme, url->authority);
+  const Result<URL> taken = addressOf(address, deployment->allowInsecureHTTP);
+  if (!taken) return it.found.wrong(address, "is an address that no daemon takes");
+  const URL& url = taken.value();
+  const std::string server = fmt::format("{}://{}/", url.scheme, url.authority);
   if (!tried.insert(server).second) return;
-  if (const auto ports = reachableTCPPorts(*deployment); ports && !ports->contains(portOf(*url)))
+  if (const auto ports = reachableTCPPorts(*deployment); ports && !ports->contains(portOf(url)))
     return it.found.wrong(
-        server, fmt::format("the port {} is not among TCPPorts of the deployment", portOf(*url)));
+        server, fmt::format("the port {} is not among TCPPorts of the deployment", portOf(url)));
   if (const auto failure = tryConnection(server, deployment->caFile, connectionPatience))
     it.found.wrong(server, fmt::format("cannot be connected to: {}", failure->message));
   else

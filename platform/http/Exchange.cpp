@@ -6,7 +6,7 @@
 #include <algorithm>
 
 #include "base/Text.h"
-#include "base/URL.h"
+#include "platform/http/Address.h"
 
 namespace corvid {
 namespace {
@@ -14,13 +14,6 @@ namespace {
 using namespace std::literals;
 
 constexpr std::chrono::milliseconds longestTimeout = std::chrono::hours(24);
-
-// These names are known to belong to nobody, so the resolver need not be asked.
-bool isInvalidName(std::string_view host) {
-  constexpr auto ending = ".invalid"sv;
-  return host.size() > ending.size() &&
-         equalsIgnoringCase(host.substr(host.size() - ending.size()), ending);
-}
 
 bool isHeaderName(std::string_view name) {
   return !name.empty() && std::ranges::all_of(name, [](unsigned char c) {
@@ -86,29 +79,20 @@ HTTPFailure failureOf(int code) {
 }
 
 Result<Exchange> makeExchange(HTTPRequest request, bool allowInsecureHTTP, Exchange::Time now) {
-  const auto url = parseURL(request.url);
-  if (!url || url->host.empty()) return Failure{"not a URL of a host", CURLE_URL_MALFORMAT};
-  const auto refuse = [&](CURLcode code, std::string_view why) {
-    return Failure{fmt::format("{}: {}", url->authority, why), code};
+  const Result<URL> url = addressOf(request.url, allowInsecureHTTP);
+  if (!url) return url.failure();
+  const std::string_view host = url.value().authority;
+  const auto refuse = [&](std::string_view why) {
+    return Failure{fmt::format("{}: {}", host, why), CURLE_BAD_FUNCTION_ARGUMENT};
   };
-  if (url->authority.find('@') != std::string_view::npos)
-    return Failure{"a URL with a user name is not sent", CURLE_LOGIN_DENIED};
-  if (equalsIgnoringCase(url->scheme, "http")) {
-    if (!allowInsecureHTTP)
-      return refuse(CURLE_UNSUPPORTED_PROTOCOL, "plain http is not allowed, only https");
-  } else if (!equalsIgnoringCase(url->scheme, "https")) {
-    return refuse(CURLE_UNSUPPORTED_PROTOCOL, "the URL is neither https nor http");
-  }
   if (request.method != "GET" && request.method != "POST")
-    return refuse(CURLE_BAD_FUNCTION_ARGUMENT, "the method is neither GET nor POST");
+    return refuse("the method is neither GET nor POST");
   for (const auto& [name, value] : request.headers)
     if (!isHeaderName(name) || !isHeaderValue(value))
-      return refuse(CURLE_BAD_FUNCTION_ARGUMENT, "a header cannot be sent as given");
-  if (isInvalidName(url->host))
-    return refuse(CURLE_COULDNT_RESOLVE_HOST, "the name belongs to no host");
+      return refuse("a header cannot be sent as given");
 
   Exchange exchange;
-  exchange.host = url->authority;
+  exchange.host = host;
   exchange.url = std::move(request.url);
   exchange.headerLines = headerLinesFor(request.headers);
   exchange.isPost = request.method == "POST";
