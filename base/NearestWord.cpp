@@ -15,13 +15,18 @@ char lowered(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' +
 std::size_t editsBetween(std::string_view a, std::string_view b) {
   std::vector<std::size_t> row(b.size() + 1);
   std::iota(row.begin(), row.end(), std::size_t{0});
+  std::vector<std::size_t> above = row;
+  std::vector<std::size_t> secondAbove = row;
+  const auto isSame = [&](std::size_t i, std::size_t j) { return lowered(a[i]) == lowered(b[j]); };
   for (std::size_t i = 0; i < a.size(); ++i) {
-    std::size_t diagonal = row[0];
+    secondAbove.swap(above);
+    above.swap(row);
     row[0] = i + 1;
     for (std::size_t j = 0; j < b.size(); ++j) {
-      const std::size_t exchanged = diagonal + (lowered(a[i]) == lowered(b[j]) ? 0 : 1);
-      diagonal = row[j + 1];
-      row[j + 1] = std::min({exchanged, row[j] + 1, diagonal + 1});
+      const std::size_t replaced = above[j] + (isSame(i, j) ? 0 : 1);
+      row[j + 1] = std::min({replaced, row[j] + 1, above[j + 1] + 1});
+      if (i > 0 && j > 0 && isSame(i, j - 1) && isSame(i - 1, j))
+        row[j + 1] = std::min(row[j + 1], secondAbove[j - 1] + 1);
     }
   }
   return row.back();

@@ -64,6 +64,8 @@ char32_t lower(char32_t character) {
                 : character;
 }
 
+char32_t loweredASCII(char c) { return lower(static_cast<unsigned char>(c)); }
+
 char32_t fold(char32_t character) {
   if (character < 0x80) return lower(character);
   // The dotted and dotless i have no simple folding of their own.
@@ -175,13 +177,14 @@ std::string caseFolded(std::string_view text) { return mapped(text, fold); }
 bool equalsIgnoringCase(std::string_view a, std::string_view b) {
   if (a == b) return true;
   if (!isASCII(a) || !isASCII(b)) return caseFolded(a) == caseFolded(b);
-  const auto lowered = [](char c) { return lower(static_cast<unsigned char>(c)); };
-  return std::ranges::equal(a, b, {}, lowered, lowered);
+  return std::ranges::equal(a, b, {}, loweredASCII, loweredASCII);
 }
 
 bool containsIgnoringCase(std::string_view text, std::string_view needle) {
   if (needle.empty()) return false;
-  return caseFolded(text).find(caseFolded(needle)) != std::string::npos;
+  if (!isASCII(text) || !isASCII(needle))
+    return caseFolded(text).find(caseFolded(needle)) != std::string::npos;
+  return !std::ranges::search(text, needle, {}, loweredASCII, loweredASCII).empty();
 }
 
 std::vector<std::string_view> split(std::string_view text, char separator) {

@@ -20,6 +20,13 @@ TEST(NearestWord, TakesNoNoticeOfCase) {
   EXPECT_EQ(nearestWord("PRODUCTIONSTOREBAGHOST", known), "ProductionStorebagHost");
 }
 
+TEST(NearestWord, CountsExchangedNeighboursOnce) {
+  constexpr std::string_view ports[] = {"part", "port"};
+  EXPECT_EQ(nearestWord("prot", ports), "port");
+  EXPECT_EQ(nearestWord("opart", ports), "part");
+  EXPECT_EQ(nearestWord("trop", ports), std::nullopt);
+}
+
 TEST(NearestWord, IsNoneWhereMoreThanAThirdDiffers) {
   EXPECT_EQ(nearestWord("", known), std::nullopt);
   EXPECT_EQ(nearestWord("File", known), std::nullopt);

@@ -75,6 +75,12 @@ TEST(Text, FindsIgnoringCaseAndNeverAnEmptyNeedle) {
   EXPECT_TRUE(containsIgnoringCase("xABCy", "abc"));
   EXPECT_FALSE(containsIgnoringCase("abc", "xABCy"));
   EXPECT_FALSE(containsIgnoringCase("abc", ""));
+  EXPECT_FALSE(containsIgnoringCase("", "a"));
+  EXPECT_TRUE(containsIgnoringCase("AAB", "aab"));
+  EXPECT_TRUE(containsIgnoringCase("aaAB", "aB"));
+  EXPECT_TRUE(containsIgnoringCase("x\xC3\x84y", "\xC3\xA4Y"));
+  EXPECT_TRUE(containsIgnoringCase("x\xC3\x84y", "Y"));
+  EXPECT_FALSE(containsIgnoringCase("xay", "\xC3\xA4"));
 }
 
 TEST(Text, TellsASCII) {
