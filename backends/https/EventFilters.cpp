@@ -19,13 +19,13 @@ FilterAction actionNamed(const std::string* name) {
   return FilterAction::keep;
 }
 
+}  // namespace
+
 filterTag tagFor(const Dictionary& filter) {
   return {.method = static_cast<std::int32_t>(integerAt(filter, "method").value_or(-1)),
           .status = static_cast<std::int32_t>(integerAt(filter, "status").value_or(-1)),
           .action = actionNamed(stringAt(filter, "action"))};
 }
-
-}  // namespace
 
 std::size_t EventFilters::FoldingHash::operator()(std::string_view key) const {
   // Nearly every key is a short ASCII text; folding one takes no memory.

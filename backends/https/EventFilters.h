@@ -26,6 +26,9 @@ struct filterTag {
   }
 };
 
+// What a filter of a storebag asks for. An action that is none of the known ones keeps.
+filterTag tagFor(const Dictionary& filter);
+
 // A set of filters, looked up by key without regard to case: the cost of a record does not grow
 // with the number of filters. Of the filters that apply to a key only the first counts.
 //

@@ -43,4 +43,14 @@ struct ShowOptions {
 // `show`: the content, as a property list in XML or as JSON.
 int runShowCommand(const ShowOptions& options);
 
+struct LintOptions {
+  std::string source;  // a file
+  bool asJSON = false;
+};
+// `lint`: what is the matter with a storebag. 1 where something is wrong.
+int runLintCommand(const LintOptions& options);
+
+// `keys`: every key that a storebag may have.
+int runKeysCommand(bool asJSON);
+
 }  // namespace corvid::storebag

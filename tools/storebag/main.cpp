@@ -71,6 +71,8 @@ class Program {
   void addSign();
   void addVerify();
   void addShow();
+  void addLint();
+  void addKeys();
   void addCompletion();
 
   CLI::App _app{
@@ -83,6 +85,8 @@ class Program {
   SignOptions _sign;
   VerifyOptions _verify;
   ShowOptions _show;
+  LintOptions _lint;
+  bool _keysAsJSON = false;
   std::string _shell;
 };
 
@@ -141,6 +145,23 @@ void Program::addShow() {
   show.add_flag("--json", _show.asJSON, "Print JSON instead of a property list");
 }
 
+void Program::addLint() {
+  CLI::App& lint =
+      addCommand("lint", "Find what is wrong with a storebag, and what keeps devices silent",
+                 [this] { return runLintCommand(_lint); });
+  addFile(lint, "FILE", _lint.source, "The storebag, signed or not")->required();
+  addJSON(lint, _lint.asJSON);
+  lint.footer(
+      "corvid-storebag keys lists the keys that it knows.\n\n"
+      "Exit status: 0 nothing is wrong, 1 something is.");
+}
+
+void Program::addKeys() {
+  CLI::App& keys = addCommand("keys", "List every key that a storebag may have",
+                              [this] { return runKeysCommand(_keysAsJSON); });
+  addJSON(keys, _keysAsJSON);
+}
+
 void Program::addCompletion() {
   CLI::App& completion =
       addCommand("completion", "Print the completion script of a shell: bash, zsh or fish",
@@ -155,6 +176,8 @@ int Program::run(std::vector<std::string> arguments) {
   addSign();
   addVerify();
   addShow();
+  addLint();
+  addKeys();
   addCompletion();
   _app.footer(footer);  // last: commands would have it too
   return readCommandLine(_app, std::move(arguments)).value_or(_status);

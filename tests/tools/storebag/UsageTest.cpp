@@ -9,7 +9,8 @@ namespace {
 using testing::HasSubstr;
 using testing::StartsWith;
 
-const std::vector<std::string> commands{"keygen", "sign", "verify", "show", "completion"};
+const std::vector<std::string> commands{"keygen", "sign", "verify",    "show",
+                                        "lint",   "keys", "completion"};
 
 TEST(StorebagUsage, HelpNamesEveryCommand) {
   const std::string help = printedBy({"--help"});
@@ -29,6 +30,7 @@ TEST(StorebagUsage, EveryCommandHasHelpAndTheVersion) {
 TEST(StorebagUsage, WrongUsesAreNamedAndEndWith64) {
   expectFailure({}, "A subcommand is required (corvid-storebag --help says more)", 64);
   expectFailure({"dance"}, "there is no command dance (corvid-storebag --help says more)", 64);
+  expectFailure({"lint"}, "FILE is required (corvid-storebag lint --help says more)", 64);
   expectFailure({"show"}, "FILE|URL is required (corvid-storebag show --help says more)", 64);
   expectFailure(
       {"completion", "csh"},
