@@ -23,8 +23,10 @@ struct SignOptions {
   std::vector<std::string> keys;  // PEM files, or URIs that OpenSSL has a provider for
   std::string source;             // a property list, JSON, or an envelope, which is signed anew
   std::string output;             // appears in one step; never in the place of a private key
+  bool force = false;             // although lint finds something wrong
 };
-// `sign`: the envelope, which a device with any of the keys takes.
+// `sign`: the envelope, which a device with any of the keys takes. What lint finds wrong is a
+// CommandError, or with force a warning.
 int runSignCommand(const SignOptions& options);
 
 struct VerifyOptions {

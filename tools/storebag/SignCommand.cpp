@@ -16,6 +16,7 @@
 #include "tools/signing/SigningKey.h"
 #include "tools/storebag/Bag.h"
 #include "tools/storebag/Commands.h"
+#include "tools/storebag/Lint.h"
 #include "tools/storebag/Source.h"
 
 namespace corvid::storebag {
@@ -42,14 +43,26 @@ void refuseToReplace(const SignOptions& options) {
     throw CommandError(out + " is a private key; name another file with -o");
 }
 
+void warn(const std::string& what) { fmt::print(stderr, "corvid-storebag: warning: {}\n", what); }
+
 void warnOfReaders(const std::string& keyFile) {
   struct stat status {};
   if (SigningKey::isURI(keyFile) || stat(keyFile.c_str(), &status) != 0) return;
   if ((status.st_mode & (S_IRGRP | S_IROTH)) != 0)
-    fmt::print(stderr,
-               "corvid-storebag: warning: {} can be read by others than its owner; "
-               "chmod 600 keeps them out\n",
-               keyFile);
+    warn(keyFile + " can be read by others than its owner; chmod 600 keeps them out");
+}
+
+void refuseWhatIsWrong(const Dictionary& storebag, const SignOptions& options) {
+  const std::vector<LintFinding> findings = lint(storebag);
+  const auto first = std::ranges::find(findings, LintFinding::Kind::wrong, &LintFinding::kind);
+  if (first == findings.end()) return;
+  const std::string what =
+      fmt::format("{}: {} WRONG, first {}: {}", options.source,
+                  count(findings, LintFinding::Kind::wrong), first->path, first->what);
+  if (!options.force)
+    throw CommandError(fmt::format(
+        "{}; corvid-storebag lint lists what it found, --force signs all the same", what));
+  warn(what);
 }
 
 // What no device would take is not published.
@@ -69,12 +82,14 @@ void tryAsDevice(const std::string& envelope, const std::vector<SigningKey>& key
 int runSignCommand(const SignOptions& options) {
   refuseToReplace(options);
   const Content content = contentOfFile(options.source);
+  const std::string bag = bagOf(content, options.source);
+  refuseWhatIsWrong(content.storebag, options);
   std::vector<SigningKey> keys;
   for (const std::string& source : options.keys) {
     keys.push_back(SigningKey::open(source));
     warnOfReaders(source);
   }
-  const std::string envelope = signing::envelope(keys, bagOf(content, options.source));
+  const std::string envelope = signing::envelope(keys, bag);
   tryAsDevice(envelope, keys);
   if (const auto failure = replaceRegularFile(options.output, envelope, 0666))
     throw CommandError(failure->message);

@@ -124,6 +124,7 @@ void Program::addSign() {
       ->required();
   addFile(sign, "-o,--output", _sign.output, "File for the envelope, replaced in one step")
       ->required();
+  sign.add_flag("--force", _sign.force, "Sign although lint finds something WRONG");
 }
 
 void Program::addVerify() {

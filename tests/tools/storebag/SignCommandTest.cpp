@@ -39,7 +39,7 @@ class SignCommand : public testing::Test, protected SigningFolder {
   // The tool would say what is wrong with `json`.
   void expectNoForm(const std::string& json, const std::string& path) {
     const std::string file = folder.write("storebag.json", json);
-    expectRefusal({"--key", privateKey("trusted"), file, "-o", envelope},
+    expectRefusal({"--force", "--key", privateKey("trusted"), file, "-o", envelope},
                   file + ": a property list in XML has no form for the value of " + path);
     EXPECT_FALSE(fs::exists(envelope));
   }
@@ -57,7 +57,13 @@ TEST_F(SignCommand, MakesAPropertyListOfJSON) {
   content.set("salt", Data{"\x01\xff"});
   content.set("since", Date{12});
   const std::string json = *writeJSON(*tools::jsonFromValue(content).dictionary());
-  EXPECT_EQ(bagIn(sign(folder.write("in.json", json))), writeXMLPropertyList(content));
+  const std::string file = folder.write("in.json", json);
+  // Devices read no such keys, which lint finds.
+  const ToolResult result =
+      storebagTool({"sign", "--force", "--key", privateKey("trusted"), file, "-o", envelope});
+  EXPECT_EQ(result.status, 0) << result.errors;
+  EXPECT_EQ(bagIn(*parsePropertyList(contentOf(envelope)).value().dictionary()),
+            writeXMLPropertyList(content));
 }
 
 TEST_F(SignCommand, SignsTheBagOfAnEnvelopeAnew) {
@@ -200,10 +206,40 @@ TEST_F(SignCommand, RefusesWhatNoDeviceWouldTake) {
       "large",
       writeXMLPropertyList(Dictionary{{"version", "1"}, {"padding", std::string(3'500'000, 'x')}}));
   const ToolResult result =
-      storebagTool({"sign", "--key", privateKey("trusted"), large, "-o", envelope});
+      storebagTool({"sign", "--force", "--key", privateKey("trusted"), large, "-o", envelope});
   EXPECT_EQ(result.status, 1);
   EXPECT_THAT(result.errors, HasSubstr("would take the envelope"));
   EXPECT_FALSE(fs::exists(envelope));
+}
+
+TEST_F(SignCommand, RefusesWhatLintFindsWrongUnlessForced) {
+  Dictionary wrong = publishedStorebag();
+  wrong.erase("version");
+  const std::string file = folder.write("wrong", writeXMLPropertyList(wrong));
+  const std::vector<std::string> arguments{"sign", "--key", privateKey("trusted"),
+                                           file,   "-o",    envelope};
+  const ToolResult refused = storebagTool(arguments);
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_EQ(refused.errors.find("corvid-storebag: " + file + ": 1 WRONG, first version: "), 0u)
+      << refused.errors;
+  EXPECT_EQ(linesOf(refused.errors).size(), 1u);
+  EXPECT_FALSE(fs::exists(envelope));
+
+  std::vector<std::string> forced = arguments;
+  forced.push_back("--force");
+  const ToolResult done = storebagTool(forced);
+  EXPECT_EQ(done.status, 0);
+  EXPECT_THAT(done.errors, HasSubstr("corvid-storebag: warning: " + file + ": 1 WRONG"));
+  EXPECT_EQ(bagIn(*parsePropertyList(contentOf(envelope)).value().dictionary()), contentOf(file));
+}
+
+TEST_F(SignCommand, TakesNotesForWhatMayBeMeant) {
+  Dictionary noted = publishedStorebag();
+  noted.set("release",
+            Dictionary{{"httpPost", Dictionary{{"clients", Array{}}}}});  // nobody reports
+  const std::string file = folder.write("noted", writeXMLPropertyList(noted));
+  ASSERT_THAT(printedBy({"lint", file}), HasSubstr("0 wrong"));
+  EXPECT_EQ(bagIn(sign(file)), contentOf(file));
 }
 
 TEST_F(SignCommand, SaysWhatItCannotReadOrWrite) {
