@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <iterator>
 
 #include "protocol/Keys.h"
 
@@ -323,8 +324,10 @@ std::string_view textOf(StorebagType type) {
 std::span<const StorebagKey> storebagKeys() { return keys; }
 
 std::span<const StorebagKey> storebagKeysAt(StorebagPlace place) {
-  const auto found = std::ranges::equal_range(keys, place, {}, &StorebagKey::place);
-  return {found.begin(), found.end()};
+  const auto isBefore = [](const StorebagKey& key, StorebagPlace at) { return key.place < at; };
+  const auto first = std::lower_bound(std::begin(keys), std::end(keys), place, isBefore);
+  const auto isHere = [place](const StorebagKey& key) { return key.place == place; };
+  return {first, std::find_if_not(first, std::end(keys), isHere)};
 }
 
 const StorebagKey* storebagKey(StorebagPlace place, std::string_view name) {
