@@ -388,8 +388,8 @@ const std::vector<Fault> faults{
     {"NoEntries", {{post + ".clients", Array{}}}, note, post + ".clients", "noEntryMatches"},
 
     // Filters.
-    {"FilterWithoutKey", {without(filter + ".key")}, note, filter + ".key", "matches nothing"},
-    {"FilterWithEmptyKey", {{filter + ".key", ""}}, note, filter + ".key", "matches nothing"},
+    {"FilterWithoutKey", {without(filter + ".key")}, note, filter, "matches nothing"},
+    {"FilterWithEmptyKey", {{filter + ".key", ""}}, note, filter, "matches nothing"},
     {"FilterWithBlank", {{filter + ".key", "secret "}}, note, filter + ".key", "\"secret\""},
     {"FilterOfTheSameKey",
      {{entry + ".filters[3].key", "SECRET"}},
@@ -401,8 +401,8 @@ const std::vector<Fault> faults{
      note,
      entry + ".filters[2]",
      "filters[1] decides"},
-    {"FilterOfNoRecord", {{filter + ".method", 65'536}}, note, filter + ".method", "65535"},
-    {"FilterOfNoStatus", {{filter + ".status", 100'000}}, note, filter + ".status", "65535"},
+    {"FilterOfNoRecord", {{filter + ".method", 65'536}}, note, filter, "65535"},
+    {"FilterOfNoStatus", {{filter + ".status", 100'000}}, note, filter, "65535"},
     {"FilterThatKeeps", {{filter + ".action", "keep"}}, note, filter, "changes nothing"},
     {"MisspeltAction", {{filter + ".action", "remvoe"}}, WRONG, filter + ".action", "\"remove\""},
 

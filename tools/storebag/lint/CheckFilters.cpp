@@ -42,8 +42,8 @@ bool checkRecord(const Dictionary& filter, const std::string& path, Report& repo
   bool isPossible = true;
   for (const std::string_view key : {"method", "status"}) {
     if (integerAt(filter, key).value_or(0) <= mostOfRecord) continue;
-    report.note(join(path, key),
-                fmt::format("matches nothing: no record has more than {}", mostOfRecord));
+    report.note(
+        path, fmt::format("matches nothing: no record has a \"{}\" beyond {}", key, mostOfRecord));
     isPossible = false;
   }
   return isPossible;
@@ -51,11 +51,9 @@ bool checkRecord(const Dictionary& filter, const std::string& path, Report& repo
 
 void checkKey(const Dictionary& filter, const std::string& path, Report& report) {
   const std::string* key = stringAt(filter, "key");
-  if (!key)
-    report.note(join(path, "key"), "is missing: the filter matches nothing");
-  else if (key->empty())
-    report.note(join(path, "key"), "is empty: the filter matches nothing");
-  else if (trimmed(*key) != *key)
+  if (!filter.contains("key") || (key && key->empty()))
+    report.note(path, "matches nothing: it has no \"key\", or an empty one");
+  else if (key && trimmed(*key) != *key)
     report.note(join(path, "key"), "has blanks around it, which belong to the key",
                 fmt::format("write \"{}\"", trimmed(*key)));
 }
