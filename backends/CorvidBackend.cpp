@@ -18,6 +18,16 @@ CorvidBackend::CorvidBackend(std::string name, Dictionary profile, SharedIdentit
       _samplingFactor(_platform.random().uniform()),
       _account(std::make_shared<LedgerAccount>(Ledger::create(_platform.clock()), 0, _name)) {}
 
+std::string_view wordOf(BackendState state) {
+  switch (state) {
+    case BackendState::waiting: return "waiting";
+    case BackendState::disabled: return "disabled";
+    case BackendState::sending: return "sending";
+    case BackendState::held: return "held";
+  }
+  return "waiting";
+}
+
 std::string CorvidBackend::convertIntoSHA256(std::string_view text) {
   return hexadecimal(sha256(text.substr(0, utf16Length(text))));
 }

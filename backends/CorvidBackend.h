@@ -30,6 +30,9 @@ enum class BackendState : std::uint8_t {
   held = 3,  // sampled out for now: events are kept, a flagged one lifts it to sending
 };
 
+// As operators read it: waiting, disabled, sending or held.
+std::string_view wordOf(BackendState state);
+
 // Of an event. Bit 0 asks for realtime delivery, bit 1 lifts a held backend to sending.
 enum class MessageFlag : std::int32_t {};
 // Number of an event within its backend; wraps from 65535 to 0.

@@ -178,6 +178,34 @@ DeviceAnswer currentEnvironmentName() {
   return {std::move(name), isNamed ? source : std::string_view()};
 }
 
+void chooseSection(const Dictionary& whole, std::int32_t clientType, FetchedStorebag& fetched) {
+  const Dictionary* section = currentSection(whole, clientType);
+  if (section == nullptr) {
+    fetched.fault = {Reason::noSectionForEnvironment,
+                     environmentNameForType(currentEnvironment()).value_or("none")};
+    return;
+  }
+  fetched.storebag = *section;
+
+  const std::string* version = stringAt(whole, "version");
+  if (version == nullptr) {
+    const auto why = loggingReason(Reason::storebagMalformed);
+    logError(
+        "fetchStorebagForEnvironmentAndClientType: The storebag for client type {} has no version",
+        clientType);
+    fetched.fault = {Reason::storebagMalformed, "it lacks \"version\""};
+    return;
+  }
+  fetched.version = *version;
+
+  if (const auto refreshCycle = integerAt(whole, "refresh_cycle")) {
+    fetched.maxAge = static_cast<std::int32_t>(std::clamp<std::int64_t>(
+        *refreshCycle, std::numeric_limits<std::int32_t>::min(), maxRefreshCycle));
+    logInfo("fetchStorebagForEnvironmentAndClientType: Store bag override MaxAge={}",
+            fetched.maxAge);
+  }
+}
+
 FetchedStorebag fetchStorebagForEnvironmentAndClientType(
     std::int32_t clientType, const std::optional<std::string>& lastModified) {
   if (clientType == 0) {
@@ -205,31 +233,7 @@ FetchedStorebag fetchStorebagForEnvironmentAndClientType(
     fetched.lastModified.reset();  // the next attempt shall not be told that nothing has changed
     return fetched;
   }
-  const Dictionary* section = currentSection(whole, clientType);
-  if (section == nullptr) {
-    fetched.fault = {Reason::noSectionForEnvironment,
-                     environmentNameForType(currentEnvironment()).value_or("none")};
-    return fetched;
-  }
-  fetched.storebag = *section;
-
-  const std::string* version = stringAt(whole, "version");
-  if (version == nullptr) {
-    const auto why = loggingReason(Reason::storebagMalformed);
-    logError(
-        "fetchStorebagForEnvironmentAndClientType: The storebag for client type {} has no version",
-        clientType);
-    fetched.fault = {Reason::storebagMalformed, "it lacks \"version\""};
-    return fetched;
-  }
-  fetched.version = *version;
-
-  if (const auto refreshCycle = integerAt(whole, "refresh_cycle")) {
-    fetched.maxAge = static_cast<std::int32_t>(std::clamp<std::int64_t>(
-        *refreshCycle, std::numeric_limits<std::int32_t>::min(), maxRefreshCycle));
-    logInfo("fetchStorebagForEnvironmentAndClientType: Store bag override MaxAge={}",
-            fetched.maxAge);
-  }
+  chooseSection(whole, clientType, fetched);
   return fetched;
 }
 

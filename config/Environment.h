@@ -42,6 +42,11 @@ CorvidEnvironmentType currentEnvironment();
 // what it would be now.
 DeviceAnswer currentEnvironmentName();
 
+// Takes from a whole storebag what serves the current environment: the section, the version, and
+// the age where the storebag names one; or the fault that keeps it from serving, which has been
+// logged.
+void chooseSection(const Dictionary& whole, std::int32_t clientType, FetchedStorebag& fetched);
+
 // Fetches the storebag of a client type and cuts it down to the section of the current environment,
 // with the storebag's version. Where there is no section the reason has been logged, save where the
 // storebag is unchanged. A section without a version is one that its server must not have sent.

@@ -34,16 +34,6 @@ std::string_view stateOf(const StorebagStanding& storebag, double age) {
   return age < storebag.maxAge ? "valid" : "expired";
 }
 
-std::string_view wordOf(BackendState state) {
-  switch (state) {
-    case BackendState::waiting: return "waiting";
-    case BackendState::disabled: return "disabled";
-    case BackendState::sending: return "sending";
-    case BackendState::held: return "held";
-  }
-  return "waiting";
-}
-
 Dictionary backendStatus(const CorvidBackend& backend) {
   const CorvidBackend::Standing standing = backend.standing();
   const Balance balance = backend.account().balance();

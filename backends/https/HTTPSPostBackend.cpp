@@ -409,6 +409,11 @@ bool HTTPSPostBackend::batchEvents() const {
   return _policy.batchEvents;
 }
 
+ClientPolicy HTTPSPostBackend::policy() const {
+  const MutexLock lock(_lock);
+  return _policy;
+}
+
 std::optional<std::string> HTTPSPostBackend::postURL() const {
   const MutexLock lock(_lock);
   return _policy.postURL;

@@ -72,6 +72,8 @@ class HTTPSPostBackend final : public CorvidBackend {
   std::optional<std::size_t> entry() const override EXCLUDES(_lock);
   std::size_t heldBytes() const override EXCLUDES(_lock);
   bool batchEvents() const EXCLUDES(_lock);
+  // What holds for the client now.
+  ClientPolicy policy() const EXCLUDES(_lock);
   std::optional<std::string> postURL() const EXCLUDES(_lock);
   void setPostURL(std::optional<std::string> postURL) EXCLUDES(_lock);
 

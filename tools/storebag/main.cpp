@@ -11,6 +11,7 @@
 #include "tools/Arguments.h"
 #include "tools/CommandShapes.h"
 #include "tools/storebag/Commands.h"
+#include "tools/storebag/PolicyCommands.h"
 
 namespace corvid::storebag {
 
@@ -73,6 +74,7 @@ class Program {
   void addShow();
   void addLint();
   void addKeys();
+  void addExplain();
   void addCompletion();
 
   CLI::App _app{
@@ -87,6 +89,7 @@ class Program {
   ShowOptions _show;
   LintOptions _lint;
   bool _keysAsJSON = false;
+  ExplainOptions _explain;
   std::string _shell;
 };
 
@@ -163,6 +166,26 @@ void Program::addKeys() {
   addJSON(keys, _keysAsJSON);
 }
 
+void Program::addExplain() {
+  CLI::App& explain = addCommand("explain", "Say what a client on a device gets of a storebag",
+                                 [this] { return runExplainCommand(_explain); });
+  addFile(explain, "FILE", _explain.source, "The storebag")->required();
+  explain
+      .add_option("--client-type", _explain.clientType,
+                  "The client's type: a number, or its tag or storebag name")
+      ->required()
+      ->type_name("TYPE");
+  explain
+      .add_option("--facts", _explain.facts, "The device and the client, a JSON object or @FILE")
+      ->type_name("JSON");
+  explain
+      .add_option(
+          "--event", _explain.event,
+          "Say what becomes of {\"category\":…,\"type\":…,\"flag\":…,\"payload\":…}, or @FILE")
+      ->type_name("JSON");
+  addJSON(explain, _explain.asJSON);
+}
+
 void Program::addCompletion() {
   CLI::App& completion =
       addCommand("completion", "Print the completion script of a shell: bash, zsh or fish",
@@ -179,6 +202,7 @@ int Program::run(std::vector<std::string> arguments) {
   addShow();
   addLint();
   addKeys();
+  addExplain();
   addCompletion();
   _app.footer(footer);  // last: commands would have it too
   return readCommandLine(_app, std::move(arguments)).value_or(_status);
