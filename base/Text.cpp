@@ -184,7 +184,9 @@ bool containsIgnoringCase(std::string_view text, std::string_view needle) {
   if (needle.empty()) return false;
   if (!isASCII(text) || !isASCII(needle))
     return caseFolded(text).find(caseFolded(needle)) != std::string::npos;
-  return !std::ranges::search(text, needle, {}, loweredASCII, loweredASCII).empty();
+  // std::ranges::search has a result that clang 14 cannot use.
+  const auto isSame = [](char a, char b) { return loweredASCII(a) == loweredASCII(b); };
+  return std::search(text.begin(), text.end(), needle.begin(), needle.end(), isSame) != text.end();
 }
 
 std::vector<std::string_view> split(std::string_view text, char separator) {
