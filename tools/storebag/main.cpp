@@ -24,7 +24,7 @@ constexpr const char* footer =
     "command.\n"
     "\n"
     "Exit status: 0 done, 1 it did not work or something is wrong (standard error says what),\n"
-    "64 wrong usage.";
+    "64 wrong usage; of diff 1 where something changes, 2 where it did not work.";
 
 // The path of a file.
 CLI::Option* addFile(CLI::App& command, const std::string& name, std::string& target,
@@ -75,6 +75,8 @@ class Program {
   void addLint();
   void addKeys();
   void addExplain();
+  void addTest();
+  void addDiff();
   void addCompletion();
 
   CLI::App _app{
@@ -90,6 +92,8 @@ class Program {
   LintOptions _lint;
   bool _keysAsJSON = false;
   ExplainOptions _explain;
+  TestOptions _test;
+  DiffOptions _diff;
   std::string _shell;
 };
 
@@ -186,6 +190,26 @@ void Program::addExplain() {
   addJSON(explain, _explain.asJSON);
 }
 
+void Program::addTest() {
+  CLI::App& test = addCommand("test", "Test whether a storebag does what its authors expect",
+                              [this] { return runTestCommand(_test); });
+  addFile(test, "FILE", _test.source, "The storebag")->required();
+  addFile(test, "TESTS", _test.tests, "Facts and events with what is expected, in JSON")
+      ->required();
+  addFile(test, "--junit", _test.junitFile, "Write what came of them as JUnit's XML, too");
+  addJSON(test, _test.asJSON);
+}
+
+void Program::addDiff() {
+  CLI::App& diff = addCommand("diff", "Say what a storebag changes, and for whom",
+                              [this] { return runDiffCommand(_diff); });
+  addFile(diff, "OLD", _diff.oldSource, "The storebag that is published")->required();
+  addFile(diff, "NEW", _diff.newSource, "The one that shall be")->required();
+  addEach(diff, "--facts", _diff.facts, "JSON",
+          "A device and a client to look at as well, with its \"clientType\", or @FILE; several");
+  addJSON(diff, _diff.asJSON);
+}
+
 void Program::addCompletion() {
   CLI::App& completion =
       addCommand("completion", "Print the completion script of a shell: bash, zsh or fish",
@@ -203,6 +227,8 @@ int Program::run(std::vector<std::string> arguments) {
   addLint();
   addKeys();
   addExplain();
+  addTest();
+  addDiff();
   addCompletion();
   _app.footer(footer);  // last: commands would have it too
   return readCommandLine(_app, std::move(arguments)).value_or(_status);

@@ -9,8 +9,8 @@ namespace {
 using testing::HasSubstr;
 using testing::StartsWith;
 
-const std::vector<std::string> commands{"keygen", "sign", "verify",  "show",
-                                        "lint",   "keys", "explain", "completion"};
+const std::vector<std::string> commands{"keygen", "sign",    "verify", "show", "lint",
+                                        "keys",   "explain", "test",   "diff", "completion"};
 
 TEST(StorebagUsage, HelpNamesEveryCommand) {
   const std::string help = printedBy({"--help"});

@@ -1,0 +1,44 @@
+// The facts that tell two storebags apart, taken from their own lists.
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "base/Value.h"
+#include "tools/storebag/policy/Facts.h"
+
+namespace corvid::storebag {
+
+// How a client names itself; absent: not at all.
+struct ClientNames {
+  std::optional<std::string> client{};
+  std::optional<std::string> service{};
+  auto operator<=>(const ClientNames&) const = default;
+};
+
+// The first entry of `clients` that is for that client; nothing where none is.
+std::optional<std::size_t> entryFor(const Array& clients, const ClientNames& names);
+
+// Who may meet another entry, or another text of it, in `now` than in `old`: the names that stand
+// in the entries of either, and one that stands in none.
+std::vector<ClientNames> affectedClients(const Array& old, const Array& now);
+
+// What `old` and `now` of one backend hold for a client; null where there is no entry.
+struct EntryPair {
+  const Dictionary* old = nullptr;
+  const Dictionary* now = nullptr;
+};
+
+// Facts that differ in consent, country, product family, hardware type and draw, for which the
+// entries may say different things: of values that all entries treat alike, and as before, one; of
+// values that they treat otherwise than before, each; of draws one between any two borders.
+// The rest of each is as in `base`.
+std::vector<Facts> factsMatrix(const std::vector<EntryPair>& entries, const Facts& base);
+
+// Events on which other filters may act otherwise: with every key that filters name, of every
+// method and status that they name and of one that they do not.
+std::vector<SentEvent> probesOf(const EntryPair& entries);
+
+}  // namespace corvid::storebag
