@@ -54,5 +54,7 @@ int runLintCommand(const LintOptions& options);
 
 // `keys`: every key that a storebag may have.
 int runKeysCommand(bool asJSON);
+// Their names by the places where they stand, in lines for a command's help.
+std::string keysForHelp();
 
 }  // namespace corvid::storebag

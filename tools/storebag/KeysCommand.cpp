@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <utility>
 
 #include "config/StorebagKeys.h"
 #include "platform/data/JSON.h"
@@ -42,7 +43,31 @@ void printJSON() {
   fmt::print("{}\n", writeJSON({{"keys", std::move(keys)}}).value_or("{}"));
 }
 
+// The names of a place's keys in lines of a terminal's width, set in.
+std::string namesAt(StorebagPlace place) {
+  constexpr std::size_t width = 80;
+  std::string lines;
+  std::string line;
+  for (const StorebagKey& key : storebagKeysAt(place)) {
+    if (!line.empty() && line.size() + key.name.size() + 2 > width)
+      lines += std::exchange(line, {}) + '\n';
+    line.append(line.empty() ? "    " : " ").append(key.name);
+  }
+  return lines + line + '\n';
+}
+
 }  // namespace
+
+std::string keysForHelp() {
+  std::string text;
+  for (std::size_t at = 0; at < storebagPlaceCount; ++at) {
+    const auto place = static_cast<StorebagPlace>(at);
+    if (storebagKeysAt(place).empty()) continue;
+    const std::string_view path = pathOf(place);
+    text += fmt::format("  {}\n{}", path.empty() ? "the storebag" : path, namesAt(place));
+  }
+  return text;
+}
 
 int runKeysCommand(bool asJSON) {
   asJSON ? printJSON() : printText();

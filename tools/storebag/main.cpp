@@ -159,9 +159,9 @@ void Program::addLint() {
                  [this] { return runLintCommand(_lint); });
   addFile(lint, "FILE", _lint.source, "The storebag, signed or not")->required();
   addJSON(lint, _lint.asJSON);
-  lint.footer(
-      "corvid-storebag keys lists the keys that it knows.\n\n"
-      "Exit status: 0 nothing is wrong, 1 something is.");
+  lint.footer("Keys, of which corvid-storebag keys says more:\n" + keysForHelp() +
+              "\n"
+              "Exit status: 0 nothing is wrong, 1 something is.");
 }
 
 void Program::addKeys() {

@@ -80,6 +80,19 @@ TEST_F(LintCommand, SaysInOneLineWhatItCannotRead) {
   expectFailure({"lint", file}, file + " is no dictionary");
 }
 
+TEST_F(LintCommand, NamesEveryKeyAtItsPlaceInItsHelp) {
+  const std::vector<std::string> lines = linesOf(printedBy({"lint", "--help"}));
+  for (const StorebagKey& key : storebagKeys()) {
+    const std::string_view path = pathOf(key.place);
+    auto line = std::ranges::find(lines, "  " + std::string(path.empty() ? "the storebag" : path));
+    bool isNamed = false;
+    while (line != lines.end() && ++line != lines.end() && line->starts_with("    "))
+      isNamed |= (*line + ' ').find(" " + std::string(key.name) + ' ') != std::string::npos;
+    EXPECT_TRUE(isNamed) << pathOf(key);
+  }
+  for (const std::string& line : lines) EXPECT_LE(line.size(), 80u) << line;
+}
+
 TEST(KeysCommand, PrintsEachKeyWithAllThatTheTableSays) {
   const std::string text = printedBy({"keys"});
   EXPECT_EQ(std::ranges::count(text, '\n'), static_cast<std::ptrdiff_t>(3 * storebagKeys().size()));
