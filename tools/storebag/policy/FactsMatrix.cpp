@@ -11,6 +11,7 @@
 #include "backends/https/ClientPolicy.h"
 #include "backends/https/ListMatching.h"
 #include "base/Reading.h"
+#include "base/Text.h"
 #include "tools/storebag/policy/Changes.h"
 
 namespace corvid::storebag {
@@ -27,13 +28,26 @@ bool isFor(const Value& entry, const ClientNames& names) {
          matchClientNameAndServiceID(*client, pointerTo(names.client), pointerTo(names.service));
 }
 
-// The items that a text of an entry lists; without a list the name of somebody else.
-std::vector<std::string> itemsOf(const Dictionary& entry, const char* key) {
-  std::vector<std::string> items;
-  for (const std::string_view item : matchListFromText(stringAt(entry, key)))
-    if (!item.empty()) items.emplace_back(item);
-  if (items.empty()) items.emplace_back(another);
+// The items that the texts of all entries list, and none at all.
+std::set<std::optional<std::string>> allItems(const Array& old, const Array& now, const char* key) {
+  std::set<std::optional<std::string>> items{std::nullopt};
+  for (const Array* const all : {&old, &now})
+    for (const Value& value : *all)
+      if (const Dictionary* const entry = value.dictionary())
+        for (const std::string_view item : matchListFromText(stringAt(*entry, key)))
+          if (!item.empty()) items.insert(std::string(item));
   return items;
+}
+
+// A value that none of these is a fragment of.
+std::string otherThan(const std::set<std::string>& texts, std::string value) {
+  const auto holdsOne = [&] {
+    return std::ranges::any_of(
+        texts, [&](const std::string& text) { return containsIgnoringCase(value, text); });
+  };
+  while (value.size() > 1 && holdsOne()) value.pop_back();
+  for (char other = '!'; other < '~' && holdsOne(); ++other) value = other;
+  return value;
 }
 
 void collectTexts(const Array* array, std::set<std::string>& texts) {
@@ -134,7 +148,7 @@ std::vector<std::optional<std::string>> tellingValues(
 std::vector<std::optional<std::string>> valuesOf(const std::set<std::string>& texts,
                                                  const char* other) {
   std::vector<std::optional<std::string>> values(texts.begin(), texts.end());
-  values.emplace_back(other);
+  values.emplace_back(otherThan(texts, other));
   return values;
 }
 
@@ -154,18 +168,21 @@ std::vector<ClientNames> affectedClients(const Array& old, const Array& now) {
   for (const Array* const all : {&old, &now})
     for (std::size_t at = first; at + last < all->size(); ++at) changed.push_back(&(*all)[at]);
 
-  std::set<ClientNames> names{{another, another}};
-  for (const Array* const all : {&old, &now})
-    for (const Value& value : *all)
-      if (const Dictionary* const entry = value.dictionary())
-        for (const std::string& client : itemsOf(*entry, "client"))
-          for (const std::string& service : itemsOf(*entry, "service"))
-            names.insert({client, service});
-  std::vector<ClientNames> affected;
-  std::ranges::copy_if(names, std::back_inserter(affected), [&](const ClientNames& each) {
-    return std::ranges::any_of(changed, [&](const Value* entry) { return isFor(*entry, each); });
-  });
-  return affected;
+  const auto clients = allItems(old, now, "client");
+  const auto services = allItems(old, now, "service");
+  std::set<ClientNames> affected;
+  for (const Value* const value : changed) {
+    const Dictionary* const entry = value->dictionary();
+    if (entry == nullptr) continue;
+    std::set<std::optional<std::string>> its;
+    for (const std::string_view item : matchListFromText(stringAt(*entry, "client")))
+      its.insert(std::string(item));
+    for (const auto& client : its.empty() ? clients : its)
+      for (const auto& service : services)
+        if (ClientNames names{client, service}; isFor(*value, names))
+          affected.insert(std::move(names));
+  }
+  return {affected.begin(), affected.end()};
 }
 
 std::vector<Facts> factsMatrix(const std::vector<EntryPair>& entries, const Facts& base) {
@@ -183,10 +200,12 @@ std::vector<Facts> factsMatrix(const std::vector<EntryPair>& entries, const Fact
   allCountries.emplace_back(std::nullopt);
   const auto itsCountries =
       tellingValues(entries, listKeys[0], &Facts::country, std::move(allCountries));
+  auto allHardware = valuesOf(hardware, another);
+  allHardware.emplace_back(std::nullopt);
   const auto itsFamilies =
       tellingValues(entries, listKeys[1], &Facts::productFamily, valuesOf(families, another));
   const auto itsHardware =
-      tellingValues(entries, listKeys[2], &Facts::hardwareType, valuesOf(hardware, another));
+      tellingValues(entries, listKeys[2], &Facts::hardwareType, std::move(allHardware));
   std::vector<Facts> matrix;
   Facts facts = base;
   for (const bool consents : {true, false})

@@ -92,7 +92,9 @@ class OutcomeComparison {
       compare(_old, _now, {ordinaryType, facts});
       if (hasAdaptors) compare(_old, _now, {adaptorType, facts});
     }
-    if (old && now) compareClients(*old, *now, facts);
+    // Without a version neither is used at all.
+    if (old && now && stringAt(_old, "version") && stringAt(_now, "version"))
+      compareClients(*old, *now, facts);
   }
 
   void compareClients(const Dictionary& old, const Dictionary& now, Facts base) {
@@ -134,11 +136,11 @@ class OutcomeComparison {
     return filters ? *filters : Value();
   }
 
-  // What of a section is for one client.
+  // A section with those entries alone that are for one client.
   class Part {
    public:
     Part(const Dictionary& section, CorvidEnvironmentType environment)
-        : _section(section), _environment(*environmentNameForType(environment)) {}
+        : _section(section), _part(section), _environment(*environmentNameForType(environment)) {}
 
     // The entry that is for the client; null where none is.
     const Dictionary* add(std::string_view backend, const ClientNames& names) {
@@ -162,8 +164,8 @@ class OutcomeComparison {
 
    private:
     const Dictionary& _section;
-    const std::string _environment;
     Dictionary _part;
+    const std::string _environment;
     std::map<std::string, std::size_t> _indexOf;
   };
 
@@ -184,6 +186,8 @@ class OutcomeComparison {
       names.insert(name);
     }
     for (const std::string& name : names) {
+      // Others are the same for every client.
+      if (oldPart && std::ranges::find(postingBackends, name) == postingBackends.end()) continue;
       const auto was = oldBackends.find(name);
       const auto is = nowBackends.find(name);
       const BackendVerdict* const oldBackend = was == oldBackends.end() ? nullptr : &was->second;
