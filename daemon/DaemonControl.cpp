@@ -9,6 +9,7 @@
 #include "daemon/Metrics.h"
 #include "daemon/StatusReport.h"
 #include "platform/Platform.h"
+#include "platform/data/PropertyList.h"
 
 namespace corvid {
 
@@ -158,6 +159,12 @@ std::unique_ptr<ControlWatch> DaemonControl::watch(SessionNumber session, bool p
 
 std::string DaemonControl::metrics() {
   return metricsText(_agent->ledger()->totals(), _agent->sessionCount());
+}
+
+std::optional<std::string> DaemonControl::storebag(const std::string& name) {
+  const StorebagStanding standing = _agent->storebags().of(name);
+  if (!standing.content) return std::nullopt;
+  return writeXMLPropertyList(*standing.content);
 }
 
 std::vector<std::string> DaemonControl::refresh(std::optional<std::int32_t> clientType,

@@ -54,6 +54,7 @@ class DaemonControl final : public ControlInterface {
   std::unique_ptr<ControlWatch> watch(SessionNumber session, bool payload,
                                       std::function<void()> wake) override;
   std::string metrics() override;
+  std::optional<std::string> storebag(const std::string& name) override;
   std::vector<std::string> refresh(std::optional<std::int32_t> clientType, bool states) override;
   void setLogLevel(int level, std::uint32_t seconds) override;
   void refused(Refusal refusal) override;

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -18,10 +19,11 @@ struct StorebagStanding {
   std::string url{};  // that was asked last
   bool isBeingFetched = false;
   bool isFallback = false;
-  std::optional<std::string> version{};  // of the one that is kept
-  std::optional<std::uint64_t> key{};    // that verified it
-  std::optional<double> validSince{};    // when it was had, or found unchanged
-  double maxAge = 0;                     // from then on
+  std::optional<std::string> version{};         // of the one that is kept
+  std::optional<std::uint64_t> key{};           // that verified it
+  std::shared_ptr<const Dictionary> content{};  // its section in force
+  std::optional<double> validSince{};           // when it was had, or found unchanged
+  double maxAge = 0;                            // from then on
   double lastAttempt = 0;
   std::optional<StorebagFault> fault{};  // of the last attempt
   bool refreshIsWished = false;          // filled in by the board

@@ -170,6 +170,7 @@ void StorebagCache::showOnBoard(const std::string& name, const FetchedStorebag& 
     standing.isFallback = isFallback(fetched);
     standing.version = fetched.version;
     standing.key = fetched.key;
+    standing.content = std::make_shared<const Dictionary>(*fetched.storebag);
   }
   _board->set(name, std::move(standing));
 }

@@ -36,6 +36,9 @@ class ControlInterface {
   virtual std::unique_ptr<ControlWatch> watch(SessionNumber session, bool payload,
                                               std::function<void()> wake) = 0;
   virtual std::string metrics() = 0;  // OpenMetrics text
+  // The section in force of the storebag with that name, as a property list; nothing where there is
+  // none.
+  virtual std::optional<std::string> storebag(const std::string& name) = 0;
   // Names of what was touched. Nothing as type means every storebag that was asked for.
   virtual std::vector<std::string> refresh(std::optional<std::int32_t> clientType, bool states) = 0;
   // `level` as in syslog; 0 seconds means for good.

@@ -150,4 +150,8 @@ interface Control {
 
   setLogLevel @7 (level :Int32, seconds :UInt32) -> ();
   # As in syslog. After so many seconds the level from before comes back; 0: it stays.
+
+  storebag @8 (name :Text) -> (propertyList :Data, refusal :Text);
+  # The section in force of the storebag with that name; absent where there is none. For user 0 only:
+  # `refusal` is absent where the wish is granted.
 }

@@ -84,6 +84,16 @@ kj::Promise<void> ControlServer::metrics(MetricsContext context) {
   return kj::READY_NOW;
 }
 
+kj::Promise<void> ControlServer::storebag(StorebagContext context) {
+  const capnp::Text::Reader name = context.getParams().getName();
+  if (!_seesAll)
+    context.getResults().setRefusal("storebags are shown to user 0 only");
+  else if (const auto content = _control->storebag({name.cStr(), name.size()}))
+    context.getResults().setPropertyList(
+        kj::arrayPtr(reinterpret_cast<const kj::byte*>(content->data()), content->size()));
+  return kj::READY_NOW;
+}
+
 kj::Promise<void> ControlServer::refresh(RefreshContext context) {
   const auto parameters = context.getParams();
   const std::int32_t type = parameters.getClientType();

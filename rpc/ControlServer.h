@@ -15,7 +15,8 @@ namespace corvid {
 
 class ControlServer final : public wire::Control::Server {
  public:
-  // `port` is borrowed. `outbox` is the connection's. A peer who may see all sees records too.
+  // `port` is borrowed. `outbox` is the connection's. A peer who may see all sees records and
+  // storebags too.
   ControlServer(std::shared_ptr<ControlInterface> control, std::shared_ptr<Outbox> outbox,
                 wire::SocketPort& port, bool seesAll)
       : _control(std::move(control)), _outbox(std::move(outbox)), _port(port), _seesAll(seesAll) {}
@@ -29,6 +30,7 @@ class ControlServer final : public wire::Control::Server {
   kj::Promise<void> watch(WatchContext context) override;
   kj::Promise<void> nextLines(NextLinesContext context) override;
   kj::Promise<void> metrics(MetricsContext context) override;
+  kj::Promise<void> storebag(StorebagContext context) override;
   kj::Promise<void> refresh(RefreshContext context) override;
   kj::Promise<void> setLogLevel(SetLogLevelContext context) override;
 

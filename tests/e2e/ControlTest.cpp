@@ -246,6 +246,50 @@ TEST_F(Control, RefreshForgetsThePauseAfterAFailure) {
   EXPECT_NE(first.configure({.clientType = 6}).text(), "none");
 }
 
+TEST_F(Control, TheStorebagInForceIsShownAsTheDaemonReadsIt) {
+  startDaemon();
+  EXPECT_EQ(ctl({"storebag"}).status, 1) << "none is in force yet";
+  const Dictionary published = storebagPostingTo(urlOf("events"), batchesForEverybody());
+  publish("lumen", published);
+  TestClient client(_root.path());
+  ASSERT_EQ(client.configure({.batches = true}).text(), "httpPost");
+
+  const ToolResult text = ctl({"storebag", "lumen"});
+  EXPECT_EQ(text.status, 0) << text.errors;
+  EXPECT_THAT(text.output, testing::StartsWith("lumen "));
+  EXPECT_THAT(text.output, testing::ContainsRegex(", key [0-9a-f]{16}, [0-9]+ s old\n<\\?xml"));
+  EXPECT_THAT(text.output, HasSubstr(urlOf("events")));
+
+  const Dictionary storebag = objectIn(ctl({"storebag", "--json"}).output);
+  EXPECT_EQ(*stringAt(storebag, "name"), "lumen");
+  EXPECT_TRUE(dictionaryAt(*dictionaryAt(storebag, "content"), "httpPost"));
+  const ToolResult other = ctl({"storebag", "tessel"});
+  EXPECT_EQ(other.status, 1);
+  EXPECT_EQ(other.output, "");
+  EXPECT_THAT(other.errors, HasSubstr("no storebag tessel is in force"));
+}
+
+TEST_F(Control, StorebagsAreShownToRootOnly) {
+  if (getuid() != 0) GTEST_SKIP() << "only the superuser can be somebody else";
+  ASSERT_EQ(chmod(_root.path().c_str(), 0755), 0);
+  _root.write("etc/corvid/entitlements.d/looker.plist",
+              "<plist><dict><key>match</key><dict><key>user</key><integer>65534</integer></dict>"
+              "<key>entitlements</key><dict>"
+              "<key>com.halcyon.private.corvidd.control</key><true/></dict></dict></plist>");
+  startDaemon();
+  publish("lumen", storebagPostingTo(urlOf("events"), batchesForEverybody()));
+  TestClient client(_root.path());
+  ASSERT_EQ(client.configure({.batches = true}).text(), "httpPost");
+  ToolResult result;
+  {
+    const AsStranger stranger;
+    result = ctl({"storebag", "lumen"});
+  }
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.output, "");
+  EXPECT_THAT(result.errors, HasSubstr("storebags are shown to user 0 only"));
+}
+
 TEST_F(Control, RefreshOfStatesComputesThemAnew) {
   startDaemon();
   admitBystander();

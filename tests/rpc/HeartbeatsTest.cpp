@@ -69,6 +69,7 @@ class RefusingControl final : public ControlInterface {
     return nullptr;
   }
   std::string metrics() override { return {}; }
+  std::optional<std::string> storebag(const std::string&) override { return std::nullopt; }
   std::vector<std::string> refresh(std::optional<std::int32_t>, bool) override { return {}; }
   void setLogLevel(int, std::uint32_t) override {}
   void refused(Refusal) override { _onRefusal(); }

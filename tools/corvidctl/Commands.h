@@ -111,6 +111,11 @@ std::vector<std::string> reasonsOfOwnSession(const std::string& root);
 int runTopCommand(const std::string& root);
 int runMetricsCommand(const std::string& root);
 
+// The storebag with that name, or each one, as the daemon reads it: version, key and age, then the
+// section in force as a property list; or as a JSON object a line. Root only.
+int runStorebagCommand(const std::string& root, const std::optional<std::string>& name,
+                       bool asJSON);
+
 struct RefreshOptions {
   std::optional<std::int64_t> clientType;
   bool states = false;

@@ -15,6 +15,7 @@
 #include "protocol/wire/MessageSocket.h"
 #include "protocol/wire/SocketPort.h"
 #include "tools/corvidctl/Client.h"
+#include "tools/corvidctl/SystemManager.h"
 
 namespace corvid::ctl {
 
@@ -66,8 +67,12 @@ struct ControlClient::Link {
   wire::Control::Client control;
 };
 
-ControlClient::ControlClient(const std::string& root)
-    : _path(Paths(root).controlSocket), _link(std::make_unique<Link>(connectedTo(_path))) {}
+ControlClient::ControlClient(const std::string& root) : _path(Paths(root).controlSocket) {
+  if (root.empty() && connectionWouldStartDaemon())
+    throw CallError(
+        "no daemon runs that could be asked, and none is started for that; a client starts it");
+  _link = std::make_unique<Link>(connectedTo(_path));
+}
 
 ControlClient::~ControlClient() = default;
 
@@ -118,6 +123,15 @@ std::vector<std::string> ControlClient::nextLines() {
 
 std::string ControlClient::metrics() {
   return textIn(answerOf(_link->control.metricsRequest()).getText());
+}
+
+std::string ControlClient::storebag(const std::string& name) {
+  auto request = _link->control.storebagRequest();
+  request.setName(name);
+  const auto answer = answerOf(kj::mv(request));
+  if (answer.hasRefusal()) throw CallError(textIn(answer.getRefusal()));
+  const auto bytes = answer.getPropertyList().asChars();
+  return {bytes.begin(), bytes.size()};
 }
 
 std::vector<std::string> ControlClient::refresh(std::int32_t clientType, bool states) {

@@ -31,6 +31,9 @@ class ControlClient {
   // Waits a second at most; nothing where nothing was decided meanwhile.
   std::vector<std::string> nextLines();
   std::string metrics();
+  // What is in force of it as a property list; empty where there is none. Also a CallError where
+  // this user may not see it.
+  std::string storebag(const std::string& name);
   // Names of what was touched. -1: every storebag.
   std::vector<std::string> refresh(std::int32_t clientType, bool states);
   void setLogLevel(int level, std::uint32_t seconds);

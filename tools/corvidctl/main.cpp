@@ -72,6 +72,7 @@ class Program {
   bool _asJSON = false;
   std::uint64_t _number = 0;  // of a session; 0: all
   DecisionOptions _decisions;
+  std::string _storebag;
   RefreshOptions _refresh;
   std::string _shell;
   std::string _level;
@@ -196,6 +197,13 @@ void Program::addLooks() {
              [this] { return runTopCommand(_root); });
   addCommand(_app, "metrics", "Print the daemon's numbers as OpenMetrics text",
              [this] { return runMetricsCommand(_root); });
+  CLI::App& storebag = addCommand(
+      _app, "storebag", "Print the storebags in force, as the daemon reads them", [this] {
+        return runStorebagCommand(
+            _root, _storebag.empty() ? std::nullopt : std::optional(_storebag), _asJSON);
+      });
+  addJSON(storebag, _asJSON);
+  storebag.add_option("NAME", _storebag, "Only the one with that name")->type_name("");
   CLI::App& refresh =
       addCommand(_app, "refresh", "Have storebags fetched at the next request, whatever their age",
                  [this] { return runRefreshCommand(_root, _refresh); });
