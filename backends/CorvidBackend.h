@@ -106,7 +106,8 @@ class CorvidBackend : public std::enable_shared_from_this<CorvidBackend> {
   double samplingFactor() const { return _samplingFactor; }
 
   // A state and why it is that.
-  struct Standing {
+  // Aligned so that clang makes an atomic of it without its library.
+  struct alignas(2) Standing {
     BackendState state = BackendState::waiting;
     Reason reason = Reason::notConfigured;
   };
