@@ -41,7 +41,7 @@ constexpr std::array<std::string_view, 11> expectedKeys{"state",
                                                         "record"};
 constexpr std::array<std::string_view, 3> eventKeys{"outcome", "address", "record"};
 constexpr std::array<std::string_view, 4> states{"waiting", "disabled", "sending", "held"};
-constexpr std::array<std::string_view, 4> outcomes{"delivered", "dropped", "held", "underWay"};
+constexpr std::array<std::string_view, 4> outcomeWords{"delivered", "dropped", "held", "underWay"};
 
 bool isOneOf(std::string_view word, std::span<const std::string_view> words) {
   return std::ranges::find(words, word) != words.end();
@@ -68,7 +68,7 @@ Expectation expectationFrom(const std::string& backend, const Value& value, bool
     throw InputError(fmt::format("\"{}\" must be an object, or null for no backend", backend));
   expectKnownKeys(*wanted, "expectation", expectedKeys);
   expectWord(*wanted, "state", states);
-  expectWord(*wanted, "outcome", outcomes);
+  expectWord(*wanted, "outcome", outcomeWords);
   expectReason(*wanted);
   if (wanted->empty()) throw InputError(fmt::format("\"{}\" expects nothing", backend));
   for (const std::string_view key : eventKeys)
