@@ -80,7 +80,7 @@ const std::vector<Fault> faults{
      WRONG,
      post + ".sampling_threshold",
      "ENVIRONMENT.httpPost.clients[].sampling_threshold"},
-    {"KeyThatNobodyKnows", {{"colour", "blue"}}, WRONG, "colour", "no such key"},
+    {"KeyThatNobodyKnows", {{"colour", "blue"}}, note, "colour", "no such key"},
     {"MissingVersion", {without("version")}, WRONG, "version", "is missing"},
     {"MissingClients",
      {without("release.httpPost2.clients")},

@@ -72,7 +72,8 @@ class KeyCheck {
       if (key.name == name)
         return _report.wrong(join(path, name), "no such key is read here, only elsewhere",
                              fmt::format("move it to {}", pathOf(key)));
-    _report.wrong(join(path, name), "no such key is read here", "take it away");
+    // Whoever signs may put something beside for readers of his own.
+    _report.note(join(path, name), "no such key is read", "take it away unless others read it");
   }
 
   void value(const Value& value, const StorebagKey& key, const std::string& path) {
