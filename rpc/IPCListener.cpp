@@ -203,7 +203,9 @@ bool IPCListener::admits(pid_t process, uid_t user) const {
   {
     const MutexLock lock(_mutex);
     all = _connections.size();
-    for (const auto& connection : _connections) ofUser += connection->peer().user == user;
+    // One that has ended holds no place, though its thread may not have been joined.
+    for (const auto& connection : _connections)
+      ofUser += connection->peer().user == user && !connection->hasEnded();
   }
   return admitsConnection(process, user, all, ofUser);
 }
