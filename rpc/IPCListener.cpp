@@ -202,10 +202,12 @@ bool IPCListener::admits(pid_t process, uid_t user) const {
   std::size_t ofUser = 0;
   {
     const MutexLock lock(_mutex);
-    all = _connections.size();
     // One that has ended holds no place, though its thread may not have been joined.
-    for (const auto& connection : _connections)
-      ofUser += connection->peer().user == user && !connection->hasEnded();
+    for (const auto& connection : _connections) {
+      if (connection->hasEnded()) continue;
+      ++all;
+      ofUser += connection->peer().user == user;
+    }
   }
   return admitsConnection(process, user, all, ofUser);
 }
