@@ -147,14 +147,16 @@ Platform::Services systemServices(const Paths& paths, const Deployment& deployme
   };
 }
 
-Reload::Effects effectsOf(Platform& platform, const Reloadable& reloadable,
+// Borrows the platform, which otherwise is the only owner of what can be reloaded.
+Reload::Effects effectsOf(Platform& platform, Reloadable reloadable,
                           const std::shared_ptr<CorviddAgent>& agent) {
   return {.putInForce =
-              [&platform, http = reloadable.http](Deployment deployment) {
+              [&platform, http = std::move(reloadable.http)](Deployment deployment) {
                 http->trust(deployment.caFile, deployment.allowInsecureHTTP);
                 platform.setDeployment(std::move(deployment));
               },
-          .readDeviceAnswers = [device = reloadable.deviceInformation] { return device->reload(); },
+          .readDeviceAnswers =
+              [device = std::move(reloadable.deviceInformation)] { return device->reload(); },
           .forgetPauses = [agent] { agent->storebags().forgetPauses(); }};
 }
 
@@ -263,7 +265,7 @@ int runDaemon(const Options& options) {
   std::optional<Reload> reload;
   Signals signals;
   // Before the listener, so that it outlives the sessions.
-  const Reloadable reloadable = reloadableServices(paths, deployment, clock, launcher);
+  Reloadable reloadable = reloadableServices(paths, deployment, clock, launcher);
   Platform platform(systemServices(paths, deployment, clock, launcher, reloadable, bundle.passed));
   Platform::install(&platform);
   const FolderWatch entitlementWatch(paths.entitlementsFolder);
@@ -297,7 +299,7 @@ int runDaemon(const Options& options) {
   sealSandbox(options);
   launcher->notifyReady(statusLine(0, 0, {}));
   reload.emplace(paths, options.enforcesSandbox ? std::optional(deployment) : std::nullopt,
-                 effectsOf(platform, reloadable, agent));
+                 effectsOf(platform, std::move(reloadable), agent));
   signals.watch([&](int signal) {
     if (signal == SIGHUP) return reload->run();
     if (stops.exchange(true)) std::_Exit(secondSignal);

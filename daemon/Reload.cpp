@@ -35,18 +35,18 @@ void say(const std::string& path, const std::optional<std::string>& fault) {
 
 void Reload::run() {
   const MutexLock lock(_mutex);
-  if (_hasEnded) return;
+  if (!_effects) return;
   say(_paths.deploymentFile, reloadDeployment());
-  const auto fault = _effects.readDeviceAnswers();
+  const auto fault = _effects->readDeviceAnswers();
   say(_paths.deviceFile,
       fault ? std::optional(without(_paths.deviceFile, fault->message)) : std::nullopt);
   sayPublicKeys();
-  _effects.forgetPauses();
+  _effects->forgetPauses();
 }
 
 void Reload::end() {
   const MutexLock lock(_mutex);
-  _hasEnded = true;
+  _effects.reset();
 }
 
 std::optional<std::string> Reload::reloadDeployment() {
@@ -61,7 +61,7 @@ std::optional<std::string> Reload::reloadDeployment() {
     return fmt::format("{}", fmt::join(faults, ", "));
   }
   if (auto fault = closedTo(deployment)) return fault;
-  _effects.putInForce(std::move(deployment));
+  _effects->putInForce(std::move(deployment));
   return std::nullopt;
 }
 

@@ -38,20 +38,19 @@ class Reload {
       : _paths(std::move(paths)), _atStart(std::move(atStart)), _effects(std::move(effects)) {}
 
   void run() EXCLUDES(_mutex);
-  // run() does nothing from now on.
+  // run() does nothing from now on, and what the effects hold is let go.
   void end() EXCLUDES(_mutex);
 
  private:
   // Why the file is not used.
-  std::optional<std::string> reloadDeployment();
+  std::optional<std::string> reloadDeployment() REQUIRES(_mutex);
   void sayPublicKeys() const;
   std::optional<std::string> closedTo(const Deployment& deployment) const;
 
   const Paths _paths;
   const std::optional<Deployment> _atStart;
-  const Effects _effects;
   Mutex _mutex;
-  bool _hasEnded GUARDED_BY(_mutex) = false;
+  std::optional<Effects> _effects GUARDED_BY(_mutex);  // nothing after the end
 };
 
 }  // namespace corvid
