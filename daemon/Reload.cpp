@@ -24,22 +24,25 @@ std::string without(const std::string& path, std::string_view message) {
   return std::string(text == message.npos ? "cannot be used" : message.substr(text));
 }
 
-void say(const std::string& path, const std::optional<std::string>& fault) {
-  if (fault)
-    logError("reload: {}: {}; keeping what was in force", path, *fault);
-  else
-    logInfo("reload: {}: read anew", path);
+void sayFault(const std::string& path, const std::string& what) {
+  logError("reload: {}: {}; keeping what was in force", path, what);
 }
+
+void sayRead(const std::string& path) { logInfo("reload: {}: read anew", path); }
 
 }  // namespace
 
 void Reload::run() {
   const MutexLock lock(_mutex);
   if (!_effects) return;
-  say(_paths.deploymentFile, reloadDeployment());
-  const auto fault = _effects->readDeviceAnswers();
-  say(_paths.deviceFile,
-      fault ? std::optional(without(_paths.deviceFile, fault->message)) : std::nullopt);
+  if (const auto fault = reloadDeployment())
+    sayFault(_paths.deploymentFile, *fault);
+  else
+    sayRead(_paths.deploymentFile);
+  if (const auto fault = _effects->readDeviceAnswers())
+    sayFault(_paths.deviceFile, without(_paths.deviceFile, fault->message));
+  else
+    sayRead(_paths.deviceFile);
   sayPublicKeys();
   _effects->forgetPauses();
 }
@@ -85,11 +88,11 @@ std::optional<std::string> Reload::closedTo(const Deployment& deployment) const 
 void Reload::sayPublicKeys() const {
   LocalFileSystem files;
   const PublicKeys keys = readPublicKeys(files, _paths);
-  for (const std::string& file : keys.files) say(file, std::nullopt);
+  for (const std::string& file : keys.files) sayRead(file);
   for (const PublicKeys::Fault& fault : keys.faults) {
     const bool hasOthers =
         fault.path == _paths.publicKeyFile && fault.code == ENOENT && !keys.usable.empty();
-    if (!hasOthers) say(fault.path, fault.what);
+    if (!hasOthers) sayFault(fault.path, fault.what);
   }
 }
 

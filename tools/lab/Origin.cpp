@@ -6,7 +6,7 @@ namespace corvid::lab {
 
 bool isOfThisOrigin(const Request& request) {
   const std::string host = request.header("Host").value_or("");
-  const std::string name = host.substr(0, host.find(':'));
+  const std::string name = host.substr(0, host.find_first_of(":"));
   if (request.headerCount("Host") != 1 || (name != "localhost" && name != "127.0.0.1"))
     return false;
   const std::string origin = "http://" + host;
