@@ -15,7 +15,7 @@ static_assert(Ledger::remembered * (sizeof(Decision) + KeysChanged::mostBytes + 
 
 Ledger::Offer Ledger::offer(const Event& event) {
   const MutexLock lock(_mutex);
-  EventDecision decision;
+  auto& decision = makeRoom().emplace<EventDecision>();
   decision.number = ++_events;
   decision.time = _clock.now().asDouble();
   decision.session = event.session;
@@ -23,7 +23,7 @@ Ledger::Offer Ledger::offer(const Event& event) {
   decision.type = event.type;
   decision.flag = event.flag;
   decision.isBeingOffered = true;
-  return {shared_from_this(), EventMark{remember(std::move(decision))}};
+  return {shared_from_this(), EventMark{_lastPosition}};
 }
 
 void Ledger::dropOffered(EventMark mark, Reason reason) {
@@ -96,12 +96,11 @@ std::vector<Dictionary> Ledger::latest(std::size_t most,
   return result;
 }
 
-std::uint64_t Ledger::remember(Decision decision) {
+Decision& Ledger::makeRoom() {
   const std::uint64_t position = ++_lastPosition;
   if (_decisions.size() < remembered)
     _decisions.resize(std::min<std::size_t>(position + 1, remembered));
-  _decisions[position % remembered] = std::move(decision);
-  return position;
+  return _decisions[position % remembered];
 }
 
 Decision* Ledger::at(std::uint64_t position) {
@@ -322,14 +321,14 @@ void Shipment::beginPost(std::string host, std::uint64_t bytes) {
   Ledger& ledger = *_account->_ledger;
   const MutexLock lock(ledger._mutex);
   _begin = ledger._clock.steadyNow();
-  PostDecision post;
+  auto& post = ledger.makeRoom().emplace<PostDecision>();
   post.number = ++ledger._posts;
   post.time = ledger._clock.now().asDouble();
   post.session = _account->_session;
   post.backend = _account->_backend;
   post.events = static_cast<std::uint32_t>(_marks.size());
   post.bytes = bytes;
-  _postPosition = ledger.remember(post);
+  _postPosition = ledger._lastPosition;
   for (const EventMark mark : _marks)
     if (Verdict* const verdict = ledger.verdictAt(mark, _account->_backend))
       verdict->post = static_cast<std::uint32_t>(post.number);

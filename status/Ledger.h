@@ -121,8 +121,8 @@ class Ledger : public std::enable_shared_from_this<Ledger> {
 
   void dropOffered(EventMark mark, Reason reason) EXCLUDES(_mutex);
   void offered(EventMark mark) EXCLUDES(_mutex);
-  // Makes room for one, and gives its position.
-  std::uint64_t remember(Decision decision) REQUIRES(_mutex);
+  // The place of the next one, which is written to in place: its position is the last one then.
+  Decision& makeRoom() REQUIRES(_mutex);
   // Null where it is remembered no more.
   Decision* at(std::uint64_t position) REQUIRES(_mutex);
   Verdict* verdictAt(EventMark mark, std::uint8_t backend) REQUIRES(_mutex);
