@@ -2,7 +2,6 @@
 
 #include <utility>
 
-#include "backends/https/ListMatching.h"
 #include "base/Describe.h"
 #include "base/Log.h"
 #include "base/Reading.h"
@@ -58,7 +57,7 @@ class Decider {
     for (std::size_t index = 0; index < _entries.size(); ++index) {
       const Dictionary* client = _entries[index].dictionary();
       if (client == nullptr ||
-          !matchClientNameAndServiceID(*client, _facts.clientName(), _facts.serviceID()))
+          !Addressees(*client).matchClientNameAndServiceID(_facts.clientName(), _facts.serviceID()))
         continue;
       if (_facts.requireUserInfo && _facts.userInfo != nullptr) _decision.entry = index;
       return client;
@@ -244,16 +243,25 @@ const std::string* PolicyFacts::serviceID() const {
   return userInfo ? stringAt(*userInfo, kCorvidUserInfoServiceName) : nullptr;
 }
 
-bool matchClientNameAndServiceID(const Dictionary& client, const std::string* clientName,
-                                 const std::string* serviceID) {
-  return matchExactStringWithList(matchListFromText(stringAt(client, "client")), clientName,
-                                  true) &&
-         matchStringWithList(matchListFromText(stringAt(client, "service")), serviceID, true);
+Addressees::Addressees(const Dictionary& client)
+    : _clients(matchListFromText(stringAt(client, "client"))),
+      _services(matchListFromText(stringAt(client, "service"))) {}
+
+bool Addressees::matchClientNameAndServiceID(const std::string* clientName,
+                                             const std::string* serviceID) const {
+  return matchExactStringWithList(_clients, clientName, true) &&
+         matchStringWithList(_services, serviceID, true);
 }
 
 PolicyDecision decide(const Dictionary& profile, const PolicyFacts& facts, ClientPolicy before) {
   const Array* entries = arrayAt(profile, "clients");
   return Decider(entries ? *entries : Array(), facts, std::move(before)).run();
+}
+
+Reason standingReason(const PolicyDecision& decision) {
+  const bool hasAddress = decision.policy.postURL || decision.policy.realtimePostURL;
+  return decision.state == BackendState::sending && !hasAddress ? Reason::noAddress
+                                                                : decision.reason;
 }
 
 void logRules(const PolicyDecision& decision, const PolicyFacts& facts) {

@@ -11,6 +11,7 @@
 
 #include "backends/CorvidBackend.h"
 #include "backends/https/EventFilters.h"
+#include "backends/https/ListMatching.h"
 #include "base/Value.h"
 #include "protocol/Reason.h"
 
@@ -89,13 +90,25 @@ struct PolicyDecision {
 // nothing is asked, logged or kept.
 PolicyDecision decide(const Dictionary& profile, const PolicyFacts& facts, ClientPolicy before);
 
+// Why the backend stands as it does after the decision: also that what it sends has no address.
+Reason standingReason(const PolicyDecision& decision);
+
 // The log lines of a decision, in the order of the rules: those up to the settings of the entry,
 // and those of the entry that was found, which come after a custom identifier was made.
 void logRules(const PolicyDecision& decision, const PolicyFacts& facts);
 void logMatch(const PolicyDecision& decision, const PolicyFacts& facts, const std::string& backend);
 
-// Whether the entry is for that client and service; null where the user info does not name one.
-bool matchClientNameAndServiceID(const Dictionary& client, const std::string* clientName,
-                                 const std::string* serviceID);
+// Whom an entry is for. Views of the entry, which must outlive it.
+class Addressees {
+ public:
+  explicit Addressees(const Dictionary& client);
+  // Null where the user info does not name one.
+  bool matchClientNameAndServiceID(const std::string* clientName,
+                                   const std::string* serviceID) const;
+
+ private:
+  const MatchList _clients;
+  const MatchList _services;
+};
 
 }  // namespace corvid

@@ -89,8 +89,7 @@ BackendState HTTPSPostBackend::updateBackendState() {
     const MutexLock lock(_lock);
     decision = decide(_profile, facts, _policy);
   }
-  const bool hasAddress = decision.policy.postURL || decision.policy.realtimePostURL;
-  if (decision.state == BackendState::sending && !hasAddress) decision.reason = Reason::noAddress;
+  decision.reason = standingReason(decision);
   logRules(decision, facts);
   if (decision.wantsCustomIdentifier)
     decision.policy.uuidCustom = getPersistentIdentifierForCustomClientIDSuffix(

@@ -37,6 +37,7 @@ Dictionary toDictionary(const DescribedClient& client) {
 }
 
 std::string textOf(const Dictionary& object) {
+  if (auto text = writeJSON(object)) return *std::move(text);
   const Value json = tools::jsonFromValue(object);
   if (auto text = writeJSON(*json.dictionary())) return *std::move(text);
   throw CommandError("a storebag holds a text or a number that JSON has no form for");

@@ -97,8 +97,9 @@ TEST_F(Outcomes, WhateverChangesForAnyFactsIsTold) {
       if (!old.contains("seed") && !now.contains("seed") &&
           facts.environment == CorvidEnvironmentType::seed)
         facts.environment = CorvidEnvironmentType::release;
-      const Verdict before = explain(old, 6, facts);
-      const Verdict after = explain(now, 6, facts);
+      const std::int32_t type = random.clientTypeWithStorebag();
+      const Verdict before = explain(old, type, facts);
+      const Verdict after = explain(now, type, facts);
       for (const char* const name : {"httpPost", "httpPost2"}) {
         const BackendVerdict* const was = backendOf(before, name);
         const BackendVerdict* const is = backendOf(after, name);

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "base/Value.h"
+#include "config/Environment.h"
 #include "protocol/Keys.h"
 #include "tools/storebag/policy/Facts.h"
 
@@ -36,7 +37,12 @@ class RandomPolicies {
 
   std::int32_t clientType() {
     if (oneIn(15)) return anyOf<std::int32_t, 4>({-1, 0, 3, 18});
-    return static_cast<std::int32_t>(5 + below(13));
+    return clientTypeWithStorebag();
+  }
+  std::int32_t clientTypeWithStorebag() {
+    for (;;)
+      if (const auto type = static_cast<std::int32_t>(below(32)); storebagNameForClientType(type))
+        return type;
   }
 
   storebag::Facts facts() {

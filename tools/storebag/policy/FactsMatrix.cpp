@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <map>
 #include <set>
 #include <string_view>
 #include <utility>
@@ -22,10 +23,8 @@ constexpr const char* another = "Another";
 constexpr std::array<const char*, 3> listKeys{"locale_whitelist", "device_whitelist",
                                               "device_blacklist"};
 
-bool isFor(const Value& entry, const ClientNames& names) {
-  const Dictionary* const client = entry.dictionary();
-  return client &&
-         matchClientNameAndServiceID(*client, pointerTo(names.client), pointerTo(names.service));
+bool include(const Addressees& addressees, const ClientNames& names) {
+  return addressees.matchClientNameAndServiceID(pointerTo(names.client), pointerTo(names.service));
 }
 
 // The items that the texts of all entries list, and none at all.
@@ -123,14 +122,20 @@ class OneList {
   Dictionary _profile;
 };
 
+struct TellingValue {
+  std::optional<std::string> value;
+  std::size_t kind = 0;  // the same for values that all entries treat alike
+};
+
 // Of the values those that old and new entries do not treat alike, and one of each kind of others.
-std::vector<std::optional<std::string>> tellingValues(
-    const std::vector<EntryPair>& entries, const char* key, std::optional<std::string> Facts::*fact,
-    std::vector<std::optional<std::string>> values) {
+std::vector<TellingValue> tellingValues(const std::vector<EntryPair>& entries, const char* key,
+                                        std::optional<std::string> Facts::*fact,
+                                        std::vector<std::optional<std::string>> values) {
   std::vector<std::pair<OneList, OneList>> lists;
   for (const auto& [old, now] : entries) lists.emplace_back(OneList(old, key), OneList(now, key));
-  std::set<std::vector<OneList::Word>> seen;
-  std::erase_if(values, [&](const std::optional<std::string>& value) {
+  std::map<std::vector<OneList::Word>, std::size_t> kinds;
+  std::vector<TellingValue> telling;
+  for (std::optional<std::string>& value : values) {
     Facts facts;
     facts.*fact = value;
     bool isAsBefore = true;
@@ -140,9 +145,10 @@ std::vector<std::optional<std::string>> tellingValues(
       words.push_back(now.wordOn(facts));
       isAsBefore = isAsBefore && words.back() == words[words.size() - 2];
     }
-    return !seen.insert(std::move(words)).second && isAsBefore;
-  });
-  return values;
+    const auto [kind, isFirst] = kinds.emplace(std::move(words), kinds.size());
+    if (isFirst || !isAsBefore) telling.push_back({std::move(value), kind->second});
+  }
+  return telling;
 }
 
 std::vector<std::optional<std::string>> valuesOf(const std::set<std::string>& texts,
@@ -154,11 +160,20 @@ std::vector<std::optional<std::string>> valuesOf(const std::set<std::string>& te
 
 }  // namespace
 
-std::optional<std::size_t> entryFor(const Array& clients, const ClientNames& names) {
-  const auto found =
-      std::ranges::find_if(clients, [&](const Value& entry) { return isFor(entry, names); });
-  if (found == clients.end()) return std::nullopt;
-  return static_cast<std::size_t>(found - clients.begin());
+EntryIndex::EntryIndex(const Array& clients) {
+  _addressees.reserve(clients.size());
+  for (const Value& entry : clients) {
+    _addressees.emplace_back();
+    if (entry.dictionary()) _addressees.back().emplace(*entry.dictionary());
+  }
+}
+
+std::optional<std::size_t> EntryIndex::entryFor(const ClientNames& names) const {
+  const auto found = std::ranges::find_if(_addressees, [&](const auto& addressees) {
+    return addressees && include(*addressees, names);
+  });
+  if (found == _addressees.end()) return std::nullopt;
+  return static_cast<std::size_t>(found - _addressees.begin());
 }
 
 std::vector<ClientNames> affectedClients(const Array& old, const Array& now) {
@@ -174,18 +189,20 @@ std::vector<ClientNames> affectedClients(const Array& old, const Array& now) {
   for (const Value* const value : changed) {
     const Dictionary* const entry = value->dictionary();
     if (entry == nullptr) continue;
+    const Addressees addressees(*entry);
     std::set<std::optional<std::string>> its;
     for (const std::string_view item : matchListFromText(stringAt(*entry, "client")))
       its.insert(std::string(item));
     for (const auto& client : its.empty() ? clients : its)
       for (const auto& service : services)
-        if (ClientNames names{client, service}; isFor(*value, names))
+        if (ClientNames names{client, service}; include(addressees, names))
           affected.insert(std::move(names));
   }
   return {affected.begin(), affected.end()};
 }
 
-std::vector<Facts> factsMatrix(const std::vector<EntryPair>& entries, const Facts& base) {
+void forEachCell(const std::vector<EntryPair>& entries, const Facts& base,
+                 const std::function<void(const FactsCell&)>& visit) {
   std::set<std::string> countries, families, hardware;
   std::set<double> borders;
   for (const auto& [old, now] : entries)
@@ -206,21 +223,22 @@ std::vector<Facts> factsMatrix(const std::vector<EntryPair>& entries, const Fact
       tellingValues(entries, listKeys[1], &Facts::productFamily, valuesOf(families, another));
   const auto itsHardware =
       tellingValues(entries, listKeys[2], &Facts::hardwareType, std::move(allHardware));
-  std::vector<Facts> matrix;
-  Facts facts = base;
+  const std::vector<double> draws = drawsBetween(borders);
+  FactsCell cell{base, {}};
+  Facts& facts = cell.facts;
   for (const bool consents : {true, false})
     for (const auto& country : itsCountries)
       for (const auto& family : itsFamilies)
         for (const auto& type : itsHardware)
-          for (const double draw : drawsBetween(borders)) {
+          for (const double draw : draws) {
             facts.consents = consents;
-            facts.country = country;
-            facts.productFamily = family;
-            facts.hardwareType = type;
+            facts.country = country.value;
+            facts.productFamily = family.value;
+            facts.hardwareType = type.value;
             facts.draw = draw;
-            matrix.push_back(facts);
+            cell.kind = {consents, country.kind, family.kind, type.kind};
+            visit(cell);
           }
-  return matrix;
 }
 
 std::vector<SentEvent> probesOf(const EntryPair& entries) {

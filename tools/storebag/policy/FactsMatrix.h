@@ -1,11 +1,14 @@
 // The facts that tell two storebags apart, taken from their own lists.
 #pragma once
 
+#include <array>
 #include <cstddef>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "backends/https/ClientPolicy.h"
 #include "base/Value.h"
 #include "tools/storebag/policy/Facts.h"
 
@@ -18,8 +21,16 @@ struct ClientNames {
   auto operator<=>(const ClientNames&) const = default;
 };
 
-// The first entry of `clients` that is for that client; nothing where none is.
-std::optional<std::size_t> entryFor(const Array& clients, const ClientNames& names);
+// The entries of a backend, by whom they are for. Views of `clients`, which must outlive it.
+class EntryIndex {
+ public:
+  explicit EntryIndex(const Array& clients);
+  // The first that is for that client; nothing where none is.
+  std::optional<std::size_t> entryFor(const ClientNames& names) const;
+
+ private:
+  std::vector<std::optional<Addressees>> _addressees;  // absent of what is no dictionary
+};
 
 // Who may meet another entry, or another text of it, in `now` than in `old`: the names that stand
 // in the entries of either, and one that stands in none.
@@ -31,11 +42,19 @@ struct EntryPair {
   const Dictionary* now = nullptr;
 };
 
-// Facts that differ in consent, country, product family, hardware type and draw, for which the
-// entries may say different things: of values that all entries treat alike, and as before, one; of
-// values that they treat otherwise than before, each; of draws one between any two borders.
-// The rest of each is as in `base`.
-std::vector<Facts> factsMatrix(const std::vector<EntryPair>& entries, const Facts& base);
+struct FactsCell {
+  Facts facts{};
+  // Consent, and of country, product family and hardware type which kind of value it is. The
+  // entries say the same in cells of one kind and draw.
+  std::array<std::size_t, 4> kind{};
+};
+
+// Visits facts that differ in consent, country, product family, hardware type and draw, for which
+// the entries may say different things: of values that all entries treat alike, and as before, one;
+// of values that they treat otherwise than before, each; of draws one between any two borders. The
+// rest of each is as in `base`.
+void forEachCell(const std::vector<EntryPair>& entries, const Facts& base,
+                 const std::function<void(const FactsCell&)>& visit);
 
 // Events on which other filters may act otherwise: with every key that filters name, of every
 // method and status that they name and of one that they do not.

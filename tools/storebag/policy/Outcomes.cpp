@@ -2,14 +2,17 @@
 
 #include <algorithm>
 #include <array>
+#include <deque>
 #include <map>
 #include <optional>
 #include <set>
 #include <string_view>
+#include <tuple>
 #include <utility>
 
 #include "base/Reading.h"
 #include "protocol/Keys.h"
+#include "tools/storebag/policy/EntryVerdicts.h"
 #include "tools/storebag/policy/FactsMatrix.h"
 #include "tools/storebag/policy/Verdict.h"
 
@@ -17,7 +20,8 @@ namespace corvid::storebag {
 
 namespace {
 
-constexpr std::array postingBackends{kCorvidBackendHTTPPost, kCorvidBackendHTTPPost2};
+const std::array postingBackends{std::string(kCorvidBackendHTTPPost),
+                                 std::string(kCorvidBackendHTTPPost2)};
 constexpr std::int32_t ordinaryType = 6;
 constexpr std::int32_t adaptorType = 7;  // one whose clients may use metrix
 
@@ -36,20 +40,13 @@ std::map<std::string, BackendVerdict> byName(const Verdict& verdict) {
   return backends;
 }
 
-bool isSame(BackendVerdict one, const BackendVerdict& other) {
-  one.entry = other.entry;
-  one.samplingThreshold = other.samplingThreshold;  // which tells by the state, or does not
-  return one == other;
-}
-
 bool mayReport(const BackendVerdict& backend) {
   return backend.state == "sending" || backend.state == "held";
 }
 
-Value told(const Verdict& verdict, const BackendVerdict* backend) {
-  if (backend) return toDictionary(*backend);
-  if (verdict.reason) return Dictionary{{"reason", wordOf(*verdict.reason)}};
-  return {};
+// What is said of a backend that is not there.
+Value absent(const Verdict& verdict) {
+  return verdict.reason ? Value(Dictionary{{"reason", wordOf(*verdict.reason)}}) : Value();
 }
 
 const EventVerdict* eventAt(const Verdict& verdict, const std::string& backend) {
@@ -57,6 +54,52 @@ const EventVerdict* eventAt(const Verdict& verdict, const std::string& backend) 
   const auto found = std::ranges::find(*verdict.event, backend, &EventVerdict::name);
   return found == verdict.event->end() ? nullptr : &*found;
 }
+
+// One client's records of probes before and after, where the verdicts are the same.
+class RecordComparison {
+ public:
+  // Parts of the storebags that hold what is for the client.
+  RecordComparison(Dictionary old, Dictionary now, std::vector<SentEvent> probes)
+      : _old(std::move(old)), _now(std::move(now)), _probes(std::move(probes)) {}
+
+  // Both sides with the record of the first probe of which they make different ones.
+  using Change = std::optional<std::pair<Value, Value>>;
+  const Change& compare(const Facts& facts, const BackendVerdict& old, const BackendVerdict& now) {
+    // What country and draw do to a record they do by the verdict.
+    Known known{facts.consents, facts.productFamily, facts.hardwareType, old, now};
+    for (const auto& [key, change] : _known)
+      if (key == known) return change;
+    return _known.emplace_back(std::move(known), firstChange(facts, old, now)).second;
+  }
+
+ private:
+  using Known = std::tuple<bool, std::optional<std::string>, std::optional<std::string>,
+                           BackendVerdict, BackendVerdict>;
+
+  Change firstChange(const Facts& facts, const BackendVerdict& old,
+                     const BackendVerdict& now) const {
+    for (const SentEvent& probe : _probes) {
+      const Verdict before = explain(_old, ordinaryType, facts, probe);
+      const Verdict after = explain(_now, ordinaryType, facts, probe);
+      const EventVerdict* const was = eventAt(before, old.name);
+      const EventVerdict* const is = eventAt(after, now.name);
+      if (was && is && was->record != is->record)
+        return std::pair(withRecord(old, *was), withRecord(now, *is));
+    }
+    return std::nullopt;
+  }
+
+  static Value withRecord(const BackendVerdict& backend, const EventVerdict& event) {
+    Dictionary all = toDictionary(backend);
+    all.set("record", event.record ? Value(*event.record) : Value());
+    return all;
+  }
+
+  const Dictionary _old;
+  const Dictionary _now;
+  const std::vector<SentEvent> _probes;
+  std::deque<std::pair<Known, Change>> _known;
+};
 
 class OutcomeComparison {
  public:
@@ -94,13 +137,27 @@ class OutcomeComparison {
     }
     // Without a version neither is used at all.
     if (old && now && stringAt(_old, "version") && stringAt(_now, "version"))
-      compareClients(*old, *now, facts);
+      compareClients({*old, explain(_old, ordinaryType, facts)},
+                     {*now, explain(_now, ordinaryType, facts)}, facts);
   }
 
-  void compareClients(const Dictionary& old, const Dictionary& now, Facts base) {
+  // A section, and what is made of it wherever there is a product family.
+  struct Side {
+    Side(const Dictionary& itsSection, Verdict itsVerdict)
+        : section(itsSection), verdict(std::move(itsVerdict)) {
+      for (const std::string& backend : postingBackends)
+        entries.emplace(backend, clientsOf(section, backend));
+    }
+    const Dictionary& section;
+    const Verdict verdict;
+    std::map<std::string, EntryIndex> entries;
+  };
+
+  void compareClients(const Side& old, const Side& now, Facts base) {
     std::set<ClientNames> affected;
-    for (const std::string_view backend : postingBackends)
-      for (ClientNames& names : affectedClients(clientsOf(old, backend), clientsOf(now, backend)))
+    for (const std::string& backend : postingBackends)
+      for (ClientNames& names :
+           affectedClients(clientsOf(old.section, backend), clientsOf(now.section, backend)))
         affected.insert(std::move(names));
     for (const ClientNames& names : affected) {
       base.userInfo = Dictionary();
@@ -111,111 +168,87 @@ class OutcomeComparison {
     }
   }
 
-  // One client, with no more of the sections than is for it: what other entries say is nothing to
-  // it, and reading them again for each cell of the matrix would take its time.
-  void compareClient(const Dictionary& old, const Dictionary& now, const ClientNames& names,
+  // One client, by the entries that are for it: what others say is nothing to it.
+  void compareClient(const Side& old, const Side& now, const ClientNames& names,
                      const Facts& base) {
+    std::vector<std::pair<std::string, EntryVerdicts>> backends;
     std::vector<EntryPair> entries;
-    Part oldPart(old, base.environment);
-    Part nowPart(now, base.environment);
     std::vector<SentEvent> probes;
-    for (const std::string_view backend : postingBackends) {
-      EntryPair pair{oldPart.add(backend, names), nowPart.add(backend, names)};
-      if (pair.old && pair.now && *pair.old == *pair.now) continue;
-      entries.push_back(pair);
-      if (pair.old && pair.now && filtersOf(*pair.old) != filtersOf(*pair.now))
-        std::ranges::copy(probesOf(pair), std::back_inserter(probes));
+    for (const std::string& name : postingBackends) {
+      EntryVerdicts verdicts(judged(old, name, names), judged(now, name, names));
+      const auto [was, is] = verdicts.entries();
+      if (was && is && *was == *is) continue;
+      entries.push_back({was, is});
+      if (was && is && filtersOf(*was) != filtersOf(*is))
+        std::ranges::copy(probesOf({was, is}), std::back_inserter(probes));
+      backends.emplace_back(name, std::move(verdicts));
     }
-    for (const Facts& facts : factsMatrix(entries, base))
-      compare(oldPart.storebag(), nowPart.storebag(), {ordinaryType, facts}, probes, &oldPart,
-              &nowPart);
+    std::optional<RecordComparison> records;
+    if (!probes.empty())
+      records.emplace(partFor(old, names, base), partFor(now, names, base), std::move(probes));
+    forEachCell(entries, base, [&](const FactsCell& cell) {
+      const auto tell = [&](const std::string& name, Value was, Value is) {
+        _changes.push_back({{ordinaryType, cell.facts}, name, std::move(was), std::move(is)});
+      };
+      for (auto& [name, verdicts] : backends) {
+        const EntryVerdicts::Pair& pair = verdicts.on(cell);
+        if (!pair.isSame)
+          tell(name, pair.old ? pair.oldTold : absent(old.verdict),
+               pair.now ? pair.nowTold : absent(now.verdict));
+        else if (records && pair.now && mayReport(*pair.now))
+          if (const auto& change = records->compare(cell.facts, *pair.old, *pair.now))
+            tell(name, change->first, change->second);
+      }
+    });
   }
 
+  static std::optional<JudgedEntry> judged(const Side& side, const std::string& backend,
+                                           const ClientNames& names) {
+    if (std::ranges::find(side.verdict.backends, backend, &BackendVerdict::name) ==
+        side.verdict.backends.end())
+      return std::nullopt;
+    const auto index = side.entries.at(backend).entryFor(names);
+    return JudgedEntry(backend, index ? &clientsOf(side.section, backend)[*index] : nullptr,
+                       index.value_or(0));
+  }
   static Value filtersOf(const Dictionary& entry) {
     const Value* const filters = entry.find("filters");
     return filters ? *filters : Value();
   }
 
-  // A section with those entries alone that are for one client.
-  class Part {
-   public:
-    Part(const Dictionary& section, CorvidEnvironmentType environment)
-        : _section(section), _part(section), _environment(*environmentNameForType(environment)) {}
-
-    // The entry that is for the client; null where none is.
-    const Dictionary* add(std::string_view backend, const ClientNames& names) {
-      const Dictionary* const profile = dictionaryAt(_section, backend);
-      if (profile == nullptr) return nullptr;
+  // A storebag with no more of the section than is for the client: to read the rest again for each
+  // record would take its time.
+  static Dictionary partFor(const Side& side, const ClientNames& names, const Facts& facts) {
+    Dictionary section = side.section;
+    for (const std::string& backend : postingBackends) {
+      const Dictionary* const profile = dictionaryAt(side.section, backend);
+      if (!profile || !arrayAt(*profile, "clients")) continue;
       Dictionary part = *profile;
-      const Array& clients = clientsOf(_section, backend);
-      const auto index = entryFor(clients, names);
-      if (arrayAt(part, "clients") != nullptr)
-        part.set("clients", index ? Array{clients[*index]} : Array());
-      _part.set(std::string(backend), std::move(part));
-      if (index) _indexOf[std::string(backend)] = *index;
-      return index ? clients[*index].dictionary() : nullptr;
+      const auto index = side.entries.at(backend).entryFor(names);
+      part.set("clients", index ? Array{clientsOf(side.section, backend)[*index]} : Array());
+      section.set(backend, std::move(part));
     }
-    Dictionary storebag() const { return {{"version", "1"}, {_environment, _part}}; }
-    // Where its entry stands in the whole.
-    void correct(BackendVerdict& backend) const {
-      if (const auto index = _indexOf.find(backend.name); backend.entry && index != _indexOf.end())
-        backend.entry = index->second;
-    }
+    return {{"version", "1"},
+            {std::string(*environmentNameForType(facts.environment)), std::move(section)}};
+  }
 
-   private:
-    const Dictionary& _section;
-    Dictionary _part;
-    const std::string _environment;
-    std::map<std::string, std::size_t> _indexOf;
-  };
-
-  void compare(const Dictionary& old, const Dictionary& now, const DescribedClient& client,
-               const std::vector<SentEvent>& probes = {}, const Part* oldPart = nullptr,
-               const Part* nowPart = nullptr) {
+  void compare(const Dictionary& old, const Dictionary& now, const DescribedClient& client) {
     const Verdict before = explain(old, client.type, client.facts);
     const Verdict after = explain(now, client.type, client.facts);
-    auto oldBackends = byName(before);
-    auto nowBackends = byName(after);
+    const auto oldBackends = byName(before);
+    const auto nowBackends = byName(after);
     std::set<std::string> names;
-    for (auto& [name, backend] : oldBackends) {
-      if (oldPart) oldPart->correct(backend);
-      names.insert(name);
-    }
-    for (auto& [name, backend] : nowBackends) {
-      if (nowPart) nowPart->correct(backend);
-      names.insert(name);
-    }
+    for (const auto* const backends : {&oldBackends, &nowBackends})
+      for (const auto& [name, backend] : *backends) names.insert(name);
     for (const std::string& name : names) {
-      // Others are the same for every client.
-      if (oldPart && std::ranges::find(postingBackends, name) == postingBackends.end()) continue;
       const auto was = oldBackends.find(name);
       const auto is = nowBackends.find(name);
       const BackendVerdict* const oldBackend = was == oldBackends.end() ? nullptr : &was->second;
       const BackendVerdict* const nowBackend = is == nowBackends.end() ? nullptr : &is->second;
-      if (!oldBackend || !nowBackend || !isSame(*oldBackend, *nowBackend))
-        _changes.push_back({client, name, told(before, oldBackend), told(after, nowBackend)});
-      else if (mayReport(*nowBackend))
-        compareRecords(old, now, client, probes, *oldBackend, *nowBackend);
-    }
-  }
-
-  void compareRecords(const Dictionary& old, const Dictionary& now, const DescribedClient& client,
-                      const std::vector<SentEvent>& probes, const BackendVerdict& oldBackend,
-                      const BackendVerdict& nowBackend) {
-    for (const SentEvent& probe : probes) {
-      const Verdict before = explain(old, client.type, client.facts, probe);
-      const Verdict after = explain(now, client.type, client.facts, probe);
-      const EventVerdict* const was = eventAt(before, oldBackend.name);
-      const EventVerdict* const is = eventAt(after, nowBackend.name);
-      if (!was || !is || was->record == is->record) continue;
-      const auto withRecord = [](const BackendVerdict& backend, const EventVerdict& event) {
-        Dictionary all = toDictionary(backend);
-        all.set("record", event.record ? Value(*event.record) : Value());
-        return all;
-      };
-      _changes.push_back(
-          {client, nowBackend.name, withRecord(oldBackend, *was), withRecord(nowBackend, *is)});
-      return;
+      if (!oldBackend || !nowBackend || !isSameOutcome(*oldBackend, *nowBackend))
+        _changes.push_back({client, name,
+                            oldBackend ? Value(toDictionary(*oldBackend)) : absent(before),
+                            nowBackend ? Value(toDictionary(*nowBackend)) : absent(after)});
     }
   }
 

@@ -40,12 +40,7 @@ BackendVerdict verdictOn(const CorvidBackend& backend) {
                          .reason = std::string(wordOf(standing.reason)),
                          .entry = backend.entry()};
   if (const auto* const posting = dynamic_cast<const HTTPSPostBackend*>(&backend)) {
-    const ClientPolicy policy = posting->policy();
-    verdict.postURL = policy.postURL;
-    verdict.realtimePostURL = policy.realtimePostURL;
-    verdict.eventThreshold = policy.eventThreshold;
-    verdict.samplingThreshold = backend.samplingThreshold();
-    verdict.batch = policy.batchEvents;
+    verdict.take(posting->policy(), backend.samplingThreshold());
   } else if (const auto* const upload = dynamic_cast<const UploadBackend*>(&backend)) {
     verdict.postURL = upload->uploadURL();
   }
@@ -170,6 +165,14 @@ Value listOf(const auto& verdicts) {
 }
 
 }  // namespace
+
+void BackendVerdict::take(const ClientPolicy& policy, std::optional<double> threshold) {
+  postURL = policy.postURL;
+  realtimePostURL = policy.realtimePostURL;
+  eventThreshold = policy.eventThreshold;
+  samplingThreshold = threshold;
+  batch = policy.batchEvents;
+}
 
 Verdict explain(const Dictionary& storebag, std::int32_t clientType, const Facts& facts,
                 const std::optional<SentEvent>& event) {

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "backends/https/ClientPolicy.h"
 #include "base/Value.h"
 #include "protocol/Reason.h"
 #include "tools/storebag/policy/Facts.h"
@@ -25,6 +26,8 @@ struct BackendVerdict {
   std::optional<std::int32_t> eventThreshold{};
   std::optional<double> samplingThreshold{};  // where the session was sampled
   std::optional<bool> batch{};
+  void take(const ClientPolicy& policy, std::optional<double> threshold);
+
   bool operator==(const BackendVerdict&) const = default;
 };
 
