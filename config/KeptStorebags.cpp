@@ -111,7 +111,10 @@ std::optional<KeptStorebag> keptStorebag(std::int32_t clientType) {
   if (!areKept() || !name) return std::nullopt;
   const Result<Dictionary> file = readKept(keptFile(*name));
   if (!file) {
-    if (file.failure().code != ENOENT) setAside(keptFile(*name), file.failure().message);
+    if (file.failure().code != ENOENT) {
+      const std::string path = keptFile(*name);
+      setAside(path, whatFailed(file.failure(), path));
+    }
     return std::nullopt;
   }
   const auto fields = fieldsOf(file.value());

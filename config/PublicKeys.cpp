@@ -2,10 +2,10 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <string_view>
 #include <utility>
+
+#include "platform/data/LocalFileSystem.h"
 
 namespace corvid {
 
@@ -14,10 +14,7 @@ namespace {
 void readKey(FileSystem& files, const std::string& path, PublicKeys& keys) {
   const auto content = files.readFile(path, publicKeyLimit);
   if (!content) {
-    std::string_view what = content.failure().message;
-    if (what.starts_with(path)) what.remove_prefix(path.size());
-    what.remove_prefix(std::min(what.find_first_not_of(": "), what.size()));
-    keys.faults.push_back({path, std::string(what), content.failure().code});
+    keys.faults.push_back({path, whatFailed(content.failure(), path), content.failure().code});
     return;
   }
   auto key = RSAPublicKey::fromDER(content.value());

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -16,13 +15,6 @@
 namespace corvid {
 
 namespace {
-
-// What failed, without the file that the line names anyway.
-std::string without(const std::string& path, std::string_view message) {
-  if (message.starts_with(path)) message.remove_prefix(path.size());
-  const auto text = message.find_first_not_of(": ");
-  return std::string(text == message.npos ? "cannot be used" : message.substr(text));
-}
 
 void sayFault(const std::string& path, const std::string& what) {
   logError("reload: {}: {}; keeping what was in force", path, what);
@@ -40,7 +32,7 @@ void Reload::run() {
   else
     sayRead(_paths.deploymentFile);
   if (const auto fault = _effects->readDeviceAnswers())
-    sayFault(_paths.deviceFile, without(_paths.deviceFile, fault->message));
+    sayFault(_paths.deviceFile, whatFailed(*fault, _paths.deviceFile));
   else
     sayRead(_paths.deviceFile);
   sayPublicKeys();
@@ -55,7 +47,7 @@ void Reload::end() {
 std::optional<std::string> Reload::reloadDeployment() {
   Result<Deployment> read = readDeployment(_paths.deploymentFile);
   if (!read && read.failure().code != ENOENT)
-    return without(_paths.deploymentFile, read.failure().message);
+    return whatFailed(read.failure(), _paths.deploymentFile);
   Deployment deployment = read ? std::move(read).value() : Deployment();
   if (!deployment.faults.empty()) {
     std::vector<std::string> faults;

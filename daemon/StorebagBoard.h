@@ -8,6 +8,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 
 #include "base/Mutex.h"
 #include "config/StorebagFetch.h"
@@ -32,53 +33,21 @@ struct StorebagStanding {
 // The cache writes what it does here as it does it. Threads: any.
 class StorebagBoard {
  public:
-  void set(const std::string& name, StorebagStanding standing) {
-    const MutexLock lock(_mutex);
-    _standings[name] = std::move(standing);
-    if (_changed) _changed();
-  }
+  void set(const std::string& name, StorebagStanding standing);
   // `changed` is called when something is written; it may not block. Before the first time.
   void notify(std::function<void()> changed) { _changed = std::move(changed); }
-  StorebagStanding of(const std::string& name) const {
-    const MutexLock lock(_mutex);
-    const auto found = _standings.find(name);
-    StorebagStanding standing = found == _standings.end() ? StorebagStanding() : found->second;
-    standing.refreshIsWished = _wished.contains(name);
-    return standing;
-  }
-  std::map<std::string, StorebagStanding> all() const {
-    const MutexLock lock(_mutex);
-    auto standings = _standings;
-    for (auto& [name, standing] : standings) standing.refreshIsWished = _wished.contains(name);
-    return standings;
-  }
+  StorebagStanding of(const std::string& name) const;
+  std::map<std::string, StorebagStanding> all() const;
 
   // The next request for the storebag fetches it, whatever its age and however short a time ago the
   // last attempt failed.
-  void wishRefresh(const std::string& name) {
-    const MutexLock lock(_mutex);
-    _wished.insert(name);
-  }
+  void wishRefresh(const std::string& name);
   // The same for each whose last attempt failed, and the clients of storebags that have no name
   // need not wait either.
-  void forgetPauses() {
-    const MutexLock lock(_mutex);
-    ++_timesForgotten;
-    for (const auto& [name, standing] : _standings)
-      if (standing.fault) _wished.insert(name);
-  }
-  std::uint64_t timesForgotten() const {
-    const MutexLock lock(_mutex);
-    return _timesForgotten;
-  }
-  bool refreshIsWished(const std::string& name) const {
-    const MutexLock lock(_mutex);
-    return _wished.contains(name);
-  }
-  void refreshBegins(const std::string& name) {
-    const MutexLock lock(_mutex);
-    _wished.erase(name);
-  }
+  void forgetPauses();
+  std::uint64_t timesForgotten() const;
+  bool refreshIsWished(const std::string& name) const;
+  void refreshBegins(const std::string& name);
 
  private:
   std::function<void()> _changed;

@@ -152,6 +152,13 @@ Result<std::string> readRegularFile(const std::string& path, std::size_t limit) 
   }
 }
 
+std::string whatFailed(const Failure& failure, std::string_view path) {
+  std::string_view what = failure.message;
+  if (what.starts_with(path)) what.remove_prefix(path.size());
+  what.remove_prefix(std::min(what.find_first_not_of(": "), what.size()));
+  return what.empty() ? "cannot be used" : std::string(what);
+}
+
 std::optional<Failure> replaceRegularFile(const std::string& path, std::string_view content,
                                           unsigned mode) {
   const std::string folderPath = folderOf(path);

@@ -22,6 +22,9 @@ inline constexpr std::size_t settingsFileLimit = std::size_t{4} << 20;
 // what is no regular file.
 Result<std::string> readRegularFile(const std::string& path, std::size_t limit = settingsFileLimit);
 
+// What a failure of `path` says behind the name of the file, for lines that name it themselves.
+std::string whatFailed(const Failure& failure, std::string_view path);
+
 // Puts a file with this content, readable by its owner only unless `mode`, which the process's mask
 // narrows, says more, in the place of `path`: whatever happens, either the old file or the whole
 // new one stands there. On success the change outlasts a power failure. Where the superuser writes,

@@ -110,6 +110,14 @@ TEST_F(KeptStorebags, ADamagedOneIsSetAsideWithOneErrorLine) {
   }
 }
 
+TEST_F(KeptStorebags, WhatCannotBeReadIsSetAsideWithOneErrorLineThatNamesTheFileOnce) {
+  fs::create_directories(file);
+  EXPECT_FALSE(keptStorebag(lumen));
+  EXPECT_THAT(errors(),
+              ElementsAre("keptStorebag: " + file + ": Is a directory; it is set aside as " + file +
+                          ".damaged, and the server is asked"));
+}
+
 TEST_F(KeptStorebags, OneByAnotherKeyIsSetAsideWithOneErrorLine) {
   fetchAndKeep();
   platform.files->files[paths.publicKeyFile] = {strangeSigner().publicKeyDER(), {}};
