@@ -31,4 +31,6 @@ install(FILES packaging/systemd/corvidd.service packaging/systemd/corvidd.socket
         DESTINATION lib/systemd/system)
 install(FILES packaging/sysusers/corvidd.conf DESTINATION lib/sysusers.d)
 # A folder that is missing when the daemon enters its sandbox stays out of its reach.
-install(DIRECTORY DESTINATION ../etc/corvid/entitlements.d)
+foreach(folder entitlements.d keys.d)
+  install(DIRECTORY DESTINATION ../etc/corvid/${folder})
+endforeach()
