@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <limits>
 #include <string_view>
@@ -52,10 +53,11 @@ std::optional<KeptFields> fieldsOf(const Dictionary& file) {
   const std::string* const url = stringAt(file, "url");
   const auto maxAge = integerAt(file, "maxAge");
   using Seconds = std::numeric_limits<std::int32_t>;
-  if (!envelope || !envelope->data() || !time || !time->date() || !url || !maxAge ||
-      *maxAge < Seconds::min() || *maxAge > Seconds::max())
+  const auto fetchTime = time ? time->date() : std::nullopt;
+  if (!envelope || !envelope->data() || !fetchTime || !std::isfinite(fetchTime->secondsSince1970) ||
+      !url || !maxAge || *maxAge < Seconds::min() || *maxAge > Seconds::max())
     return std::nullopt;
-  return KeptFields{envelope->data(), url, time->date()->secondsSince1970,
+  return KeptFields{envelope->data(), url, fetchTime->secondsSince1970,
                     static_cast<std::int32_t>(*maxAge)};
 }
 

@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <functional>
+#include <limits>
 #include <optional>
 #include <string>
 
@@ -99,7 +100,12 @@ TEST_F(KeptStorebags, WithoutTheSettingNothingIsWrittenAndNothingRead) {
 TEST_F(KeptStorebags, ADamagedOneIsSetAsideWithOneErrorLine) {
   for (const std::string& content :
        {std::string("damaged"), writeXMLPropertyList(Array{}),
-        writeXMLPropertyList(Dictionary{{"envelope", "text"}, {"url", 7}})}) {
+        writeXMLPropertyList(Dictionary{{"envelope", "text"}, {"url", 7}}),
+        writeBinaryPropertyList(
+            Dictionary{{"envelope", Data{enveloped(trustedSigner(), storebag(7))}},
+                       {"url", storebagURL("lumen")},
+                       {"fetchTime", Date{std::numeric_limits<double>::quiet_NaN()}},
+                       {"maxAge", 600}})}) {
     root.write("var/lib/corvidd/Storebags/lumen.plist", content);
     platform.log.clear();
     EXPECT_FALSE(keptStorebag(lumen));
