@@ -26,20 +26,14 @@ using signing::SigningKey;
 
 namespace {
 
-bool isSameFile(const std::string& one, const std::string& other) {
-  std::error_code error;
-  return fs::equivalent(one, other, error) && !error;
-}
-
 // Neither a private key nor what the author writes is lost to a slip of the hand.
 void refuseToReplace(const SignOptions& options) {
   const std::string& out = options.output;
-  if (isSameFile(out, options.source))
+  std::error_code error;
+  if (fs::equivalent(out, options.source, error) && !error)
     throw CommandError(out + " is the storebag that is to be signed; name another file with -o");
   const auto present = readRegularFile(out);
-  const bool isKey = std::ranges::any_of(
-      options.keys, [&](const std::string& key) { return isSameFile(out, key); });
-  if (isKey || (present && keyFormOf(present.value()) == KeyForm::privateKey))
+  if (present && keyFormOf(present.value()) == KeyForm::privateKey)
     throw CommandError(out + " is a private key; name another file with -o");
 }
 

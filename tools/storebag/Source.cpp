@@ -39,6 +39,12 @@ Dictionary dictionaryOr(Result<Value> read, std::string_view what) {
   return *dictionary;
 }
 
+std::string bytesOfFile(const std::string& file) {
+  Result<std::string> content = readRegularFile(file);
+  if (!content) throw CommandError(content.failure().message);
+  return std::move(content).value();
+}
+
 Source fetch(const Location& location) {
   if (!location.name.starts_with("https://"))
     throw tools::InputError("a storebag is fetched over https, not from " + location.name);
@@ -59,9 +65,7 @@ Source fetch(const Location& location) {
 
 Source read(const Location& location) {
   if (location.name.find("://") != std::string::npos) return fetch(location);
-  Result<std::string> content = readRegularFile(location.name);
-  if (!content) throw CommandError(content.failure().message);
-  return {.name = location.name, .bytes = std::move(content).value()};
+  return {.name = location.name, .bytes = bytesOfFile(location.name)};
 }
 
 Content contentOf(std::string bytes, std::string_view name) {
@@ -89,6 +93,6 @@ Content contentAt(const Location& location) {
   return contentOf(std::move(source.bytes), source.name);
 }
 
-Content contentOfFile(const std::string& file) { return contentAt({.name = file}); }
+Content contentOfFile(const std::string& file) { return contentOf(bytesOfFile(file), file); }
 
 }  // namespace corvid::storebag

@@ -185,6 +185,7 @@ TEST(KeyForm, TellsWhatIsNoPublicKeyInDERForm) {
   EXPECT_EQ(keyFormOf(pair), KeyForm::privateKey);
   EXPECT_EQ(keyFormOf(converted("-outform DER")), KeyForm::privateKey);
   EXPECT_EQ(keyFormOf(converted("-aes256 -passout pass:secret")), KeyForm::privateKey);
+  EXPECT_EQ(keyFormOf(converted("-aes256 -traditional -passout pass:secret")), KeyForm::privateKey);
   EXPECT_EQ(keyFormOf(converted("-pubout")), KeyForm::publicPEM);
   EXPECT_EQ(keyFormOf("-----BEGIN PUBLIC KEY-----"), KeyForm::none);
   EXPECT_EQ(keyFormOf(pair.substr(0, pair.size() / 2)), KeyForm::none);

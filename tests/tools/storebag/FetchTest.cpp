@@ -71,6 +71,18 @@ TEST_F(StorebagFetch, NothingIsFetchedInTheClear) {
   EXPECT_EQ(plain.connectionsAccepted(), 0u);
 }
 
+TEST_F(StorebagFetch, OthersThanVerifyAndShowTakeFilesOnly) {
+  const std::string url = _server.url("/tessel");
+  for (const std::vector<std::string>& arguments :
+       {std::vector<std::string>{"lint", url},
+        {"explain", url, "--client-type", "tessel"},
+        {"test", url, folder.write("tests.json", "[]")},
+        {"sign", "--key", privateKey("trusted"), url, "-o", folder.path("out")}})
+    expectFailure(arguments, url + ": No such file or directory");
+  expectFailure({"diff", url, url}, url + ": No such file or directory", 2);
+  EXPECT_EQ(_server.connectionsAccepted(), 0u);
+}
+
 TEST_F(StorebagFetch, ACAFileThatCannotBeUsedIsNamed) {
   const std::string missing = folder.path("missing.pem");
   const ToolResult result = verify(missing);

@@ -149,10 +149,15 @@ TEST_F(SignCommand, NeverWritesOverAPrivateKeyOrTheStorebag) {
   const std::string other = folder.write("other.pem", contentOf(privateKey("strange")));
   const std::string asDER = folder.path("key.der");
   ASSERT_EQ(runTool("openssl", {"rsa", "-in", key, "-outform", "DER", "-out", asDER}).status, 0);
+  const std::string encrypted = folder.path("encrypted.pem");
+  ASSERT_EQ(runTool("openssl", {"rsa", "-in", key, "-aes256", "-traditional", "-passout",
+                                "pass:secret", "-out", encrypted})
+                .status,
+            0);
   fs::create_hard_link(key, folder.path("second-name"));
   fs::create_symlink(key, folder.path("link"));
   for (const std::string& out : {key, folder.path("./key.pem"), folder.path("second-name"),
-                                 folder.path("link"), other, asDER})
+                                 folder.path("link"), other, asDER, encrypted})
     expectRefusal({"--key", key, storebag, "-o", out},
                   out + " is a private key; name another file with -o");
   expectRefusal({"--key", key, storebag, "-o", storebag},
