@@ -305,6 +305,27 @@ TEST_F(StorebagEnvelope, MoreSignaturesThanSoManyAreNotLookedAt) {
   EXPECT_FALSE(open(fields));
 }
 
+TEST_F(StorebagEnvelope, TheSHA256SignatureIsLookedAtWhereItIsRequiredAndNowhereElse) {
+  const auto with = [&](const Value& sha256) {
+    Dictionary fields = signer.envelopeFields(bag);
+    fields.set("signatureSHA256", sha256);
+    return writeXMLPropertyList(fields);
+  };
+  const auto isTaken = [&](const std::string& envelope, bool requiresSHA256) {
+    return openEnvelope(envelope, keysOf(key), {.requiresSHA256 = requiresSHA256})
+        .storebag.has_value();
+  };
+  const std::string good = with(base64Encode(signer.signature(bag, signing::Digest::sha256)));
+  EXPECT_TRUE(isTaken(good, true));
+  EXPECT_TRUE(isTaken(good, false));
+  for (const Value& bad :
+       {Value(base64Encode(strangeSigner().signature(bag, signing::Digest::sha256))),
+        Value(base64Encode(signer.signature(bag))), Value("A"), Value(7)}) {
+    EXPECT_FALSE(isTaken(with(bad), true));
+    EXPECT_TRUE(isTaken(with(bad), false));
+  }
+}
+
 TEST_F(StorebagEnvelope, WithoutTheSHA256SignatureThatIsRequiredItIsUnverified) {
   const OpenedEnvelope opened =
       openEnvelope(enveloped(signer, storebag), keysOf(key), {.requiresSHA256 = true});

@@ -297,6 +297,27 @@ TEST_F(StorebagFetch, AMissingOrUnusableKeyFileIsNotLogged) {
   EXPECT_EQ(platform.log.texts(LogLevel::debug).size(), 3u);
 }
 
+TEST_F(StorebagFetch, AFurtherKeyIsReadAtEachFetchAndAMissingMainOneIsNoFailureBesideIt) {
+  platform.files->files.erase(paths.publicKeyFile);
+  EXPECT_FALSE(fetch());
+  platform.files->directories.insert(paths.furtherKeysFolder);
+  platform.files->files[paths.furtherKeysFolder + "/new.der"] = {trustedSigner().publicKeyDER(),
+                                                                 {}};
+  EXPECT_TRUE(fetch());
+  EXPECT_EQ(fetched.key, keysOf(trustedSigner().publicKeyDER()).front().fingerprint());
+  EXPECT_TRUE(platform.log.texts(LogLevel::error).empty());
+}
+
+TEST_F(StorebagFetch, AFurtherFileThatIsNoUsableKeyIsPassedOverWithOneErrorLine) {
+  platform.files->directories.insert(paths.furtherKeysFolder);
+  const std::string file = paths.furtherKeysFolder + "/a.der";
+  platform.files->files[file] = {"garbage", {}};
+  EXPECT_TRUE(fetch());
+  EXPECT_EQ(
+      platform.log.texts(LogLevel::error),
+      std::vector{"fetchStorebagWithName: " + file + " is passed over: no public key in DER form"});
+}
+
 TEST_F(StorebagFetch, AKeyThatIsTooShortOrOfAnotherKindIsNamed) {
   const auto errorWith = [&](EVP_PKEY* made) {
     const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(made, &EVP_PKEY_free);

@@ -183,6 +183,19 @@ TEST_F(CheckConfig, TakesABarePublicKeyToo) {
   EXPECT_EQ(finding(publicKey), "right: an RSA public key");
 }
 
+TEST_F(CheckConfig, LooksIntoFurtherKeysWhichTakeThePlaceOfAMissingMainOne) {
+  const std::string further = "etc/corvid/keys.d/new.der";
+  root.write(further, "no key");
+  EXPECT_TRUE(finding(further).starts_with("wrong: no RSA public key in DER form"));
+  root.write(further, strangeSigner().publicKeyDER());
+  EXPECT_EQ(finding(further), "right: an RSA public key");
+  root.remove(publicKey);
+  EXPECT_EQ(finding(publicKey), "note: missing: storebags are taken by the further keys alone");
+  root.write("etc/corvid/keys.d/new.pem", strangeSigner().publicKeyDER());
+  EXPECT_EQ(finding("etc/corvid/keys.d/new.pem"),
+            "wrong: is not read: keys in this folder are files *.der");
+}
+
 TEST_F(CheckConfig, KnowsHowLongEachFileMayBe) {
   root.write(publicKey, trustedSigner().publicKeyDER() + std::string(20'000, '\0'));
   EXPECT_TRUE(finding(publicKey).starts_with("wrong: Longer than 16384 bytes"));
@@ -199,6 +212,18 @@ TEST_F(CheckConfig, FindsADeploymentOfTheWrongTypesWrong) {
   writeList(deployment, Dictionary{{"ProductionStorebagHost", 5}, {"AllowInsecureHTTP", "yes"}});
   EXPECT_EQ(findings(deployment).front(), "wrong: \"ProductionStorebagHost\" is of the wrong type");
   EXPECT_EQ(findings(deployment).size(), 3u);
+}
+
+TEST_F(CheckConfig, FindsAJitterBelow0OrAbove0Point5Wrong) {
+  for (const double jitter : {-0.1, 0.51}) {
+    writeList(deployment, Dictionary{{"RefreshJitter", jitter}});
+    EXPECT_TRUE(std::ranges::any_of(findings(deployment), [](const std::string& found) {
+      return found.starts_with(
+          "wrong: \"RefreshJitter\" takes a number from 0 to 0.5, and counts as 0");
+    })) << jitter;
+  }
+  writeList(deployment, Dictionary{{"RefreshJitter", 0.5}});
+  EXPECT_EQ(finding(deployment).find("wrong: "), std::string::npos);
 }
 
 TEST_F(CheckConfig, NeedsAVersionThatIsAText) {

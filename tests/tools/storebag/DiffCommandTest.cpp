@@ -213,6 +213,18 @@ TEST_F(DiffCommand, LooksAtEveryEnvironmentAndBackend) {
     })) << backend;
 }
 
+TEST_F(DiffCommand, ASectionThatIsPromotedChangesItsOwnEnvironmentAlone) {
+  Dictionary old = storebagOf({entry()});
+  old.set("halcyon_internal", *storebagWith({{"sampling_threshold", 0.1}}).find("release"));
+  old.set("seed", *old.find("release"));
+  Dictionary now = old;
+  now.set("seed", *old.find("halcyon_internal"));
+  const Dictionary said = difference(now, {}, old);
+  ASSERT_FALSE(outcomes(said).empty());
+  for (const Value& each : outcomes(said))
+    EXPECT_EQ(*stringAt(*dictionaryAt(*each.dictionary(), "facts"), "environment"), "seed");
+}
+
 TEST_F(DiffCommand, LooksAtTheFactsThatAreGivenToo) {
   const std::string player = R"({"clientType":"tessel","country":"DE","productFamily":"Bench 3",
     "consent":true,"draw":0.4,"sessionInfo":{"RequireUserInfo":true},
