@@ -1,5 +1,7 @@
 #include "tools/storebag/policy/EntryVerdicts.h"
 
+#include <utility>
+
 #include "backends/https/ClientPolicy.h"
 #include "base/Reading.h"
 
@@ -8,8 +10,11 @@ namespace corvid::storebag {
 namespace {
 
 // Without a threshold there is nothing that a draw is held against.
-bool dependsOnDraw(const std::optional<BackendVerdict>& verdict) {
-  return verdict && verdict->samplingThreshold;
+bool dependsOnDraw(const EntryVerdicts::Pair& pair) {
+  const auto hasThreshold = [](const std::optional<BackendVerdict>& verdict) {
+    return verdict && verdict->samplingThreshold;
+  };
+  return hasThreshold(pair.old) || hasThreshold(pair.now);
 }
 
 Value told(const std::optional<BackendVerdict>& verdict) {
@@ -60,10 +65,11 @@ EntryPair EntryVerdicts::entries() const {
 }
 
 const EntryVerdicts::Pair& EntryVerdicts::on(const FactsCell& cell) {
-  for (const std::optional<double> draw : {std::optional<double>(), std::optional(cell.facts.draw)})
-    if (const auto known = _pairs.find({cell.kind, draw}); known != _pairs.end())
-      return known->second;
-  Pair pair;
+  std::map<double, Pair>& ofKind = _pairs[cell.kind];
+  if (!ofKind.empty() && !dependsOnDraw(ofKind.begin()->second)) return ofKind.begin()->second;
+  const auto [known, isNew] = ofKind.try_emplace(cell.facts.draw);
+  Pair& pair = known->second;
+  if (!isNew) return pair;
   if (_old) pair.old = _old->verdictOn(cell.facts);
   if (_now) pair.now = _now->verdictOn(cell.facts);
   pair.isSame = _old && _now ? isSameOutcome(*pair.old, *pair.now) : !_old && !_now;
@@ -71,9 +77,7 @@ const EntryVerdicts::Pair& EntryVerdicts::on(const FactsCell& cell) {
     pair.oldTold = told(pair.old);
     pair.nowTold = told(pair.now);
   }
-  std::optional<double> draw;
-  if (dependsOnDraw(pair.old) || dependsOnDraw(pair.now)) draw = cell.facts.draw;
-  return _pairs.emplace(std::pair(cell.kind, draw), std::move(pair)).first->second;
+  return pair;
 }
 
 }  // namespace corvid::storebag

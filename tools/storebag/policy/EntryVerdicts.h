@@ -6,7 +6,6 @@
 #include <map>
 #include <optional>
 #include <string>
-#include <utility>
 
 #include "base/Value.h"
 #include "tools/storebag/policy/FactsMatrix.h"
@@ -56,8 +55,8 @@ class EntryVerdicts {
  private:
   const std::optional<JudgedEntry> _old;
   const std::optional<JudgedEntry> _now;
-  // By kind and draw; without a draw where it plays no part.
-  std::map<std::pair<std::array<std::size_t, 4>, std::optional<double>>, Pair> _pairs;
+  // By kind and draw; one draw alone where it plays no part.
+  std::map<std::array<std::size_t, 4>, std::map<double, Pair>> _pairs;
 };
 
 }  // namespace corvid::storebag

@@ -161,19 +161,26 @@ std::vector<std::optional<std::string>> valuesOf(const std::set<std::string>& te
 }  // namespace
 
 EntryIndex::EntryIndex(const Array& clients) {
-  _addressees.reserve(clients.size());
-  for (const Value& entry : clients) {
-    _addressees.emplace_back();
-    if (entry.dictionary()) _addressees.back().emplace(*entry.dictionary());
+  for (std::size_t at = 0; at < clients.size(); ++at) {
+    const Dictionary* const entry = clients[at].dictionary();
+    if (entry == nullptr) continue;
+    const MatchList names = matchListFromText(stringAt(*entry, "client"));
+    if (names.empty()) _forEverybody.emplace_back(at, *entry);
+    for (const std::string_view name : names) _byName[caseFolded(name)].emplace_back(at, *entry);
   }
 }
 
+std::optional<std::size_t> EntryIndex::firstFor(const ClientNames& names, const Places& places) {
+  for (const auto& [at, addressees] : places)
+    if (include(addressees, names)) return at;
+  return std::nullopt;
+}
+
 std::optional<std::size_t> EntryIndex::entryFor(const ClientNames& names) const {
-  const auto found = std::ranges::find_if(_addressees, [&](const auto& addressees) {
-    return addressees && include(*addressees, names);
-  });
-  if (found == _addressees.end()) return std::nullopt;
-  return static_cast<std::size_t>(found - _addressees.begin());
+  const auto everybodys = firstFor(names, _forEverybody);
+  const auto named = names.client ? _byName.find(caseFolded(*names.client)) : _byName.end();
+  const auto its = named == _byName.end() ? std::nullopt : firstFor(names, named->second);
+  return its && everybodys ? std::min(*its, *everybodys) : its ? its : everybodys;
 }
 
 std::vector<ClientNames> affectedClients(const Array& old, const Array& now) {
@@ -226,19 +233,23 @@ void forEachCell(const std::vector<EntryPair>& entries, const Facts& base,
   const std::vector<double> draws = drawsBetween(borders);
   FactsCell cell{base, {}};
   Facts& facts = cell.facts;
-  for (const bool consents : {true, false})
-    for (const auto& country : itsCountries)
-      for (const auto& family : itsFamilies)
-        for (const auto& type : itsHardware)
+  for (const bool consents : {true, false}) {
+    facts.consents = consents;
+    for (const auto& country : itsCountries) {
+      facts.country = country.value;
+      for (const auto& family : itsFamilies) {
+        facts.productFamily = family.value;
+        for (const auto& type : itsHardware) {
+          facts.hardwareType = type.value;
+          cell.kind = {consents, country.kind, family.kind, type.kind};
           for (const double draw : draws) {
-            facts.consents = consents;
-            facts.country = country.value;
-            facts.productFamily = family.value;
-            facts.hardwareType = type.value;
             facts.draw = draw;
-            cell.kind = {consents, country.kind, family.kind, type.kind};
             visit(cell);
           }
+        }
+      }
+    }
+  }
 }
 
 std::vector<SentEvent> probesOf(const EntryPair& entries) {

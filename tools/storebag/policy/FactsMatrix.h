@@ -6,6 +6,8 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "backends/https/ClientPolicy.h"
@@ -29,7 +31,11 @@ class EntryIndex {
   std::optional<std::size_t> entryFor(const ClientNames& names) const;
 
  private:
-  std::vector<std::optional<Addressees>> _addressees;  // absent of what is no dictionary
+  using Places = std::vector<std::pair<std::size_t, Addressees>>;
+  static std::optional<std::size_t> firstFor(const ClientNames& names, const Places& places);
+
+  std::unordered_map<std::string, Places> _byName;  // by each name that they list, case-folded
+  Places _forEverybody;                             // those that list none
 };
 
 // Who may meet another entry, or another text of it, in `now` than in `old`: the names that stand
