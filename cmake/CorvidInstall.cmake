@@ -26,6 +26,10 @@ install(FILES packaging/man/corvidctl.1 packaging/man/corvid-lab.1
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES packaging/man/corvid-storebag.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
         COMPONENT storebag)
+install(FILES packaging/man/corvid-deployment.5 packaging/man/corvid-device.5
+              packaging/man/corvid-entitlements.5 packaging/man/corvid-storebag.5
+        DESTINATION ${CMAKE_INSTALL_MANDIR}/man5)
+install(FILES packaging/man/corvid.7 DESTINATION ${CMAKE_INSTALL_MANDIR}/man7)
 install(FILES packaging/man/corvidd.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 install(FILES packaging/systemd/corvidd.service packaging/systemd/corvidd.socket
         DESTINATION lib/systemd/system)

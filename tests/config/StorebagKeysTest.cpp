@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -64,11 +65,16 @@ TEST(StorebagKeys, EveryKeyThatTheDaemonReadsIsAmongThem) {
   for (const std::string& key : read) EXPECT_TRUE(known.contains(key)) << key;
 }
 
-std::string rowOf(const StorebagKey& key) {
-  const auto cell = [](std::string_view text) { return std::string(text) + " | "; };
+// "integer", "array of texts".
+std::string typeOf(const StorebagKey& key) {
   std::string type(textOf(key.type));
   if (const auto blank = type.find(' '); type.starts_with("a")) type.erase(0, blank + 1);
-  return "| `" + cell(std::string(key.name) + "`") + cell(type) + cell(key.effect) +
+  return type;
+}
+
+std::string rowOf(const StorebagKey& key) {
+  const auto cell = [](std::string_view text) { return std::string(text) + " | "; };
+  return "| `" + cell(std::string(key.name) + "`") + cell(typeOf(key)) + cell(key.effect) +
          cell(key.without) + std::string(key.since) + " |\n";
 }
 
@@ -90,6 +96,43 @@ TEST(StorebagKeys, TheDocumentationHasATableForEachPlace) {
                                                          << head << table;
   }
   EXPECT_EQ(tables, places);
+}
+
+// With one blank for each run of blanks and ends of lines, which mdoc sets as it likes.
+std::string withSingleBlanks(const std::string& text) {
+  return std::regex_replace(text, std::regex(R"(\s+)"), " ");
+}
+
+// A sentence of the manual: what stands between backticks is a macro's argument, and what follows
+// it another.
+std::string sentenceOf(std::string text) {
+  text.front() = static_cast<char>(std::toupper(static_cast<unsigned char>(text.front())));
+  return std::regex_replace(text + ".", std::regex("`([^`]*)`([.,]?)"), ".Li $1 $2") + "\n";
+}
+
+std::string itemOf(const StorebagKey& key) {
+  return ".It Li " + std::string(key.name) + " Pq " + typeOf(key) + "\n" +
+         sentenceOf(std::string(key.effect)) +
+         sentenceOf("without it: " + std::string(key.without));
+}
+
+// The manual has a list for each place, with an item of each key and no other.
+TEST(StorebagKeys, TheManualHasAListForEachPlace) {
+  const std::string page =
+      withSingleBlanks(contentOf(CORVID_SOURCE_FOLDER "/packaging/man/corvid-storebag.5"));
+  std::size_t items = 0;
+  for (std::size_t found = page.find(" Without it: "); found != page.npos;
+       found = page.find(" Without it: ", found + 1))
+    ++items;
+  EXPECT_EQ(items, storebagKeys().size());
+  for (std::size_t at = 0; at < storebagPlaceCount; ++at) {
+    std::string list;
+    for (const StorebagKey& key : storebagKeysAt(static_cast<StorebagPlace>(at)))
+      list += itemOf(key);
+    if (list.empty()) continue;
+    list = ".Bl -tag -width Ds\n" + list + ".El\n";
+    EXPECT_NE(page.find(withSingleBlanks(list)), page.npos) << "corvid-storebag.5 lacks\n" << list;
+  }
 }
 
 }  // namespace

@@ -97,7 +97,9 @@ void PrintTo(const NumberedExample& example, std::ostream* out) {
 }
 std::vector<NumberedExample> allExamples() {
   std::vector<NumberedExample> all;
-  for (const char* const page : {"corvidctl.1", "corvidd.8", "corvid-lab.1", "corvid-storebag.1"})
+  for (const char* const page :
+       {"corvidctl.1", "corvidd.8", "corvid-lab.1", "corvid-storebag.1", "corvid-deployment.5",
+        "corvid-device.5", "corvid-entitlements.5", "corvid-storebag.5", "corvid.7"})
     for (std::size_t number = 0; number < examplesOf(page).size(); ++number)
       all.push_back({page, number});
   return all;
@@ -163,9 +165,10 @@ class Examples : public testing::TestWithParam<NumberedExample> {
 
 INSTANTIATE_TEST_SUITE_P(ManPages, Examples, testing::ValuesIn(allExamples()),
                          [](const auto& test) {
-                           std::string name = test.param.page.substr(0, test.param.page.find('.'));
+                           std::string name = test.param.page;
                            std::erase(name, '-');
-                           return fmt::format("{}{}", name, test.param.number + 1);
+                           std::ranges::replace(name, '.', '_');
+                           return fmt::format("{}_{}", name, test.param.number + 1);
                          });
 
 TEST_P(Examples, RunAsTheyStand) { expectRuns(examplesOf(GetParam().page).at(GetParam().number)); }
