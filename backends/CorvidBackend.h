@@ -77,6 +77,9 @@ class CorvidBackend : public std::enable_shared_from_this<CorvidBackend> {
   // own.
   void setAccount(std::shared_ptr<LedgerAccount> account) { _account = std::move(account); }
   const LedgerAccount& account() const { return *_account; }
+  // Called after each change of state or reason, on the thread that makes it and with its locks.
+  // Before the first state.
+  void setStandingObserver(std::function<void()> changed) { _standingChanged = std::move(changed); }
   // Releases what the backend holds outside its fields before it is dropped.
   virtual void cleanup() {}
   // Computes `state` anew.
@@ -110,11 +113,13 @@ class CorvidBackend : public std::enable_shared_from_this<CorvidBackend> {
   struct alignas(2) Standing {
     BackendState state = BackendState::waiting;
     Reason reason = Reason::notConfigured;
+    bool operator==(const Standing&) const = default;
   };
   Standing standing() const { return _standing.load(std::memory_order_relaxed); }
   BackendState state() const { return standing().state; }
   void setState(BackendState state, Reason reason = Reason::reporting) {
-    _standing.store({state, reason}, std::memory_order_relaxed);
+    const Standing now{state, reason};
+    if (_standing.exchange(now, std::memory_order_relaxed) != now) standingChanged();
   }
   // The same, and counts what keeps events back.
   void settle(BackendState state, Reason reason) {
@@ -144,6 +149,10 @@ class CorvidBackend : public std::enable_shared_from_this<CorvidBackend> {
   CorvidBackend(std::string name, Dictionary profile, SharedIdentity identity,
                 std::optional<std::string> displayURL = std::nullopt);
 
+  void standingChanged() const {
+    if (_standingChanged) _standingChanged();
+  }
+
   // Constant after construction.
   Platform& _platform;
   const std::string _name;
@@ -153,6 +162,7 @@ class CorvidBackend : public std::enable_shared_from_this<CorvidBackend> {
   const double _samplingFactor;
 
   std::shared_ptr<LedgerAccount> _account;
+  std::function<void()> _standingChanged;
   EventMark _offered;  // of the event that is being sent; sends do not overlap
 
   std::atomic<Standing> _standing{Standing{}};

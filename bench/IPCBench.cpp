@@ -45,8 +45,8 @@ class IdleSession final : public ClientSessionInterface {
   void uploadFileAtPath(std::string, std::string, SuccessReply) override {}
   void uploadLogData(Array, LogDataReply) override {}
   void sendMessageWithSessionInfo(Dictionary, std::optional<Dictionary>, std::uint16_t,
-                                  std::uint16_t, std::optional<Dictionary>,
-                                  Reply<std::string>) override {}
+                                  std::uint16_t, std::optional<Dictionary>, ResultReply) override {}
+  StatesReport statesReport() const override { return {}; }
 };
 
 class Delegate final : public ListenerDelegate {

@@ -5,9 +5,13 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 #include "base/LogFields.h"
 #include "base/Value.h"
+#include "protocol/Reason.h"
 #include "protocol/Reply.h"
 
 namespace corvid {
@@ -15,10 +19,30 @@ namespace corvid {
 // Names of the backends that report; absent where there are no backends.
 using StatesReply = Reply<std::optional<Array>>;
 // The text that dispatching a message gave, absent where it gave none.
-using ResultReply = Reply<std::optional<std::string>>;
+struct MessageAnswer : std::optional<std::string> {
+  using std::optional<std::string>::optional;
+  MessageAnswer(std::optional<std::string> text) : std::optional<std::string>(std::move(text)) {}
+  // Why nobody took the message; known where there was nobody, and else where the client wants
+  // reasons.
+  std::optional<Reason> dropped{};
+};
+using ResultReply = Reply<MessageAnswer>;
 using FlushReply = Reply<std::optional<std::string>, std::optional<CorvidError>>;
 using SuccessReply = Reply<bool>;
 using LogDataReply = Reply<bool, std::optional<CorvidError>>;
+
+// A session's backends and what they do now.
+struct StatesReport {
+  struct Backend {
+    std::string name;
+    std::string_view state;  // a word of a static text
+    Reason reason = Reason::reporting;
+    bool operator==(const Backend&) const = default;
+  };
+  std::optional<Reason> reason{};  // why there are none; absent where there are
+  std::vector<Backend> backends{};
+  bool operator==(const StatesReport&) const = default;
+};
 
 // What a client may ask of its session. The transport calls these on the connection's own thread,
 // one after the other in the order in which the client made them; replies may come from any thread.
@@ -46,8 +70,13 @@ class ClientSessionInterface {
   virtual void sendMessageWithSessionInfo(Dictionary sessionInfo,
                                           std::optional<Dictionary> userInfo,
                                           std::uint16_t category, std::uint16_t type,
-                                          std::optional<Dictionary> payload,
-                                          Reply<std::string> reply) = 0;
+                                          std::optional<Dictionary> payload, ResultReply reply) = 0;
+
+  // The client wants to know what becomes of its messages, from here on.
+  virtual void wantReasons() {}
+  // What the backends do now and why. Whoever changes that says so to the connection
+  // (statesMayHaveChanged).
+  virtual StatesReport statesReport() const = 0;
 };
 
 // What the daemon may ask of a client.

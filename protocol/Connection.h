@@ -18,8 +18,8 @@ namespace corvid {
 //
 // Threads   The delegate sets it up on its accept callback; from resume() on, the exported
 //           object's operations and the handlers run on the connection's own thread, one after
-//           the other. remoteObjectProxyWithErrorHandler, description, perform and invalidate: any
-//           thread.
+//           the other. remoteObjectProxyWithErrorHandler, description, perform,
+//           statesMayHaveChanged and invalidate: any thread.
 // Ownership The connection holds its exported object and handlers until it is invalidated, and
 //           drops them after the invalidation handler has run.
 class Connection {
@@ -55,6 +55,10 @@ class Connection {
   // a proxy of a connection that is already gone, at its first call.
   virtual std::shared_ptr<ClientSessionReplyInterface> remoteObjectProxyWithErrorHandler(
       std::function<void(const std::string&)> onError) = 0;
+
+  // The exported object's statesReport() may be another than before: the connection's thread looks,
+  // after the call under way, if the client wants to hear of it. Any thread, with any lock held.
+  virtual void statesMayHaveChanged() = 0;
 
   // Has `task` run on the connection's thread, between calls; a connection that is gone drops it.
   virtual void perform(std::function<void()> task) = 0;

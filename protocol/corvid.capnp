@@ -41,6 +41,8 @@ struct Message {
     }
     dictionary @4 :List(PropertyValue);
   }
+  reasonWanted @5 :Bool;
+  # Whether the result is to tell what became of the event.
 }
 
 struct TextResult {
@@ -51,6 +53,46 @@ struct TextResult {
     # No reply was wanted, or the daemon dropped the reply.
     none @1 :Void;
     text @2 :Text;
+    dropped @3 :Dropped;
+    # Only where the call wants a reason.
+  }
+  isReasoned @4 :Bool;
+  # The call wanted a reason and the daemon knows of such: without one, the event was taken.
+}
+
+struct Dropped {
+  # A message that nobody took.
+
+  reason @0 :Text;
+  # A word of docs/reasons.md.
+  text @1 :Text;
+  # What is answered besides; absent where that is nothing.
+}
+
+struct BackendReport {
+  # Words as in docs/reasons.md and in `corvidctl sessions`.
+
+  name @0 :Text;
+  state @1 :Text;
+  reason @2 :Text;
+}
+
+struct StatesReport {
+  # Which backends of a session report, and why the others do not.
+
+  states @0 :List(PropertyValue);
+  # The names of those that do, as in StatesAnswer.
+  reason @1 :Text;
+  # Why the session has no backends; absent where it has.
+  backends @2 :List(BackendReport);
+}
+
+struct StatesAnswer {
+  answered @0 :Bool;
+  union {
+    states @1 :List(PropertyValue);
+    report @2 :StatesReport;
+    # Instead of the states, where the call wants it.
   }
 }
 
@@ -86,12 +128,14 @@ interface ClientSession {
   # wanted, when the daemon has finished with it.
 
   setSessionInfo @0 (sessionInfo :List(PropertyValue), userInfo :List(PropertyValue),
-                     frameworksToCheck :List(PropertyValue), hasAggregationBlock :Bool);
+                     frameworksToCheck :List(PropertyValue), hasAggregationBlock :Bool,
+                     changesWanted :Bool);
+  # With `changesWanted` the client hears of later changes of its states; see ClientSessionReply.
 
-  startConfig @1 (replyWanted :Bool) -> (answered :Bool, states :List(PropertyValue));
+  startConfig @1 (replyWanted :Bool, reportWanted :Bool) -> StatesAnswer;
 
-  fetchStates @2 (replyWanted :Bool, userInfo :List(PropertyValue))
-              -> (answered :Bool, states :List(PropertyValue));
+  fetchStates @2 (replyWanted :Bool, userInfo :List(PropertyValue), reportWanted :Bool)
+              -> StatesAnswer;
 
   fetchDisplayURL @3 (replyWanted :Bool) -> (url :TextResult);
 
@@ -101,7 +145,7 @@ interface ClientSession {
 
   flush @5 (replyWanted :Bool) -> (result :TextResult, error :Error);
 
-  finish @6 (replyWanted :Bool) -> (result :TextResult);
+  finish @6 (replyWanted :Bool, reasonWanted :Bool) -> (result :TextResult);
 
   uploadFile @7 (replyWanted :Bool, fileURL :Text, extensionToken :Data, file :FileGrant)
              -> (answered :Bool, success :Bool);
@@ -113,13 +157,17 @@ interface ClientSession {
 
   sendSingleMessage @9 (replyWanted :Bool, sessionInfo :List(PropertyValue),
                         userInfo :List(PropertyValue), category :UInt16, type :UInt16,
-                        payload :List(PropertyValue))
+                        payload :List(PropertyValue), reasonWanted :Bool)
                     -> (result :TextResult);
 }
 
 interface ClientSessionReply {
   sendMessagesToClient @0 (deliveries :List(Delivery));
   # Returns when the client library has taken the deliveries in, not when the block has run.
+
+  statesChanged @1 (report :StatesReport);
+  # The session's states or reasons are others than the client was told last, in an answer or here.
+  # Only for a client that wished it, one at a time, and what changes meanwhile travels together.
 }
 
 interface Control {

@@ -29,10 +29,9 @@ DeliverySender::DeliverySender(Outbox& outbox, const PeerGuard& guard,
 
 void DeliverySender::flush() {
   if (!_outbox.hasDeliveries() || _inFlight >= limits::deliveriesInFlight) return;
-  if (!_client) _client = _getClient();
   auto [deliveries, memory] = _outbox.takeDeliveries();
   if (deliveries.empty()) return;
-  auto request = _client->sendMessagesToClientRequest();
+  auto request = _getClient().sendMessagesToClientRequest();
   auto list = request.initDeliveries(wire::count(deliveries.size()));
   for (capnp::uint i = 0; i < list.size(); ++i) encode(deliveries[i], list[i]);
   ++_inFlight;

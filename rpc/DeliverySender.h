@@ -11,7 +11,6 @@
 
 #include <cstddef>
 #include <functional>
-#include <optional>
 
 #include "protocol/corvid.capnp.h"
 #include "rpc/Outbox.h"
@@ -23,7 +22,7 @@ class DeliverySender final : private kj::TaskSet::ErrorHandler {
  public:
   using Client = wire::ClientSessionReply::Client;
 
-  // All are borrowed. `client` gives the client's exported object, when it is first needed.
+  // All are borrowed. `client` gives the client's exported object.
   DeliverySender(Outbox& outbox, const PeerGuard& guard, capnp::TwoPartyVatNetwork& network,
                  std::function<Client()> client);
 
@@ -40,7 +39,6 @@ class DeliverySender final : private kj::TaskSet::ErrorHandler {
   const PeerGuard& _guard;
   capnp::TwoPartyVatNetwork& _network;
   const std::function<Client()> _getClient;
-  std::optional<Client> _client;
   std::size_t _inFlight = 0;
   kj::TaskSet _calls;
 };

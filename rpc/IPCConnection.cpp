@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <optional>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -20,6 +21,7 @@
 #include "rpc/DeliverySender.h"
 #include "rpc/PeerGuard.h"
 #include "rpc/SessionServer.h"
+#include "rpc/StatesSender.h"
 
 namespace corvid {
 
@@ -59,12 +61,14 @@ class IPCConnection::Serving {
             [this] { messageIsWritten(); }),
         _network(_guard, limits::descriptorsPerMessage, capnp::rpc::twoparty::Side::SERVER),
         _sender(*connection._outbox, _guard, _network, [this] { return client(); }),
+        _states(*connection._exportedObject, *connection._outbox, _guard, _network,
+                [this] { return client(); }),
         _rpc(capnp::makeRpcServer(
             _network,
-            kj::heap<SessionServer>(
-                connection._exportedObject, connection._outbox,
-                SessionServer::Serving{_guard, _sender, _account, port, connection._shared.tokens},
-                connection._description))) {}
+            kj::heap<SessionServer>(connection._exportedObject, connection._outbox,
+                                    SessionServer::Serving{_guard, _sender, _states, _account, port,
+                                                           connection._shared.tokens},
+                                    connection._description))) {}
 
   void run(kj::WaitScope& scope) {
     auto end = kj::newPromiseAndFulfiller<void>();
@@ -85,23 +89,30 @@ class IPCConnection::Serving {
   void messageIsWritten() {
     // The message that was just written still counts.
     if (_network.getCurrentQueueCount() <= 1) _account.answersAreTaken();
+    flushIfClientReads();
+  }
+
+  void flushIfClientReads() {
     _sender.flushIfClientReads();
+    _states.flushIfClientReads();
   }
 
   kj::Promise<void> whenWoken() {
     return _port.whenWoken().then([this] {
       for (Outbox::Task& task : _connection._outbox->takeTasks()) task();
-      _sender.flushIfClientReads();
+      flushIfClientReads();
       if (_connection._outbox->mustClose()) _end->fulfill();
       return whenWoken();
     });
   }
 
+  // Of the client's exported object, which is asked for when it is first needed.
   wire::ClientSessionReply::Client client() {
+    if (_client) return *_client;
     capnp::MallocMessageBuilder message(4);
     auto peer = message.initRoot<capnp::rpc::twoparty::VatId>();
     peer.setSide(capnp::rpc::twoparty::Side::CLIENT);
-    return _rpc.bootstrap(peer).castAs<wire::ClientSessionReply>();
+    return _client.emplace(_rpc.bootstrap(peer).castAs<wire::ClientSessionReply>());
   }
 
   IPCConnection& _connection;
@@ -111,7 +122,9 @@ class IPCConnection::Serving {
   PeerGuard _guard;
   capnp::TwoPartyVatNetwork _network;
   DeliverySender _sender;
+  StatesSender _states;
   capnp::RpcSystem<capnp::rpc::twoparty::VatId> _rpc;
+  std::optional<wire::ClientSessionReply::Client> _client;
   kj::Own<kj::PromiseFulfiller<void>> _end;
   kj::Promise<void> _farewell = nullptr;
 };

@@ -53,6 +53,7 @@ class IPCConnection final : public Connection {
   void resume() override;
   std::shared_ptr<ClientSessionReplyInterface> remoteObjectProxyWithErrorHandler(
       std::function<void(const std::string&)> onError) override;
+  void statesMayHaveChanged() override { _outbox->noteStates(); }
   void perform(std::function<void()> task) override { _outbox->post(std::move(task)); }
   void invalidate(std::string_view reason) override;
 

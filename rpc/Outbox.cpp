@@ -53,6 +53,12 @@ void Outbox::countDropped() {
     logComplaint("Outbox: {} does not take its deliveries, the oldest are dropped", _client);
 }
 
+void Outbox::noteStates() {
+  if (_statesNoted.exchange(true)) return;  // whoever noted it first has woken the thread
+  const MutexLock lock(_mutex);
+  wake();
+}
+
 void Outbox::post(Task task) {
   const MutexLock lock(_mutex);
   if (_stopped) return;
@@ -83,7 +89,7 @@ void Outbox::start(const wire::SocketPort& port) {
   _thread = std::this_thread::get_id();
   const MutexLock lock(_mutex);
   _port = &port;
-  if (_closing || !_tasks.empty() || !_deliveries.empty()) port.wake();
+  if (_closing || !_tasks.empty() || !_deliveries.empty() || _statesNoted) port.wake();
 }
 
 void Outbox::stop() {

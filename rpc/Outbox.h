@@ -1,8 +1,9 @@
-// What other threads hand to a connection's thread: deliveries for the client and the outcome of
-// calls that were answered elsewhere.
+// What other threads hand to a connection's thread: deliveries for the client, that its states have
+// changed, and the outcome of calls that were answered elsewhere.
 //
-// Threads   add, post, close, dropped: any, never waiting. The rest: the connection's thread.
-// Limits    limits::deliveriesWaiting and limits::deliveryBytesWaiting, and what the client's user
+// Threads   add, noteStates, post, close, dropped: any, never waiting. The rest: the connection's
+// thread. Limits    limits::deliveriesWaiting and limits::deliveryBytesWaiting, and what the
+// client's user
 //           may have kept; past any the oldest deliveries are dropped, counted, and logged once.
 // Life      Outlives the connection where replies or proxies do, and takes nothing after stop().
 #pragma once
@@ -51,6 +52,8 @@ class Outbox {
 
   // False where the connection is gone.
   bool add(Delivery delivery) EXCLUDES(_mutex);
+  // The session's states may be others than before: the connection's thread is to look.
+  void noteStates() EXCLUDES(_mutex);
   // Runs `task` on the connection's thread. A task that comes too late is destroyed unrun.
   void post(Task task) EXCLUDES(_mutex);
   // Asks the connection to end, after `beforehand`, which may not call back. False, and nothing is
@@ -64,6 +67,8 @@ class Outbox {
   void stop() EXCLUDES(_mutex);
   bool onConnectionThread() const { return _thread == std::this_thread::get_id(); }
   bool hasDeliveries() const { return _hasDeliveries; }
+  // Whether states were noted since the last time.
+  bool takeStatesNote() { return _statesNoted.exchange(false); }
   std::vector<Task> takeTasks() EXCLUDES(_mutex);
   Batch takeDeliveries() EXCLUDES(_mutex);
   bool mustClose() const EXCLUDES(_mutex);
@@ -80,6 +85,7 @@ class Outbox {
   const std::uint32_t _user;
   std::atomic<std::thread::id> _thread;
   std::atomic<bool> _hasDeliveries{false};
+  std::atomic<bool> _statesNoted{false};
 
   mutable Mutex _mutex;
   const wire::SocketPort* _port GUARDED_BY(_mutex) = nullptr;

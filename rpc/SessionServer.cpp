@@ -7,7 +7,9 @@
 #include <exception>
 #include <optional>
 #include <tuple>
+#include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "base/Complaint.h"
 #include "base/Log.h"
@@ -28,8 +30,9 @@ class AnswerWriter {
   // Both are borrowed. `client` names the client in log lines.
   AnswerWriter(Account& account, const std::string& client) : _account(account), _client(client) {}
 
-  void writeText(wire::TextResult::Builder result, const std::optional<std::string>& text) {
-    result.setNone();
+  // `setText` sets it, where there is one that finds room.
+  template <class SetText>
+  void writeText(const std::optional<std::string>& text, SetText setText) {
     if (!text) return;
     if (text->size() > _room) {
       logComplaint("SessionServer: A text of {} bytes for {} is too large and is left out",
@@ -43,7 +46,20 @@ class AnswerWriter {
       return;
     }
     _room -= text->size();
-    result.setText(wire::textReader(*text));
+    setText(wire::textReader(*text));
+  }
+  void writeText(wire::TextResult::Builder result, const std::optional<std::string>& text) {
+    result.setNone();
+    writeText(text, [&](auto content) { result.setText(content); });
+  }
+  void writeMessage(wire::TextResult::Builder result, const MessageAnswer& answer,
+                    bool reasonWanted) {
+    result.setIsReasoned(reasonWanted);
+    if (!reasonWanted || !answer.dropped) return writeText(result, answer);
+    auto dropped = result.initDropped();
+    const std::string_view word = wordOf(*answer.dropped);
+    dropped.setReason({word.data(), word.size()});
+    writeText(answer, [&](auto content) { dropped.setText(content); });
   }
 
   template <class Results>
@@ -57,11 +73,6 @@ class AnswerWriter {
   void write(Results results, bool success) {
     results.setAnswered(true);
     results.setSuccess(success);
-  }
-  template <class Results>
-  void write(Results results, const std::optional<Array>& states) {
-    results.setAnswered(true);
-    wire::encode(states, [&](auto size) { return results.initStates(size); });
   }
   // The builder keeps the error absent where there is none.
   template <class Results>
@@ -105,6 +116,7 @@ SessionServer::SessionServer(std::shared_ptr<ClientSessionInterface> session,
       _outbox(std::move(outbox)),
       _guard(serving.guard),
       _sender(serving.sender),
+      _states(serving.states),
       _account(serving.account),
       _port(serving.port),
       _tokens(serving.tokens),
@@ -149,10 +161,15 @@ void SessionServer::run(const char* name, Operation operation) {
   }
 }
 
-template <class Context, class... Arguments, class Decode>
+void SessionServer::flush() {
+  _sender.flush();
+  _states.flush();
+}
+
+template <class Context, class... Arguments, class Decode, class Write>
 kj::Promise<void> SessionServer::perform(const char* name, Context context,
                                          void (ClientSessionInterface::*operation)(Arguments...),
-                                         Decode decode) {
+                                         Decode decode, Write write) {
   using Last = std::tuple_element_t<sizeof...(Arguments) - 1, std::tuple<Arguments...>>;
   const auto call = std::make_shared<typename PendingCallOf<Last>::Type>(_outbox, 1);
   bool replyWanted = false;
@@ -167,47 +184,92 @@ kj::Promise<void> SessionServer::perform(const char* name, Context context,
     std::apply(operate, arguments);
   });
   _sender.flush();
-  return call->whenSettled([this, call, context]() mutable {
-    AnswerWriter writer(_account, _client);
-    const auto write = [&](const auto&... each) {
-      (writer.write(context.getResults(), each), ...);
-    };
-    if (const auto& outcome = call->outcomes().front()) std::apply(write, *outcome);
+  // What an answer tells of the states need not be told besides.
+  constexpr bool answersStates = std::is_same_v<Last, StatesReply>;
+  if (!answersStates) _states.flush();
+  return call->whenSettled([this, call, context, write]() mutable {
+    const auto writeAll = [&](const auto&... each) { write(context.getResults(), each...); };
+    if (const auto& outcome = call->outcomes().front()) std::apply(writeAll, *outcome);
+    if (answersStates) _states.flush();
   });
+}
+
+template <class Context, class... Arguments, class Decode>
+kj::Promise<void> SessionServer::perform(const char* name, Context context,
+                                         void (ClientSessionInterface::*operation)(Arguments...),
+                                         Decode decode) {
+  return perform(name, context, operation, decode, [this](auto results, const auto&... each) {
+    AnswerWriter writer(_account, _client);
+    (writer.write(results, each), ...);
+  });
+}
+
+template <class Context, class... Arguments, class Decode>
+kj::Promise<void> SessionServer::performForStates(
+    const char* name, Context context, void (ClientSessionInterface::*operation)(Arguments...),
+    Decode decode) {
+  const bool reportWanted = context.getParams().getReportWanted();
+  const auto write = [this, reportWanted](auto results, const std::optional<Array>& states) {
+    results.setAnswered(true);
+    if (!reportWanted)
+      return wire::encode(states, [&](auto size) { return results.initStates(size); });
+    const StatesReport report = _session->statesReport();
+    auto target = results.initReport();
+    encode(report, target);
+    wire::encode(states, [&](auto size) { return target.initStates(size); });
+    _states.told(report);
+  };
+  return perform(name, context, operation, decode, write);
+}
+
+template <class Context, class... Arguments, class Decode>
+kj::Promise<void> SessionServer::performForMessage(
+    const char* name, Context context, void (ClientSessionInterface::*operation)(Arguments...),
+    Decode decode) {
+  const bool reasonWanted = context.getParams().getReasonWanted();
+  if (reasonWanted) _session->wantReasons();
+  return perform(
+      name, context, operation, decode,
+      [this, reasonWanted](auto results, const MessageAnswer& answer) {
+        AnswerWriter(_account, _client).writeMessage(results.initResult(), answer, reasonWanted);
+      });
 }
 
 // What a call brings is decoded in the order in which it stands, as in the braces of a tuple.
 constexpr auto nothing = [](auto, ValueDecoder&) { return std::tuple<>(); };
 
 kj::Promise<void> SessionServer::setSessionInfo(SetSessionInfoContext context) {
-  auto arguments = decoded(context, [this](auto parameters, ValueDecoder& decoder) {
+  bool changesWanted = false;
+  auto arguments = decoded(context, [&](auto parameters, ValueDecoder& decoder) {
     std::tuple infos{decoder.dictionary(parameters.getSessionInfo()),
                      decoder.dictionary(parameters.hasUserInfo(), parameters.getUserInfo()),
                      decoder.array(parameters.getFrameworksToCheck())};
     std::apply([this](const auto&... each) { keepInfos(each...); }, infos);
+    changesWanted = parameters.getChangesWanted();
     return std::tuple_cat(std::move(infos), std::tuple{parameters.getHasAggregationBlock()});
   });
   run("setSessionInfo", [&] {
     const auto set = [&](auto&... each) { _session->setSessionInfo(std::move(each)...); };
     std::apply(set, arguments);
   });
-  _sender.flush();
+  _states.setWanted(changesWanted);
+  flush();
   return kj::READY_NOW;
 }
 
 kj::Promise<void> SessionServer::startConfig(StartConfigContext context) {
-  return perform("startConfig", context, &ClientSessionInterface::startConfigWithCompletionHandler,
-                 nothing);
+  return performForStates("startConfig", context,
+                          &ClientSessionInterface::startConfigWithCompletionHandler, nothing);
 }
 
 kj::Promise<void> SessionServer::fetchStates(FetchStatesContext context) {
-  return perform("fetchStates", context, &ClientSessionInterface::fetchStatesWithUserInfo,
-                 [this](auto parameters, ValueDecoder& decoder) {
-                   auto userInfo =
-                       decoder.dictionary(parameters.hasUserInfo(), parameters.getUserInfo());
-                   keepInfos({}, userInfo);
-                   return std::tuple{std::move(userInfo)};
-                 });
+  return performForStates("fetchStates", context, &ClientSessionInterface::fetchStatesWithUserInfo,
+                          [this](auto parameters, ValueDecoder& decoder) {
+                            auto userInfo = decoder.dictionary(parameters.hasUserInfo(),
+                                                               parameters.getUserInfo());
+                            keepInfos({}, userInfo);
+                            return std::tuple{std::move(userInfo)};
+                          });
 }
 
 kj::Promise<void> SessionServer::fetchDisplayURL(FetchDisplayURLContext context) {
@@ -216,12 +278,16 @@ kj::Promise<void> SessionServer::fetchDisplayURL(FetchDisplayURLContext context)
 
 kj::Promise<void> SessionServer::sendMessages(SendMessagesContext context) {
   using Call = PendingCallOf<ResultReply>::Type;
-  const auto call = decoded(context, [this](auto parameters, ValueDecoder& decoder) {
+  std::vector<bool> reasonsWanted;
+  const auto call = decoded(context, [&](auto parameters, ValueDecoder& decoder) {
     const auto messages = parameters.getMessages();
     if (messages.size() > limits::messagesPerCall)
       throw wire::BrokenRule(fmt::format("{} events in a call", messages.size()));
     const auto pending = std::make_shared<Call>(_outbox, messages.size());
+    reasonsWanted.resize(messages.size());
     for (std::size_t slot = 0; const wire::Message::Reader message : messages) {
+      reasonsWanted[slot] = message.getReasonWanted();
+      if (reasonsWanted[slot]) _session->wantReasons();
       const auto reply = [&, slot] { return pending->reply(slot, message.getReplyWanted()); };
       switch (message.which()) {
         case wire::Message::EVENT: {
@@ -245,14 +311,16 @@ kj::Promise<void> SessionServer::sendMessages(SendMessagesContext context) {
     }
     return pending;
   });
-  _sender.flush();
-  return call->whenSettled([this, call, context]() mutable {
-    const auto& outcomes = call->outcomes();
-    auto results = context.getResults().initResults(wire::count(outcomes.size()));
-    AnswerWriter writer(_account, _client);
-    for (capnp::uint i = 0; i < results.size(); ++i)
-      if (outcomes[i]) writer.writeText(results[i], std::get<0>(*outcomes[i]));
-  });
+  flush();
+  return call->whenSettled(
+      [this, call, context, reasonsWanted = std::move(reasonsWanted)]() mutable {
+        const auto& outcomes = call->outcomes();
+        auto results = context.getResults().initResults(wire::count(outcomes.size()));
+        AnswerWriter writer(_account, _client);
+        for (capnp::uint i = 0; i < results.size(); ++i)
+          if (outcomes[i])
+            writer.writeMessage(results[i], std::get<0>(*outcomes[i]), reasonsWanted[i]);
+      });
 }
 
 kj::Promise<void> SessionServer::flush(FlushContext context) {
@@ -260,7 +328,8 @@ kj::Promise<void> SessionServer::flush(FlushContext context) {
 }
 
 kj::Promise<void> SessionServer::finish(FinishContext context) {
-  return perform("finish", context, &ClientSessionInterface::finishSessionWithReply, nothing);
+  return performForMessage("finish", context, &ClientSessionInterface::finishSessionWithReply,
+                           nothing);
 }
 
 kj::Promise<void> SessionServer::uploadFile(UploadFileContext context) {
@@ -308,16 +377,16 @@ kj::Promise<void> SessionServer::uploadLogData(UploadLogDataContext context) {
 }
 
 kj::Promise<void> SessionServer::sendSingleMessage(SendSingleMessageContext context) {
-  return perform("sendSingleMessage", context, &ClientSessionInterface::sendMessageWithSessionInfo,
-                 [this](auto parameters, ValueDecoder& decoder) {
-                   std::tuple arguments{
-                       decoder.dictionary(parameters.getSessionInfo()),
-                       decoder.dictionary(parameters.hasUserInfo(), parameters.getUserInfo()),
-                       parameters.getCategory(), parameters.getType(),
-                       decoder.dictionary(parameters.hasPayload(), parameters.getPayload())};
-                   keepInfos(std::get<0>(arguments), std::get<1>(arguments));
-                   return arguments;
-                 });
+  return performForMessage(
+      "sendSingleMessage", context, &ClientSessionInterface::sendMessageWithSessionInfo,
+      [this](auto parameters, ValueDecoder& decoder) {
+        std::tuple arguments{decoder.dictionary(parameters.getSessionInfo()),
+                             decoder.dictionary(parameters.hasUserInfo(), parameters.getUserInfo()),
+                             parameters.getCategory(), parameters.getType(),
+                             decoder.dictionary(parameters.hasPayload(), parameters.getPayload())};
+        keepInfos(std::get<0>(arguments), std::get<1>(arguments));
+        return arguments;
+      });
 }
 
 }  // namespace corvid

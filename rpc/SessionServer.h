@@ -15,6 +15,7 @@
 #include "rpc/DeliverySender.h"
 #include "rpc/Outbox.h"
 #include "rpc/PeerGuard.h"
+#include "rpc/StatesSender.h"
 
 namespace corvid {
 
@@ -24,6 +25,7 @@ class SessionServer final : public wire::ClientSession::Server {
   struct Serving {
     PeerGuard& guard;
     DeliverySender& sender;
+    StatesSender& states;
     Account& account;
     wire::SocketPort& port;
     ExtensionTokens& tokens;
@@ -55,15 +57,34 @@ class SessionServer final : public wire::ClientSession::Server {
   // Runs what the session does for the call of this name. It throws nothing.
   template <class Operation>
   void run(const char* name, Operation operation);
-  // Runs an operation with the tuple that `decode` gives and with a reply, and writes its answer.
+  // What the operation that has just run brings about for the client besides its answer.
+  void flush();
+  // Runs an operation with the tuple that `decode` gives and with a reply, and writes its answer
+  // with `write(results, ...)`.
+  template <class Context, class... Arguments, class Decode, class Write>
+  kj::Promise<void> perform(const char* name, Context context,
+                            void (ClientSessionInterface::*operation)(Arguments...), Decode decode,
+                            Write write);
+  // The same, where the answer's parts have places of their own.
   template <class Context, class... Arguments, class Decode>
   kj::Promise<void> perform(const char* name, Context context,
                             void (ClientSessionInterface::*operation)(Arguments...), Decode decode);
+  // The same, where the answer is a session's states.
+  template <class Context, class... Arguments, class Decode>
+  kj::Promise<void> performForStates(const char* name, Context context,
+                                     void (ClientSessionInterface::*operation)(Arguments...),
+                                     Decode decode);
+  // The same, where the answer is that of a message.
+  template <class Context, class... Arguments, class Decode>
+  kj::Promise<void> performForMessage(const char* name, Context context,
+                                      void (ClientSessionInterface::*operation)(Arguments...),
+                                      Decode decode);
 
   const std::shared_ptr<ClientSessionInterface> _session;
   const std::shared_ptr<Outbox> _outbox;
   PeerGuard& _guard;
   DeliverySender& _sender;
+  StatesSender& _states;
   Account& _account;
   wire::SocketPort& _port;
   ExtensionTokens& _tokens;

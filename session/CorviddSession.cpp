@@ -19,19 +19,25 @@ namespace corvid {
 
 namespace {
 
-// Whatever backends a client gets, and however often, their exchanges pass through one gate, and
-// their events are its session's.
-BackendSetCreator forSession(BackendSetCreator creator, Platform& platform, std::uint32_t user,
+// Whatever backends a client gets, and however often, their exchanges pass through one gate, their
+// events are its session's, and its connection hears of their states.
+BackendSetCreator forSession(BackendSetCreator creator, Platform& platform,
+                             const std::shared_ptr<Connection>& connection,
                              const std::shared_ptr<Ledger>& ledger, std::uint64_t session) {
-  const auto gate = std::make_shared<ExchangeGate>(platform.clock(), platform.budgets, user);
-  return [creator = std::move(creator), gate, ledger, session](
-             const Dictionary* section, const Dictionary* sessionInfo,
-             const SharedDictionary& userInfo, std::optional<std::string> udid) {
+  const auto gate =
+      std::make_shared<ExchangeGate>(platform.clock(), platform.budgets, connection->user());
+  return [creator = std::move(creator), gate, ledger, session,
+          changed =
+              [weak = std::weak_ptr(connection)] {
+                if (const auto alive = weak.lock()) alive->statesMayHaveChanged();
+              }](const Dictionary* section, const Dictionary* sessionInfo,
+                 const SharedDictionary& userInfo, std::optional<std::string> udid) {
     auto table = creator(section, sessionInfo, userInfo, std::move(udid));
     if (table)
       for (const auto& [key, backend] : *table) {
         backend->setExchangeGate(gate);
         backend->setAccount(std::make_shared<LedgerAccount>(ledger, session, key));
+        backend->setStandingObserver(changed);
       }
     return table;
   };
@@ -77,8 +83,7 @@ CorviddSession::CorviddSession(std::shared_ptr<CorviddSessionDelegate> delegate,
       _number(_sessionDelegate->nextSessionNumber()),
       _logSubject(std::make_shared<LogSubject>(_number)),
       _peer(_connection->peerProcess()),
-      _createBackends(
-          forSession(std::move(creator), _platform, _connection->user(), _ledger, _number)),
+      _createBackends(forSession(std::move(creator), _platform, _connection, _ledger, _number)),
       _user(_connection->user()),
       _meetsOtherUsers(_connection->isEntitledTo(chainsEntitlement)),
       _deviceid(uniqueDeviceID()),
@@ -146,8 +151,15 @@ std::optional<Reason> CorviddSession::silence() const {
   return backends->empty() ? std::optional(Reason::noBackendMade) : std::nullopt;
 }
 
+StatesReport CorviddSession::statesReport() const {
+  StatesReport report{.reason = silence()};
+  if (const auto backends = this->backends()) report.backends = backends->report();
+  return report;
+}
+
 void CorviddSession::becomeSilent(Reason reason) {
   _silence = sessionInfo() ? reason : Reason::noSessionInfo;
+  _connection->statesMayHaveChanged();
   // A session that has backends keeps them.
   if (const auto silence = this->silence()) _ledger->countSilence(*silence);
 }
@@ -190,6 +202,7 @@ void CorviddSession::setSessionInfo(Dictionary sessionInfo, std::optional<Dictio
   setHasAggregator(hasAggregationBlock);
   Reason before = Reason::noSessionInfo;
   _silence.compare_exchange_strong(before, Reason::notConfigured);
+  _connection->statesMayHaveChanged();
 }
 
 void CorviddSession::startConfigWithCompletionHandler(StatesReply reply) {
@@ -214,6 +227,7 @@ void CorviddSession::startConfigWithCompletionHandler(StatesReply reply) {
     }
     updateSessionWithDefaultSessionInfo();
   }
+  _connection->statesMayHaveChanged();
   if (silence()) becomeSilent(Reason::noBackendMade);
   // A second configuration replaces the backends of the first, which are cleaned up unflushed.
   if (backends) backends->each([](CorvidBackend& backend) { backend.cleanup(); });

@@ -67,8 +67,9 @@ class CorviddSession final : public ClientSessionInterface,
   void uploadLogData(Array logData, LogDataReply completion) override;
   void sendMessageWithSessionInfo(Dictionary sessionInfo, std::optional<Dictionary> userInfo,
                                   std::uint16_t category, std::uint16_t type,
-                                  std::optional<Dictionary> payload,
-                                  Reply<std::string> reply) override;
+                                  std::optional<Dictionary> payload, ResultReply reply) override;
+  void wantReasons() override { _wantsReasons = true; }
+  StatesReport statesReport() const override;
 
   // Sends one message through backends that live for it alone: no aggregation, no flush, no start
   // or end message. Any thread. Only user info and payload may be null.
@@ -137,7 +138,9 @@ class CorviddSession final : public ClientSessionInterface,
 
   // Messages.
   void internalSendMessage(const Dictionary& payload, SessionMessageType respCode);
-  std::optional<std::string> dispatch(const SessionMessage& message);
+  MessageAnswer dispatch(const SessionMessage& message);
+  // The same with what is known of why nobody took it.
+  MessageAnswer answerTo(const Ledger::Offer& offer, std::optional<std::string> text) const;
   void aggregateMessage(const SessionMessage& message, double timestamp);
   void sendToAggregator(std::optional<Dictionary> message, double timestamp, std::uint16_t category,
                         std::uint16_t type, std::optional<Dictionary> payload) const;
@@ -171,6 +174,7 @@ class CorviddSession final : public ClientSessionInterface,
 
   std::atomic<std::uint32_t> _sessionID{0};
   std::atomic<bool> _hasAggregator{false};
+  std::atomic<bool> _wantsReasons{false};
   std::atomic<Reason> _silence{Reason::noSessionInfo};  // while there are no backends
   std::atomic<std::uint64_t> _parentNumber{0};
 

@@ -45,6 +45,12 @@ std::optional<SessionMessage> messageFromDictionary(const Dictionary& message) {
                         static_cast<MessageFlag>(flag)};
 }
 
+MessageAnswer droppedFor(Reason reason) {
+  MessageAnswer answer;
+  answer.dropped = reason;
+  return answer;
+}
+
 Ledger::Event eventOf(std::uint64_t session, const SessionMessage& message) {
   return {session, message.category, message.type, static_cast<std::int32_t>(message.flag)};
 }
@@ -85,8 +91,9 @@ void CorviddSession::sendMessageWithDictionary(Dictionary message, ResultReply r
   logDebug("sendMessageWithCategory: Sending message for session {}", sessionID());
   // Without backends the message itself is not examined.
   const auto parsed = backends() ? messageFromDictionary(message) : SessionMessage{};
-  if (!parsed) _ledger->drop({.session = _number}, Reason::incompleteMessage);
-  reply(parsed ? dispatch(*parsed) : std::nullopt);
+  if (parsed) return reply(dispatch(*parsed));
+  _ledger->drop({.session = _number}, Reason::incompleteMessage);
+  reply(droppedFor(Reason::incompleteMessage));
 }
 
 void CorviddSession::finishSessionWithReply(ResultReply reply) {
@@ -100,22 +107,29 @@ void CorviddSession::internalSendMessage(const Dictionary& payload, SessionMessa
            static_cast<std::uint16_t>(respCode));
 }
 
-std::optional<std::string> CorviddSession::dispatch(const SessionMessage& message) {
+MessageAnswer CorviddSession::answerTo(const Ledger::Offer& offer,
+                                       std::optional<std::string> text) const {
+  MessageAnswer answer(std::move(text));
+  if (_wantsReasons) answer.dropped = offer.whyNobodyTookIt();
+  return answer;
+}
+
+MessageAnswer CorviddSession::dispatch(const SessionMessage& message) {
   const auto backends = this->backends();
   if (!backends) {
     const auto why = loggingReason(_silence);
     logDebug("sendMessageWithDictionary: No backends available to send message");
     _ledger->drop(eventOf(_number, message), _silence);
-    return std::nullopt;
+    return droppedFor(_silence);
   }
   const TimeValue now = _platform.clock().now();
   aggregateMessage(message, now.asDouble());
   if (backends->empty()) {
     _ledger->drop(eventOf(_number, message), Reason::noBackendMade);
-    return std::nullopt;
+    return droppedFor(Reason::noBackendMade);
   }
   const Ledger::Offer offer = _ledger->offer(eventOf(_number, message));
-  return backends->send(message, now, offer.mark());
+  return answerTo(offer, backends->send(message, now, offer.mark()));
 }
 
 void CorviddSession::aggregateMessage(const SessionMessage& message, double timestamp) {
@@ -209,7 +223,7 @@ void CorviddSession::sendMessageWithSessionInfo(Dictionary sessionInfo,
                                                 std::optional<Dictionary> userInfo,
                                                 std::uint16_t category, std::uint16_t type,
                                                 std::optional<Dictionary> payload,
-                                                Reply<std::string> reply) {
+                                                ResultReply reply) {
   const Ledger::Event event{_number, category, type};
   const auto newSessionID = integerAt(sessionInfo, kCorvidSessionInfoSessionID);
   if (!newSessionID || !integerAt(sessionInfo, kCorvidSessionInfoClientType)) {
@@ -230,19 +244,19 @@ void CorviddSession::sendMessageWithSessionInfo(Dictionary sessionInfo,
            sessionID());
 
   const auto found = _sessionDelegate->storebagForSession(*this);
-  if (!found || !found.value())
-    _ledger->drop(event, _sessionDelegate->whyNoStorebagForSession(*this));
+  MessageAnswer refusal("storebag not available");
+  if (!found || !found.value()) {
+    refusal.dropped = _sessionDelegate->whyNoStorebagForSession(*this);
+    _ledger->drop(event, *refusal.dropped);
+  }
   if (!found) return;  // nor here
   const std::optional<Dictionary>& storebag = found.value();
-  if (!storebag) {
-    reply("storebag not available");
-    return;
-  }
+  if (!storebag) return reply(std::move(refusal));
   const Ledger::Offer offer = _ledger->offer(event);
   if (!sendMessageWithSessionInfo(info.get(), user, &*storebag, category, type, pointerTo(payload),
                                   _createBackends, offer.mark()))
     offer.drop(Reason::noBackendMade);
-  reply("finished");
+  reply(answerTo(offer, "finished"));
 }
 
 bool CorviddSession::sendMessageWithSessionInfo(const Dictionary* sessionInfo,

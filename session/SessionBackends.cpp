@@ -68,6 +68,15 @@ void SessionBackends::flush(FlushCompletion completion) const {
   }
 }
 
+std::vector<StatesReport::Backend> SessionBackends::report() const {
+  std::vector<StatesReport::Backend> all;
+  for (const auto& [key, backend] : _table) {
+    const auto [state, reason] = backend->standing();
+    all.push_back({key, wordOf(state), reason});
+  }
+  return all;
+}
+
 Array SessionBackends::reportingStates() const {
   Array names;
   for (const auto& [key, backend] : _table) {

@@ -6,11 +6,13 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "backends/BackendSet.h"
 #include "base/LogFields.h"
 #include "base/TimeValue.h"
 #include "base/Value.h"
+#include "protocol/ClientSessionInterface.h"
 
 namespace corvid {
 
@@ -60,6 +62,8 @@ class SessionBackends {
   // never where there is none. On any thread, one flush of the process at a time.
   void flush(FlushCompletion completion) const;
 
+  // Each with its state and the reason for it.
+  std::vector<StatesReport::Backend> report() const;
   // The keys of those that report.
   Array reportingStates() const;
   // Level in the chain: that of the backend httpPost2, else of httpPost, else 0.

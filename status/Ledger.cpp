@@ -35,6 +35,24 @@ void Ledger::dropOffered(EventMark mark, Reason reason) {
   ++_balance.dropped[static_cast<std::size_t>(reason)];
 }
 
+std::optional<Reason> Ledger::whyNobodyTook(EventMark mark) {
+  const MutexLock lock(_mutex);
+  const Decision* const decision = at(mark.position);
+  if (decision == nullptr) return std::nullopt;
+  const EventDecision& event = std::get<EventDecision>(*decision);
+  if (event.backends == 0) {
+    const bool isDropped = event.withoutBackends != Reason::reporting;
+    return isDropped ? std::optional(event.withoutBackends) : std::nullopt;
+  }
+  Reason why = Reason::takesNoEvents;
+  for (std::size_t i = 0; i < event.backends; ++i) {
+    const Verdict& verdict = event.verdicts[i];
+    if (verdict.outcome != Outcome::dropped) return std::nullopt;
+    if (why == Reason::takesNoEvents) why = verdict.reason;
+  }
+  return why;
+}
+
 void Ledger::offered(EventMark mark) {
   const MutexLock lock(_mutex);
   Decision* const decision = at(mark.position);

@@ -65,6 +65,9 @@ class Ledger : public std::enable_shared_from_this<Ledger> {
     EventMark mark() const { return _mark; }
     // It meets no backend, for this reason.
     void drop(Reason reason) const { _ledger->dropOffered(_mark, reason); }
+    // The reason of the first backend that could have taken it; nothing where one did, or where it
+    // is no longer remembered.
+    std::optional<Reason> whyNobodyTookIt() const { return _ledger->whyNobodyTook(_mark); }
 
    private:
     const std::shared_ptr<Ledger> _ledger;
@@ -120,6 +123,7 @@ class Ledger : public std::enable_shared_from_this<Ledger> {
   explicit Ledger(Clock& clock) : _clock(clock) {}
 
   void dropOffered(EventMark mark, Reason reason) EXCLUDES(_mutex);
+  std::optional<Reason> whyNobodyTook(EventMark mark) EXCLUDES(_mutex);
   void offered(EventMark mark) EXCLUDES(_mutex);
   // The place of the next one, which is written to in place: its position is the last one then.
   Decision& makeRoom() REQUIRES(_mutex);

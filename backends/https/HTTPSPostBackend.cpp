@@ -134,8 +134,9 @@ std::optional<std::string> HTTPSPostBackend::sendMessage(const Dictionary* paylo
     if (liftsHeld(flag)) {
       // A server's answer may disable the backend at the same time and must not be overwritten.
       Standing before = standing();
-      if (before.state == BackendState::held)
-        _standing.compare_exchange_strong(before, {BackendState::sending, Reason::reporting});
+      if (before.state == BackendState::held &&
+          _standing.compare_exchange_strong(before, {BackendState::sending, Reason::reporting}))
+        standingChanged();
     }
     logDebug("HTTPSPostBackend(sendMessage): realtime is {}", static_cast<int>(realtime));
     const BackendState now = state();

@@ -158,7 +158,7 @@ class Scenario : RandomInputs {
     Dictionary info = oneIn(10) ? Dictionary() : sessionInfo();
     const std::int32_t type = int32At(info, kCorvidSessionInfoClientType);
     _hasSentSingles = true;
-    RecordedReply<std::string> reply;
+    RecordedReply<MessageAnswer> reply;
     sessionOf(client).sendMessageWithSessionInfo(std::move(info), userInfo(), 4, 2, payload(),
                                                  reply.reply());
     const bool wasOffered = reply.answers() == 1 && reply.result() == "finished";

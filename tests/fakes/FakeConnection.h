@@ -1,6 +1,7 @@
 // A connection without a wire: the test plays the client.
 #pragma once
 
+#include <atomic>
 #include <mutex>
 #include <vector>
 
@@ -31,6 +32,7 @@ class FakeConnection final : public Connection {
   std::shared_ptr<ClientSessionReplyInterface> remoteObjectProxyWithErrorHandler(
       std::function<void(const std::string&)> onError) override;
   void perform(std::function<void()> task) override { task(); }
+  void statesMayHaveChanged() override { ++statesNotices; }
   void invalidate(std::string_view reason) override;
 
   // The client goes away: runs the invalidation handler and drops object and handlers.
@@ -46,6 +48,7 @@ class FakeConnection final : public Connection {
   std::function<void()> onResume;
   // Runs at each delivery, on the thread that makes it.
   std::function<void()> onDelivery;
+  std::atomic<int> statesNotices{0};
   // When set, the next calls to the client fail with this text.
   std::optional<std::string> deliveryError;
 

@@ -114,14 +114,23 @@ class RecordingSession : public ClientSessionInterface {
   }
   void sendMessageWithSessionInfo(Dictionary sessionInfo, std::optional<Dictionary> userInfo,
                                   std::uint16_t category, std::uint16_t type,
-                                  std::optional<Dictionary> payload,
-                                  Reply<std::string> reply) override {
+                                  std::optional<Dictionary> payload, ResultReply reply) override {
     Call call{"sendSingleMessage"};
     call.dictionary = std::move(sessionInfo), call.userInfo = std::move(userInfo);
     call.category = category, call.type = type, call.payload = std::move(payload);
     const bool complete = call.dictionary.contains("ClientType");
     record(std::move(call));
     if (complete) reply("finished");
+  }
+
+  void wantReasons() override { reasonsWanted = true; }
+  StatesReport statesReport() const override {
+    StatesReport copy;
+    _notice.change([&] { copy = _report; });
+    return copy;
+  }
+  void report(StatesReport report) {
+    _notice.change([&] { _report = std::move(report); });
   }
 
   std::vector<Call> calls() {
@@ -136,6 +145,7 @@ class RecordingSession : public ClientSessionInterface {
   // Set before the first call.
   std::shared_ptr<const LogSubject> subject;
   std::optional<Array> states;
+  std::atomic<bool> reasonsWanted{false};
   bool uploadSucceeds = true;
   std::function<void(const std::string& extensionToken)> onUpload;
   std::function<void()> onSetSessionInfo;
@@ -155,8 +165,9 @@ class RecordingSession : public ClientSessionInterface {
       reply("sent " + std::to_string(category));
   }
 
-  Notice _notice;
+  mutable Notice _notice;
   std::vector<Call> _calls;
+  StatesReport _report{.reason = Reason::notConfigured};
 };
 
 // Accepts everybody and gives each connection a session.

@@ -128,6 +128,7 @@ inline std::string sendEvent(WireClient& client, std::uint16_t category, std::ui
     case wire::TextResult::UNANSWERED: return "unanswered";
     case wire::TextResult::NONE: return "none";
     case wire::TextResult::TEXT: return result.getText();
+    case wire::TextResult::DROPPED: return result.getDropped().getReason();
   }
   return "unknown";
 }

@@ -14,10 +14,10 @@ class CorviddSessionSingleMessageTest : public SessionTest {
  protected:
   void SetUp() override { forgetWhatHappened(); }
 
-  RecordedReply<std::string> sendSingle(Dictionary info,
-                                        std::optional<Dictionary> userInfo = std::nullopt,
-                                        std::optional<Dictionary> payload = std::nullopt) {
-    RecordedReply<std::string> recorded;
+  RecordedReply<MessageAnswer> sendSingle(Dictionary info,
+                                          std::optional<Dictionary> userInfo = std::nullopt,
+                                          std::optional<Dictionary> payload = std::nullopt) {
+    RecordedReply<MessageAnswer> recorded;
     session->sendMessageWithSessionInfo(std::move(info), std::move(userInfo), 1, 2,
                                         std::move(payload), recorded.reply());
     return recorded;
@@ -248,7 +248,7 @@ TEST_F(CorviddSessionSingleMessageTest, WithoutSessionInfoOrStorebagNothingIsMad
 
 TEST_F(CorviddSessionSingleMessageTest, AStorebagThatCannotBeUsedLeavesTheReplyUnanswered) {
   agent->storebagFailure = Failure{"no version"};
-  RecordedReply<std::string> recorded;
+  RecordedReply<MessageAnswer> recorded;
   session->sendMessageWithSessionInfo(identifiers, std::nullopt, 1, 2, std::nullopt,
                                       recorded.reply());
   EXPECT_TRUE(recorded.unanswered());

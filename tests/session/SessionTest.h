@@ -22,7 +22,7 @@
 namespace corvid {
 
 using RecordedStates = RecordedReply<std::optional<Array>>;
-using RecordedResult = RecordedReply<std::optional<std::string>>;
+using RecordedResult = RecordedReply<MessageAnswer>;
 using RecordedFlush = RecordedReply<std::optional<std::string>, std::optional<CorvidError>>;
 
 // Backends named by `add` make up the table of the next configuration and of single messages.

@@ -39,6 +39,30 @@ class LedgerTest : public testing::Test {
   std::shared_ptr<LedgerAccount> account = accountOf(1);
 };
 
+TEST_F(LedgerTest, TellsWhyNobodyTookAnEventWhereNobodyDid) {
+  const auto other = accountOf(1, "dashboard");
+  {
+    const Ledger::Offer taken = ledger->offer({.session = 1});
+    EXPECT_EQ(taken.whyNobodyTookIt(), std::nullopt) << "nobody was asked yet";
+    account->drop(taken.mark(), Reason::noConsent);
+    EXPECT_EQ(taken.whyNobodyTookIt(), Reason::noConsent);
+    other->hold(taken.mark(), Reason::reporting, {}, nullptr);
+    EXPECT_EQ(taken.whyNobodyTookIt(), std::nullopt);
+  }
+  {
+    const Ledger::Offer refused = ledger->offer({.session = 1});
+    other->drop(refused.mark(), Reason::takesNoEvents);
+    EXPECT_EQ(refused.whyNobodyTookIt(), Reason::takesNoEvents);
+    account->drop(refused.mark(), Reason::sampledOut);
+    EXPECT_EQ(refused.whyNobodyTookIt(), Reason::sampledOut) << "the one that takes events";
+  }
+  const Ledger::Offer toNobody = ledger->offer({.session = 1});
+  toNobody.drop(Reason::noBackendMade);
+  EXPECT_EQ(toNobody.whyNobodyTookIt(), Reason::noBackendMade);
+  for (std::size_t i = 0; i < Ledger::remembered; ++i) ledger->drop({}, Reason::notConfigured);
+  EXPECT_EQ(toNobody.whyNobodyTookIt(), std::nullopt) << "remembered no more";
+}
+
 TEST_F(LedgerTest, AnEventCountsOnceForEachBackendThatItWasOfferedTo) {
   const auto other = accountOf(1, "dashboard");
   {

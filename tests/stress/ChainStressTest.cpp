@@ -74,6 +74,7 @@ class WatchedConnection final : public Connection {
       std::function<void(const std::string&)> onError) override {
     return _connection->remoteObjectProxyWithErrorHandler(std::move(onError));
   }
+  void statesMayHaveChanged() override { _connection->statesMayHaveChanged(); }
   void perform(std::function<void()> task) override { _connection->perform(std::move(task)); }
   void invalidate(std::string_view reason) override { _connection->invalidate(reason); }
 
