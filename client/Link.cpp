@@ -1,21 +1,16 @@
 #include "client/Link.h"
 
-#include <capnp/rpc-twoparty.h>
-#include <kj/async.h>
-
+#include <algorithm>
 #include <cstddef>
 #include <exception>
-#include <list>
 #include <optional>
 #include <utility>
 
 #include "base/Thread.h"
-#include "client/Call.h"
+#include "client/DaemonLink.h"
 #include "client/Opaque.h"
-#include "client/Session.h"
+#include "client/TestSink.h"
 #include "protocol/Limits.h"
-#include "protocol/wire/MessageSocket.h"
-#include "protocol/wire/SocketPort.h"
 
 namespace corvid::library {
 
@@ -25,175 +20,217 @@ constexpr std::size_t mostBatchesUnderWay = 4;
 constexpr std::size_t mostCallsUnderWay = 32;
 static_assert(mostCallsUnderWay < limits::callsInFlight);
 
-int errorOf(const kj::Exception& exception) {
-  switch (exception.getType()) {
-    case kj::Exception::Type::DISCONNECTED: return CORVID_ERROR_CONNECTION_LOST;
-    case kj::Exception::Type::UNIMPLEMENTED: return CORVID_ERROR_NOT_SUPPORTED;
-    default: return CORVID_ERROR_BAD_REPLY;
-  }
-}
-
 const corvid_dictionary_t* orNone(const std::optional<Dictionary>& dictionary) {
   return dictionary ? outside(&*dictionary) : nullptr;
 }
 
-// What the daemon may ask of the client.
-class Replies final : public wire::ClientSessionReply::Server {
- public:
-  explicit Replies(const Session& session) : _session(session) {}
+std::size_t bytesOf(const std::optional<Dictionary>& dictionary) {
+  return dictionary ? footprint(*dictionary) : 0;
+}
 
-  kj::Promise<void> sendMessagesToClient(SendMessagesToClientContext context) override {
-    for (const wire::Delivery::Reader delivery : context.getParams().getDeliveries())
-      received(delivery);
-    return kj::READY_NOW;
+std::size_t bytesOf(const Answer& answer) {
+  constexpr std::size_t states = 1024;  // and the like, which are all small
+  return sizeof answer + (answer.text ? answer.text->size() : 0) +
+         (answer.reporting || answer.states ? states : 0);
+}
+
+}  // namespace
+
+template <class Handler, class Call>
+void Link::tellHost(Handler handler, Call call, std::size_t bytes) {
+  if (handler == nullptr || _session.isStopping()) return;
+  _session.callbacks().run(std::move(call), bytes);
+}
+
+void Link::run(const Wishes& wishes, bool isFirst) {
+  _isFirst = isFirst;
+  std::vector<SharedCall> told = wishes.calls();
+  _wishesLeft = told.size();
+  if (told.empty()) tellConnected();
+  for (SharedCall& call : told) start({{std::move(call)}}, true);
+  while (!_isLost && !_session.isStopping()) {
+    const bool isBusy = _session.hostIsBusy();
+    if (!isBusy) sendWhatWaits();
+    if (_isLost) return;
+    turn(expire(), isBusy);
   }
+}
 
- private:
-  void received(wire::Delivery::Reader delivery) {
-    const corvid_options_t& host = _session.handlers();
-    if (host.message == nullptr || _session.isStopping()) return;
-    std::optional<Dictionary> message;
-    std::optional<Dictionary> payload;
-    try {
-      message = wire::ValueDecoder().dictionary(delivery.hasMessage(), delivery.getMessage());
-      payload = wire::ValueDecoder().dictionary(delivery.hasPayload(), delivery.getPayload());
-    } catch (const std::exception&) {
-      return;  // not something that this library knows; the next one may be
-    }
-    host.message(host.context, orNone(message), delivery.getTimestamp(), delivery.getCategory(),
-                 delivery.getType(), orNone(payload));
+void Link::tellConnected() {
+  const corvid_options_t& host = _session.handlers();
+  tellHost(host.connected, [&host] { host.connected(host.context); });
+  if (_isFirst) return;
+  tellHost(host.reconnected, [&host] { host.reconnected(host.context); });
+}
+
+void Link::sendWhatWaits() {
+  while (_underWay.size() < mostCallsUnderWay && takesMore() && !_isLost) {
+    auto parcel = _session.next(_batchesUnderWay < mostBatchesUnderWay);
+    if (!parcel) break;
+    start(*std::move(parcel), false);
   }
+  if (_underWay.empty()) _session.nothingUnderWay();
+}
 
-  const Session& _session;
-};
+std::uint32_t Link::freeQuestion() const {
+  // The first is the connection's own.
+  for (std::uint32_t question = 1;; ++question)
+    if (parcelOf(question) == nullptr) return question;
+}
 
-// One connection to the daemon.
-class Link final : private kj::TaskSet::ErrorHandler {
- public:
-  // Both are borrowed.
-  Link(Session& session, wire::SocketPort& port)
-      : _session(session),
-        _port(port),
-        _stream(port),
-        _network(_stream, limits::descriptorsPerMessage, capnp::rpc::twoparty::Side::CLIENT),
-        _rpc(capnp::makeRpcServer(_network, kj::heap<Replies>(session))),
-        _daemon(nullptr),
-        _tasks(*this) {
-    capnp::MallocMessageBuilder message(4);
-    auto daemon = message.initRoot<capnp::rpc::twoparty::VatId>();
-    daemon.setSide(capnp::rpc::twoparty::Side::SERVER);
-    _daemon = _rpc.bootstrap(daemon).castAs<wire::ClientSession>();
-  }
-
-  // Sends `replay` before anything else; the host hears when the daemon has taken it.
-  void tell(const Replay& replay) {
-    _tasks.add(replay.send(_daemon).then([this] {
-      const corvid_options_t& host = _session.handlers();
-      if (!_session.isStopping() && host.reconnected != nullptr) host.reconnected(host.context);
-    }));
-  }
-
-  // Until the connection is lost or the session stops.
-  void run(kj::WaitScope& scope) {
-    auto end = kj::newPromiseAndFulfiller<void>();
-    _end = kj::mv(end.fulfiller);
-    auto woken = whenWoken().eagerlyEvaluate(nullptr);
-    sendWhatWaits();
-    _network.onDisconnect().exclusiveJoin(kj::mv(end.promise)).wait(scope);
-  }
-
-  // The calls that have not ended, in order.
-  std::list<std::unique_ptr<RemoteCall>> takeUnfinished() { return std::move(_underWay); }
-
- private:
-  using UnderWay = std::list<std::unique_ptr<RemoteCall>>;
-
-  void taskFailed(kj::Exception&&) override {}
-
-  kj::Promise<void> whenWoken() {
-    return _port.whenWoken().then([this] {
-      if (_session.isStopping())
-        _end->fulfill();
-      else
-        sendWhatWaits();
-      return whenWoken();
-    });
-  }
-
-  void sendWhatWaits() {
-    while (_underWay.size() < mostCallsUnderWay) {
-      auto call = _session.next(_batchesUnderWay < mostBatchesUnderWay);
-      if (!call) break;
-      const bool isBatch = call->isEvent();
-      start(std::move(call), isBatch);
-    }
-    if (_underWay.empty()) _session.nothingUnderWay();
-  }
-
-  void start(std::unique_ptr<RemoteCall> call, bool isBatch) {
-    const auto place = _underWay.insert(_underWay.end(), std::move(call));
-    if (isBatch) ++_batchesUnderWay;
-    _tasks.add(kj::evalNow([&] { return (*place)->perform(_daemon); })
-                   .then([this, place, isBatch] { ended(place, isBatch); },
-                         [this, place, isBatch](kj::Exception&& exception) {
-                           (*place)->fail(errorOf(exception));
-                           ended(place, isBatch);
-                         }));
-  }
-
-  void ended(UnderWay::iterator call, bool isBatch) {
-    _underWay.erase(call);
-    if (isBatch) --_batchesUnderWay;
-    sendWhatWaits();
-  }
-
-  Session& _session;
-  wire::SocketPort& _port;
-  wire::MessageSocket _stream;
-  capnp::TwoPartyVatNetwork _network;
-  capnp::RpcSystem<capnp::rpc::twoparty::VatId> _rpc;
-  Daemon _daemon;
-  UnderWay _underWay;
-  std::size_t _batchesUnderWay = 0;
-  kj::Own<kj::PromiseFulfiller<void>> _end;
-  kj::TaskSet _tasks;
-};
-
-void serveConnection(Session& session, Descriptor socket) {
-  std::list<std::unique_ptr<RemoteCall>> underWay;
+void Link::start(Parcel parcel, bool isWish) {
+  const std::uint32_t question = freeQuestion();
+  if (parcel.isBatch()) ++_batchesUnderWay;
+  _underWay.push_back({question, std::move(parcel), isWish});
   try {
-    wire::SocketPort port(socket.get());
-    kj::EventLoop loop(port);
-    kj::WaitScope scope(loop);
-    Link link(session, port);
-    const std::optional<Replay> replay = session.attach(port);
-    KJ_DEFER(session.detach());
-    if (replay) link.tell(*replay);
-    link.run(scope);
-    underWay = link.takeUnfinished();
-  } catch (const std::exception&) {
-    // No descriptor for the event loop: the connection ends as if it were lost.
+    send(question, _underWay.back().parcel);
+  } catch (const std::bad_alloc&) {
+    fail(question, CORVID_ERROR_NO_MEMORY);
   }
-  socket.reset();
+}
 
+Link::Place Link::find(std::uint32_t question) {
+  return std::ranges::find(_underWay, question, &UnderWay::question);
+}
+
+const Parcel* Link::parcelOf(std::uint32_t question) const {
+  const auto place = std::ranges::find(_underWay, question, &UnderWay::question);
+  return place != _underWay.end() ? &place->parcel : nullptr;
+}
+
+void Link::endCall(const SharedCall& call, Answer answer) {
+  if (std::exchange(call->hasEnded, true) || !call->completion.isHeard()) return;
+  const std::size_t bytes = bytesOf(answer);
+  _session.callbacks().run([call, answer = std::move(answer)] { call->completion.answer(answer); },
+                           bytes);
+}
+
+void Link::failCall(const SharedCall& call, int error) {
+  if (std::exchange(call->hasEnded, true) || !call->completion.isHeard()) return;
+  _session.callbacks().run([call, error] { call->completion.fail(error); });
+}
+
+Link::UnderWay Link::take(Place place) {
+  UnderWay underWay = std::move(*place);
+  _underWay.erase(place);
+  if (underWay.parcel.isBatch()) --_batchesUnderWay;
+  return underWay;
+}
+
+void Link::answer(std::uint32_t question, std::vector<Answer> answers) {
+  const Place place = find(question);
+  if (place == _underWay.end()) return;
+  const UnderWay ended = take(place);
+  const std::vector<SharedCall>& calls = ended.parcel.calls;
+  for (std::size_t i = 0; i < calls.size(); ++i) {
+    if (i < answers.size())
+      endCall(calls[i], std::move(answers[i]));
+    else
+      failCall(calls[i], CORVID_ERROR_BAD_REPLY);
+  }
+  if (ended.isWish) wishTaken();
+}
+
+// Of a wish that failed the host hears nothing.
+void Link::wishTaken() {
+  if (--_wishesLeft == 0) tellConnected();
+}
+
+void Link::withhold(const SharedCall& call) { _withheld.push_back(call); }
+
+void Link::done(std::uint32_t question) {
+  if (take(find(question)).isWish) wishTaken();
+}
+
+void Link::fail(std::uint32_t question, int error) {
+  const Place place = find(question);
+  if (place == _underWay.end()) return;
+  const UnderWay ended = take(place);
+  for (const SharedCall& call : ended.parcel.calls) failCall(call, error);
+}
+
+void Link::failAll(int error) {
+  for (const UnderWay& underWay : std::exchange(_underWay, {}))
+    for (const SharedCall& call : underWay.parcel.calls) failCall(call, error);
+  for (const SharedCall& call : std::exchange(_withheld, {})) failCall(call, error);
+}
+
+Session::Time Link::expire() {
+  if (!_session.hasAnswerDeadline()) return Session::Time::max();
+  const Session::Time now = std::chrono::steady_clock::now();
+  std::vector<SharedCall> expired;
+  Session::Time next = Session::Time::max();
+  const auto look = [&](const SharedCall& call) {
+    if (call->hasEnded) return;
+    if (call->expires <= now)
+      expired.push_back(call);
+    else
+      next = std::min(next, call->expires);
+  };
+  for (const UnderWay& underWay : _underWay) std::ranges::for_each(underWay.parcel.calls, look);
+  std::erase_if(_withheld, [](const SharedCall& call) { return call->hasEnded; });
+  std::ranges::for_each(_withheld, look);
+  next = std::min(next, _session.addExpired(now, expired));
+  for (const SharedCall& call : expired) failCall(call, CORVID_ERROR_TIMED_OUT);
+  return next;
+}
+
+void Link::deliver(Delivery delivery) {
+  const corvid_options_t& host = _session.handlers();
+  const std::size_t bytes = sizeof delivery + bytesOf(delivery.message) + bytesOf(delivery.payload);
+  tellHost(
+      host.message,
+      [&host, delivery = std::move(delivery)] {
+        host.message(host.context, orNone(delivery.message), delivery.timestamp, delivery.category,
+                     delivery.type, orNone(delivery.payload));
+      },
+      bytes);
+}
+
+void Link::tellStates(States states) {
+  const corvid_options_t& host = _session.handlers();
+  constexpr std::size_t bytes = 1024;
+  tellHost(
+      host.states_changed,
+      [&host, states = std::move(states)] { host.states_changed(host.context, &states); }, bytes);
+}
+
+namespace {
+
+std::unique_ptr<Link> linkFor(Session& session, Descriptor socket) {
+  if (session.sink()) return session.sink()->link(session);
+  return std::make_unique<DaemonLink>(session, std::move(socket));
+}
+
+void serveConnection(Session& session, Session::Connection connection) {
+  std::unique_ptr<Link> link = linkFor(session, std::move(connection.socket));
+  link->run(connection.wishes, connection.isFirst);
   const auto waiting = session.leave();
   const bool stopping = session.isStopping();
   const int error = stopping ? CORVID_ERROR_CLOSED : CORVID_ERROR_CONNECTION_LOST;
-  for (const auto& call : underWay) call->fail(error);
-  for (const auto& call : waiting) call->fail(error);
+  link->failAll(error);
+  link = nullptr;
+  for (const SharedCall& call : waiting) {
+    if (call->hasEnded || !call->completion.isHeard()) continue;
+    session.callbacks().run([call, error] { call->completion.fail(error); });
+  }
   const corvid_options_t& host = session.handlers();
-  if (!stopping && host.invalidated != nullptr) host.invalidated(host.context);
+  if (!stopping && host.invalidated != nullptr)
+    session.callbacks().run([&host] { host.invalidated(host.context); });
 }
 
 }  // namespace
 
 std::thread serve(std::shared_ptr<Session> session) {
   return startThread("libcorvid", [session = std::move(session)] {
-    const wire::QuietLibrary quiet;
-    while (auto socket = session->awaitSocket()) serveConnection(*session, std::move(*socket));
-    for (const auto& call : session->leave()) call->fail(CORVID_ERROR_CLOSED);
+    while (auto connection = session->awaitConnection())
+      serveConnection(*session, *std::move(connection));
+    for (const SharedCall& call : session->leave())
+      session->callbacks().run([call] { call->completion.fail(CORVID_ERROR_CLOSED); });
     const corvid_options_t& host = session->handlers();
-    if (host.released != nullptr) host.released(host.context);
+    if (host.released != nullptr)
+      session->callbacks().run([&host] { host.released(host.context); });
+    session->callbacks().end();
   });
 }
 

@@ -10,12 +10,20 @@
 #include <utility>
 
 #include "base/UnixAddress.h"
+#include "client/TestSink.h"
+#include "protocol/Limits.h"
 
 namespace corvid::library {
 
 namespace {
 
 using std::chrono::steady_clock;
+
+// What travels in one call: enough that its cost no longer counts, little enough that the daemon's
+// answers keep coming.
+constexpr std::size_t mostEvents = 64;
+constexpr std::size_t mostWords = (std::size_t{256} << 10) / wire::Extent::wordBytes;
+static_assert(mostEvents <= limits::messagesPerCall);
 
 // Whether whoever serves the socket may: root, as whom a service manager listens, the owner of the
 // socket's file, or the daemon's own user.
@@ -53,33 +61,38 @@ int connectTo(const std::string& path, steady_clock::time_point deadline, Descri
 
 }  // namespace
 
-Session::Session(Options options) : _options(std::move(options)), _process(getpid()) {}
+Session::Session(Options options)
+    : _options(std::move(options)), _process(getpid()), _callbacks(_options.dispatches) {}
 
 bool Session::isInItsProcess() const { return getpid() == _process; }
 
 bool Session::await(Deadline deadline) {
-  if (std::this_thread::get_id() == _servingThread) return false;
+  if (_callbacks.runHere()) return false;
   return _changed.wait_until(_mutex, deadline) == std::cv_status::no_timeout ||
          steady_clock::now() < deadline;
 }
 
-int Session::awaitConnection(Deadline deadline) {
+int Session::connectWithin(Deadline deadline, Descriptor& socket) const {
+  if (!_options.sink) return connectTo(_options.socketPath, deadline, socket);
+  return _options.sink->isReachable() ? CORVID_OK : CORVID_ERROR_NOT_CONNECTED;
+}
+
+int Session::awaitConnected(Deadline deadline) {
   while (_state == State::connecting)
     if (!await(deadline)) return CORVID_ERROR_NOT_CONNECTED;
   if (_closing) return CORVID_ERROR_CLOSED;
   if (_state == State::connected) return CORVID_OK;
 
   _state = State::connecting;
-  // The serving thread does not wait.
-  if (std::this_thread::get_id() == _servingThread) deadline = {};
+  if (_callbacks.runHere()) deadline = {};  // a callback does not wait
   _mutex.unlock();
   Descriptor socket;
-  const int result = connectTo(_options.socketPath, deadline, socket);
+  const int result = connectWithin(deadline, socket);
   _mutex.lock();
   _state = result == CORVID_OK ? State::connected : State::apart;
   if (result == CORVID_OK) {
-    _newSocket = std::move(socket);
-    _replay = _toldLast;
+    const bool isFirst = !std::exchange(_wasConnected, true);
+    _new = Connection{std::move(socket), _wishes, isFirst};
   }
   _changed.notify_all();
   return _closing ? CORVID_ERROR_CLOSED : result;
@@ -88,86 +101,83 @@ int Session::awaitConnection(Deadline deadline) {
 int Session::connect() {
   const Deadline until = deadline();
   const MutexLock lock(_mutex);
-  return awaitConnection(until);
+  return awaitConnected(until);
 }
 
 bool Session::hasRoomFor(const Call& call) const {
   if (_queue.empty()) return true;
-  return _queue.size() < mostQueuedCalls && _queuedBytes + call.extent().bytes() <= mostQueuedBytes;
+  return _queue.size() < mostQueuedCalls && _queuedBytes + call.extent.bytes() <= mostQueuedBytes;
 }
 
-int Session::submit(std::unique_ptr<Call> call) {
+int Session::submit(SharedCall call) {
   const Deadline until = deadline();
   const MutexLock lock(_mutex);
   for (;;) {
-    if (const int result = awaitConnection(until); result != CORVID_OK) return result;
+    if (const int result = awaitConnected(until); result != CORVID_OK) {
+      if (result == CORVID_ERROR_NOT_CONNECTED) _wishes.note(call->request);
+      return result;
+    }
     if (hasRoomFor(*call)) break;
     if (!await(until)) return CORVID_ERROR_QUEUE_FULL;
   }
-  call->remember(_toldLast);
-  _queuedBytes += call->extent().bytes();
+  _wishes.note(call->request);
+  _queuedBytes += call->extent.bytes();
+  if (_options.answerDeadline && call->completion.isHeard())
+    call->expires = steady_clock::now() + *_options.answerDeadline;
   _queue.push_back(std::move(call));
-  if (std::exchange(_linkWaits, false)) wakeLink();
+  if (std::exchange(_linkWaits, false)) _news.wake();
   return CORVID_OK;
 }
 
-void Session::wakeLink() {
-  if (_port != nullptr) _port->wake();
+void Session::dispatch() {
+  _callbacks.dispatch([this] { _news.wake(); });
 }
 
 void Session::close() {
   const Deadline until = deadline();
   const MutexLock lock(_mutex);
   _closing = true;
+  _news.wake();  // nobody takes callbacks any more: they need no longer be waited for
   while (_state == State::connecting ||
          (_state == State::connected && (_callsUnderWay || !_queue.empty())))
     if (!await(until)) break;
   _stopping = true;
-  wakeLink();
+  _news.wake();
   _changed.notify_all();
 }
 
-std::optional<Descriptor> Session::awaitSocket() {
+std::optional<Session::Connection> Session::awaitConnection() {
   const MutexLock lock(_mutex);
-  _servingThread = std::this_thread::get_id();
-  while (!_newSocket && !_stopping) _changed.wait(_mutex);
+  while (!_new && !_stopping) _changed.wait(_mutex);
   if (_stopping) return std::nullopt;
-  return std::move(_newSocket);
-}
-
-std::optional<Replay> Session::attach(const wire::SocketPort& port) {
-  const MutexLock lock(_mutex);
-  _port = &port;
-  if (_stopping) port.wake();
   _callsUnderWay = true;
-  if (!std::exchange(_wasConnected, true)) return std::nullopt;
-  return std::move(_replay);
+  return std::exchange(_new, std::nullopt);
 }
 
-void Session::detach() {
-  const MutexLock lock(_mutex);
-  _port = nullptr;
-}
-
-std::unique_ptr<Call> Session::takeFirst() {
-  std::unique_ptr<Call> first = std::move(_queue.front());
+SharedCall Session::takeFirst() {
+  SharedCall first = std::move(_queue.front());
   _queue.pop_front();
-  _queuedBytes -= first->extent().bytes();
+  _queuedBytes -= first->extent.bytes();
   return first;
 }
 
-std::unique_ptr<RemoteCall> Session::next(bool eventsToo) {
+std::optional<Parcel> Session::next(bool eventsToo) {
   const MutexLock lock(_mutex);
   _linkWaits = _queue.empty();
-  if (_queue.empty() || (_queue.front()->isEvent() && !eventsToo)) return nullptr;
+  if (_queue.empty() || (_queue.front()->request.isEvent() && !eventsToo)) return std::nullopt;
   _callsUnderWay = true;
   _changed.notify_all();
-  if (!_queue.front()->isEvent())
-    return std::unique_ptr<RemoteCall>(static_cast<RemoteCall*>(takeFirst().release()));
-  auto batch = std::make_unique<EventBatch>();
-  while (!_queue.empty() && _queue.front()->isEvent() && batch->hasRoomFor(*_queue.front()))
-    batch->add(std::unique_ptr<Event>(static_cast<Event*>(takeFirst().release())));
-  return batch;
+  Parcel parcel{{takeFirst()}};
+  if (!parcel.isBatch()) return parcel;
+  wire::Extent together = parcel.calls.front()->extent;
+  while (!_queue.empty() && _queue.front()->request.isEvent() && parcel.calls.size() < mostEvents) {
+    const wire::Extent& extent = _queue.front()->extent;
+    together.words += extent.words;
+    together.values += extent.values;
+    if (together.words > mostWords || together.values > limits::valuesPerMessage) break;
+    parcel.calls.push_back(takeFirst());
+  }
+  return parcel;
 }
 
 void Session::nothingUnderWay() {
@@ -181,9 +191,25 @@ bool Session::isStopping() const {
   return _stopping;
 }
 
-std::deque<std::unique_ptr<Call>> Session::leave() {
+bool Session::hostIsBusy() const {
+  if (!_callbacks.wait() || !_callbacks.isFull()) return false;
   const MutexLock lock(_mutex);
-  if (_state == State::connected && !_newSocket) _state = State::apart;
+  return !_closing;
+}
+
+Session::Time Session::addExpired(Time now, std::vector<SharedCall>& expired) const {
+  const MutexLock lock(_mutex);
+  for (const SharedCall& call : _queue) {
+    if (call->hasEnded || call->expires == Time::max()) continue;
+    if (call->expires > now) return call->expires;  // those behind it came later
+    expired.push_back(call);
+  }
+  return Time::max();
+}
+
+std::deque<SharedCall> Session::leave() {
+  const MutexLock lock(_mutex);
+  if (_state == State::connected && !_new) _state = State::apart;
   _queuedBytes = 0;
   _linkWaits = false;
   _callsUnderWay = false;

@@ -1,5 +1,8 @@
 // The functions of a session for C.
+#include <algorithm>
+#include <cstddef>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -13,6 +16,7 @@
 #include "client/Link.h"
 #include "client/Opaque.h"
 #include "client/Session.h"
+#include "client/TestSink.h"
 #include "client/UploadedFile.h"
 #include "protocol/Keys.h"
 #include "protocol/Limits.h"
@@ -26,17 +30,13 @@ namespace {
 
 using corvid::Array;
 using corvid::Dictionary;
+using corvid::library::Call;
 using corvid::library::Completion;
-using corvid::library::Daemon;
-using corvid::library::Event;
 using corvid::library::guarded;
 using corvid::library::inside;
-using corvid::library::Replay;
+using corvid::library::Request;
 using corvid::library::Session;
-using corvid::library::SessionInfo;
-using corvid::library::SingleCall;
 using corvid::library::UploadedFile;
-using corvid::wire::encode;
 using corvid::wire::Extent;
 using corvid::wire::Fitness;
 
@@ -69,28 +69,14 @@ std::optional<Dictionary> copyOf(const corvid_dictionary_t* dictionary) {
   return inside(dictionary);
 }
 
-struct Nothing {
-  template <class Target>
-  void operator()(Target&) const {}
-};
-
-// Hands the call that `make` gives to the session, where what it carries may travel.
+// Hands the call of the request that `make` gives to the session, where what it carries may travel.
 template <class Make>
-int submit(corvid_session_t* session, const Extent& extent, Make make) {
+int submit(corvid_session_t* session, const Extent& extent, Completion completion, Make make) {
   if (session == nullptr) return CORVID_ERROR_INVALID_ARGUMENT;
   if (!session->session->isInItsProcess()) return CORVID_ERROR_FORKED;
   if (const int fitness = fitnessOf(extent); fitness != CORVID_OK) return fitness;
-  return guarded([&] { return session->session->submit(make()); });
-}
-
-// The same with a call of `request`, an operation of the daemon: see SingleCall.
-template <class Callback, class Request, class Fill = Nothing, class Note = Nothing>
-int submit(corvid_session_t* session, const Extent& extent, Completion<Callback> completion,
-           Request request, Fill fill = {}, Note note = {}) {
-  return submit(session, extent, [&] {
-    return std::make_unique<SingleCall<Callback, Request, Fill, Note>>(
-        extent, completion, request, std::move(fill), std::move(note));
-  });
+  return guarded(
+      [&] { return session->session->submit(std::make_shared<Call>(make(), completion, extent)); });
 }
 
 std::string socketPath(const char* root) {
@@ -121,21 +107,32 @@ const char* corvid_error_text(int code) {
     case CORVID_ERROR_FORKED: return "session of the parent process";
     case CORVID_ERROR_NO_MEMORY: return "out of memory";
     case CORVID_ERROR_SYSTEM: return "out of threads or descriptors";
+    case CORVID_ERROR_TIMED_OUT: return "not answered in time";
     default: return "unknown error";
   }
 }
 
 int corvid_session_create(const corvid_options_t* options, corvid_session_t** session) {
+  // As in the first version.
+  constexpr std::size_t leastSize = offsetof(corvid_options_t, connected);
   if (session == nullptr) return CORVID_ERROR_INVALID_ARGUMENT;
-  if (options != nullptr && options->size != sizeof *options) return CORVID_ERROR_INVALID_ARGUMENT;
+  corvid_options_t host = CORVID_OPTIONS_INIT;
+  if (options != nullptr) {
+    if (options->size < leastSize || options->size > sizeof host)
+      return CORVID_ERROR_INVALID_ARGUMENT;
+    std::memcpy(&host, options, options->size);
+  }
   return guarded([&] {
     Session::Options chosen;
-    if (options != nullptr) {
-      chosen.deadline = std::chrono::milliseconds(options->deadline_ms);
-      chosen.handlers = *options;
-    }
-    chosen.socketPath = socketPath(options ? options->root : nullptr);
-    chosen.handlers.root = nullptr;
+    chosen.deadline = std::chrono::milliseconds(host.deadline_ms);
+    if (host.answer_deadline_ms > 0)
+      chosen.answerDeadline = std::chrono::milliseconds(host.answer_deadline_ms);
+    chosen.dispatches = host.dispatch;
+    if (host.test_sink != nullptr) chosen.sink = host.test_sink->sink;
+    chosen.socketPath = socketPath(host.root);
+    host.root = nullptr;
+    host.test_sink = nullptr;
+    chosen.handlers = host;
     std::unique_ptr<corvid_session> created(
         new corvid_session{std::make_shared<Session>(std::move(chosen)), {}});
     created->thread = corvid::library::serve(created->session);
@@ -147,11 +144,29 @@ int corvid_session_create(const corvid_options_t* options, corvid_session_t** se
 void corvid_session_destroy(corvid_session_t* session) {
   if (session == nullptr || !session->session->isInItsProcess()) return;
   const std::unique_ptr<corvid_session> owned(session);
+  corvid::library::Callbacks& callbacks = owned->session->callbacks();
+  const bool inCallback = callbacks.runHere();
   owned->session->close();
-  if (owned->thread.get_id() == std::this_thread::get_id())
-    owned->thread.detach();  // in a callback of the session
-  else
+  if (!inCallback) {
     owned->thread.join();
+    callbacks.finish();
+    return;
+  }
+  callbacks.finishLater();
+  owned->thread.detach();
+}
+
+int corvid_session_get_fd(const corvid_session_t* session) {
+  if (session == nullptr || !session->session->callbacks().wait()) return -1;
+  return session->session->callbacks().descriptor();
+}
+
+int corvid_session_dispatch(corvid_session_t* session) {
+  if (session == nullptr || !session->session->callbacks().wait())
+    return CORVID_ERROR_INVALID_ARGUMENT;
+  if (!session->session->isInItsProcess()) return CORVID_ERROR_FORKED;
+  // A callback may destroy the session.
+  return guarded([kept = session->session] { return kept->dispatch(), CORVID_OK; });
 }
 
 int corvid_session_connect(corvid_session_t* session) {
@@ -168,21 +183,19 @@ int corvid_session_set_session_info(corvid_session_t* session,
   if (session_info == nullptr) return CORVID_ERROR_INVALID_ARGUMENT;
   const Extent extent = extentOf(session_info, user_info, frameworks);
   if (isTooLargeToKeep(extent)) return CORVID_ERROR_TOO_LARGE;
-  return guarded([&] {
-    const auto info = std::make_shared<const SessionInfo>(
-        SessionInfo{inside(session_info), copyOf(user_info),
-                    frameworks != nullptr ? inside(frameworks) : Array(), has_aggregation_block});
-    return submit(
-        session, extent, Completion{nullptr, finished, context}, &Daemon::setSessionInfoRequest,
-        [info](auto& request) { info->encode(request); },
-        [info](Replay& replay) { replay.sessionInfo = info; });
+  return submit(session, extent, {finished, context}, [&] {
+    return Request{.operation = CORVID_OPERATION_SET_SESSION_INFO,
+                   .sessionInfo = inside(session_info),
+                   .userInfo = copyOf(user_info),
+                   .array = frameworks != nullptr ? inside(frameworks) : Array(),
+                   .hasAggregationBlock = has_aggregation_block};
   });
 }
 
 int corvid_session_start_config(corvid_session_t* session, corvid_states_callback_t callback,
                                 corvid_finished_callback_t finished, void* context) {
-  return submit(session, {}, Completion{callback, finished, context}, &Daemon::startConfigRequest,
-                Nothing(), [](Replay& replay) { replay.startConfig = true; });
+  return submit(session, {}, {callback, finished, context},
+                [] { return Request{.operation = CORVID_OPERATION_START_CONFIG}; });
 }
 
 int corvid_session_fetch_states(corvid_session_t* session, const corvid_dictionary_t* user_info,
@@ -190,30 +203,25 @@ int corvid_session_fetch_states(corvid_session_t* session, const corvid_dictiona
                                 corvid_finished_callback_t finished, void* context) {
   const Extent extent = extentOf(user_info);
   if (isTooLargeToKeep(extent)) return CORVID_ERROR_TOO_LARGE;
-  return guarded([&] {
-    const auto info = std::make_shared<const std::optional<Dictionary>>(copyOf(user_info));
-    return submit(
-        session, extent, Completion{callback, finished, context}, &Daemon::fetchStatesRequest,
-        [info](auto& request) {
-          encode(*info, [&](auto size) { return request.initUserInfo(size); });
-        },
-        [info](Replay& replay) { replay.replaceUserInfo(*info); });
+  return submit(session, extent, {callback, finished, context}, [&] {
+    return Request{.operation = CORVID_OPERATION_FETCH_STATES, .userInfo = copyOf(user_info)};
   });
 }
 
 int corvid_session_fetch_display_url(corvid_session_t* session, corvid_text_callback_t callback,
                                      corvid_finished_callback_t finished, void* context) {
-  return submit(session, {}, Completion{callback, finished, context},
-                &Daemon::fetchDisplayURLRequest);
+  return submit(session, {}, {callback, finished, context},
+                [] { return Request{.operation = CORVID_OPERATION_FETCH_DISPLAY_URL}; });
 }
 
 int corvid_session_send_message(corvid_session_t* session, uint16_t category, uint16_t type,
                                 const corvid_dictionary_t* payload, corvid_text_callback_t callback,
                                 corvid_finished_callback_t finished, void* context) {
-  const Extent extent = extentOf(payload);
-  return submit(session, extent, [&] {
-    return std::make_unique<Event>(Event::Kind{category, type}, copyOf(payload), extent,
-                                   Completion{callback, finished, context});
+  return submit(session, extentOf(payload), {callback, finished, context}, [&] {
+    return Request{.operation = CORVID_OPERATION_SEND_MESSAGE,
+                   .content = copyOf(payload),
+                   .category = category,
+                   .type = type};
   });
 }
 
@@ -223,21 +231,22 @@ int corvid_session_send_message_with_dictionary(corvid_session_t* session,
                                                 corvid_finished_callback_t finished,
                                                 void* context) {
   if (message == nullptr) return CORVID_ERROR_INVALID_ARGUMENT;
-  const Extent extent = extentOf(message);
-  return submit(session, extent, [&] {
-    return std::make_unique<Event>(std::nullopt, inside(message), extent,
-                                   Completion{callback, finished, context});
+  return submit(session, extentOf(message), {callback, finished, context}, [&] {
+    return Request{.operation = CORVID_OPERATION_SEND_MESSAGE_WITH_DICTIONARY,
+                   .content = inside(message)};
   });
 }
 
 int corvid_session_flush(corvid_session_t* session, corvid_flush_callback_t callback,
                          corvid_finished_callback_t finished, void* context) {
-  return submit(session, {}, Completion{callback, finished, context}, &Daemon::flushRequest);
+  return submit(session, {}, {callback, finished, context},
+                [] { return Request{.operation = CORVID_OPERATION_FLUSH}; });
 }
 
 int corvid_session_finish(corvid_session_t* session, corvid_text_callback_t callback,
                           corvid_finished_callback_t finished, void* context) {
-  return submit(session, {}, Completion{callback, finished, context}, &Daemon::finishRequest);
+  return submit(session, {}, {callback, finished, context},
+                [] { return Request{.operation = CORVID_OPERATION_FINISH}; });
 }
 
 int corvid_session_upload_file(corvid_session_t* session, const char* path,
@@ -250,17 +259,15 @@ int corvid_session_upload_file(corvid_session_t* session, const char* path,
     if (error) return static_cast<int>(CORVID_ERROR_SYSTEM);
     std::string url = "file://" + corvid::percentEncodedForPath(absolute.native());
     if (url.size() > corvid::limits::fileURLBytes) return static_cast<int>(CORVID_ERROR_TOO_LARGE);
-    kj::Own<UploadedFile> file;
+    std::shared_ptr<UploadedFile> file;
     if (const int result = UploadedFile::open(absolute, file); result != CORVID_OK) return result;
     Extent extent;
     extent.addText(url);
-    return submit(session, extent, Completion{callback, finished, context},
-                  &Daemon::uploadFileRequest,
-                  [url = std::move(url), file = std::move(file)](auto& request) mutable {
-                    request.setFileURL(corvid::wire::textReader(url));
-                    // Without a file the daemon hears of the URL all the same, and refuses it.
-                    if (file.get() != nullptr) request.setFile(std::move(file));
-                  });
+    return submit(session, extent, {callback, finished, context}, [&] {
+      return Request{.operation = CORVID_OPERATION_UPLOAD_FILE,
+                     .fileURL = std::move(url),
+                     .file = std::move(file)};
+    });
   });
 }
 
@@ -268,11 +275,8 @@ int corvid_session_upload_log_data(corvid_session_t* session, const corvid_array
                                    corvid_success_callback_t callback,
                                    corvid_finished_callback_t finished, void* context) {
   if (log_data == nullptr) return CORVID_ERROR_INVALID_ARGUMENT;
-  return guarded([&] {
-    return submit(session, extentOf(log_data), Completion{callback, finished, context},
-                  &Daemon::uploadLogDataRequest, [logData = inside(log_data)](auto& request) {
-                    encode(logData, [&](auto size) { return request.initLogData(size); });
-                  });
+  return submit(session, extentOf(log_data), {callback, finished, context}, [&] {
+    return Request{.operation = CORVID_OPERATION_UPLOAD_LOG_DATA, .array = inside(log_data)};
   });
 }
 
@@ -284,16 +288,13 @@ int corvid_session_send_single_message(corvid_session_t* session,
                                        corvid_finished_callback_t finished, void* context) {
   if (session_info == nullptr) return CORVID_ERROR_INVALID_ARGUMENT;
   if (isTooLargeToKeep(extentOf(session_info, user_info))) return CORVID_ERROR_TOO_LARGE;
-  return guarded([&] {
-    return submit(session, extentOf(session_info, user_info, payload),
-                  Completion{callback, finished, context}, &Daemon::sendSingleMessageRequest,
-                  [sessionInfo = inside(session_info), userInfo = copyOf(user_info), category, type,
-                   payload = copyOf(payload)](auto& request) {
-                    encode(sessionInfo, [&](auto size) { return request.initSessionInfo(size); });
-                    encode(userInfo, [&](auto size) { return request.initUserInfo(size); });
-                    request.setCategory(category);
-                    request.setType(type);
-                    encode(payload, [&](auto size) { return request.initPayload(size); });
-                  });
-  });
+  return submit(session, extentOf(session_info, user_info, payload), {callback, finished, context},
+                [&] {
+                  return Request{.operation = CORVID_OPERATION_SEND_SINGLE_MESSAGE,
+                                 .sessionInfo = inside(session_info),
+                                 .userInfo = copyOf(user_info),
+                                 .content = copyOf(payload),
+                                 .category = category,
+                                 .type = type};
+                });
 }

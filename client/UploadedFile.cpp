@@ -29,7 +29,7 @@ bool isSameFile(const struct stat& a, const struct stat& b) {
 UploadedFile::UploadedFile(Descriptor folder, std::string name, Descriptor file)
     : _folder(std::move(folder)), _name(std::move(name)), _file(std::move(file)) {}
 
-int UploadedFile::open(const std::string& path, kj::Own<UploadedFile>& file) {
+int UploadedFile::open(const std::string& path, std::shared_ptr<UploadedFile>& file) {
   const std::size_t slash = path.rfind('/');
   std::string name = path.substr(slash + 1);
   Descriptor folder(::open(path.substr(0, slash + 1).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
@@ -45,18 +45,17 @@ int UploadedFile::open(const std::string& path, kj::Own<UploadedFile>& file) {
   if (fstat(opened.get(), &status) != 0 || !S_ISREG(status.st_mode)) return CORVID_OK;
   if (static_cast<std::uint64_t>(status.st_size) > limits::uploadBytes)
     return CORVID_ERROR_TOO_LARGE;
-  file = kj::heap<UploadedFile>(std::move(folder), std::move(name), std::move(opened));
+  file = std::make_shared<UploadedFile>(std::move(folder), std::move(name), std::move(opened));
   return CORVID_OK;
 }
 
-kj::Promise<void> UploadedFile::remove(RemoveContext) {
+void UploadedFile::remove() const {
   struct stat opened {};
   struct stat named {};
   if (fstat(_file.get(), &opened) == 0 &&
       fstatat(_folder.get(), _name.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
       isSameFile(opened, named))
     unlinkat(_folder.get(), _name.c_str(), 0);
-  return kj::READY_NOW;
 }
 
 }  // namespace corvid::library

@@ -6,26 +6,26 @@
 // Threads: none of its own; one at a time.
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include "base/Descriptor.h"
-#include "protocol/corvid.capnp.h"
 
 namespace corvid::library {
 
-class UploadedFile final : public wire::FileGrant::Server {
+class UploadedFile {
  public:
   // Opens what stands at the absolute path, without following a link in its last component and
   // without waiting for anybody. `file` stays null where that is no regular file or may not be
   // read. A result code of the library: CORVID_ERROR_TOO_LARGE past limits::uploadBytes,
   // CORVID_ERROR_SYSTEM where the system has no descriptor left.
-  static int open(const std::string& path, kj::Own<UploadedFile>& file);
+  static int open(const std::string& path, std::shared_ptr<UploadedFile>& file);
 
   UploadedFile(Descriptor folder, std::string name, Descriptor file);
 
-  kj::Maybe<int> getFd() override { return _file.get(); }
+  int descriptor() const { return _file.get(); }
   // Removes it, if it is still what stands in its folder under its name.
-  kj::Promise<void> remove(RemoveContext context) override;
+  void remove() const;
 
  private:
   const Descriptor _folder;

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "protocol/Keys.h"
+#include "tests/client/StaticKeys.h"
 
 namespace {
 
@@ -27,6 +28,14 @@ TEST(Keys, OfTheLibraryAreThoseOfTheDaemon) {
   EXPECT_SAME(kCorvidBackendMetrix);
   EXPECT_SAME(kCorvidBackendWattbook);
   EXPECT_SAME(kCorvidErrorDomain);
+}
+
+TEST(Keys, StandInTablesThatTheCompilerFills) {
+  constexpr std::string_view inCPlusPlus[] = {CORVID_KEY_CLIENT_TYPE, CORVID_BACKEND_HTTP_POST};
+  static_assert(inCPlusPlus[0] == corvid::kCorvidSessionInfoClientType);
+  EXPECT_EQ(static_key_count, 18u);
+  for (std::size_t i = 0; i < static_key_count; ++i)
+    EXPECT_STREQ(static_keys[i].literal, *static_keys[i].pointer) << i;
 }
 
 TEST(Keys, HaveTheTextsThatClientsRelyOn) {

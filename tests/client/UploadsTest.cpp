@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -193,6 +194,24 @@ TEST_F(ClientUploads, UploadsKeepTheirPlaceAmongOtherCalls) {
   EXPECT_EQ(calls[4].name, "uploadFile");
   EXPECT_EQ(calls[5].category, 4);
   EXPECT_EQ(calls[13].name, "uploadFile");
+}
+
+TEST_F(ClientUploads, AFileStaysWithItsCallWhateverTravelsBesideIt) {
+  const std::string file = write("log");
+  std::atomic<int> granted = 0;
+  meanwhile = [&] { ++granted; };
+  for (std::uint16_t i = 0; i < 50; ++i) {
+    ASSERT_TRUE(session->sendMessage(i, 0, client::Session::none()));
+    ASSERT_TRUE(session->uploadFile(file.c_str()));
+    ASSERT_TRUE(session->fetchDisplayURL([](client::Status, auto) {}));
+  }
+  EXPECT_TRUE(upload(file));
+  for (const auto& call : delegate->at(0).session->calls()) {
+    if (call.name == "uploadFile") {
+      EXPECT_FALSE(call.token.empty());
+    }
+  }
+  EXPECT_EQ(granted, 51);
 }
 
 TEST_F(ClientUploads, DescriptorsAreClosedWhenTheCallsHaveEnded) {

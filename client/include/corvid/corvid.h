@@ -5,18 +5,24 @@
  * comes to a callback.
  *
  * Results    A function that returns int gives CORVID_OK or one of the codes below. A call that is
- *            refused has no effect and its callbacks are never called.
+ *            refused has no effect, save for what is remembered (below), and its callbacks are
+ *            never called.
  * Threads    A session may be used from any thread. An object that holds values (dictionary, array)
  *            belongs to one thread at a time. Each session has one thread of its own, on which its
- *            callbacks run one after the other, never inside a function of this library. A callback
- *            may call the library; it should return soon, since nothing moves meanwhile.
+ *            callbacks run one after the other, never inside a function of this library, unless
+ *            they are to run in corvid_session_dispatch. A callback may call the library; it should
+ *            return soon, since nothing moves meanwhile.
  * Waiting    A function never waits longer than the session's deadline, and in a callback not at
  *            all; it waits only for room in the queue of calls, and for a connection.
  * Connection Made by the first call or corvid_session_connect. When it is lost, all calls under way
  *            end with CORVID_ERROR_CONNECTION_LOST and the `invalidated` handler is called. The
- *            next call connects again; the last session info with the last user info and, where
- *            it was started, the configuration are sent again before it, and `reconnected` is
- *            called.
+ *            next call connects again. Nothing connects by itself.
+ * Remembered What the session wished is told to each new connection before anything else: the last
+ *            session info with the last user info and, where it was started, the configuration.
+ *            That holds for calls that were refused with CORVID_ERROR_NOT_CONNECTED, and for those
+ *            that a lost connection ended, as for those that were answered; their callbacks are not
+ *            called for it. `connected` tells that the daemon has taken it, `states_changed` what
+ *            came of it. Nothing else is remembered: no event, no flush, no upload.
  * Signals    The session's thread takes no signals; the library raises none and changes none.
  * fork       A child process has no use of its parent's sessions: calls there are refused with
  *            CORVID_ERROR_FORKED, and destroying a session there does nothing. Create a new one.
@@ -62,27 +68,47 @@ enum {
   CORVID_ERROR_BAD_REPLY = 11,       /* the daemon's answer cannot be understood */
   CORVID_ERROR_FORKED = 12,          /* the session belongs to the parent process */
   CORVID_ERROR_NO_MEMORY = 13,
-  CORVID_ERROR_SYSTEM = 14 /* the system has no thread or descriptor left */
+  CORVID_ERROR_SYSTEM = 14,   /* the system has no thread or descriptor left */
+  CORVID_ERROR_TIMED_OUT = 15 /* not answered before the answer deadline; it may still have been
+                                 taken */
 };
 
 /* A short description in English; never NULL. */
 CORVID_API const char* corvid_error_text(int code);
 
-/* Keys of the session info. */
+/* Keys of the session info. Each key stands here twice: as a literal, for tables that the compiler
+ * fills, and as a pointer, for languages that have no macros. */
+#define CORVID_KEY_CLIENT_TYPE "ClientType"
+#define CORVID_KEY_CLIENT_VERSION "ClientVersion"
+#define CORVID_KEY_SESSION_ID "SessionID"
+#define CORVID_KEY_REQUIRE_USER_INFO "RequireUserInfo"
+#define CORVID_KEY_BATCH_EVENT "BatchEvent"
 CORVID_API extern const char* const kCorvidSessionInfoClientType;
 CORVID_API extern const char* const kCorvidSessionInfoClientVersion;
 CORVID_API extern const char* const kCorvidSessionInfoSessionID;
 CORVID_API extern const char* const kCorvidSessionInfoRequireUserInfo;
 CORVID_API extern const char* const kCorvidSessionInfoBatchEvent;
 /* Keys of the user info. */
+#define CORVID_KEY_CLIENT_NAME "_clientName"
+#define CORVID_KEY_SERVICE_NAME "_serviceName"
 CORVID_API extern const char* const kCorvidUserInfoClientName;
 CORVID_API extern const char* const kCorvidUserInfoServiceName;
 /* Keys of a message dictionary. */
+#define CORVID_KEY_CATEGORY "Category"
+#define CORVID_KEY_TYPE "Type"
+#define CORVID_KEY_PAYLOAD "Payload"
+#define CORVID_KEY_FLAG "Flag"
 CORVID_API extern const char* const kCorvidMessageParametersCategory;
 CORVID_API extern const char* const kCorvidMessageParametersType;
 CORVID_API extern const char* const kCorvidMessageParametersPayload;
 CORVID_API extern const char* const kCorvidMessageParametersFlag;
 /* Names of backends, as in the array of reporting states. */
+#define CORVID_BACKEND_HTTP_POST "httpPost"
+#define CORVID_BACKEND_HTTP_POST_2 "httpPost2"
+#define CORVID_BACKEND_DASHBOARD "dashboard"
+#define CORVID_BACKEND_UPLOAD_SERVER "uploadServer"
+#define CORVID_BACKEND_METRIX "metrix"
+#define CORVID_BACKEND_WATTBOOK "wattbook"
 CORVID_API extern const char* const kCorvidBackendHTTPPost;
 CORVID_API extern const char* const kCorvidBackendHTTPPost2;
 CORVID_API extern const char* const kCorvidBackendDashboard;
@@ -90,6 +116,7 @@ CORVID_API extern const char* const kCorvidBackendUploadServer;
 CORVID_API extern const char* const kCorvidBackendMetrix;
 CORVID_API extern const char* const kCorvidBackendWattbook;
 /* The domain of the daemon's error objects. */
+#define CORVID_DAEMON_ERROR_DOMAIN "com.halcyon.corvid.error"
 CORVID_API extern const char* const kCorvidErrorDomain;
 
 /* ---- Values ------------------------------------------------------------------------------- */
@@ -184,6 +211,33 @@ CORVID_API const void* corvid_value_data(const corvid_value_t* value, size_t* le
 CORVID_API const corvid_array_t* corvid_value_array(const corvid_value_t* value);
 CORVID_API const corvid_dictionary_t* corvid_value_dictionary(const corvid_value_t* value);
 
+/* ---- Reasons ------------------------------------------------------------------------------ */
+
+/* Whatever does not report has a reason, a word such as "noConsent" from the closed list of
+ * docs/reasons.md, where also stands what to do. "reporting" keeps nothing back. */
+
+/* What is the case, a sentence in English; NULL for a word that this version does not know. */
+CORVID_API const char* corvid_reason_text(const char* reason);
+
+/* The states of a session: its backends, what each does and why. What a callback is given is
+ * borrowed; a copy belongs to the caller. An object belongs to one thread at a time. */
+typedef struct corvid_states corvid_states_t;
+
+/* Why the session has no backends; NULL where it has. */
+CORVID_API const char* corvid_states_reason(const corvid_states_t* states);
+CORVID_API size_t corvid_states_count(const corvid_states_t* states);
+/* Of the backend at `index`, in the order of their names; NULL past the end. The state is one of
+ * "waiting", "disabled", "sending" and "held". */
+CORVID_API const char* corvid_states_backend_name(const corvid_states_t* states, size_t index);
+CORVID_API const char* corvid_states_backend_state(const corvid_states_t* states, size_t index);
+CORVID_API const char* corvid_states_backend_reason(const corvid_states_t* states, size_t index);
+/* The names of those that report, as corvid_states_callback_t gets them; NULL where that is. */
+CORVID_API const corvid_array_t* corvid_states_reporting(const corvid_states_t* states);
+
+/* NULL where there is no memory. */
+CORVID_API corvid_states_t* corvid_states_copy(const corvid_states_t* states);
+CORVID_API void corvid_states_destroy(corvid_states_t* states); /* NULL is fine */
+
 /* ---- Sessions ----------------------------------------------------------------------------- */
 
 typedef struct corvid_session corvid_session_t;
@@ -218,8 +272,33 @@ typedef void (*corvid_success_callback_t)(void* context, int error, bool success
  * so this is where a context can be freed. */
 typedef void (*corvid_finished_callback_t)(void* context, corvid_outcome_t outcome);
 
+/* What an answer tells besides the arguments of its callback. */
+typedef struct corvid_answer corvid_answer_t;
+
+/* The answer that the callback running on this thread was called with, valid until that returns.
+ * NULL outside of a callback of a call, and where the call ended with an error. */
+CORVID_API const corvid_answer_t* corvid_current_answer(void);
+
+/* What became of a message, a finish or a single message when the daemon answered. */
+typedef enum {
+  CORVID_DISPOSITION_UNKNOWN = 0, /* another call, or a daemon that does not tell */
+  CORVID_DISPOSITION_TAKEN = 1,   /* a backend sends it, holds it or has delivered it */
+  CORVID_DISPOSITION_DROPPED = 2  /* nobody took it; the reason says why */
+} corvid_disposition_t;
+
+/* Of NULL: CORVID_DISPOSITION_UNKNOWN. */
+CORVID_API corvid_disposition_t corvid_answer_disposition(const corvid_answer_t* answer);
+/* Why nobody took the message: "noSessionInfo", "notConfigured", "noConsent" and so on. NULL where
+ * somebody did, or where that is not known. */
+CORVID_API const char* corvid_answer_reason(const corvid_answer_t* answer);
+/* The states with their reasons, of corvid_session_start_config and corvid_session_fetch_states.
+ * NULL of other calls, and where the daemon does not tell. */
+CORVID_API const corvid_states_t* corvid_answer_states(const corvid_answer_t* answer);
+
 /* The longest that a function of a session waits, unless the options say otherwise. */
 #define CORVID_DEFAULT_DEADLINE_MS 100
+
+typedef struct corvid_test_sink corvid_test_sink_t;
 
 typedef struct {
   size_t size;      /* sizeof(corvid_options_t) */
@@ -236,22 +315,56 @@ typedef struct {
   void (*reconnected)(void* context);
   /* The last callback of the session; none comes after it. */
   void (*released)(void* context);
+  /* A connection is there and the daemon has taken what was remembered. Called for each connection,
+   * the first included; after that, for every other than the first, `reconnected`. */
+  void (*connected)(void* context);
+  /* The session's states or their reasons are others than the daemon told last, in an answer or
+   * here: the user info, a parent in a chain, a server's answer or an operator changed them. What
+   * changes quickly is told once, as it is in the end. With this handler the session asks the
+   * daemon to tell it. */
+  void (*states_changed)(void* context, const corvid_states_t* states);
+  /* The longest from the acceptance of a call to its answer; 0: none. A call that is not answered
+   * by then ends with CORVID_ERROR_TIMED_OUT and the connection goes on; a later answer is dropped.
+   * Answers to flushes and uploads wait for servers. */
+  uint32_t answer_deadline_ms;
+  /* Callbacks wait for corvid_session_dispatch instead of running on the session's own thread. */
+  bool dispatch;
+  /* Answers in place of a daemon; see below. NULL: none. Must live as long as the session. */
+  corvid_test_sink_t* test_sink;
 } corvid_options_t;
 
-#define CORVID_OPTIONS_INIT \
-  { sizeof(corvid_options_t), NULL, CORVID_DEFAULT_DEADLINE_MS, NULL, NULL, NULL, NULL, NULL }
+#define CORVID_OPTIONS_INIT                                                                   \
+  {                                                                                           \
+    sizeof(corvid_options_t), NULL, CORVID_DEFAULT_DEADLINE_MS, NULL, NULL, NULL, NULL, NULL, \
+        NULL, NULL, 0, false, NULL                                                            \
+  }
 
-/* `options` may be NULL. Does not connect. */
+/* `options` may be NULL. Does not connect. Options that were written for an older version, and are
+ * shorter, are fine. */
 CORVID_API int corvid_session_create(const corvid_options_t* options, corvid_session_t** session);
 
 /* Gives calls that were accepted until the deadline to be answered, then closes the connection;
  * what is left ends with CORVID_ERROR_CLOSED. No callback runs after the function has returned. In
  * a callback of the same session it does not wait: what is left ends after the callback has
- * returned, and `released` tells when all is over. NULL is fine. */
+ * returned, and `released` tells when all is over. Where callbacks wait for
+ * corvid_session_dispatch, those that are left run here, on the caller's thread; in a callback,
+ * before the corvid_session_dispatch under way returns. NULL is fine. */
 CORVID_API void corvid_session_destroy(corvid_session_t* session);
 
 /* Connects, where there is no connection. */
 CORVID_API int corvid_session_connect(corvid_session_t* session);
+
+/* For event loops. With the option `dispatch` the descriptor is readable while callbacks wait; poll
+ * it, do nothing else with it, and call corvid_session_dispatch. It lives as long as the session.
+ * -1 without that option. */
+CORVID_API int corvid_session_get_fd(const corvid_session_t* session);
+/* Runs the callbacks that wait, on this thread, without waiting itself; what they bring about waits
+ * for the next time. By one thread at a time: while one is at it, in a callback too, it does
+ * nothing. Where the host does not come to it, 4,096 callbacks or 8 MiB wait at most, and some that
+ * were under way; past it nothing more is taken from the daemon, and calls fill the queue until
+ * they are refused with CORVID_ERROR_QUEUE_FULL. CORVID_ERROR_INVALID_ARGUMENT without the option
+ * `dispatch`. */
+CORVID_API int corvid_session_dispatch(corvid_session_t* session);
 
 /* The operations. Calls of one session reach the daemon in the order in which they are made. Any
  * callback may be NULL: without one the daemon is told that no answer is wanted. Session info, user
@@ -304,6 +417,120 @@ CORVID_API int corvid_session_send_single_message(
     const corvid_dictionary_t* user_info,                                 /* or NULL */
     uint16_t category, uint16_t type, const corvid_dictionary_t* payload, /* or NULL */
     corvid_text_callback_t callback, corvid_finished_callback_t finished, void* context);
+
+/* ---- Tests without a daemon --------------------------------------------------------------- */
+
+/* A test sink stands in for the daemon: it records what sessions ask and answers what the test
+ * says. No process, no socket. One may serve several sessions. Its functions may be called from any
+ * thread, in callbacks too. Until it is told otherwise it can be reached, answers messages with
+ * nothing as taken, states with none for the reason "notConfigured", everything else with nothing,
+ * and uploads with success.
+ *
+ *   corvid_test_sink_t* sink = corvid_test_sink_create();
+ *   corvid_options_t options = CORVID_OPTIONS_INIT;
+ *   options.test_sink = sink;
+ *   corvid_session_create(&options, &session);
+ *
+ *   corvid_test_answer_t dropped = CORVID_TEST_ANSWER_INIT;
+ *   dropped.reason = "noConsent";
+ *   corvid_test_sink_answer(sink, CORVID_OPERATION_SEND_MESSAGE, 1, &dropped);
+ *
+ *   code_under_test(session);
+ *
+ *   corvid_test_call_t call;
+ *   assert(corvid_test_sink_await_calls(sink, 1, 1000));
+ *   assert(corvid_test_sink_get_call(sink, 0, &call, sizeof call) == CORVID_OK);
+ *   assert(call.operation == CORVID_OPERATION_SEND_MESSAGE && call.category == 7);
+ *
+ *   corvid_session_destroy(session);
+ *   corvid_test_sink_destroy(sink);
+ */
+
+typedef enum {
+  CORVID_OPERATION_SET_SESSION_INFO = 0,
+  CORVID_OPERATION_START_CONFIG = 1,
+  CORVID_OPERATION_FETCH_STATES = 2,
+  CORVID_OPERATION_FETCH_DISPLAY_URL = 3,
+  CORVID_OPERATION_SEND_MESSAGE = 4,
+  CORVID_OPERATION_SEND_MESSAGE_WITH_DICTIONARY = 5,
+  CORVID_OPERATION_FLUSH = 6,
+  CORVID_OPERATION_FINISH = 7,
+  CORVID_OPERATION_UPLOAD_FILE = 8,
+  CORVID_OPERATION_UPLOAD_LOG_DATA = 9,
+  CORVID_OPERATION_SEND_SINGLE_MESSAGE = 10
+} corvid_operation_t;
+
+/* A call as a session made it. What belongs to other operations is NULL, 0 or false. What it points
+ * to is valid until corvid_test_sink_clear and corvid_test_sink_destroy. */
+typedef struct {
+  corvid_operation_t operation;
+  bool wants_answer; /* there is a callback */
+  bool has_aggregation_block;
+  uint16_t category;
+  uint16_t type;
+  const corvid_dictionary_t* session_info;
+  const corvid_dictionary_t* user_info;
+  const corvid_dictionary_t* message; /* of corvid_session_send_message_with_dictionary */
+  const corvid_dictionary_t* payload;
+  const corvid_array_t* array; /* frameworks, or log data */
+  const char* file_url;
+} corvid_test_call_t;
+
+typedef struct {
+  size_t size;     /* sizeof(corvid_test_answer_t) */
+  int error;       /* other than CORVID_OK: the call ends with it, and the rest is not looked at */
+  bool unanswered; /* the callback is not called */
+  bool withheld;   /* nothing comes, until the answer deadline or the end of the connection */
+  const char* text;
+  const char* reason; /* nobody took the message, for this reason; NULL: it was taken */
+  const corvid_states_t* states;
+  bool success;
+  const corvid_error_t* failure;
+} corvid_test_answer_t;
+
+#define CORVID_TEST_ANSWER_INIT \
+  { sizeof(corvid_test_answer_t), CORVID_OK, false, false, NULL, NULL, NULL, true, NULL }
+
+/* NULL where there is no memory. */
+CORVID_API corvid_test_sink_t* corvid_test_sink_create(void);
+/* After the sessions that use it. NULL is fine. */
+CORVID_API void corvid_test_sink_destroy(corvid_test_sink_t* sink);
+
+/* The calls that have reached the sink so far, in order, those of remembered wishes included. */
+CORVID_API size_t corvid_test_sink_call_count(const corvid_test_sink_t* sink);
+/* Waits until there are so many calls; false where they have not come in that time. */
+CORVID_API bool corvid_test_sink_await_calls(const corvid_test_sink_t* sink, size_t count,
+                                             uint32_t timeout_ms);
+/* `size` is sizeof(corvid_test_call_t). CORVID_ERROR_INVALID_ARGUMENT past the end. */
+CORVID_API int corvid_test_sink_get_call(const corvid_test_sink_t* sink, size_t index,
+                                         corvid_test_call_t* call, size_t size);
+/* Forgets the calls. */
+CORVID_API void corvid_test_sink_clear(corvid_test_sink_t* sink);
+
+/* Answers the next `times` calls of the operation with this, after what was said for it before;
+ * with 0 times, all for which nothing else is said. Copies the answer. */
+CORVID_API int corvid_test_sink_answer(corvid_test_sink_t* sink, corvid_operation_t operation,
+                                       size_t times, const corvid_test_answer_t* answer);
+/* Calls the aggregation block of each session that is connected. */
+CORVID_API int corvid_test_sink_deliver(corvid_test_sink_t* sink,
+                                        const corvid_dictionary_t* message, /* or NULL */
+                                        double timestamp, uint16_t category, uint16_t type,
+                                        const corvid_dictionary_t* payload); /* or NULL */
+/* Calls `states_changed` of each session that is connected. */
+CORVID_API int corvid_test_sink_change_states(corvid_test_sink_t* sink,
+                                              const corvid_states_t* states);
+/* Whether connections can be made, as by a daemon that runs or does not. */
+CORVID_API int corvid_test_sink_set_reachable(corvid_test_sink_t* sink, bool reachable);
+/* Ends the connections that there are, as a daemon does that ends. */
+CORVID_API int corvid_test_sink_disconnect(corvid_test_sink_t* sink);
+
+/* States to answer with. NULL where there is no memory. */
+CORVID_API corvid_states_t* corvid_states_create(void);
+/* Why the session has no backends, or NULL. */
+CORVID_API int corvid_states_set_reason(corvid_states_t* states, const char* reason);
+/* Adds a backend; one whose state is "sending" or "held" reports. */
+CORVID_API int corvid_states_add(corvid_states_t* states, const char* name, const char* state,
+                                 const char* reason);
 
 #ifdef __cplusplus
 }

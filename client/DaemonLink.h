@@ -1,0 +1,71 @@
+// A connection to the daemon over its socket: the part of Cap'n Proto's RPC protocol that it takes.
+//
+// The daemon's ClientSession is the answer to question 0, which stays open as long as the
+// connection. The client's own object, a ClientSessionReply, is export 0; each file that travels is
+// an export for as long as the daemon wants it.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "base/Descriptor.h"
+#include "client/Link.h"
+#include "client/UploadedFile.h"
+#include "client/wire/MessageBuilder.h"
+#include "client/wire/MessageReader.h"
+
+namespace corvid::library {
+
+class DaemonLink final : public Link {
+ public:
+  DaemonLink(Session& session, Descriptor socket);
+
+ private:
+  // What waits to leave. A file's descriptor goes with the first byte.
+  struct Outgoing {
+    std::string bytes;
+    std::shared_ptr<UploadedFile> file;
+  };
+  struct Export {
+    std::shared_ptr<UploadedFile> file;
+    std::uint32_t references = 0;
+  };
+
+  void send(std::uint32_t question, const Parcel& parcel) override;
+  bool takesMore() const override;
+  void turn(Session::Time until, bool hostIsBusy) override;
+
+  void write(wire::MessageBuilder& message, std::shared_ptr<UploadedFile> file = nullptr);
+  // As much as the socket takes.
+  void flush();
+  bool sendFirst();
+  void read();
+  void takeMessages();
+
+  void received(wire::MessageReader::Struct message);
+  void receivedCall(wire::MessageReader::Struct call);
+  void receivedReturn(wire::MessageReader::Struct answer);
+  void receivedBootstrap(std::uint32_t question);
+  void finish(std::uint32_t question);
+  // Whether the call was known.
+  bool perform(wire::MessageReader::Struct call);
+  void release(std::uint32_t id, std::uint32_t references);
+
+  static constexpr std::uint32_t bootstrapQuestion = 0;
+  static constexpr std::uint32_t ownObject = 0;
+
+  const Descriptor _socket;
+  std::deque<Outgoing> _output;
+  std::size_t _outputBytes = 0;
+  std::size_t _firstSent = 0;  // bytes of the first
+  std::string _input;
+  std::map<std::uint32_t, Export> _exports;                // files, by number
+  std::map<std::uint32_t, std::uint32_t> _fileOfQuestion;  // exports of parameters
+};
+
+}  // namespace corvid::library
