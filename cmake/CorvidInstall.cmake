@@ -10,10 +10,25 @@ install(TARGETS corvid-storebag RUNTIME COMPONENT storebag)
 install(TARGETS corvid LIBRARY)
 install(DIRECTORY client/include/corvid include/corvid DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
+if(TARGET corvid_static)
+  install(FILES ${CMAKE_BINARY_DIR}/client/libcorvid.a DESTINATION ${CMAKE_INSTALL_LIBDIR})
+endif()
+
 file(RELATIVE_PATH CORVID_PC_TO_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 string(REGEX REPLACE "/$" "" CORVID_PC_TO_PREFIX ${CORVID_PC_TO_PREFIX})
 configure_file(packaging/corvid.pc.in corvid.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/corvid.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# find_package(corvid) in other projects.
+include(CMakePackageConfigHelpers)
+set(CORVID_CMAKE_FOLDER ${CMAKE_INSTALL_LIBDIR}/cmake/corvid)
+configure_package_config_file(packaging/corvid-config.cmake.in corvid-config.cmake
+  INSTALL_DESTINATION ${CORVID_CMAKE_FOLDER}
+  PATH_VARS CMAKE_INSTALL_INCLUDEDIR CMAKE_INSTALL_LIBDIR)
+write_basic_package_version_file(corvid-config-version.cmake COMPATIBILITY SameMinorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/corvid-config.cmake
+              ${CMAKE_CURRENT_BINARY_DIR}/corvid-config-version.cmake
+        DESTINATION ${CORVID_CMAKE_FOLDER})
 
 install(FILES packaging/sandbox/com.halcyon.corvidd.plist DESTINATION share/corvid/sandbox)
 # Each works as it is, save for the names of hosts.
