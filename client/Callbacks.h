@@ -46,11 +46,10 @@ class Callbacks {
   // Whether this thread is calling the host back.
   bool runHere() const { return _runningOn == std::this_thread::get_id(); }
 
-  // Runs what waits, and what comes meanwhile, until `mayEnd` says so or, without that, until
-  // nothing waits. Nothing where another thread is at it already, or this one. `tookSome` is called
-  // after the first callback of a full box.
+  // Runs what waits; what comes meanwhile waits for the next time. Nothing where another thread is
+  // at it already, or this one. `tookSome` is called when a full box has room again.
   void dispatch(const std::function<void()>& tookSome) EXCLUDES(_mutex);
-  // The last callback has been added. From here on dispatch runs whatever is left.
+  // The last callback has been added.
   void end() EXCLUDES(_mutex);
   // Runs what is left on this thread, end() included, or waits until another thread has.
   void finish() EXCLUDES(_mutex);

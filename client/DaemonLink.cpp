@@ -81,8 +81,8 @@ void DaemonLink::write(MessageBuilder& message, std::shared_ptr<UploadedFile> fi
   const std::string_view bytes = message.finished();
   _outputBytes += bytes.size();
   // Small messages leave together; one with a file alone, so that it is clear whose that is.
-  const bool joins = !file && !_output.empty() && !_output.back().file &&
-                     _output.back().bytes.size() < readBytes;
+  const bool joins =
+      !file && !_output.empty() && !_output.back().file && _output.back().bytes.size() < readBytes;
   if (joins)
     _output.back().bytes += bytes;
   else
