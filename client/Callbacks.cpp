@@ -27,7 +27,7 @@ bool Callbacks::runFirst(const std::function<void()>& tookSome) {
   _mutex.unlock();
   if (hasRoom && tookSome) tookSome();
   _runningOn = std::this_thread::get_id();
-  first.call();
+  [&]() noexcept { first.call(); }();  // as on the session's thread, a host's exception ends it
   first.call = nullptr;
   _runningOn = std::thread::id();
   _mutex.lock();
@@ -41,6 +41,7 @@ void Callbacks::dispatch(const std::function<void()>& tookSome) {
   // What a callback brings about waits for the next turn of the host's loop.
   for (std::size_t left = _waiting.size(); left > 0 && !_finishing; --left)
     if (!runFirst(tookSome)) break;
+  if (!_waiting.empty()) _ready->wake();  // whoever waits for edges gets one
   while (_finishing && (runFirst(nullptr) || !_ended))
     if (_waiting.empty() && !_ended) _changed.wait(_mutex);
   _dispatching = false;

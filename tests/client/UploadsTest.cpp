@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -198,20 +197,18 @@ TEST_F(ClientUploads, UploadsKeepTheirPlaceAmongOtherCalls) {
 
 TEST_F(ClientUploads, AFileStaysWithItsCallWhateverTravelsBesideIt) {
   const std::string file = write("log");
-  std::atomic<int> granted = 0;
-  meanwhile = [&] { ++granted; };
+  int ended = 0;
+  const auto count = [&](corvid_outcome_t) { note([&] { ++ended; }); };
   for (std::uint16_t i = 0; i < 50; ++i) {
     ASSERT_TRUE(session->sendMessage(i, 0, client::Session::none()));
-    ASSERT_TRUE(session->uploadFile(file.c_str()));
-    ASSERT_TRUE(session->fetchDisplayURL([](client::Status, auto) {}));
+    ASSERT_TRUE(session->uploadFile(file.c_str(), nullptr, count));
+    ASSERT_TRUE(session->sendMessage(i, 1, client::Session::none()));
   }
-  EXPECT_TRUE(upload(file));
-  for (const auto& call : delegate->at(0).session->calls()) {
-    if (call.name == "uploadFile") {
-      EXPECT_FALSE(call.token.empty());
-    }
-  }
-  EXPECT_EQ(granted, 51);
+  ASSERT_TRUE(await([&] { return ended == 50; }));
+  std::size_t granted = 0;
+  for (const auto& call : delegate->at(0).session->calls())
+    granted += call.name == "uploadFile" && !call.token.empty();
+  EXPECT_EQ(granted, 50u);
 }
 
 TEST_F(ClientUploads, DescriptorsAreClosedWhenTheCallsHaveEnded) {
