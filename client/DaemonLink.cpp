@@ -24,7 +24,6 @@ using wire::MessageReader;
 
 // Past it calls wait in the session's queue, which is bounded.
 constexpr std::size_t mostOutputBytes = std::size_t{1} << 20;
-constexpr std::size_t readBytes = std::size_t{64} << 10;
 // An answer of the daemon, with what travels around its texts.
 constexpr std::size_t mostMessageBytes = limits::messageBytes + (std::size_t{1} << 20);
 
@@ -139,30 +138,34 @@ void DaemonLink::turn(Session::Time until, bool hostIsBusy) {
 }
 
 void DaemonLink::read() {
-  const std::size_t before = _input.size();
-  _input.resize(before + readBytes);
   ssize_t received = 0;
-  do received = recv(_socket.get(), _input.data() + before, readBytes, MSG_DONTWAIT);
+  do received = recv(_socket.get(), _space.get(), readBytes, MSG_DONTWAIT);
   while (received < 0 && errno == EINTR);
-  _input.resize(before + static_cast<std::size_t>(received > 0 ? received : 0));
   if (received == 0 || (received < 0 && errno != EAGAIN && errno != EWOULDBLOCK)) return lose();
+  if (received < 0) return;
+  const std::string_view came(_space.get(), static_cast<std::size_t>(received));
   try {
-    takeMessages();
+    if (_input.empty()) {
+      _input = takeMessages(came);
+    } else {
+      _input += came;
+      const std::string_view left = takeMessages(_input);
+      _input.erase(0, _input.size() - left.size());
+    }
   } catch (const BadMessage&) {
-    lose();  // what comes after that cannot be told apart
+    return lose();  // what comes after that cannot be told apart
   }
+  if (_input.empty() && _input.capacity() > 4 * readBytes) _input.shrink_to_fit();
 }
 
-void DaemonLink::takeMessages() {
-  std::string_view left = _input;
+std::string_view DaemonLink::takeMessages(std::string_view bytes) {
   while (!isLost()) {
-    const auto size = MessageReader::sizeOf(left, mostMessageBytes);
-    if (!size || *size > left.size()) break;
-    received(MessageReader(left.substr(0, *size)).root());
-    left.remove_prefix(*size);
+    const auto size = MessageReader::sizeOf(bytes, mostMessageBytes);
+    if (!size || *size > bytes.size()) break;
+    received(MessageReader(bytes.substr(0, *size)).root());
+    bytes.remove_prefix(*size);
   }
-  _input.erase(0, _input.size() - left.size());
-  if (_input.empty() && _input.capacity() > 4 * readBytes) _input.shrink_to_fit();
+  return bytes;
 }
 
 }  // namespace corvid::library

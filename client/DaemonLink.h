@@ -11,6 +11,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "base/Descriptor.h"
@@ -45,7 +46,8 @@ class DaemonLink final : public Link {
   void flush();
   bool sendFirst();
   void read();
-  void takeMessages();
+  // Takes the whole messages at the beginning, and gives what is left.
+  std::string_view takeMessages(std::string_view bytes);
 
   void received(wire::MessageReader::Struct message);
   void receivedCall(wire::MessageReader::Struct call);
@@ -58,14 +60,16 @@ class DaemonLink final : public Link {
 
   static constexpr std::uint32_t bootstrapQuestion = 0;
   static constexpr std::uint32_t ownObject = 0;
+  static constexpr std::size_t readBytes = std::size_t{64} << 10;
 
   const Descriptor _socket;
   std::deque<Outgoing> _output;
   std::size_t _outputBytes = 0;
-  std::size_t _firstSent = 0;  // bytes of the first
-  std::string _input;
-  std::map<std::uint32_t, Export> _exports;                // files, by number
-  std::map<std::uint32_t, std::uint32_t> _fileOfQuestion;  // exports of parameters
+  std::size_t _firstSent = 0;                                 // bytes of the first
+  const std::unique_ptr<char[]> _space{new char[readBytes]};  // for what is read at once
+  std::string _input;                                         // the beginning of a message
+  std::map<std::uint32_t, Export> _exports;                   // files, by number
+  std::map<std::uint32_t, std::uint32_t> _fileOfQuestion;     // exports of parameters
 };
 
 }  // namespace corvid::library
