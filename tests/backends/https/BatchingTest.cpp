@@ -149,6 +149,18 @@ TEST_F(BatchingTest, AHeldBackendBatchesUntilAFlagLiftsIt) {
   EXPECT_EQ(posted("x"), (Lines{"1", "2", "3", "4"})) << "the batch, then the event";
 }
 
+TEST_F(BatchingTest, WhoeverObservesTheStateHearsOfTheLift) {
+  const auto backend = makeInState(BackendState::held);
+  int changes = 0;
+  backend->setStandingObserver([&] { ++changes; });
+  send(*backend, {{"x", 1}}, 0);
+  EXPECT_EQ(changes, 0);
+  send(*backend, {{"x", 2}}, 2);
+  EXPECT_EQ(changes, 1);
+  send(*backend, {{"x", 3}}, 2);
+  EXPECT_EQ(changes, 1) << "it sends already";
+}
+
 TEST_F(BatchingTest, AFlagLiftsNoOtherState) {
   const auto backend = makeInState(BackendState::waiting);
   send(*backend, {}, 2);
