@@ -5,8 +5,7 @@ install(CODE [[
     message(FATAL_ERROR " the daemon looks for its files in the folder usr of its root: the prefix is /usr or DIR/usr, not ${CMAKE_INSTALL_PREFIX}")
   endif()]])
 install(TARGETS corvidd RUNTIME DESTINATION sbin)  # where its unit looks for it
-install(TARGETS corvidctl corvid-lab RUNTIME)
-install(TARGETS corvid-storebag RUNTIME COMPONENT storebag)
+install(TARGETS corvidctl corvid-lab corvid-storebag RUNTIME)
 install(TARGETS corvid LIBRARY)
 install(DIRECTORY client/include/corvid include/corvid DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
@@ -30,17 +29,16 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/corvid-config.cmake
               ${CMAKE_CURRENT_BINARY_DIR}/corvid-config-version.cmake
         DESTINATION ${CORVID_CMAKE_FOLDER})
 
+configure_file(packaging/Info.plist.in Info.plist @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/Info.plist DESTINATION share/corvid)
 install(FILES packaging/sandbox/com.halcyon.corvidd.plist DESTINATION share/corvid/sandbox)
 # Each works as it is, save for the names of hosts.
 install(FILES packaging/examples/deployment.plist packaging/examples/device.plist
               packaging/examples/entitlement.plist packaging/examples/storebag.plist
         DESTINATION share/doc/corvidd/examples)
-install(FILES packaging/examples/nginx.conf DESTINATION share/doc/corvid-storebag/examples
-        COMPONENT storebag)
-install(FILES packaging/man/corvidctl.1 packaging/man/corvid-lab.1
+install(FILES packaging/examples/nginx.conf DESTINATION share/doc/corvid-storebag/examples)
+install(FILES packaging/man/corvidctl.1 packaging/man/corvid-lab.1 packaging/man/corvid-storebag.1
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
-install(FILES packaging/man/corvid-storebag.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
-        COMPONENT storebag)
 install(FILES packaging/man/corvid-deployment.5 packaging/man/corvid-device.5
               packaging/man/corvid-entitlements.5 packaging/man/corvid-storebag.5
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man5)

@@ -25,9 +25,15 @@ void readKey(FileSystem& files, const std::string& path, PublicKeys& keys) {
 
 }  // namespace
 
+std::string publicKeyFileInForce(FileSystem& files, const Paths& paths) {
+  const std::string& own = paths.administratorsPublicKeyFile;
+  return files.exists(own) ? own : paths.publicKeyFile;
+}
+
 PublicKeys readPublicKeys(FileSystem& files, const Paths& paths) {
   PublicKeys keys;
-  readKey(files, paths.publicKeyFile, keys);
+  keys.mainFile = publicKeyFileInForce(files, paths);
+  readKey(files, keys.mainFile, keys);
   const auto names = files.listDirectory(paths.furtherKeysFolder);
   if (!names) {
     if (names.failure().code != ENOENT)

@@ -26,7 +26,11 @@ struct PublicKeys {
   std::vector<RSAPublicKey> usable{};  // in the order in which they are tried
   std::vector<std::string> files{};    // of those, in the same order
   std::vector<Fault> faults{};         // of files that are no usable key
+  std::string mainFile{};              // publicKey.der, whether it is there or not
 };
+
+// The administrator's publicKey.der, or, where there is none, the one that came with the system.
+std::string publicKeyFileInForce(FileSystem& files, const Paths& paths);
 
 // publicKey.der, then *.der of the folder for further keys, in name order. Logs nothing.
 PublicKeys readPublicKeys(FileSystem& files, const Paths& paths);

@@ -46,10 +46,9 @@ Dictionary fallbackStorebag() {
 // What is wrong with a key that is too weak, or with a further one, is told at each fetch.
 std::vector<RSAPublicKey> publicKeys() {
   Platform& platform = Platform::current();
-  const std::string& main = platform.paths().publicKeyFile;
   PublicKeys keys = readPublicKeys(platform.files(), platform.paths());
   for (const PublicKeys::Fault& fault : keys.faults) {
-    if (fault.path != main) {
+    if (fault.path != keys.mainFile) {
       logError("fetchStorebagWithName: {} is passed over: {}", fault.path, fault.what);
     } else if (fault.code == EKEYREJECTED) {
       const auto why = loggingReason(Reason::storebagUnverified);

@@ -83,7 +83,7 @@ void Reload::sayPublicKeys() const {
   for (const std::string& file : keys.files) sayRead(file);
   for (const PublicKeys::Fault& fault : keys.faults) {
     const bool hasOthers =
-        fault.path == _paths.publicKeyFile && fault.code == ENOENT && !keys.usable.empty();
+        fault.path == keys.mainFile && fault.code == ENOENT && !keys.usable.empty();
     if (!hasOthers) sayFault(fault.path, fault.what);
   }
 }

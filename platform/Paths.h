@@ -14,6 +14,9 @@ struct Paths {
   std::string sandboxProfile(std::string_view name) const {
     return sandboxFolder + "/" + std::string(name) + ".plist";
   }
+  std::string administratorsSandboxProfile(std::string_view name) const {
+    return root + "/etc/corvid/sandbox/" + std::string(name) + ".plist";
+  }
 
   std::string root;
   std::string socket = root + "/run/corvidd/com.halcyon.corvidd";
@@ -24,6 +27,7 @@ struct Paths {
   std::string localeFile = root + "/etc/locale.conf";
   std::string resourceFolder = root + "/usr/share/corvid";
   std::string publicKeyFile = resourceFolder + "/publicKey.der";
+  std::string administratorsPublicKeyFile = root + "/etc/corvid/publicKey.der";
   std::string furtherKeysFolder = root + "/etc/corvid/keys.d";
   std::string infoFile = resourceFolder + "/Info.plist";
   std::string sandboxFolder = resourceFolder + "/sandbox";

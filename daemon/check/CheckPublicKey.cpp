@@ -94,7 +94,8 @@ bool checkFurtherKeys(Inspection& it) {
 }  // namespace
 
 void checkPublicKey(Inspection& it) {
-  const std::string& path = it.paths.publicKeyFile;
+  LocalFileSystem files;
+  const std::string path = publicKeyFileInForce(files, it.paths);
   const bool hasOthers = checkFurtherKeys(it);
   const Result<std::string> content = readRegularFile(path, publicKeyLimit);
   if (content) return checkKey(path, content.value(), it);

@@ -39,7 +39,7 @@ void checkKernel(Inspection& it, bool entersSandbox) {
 }
 
 void checkSandboxProfile(Inspection& it) {
-  const std::string path = it.paths.sandboxProfile(kCorvidServiceName);
+  const std::string path = sandboxProfileInForce(kCorvidServiceName, it.paths);
   const auto profile = SandboxProfile::named(kCorvidServiceName, it.paths, deploymentOf(it));
   if (profile) return it.found.right(path, "a sandbox profile");
   if (profile.failure().code == EACCES) return it.reportUnreadable(path);

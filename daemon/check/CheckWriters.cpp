@@ -5,9 +5,11 @@
 #include <set>
 #include <vector>
 
+#include "config/PublicKeys.h"
 #include "daemon/check/Inspection.h"
 #include "platform/data/Deployment.h"
 #include "platform/data/LocalFileSystem.h"
+#include "platform/system/SandboxProfile.h"
 #include "protocol/Keys.h"
 
 namespace corvid {
@@ -15,9 +17,10 @@ namespace corvid {
 namespace {
 
 std::vector<std::string> filesThatTheDaemonReads(const Paths& paths) {
-  std::vector<std::string> files{paths.sandboxProfile(kCorvidServiceName),
+  LocalFileSystem local;
+  std::vector<std::string> files{sandboxProfileInForce(kCorvidServiceName, paths),
                                  paths.deploymentFile,
-                                 paths.publicKeyFile,
+                                 publicKeyFileInForce(local, paths),
                                  paths.infoFile,
                                  paths.deviceFile,
                                  paths.localeFile,
@@ -27,7 +30,7 @@ std::vector<std::string> filesThatTheDaemonReads(const Paths& paths) {
   for (const std::string* folder : {&paths.entitlementsFolder, &paths.preferencesFolder})
     if (const auto lists = propertyListsIn(*folder))
       files.insert(files.end(), lists.value().begin(), lists.value().end());
-  if (const auto keys = LocalFileSystem().listDirectory(paths.furtherKeysFolder))
+  if (const auto keys = local.listDirectory(paths.furtherKeysFolder))
     for (const std::string& name : keys.value())
       files.push_back(paths.furtherKeysFolder + "/" + name);
   if (const auto deployment = readDeployment(paths.deploymentFile);

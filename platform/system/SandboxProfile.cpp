@@ -6,6 +6,7 @@
 #include <string_view>
 #include <utility>
 
+#include "platform/data/LocalFileSystem.h"
 #include "platform/data/PropertyList.h"
 
 namespace corvid {
@@ -113,10 +114,15 @@ Result<SandboxProfile> SandboxProfile::fromFile(const std::string& path,
   return profile;
 }
 
+std::string sandboxProfileInForce(std::string_view name, const Paths& paths) {
+  std::string own = paths.administratorsSandboxProfile(name);
+  return LocalFileSystem().exists(own) ? own : paths.sandboxProfile(name);
+}
+
 Result<SandboxProfile> SandboxProfile::named(std::string_view name, const Paths& paths,
                                              const Deployment& deployment) {
   Result<SandboxProfile> profile =
-      fromFile(paths.sandboxProfile(name),
+      fromFile(sandboxProfileInForce(name, paths),
                {{"root", paths.root}, {"caFile", deployment.caFile.value_or(std::string())}});
   if (profile) profile.value().tcpPorts = reachableTCPPorts(deployment);
   return profile;

@@ -45,10 +45,14 @@ struct SandboxProfile {
                                                const Placeholders& placeholders);
   // The failure names the file as well.
   static Result<SandboxProfile> fromFile(const std::string& path, const Placeholders& placeholders);
-  // The file of that name in the sandbox folder, with the deployment's ports; "${root}" and
-  // "${caFile}" stand for what the paths and the deployment say.
+  // sandboxProfileInForce() with the deployment's ports; "${root}" and "${caFile}" stand for what
+  // the paths and the deployment say.
   static Result<SandboxProfile> named(std::string_view name, const Paths& paths,
                                       const Deployment& deployment);
 };
+
+// The administrator's profile of that name, or, where there is none, the one that came with the
+// system.
+std::string sandboxProfileInForce(std::string_view name, const Paths& paths);
 
 }  // namespace corvid

@@ -44,6 +44,23 @@ TEST_F(PublicKeysOfDevice, TheMainOneComesFirstAndFurtherOnesInNameOrder) {
   EXPECT_THAT(keys.faults, IsEmpty());
 }
 
+TEST_F(PublicKeysOfDevice, TheAdministratorsMainOneTakesThePlaceOfTheOneThatCameWithTheSystem) {
+  files.files[paths.publicKeyFile] = {strange, {}};
+  files.files[paths.administratorsPublicKeyFile] = {trusted, {}};
+  const PublicKeys keys = read();
+  EXPECT_THAT(keys.files, ElementsAre(paths.administratorsPublicKeyFile));
+  EXPECT_EQ(keys.mainFile, "/root/etc/corvid/publicKey.der");
+}
+
+TEST_F(PublicKeysOfDevice, AnAdministratorsMainOneThatIsNoKeyIsNotReplacedByTheOther) {
+  files.files[paths.publicKeyFile] = {trusted, {}};
+  files.files[paths.administratorsPublicKeyFile] = {"no key", {}};
+  const PublicKeys keys = read();
+  EXPECT_THAT(keys.usable, IsEmpty());
+  ASSERT_EQ(keys.faults.size(), 1u);
+  EXPECT_EQ(keys.faults[0].path, paths.administratorsPublicKeyFile);
+}
+
 TEST_F(PublicKeysOfDevice, AFileThatIsNoUsableKeyIsAFaultAndTheOthersCount) {
   further("a.der", "no key");
   further("b.der", trusted);

@@ -9,6 +9,7 @@ namespace {
 
 using testing::Contains;
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 
@@ -118,6 +119,29 @@ TEST(SandboxProfile, IsReadFromItsFile) {
   const auto missing = SandboxProfile::fromFile(scratch.path() + "/missing", {});
   ASSERT_FALSE(missing);
   EXPECT_EQ(missing.failure().message, scratch.path() + "/missing: No such file or directory");
+}
+
+TEST(SandboxProfile, OfTheAdministratorTakesThePlaceOfTheOneThatCameWithTheSystem) {
+  const ScratchFolder scratch;
+  const Paths paths(scratch.path());
+  const auto profileOf = [](const std::string& call) {
+    return "<plist version=\"1.0\"><dict><key>systemCalls</key><array><string>" + call +
+           "</string></array></dict></plist>";
+  };
+  scratch.write("usr/share/corvid/sandbox/x.plist", profileOf("read"));
+  const auto theirs = SandboxProfile::named("x", paths, {});
+  ASSERT_TRUE(theirs) << theirs.failure().message;
+  EXPECT_THAT(theirs.value().systemCalls, ElementsAre("read"));
+
+  scratch.write("etc/corvid/sandbox/x.plist", profileOf("write"));
+  const auto own = SandboxProfile::named("x", paths, {});
+  ASSERT_TRUE(own) << own.failure().message;
+  EXPECT_THAT(own.value().systemCalls, ElementsAre("write"));
+
+  scratch.write("etc/corvid/sandbox/x.plist", "none");
+  const auto damaged = SandboxProfile::named("x", paths, {});
+  ASSERT_FALSE(damaged);
+  EXPECT_THAT(damaged.failure().message, HasSubstr("/etc/corvid/sandbox/x.plist"));
 }
 
 TEST(SandboxProfile, OfTheDaemonNamesNothingDangerous) {
