@@ -1,15 +1,18 @@
 // libcorvid for C++17 and later: owners and std::function callbacks over corvid.h, whose contract
-// holds here too. Header only; nothing throws but std::bad_alloc.
+// holds here too. Header only, and nothing here throws: it can be used with -fno-exceptions. A lack
+// of memory is a status, or, where the standard library finds it, what that makes of it.
 #ifndef CORVID_CORVID_HPP
 #define CORVID_CORVID_HPP
 
 #include <corvid/corvid.h>
 
 #include <chrono>
+#include <corvid/values.hpp>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <memory>
-#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -17,223 +20,56 @@
 
 namespace corvid::client {
 
-// A result code.
-class [[nodiscard]] Status {
+// The states of a session that somebody else owns: its backends, what each does and why; or none.
+class StatesView {
  public:
-  constexpr Status(int code) : _code(code) {}
-  constexpr int code() const { return _code; }
-  constexpr explicit operator bool() const { return _code == CORVID_OK; }
-  const char* text() const { return corvid_error_text(_code); }
-  constexpr bool operator==(Status other) const { return _code == other._code; }
-
- private:
-  int _code;
-};
-
-class ArrayView;
-class DictionaryView;
-
-// A value inside an array or a dictionary that somebody else owns; or none.
-class ValueView {
- public:
-  explicit ValueView(const corvid_value_t* value) : _value(value) {}
-
-  explicit operator bool() const { return _value != nullptr; }
-  const corvid_value_t* get() const { return _value; }
-  corvid_type_t type() const { return corvid_value_type(_value); }
-  // Nothing where the value is of another type.
-  std::optional<bool> boolean() const { return read<bool>(corvid_value_get_boolean); }
-  std::optional<std::int64_t> integer() const {
-    return read<std::int64_t>(corvid_value_get_integer);
-  }
-  std::optional<double> real() const { return read<double>(corvid_value_get_real); }
-  // Seconds since 1970-01-01 00:00 UTC.
-  std::optional<double> date() const { return read<double>(corvid_value_get_date); }
-  std::optional<std::string_view> string() const {
-    std::size_t length = 0;
-    const char* text = corvid_value_string(_value, &length);
-    return text ? std::optional(std::string_view(text, length)) : std::nullopt;
-  }
-  std::optional<std::string_view> data() const {
-    std::size_t length = 0;
-    const auto* bytes = static_cast<const char*>(corvid_value_data(_value, &length));
-    return bytes ? std::optional(std::string_view(bytes, length)) : std::nullopt;
-  }
-  inline ArrayView array() const;
-  inline DictionaryView dictionary() const;
-
- private:
-  template <class T>
-  std::optional<T> read(int (*function)(const corvid_value_t*, T*)) const {
-    T result{};
-    return function(_value, &result) == CORVID_OK ? std::optional(result) : std::nullopt;
-  }
-
-  const corvid_value_t* _value;
-};
-
-// An array that somebody else owns; or none.
-class ArrayView {
- public:
-  explicit ArrayView(const corvid_array_t* array) : _array(array) {}
-  explicit operator bool() const { return _array != nullptr; }
-  const corvid_array_t* get() const { return _array; }
-  std::size_t size() const { return corvid_array_count(_array); }
-  ValueView operator[](std::size_t index) const {
-    return ValueView(corvid_array_get(_array, index));
-  }
-
- private:
-  const corvid_array_t* _array;
-};
-
-// A dictionary that somebody else owns; or none.
-class DictionaryView {
- public:
-  struct Entry {
-    std::string_view key;
-    ValueView value;
+  struct Backend {
+    std::string_view name;
+    std::string_view state;   // waiting, disabled, sending or held
+    std::string_view reason;  // a word of the closed list
   };
+  using Iterator = ViewIterator<StatesView, Backend>;
 
-  explicit DictionaryView(const corvid_dictionary_t* dictionary) : _dictionary(dictionary) {}
-  explicit operator bool() const { return _dictionary != nullptr; }
-  const corvid_dictionary_t* get() const { return _dictionary; }
-  std::size_t size() const { return corvid_dictionary_count(_dictionary); }
-  ValueView operator[](const char* key) const {
-    return ValueView(corvid_dictionary_get(_dictionary, key));
+  explicit StatesView(const corvid_states_t* states) : _states(states) {}
+  explicit operator bool() const { return _states != nullptr; }
+  const corvid_states_t* get() const { return _states; }
+  // Why the session has no backends; nothing where it has.
+  std::optional<std::string_view> reason() const { return textOf(corvid_states_reason(_states)); }
+  std::size_t size() const { return corvid_states_count(_states); }
+  Backend at(std::size_t index) const {
+    return {textOf(corvid_states_backend_name(_states, index)).value_or(std::string_view()),
+            textOf(corvid_states_backend_state(_states, index)).value_or(std::string_view()),
+            textOf(corvid_states_backend_reason(_states, index)).value_or(std::string_view())};
   }
-  Entry entry(std::size_t index) const {
-    const char* key = nullptr;
-    std::size_t length = 0;
-    const ValueView value(corvid_dictionary_entry(_dictionary, index, &key, &length));
-    return {std::string_view(key, length), value};
-  }
-
- private:
-  const corvid_dictionary_t* _dictionary;
-};
-
-ArrayView ValueView::array() const { return ArrayView(corvid_value_array(_value)); }
-DictionaryView ValueView::dictionary() const {
-  return DictionaryView(corvid_value_dictionary(_value));
-}
-
-// Kinds of value that C++ types do not tell apart.
-struct Data {
-  std::string_view bytes;
-};
-struct Date {
-  double secondsSince1970;
-};
-
-// Owners of objects of the C interface.
-template <class T, void (*destroy)(T*)>
-struct Destroy {
-  void operator()(T* object) const { destroy(object); }
-};
-template <class T, void (*destroy)(T*)>
-using Owner = std::unique_ptr<T, Destroy<T, destroy>>;
-
-class Array {
- public:
-  Array() : Array(corvid_array_create()) {}
-  explicit Array(ArrayView other) : Array(corvid_array_copy(other.get())) {}
-  Array(const Array& other) : Array(ArrayView(other)) {}
-  Array(Array&&) noexcept = default;
-  Array& operator=(Array other) noexcept {
-    _array.swap(other._array);
-    return *this;
-  }
-
-  operator ArrayView() const { return ArrayView(_array.get()); }
-  const corvid_array_t* get() const { return _array.get(); }
-  std::size_t size() const { return corvid_array_count(_array.get()); }
-  ValueView operator[](std::size_t index) const { return ArrayView(*this)[index]; }
-
-  Status append(std::nullptr_t) { return corvid_array_append_null(_array.get()); }
-  Status append(bool value) { return corvid_array_append_boolean(_array.get(), value); }
-  Status append(int value) { return append(std::int64_t{value}); }
-  Status append(std::int64_t value) { return corvid_array_append_integer(_array.get(), value); }
-  Status append(double value) { return corvid_array_append_real(_array.get(), value); }
-  Status append(Date value) {
-    return corvid_array_append_date(_array.get(), value.secondsSince1970);
-  }
-  Status append(const char* value) { return append(std::string_view(value)); }
-  Status append(std::string_view value) {
-    return corvid_array_append_text(_array.get(), value.data(), value.size());
-  }
-  Status append(Data value) {
-    return corvid_array_append_data(_array.get(), value.bytes.data(), value.bytes.size());
-  }
-  Status append(ArrayView value) { return corvid_array_append_array(_array.get(), value.get()); }
-  Status append(DictionaryView value) {
-    return corvid_array_append_dictionary(_array.get(), value.get());
-  }
-  Status append(ValueView value) { return corvid_array_append_value(_array.get(), value.get()); }
+  Backend operator[](std::size_t index) const { return at(index); }
+  Iterator begin() const { return Iterator(*this, 0); }
+  Iterator end() const { return Iterator(*this, size()); }
+  // The names of those that report.
+  ArrayView reporting() const { return ArrayView(corvid_states_reporting(_states)); }
 
  private:
-  explicit Array(corvid_array_t* array) : _array(array) {
-    if (!_array) throw std::bad_alloc();
+  static std::optional<std::string_view> textOf(const char* text) {
+    return text ? std::optional(std::string_view(text)) : std::nullopt;
   }
-  Owner<corvid_array_t, corvid_array_destroy> _array;
+  const corvid_states_t* _states;
 };
 
-class Dictionary {
- public:
-  Dictionary() : Dictionary(corvid_dictionary_create()) {}
-  explicit Dictionary(DictionaryView other) : Dictionary(corvid_dictionary_copy(other.get())) {}
-  Dictionary(const Dictionary& other) : Dictionary(DictionaryView(other)) {}
-  Dictionary(Dictionary&&) noexcept = default;
-  Dictionary& operator=(Dictionary other) noexcept {
-    _dictionary.swap(other._dictionary);
-    return *this;
-  }
+// The answer that the callback running on this thread was called with.
+struct Answer {
+  corvid_disposition_t disposition = CORVID_DISPOSITION_UNKNOWN;
+  // Why nobody took the message; nothing where somebody did, or where that is not known.
+  std::optional<std::string_view> reason;
+  // Of startConfig and fetchStates, else none.
+  StatesView states{nullptr};
 
-  operator DictionaryView() const { return DictionaryView(_dictionary.get()); }
-  const corvid_dictionary_t* get() const { return _dictionary.get(); }
-  std::size_t size() const { return corvid_dictionary_count(_dictionary.get()); }
-  ValueView operator[](const char* key) const { return DictionaryView(*this)[key]; }
-
-  Status set(const char* key, std::nullptr_t) {
-    return corvid_dictionary_set_null(_dictionary.get(), key);
+  // In a callback, and valid until that returns.
+  static Answer current() {
+    const corvid_answer_t* const answer = corvid_current_answer();
+    const char* const reason = corvid_answer_reason(answer);
+    return {corvid_answer_disposition(answer),
+            reason ? std::optional(std::string_view(reason)) : std::nullopt,
+            StatesView(corvid_answer_states(answer))};
   }
-  Status set(const char* key, bool value) {
-    return corvid_dictionary_set_boolean(_dictionary.get(), key, value);
-  }
-  Status set(const char* key, int value) { return set(key, std::int64_t{value}); }
-  Status set(const char* key, std::int64_t value) {
-    return corvid_dictionary_set_integer(_dictionary.get(), key, value);
-  }
-  Status set(const char* key, double value) {
-    return corvid_dictionary_set_real(_dictionary.get(), key, value);
-  }
-  Status set(const char* key, Date value) {
-    return corvid_dictionary_set_date(_dictionary.get(), key, value.secondsSince1970);
-  }
-  Status set(const char* key, const char* value) { return set(key, std::string_view(value)); }
-  Status set(const char* key, std::string_view value) {
-    return corvid_dictionary_set_text(_dictionary.get(), key, value.data(), value.size());
-  }
-  Status set(const char* key, Data value) {
-    return corvid_dictionary_set_data(_dictionary.get(), key, value.bytes.data(),
-                                      value.bytes.size());
-  }
-  Status set(const char* key, ArrayView value) {
-    return corvid_dictionary_set_array(_dictionary.get(), key, value.get());
-  }
-  Status set(const char* key, DictionaryView value) {
-    return corvid_dictionary_set_dictionary(_dictionary.get(), key, value.get());
-  }
-  Status set(const char* key, ValueView value) {
-    return corvid_dictionary_set_value(_dictionary.get(), key, value.get());
-  }
-  void remove(const char* key) { corvid_dictionary_remove(_dictionary.get(), key); }
-
- private:
-  explicit Dictionary(corvid_dictionary_t* dictionary) : _dictionary(dictionary) {
-    if (!_dictionary) throw std::bad_alloc();
-  }
-  Owner<corvid_dictionary_t, corvid_dictionary_destroy> _dictionary;
 };
 
 // An error object of the daemon.
@@ -263,6 +99,15 @@ class Session {
         message;
     std::function<void()> invalidated;
     std::function<void()> reconnected;
+    std::function<void()> connected;
+    // The states or their reasons have changed. With this handler the session asks to be told.
+    std::function<void(StatesView)> statesChanged;
+    // The longest from the acceptance of a call to its answer; 0: none.
+    std::chrono::milliseconds answerDeadline{0};
+    // Callbacks wait for Session::dispatch().
+    bool dispatch = false;
+    // Answers in place of a daemon; borrowed.
+    corvid_test_sink_t* testSink = nullptr;
   };
 
   // A session that could not be created refuses every call; status() says why.
@@ -272,10 +117,18 @@ class Session {
     corvid_options_t c = CORVID_OPTIONS_INIT;
     if (!kept->root.empty()) c.root = kept->root.c_str();
     c.deadline_ms = static_cast<std::uint32_t>(kept->deadline.count());
+    c.answer_deadline_ms = static_cast<std::uint32_t>(kept->answerDeadline.count());
+    c.dispatch = kept->dispatch;
+    c.test_sink = kept->testSink;
     c.context = kept.get();
     if (kept->message) c.message = &Session::message;
     if (kept->invalidated) c.invalidated = [](void* o) { static_cast<Options*>(o)->invalidated(); };
     if (kept->reconnected) c.reconnected = [](void* o) { static_cast<Options*>(o)->reconnected(); };
+    if (kept->connected) c.connected = [](void* o) { static_cast<Options*>(o)->connected(); };
+    if (kept->statesChanged)
+      c.states_changed = [](void* o, const corvid_states_t* states) {
+        static_cast<Options*>(o)->statesChanged(StatesView(states));
+      };
     c.released = [](void* o) { delete static_cast<Options*>(o); };
     corvid_session_t* session = nullptr;
     _status = corvid_session_create(&c, &session);
@@ -288,9 +141,18 @@ class Session {
 
   Status connect() { return corvid_session_connect(_session.get()); }
 
+  // For event loops, with Options::dispatch: readable while callbacks wait, which dispatch() runs.
+  int fd() const { return corvid_session_get_fd(_session.get()); }
+  Status dispatch() { return corvid_session_dispatch(_session.get()); }
+
+  // The operations. A dictionary or array with a failed status() is refused with that.
+
   Status setSessionInfo(DictionaryView sessionInfo, DictionaryView userInfo = none(),
                         ArrayView frameworks = ArrayView(nullptr), bool hasAggregationBlock = false,
                         Finished finished = nullptr) {
+    const Status sound =
+        firstFailure({sessionInfo.status(), userInfo.status(), frameworks.status()});
+    if (!sound) return sound;
     return perform<TextCallback>(nullptr, std::move(finished), [&](auto, auto end, void* context) {
       return corvid_session_set_session_info(_session.get(), sessionInfo.get(), userInfo.get(),
                                              frameworks.get(), hasAggregationBlock, end, context);
@@ -301,6 +163,7 @@ class Session {
   }
   Status fetchStates(DictionaryView userInfo, StatesCallback callback = nullptr,
                      Finished finished = nullptr) {
+    if (!userInfo.status()) return userInfo.status();
     return call(std::move(callback), std::move(finished), corvid_session_fetch_states,
                 userInfo.get());
   }
@@ -309,11 +172,13 @@ class Session {
   }
   Status sendMessage(std::uint16_t category, std::uint16_t type, DictionaryView payload = none(),
                      TextCallback callback = nullptr, Finished finished = nullptr) {
+    if (!payload.status()) return payload.status();
     return call(std::move(callback), std::move(finished), corvid_session_send_message, category,
                 type, payload.get());
   }
   Status sendMessage(DictionaryView message, TextCallback callback = nullptr,
                      Finished finished = nullptr) {
+    if (!message.status()) return message.status();
     return call(std::move(callback), std::move(finished),
                 corvid_session_send_message_with_dictionary, message.get());
   }
@@ -329,6 +194,7 @@ class Session {
   }
   Status uploadLogData(ArrayView logData, SuccessCallback callback = nullptr,
                        Finished finished = nullptr) {
+    if (!logData.status()) return logData.status();
     return call(std::move(callback), std::move(finished), corvid_session_upload_log_data,
                 logData.get());
   }
@@ -336,6 +202,8 @@ class Session {
                            std::uint16_t category, std::uint16_t type,
                            DictionaryView payload = none(), TextCallback callback = nullptr,
                            Finished finished = nullptr) {
+    const Status sound = firstFailure({sessionInfo.status(), userInfo.status(), payload.status()});
+    if (!sound) return sound;
     return call(std::move(callback), std::move(finished), corvid_session_send_single_message,
                 sessionInfo.get(), userInfo.get(), category, type, payload.get());
   }
@@ -348,6 +216,12 @@ class Session {
     Callback callback;
     Finished finished;
   };
+
+  static Status firstFailure(std::initializer_list<Status> all) {
+    for (const Status each : all)
+      if (!each) return each;
+    return CORVID_OK;
+  }
 
   static void message(void* options, const corvid_dictionary_t* message, double timestamp,
                       std::uint16_t category, std::uint16_t type,
