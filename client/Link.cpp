@@ -34,6 +34,12 @@ std::size_t bytesOf(const Answer& answer) {
          (answer.reporting || answer.states ? states : 0);
 }
 
+// Once, whoever finds first that it has ended.
+void failCallOf(Session& session, const SharedCall& call, int error) {
+  if (std::exchange(call->hasEnded, true) || !call->completion.isHeard()) return;
+  session.callbacks().run([call, error] { call->completion.fail(error); });
+}
+
 }  // namespace
 
 template <class Handler, class Call>
@@ -105,10 +111,7 @@ void Link::endCall(const SharedCall& call, Answer answer) {
                            bytes);
 }
 
-void Link::failCall(const SharedCall& call, int error) {
-  if (std::exchange(call->hasEnded, true) || !call->completion.isHeard()) return;
-  _session.callbacks().run([call, error] { call->completion.fail(error); });
-}
+void Link::failCall(const SharedCall& call, int error) { failCallOf(_session, call, error); }
 
 Link::UnderWay Link::take(Place place) {
   UnderWay underWay = std::move(*place);
@@ -210,10 +213,7 @@ void serveConnection(Session& session, Session::Connection connection) {
   const int error = stopping ? CORVID_ERROR_CLOSED : CORVID_ERROR_CONNECTION_LOST;
   link->failAll(error);
   link = nullptr;
-  for (const SharedCall& call : waiting) {
-    if (call->hasEnded || !call->completion.isHeard()) continue;
-    session.callbacks().run([call, error] { call->completion.fail(error); });
-  }
+  for (const SharedCall& call : waiting) failCallOf(session, call, error);
   const corvid_options_t& host = session.handlers();
   if (!stopping && host.invalidated != nullptr)
     session.callbacks().run([&host] { host.invalidated(host.context); });
@@ -225,8 +225,7 @@ std::thread serve(std::shared_ptr<Session> session) {
   return startThread("libcorvid", [session = std::move(session)] {
     while (auto connection = session->awaitConnection())
       serveConnection(*session, *std::move(connection));
-    for (const SharedCall& call : session->leave())
-      session->callbacks().run([call] { call->completion.fail(CORVID_ERROR_CLOSED); });
+    for (const SharedCall& call : session->leave()) failCallOf(*session, call, CORVID_ERROR_CLOSED);
     const corvid_options_t& host = session->handlers();
     if (host.released != nullptr)
       session->callbacks().run([&host] { host.released(host.context); });
