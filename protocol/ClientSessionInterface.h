@@ -37,6 +37,7 @@ struct StatesReport {
     std::string name;
     std::string_view state;  // a word of a static text
     Reason reason = Reason::reporting;
+    bool reports = false;  // its name is among the states
     bool operator==(const Backend&) const = default;
   };
   std::optional<Reason> reason{};  // why there are none; absent where there are

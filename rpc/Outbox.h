@@ -1,9 +1,8 @@
 // What other threads hand to a connection's thread: deliveries for the client, that its states have
 // changed, and the outcome of calls that were answered elsewhere.
 //
-// Threads   add, noteStates, post, close, dropped: any, never waiting. The rest: the connection's
-// thread. Limits    limits::deliveriesWaiting and limits::deliveryBytesWaiting, and what the
-// client's user
+// Threads   add, noteStates, post, close, dropped: any, never waiting. The rest: the connection's.
+// Limits    limits::deliveriesWaiting and limits::deliveryBytesWaiting, and what the client's user
 //           may have kept; past any the oldest deliveries are dropped, counted, and logged once.
 // Life      Outlives the connection where replies or proxies do, and takes nothing after stop().
 #pragma once

@@ -17,7 +17,7 @@ capnp::Text::Reader wordOnWire(Reason reason) {
 Array reportingStates(const StatesReport& report) {
   Array names;
   for (const auto& backend : report.backends)
-    if (backend.state == "sending" || backend.state == "held") names.emplace_back(backend.name);
+    if (backend.reports) names.emplace_back(backend.name);
   return names;
 }
 

@@ -17,6 +17,10 @@ namespace {
 // flush.
 constinit RecursiveMutex flushMutex;
 
+bool reports(BackendState state) {
+  return state == BackendState::sending || state == BackendState::held;
+}
+
 // Outlives its session where it must.
 class PendingFlush {
  public:
@@ -72,7 +76,7 @@ std::vector<StatesReport::Backend> SessionBackends::report() const {
   std::vector<StatesReport::Backend> all;
   for (const auto& [key, backend] : _table) {
     const auto [state, reason] = backend->standing();
-    all.push_back({key, wordOf(state), reason});
+    all.push_back({key, wordOf(state), reason, reports(state)});
   }
   return all;
 }
@@ -80,8 +84,7 @@ std::vector<StatesReport::Backend> SessionBackends::report() const {
 Array SessionBackends::reportingStates() const {
   Array names;
   for (const auto& [key, backend] : _table) {
-    const BackendState state = backend->state();
-    if (state == BackendState::sending || state == BackendState::held) names.emplace_back(key);
+    if (reports(backend->state())) names.emplace_back(key);
   }
   return names;
 }

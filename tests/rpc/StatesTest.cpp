@@ -16,7 +16,7 @@ namespace {
 using Report = StatesReport;
 
 const Report sampledOut{.backends = {{"httpPost", "disabled", Reason::sampledOut}}};
-const Report sending{.backends = {{"httpPost", "sending", Reason::reporting},
+const Report sending{.backends = {{"httpPost", "sending", Reason::reporting, true},
                                   {"dashboard", "disabled", Reason::noConsent}}};
 
 // "httpPost sending reporting, ..." or the session's reason, then the states.

@@ -41,7 +41,7 @@ TEST_F(CorviddSessionReasonsTest, TheReportIsWhatTheStatusShows) {
   configureAndStart();
   const StatesReport report = session->statesReport();
   EXPECT_EQ(report.reason, std::nullopt);
-  EXPECT_THAT(report.backends, ElementsAre(Backend{"dashboard", "sending", Reason::reporting},
+  EXPECT_THAT(report.backends, ElementsAre(Backend{"dashboard", "sending", Reason::reporting, true},
                                            Backend{"httpPost", "disabled", Reason::reporting}));
 }
 
