@@ -115,9 +115,10 @@ std::vector<Dictionary> Ledger::latest(std::size_t most,
 }
 
 Decision& Ledger::makeRoom() {
-  const std::uint64_t position = ++_lastPosition;
+  const std::uint64_t position = _lastPosition + 1;
   if (_decisions.size() < remembered)
     _decisions.resize(std::min<std::size_t>(position + 1, remembered));
+  _lastPosition = position;
   return _decisions[position % remembered];
 }
 
