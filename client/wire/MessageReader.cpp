@@ -8,6 +8,8 @@ constexpr std::size_t wordBytes = 8;
 constexpr std::size_t mostSegments = 512;
 // Deeper than any message of the protocol, values within each other included.
 constexpr std::size_t mostDepth = 80;
+// A reader may look at a field more than once.
+constexpr std::size_t mostReadings = 4;
 
 enum Kind { aStruct = 0, aList = 1, aFarPointer = 2 };
 enum Elements { bytesEach = 2, structs = 7 };
@@ -50,7 +52,8 @@ std::optional<std::size_t> MessageReader::sizeOf(std::string_view stream, std::s
   return bytes;
 }
 
-MessageReader::MessageReader(std::string_view message) {
+MessageReader::MessageReader(std::string_view message)
+    : _wordsLeft(mostReadings * message.size() / wordBytes) {
   const std::size_t segments = segmentsIn(message);
   _segments.reserve(segments);
   std::size_t at = headerBytes(segments);
@@ -59,6 +62,11 @@ MessageReader::MessageReader(std::string_view message) {
     _segments.push_back(message.substr(at, bytes));
     at += bytes;
   }
+}
+
+void MessageReader::spend(std::size_t words) const {
+  if (words > _wordsLeft) throw BadMessage("a message that leads to the same words over and over");
+  _wordsLeft -= words;
 }
 
 void MessageReader::require(std::size_t segment, std::size_t at, std::size_t words) const {
@@ -91,6 +99,7 @@ MessageReader::Struct MessageReader::place(std::size_t segment, std::size_t at, 
                                            std::size_t depth) const {
   require(segment, at, wordsOf(size));
   if (depth > mostDepth) throw BadMessage("a message nested too deeply");
+  spend(wordsOf(size) + 1);
   Struct result;
   result._message = this;
   result._data = _segments[segment].substr(at * wordBytes, size.data * wordBytes);
@@ -157,7 +166,9 @@ std::string_view MessageReader::Struct::bytesAt(Pointer at) const {
   if (kindOf(target.description) != aList || elementsOf(target.description) != bytesEach)
     throw BadMessage("a pointer of another kind");
   const std::size_t length = countOf(target.description);
-  _message->require(target.segment, target.at, (length + wordBytes - 1) / wordBytes);
+  const std::size_t words = (length + wordBytes - 1) / wordBytes;
+  _message->require(target.segment, target.at, words);
+  _message->spend(words);
   return _message->_segments[target.segment].substr(target.at * wordBytes, length);
 }
 

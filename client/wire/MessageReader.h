@@ -4,8 +4,9 @@
 // The message comes from the daemon, which is trusted with the content, not with the bounds:
 // everything is checked. A field that the sender's schema did not know is zero or absent.
 //
-// Threads: any number may read.
-// Errors: BadMessage, where it is malformed.
+// Threads: one at a time.
+// Errors: BadMessage, where it is malformed, or leads to the same words again and again so that
+//         more is read of it than there is.
 #pragma once
 
 #include <cstddef>
@@ -102,7 +103,11 @@ class MessageReader {
   Struct structAt(std::size_t segment, std::size_t pointer, std::size_t depth) const;
   Struct place(std::size_t segment, std::size_t at, Size size, std::size_t depth) const;
 
+  // Takes what is read of the message from what may be.
+  void spend(std::size_t words) const;
+
   std::vector<std::string_view> _segments;
+  mutable std::size_t _wordsLeft;
 };
 
 }  // namespace corvid::library::wire

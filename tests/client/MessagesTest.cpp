@@ -154,6 +154,47 @@ TEST(Messages, NoBytesLeadTheReaderOutOfTheMessage) {
   EXPECT_GT(understood, 1000u);
 }
 
+// A list of `count` texts that are all the same words: what a message of `length` and a little says
+// is count times as long.
+std::string oneTextOftenReferred(std::uint32_t count, std::uint32_t length) {
+  ours::MessageBuilder builder;
+  auto root = builder.initRoot(deliveryShape);
+  Array texts(count, "");
+  texts[0] = std::string(length, 'x');
+  ours::encode(Dictionary{{"texts", texts}}, root, ours::Delivery::message);
+  std::string bytes(builder.finished());
+  // Every text's pointer leads to the first one's bytes.
+  constexpr std::uint64_t bytesEach = 2;
+  const auto pointerTo = [&](std::size_t at, std::size_t words, std::uint64_t size) {
+    const std::uint64_t offset = (words - at - 1) & 0x3fffffff;
+    return 1 | offset << 2 | bytesEach << 32 | size << 35;
+  };
+  const auto wordAt = [&](std::size_t at) {
+    return loadLittle<std::uint64_t>(bytes.data() + at * 8);
+  };
+  const auto targetOf = [&](std::size_t at) {
+    return at + 1 + (static_cast<std::uint32_t>(wordAt(at)) >> 2);
+  };
+  const std::uint64_t first = 1 | bytesEach << 32 | std::uint64_t{length + 1} << 35;
+  const std::uint64_t rest = 1 | bytesEach << 32 | std::uint64_t{1} << 35;
+  std::size_t text = 0;
+  for (std::size_t at = 1; at < bytes.size() / 8; ++at) {
+    const std::uint64_t kind = wordAt(at) & 0xffffffff00000003;
+    if (kind == first) text = targetOf(at);
+    if (kind == rest && text != 0) {
+      const std::uint64_t pointer = pointerTo(at, text, length + 1);
+      std::memcpy(&bytes[at * 8], &pointer, sizeof pointer);
+    }
+  }
+  return bytes;
+}
+
+TEST(Messages, WordsThatAreReferredToOverAndOverAreNotReadThatOften) {
+  EXPECT_EQ(read(oneTextOftenReferred(3, 4000)),
+            (Dictionary{{"texts", Array(3, std::string(4000, 'x'))}}));
+  EXPECT_THROW(read(oneTextOftenReferred(50, 4000)), ours::BadMessage);
+}
+
 TEST(Messages, ValuesPastTheLimitsAreRefused) {
   Value deep = 1;
   for (std::size_t i = 0; i < limits::valueNesting - 1; ++i) deep = Array{deep};
