@@ -36,6 +36,9 @@ install(FILES packaging/sandbox/com.halcyon.corvidd.plist DESTINATION share/corv
 install(FILES packaging/examples/deployment.plist packaging/examples/device.plist
               packaging/examples/entitlement.plist packaging/examples/storebag.plist
         DESTINATION share/doc/corvidd/examples)
+install(DIRECTORY examples/ DESTINATION share/doc/libcorvid-dev/examples
+        FILES_MATCHING PATTERN *.c PATTERN *.cpp PATTERN *.py PATTERN *.md PATTERN CMakeLists.txt
+        PATTERN bundle EXCLUDE)
 install(FILES packaging/examples/nginx.conf DESTINATION share/doc/corvid-storebag/examples)
 install(FILES packaging/man/corvidctl.1 packaging/man/corvid-lab.1 packaging/man/corvid-storebag.1
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)

@@ -65,6 +65,15 @@ function(corvid_bundle name)
   set_target_properties(${name} PROPERTIES PREFIX "" C_VISIBILITY_PRESET default)
 endfunction()
 
+# corvid_add_project(folder): a folder that others can build by itself, here with this project's flags.
+function(corvid_add_project folder)
+  add_subdirectory(${folder})
+  get_property(programs DIRECTORY ${folder} PROPERTY BUILDSYSTEM_TARGETS)
+  foreach(program IN LISTS programs)
+    target_link_libraries(${program} PRIVATE corvid_flags)
+  endforeach()
+endfunction()
+
 # corvid_test(name SOURCES a_test.cpp ... LINK targets ... [TIMEOUT seconds] [ALONE]): one test program,
 # each case a CTest test. ALONE: no other test runs beside it.
 function(corvid_test name)
