@@ -42,6 +42,24 @@ install(DIRECTORY examples/ DESTINATION share/doc/libcorvid-dev/examples
 install(FILES packaging/examples/nginx.conf DESTINATION share/doc/corvid-storebag/examples)
 install(FILES packaging/man/corvidctl.1 packaging/man/corvid-lab.1 packaging/man/corvid-storebag.1
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+# Section 3: each page, and a link to it from every other function that it is about.
+file(GLOB pages CONFIGURE_DEPENDS packaging/man/*.3)
+install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man3)
+file(MAKE_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/man3)
+set(links)
+foreach(page IN LISTS pages)
+  get_filename_component(target ${page} NAME)
+  file(STRINGS ${page} names REGEX "^\\.Nm ")
+  foreach(name IN LISTS names)
+    string(REGEX REPLACE "^\\.Nm ([^ ]+).*" "\\1.3" link ${name})
+    if(NOT link STREQUAL target)
+      file(CREATE_LINK ${target} ${CMAKE_CURRENT_BINARY_DIR}/man3/${link} SYMBOLIC)
+      list(APPEND links ${CMAKE_CURRENT_BINARY_DIR}/man3/${link})
+    endif()
+  endforeach()
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${page})
+endforeach()
+install(FILES ${links} DESTINATION ${CMAKE_INSTALL_MANDIR}/man3)
 install(FILES packaging/man/corvid-deployment.5 packaging/man/corvid-device.5
               packaging/man/corvid-entitlements.5 packaging/man/corvid-storebag.5
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man5)
