@@ -45,6 +45,14 @@ if(CORVID_TESTS)
   endif()
   # An independent reader and writer of property lists to compare with.
   corvid_find_module(plist libplist-2.0 libplist-dev)
+  # The system's own, which Debian's pytest is for.
+  find_program(CORVID_PYTHON python3 PATHS /usr/bin NO_DEFAULT_PATH)
+  mark_as_advanced(CORVID_PYTHON)
+  corvid_require("${CORVID_PYTHON}" "Python 3" python3)
+  execute_process(COMMAND ${CORVID_PYTHON} -c "import pytest" RESULT_VARIABLE lacks_pytest ERROR_QUIET)
+  if(lacks_pytest)
+    corvid_require(NO pytest python3-pytest)
+  endif()
 endif()
 
 # Cap'n Proto. A program with the property CORVID_CAPNP_ARCHIVES takes its archives where they are

@@ -37,7 +37,7 @@ install(FILES packaging/examples/deployment.plist packaging/examples/device.plis
               packaging/examples/entitlement.plist packaging/examples/storebag.plist
         DESTINATION share/doc/corvidd/examples)
 install(DIRECTORY examples/ DESTINATION share/doc/libcorvid-dev/examples
-        FILES_MATCHING PATTERN *.c PATTERN *.cpp PATTERN *.py PATTERN *.md PATTERN CMakeLists.txt
+        FILES_MATCHING PATTERN *.c PATTERN *.cpp PATTERN *.md PATTERN CMakeLists.txt
         PATTERN bundle EXCLUDE)
 install(FILES packaging/examples/nginx.conf DESTINATION share/doc/corvid-storebag/examples)
 install(FILES packaging/man/corvidctl.1 packaging/man/corvid-lab.1 packaging/man/corvid-storebag.1
