@@ -29,6 +29,14 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/corvid-config.cmake
               ${CMAKE_CURRENT_BINARY_DIR}/corvid-config-version.cmake
         DESTINATION ${CORVID_CMAKE_FOLDER})
 
+# The Python package, where Debian's Python looks for modules of all its versions.
+set(CORVID_PYTHON_FOLDER lib/python3/dist-packages)
+configure_file(packaging/METADATA.in METADATA @ONLY)
+install(DIRECTORY python/corvid DESTINATION ${CORVID_PYTHON_FOLDER} PATTERN __pycache__ EXCLUDE)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/METADATA
+        DESTINATION ${CORVID_PYTHON_FOLDER}/corvid-${PROJECT_VERSION}.dist-info)
+install(FILES examples/python_client.py DESTINATION share/doc/python3-corvid/examples)
+
 configure_file(packaging/Info.plist.in Info.plist @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/Info.plist DESTINATION share/corvid)
 install(FILES packaging/sandbox/com.halcyon.corvidd.plist DESTINATION share/corvid/sandbox)
