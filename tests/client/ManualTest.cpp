@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "protocol/Reason.h"
 #include "tests/support/Scratch.h"
 #include "tests/support/ToolProcess.h"
 
@@ -151,6 +152,54 @@ TEST(Manual, ShowsEveryTypeOfCallbackAsTheHeadersDo) {
   for (const Page& page : allPages()) shown.merge(callbackTypesIn(page.shown));
   EXPECT_EQ(shown, callbackTypesIn(headers()));
   EXPECT_GT(shown.size(), 4u);
+}
+
+// The words that the pattern's first group gives.
+std::set<std::string> namesIn(const std::string& text, const std::string& pattern) {
+  std::set<std::string> names;
+  const std::regex named(pattern);
+  for (std::sregex_iterator at(text.begin(), text.end(), named), end; at != end; ++at)
+    names.insert((*at)[1]);
+  return names;
+}
+std::string manualPage(const std::string& name) {
+  return contentOf(std::string(CORVID_MAN_FOLDER) + "/" + name + ".3");
+}
+std::string guide() { return contentOf(std::string(CORVID_DOCS_FOLDER) + "/client.md"); }
+
+TEST(Manual, NamesEveryKeyAndTheGuideItsTextToo) {
+  const std::string text = headers();
+  const std::string pages =
+      manualPage("corvid_session_start_config") + manualPage("corvid_session_send_message");
+  const std::set<std::string> keys = namesIn(text, R"(#define (CORVID_KEY_\w+ "\w+"))");
+  EXPECT_EQ(keys.size(), 11u);
+  const std::string guide = corvid::guide();
+  for (const std::string& key : keys) {
+    const std::string name = key.substr(0, key.find(' '));
+    const std::string word = key.substr(name.size() + 2, key.size() - name.size() - 3);
+    EXPECT_NE(guide.find("| `" + name + "` `" + word + "` |"), guide.npos) << key;
+    EXPECT_NE(pages.find(name), pages.npos) << key;
+  }
+}
+
+TEST(Manual, NamesEveryResultCode) {
+  const std::set<std::string> codes = namesIn(headers(), R"(CORVID_ERROR_(\w+) = )");
+  EXPECT_EQ(codes.size(), 15u);
+  EXPECT_EQ(namesIn(manualPage("corvid"), R"(\.It Dv CORVID_ERROR_(\w+))"), codes);
+  const std::string text = guide();
+  const std::string table = text.substr(text.find("## Result codes"));
+  for (const std::string& code : codes) EXPECT_NE(table.find("`" + code + "`"), table.npos) << code;
+}
+
+TEST(Manual, NamesEveryReasonThatAProgramIsTold) {
+  const std::string page = manualPage("corvid_states_reason") + " ";
+  for (const ReasonText& text : reasonTexts) {
+    const bool isTold =
+        text.reason != Reason::notEntitled && text.reason != Reason::tooManyConnections &&
+        text.reason != Reason::controlNotEntitled && text.reason != Reason::lostAtStop;
+    const std::regex word("[ \n]" + std::string(text.word) + "[ \n]");
+    EXPECT_EQ(std::regex_search(page, word), isTold) << text.word;
+  }
 }
 
 }  // namespace

@@ -1,5 +1,8 @@
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <iterator>
 #include <limits>
 
 #include "config/Environment.h"
@@ -30,6 +33,18 @@ TEST(ClientTypes, HaveTheirTags) {
   ASSERT_EQ(tags.size(), 18u);
   for (std::size_t type = 0; type < tags.size(); ++type)
     EXPECT_EQ(clientTagForClientType(static_cast<std::int32_t>(type)), tags[type]) << type;
+}
+
+// docs/client.md, whose table has two types a row.
+TEST(ClientTypes, StandInTheGuideForClients) {
+  std::ifstream file(std::string(CORVID_SOURCE_FOLDER) + "/docs/client.md");
+  const std::string guide{std::istreambuf_iterator<char>(file), {}};
+  for (std::int32_t type = -1; type < 20; ++type) {
+    const auto storebag = storebagNameForClientType(type);
+    const std::string row = fmt::format("| {} | {} | `{}` |", type, storebag.value_or("none"),
+                                        clientTagForClientType(type));
+    EXPECT_EQ(guide.find(row) != guide.npos, storebag.has_value()) << row;
+  }
 }
 
 TEST(ClientTypes, OutsideTheTableHaveNoTag) {
