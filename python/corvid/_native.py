@@ -71,16 +71,21 @@ _calls: dict[int, _UnderWay[Any]] = {}
 _sessions: dict[int, NativeSession] = {}
 
 
+# A call that Ctrl-C has interrupted as it was accepted is not here, and nobody waits for it.
+
+
 def _on_answer(number: int, code: int, *given: Any) -> None:
-    call = _calls[number]
-    with call.session.calling_back():
-        call.answer(code, given)
+    call = _calls.get(number)
+    if call is not None:
+        with call.session.calling_back():
+            call.answer(code, given)
 
 
 def _on_finished(number: int, outcome: int) -> None:
-    call = _calls.pop(number)
-    with call.session.calling_back():
-        call.finish(outcome)
+    call = _calls.pop(number, None)
+    if call is not None:
+        with call.session.calling_back():
+            call.finish(outcome)
 
 
 def _tell(number: int, handler: str, *given: Any) -> None:
@@ -147,7 +152,7 @@ class NativeSession:
         options = _abi.corvid_options_t(
             size=ctypes.sizeof(_abi.corvid_options_t),
             root=None if root is None else in_file_system(root),
-            deadline_ms=_milliseconds(deadline, "deadline"),
+            deadline_ms=milliseconds(deadline, "deadline"),
             context=number,
             released=_RELEASED,
             dispatch=dispatch,
@@ -155,7 +160,7 @@ class NativeSession:
         )
         if answer_deadline is not None:
             # None is no deadline; the library says 0 for that.
-            options.answer_deadline_ms = max(1, _milliseconds(answer_deadline, "answer_deadline"))
+            options.answer_deadline_ms = max(1, milliseconds(answer_deadline, "answer_deadline"))
         if test_sink is not None:
             options.test_sink = test_sink._as_parameter_
         self._session = ctypes.POINTER(_abi.corvid_session_t)()
@@ -257,11 +262,12 @@ class NativeSession:
                 lib.corvid_session_destroy(self._session)
 
 
-def _milliseconds(seconds: float, name: str) -> int:
-    milliseconds = math.ceil(seconds * 1000)
-    if not 0 <= milliseconds < 2**32:
+def milliseconds(seconds: float, name: str) -> int:
+    """The library takes 32 bits; ctypes would cut off the others."""
+    whole = math.ceil(seconds * 1000)
+    if not 0 <= whole < 2**32:
         raise OverflowError(f"{name}: {seconds} seconds are outside of 0 to {2**32 // 1000 - 1}")
-    return milliseconds
+    return whole
 
 
 def _close_all() -> None:

@@ -135,7 +135,7 @@ class Session:
     Errors     As there. A call is made, and refused, when it is awaited.
     Cancelling Whoever awaits a call may be cancelled, by asyncio.timeout for example. The call goes
                on, since an accepted one cannot be withdrawn; its answer is dropped when it comes.
-    Threads    That of the event loop only. Handlers are plain functions and run there; what one
+    Threads    That of the event loop only; others get a RuntimeError. Handlers are plain functions and run there; what one
                raises goes to the loop's exception handler.
     End        close(), which `async with` awaits. It gives accepted calls until the deadline to be
                answered, while the loop goes on.
@@ -288,6 +288,8 @@ class Session:
         return await self._ask(_calls.upload_log_data(log_data))
 
     def _perform(self, call: Call[Any], future: asyncio.Future[Any] | None) -> None:
+        if asyncio.get_running_loop() is not self._loop:
+            raise RuntimeError("a corvid session is used outside of its event loop")
         self._native.perform(
             call, _Completion(self._under_way, future), answer=future is not None
         )

@@ -112,7 +112,8 @@ class Session:
         deadline            the longest that a method waits, in seconds
         answer_deadline     the longest from a call to its answer, in seconds, after which its reply
                             raises TimedOutError; None: none
-        dispatch            handlers and replies wait for dispatch(); see fileno()
+        dispatch            handlers and replies wait for dispatch(), so that whoever waits for a
+                            reply must not be the only one to call it; see fileno()
         test_sink           answers in place of a daemon
         on_message          deliveries for a session that aggregates
         on_states_changed   the states, or their reasons, are others than the daemon told last

@@ -21,6 +21,7 @@ from typing import Any
 from . import _abi, values
 from ._abi import lib
 from ._calls import uint16
+from ._native import milliseconds
 from .errors import ErrorCode, check, error_of
 from .results import Failure, States
 from .values import Storable, Value, from_array, from_dictionary
@@ -89,7 +90,7 @@ class TestSink:
     def await_calls(self, count: int, timeout: float = 10) -> list[Call]:
         """Waits until there are so many; TimeoutError where they have not come in so many seconds.
         In an event loop, rather await what makes them."""
-        if not lib.corvid_test_sink_await_calls(self, count, int(timeout * 1000)):
+        if not lib.corvid_test_sink_await_calls(self, count, milliseconds(timeout, "timeout")):
             raise TimeoutError(f"{lib.corvid_test_sink_call_count(self)} of {count} calls came")
         return self.calls()
 
@@ -120,6 +121,8 @@ class TestSink:
         withheld     nothing comes, until the answer deadline or the end of the connection
         reason       nobody took the message, for this reason; None: it was taken
         """
+        if times < 0:
+            raise OverflowError(f"times: {times} is below 0")
         answer = _abi.corvid_test_answer_t(
             size=ctypes.sizeof(_abi.corvid_test_answer_t),
             error=error,

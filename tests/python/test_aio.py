@@ -291,6 +291,18 @@ def test_a_forgotten_session_is_closed_with_a_warning(sink: TestSink) -> None:
     run(test)
 
 
+def test_a_session_is_of_its_loop_only(sink: TestSink) -> None:
+    async def test() -> None:
+        async with aio.Session(test_sink=sink) as session:
+            with pytest.raises(RuntimeError, match="no running event loop"):
+                await asyncio.to_thread(session.report, 1, 1)
+            with pytest.raises(RuntimeError, match="outside of its event loop"):
+                await asyncio.to_thread(asyncio.run, session.send(1, 1))
+        assert not sink.calls()
+
+    run(test)
+
+
 def test_without_a_loop_there_is_no_session(sink: TestSink) -> None:
     with pytest.raises(RuntimeError, match="no running event loop"):
         aio.Session(test_sink=sink)

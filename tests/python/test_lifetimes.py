@@ -49,6 +49,30 @@ def test_a_refused_call_leaves_nothing(sink: TestSink) -> None:
         assert not _native._calls
 
 
+def test_a_call_that_is_interrupted_as_it_is_accepted_is_let_go(
+    sink: TestSink, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    seen: list[Any] = []
+    monkeypatch.setattr(sys, "unraisablehook", seen.append)
+    made = _native.check
+
+    def interrupt(code: int) -> None:
+        monkeypatch.setattr(_native, "check", made)
+        raise KeyboardInterrupt
+
+    hold = threading.Event()
+    with corvid.Session(
+        test_sink=sink, deadline=PATIENCE, on_connected=lambda: hold.wait(PATIENCE)
+    ) as session:
+        monkeypatch.setattr(_native, "check", interrupt)
+        with pytest.raises(KeyboardInterrupt):
+            session.send(1, 1)
+        hold.set()
+        assert session.send(2, 1).result(PATIENCE).taken
+    assert [call.category for call in sink.calls()] == [1, 2]
+    assert not seen
+
+
 def test_a_closed_session_refuses_everything(sink: TestSink) -> None:
     session = corvid.Session(test_sink=sink, dispatch=True)
     session.close()

@@ -82,8 +82,15 @@ def test_words_that_cannot_be_told_are_refused(sink: TestSink, bad: str, error: 
     backend = Backend("httpPost", State.SENDING, Reason(bad))
     with pytest.raises(ValueError, match=f"states: .*{error}"):
         sink.change_states(States((backend,), None, ()))
+
+
+def test_numbers_that_the_library_cannot_take_are_refused(sink: TestSink) -> None:
     with pytest.raises(OverflowError, match="category"):
         sink.deliver(category=70000)
+    with pytest.raises(OverflowError, match="times"):
+        sink.answer(Operation.FLUSH, times=-1)
+    with pytest.raises(OverflowError, match="timeout"):
+        sink.await_calls(1, timeout=-1)
 
 
 def test_pytest_takes_the_sink_for_no_test() -> None:
