@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <seccomp.h>
 
 #include "platform/system/SandboxProfile.h"
 #include "tests/support/Scratch.h"
@@ -202,6 +203,45 @@ TEST(SandboxProfile, OfTheDaemonNamesNothingDangerous) {
     EXPECT_THAT(profile.value().systemCalls, Not(Contains(call)));
   EXPECT_THAT(profile.value().readWritePaths, ElementsAre("/tmp/root/var/lib/corvidd"));
   EXPECT_EQ(profile.value().socketFolder, "/tmp/root/run/corvidd");
+}
+
+// What a machine of 64 bits calls so has another name where a word has 32: there with wider
+// numbers, or because the plain name came first.
+TEST(TheDaemonsSandboxProfile, NamesTheCallsOf32BitMachinesToo) {
+  const auto profile = SandboxProfile::fromFile(
+      CORVID_PACKAGING_FOLDER "/sandbox/com.halcyon.corvidd.plist", placeholders);
+  ASSERT_TRUE(profile);
+  const auto& allowed = profile.value().systemCalls;
+  std::vector<std::pair<std::string, std::string>> twins = {{"lseek", "_llseek"},
+                                                            {"select", "_newselect"},
+                                                            {"getrlimit", "ugetrlimit"},
+                                                            {"mmap", "mmap2"},
+                                                            {"fadvise64", "fadvise64_64"},
+                                                            {"fadvise64", "arm_fadvise64_64"},
+                                                            {"recvfrom", "recv"},
+                                                            {"newfstatat", "fstatat64"},
+                                                            {"rt_sigreturn", "sigreturn"},
+                                                            {"sendto", "send"},
+                                                            {"clock_gettime", "clock_gettime64"}};
+  for (const std::string call : {"fcntl", "fstat", "fstatfs", "ftruncate", "lstat", "stat",
+                                 "statfs", "timerfd_gettime", "timerfd_settime"})
+    twins.emplace_back(call, call + "64");
+  for (const std::string call :
+       {"getegid", "geteuid", "getgid", "getgroups", "getresgid", "getresuid", "getuid"})
+    twins.emplace_back(call, call + "32");
+  for (const std::string call : {"clock_getres", "clock_nanosleep", "futex", "ppoll", "pselect6",
+                                 "recvmmsg", "rt_sigtimedwait"})
+    twins.emplace_back(call, call + "_time64");
+  for (const auto& [wide, narrow] : twins) {
+    EXPECT_THAT(allowed, Contains(wide));
+    EXPECT_THAT(allowed, Contains(narrow)) << "as " << wide;
+  }
+  for (const std::string& call : allowed) {
+    if (seccomp_syscall_resolve_name_arch(SCMP_ARCH_X86_64, call.c_str()) >= 0) continue;
+    EXPECT_TRUE(std::any_of(twins.begin(), twins.end(),
+                            [&](const auto& pair) { return pair.second == call; }))
+        << call << " is something else";
+  }
 }
 
 }  // namespace
