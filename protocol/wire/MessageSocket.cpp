@@ -7,13 +7,13 @@
 
 #include <algorithm>
 #include <array>
-#include <bit>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <utility>
 #include <vector>
 
+#include "base/LittleEndian.h"
 #include "protocol/Limits.h"
 #include "protocol/wire/ValueCodec.h"
 
@@ -22,8 +22,6 @@ namespace corvid::wire {
 namespace {
 
 using Segments = kj::ArrayPtr<const kj::ArrayPtr<const capnp::word>>;
-
-static_assert(std::endian::native == std::endian::little, "numbers go as they are");
 
 // Larger messages are not gathered but written from where they are.
 constexpr std::size_t outputBytes = 16384;
@@ -42,11 +40,15 @@ std::size_t bytesOf(Segments segments) {
 }
 
 // The number of segments less one, the size of each, and a zero where that makes an odd number.
-std::vector<std::uint32_t> headerOf(Segments segments) {
-  std::vector<std::uint32_t> header((segments.size() / 2 + 1) * 2);
-  header[0] = static_cast<std::uint32_t>(segments.size() - 1);
-  for (std::size_t i = 0; i < segments.size(); ++i)
-    header[i + 1] = static_cast<std::uint32_t>(segments[i].size());
+std::vector<char> headerOf(Segments segments) {
+  std::vector<char> header((segments.size() / 2 + 1) * sizeof(capnp::word));
+  char* at = header.data();
+  const auto add = [&](std::size_t number) {
+    storeLittle(at, static_cast<std::uint32_t>(number));
+    at += sizeof(std::uint32_t);
+  };
+  add(segments.size() - 1);
+  for (const auto segment : segments) add(segment.size());
   return header;
 }
 
@@ -61,7 +63,7 @@ class MessageSocket::Outgoing {
   Outgoing(Segments segments, kj::ArrayPtr<const int> descriptors) : _header(headerOf(segments)) {
     if (descriptors.size() > 0) attach(descriptors);
     _pieces.reserve(segments.size() + 1);
-    _pieces.push_back({_header.data(), _header.size() * sizeof _header[0]});
+    _pieces.push_back({_header.data(), _header.size()});
     for (const auto segment : segments) {
       const auto bytes = segment.asBytes();
       _pieces.push_back({const_cast<kj::byte*>(bytes.begin()), bytes.size()});
@@ -114,7 +116,7 @@ class MessageSocket::Outgoing {
   }
 
   std::vector<kj::byte> _gathered;
-  std::vector<std::uint32_t> _header;
+  std::vector<char> _header;
   std::vector<char> _control;  // descriptors that have not left
   std::vector<iovec> _pieces;
   std::size_t _next = 0;
@@ -284,7 +286,7 @@ void MessageSocket::gather(Segments segments) {
   const auto append = [this](kj::ArrayPtr<const kj::byte> bytes) {
     _output.insert(_output.end(), bytes.begin(), bytes.end());
   };
-  const std::vector<std::uint32_t> header = headerOf(segments);
+  const std::vector<char> header = headerOf(segments);
   append(kj::arrayPtr(header.data(), header.size()).asBytes());
   for (const auto segment : segments) append(segment.asBytes());
   if (std::exchange(_flushesLater, true)) return;

@@ -182,8 +182,7 @@ std::string oneTextOftenReferred(std::uint32_t count, std::uint32_t length) {
     const std::uint64_t kind = wordAt(at) & 0xffffffff00000003;
     if (kind == first) text = targetOf(at);
     if (kind == rest && text != 0) {
-      const std::uint64_t pointer = pointerTo(at, text, length + 1);
-      std::memcpy(&bytes[at * 8], &pointer, sizeof pointer);
+      storeLittle(&bytes[at * 8], pointerTo(at, text, length + 1));
     }
   }
   return bytes;

@@ -7,9 +7,11 @@
 #include <string>
 #include <vector>
 
+#include "base/LittleEndian.h"
 #include "protocol/Limits.h"
 #include "protocol/wire/FrameReader.h"
 #include "protocol/wire/ValueCodec.h"
+#include "tests/rpc/RawMessages.h"
 
 namespace corvid::wire {
 namespace {
@@ -20,10 +22,6 @@ std::string frameWith(const std::string& text) {
   const auto words = capnp::messageToFlatArray(message);
   const auto bytes = words.asBytes();
   return {reinterpret_cast<const char*>(bytes.begin()), bytes.size()};
-}
-
-std::string header(const std::vector<std::uint32_t>& numbers) {
-  return {reinterpret_cast<const char*>(numbers.data()), numbers.size() * 4};
 }
 
 // Feeds bytes, at most `step` at a time, and gives each message to `take`.
@@ -83,23 +81,23 @@ TEST(FrameReader, GivesNothingForATruncatedMessage) {
 
 TEST(FrameReader, TakesAsManySegmentsAsTheLimitAndNoMore) {
   const auto frame = [](std::size_t segments) {
-    std::vector<std::uint32_t> numbers((segments / 2 + 1) * 2);
-    numbers[0] = static_cast<std::uint32_t>(segments - 1);
-    return header(numbers);
+    std::vector<std::uint32_t> header((segments / 2 + 1) * 2);
+    header[0] = static_cast<std::uint32_t>(segments - 1);
+    return numbers(header);
   };
   EXPECT_EQ(messagesIn(frame(limits::segmentsPerMessage)), 1u);
   EXPECT_THROW(messagesIn(frame(limits::segmentsPerMessage + 1)), BrokenRule);
-  EXPECT_THROW(messagesIn(header({0xffffffff, 0})), BrokenRule);
+  EXPECT_THROW(messagesIn(numbers({0xffffffff, 0})), BrokenRule);
 }
 
 TEST(FrameReader, TakesAMessageAsLargeAsTheLimitAndNoLarger) {
   constexpr auto most = static_cast<std::uint32_t>(limits::messageBytes / 8);
-  std::string stream = header({0, most - 1});
+  std::string stream = numbers({0, most - 1});
   stream.resize(limits::messageBytes);
   EXPECT_EQ(messagesIn(stream), 1u);
-  EXPECT_THROW(messagesIn(header({0, most})), BrokenRule);
+  EXPECT_THROW(messagesIn(numbers({0, most})), BrokenRule);
   // Sizes that would wrap around when added up.
-  EXPECT_THROW(messagesIn(header({2, 0xffffffff, 0xffffffff, 0xffffffff})), BrokenRule);
+  EXPECT_THROW(messagesIn(numbers({2, 0xffffffff, 0xffffffff, 0xffffffff})), BrokenRule);
 }
 
 TEST(FrameReader, BoundsWhatSharedPointersCanBeReadAs) {
@@ -114,12 +112,10 @@ TEST(FrameReader, BoundsWhatSharedPointersCanBeReadAs) {
   // data, then the pointer; a pointer's offset counts from its own end.
   const auto word = [&](std::size_t at) { return stream.data() + at * 8; };
   const std::size_t first = 1 + 1 + 4 + 1;  // frame header, root pointer, root, list tag
-  std::int32_t offset = 0;
-  std::memcpy(&offset, word(first + 2), 4);
+  const auto offset = loadLittle<std::int32_t>(word(first + 2));
   for (std::size_t i = 1; i < 1000; ++i) {
     std::memcpy(word(first + 4 * i), word(first), 24);
-    const auto moved = offset - static_cast<std::int32_t>(4 * 4 * i);
-    std::memcpy(word(first + 4 * i + 2), &moved, 4);
+    storeLittle(word(first + 4 * i + 2), offset - static_cast<std::int32_t>(4 * 4 * i));
   }
   FrameReader reader;
   kj::Own<capnp::MessageReader> read;

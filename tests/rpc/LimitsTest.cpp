@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "base/LittleEndian.h"
 #include "base/LogPace.h"
 #include "protocol/Limits.h"
 #include "tests/rpc/RawMessages.h"
@@ -291,11 +292,9 @@ TEST_F(Limits, PointersThatLeadInACircle) {
   // of the outer list's element; led four words back, the dictionary is an entry of itself.
   bool changed = false;
   for (std::size_t at = circular.size() - 8; at > 16 && !changed; at -= 8) {
-    std::uint64_t word = 0;
-    std::memcpy(&word, circular.data() + at, 8);
+    const auto word = loadLittle<std::uint64_t>(circular.data() + at);
     if ((word & 3) != 1 || (word >> 32) != (4 << 3 | 7)) continue;
-    const auto back = static_cast<std::uint32_t>(-4) << 2 | 1;
-    std::memcpy(circular.data() + at, &back, 4);
+    storeLittle(circular.data() + at, static_cast<std::uint32_t>(-4) << 2 | 1);
     changed = true;
   }
   ASSERT_TRUE(changed);

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "base/LittleEndian.h"
 #include "protocol/corvid.capnp.h"
 
 namespace corvid {
@@ -19,8 +20,12 @@ inline std::string bytesOf(capnp::MessageBuilder& message) {
   return {reinterpret_cast<const char*>(bytes.begin()), bytes.size()};
 }
 
+// As the header of a message, for one, has them.
 inline std::string numbers(const std::vector<std::uint32_t>& content) {
-  return {reinterpret_cast<const char*>(content.data()), content.size() * 4};
+  std::string bytes(content.size() * sizeof content[0], '\0');
+  for (std::size_t i = 0; i < content.size(); ++i)
+    storeLittle(&bytes[i * sizeof content[0]], content[i]);
+  return bytes;
 }
 
 // A message of the RPC protocol.

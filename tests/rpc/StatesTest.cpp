@@ -6,6 +6,7 @@
 #include <thread>
 #include <vector>
 
+#include "base/LittleEndian.h"
 #include "tests/rpc/RawMessages.h"
 #include "tests/rpc/ServiceFixture.h"
 #include "tests/rpc/WireClient.h"
@@ -247,10 +248,10 @@ class RawReader {
   kj::Own<capnp::MessageReader> next() {
     timeval bound{2, 0};
     setsockopt(_client.socket.get(), SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof bound);
-    std::uint32_t header[2];
+    char header[8];
     if (recv(_client.socket.get(), header, sizeof header, MSG_WAITALL) != sizeof header) return {};
-    EXPECT_EQ(header[0], 0u);
-    _words = kj::heapArray<capnp::word>(header[1]);
+    EXPECT_EQ(loadLittle<std::uint32_t>(header), 0u);
+    _words = kj::heapArray<capnp::word>(loadLittle<std::uint32_t>(header + 4));
     auto bytes = _words.asBytes();
     EXPECT_EQ(recv(_client.socket.get(), bytes.begin(), bytes.size(), MSG_WAITALL),
               static_cast<ssize_t>(bytes.size()));
