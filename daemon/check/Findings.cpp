@@ -27,7 +27,7 @@ std::string_view wordFor(ConfigFinding::Kind kind) {
 std::string inOneLine(std::string_view text) {
   std::string line(text);
   std::ranges::replace_if(
-      line, [](char c) { return c >= 0 && c < ' '; }, ' ');
+      line, [](char c) { return static_cast<unsigned char>(c) < ' '; }, ' ');
   return line;
 }
 

@@ -103,7 +103,7 @@ TEST(LogOfAUser, TellsOfOtherErrorsAndWarningsMoreOften) {
 
 TEST(LogOfAUser, IsNotShortenedByAnothers) {
   CapturedLog log;
-  for (const std::uint32_t user : {1000, 1001}) {
+  for (const std::uint32_t user : {1000u, 1001u}) {
     const ActingFor acting(user);
     for (int i = 0; i < LogPace::complaints; ++i) logComplaint("odd");
   }

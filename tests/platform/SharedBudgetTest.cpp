@@ -61,7 +61,7 @@ TEST_F(SharedBudgetTest, AShareGivesBackWhatItIsShrunkByAndTheRestWithItsEnd) {
     share->shrink(20);
     EXPECT_EQ(share->amount(), 10u) << "shrinking never takes more";
     EXPECT_TRUE(share->grow(30));
-    SharedBudget::Share moved = *std::move(share);
+    SharedBudget::Share moved = std::move(share.value());
     share.reset();
     EXPECT_EQ(budget->held(), 40u) << "what was moved goes with its new owner";
     moved = SharedBudget::Share();

@@ -55,7 +55,7 @@ void ServerStream::breakOff() { ::shutdown(_socket.get(), SHUT_RDWR); }
 void ServerStream::reset() {
   sockaddr nobody{};
   nobody.sa_family = AF_UNSPEC;
-  ::connect(_socket.get(), &nobody, sizeof nobody);
+  if (::connect(_socket.get(), &nobody, sizeof nobody) != 0) breakOff();
 }
 
 }  // namespace corvid::lab

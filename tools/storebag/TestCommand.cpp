@@ -62,6 +62,7 @@ int runTestCommand(const TestOptions& options) {
   const std::vector<PolicyTest> tests = testsIn(options.tests);
   const Content content = contentOfFile(options.source);
   std::vector<TestOutcome> outcomes;
+  outcomes.reserve(tests.size());
   for (const PolicyTest& test : tests)
     outcomes.push_back({test.name, failuresOf(test, content.storebag)});
   const auto passed = static_cast<std::size_t>(std::ranges::count_if(

@@ -110,12 +110,7 @@ TEST(BinaryPropertyList, TypesThatValueLacksAreLeftOut) {
   const std::string uid = "\x80\x07", set = "\xc1\x04", orderedSet = "\xb1\x04", null = "\x00"s;
   for (const std::string& lacking : {uid, set, orderedSet, null}) {
     EXPECT_EQ(read(BinaryList{{"\xa3\x01\x02\x01", lacking, "\x10\x05"}}.bytes()), Value(Array{5}));
-    EXPECT_EQ(read(BinaryList{{"\xd2\x01\x02\x03\x04",
-                               "\x51"
-                               "a",
-                               "\x51"
-                               "b",
-                               lacking, "\x10\x05"}}
+    EXPECT_EQ(read(BinaryList{{"\xd2\x01\x02\x03\x04", "\x51\x61", "\x51\x62", lacking, "\x10\x05"}}
                        .bytes()),
               Value(Dictionary{{"b", 5}}));
     EXPECT_EQ(failureOf(binaryListOf(lacking + std::string(8, '\0'))),

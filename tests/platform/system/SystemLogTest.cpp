@@ -50,6 +50,7 @@ void syslog(int priority, const char* format, ...) {
   va_end(arguments);
 }
 // The name that optimised builds call.
+// NOLINTBEGIN(bugprone-reserved-identifier): it is the C library's.
 void __syslog_chk(int priority, int, const char* format, ...);
 void __syslog_chk(int priority, int, const char* format, ...) {
   va_list arguments;
@@ -57,6 +58,7 @@ void __syslog_chk(int priority, int, const char* format, ...) {
   record(priority, format, arguments);
   va_end(arguments);
 }
+// NOLINTEND(bugprone-reserved-identifier)
 }
 
 namespace corvid {

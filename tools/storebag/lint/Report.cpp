@@ -20,7 +20,7 @@ std::string_view wordFor(LintFinding::Kind kind) {
 std::string inOneLine(std::string_view text) {
   std::string line = replacingInvalidUTF8(text);
   std::ranges::replace_if(
-      line, [](char c) { return c == 0x7f || (c >= 0 && c < ' '); }, ' ');
+      line, [](char c) { return c == 0x7f || static_cast<unsigned char>(c) < ' '; }, ' ');
   return line;
 }
 

@@ -132,6 +132,7 @@ std::vector<TellingValue> tellingValues(const std::vector<EntryPair>& entries, c
                                         std::optional<std::string> Facts::*fact,
                                         std::vector<std::optional<std::string>> values) {
   std::vector<std::pair<OneList, OneList>> lists;
+  lists.reserve(entries.size());
   for (const auto& [old, now] : entries) lists.emplace_back(OneList(old, key), OneList(now, key));
   std::map<std::vector<OneList::Word>, std::size_t> kinds;
   std::vector<TellingValue> telling;
