@@ -14,7 +14,7 @@ const StatesReport sending{.backends = {{"dashboard", "disabled", Reason::takesN
 class ClientReasons : public SessionFixture {
  protected:
   void SetUp() override {
-    delegate->onSession = [this](RecordingSession& session, auto&) {
+    delegate->onSession = [](RecordingSession& session, auto&) {
       session.states = Array{"httpPost"};
       session.report(sending);
       session.onMessage = [](std::uint16_t category, ResultReply reply) {

@@ -65,10 +65,11 @@ CorviddSession& AgentTest::sessionOf(FakeConnection& connection) {
 CorviddSession& AgentTest::connectAs(std::uint32_t sessionID, std::int32_t clientType,
                                      std::optional<Dictionary> userInfo, bool aggregates) {
   CorviddSession& session = sessionOf(*connect());
+  const bool requiresUserInfo = userInfo.has_value();
   session.setSessionInfo(
       Dictionary{{std::string(kCorvidSessionInfoSessionID), sessionID},
                  {std::string(kCorvidSessionInfoClientType), clientType},
-                 {std::string(kCorvidSessionInfoRequireUserInfo), userInfo.has_value()}},
+                 {std::string(kCorvidSessionInfoRequireUserInfo), requiresUserInfo}},
       std::move(userInfo), {}, aggregates);
   return session;
 }

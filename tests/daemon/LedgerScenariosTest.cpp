@@ -48,6 +48,7 @@ class Scenario : RandomInputs {
     }
     _agent = CorviddAgent::create([this](std::int32_t type, const auto&) { return fetch(type); });
   }
+  // NOLINTNEXTLINE(bugprone-exception-escape): what is thrown there ends the test.
   ~Scenario() { leaveAll(); }
   Scenario(const Scenario&) = delete;
   Scenario& operator=(const Scenario&) = delete;

@@ -11,8 +11,6 @@
 namespace corvid {
 namespace {
 
-using testing::ElementsAre;
-
 class LedgerTest : public testing::Test {
  protected:
   std::shared_ptr<LedgerAccount> accountOf(std::uint64_t session,

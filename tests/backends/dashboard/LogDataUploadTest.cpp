@@ -19,8 +19,13 @@ class LogDataUploadTest : public DashboardFixture {
     make(profile);
   }
 
-  const Array logData{
-      "a line", 4, 2.5, true, Data{"\x00\xff"}, Date{1}, Dictionary{{"k", Array{"v"}}}};
+  const Array logData{"a line",
+                      4,
+                      2.5,
+                      true,
+                      Data{std::string("\x00\xff", 2)},
+                      Date{1},
+                      Dictionary{{"k", Array{"v"}}}};
 };
 
 TEST_F(LogDataUploadTest, PostsTheArrayAsABinaryPropertyList) {

@@ -19,7 +19,6 @@ namespace corvid {
 namespace {
 
 using storebag::BackendVerdict;
-using storebag::DescribedClient;
 using storebag::Facts;
 using storebag::OutcomeChange;
 using storebag::outcomeChanges;
