@@ -12,7 +12,6 @@ namespace corvid::lab {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::StartsWith;
 

@@ -13,7 +13,6 @@
 namespace corvid {
 namespace {
 
-using testing::EndsWith;
 using testing::HasSubstr;
 
 class DiffCommand : public testing::Test {
