@@ -30,6 +30,14 @@ if(CORVID_FUZZ)
   target_compile_options(corvid_flags INTERFACE -fsanitize=fuzzer-no-link)
   target_link_options(corvid_flags INTERFACE -fsanitize=fuzzer-no-link)
 endif()
+# Two classes of one name are one to the linker, which takes either's functions for both. gold tells,
+# from what is written for debuggers of functions that were not inlined.
+find_program(CORVID_GOLD ld.gold)
+mark_as_advanced(CORVID_GOLD)
+if(CORVID_GOLD AND CMAKE_BUILD_TYPE STREQUAL "Debug" AND NOT CORVID_SANITIZE AND NOT CORVID_FUZZ)
+  target_link_options(corvid_flags INTERFACE -fuse-ld=gold -Wl,--detect-odr-violations
+    $<$<BOOL:${CORVID_WERROR}>:-Wl,--fatal-warnings>)
+endif()
 if(CORVID_TIDY)
   set(CMAKE_CXX_CLANG_TIDY ${CORVID_CLANG_TIDY} --quiet)
 endif()

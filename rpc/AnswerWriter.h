@@ -11,7 +11,7 @@
 #include "protocol/Limits.h"
 #include "protocol/corvid.capnp.h"
 #include "protocol/wire/ValueCodec.h"
-#include "rpc/Account.h"
+#include "rpc/BudgetAccount.h"
 
 namespace corvid {
 
@@ -19,7 +19,8 @@ namespace corvid {
 class AnswerWriter {
  public:
   // Both are borrowed. `client` names the client in log lines.
-  AnswerWriter(Account& account, const std::string& client) : _account(account), _client(client) {}
+  AnswerWriter(BudgetAccount& account, const std::string& client)
+      : _account(account), _client(client) {}
 
   // `setText` sets it, where there is one that finds room.
   template <class SetText>
@@ -76,7 +77,7 @@ class AnswerWriter {
   }
 
  private:
-  Account& _account;
+  BudgetAccount& _account;
   const std::string& _client;
   std::size_t _room = limits::answerTextBytes;
 };

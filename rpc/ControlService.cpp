@@ -22,7 +22,7 @@
 #include "protocol/LogReason.h"
 #include "protocol/wire/MessageSocket.h"
 #include "protocol/wire/SocketPort.h"
-#include "rpc/Account.h"
+#include "rpc/BudgetAccount.h"
 #include "rpc/ControlServer.h"
 #include "rpc/PeerGuard.h"
 
@@ -85,7 +85,7 @@ class ControlService::Connection {
     auto pair = kj::newPromiseAndFulfiller<void>();
     auto end = kj::mv(pair.fulfiller);
     kj::Promise<void> farewell = nullptr;
-    Account account(_budgets, _user);
+    BudgetAccount account(_budgets, _user);
     wire::MessageSocket stream(port,
                                {[&](std::size_t bytes) { return account.admitMessage(bytes); },
                                 limits::messageTime.count() * kj::SECONDS});

@@ -17,7 +17,7 @@
 #include "protocol/Limits.h"
 #include "protocol/wire/MessageSocket.h"
 #include "protocol/wire/SocketPort.h"
-#include "rpc/Account.h"
+#include "rpc/BudgetAccount.h"
 #include "rpc/DeliverySender.h"
 #include "rpc/PeerGuard.h"
 #include "rpc/SessionServer.h"
@@ -117,7 +117,7 @@ class IPCConnection::Serving {
 
   IPCConnection& _connection;
   wire::SocketPort& _port;
-  Account _account;
+  BudgetAccount _account;
   wire::MessageSocket _stream;
   PeerGuard _guard;
   capnp::TwoPartyVatNetwork _network;

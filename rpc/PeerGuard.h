@@ -24,7 +24,7 @@
 #include <utility>
 
 #include "protocol/wire/SocketPort.h"
-#include "rpc/Account.h"
+#include "rpc/BudgetAccount.h"
 
 namespace corvid {
 
@@ -35,7 +35,7 @@ class PeerGuard final : public capnp::MessageStream {
 
   // The first three are borrowed. `broken` hears of the first breach, `written` whenever the socket
   // has taken a message.
-  PeerGuard(capnp::MessageStream& stream, wire::SocketPort& port, Account& account,
+  PeerGuard(capnp::MessageStream& stream, wire::SocketPort& port, BudgetAccount& account,
             std::function<void(const std::string& rule)> broken, std::function<void()> written)
       : _stream(stream),
         _port(port),
@@ -72,7 +72,7 @@ class PeerGuard final : public capnp::MessageStream {
 
   capnp::MessageStream& _stream;
   wire::SocketPort& _port;
-  Account& _account;
+  BudgetAccount& _account;
   const std::function<void(const std::string&)> _broken;
   const std::function<void()> _written;
   std::optional<std::string> _breach;

@@ -11,7 +11,7 @@
 #include "protocol/ClientSessionInterface.h"
 #include "protocol/corvid.capnp.h"
 #include "protocol/wire/SocketPort.h"
-#include "rpc/Account.h"
+#include "rpc/BudgetAccount.h"
 #include "rpc/DeliverySender.h"
 #include "rpc/Outbox.h"
 #include "rpc/PeerGuard.h"
@@ -26,7 +26,7 @@ class SessionServer final : public wire::ClientSession::Server {
     PeerGuard& guard;
     DeliverySender& sender;
     StatesSender& states;
-    Account& account;
+    BudgetAccount& account;
     wire::SocketPort& port;
     ExtensionTokens& tokens;
   };
@@ -85,7 +85,7 @@ class SessionServer final : public wire::ClientSession::Server {
   PeerGuard& _guard;
   DeliverySender& _sender;
   StatesSender& _states;
-  Account& _account;
+  BudgetAccount& _account;
   wire::SocketPort& _port;
   ExtensionTokens& _tokens;
   const std::string _client;

@@ -12,13 +12,13 @@
 
 namespace corvid {
 
-class Account {
+class BudgetAccount {
  public:
   // A large message costs as much several times over, at most, until all that it set going has run:
   // its bytes, the values they are decoded into, and what is made of those on the way to a backend.
   static constexpr std::size_t costOfAByte = 4;
 
-  Account(const Budgets& budgets, std::uint32_t user)
+  BudgetAccount(const Budgets& budgets, std::uint32_t user)
       : _budgets(budgets),
         _user(user),
         _answers(budgets.answers->none(user)),
