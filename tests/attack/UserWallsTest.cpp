@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <memory>
 #include <random>
 #include <string>
 #include <thread>
@@ -66,12 +67,14 @@ class SharedCollector : public AttackFixture {
 TEST_F(SharedCollector, AFloodOfOneUserDelaysNoEventOfAnother) {
   TestClient victim(_root.path());
   ASSERT_EQ(victim.configure({.clientType = 5}).text(), "httpPost");
-  const Dictionary payload{{"noise", randomText(1'000'000)}};
+  // The attackers go on until the fixture ends.
+  const auto payload =
+      std::make_shared<const Dictionary>(Dictionary{{"noise", randomText(1'000'000)}});
   // Each has 16 MiB under way, as much as one user may have waiting for a host.
   for (int i = 0; i < 4; ++i)
-    start(attacker, [&payload](WireClient& client) {
+    start(attacker, [payload](WireClient& client) {
       configure(client, attackersType);
-      for (;;) sendEvent(client, 1, 2, payload);
+      for (;;) sendEvent(client, 1, 2, *payload);
     });
   ASSERT_TRUE(waitUntil([&] { return _silent >= 8; }));
   std::this_thread::sleep_for(seconds(2));  // until all that has room waits

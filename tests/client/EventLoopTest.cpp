@@ -191,7 +191,8 @@ TEST_F(EventLoop, DeliveriesWaitForAHostThatDoesNotDispatchAndAreBounded) {
   for (std::size_t round = 0; round < rounds; ++round) {
     for (std::size_t i = 0; i < each; ++i)
       proxy->sendMessageToClient(std::nullopt, 1, 3, 1, Dictionary{{"number", i}});
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    // For the library to read them: what finds the connection full is let go.
+    std::this_thread::sleep_for(std::chrono::milliseconds(25));
   }
   // One dispatch runs what waits: the box, and what a last message from the daemon brought.
   constexpr std::size_t most = library::Callbacks::mostWaiting + 2 * limits::deliveriesWaiting;

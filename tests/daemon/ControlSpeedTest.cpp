@@ -7,11 +7,11 @@
 #include <functional>
 
 #include "base/Reading.h"
-#include "base/Sanitizer.h"
 #include "daemon/DaemonControl.h"
 #include "platform/Platform.h"
 #include "platform/data/JSON.h"
 #include "tests/daemon/AgentFixture.h"
+#include "tests/support/SlowBuild.h"
 
 namespace corvid {
 namespace {
@@ -35,7 +35,7 @@ class ControlSpeed : public AgentTest {
 
 TEST_F(ControlSpeed, With500SessionsEachAnswerTakesMilliseconds) {
   constexpr std::uint32_t sessions = 500;
-  constexpr double most = hasSanitizer ? 400 : 20;
+  constexpr double most = isSlowBuild ? 400 : 20;
   for (std::uint32_t at = 0; at < sessions; ++at) {
     becomeUser(1000 + at / 100);
     join(at, 0, false, fmt::format("Player {}", at));

@@ -33,7 +33,8 @@ TEST(JSONValues, WholeNumbersAreIntegersAndOthersReals) {
 
 TEST(JSONValues, ReadsDatesAndDataAtAnyDepth) {
   EXPECT_EQ(read(R"({"$date":1700000000.5})"), Value(Date{1700000000.5}));
-  EXPECT_EQ(read(R"([[{"at":{"$date":-1}}]])"), Value(Array{Array{Dictionary{{"at", Date{-1}}}}}));
+  EXPECT_EQ(read(R"([[{"at":{"$date":-1}}]])"),
+            Value(Array{Value(Array{Dictionary{{"at", Date{-1}}}})}));
   EXPECT_EQ(read(R"({"d":[{"$data":"AAH/"},{"$data":""}]})"),
             Value(Dictionary{{"d", Array{Data{std::string("\0\1\xff", 3)}, Data{}}}}));
 }

@@ -11,6 +11,7 @@
 #include "base/Reading.h"
 #include "tests/fakes/FakeClock.h"
 #include "tests/support/ToolProcess.h"
+#include "tests/support/Waiting.h"
 #include "tools/corvidctl/Commands.h"
 #include "tools/lab/DashboardServer.h"
 
@@ -80,6 +81,7 @@ TEST_F(DashboardCommandTest, SaysThatNoAcknowledgementCame) {
   const auto lines = linesOf(testing::internal::GetCapturedStdout());
   ASSERT_EQ(lines.size(), 2u);
   EXPECT_EQ(lines[1], "dropped: no acknowledgement came");
+  (void)waitUntil([&] { return server.packetsReceived() >= 5; });  // the last is on its way
   EXPECT_EQ(server.packetsReceived(), 5u) << "after five transmissions";
 }
 

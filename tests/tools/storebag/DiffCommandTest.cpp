@@ -4,10 +4,10 @@
 #include <algorithm>
 
 #include "base/Reading.h"
-#include "base/Sanitizer.h"
 #include "platform/data/JSON.h"
 #include "platform/data/PropertyList.h"
 #include "tests/support/Scratch.h"
+#include "tests/support/SlowBuild.h"
 #include "tests/tools/storebag/StorebagTool.h"
 
 namespace corvid {
@@ -262,7 +262,7 @@ TEST_F(DiffCommand, TakesUnder50MillisecondsForAStorebagWith500Entries) {
   entries[499] = entry({{"client", "Client499"}, {"sampling_threshold", 0.1}});
   const std::vector<std::string> words = arguments(storebagOf(entries), {"--json"}, old);
   EXPECT_THAT(storebagTool(words).output, HasSubstr("Client499"));
-  EXPECT_LT(processorMilliseconds(words, 1), hasSanitizer ? 1000 : 50);
+  EXPECT_LT(processorMilliseconds(words, 1), isSlowBuild ? 1000 : 50);
 }
 
 TEST_F(DiffCommand, ComparesEachKindOfFactsOnceWhereAll500EntriesChange) {
@@ -280,7 +280,7 @@ TEST_F(DiffCommand, ComparesEachKindOfFactsOnceWhereAll500EntriesChange) {
   const std::vector<std::string> words = arguments(storebagOf(changed), {}, storebagOf(entries));
   EXPECT_THAT(storebagTool(words).output, HasSubstr("\n500 values changed, "));
   // A device for each cell of the matrix would take a second.
-  EXPECT_LT(processorMilliseconds(words, 1), hasSanitizer ? 6000 : 400);
+  EXPECT_LT(processorMilliseconds(words, 1), isSlowBuild ? 6000 : 400);
 }
 
 }  // namespace
