@@ -106,7 +106,7 @@ class Session {
     std::chrono::milliseconds answerDeadline{0};
     // Callbacks wait for Session::dispatch().
     bool dispatch = false;
-    // Answers in place of a daemon; borrowed.
+    // Answers in place of a daemon; borrowed. See corvid/testing.hpp.
     corvid_test_sink_t* testSink = nullptr;
   };
 
