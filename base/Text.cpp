@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "base/TextWords.h"
+
 namespace corvid {
 
 namespace {
@@ -105,14 +107,9 @@ std::string digitsOf(std::string_view bytes, const char* digits) {
 }  // namespace
 
 bool isASCII(std::string_view text) {
-  // Eight bytes at a time: this is asked of every text, and nearly every text is.
-  constexpr std::uint64_t highBits = 0x8080808080808080;
-  std::uint64_t eight = 0;
-  for (; text.size() >= sizeof eight; text.remove_prefix(sizeof eight)) {
-    std::memcpy(&eight, text.data(), sizeof eight);
-    if ((eight & highBits) != 0) return false;
-  }
-  return std::ranges::all_of(text, [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+  std::uint64_t seen = 0;
+  forEachWord(text, [&](std::uint64_t word) { seen |= word; });
+  return (seen & everyByte(0x80)) == 0;
 }
 
 void appendUTF8(std::string& text, char32_t character) {

@@ -258,10 +258,12 @@ PolicyDecision decide(const Dictionary& profile, const PolicyFacts& facts, Clien
   return Decider(entries ? *entries : Array(), facts, std::move(before)).run();
 }
 
+Reason sendingReason(const ClientPolicy& policy) {
+  return policy.postURL || policy.realtimePostURL ? Reason::reporting : Reason::noAddress;
+}
+
 Reason standingReason(const PolicyDecision& decision) {
-  const bool hasAddress = decision.policy.postURL || decision.policy.realtimePostURL;
-  return decision.state == BackendState::sending && !hasAddress ? Reason::noAddress
-                                                                : decision.reason;
+  return decision.state == BackendState::sending ? sendingReason(decision.policy) : decision.reason;
 }
 
 void logRules(const PolicyDecision& decision, const PolicyFacts& facts) {

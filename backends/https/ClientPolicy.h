@@ -90,7 +90,9 @@ struct PolicyDecision {
 // nothing is asked, logged or kept.
 PolicyDecision decide(const Dictionary& profile, const PolicyFacts& facts, ClientPolicy before);
 
-// Why the backend stands as it does after the decision: also that what it sends has no address.
+// What a backend that sends by this policy says: that it reports, or that there is no address.
+Reason sendingReason(const ClientPolicy& policy);
+// Why the backend stands as it does after the decision.
 Reason standingReason(const PolicyDecision& decision);
 
 // The log lines of a decision, in the order of the rules: those up to the settings of the entry,

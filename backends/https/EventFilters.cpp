@@ -19,6 +19,12 @@ FilterAction actionNamed(const std::string* name) {
   return FilterAction::keep;
 }
 
+// The same for ASCII keys that differ by case alone.
+std::uint64_t markOf(std::string_view key) {
+  const std::size_t first = key.empty() ? 0 : static_cast<unsigned char>(key.front()) | 0x20u;
+  return std::uint64_t{1} << ((first + 11 * key.size()) % 64);
+}
+
 }  // namespace
 
 filterTag tagFor(const Dictionary& filter) {
@@ -45,13 +51,21 @@ EventFilters::EventFilters(const Array& filters) : _numberOfFilters(filters.size
   for (const Value& item : filters) {
     const Dictionary* filter = item.dictionary();
     const std::string* key = filter ? stringAt(*filter, "key") : nullptr;
-    if (key != nullptr) _filters[*key].push_back(tagFor(*filter));
+    if (key == nullptr) continue;
+    _filters[*key].push_back(tagFor(*filter));
+    // What others are folded to may be ASCII, of another length.
+    _marks |= markOf(caseFolded(*key));
   }
+}
+
+EventFilters::Filters::const_iterator EventFilters::filtersFor(std::string_view key) const {
+  const bool mayBeThere = (_marks & markOf(key)) != 0 || !isASCII(key);
+  return mayBeThere ? _filters.find(key) : _filters.end();
 }
 
 FilterAction EventFilters::actionFor(std::string_view key, std::int32_t method,
                                      std::int32_t status) const {
-  const auto found = _filters.find(key);
+  const auto found = filtersFor(key);
   if (found == _filters.end()) return FilterAction::keep;
   for (const filterTag& tag : found->second)
     if (tag.appliesTo(method, status)) return tag.action;
@@ -60,7 +74,7 @@ FilterAction EventFilters::actionFor(std::string_view key, std::int32_t method,
 
 bool EventFilters::ignoreMethodsFor(const Dictionary& keys) const {
   return std::ranges::none_of(keys, [&](const Dictionary::Entry& entry) {
-    const auto found = _filters.find(std::string_view(entry.key));
+    const auto found = filtersFor(entry.key);
     return found != _filters.end() && !std::ranges::all_of(found->second, [](const filterTag& tag) {
              return tag.method < 0 && tag.status < 0;
            });

@@ -60,10 +60,15 @@ class EventFilters {
     bool operator()(std::string_view a, std::string_view b) const;
   };
 
+  using Filters =
+      std::unordered_map<std::string, std::vector<filterTag>, FoldingHash, FoldingEqual>;
+
+  Filters::const_iterator filtersFor(std::string_view key) const;
   FilterAction actionFor(std::string_view key, std::int32_t method, std::int32_t status) const;
 
   std::size_t _numberOfFilters = 0;
-  std::unordered_map<std::string, std::vector<filterTag>, FoldingHash, FoldingEqual> _filters;
+  std::uint64_t _marks = 0;  // a bit for each key: most look-ups end at it
+  Filters _filters;
 };
 
 }  // namespace corvid

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "base/Text.h"
+#include "base/TextWords.h"
 #include "platform/data/JSON.h"
 
 namespace corvid {
@@ -52,8 +53,6 @@ class TextStream {
   char* _out = _text.data();
   char* _end = _out;
 };
-
-constexpr std::uint64_t everyByte(std::uint8_t byte) { return 0x0101010101010101u * byte; }
 
 // Marks, in the high bits, whether some byte is below `limit` (at most 128) or above 127.
 constexpr std::uint64_t marksBelow(std::uint64_t bytes, std::uint8_t limit) {
@@ -165,6 +164,9 @@ class ValueWriter final : public rapidjson::Writer<TextStream> {
 };
 
 std::size_t mostTextBytes(std::string_view text) {
+  std::uint64_t marks = 0;
+  forEachWord(text, [&](std::uint64_t word) { marks |= marksSpecial(word); });
+  if ((marks & everyByte(0x80)) == 0) return text.size() + 2;
   std::size_t controls = 0;
   std::size_t escaped = 0;
   for (const char c : text) {

@@ -160,5 +160,16 @@ TEST(JSONWriter, AnnouncesAtLeastAsManyBytesAsItWrites) {
   }
 }
 
+TEST(JSONWriter, EachCharacterThatIsEscapedCountsWhereverItStands) {
+  for (std::size_t size = 1; size < 20; ++size)
+    for (std::size_t at = 0; at < size; ++at)
+      for (const char escaped : {'"', '\\', '\n', '\1', '\x1f'}) {
+        std::string text(size, 'x');
+        text[at] = escaped;
+        const Dictionary object{{text, text}};
+        EXPECT_GE(mostJSONBytes(object), writeJSON(object)->size()) << size << ", " << at;
+      }
+}
+
 }  // namespace
 }  // namespace corvid
