@@ -135,7 +135,8 @@ std::optional<std::string> HTTPSPostBackend::sendMessage(const Dictionary* paylo
       // A server's answer may disable the backend at the same time and must not be overwritten.
       Standing before = standing();
       if (before.state == BackendState::held &&
-          _standing.compare_exchange_strong(before, {BackendState::sending, Reason::reporting}))
+          _standing.compare_exchange_strong(before,
+                                            {BackendState::sending, sendingReason(_policy)}))
         standingChanged();
     }
     logDebug("HTTPSPostBackend(sendMessage): realtime is {}", static_cast<int>(realtime));

@@ -149,6 +149,13 @@ TEST_F(BatchingTest, AHeldBackendBatchesUntilAFlagLiftsIt) {
   EXPECT_EQ(posted("x"), (Lines{"1", "2", "3", "4"})) << "the batch, then the event";
 }
 
+TEST_F(BatchingTest, ALiftedBackendWithoutAnAddressSaysSo) {
+  const auto backend = makeInState(BackendState::held, {});
+  send(*backend, {{"x", 1}}, 2);
+  EXPECT_EQ(backend->standing(),
+            (CorvidBackend::Standing{BackendState::sending, Reason::noAddress}));
+}
+
 TEST_F(BatchingTest, WhoeverObservesTheStateHearsOfTheLift) {
   const auto backend = makeInState(BackendState::held);
   int changes = 0;
