@@ -70,11 +70,9 @@ void Bench::writeStorebag(const std::string& name, const std::string& url, int h
       << writeXMLPropertyList(Value(storebag));
 }
 
-std::unique_ptr<MeasuredProcess> Bench::startDaemon(const std::string& program) {
-  auto daemon = std::make_unique<MeasuredProcess>(
-      std::vector<std::string>{program, "--root", _folder, "--log", "stderr", "--log-level",
-                               "warning"},
-      _folder + "/corvidd.log");
+std::unique_ptr<MeasuredProcess> Bench::startDaemon(std::vector<std::string> command) {
+  command.insert(command.end(), {"--root", _folder, "--log", "stderr", "--log-level", "warning"});
+  auto daemon = std::make_unique<MeasuredProcess>(command, _folder + "/corvidd.log");
   const std::string socketPath = Paths(_folder).socket;
   const auto hasCome = [&] { return acceptsConnection(socketPath) || !daemon->isRunning(); };
   if (!waitUntil(hasCome, patience, std::chrono::microseconds(100)) || !daemon->isRunning())

@@ -36,8 +36,9 @@ class Bench {
  public:
   explicit Bench(const std::string& folder);
 
-  // A fresh daemon; it is ready when the first connection was accepted.
-  std::unique_ptr<MeasuredProcess> startDaemon(const std::string& program);
+  // A fresh daemon; it is ready when the first connection was accepted. `command` is the program,
+  // or one that runs it, and options.
+  std::unique_ptr<MeasuredProcess> startDaemon(std::vector<std::string> command);
   // From the start of the program to its first accepted connection, of the last daemon.
   double readyMillis() const { return _readyMillis; }
 

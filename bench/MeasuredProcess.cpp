@@ -29,7 +29,7 @@ MeasuredProcess::MeasuredProcess(const std::vector<std::string>& command, const 
 
 MeasuredProcess::~MeasuredProcess() {
   _process.signal(SIGTERM);
-  (void)_process.waitForExit(std::chrono::seconds(2));
+  (void)_process.waitForExit(std::chrono::seconds(30));
 }
 
 std::chrono::nanoseconds MeasuredProcess::cpuTime() const {

@@ -1,6 +1,7 @@
 #include "bench/Reference.h"
 
 #include <curl/curl.h>
+#include <fmt/format.h>
 #include <time.h>
 #include <zlib.h>
 
@@ -57,12 +58,19 @@ void measurePosts(Reference& reference, const std::string& body, const std::stri
   curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.data());
   curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size()));
   curl_easy_setopt(curl, CURLOPT_TIMEOUT, 30L);
-  if (const CURLcode code = curl_easy_perform(curl); code != CURLE_OK)
-    throw std::runtime_error(std::string("the reference POST failed: ") + curl_easy_strerror(code));
+  const auto post = [curl] {
+    long status = 0;
+    const CURLcode code = curl_easy_perform(curl);
+    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+    if (code != CURLE_OK || status != 200)
+      throw std::runtime_error(
+          fmt::format("the reference POST failed: {}, {}", curl_easy_strerror(code), status));
+  };
+  post();
   std::vector<double> durations;
   reference.postMicros = microsEach(2000, [&] {
     const auto before = std::chrono::steady_clock::now();
-    curl_easy_perform(curl);
+    post();
     durations.push_back(
         std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - before)
             .count());

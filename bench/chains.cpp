@@ -50,7 +50,7 @@ struct Comparison {
 // A daemon with a session of its own and a chain of three.
 struct Stage {
   Stage(Bench& bench, const std::string& program, bool aggregates)
-      : daemon(bench.startDaemon(program)),
+      : daemon(bench.startDaemon({program})),
         outside(bench.rootFolder(), {.clientType = nginxClient, .clientName = "Outside"}),
         top(bench.rootFolder(), {.clientType = chainClients[0], .aggregates = aggregates}),
         child(bench.rootFolder(), {.clientType = chainClients[1]}),

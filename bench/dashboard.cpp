@@ -62,7 +62,7 @@ void printIdle(const std::string& folder, const std::string& corvidd, int second
       {"dashboard", Dictionary{{"ip", "127.0.0.1"}, {"port", server.port()}, {"reliable", 500}}}};
   std::ofstream(folder + "/lab/storebags/reel.plist") << writeXMLPropertyList(
       Value(Dictionary{{"version", "1"}, {"release", section}, {"halcyon_internal", section}}));
-  const auto daemon = bench.startDaemon(corvidd);
+  const auto daemon = bench.startDaemon({corvidd});
   std::list<Session> sessions;
   for (int i = 0; i < dashboards; ++i)
     sessions.emplace_back(folder, Session::Description{.clientType = dashboardClient});

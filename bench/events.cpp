@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "base/Reading.h"
+#include "bench/BareRun.h"
 #include "bench/Bench.h"
 #include "bench/Program.h"
 #include "bench/Reference.h"
@@ -56,7 +57,7 @@ struct Throughput {
 
 Throughput measureBatched(Bench& bench, const Options& options) {
   Throughput result;
-  auto daemon = bench.startDaemon(options.corvidd);
+  auto daemon = bench.startDaemon({options.corvidd});
   result.readyMillis = bench.readyMillis();
   std::this_thread::sleep_for(std::chrono::milliseconds(500));
   result.idleBefore = daemon->memory();
@@ -88,7 +89,7 @@ Throughput measureBatched(Bench& bench, const Options& options) {
 
 Throughput measureRealtime(Bench& bench, const Options& options) {
   Throughput result;
-  auto daemon = bench.startDaemon(options.corvidd);
+  auto daemon = bench.startDaemon({options.corvidd});
   Session session(bench.rootFolder(), {.clientType = nginxClient});
   session.flush();
   session.await();
@@ -136,7 +137,7 @@ struct Call {
 
 // 200 events a second, each made on its own.
 Latency measureLatency(Bench& bench, const Options& options) {
-  auto daemon = bench.startDaemon(options.corvidd);
+  auto daemon = bench.startDaemon({options.corvidd});
   Session session(bench.rootFolder(), {.clientType = localClient});
   session.send(0, true);
   session.flush();
@@ -174,7 +175,7 @@ Latency measureLatency(Bench& bench, const Options& options) {
 
 // A posted batch and a posted lone message, as JSON.
 std::pair<std::string, std::string> sampleMessages(Bench& bench, const Options& options) {
-  auto daemon = bench.startDaemon(options.corvidd);
+  auto daemon = bench.startDaemon({options.corvidd});
   Session session(bench.rootFolder(), {.clientType = localClient});
   session.flush();
   session.await();
@@ -193,8 +194,12 @@ std::pair<std::string, std::string> sampleMessages(Bench& bench, const Options& 
   return {plain(arrivals[0]), plain(arrivals[1])};
 }
 
+struct BareMicros {
+  double batched = 0, realtime = 0;  // CPU of the bare program, an event
+};
+
 void print(const Throughput& batched, const Throughput& realtime, const Latency& latency,
-           const Reference& reference) {
+           const Reference& reference, const BareMicros& bare) {
   fmt::print("{:34}{:>12}{:>12}\n", "", "batched", "realtime");
   const auto row = [](const char* name, double a, double b, int digits) {
     fmt::print("{:34}{:>12.{}f}{:>12.{}f}\n", name, a, digits, b, digits);
@@ -225,6 +230,16 @@ void print(const Throughput& batched, const Throughput& realtime, const Latency&
       reference.gzipLoneMicros + reference.jsonMicros + reference.postMicros;
   fmt::print("daemon / (gzip + JSON + POST): batched {:.2f}, realtime {:.2f}\n",
              batched.cpuMicros / batchedFloor, realtime.cpuMicros / realtimeFloor);
+  fmt::print("bare program, CPU an event: batched {:.2f} us, realtime {:.2f} us\n", bare.batched,
+             bare.realtime);
+  fmt::print("daemon / bare program: batched {:.2f}, realtime {:.2f}\n",
+             batched.cpuMicros / bare.batched, realtime.cpuMicros / bare.realtime);
+}
+
+const Dictionary& firstRecord(const Value& message) {
+  const Array* const records = arrayAt(*message.dictionary(), "events");
+  if (!records || records->empty()) throw std::runtime_error("the sample message holds no record");
+  return *records->front().dictionary();
 }
 
 void measure(Options options, const std::string& folder) {
@@ -237,7 +252,16 @@ void measure(Options options, const std::string& folder) {
   const Latency latency = measureLatency(bench, options);
   const Reference reference =
       measureReference(batch, eventsPerFlush, lone, bench.nginx().url("/events"), bench.caFile());
-  print(batched, realtime, latency, reference);
+  const Value message = parseJSON(lone).value();
+  BareRun bare{.events = options.batched,
+               .eventsPerPost = eventsPerFlush,
+               .url = bench.nginx().url("/events"),
+               .caFile = bench.caFile(),
+               .record = &firstRecord(message)};
+  const double bareBatched = measureBare(bare, folder);
+  bare.events = options.realtime;
+  bare.eventsPerPost = 1;
+  print(batched, realtime, latency, reference, {bareBatched, measureBare(bare, folder)});
 }
 
 }  // namespace
