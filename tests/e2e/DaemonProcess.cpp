@@ -36,9 +36,10 @@ Descriptor notificationSocketAt(const std::string& path) {
 }
 
 ChildProcess start(const ScratchRoot& root, std::vector<std::string> arguments,
-                   std::optional<int> listeningSocket, const std::function<void()>& prepare) {
+                   std::optional<int> listeningSocket, const std::function<void()>& prepare,
+                   std::vector<std::string> environment) {
   arguments.insert(arguments.begin(), {CORVIDD_PROGRAM, "--root", root.path()});
-  std::vector<std::string> environment{"NOTIFY_SOCKET=" + DaemonProcess::notifySocket(root)};
+  environment.push_back("NOTIFY_SOCKET=" + DaemonProcess::notifySocket(root));
   if (listeningSocket) {
     environment.push_back("LISTEN_FDS=1");
     // Only the process itself knows its number in time.
@@ -66,10 +67,12 @@ ChildProcess start(const ScratchRoot& root, std::vector<std::string> arguments,
 
 DaemonProcess::DaemonProcess(const ScratchRoot& root, std::vector<std::string> arguments,
                              std::optional<int> listeningSocket,
-                             const std::function<void()>& prepare)
+                             const std::function<void()>& prepare,
+                             std::vector<std::string> environment)
     : _root(root),
       _notifySocket(notificationSocketAt(notifySocket(root))),
-      _process(start(root, std::move(arguments), listeningSocket, prepare)) {}
+      _process(
+          start(root, std::move(arguments), listeningSocket, prepare, std::move(environment))) {}
 
 void DaemonProcess::giveUpFileRights() {
   prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE);

@@ -23,10 +23,11 @@ namespace corvid {
 class DaemonProcess {
  public:
   // With a `listeningSocket` the daemon is started as if by its socket; the descriptor stays the
-  // caller's. `prepare` is as ChildProcess's.
+  // caller's. `prepare` and `environment` are as ChildProcess's.
   DaemonProcess(const ScratchRoot& root, std::vector<std::string> arguments,
                 std::optional<int> listeningSocket = std::nullopt,
-                const std::function<void()>& prepare = giveUpFileRights);
+                const std::function<void()>& prepare = giveUpFileRights,
+                std::vector<std::string> environment = {});
   // Where the test runs as the superuser, the daemon has no right to pass over the permissions of
   // files all the same.
   static void giveUpFileRights();
