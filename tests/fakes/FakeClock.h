@@ -15,7 +15,7 @@ namespace corvid {
 class FakeClock final : public Clock {
  public:
   TimeValue now() override {
-    const std::int64_t us = _microseconds.load();
+    const std::int64_t us = _microseconds.load() + _wallAhead.load();
     return {us / 1000000, static_cast<std::int32_t>(us % 1000000)};
   }
   TimePoint steadyNow() override {
@@ -32,6 +32,8 @@ class FakeClock final : public Clock {
 
   void set(TimeValue time) { _microseconds = time.seconds * 1000000 + time.microseconds; }
   void advance(std::chrono::microseconds by) { _microseconds += by.count(); }
+  // The time of day is so far ahead of the steady one from now on; not at all at first.
+  void setWallAhead(std::chrono::microseconds by) { _wallAhead = by.count(); }
   // Returns once a thread waits, or has waited, for the time that is `after` from now; false where
   // none does.
   bool awaitSleeper(std::chrono::microseconds after) {
@@ -43,6 +45,7 @@ class FakeClock final : public Clock {
 
  private:
   std::atomic<std::int64_t> _microseconds{1'700'000'000'000'000};  // 2023-11-14 22:13:20
+  std::atomic<std::int64_t> _wallAhead{0};
   Mutex _mutex;
   std::condition_variable_any _slept;
   std::set<TimePoint> _awaited GUARDED_BY(_mutex);
