@@ -19,7 +19,8 @@ struct Options {
   std::string corvidd = CORVID_DAEMON;
   int batched = 2'000;
   int realtime = 500;
-  std::string keep;  // a folder that profiles stay in, for callgrind_annotate
+  int awaited = eventsPerFlush;  // how many are sent before their answers are waited for
+  std::string keep;              // a folder that profiles stay in, for callgrind_annotate
 };
 
 using Counts = std::map<std::string, std::int64_t>;
@@ -42,9 +43,8 @@ Counts countOf(Bench& bench, const Options& options, int events, bool realtime) 
     session.await();
     for (int i = 0; i < events; ++i) {
       session.send(static_cast<std::uint64_t>(i), realtime);
-      if ((i + 1) % eventsPerFlush != 0) continue;
-      if (!realtime) session.flush();
-      session.await();
+      if (!realtime && (i + 1) % eventsPerFlush == 0) session.flush();
+      if ((i + 1) % options.awaited == 0) session.await();
     }
     session.await();
     if (session.failed() > 0) throw std::runtime_error("the daemon refused events");
@@ -88,7 +88,9 @@ int main(int argc, char** argv) {
   return corvid::bench::run(
       {.name = "instructions",
        .purpose = "Counts the instructions that an event costs the daemon, with callgrind.",
-       .numbers = {{"--batched", &options.batched}, {"--realtime", &options.realtime}},
+       .numbers = {{"--batched", &options.batched},
+                   {"--realtime", &options.realtime},
+                   {"--awaited", &options.awaited}},
        .texts = {{"--corvidd", &options.corvidd}, {"--keep", &options.keep}},
        .measure = [&](const std::string& folder) { corvid::bench::measure(options, folder); }},
       argc, argv);
