@@ -21,8 +21,7 @@ constexpr std::size_t shareBeside(std::size_t others, std::size_t capacity) {
 // Whether a user who has `own` of the `all` that is taken may have `more`.
 constexpr bool leavesRoomForOthers(std::size_t own, std::size_t all, std::size_t more,
                                    std::size_t capacity) {
-  return all <= capacity && more <= capacity - all &&
-         own + more <= shareBeside(all - own, capacity);
+  return more <= capacity && own + more <= shareBeside(all - own, capacity);
 }
 
 }  // namespace corvid

@@ -86,10 +86,12 @@ States decodeReport(MessageReader::Struct report) {
   States states;
   states.reason = decoder.text(report, StatesReport::reason);
   const auto backends = report.listAt(StatesReport::backends);
-  for (std::size_t i = 0; i < backends.size(); ++i)
-    states.backends.push_back({decoder.text(backends[i], BackendReport::name).value_or(""),
-                               decoder.text(backends[i], BackendReport::state).value_or(""),
-                               decoder.text(backends[i], BackendReport::reason).value_or("")});
+  for (std::size_t i = 0; i < backends.size(); ++i) {
+    const MessageReader::Struct backend = backends[i];
+    states.backends.push_back({decoder.text(backend, BackendReport::name).value_or(""),
+                               decoder.text(backend, BackendReport::state).value_or(""),
+                               decoder.text(backend, BackendReport::reason).value_or("")});
+  }
   states.reporting = decoder.array(report, StatesReport::states);
   return states;
 }
@@ -206,12 +208,13 @@ std::vector<library::Delivery> decodeDeliveries(MessageReader::Struct parameters
   std::vector<library::Delivery> deliveries;
   const auto each = parameters.listAt(ClientSessionReply::SendMessagesToClientP::deliveries);
   for (std::size_t i = 0; i < each.size(); ++i) {
-    library::Delivery delivery{.timestamp = each[i].get(wire::Delivery::timestamp),
-                               .category = each[i].get(wire::Delivery::category),
-                               .type = each[i].get(wire::Delivery::type)};
+    const MessageReader::Struct source = each[i];
+    library::Delivery delivery{.timestamp = source.get(wire::Delivery::timestamp),
+                               .category = source.get(wire::Delivery::category),
+                               .type = source.get(wire::Delivery::type)};
     try {
-      delivery.message = ValueDecoder().dictionary(each[i], wire::Delivery::message);
-      delivery.payload = ValueDecoder().dictionary(each[i], wire::Delivery::payload);
+      delivery.message = ValueDecoder().dictionary(source, wire::Delivery::message);
+      delivery.payload = ValueDecoder().dictionary(source, wire::Delivery::payload);
     } catch (const BadMessage&) {
       continue;  // not something that this library knows; the next one may be
     }

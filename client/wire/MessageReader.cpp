@@ -8,7 +8,8 @@ constexpr std::size_t wordBytes = 8;
 constexpr std::size_t mostSegments = 512;
 // Deeper than any message of the protocol, values within each other included.
 constexpr std::size_t mostDepth = 80;
-// A reader may look at a field more than once.
+// Each word once and one more for each struct and list are twice a message at most; a reader that
+// takes nothing apart twice has as much again.
 constexpr std::size_t mostReadings = 4;
 
 enum Kind { aStruct = 0, aList = 1, aFarPointer = 2 };

@@ -96,8 +96,10 @@ Dictionary ValueDecoder::dictionary(MessageReader::List entries) {
   enter(entries.size());
   Dictionary dictionary;
   dictionary.reserve(entries.size());
-  for (std::size_t i = 0; i < entries.size(); ++i)
-    dictionary.set(text(entries[i].text(P::key)), value(entries[i]));
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    const MessageReader::Struct entry = entries[i];
+    dictionary.set(text(entry.text(P::key)), value(entry));
+  }
   --_depth;
   return dictionary;
 }

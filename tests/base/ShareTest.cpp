@@ -49,6 +49,7 @@ TEST(Share, ALargePieceCountsAsAWhole) {
   EXPECT_FALSE(leavesRoomForOthers(0, 1200, 1, 1200));
   EXPECT_FALSE(leavesRoomForOthers(0, 1300, 1, 1200));
   EXPECT_FALSE(leavesRoomForOthers(0, 5, std::numeric_limits<std::size_t>::max(), 1200));
+  EXPECT_FALSE(leavesRoomForOthers(1, 5, std::numeric_limits<std::size_t>::max(), 1200));
 }
 
 TEST(Share, TheLastPieceIsForWhoeverHasNothing) {

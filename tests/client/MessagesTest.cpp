@@ -8,6 +8,7 @@
 #include <random>
 #include <string>
 
+#include "client/wire/Calls.h"
 #include "client/wire/MessageBuilder.h"
 #include "client/wire/MessageReader.h"
 #include "client/wire/Values.h"
@@ -102,6 +103,34 @@ TEST(Messages, ThatCapnProtoWritesAreReadByTheLibrary) {
     EXPECT_EQ(message.root().get(ours::Delivery::category), 0);
     EXPECT_FALSE(message.root().has(ours::Delivery::payload));
   }
+}
+
+// In one segment, with nothing in it but what they need.
+std::string deliveriesOf(const std::optional<Dictionary>& payload, capnp::uint count) {
+  capnp::MallocMessageBuilder message(1u << 16);
+  auto list =
+      message.initRoot<wire::ClientSessionReply::SendMessagesToClientParams>().initDeliveries(
+          count);
+  for (auto delivery : list)
+    wire::encode(payload, [&](auto size) { return delivery.initPayload(size); });
+  const auto words = capnp::messageToFlatArray(message);
+  const auto bytes = words.asBytes();
+  return {reinterpret_cast<const char*>(bytes.begin()), bytes.size()};
+}
+
+TEST(Messages, DeliveriesOfAnyNumberAndSizeAreRead) {
+  for (const std::optional<Dictionary>& payload : {std::optional<Dictionary>(),
+                                                   {Dictionary()},
+                                                   {Dictionary{{"", Value()}}},
+                                                   {Dictionary{{"number", 1}}},
+                                                   {Dictionary{{"list", Array{Array{Array{1}}}}}}})
+    for (const capnp::uint count : {0u, 1u, 2u, 3u, 10u, 29u, 100u, 1000u}) {
+      const std::string bytes = deliveriesOf(payload, count);
+      const ours::MessageReader reader(bytes);
+      const auto deliveries = ours::decodeDeliveries(reader.root());
+      EXPECT_EQ(deliveries.size(), count);
+      for (const library::Delivery& delivery : deliveries) EXPECT_EQ(delivery.payload, payload);
+    }
 }
 
 TEST(Messages, FieldsThatTheSenderDidNotKnowAreZeroAndAbsent) {

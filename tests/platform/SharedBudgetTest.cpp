@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "platform/SharedBudget.h"
+#include "platform/system/SystemClock.h"
 #include "tests/fakes/FakeClock.h"
 
 namespace corvid {
@@ -53,6 +54,11 @@ TEST_F(SharedBudgetTest, NothingIsAlwaysThere) {
   EXPECT_TRUE(budget->none(2).grow(0));
 }
 
+TEST_F(SharedBudgetTest, WhoHoldsAShareOfNothingHoldsNothing) {
+  const auto nothing = budget->take(1, 0);
+  EXPECT_TRUE(budget->take(1, 60));
+}
+
 TEST_F(SharedBudgetTest, AShareGivesBackWhatItIsShrunkByAndTheRestWithItsEnd) {
   {
     auto share = budget->take(1, 40);
@@ -90,6 +96,28 @@ TEST_F(SharedBudgetTest, WhoWaitsGetsItsShareWhenSomethingIsGivenBack) {
   const auto share = waiting.get();
   ASSERT_TRUE(share);
   EXPECT_EQ(share->amount(), 20u);
+  EXPECT_EQ(budget->held(), 40u);
+}
+
+TEST_F(SharedBudgetTest, AllWhoWaitHearThatSomethingIsGivenBack) {
+  SystemClock clock;
+  auto first = budget->take(1, 40);
+  const auto takeLater = [&](std::uint32_t user, std::size_t amount) {
+    return std::async(std::launch::async, [&, user, amount] {
+      return budget->take(user, amount, clock, clock.steadyNow() + std::chrono::seconds(20));
+    });
+  };
+  auto large = takeLater(2, 55);
+  EXPECT_EQ(large.wait_for(milliseconds(20)), std::future_status::timeout);
+  auto small = takeLater(3, 25);
+  EXPECT_EQ(small.wait_for(milliseconds(20)), std::future_status::timeout);
+  first->shrink(30);
+  ASSERT_EQ(small.wait_for(std::chrono::seconds(10)), std::future_status::ready)
+      << "what is too little for one is enough for another";
+  EXPECT_TRUE(small.get());
+  first.reset();
+  ASSERT_EQ(large.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+  EXPECT_TRUE(large.get());
 }
 
 TEST_F(SharedBudgetTest, WhoWaitsInVainGetsNothing) {
