@@ -126,6 +126,8 @@ class CorvidBackend : public std::enable_shared_from_this<CorvidBackend> {
     setState(state, reason);
     if (reason != Reason::reporting) _account->countSilence(reason);
   }
+  // Takes over how the same backend of another session stands.
+  virtual void takeOver(Standing standing) { setState(standing.state, standing.reason); }
   // The session whose backend this one takes its state from, by the ledger's number; 0: none.
   std::uint64_t followed() const { return _followed.load(std::memory_order_relaxed); }
   void setFollowed(std::uint64_t session) { _followed = session; }

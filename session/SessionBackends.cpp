@@ -113,14 +113,14 @@ void SessionBackends::follow(const SessionBackends* parent, std::uint64_t number
       backend->settle(BackendState::disabled, Reason::parentLacksBackend);
       continue;
     }
-    const auto [state, reason] = followed->standing();
+    const CorvidBackend::Standing standing = followed->standing();
     const std::optional<double> threshold = followed->samplingThreshold();
-    backend->setState(state, reason);
+    backend->takeOver(standing);
     backend->setSamplingThreshold(threshold);
-    const auto why = loggingReason(reason);
+    const auto why = loggingReason(standing.reason);
     logDebug(
         "HTTPSPostBackend(syncReportingStates): {}: state and sampling rate updated to {}, {:.2f}%",
-        backend->name(), static_cast<std::int32_t>(state),
+        backend->name(), static_cast<std::int32_t>(standing.state),
         static_cast<double>(static_cast<float>(threshold.value_or(0))));
   }
 }

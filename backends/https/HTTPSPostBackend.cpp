@@ -75,6 +75,14 @@ void HTTPSPostBackend::updateState() {
   settle(state, reason);
 }
 
+void HTTPSPostBackend::takeOver(Standing standing) {
+  if (standing.state == BackendState::sending) {
+    const MutexLock lock(_lock);
+    standing.reason = sendingReason(_policy);
+  }
+  CorvidBackend::takeOver(standing);
+}
+
 BackendState HTTPSPostBackend::updateBackendState() {
   const SharedDictionary userInfo = userInfoDict();
   const PolicyFacts facts{.requireUserInfo = identity().requireUserInfo,

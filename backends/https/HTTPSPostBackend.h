@@ -50,6 +50,8 @@ class HTTPSPostBackend final : public CorvidBackend {
   void updateState() override EXCLUDES(_lock);
   // Says how many events were dropped because consent was withdrawn, if any.
   void cleanup() override;
+  // Whether there is an address to send to is its own matter.
+  void takeOver(Standing standing) override EXCLUDES(_lock);
   // Takes over what the storebag says of the client, and says what state that leads to.
   BackendState updateBackendState() EXCLUDES(_lock);
 

@@ -102,6 +102,9 @@ void ModelBackend::follow(const ModelBackend* parent) {
   }
   _policy.state = parent->_policy.state;
   _policy.reason = parent->_policy.reason;
+  // Whether there is an address is a backend's own matter.
+  if (_kind == Kind::poster && state() == State::sending)
+    _policy.reason = _policy.hasAddress() ? "reporting" : "noAddress";
   _policy.threshold = parent->_policy.threshold;
 }
 

@@ -156,6 +156,21 @@ TEST_F(BatchingTest, ALiftedBackendWithoutAnAddressSaysSo) {
             (CorvidBackend::Standing{BackendState::sending, Reason::noAddress}));
 }
 
+TEST_F(BatchingTest, ABackendThatSendsAsItsParentDoesSaysWhetherItHasAnAddressItself) {
+  using Standing = CorvidBackend::Standing;
+  const Standing reports{BackendState::sending, Reason::reporting};
+  const Standing lacksAddress{BackendState::sending, Reason::noAddress};
+  const auto lacking = makeInState(BackendState::waiting, {});
+  lacking->takeOver(reports);
+  EXPECT_EQ(lacking->standing(), lacksAddress);
+  const auto posting = makeInState(BackendState::waiting);
+  posting->takeOver(lacksAddress);
+  EXPECT_EQ(posting->standing(), reports);
+  const Standing sampledOut{BackendState::disabled, Reason::sampledOut};
+  posting->takeOver(sampledOut);
+  EXPECT_EQ(posting->standing(), sampledOut);
+}
+
 TEST_F(BatchingTest, WhoeverObservesTheStateHearsOfTheLift) {
   const auto backend = makeInState(BackendState::held);
   int changes = 0;
