@@ -95,9 +95,9 @@ std::string bareFrame(const corvid_dictionary_t* payload) {
 }
 
 double measureBare(const BareRun& run, const std::string& folder) {
-  const auto payloadOf = [](int number) {
+  const auto payloadOf = [&](int number) {
     return std::unique_ptr<corvid_dictionary_t, void (*)(corvid_dictionary_t*)>(
-        makePayload(static_cast<std::uint64_t>(number)), corvid_dictionary_destroy);
+        makePayload(static_cast<std::uint64_t>(number), run.textBytes), corvid_dictionary_destroy);
   };
   int sockets[2];
   if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets) != 0)

@@ -11,6 +11,7 @@ namespace corvid::bench {
 struct BareRun {
   int events = 0;
   int eventsPerPost = 1;
+  std::size_t textBytes = 0;  // as makePayload's
   std::string url;
   std::string caFile;
   // One of the daemon's, from which the fields are taken that all records share.

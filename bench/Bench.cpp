@@ -24,7 +24,7 @@ bool acceptsConnection(const std::string& path) {
 
 }  // namespace
 
-Bench::Bench(const std::string& folder)
+Bench::Bench(const std::string& folder, NginxSink::Connections connections)
     : _folder(folder),
       _root(folder),
       _identity(_root.tlsFolder()),
@@ -32,7 +32,7 @@ Bench::Bench(const std::string& folder)
       _storebags(_root.storebagFolder(), _signer, 86400,
                  [](std::string_view name) { return std::string(name); }) {
   _root.writeFiles(_signer.publicKeyDER());
-  _nginx = std::make_unique<NginxSink>(folder, _identity.server());
+  _nginx = std::make_unique<NginxSink>(folder, _identity.server(), connections);
   _localSink = std::make_unique<lab::HTTPServer>(
       [this](const lab::Request& request) {
         const Clock::time_point now = Clock::now();

@@ -34,7 +34,8 @@ struct Arrival {
 
 class Bench {
  public:
-  explicit Bench(const std::string& folder);
+  explicit Bench(const std::string& folder,
+                 NginxSink::Connections connections = NginxSink::Connections::kept);
 
   // A fresh daemon; it is ready when the first connection was accepted. `command` is the program,
   // or one that runs it, and options.

@@ -1,11 +1,15 @@
 #include "bench/MeasuredProcess.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <signal.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <filesystem>
+#include <fstream>
 #include <stdexcept>
+#include <string_view>
 
 #include "base/Descriptor.h"
 #include "tests/support/ChildProcess.h"
@@ -38,6 +42,18 @@ std::chrono::nanoseconds MeasuredProcess::cpuTime() const {
   if (clock_getcpuclockid(pid(), &clock) != 0 || clock_gettime(clock, &time) != 0)
     throw std::runtime_error("the process has ended");
   return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+}
+
+std::size_t MeasuredProcess::sleeps() const {
+  constexpr std::string_view field = "voluntary_ctxt_switches:";
+  std::size_t sum = 0;
+  for (const auto& thread :
+       std::filesystem::directory_iterator(fmt::format("/proc/{}/task", pid()))) {
+    std::ifstream lines(thread.path() / "status");
+    for (std::string line; std::getline(lines, line);)
+      if (line.starts_with(field)) sum += std::stoul(line.substr(field.size()));
+  }
+  return sum;
 }
 
 Memory MeasuredProcess::memory() const {

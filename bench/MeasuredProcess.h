@@ -26,6 +26,8 @@ class MeasuredProcess {
   std::chrono::steady_clock::time_point started() const { return _started; }
   // User and system time of the process so far, all threads.
   std::chrono::nanoseconds cpuTime() const;
+  // How often its threads, those that run now, have gone to sleep.
+  std::size_t sleeps() const;
   Memory memory() const;
   // The highest resident size so far.
   double peakMB() const;

@@ -45,7 +45,8 @@ bool accepts(std::uint16_t port) {
 
 }  // namespace
 
-NginxSink::NginxSink(const std::string& folder, const lab::TLSCertificate& certificate)
+NginxSink::NginxSink(const std::string& folder, const lab::TLSCertificate& certificate,
+                     Connections connections)
     : _folder(folder), _port(freePort()) {
   const std::string configuration = _folder + "/nginx.conf";
   std::ofstream(configuration) << fmt::format(
@@ -57,7 +58,7 @@ http {{
   client_body_temp_path {0}/nginx-body; proxy_temp_path {0}/nginx-t1; fastcgi_temp_path {0}/nginx-t2;
   uwsgi_temp_path {0}/nginx-t3; scgi_temp_path {0}/nginx-t4;
   client_body_buffer_size 1m; client_max_body_size 64m;
-  keepalive_requests 100000000; keepalive_timeout 3600s; http2_max_concurrent_streams 512;
+  keepalive_requests 100000000; keepalive_timeout {4}; http2_max_concurrent_streams 512;
   server {{
     listen 127.0.0.1:{1} ssl http2;
     ssl_certificate {2}; ssl_certificate_key {3};
@@ -65,7 +66,8 @@ http {{
   }}
 }}
 )",
-      _folder, _port, certificate.certificateFile, certificate.keyFile);
+      _folder, _port, certificate.certificateFile, certificate.keyFile,
+      connections == Connections::kept ? "3600s" : "0");
   _process = std::make_unique<MeasuredProcess>(
       std::vector<std::string>{"nginx", "-c", configuration, "-p", _folder, "-e",
                                _folder + "/nginx-error.log"},

@@ -13,9 +13,13 @@ namespace corvid::bench {
 
 class NginxSink {
  public:
+  // Whether a connection is kept for the next post.
+  enum class Connections { kept, eachItsOwn };
+
   // Configuration, log and pid file stand in `folder`. std::runtime_error where nginx is missing or
   // does not come up.
-  NginxSink(const std::string& folder, const lab::TLSCertificate& certificate);
+  NginxSink(const std::string& folder, const lab::TLSCertificate& certificate,
+            Connections connections);
 
   std::string url(const std::string& path) const;
   struct Received {

@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <array>
+#include <random>
 #include <semaphore>
 #include <stdexcept>
 
@@ -20,7 +22,22 @@ void check(int result) {
   if (result != CORVID_OK) throw std::runtime_error(corvid_error_text(result));
 }
 
-corvid_dictionary_t* makePayload(std::uint64_t number) {
+namespace {
+
+// As people write: it compresses about as their texts do.
+std::string wordsOf(std::uint64_t number, std::size_t bytes) {
+  constexpr std::array words{"buffer", "stalled", "player", "resumed",  "after",   "network",
+                             "change", "from",    "wired",  "wireless", "quality", "lowered"};
+  std::mt19937_64 random(number);
+  std::string text;
+  while (text.size() < bytes) text.append(words[random() % words.size()]).push_back(' ');
+  text.resize(bytes);
+  return text;
+}
+
+}  // namespace
+
+corvid_dictionary_t* makePayload(std::uint64_t number, std::size_t textBytes) {
   corvid_dictionary_t* payload = corvid_dictionary_create();
   char text[40];
   fmt::format_to_n(text, sizeof text, "action-{:09}", number % 1000000000).out[0] = '\0';
@@ -32,10 +49,13 @@ corvid_dictionary_t* makePayload(std::uint64_t number) {
                                 1'200'000 + static_cast<std::int64_t>(number % 977));
   corvid_dictionary_set_integer(payload, "dropped", static_cast<std::int64_t>(number % 31));
   corvid_dictionary_set_real(payload, "position", static_cast<double>(number) * 0.04);
+  if (textBytes > 0)
+    corvid_dictionary_set_string(payload, "note", wordsOf(number, textBytes).c_str());
   return payload;
 }
 
-Session::Session(const std::string& root, const Description& description) {
+Session::Session(const std::string& root, const Description& description)
+    : _textBytes(description.textBytes) {
   corvid_options_t options = CORVID_OPTIONS_INIT;
   options.root = root.c_str();
   check(corvid_session_create(&options, &_session));
@@ -92,7 +112,7 @@ void Session::finished(void* context, corvid_outcome_t) {
 void Session::send(std::uint64_t number, bool realtime, void (*onReply)(void* context),
                    void* context) {
   auto* pending = new Pending{this, onReply, context};
-  corvid_dictionary_t* payload = makePayload(number);
+  corvid_dictionary_t* payload = makePayload(number, _textBytes);
   int result = CORVID_OK;
   do {
     if (realtime) {

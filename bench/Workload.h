@@ -13,9 +13,9 @@ namespace corvid::bench {
 
 using Clock = std::chrono::steady_clock;
 
-// Payload of event `number`: texts of 16 and 36 characters, three integers and a double. The caller
-// destroys it.
-corvid_dictionary_t* makePayload(std::uint64_t number);
+// Payload of event `number`: texts of 16 and 36 characters, three integers and a double; with
+// `textBytes` one more text of that length, of words. The caller destroys it.
+corvid_dictionary_t* makePayload(std::uint64_t number, std::size_t textBytes = 0);
 
 // Throws std::runtime_error with the library's text where `result` is not CORVID_OK.
 void check(int result);
@@ -27,6 +27,7 @@ class Session {
     int clientType = 0;
     const char* clientName = "Bench";
     bool aggregates = false;
+    std::size_t textBytes = 0;  // in each payload
   };
 
   Session(const std::string& root, const Description& description);
@@ -52,6 +53,7 @@ class Session {
                             const corvid_error_t* failure);
   static void finished(void* context, corvid_outcome_t outcome);
 
+  const std::size_t _textBytes;
   corvid_session_t* _session = nullptr;
   std::size_t _made = 0;
   std::atomic<std::size_t> _ended = 0;

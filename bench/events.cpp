@@ -11,6 +11,7 @@
 #include "bench/Bench.h"
 #include "bench/Program.h"
 #include "bench/Reference.h"
+#include "bench/Samples.h"
 #include "platform/data/JSON.h"
 #include "tools/lab/Collectors.h"
 
@@ -173,27 +174,6 @@ Latency measureLatency(Bench& bench, const Options& options) {
   return result;
 }
 
-// A posted batch and a posted lone message, as JSON.
-std::pair<std::string, std::string> sampleMessages(Bench& bench, const Options& options) {
-  auto daemon = bench.startDaemon({options.corvidd});
-  Session session(bench.rootFolder(), {.clientType = localClient});
-  session.flush();
-  session.await();
-  bench.takeArrivals();
-  for (int i = 0; i < eventsPerFlush; ++i) session.send(static_cast<std::uint64_t>(i), false);
-  session.flush();
-  session.await();
-  session.send(1, true);
-  session.await();
-  std::this_thread::sleep_for(std::chrono::milliseconds(300));
-  const std::vector<Arrival> arrivals = bench.takeArrivals();
-  if (arrivals.size() != 2) throw std::runtime_error("the sample posts did not arrive");
-  const auto plain = [](const Arrival& arrival) {
-    return lab::gunzip(arrival.body).value_or(arrival.body);
-  };
-  return {plain(arrivals[0]), plain(arrivals[1])};
-}
-
 struct BareMicros {
   double batched = 0, realtime = 0;  // CPU of the bare program, an event
 };
@@ -236,28 +216,22 @@ void print(const Throughput& batched, const Throughput& realtime, const Latency&
              batched.cpuMicros / bare.batched, realtime.cpuMicros / bare.realtime);
 }
 
-const Dictionary& firstRecord(const Value& message) {
-  const Array* const records = arrayAt(*message.dictionary(), "events");
-  if (!records || records->empty()) throw std::runtime_error("the sample message holds no record");
-  return *records->front().dictionary();
-}
-
 void measure(Options options, const std::string& folder) {
   options.batched = std::max(options.batched - options.batched % eventsPerFlush, eventsPerFlush);
 
   Bench bench(folder);
-  const auto [batch, lone] = sampleMessages(bench, options);
+  const Samples samples = takeSamples(bench, options.corvidd, eventsPerFlush);
   const Throughput batched = measureBatched(bench, options);
   const Throughput realtime = measureRealtime(bench, options);
   const Latency latency = measureLatency(bench, options);
-  const Reference reference =
-      measureReference(batch, eventsPerFlush, lone, bench.nginx().url("/events"), bench.caFile());
-  const Value message = parseJSON(lone).value();
+  const Reference reference = measureReference(samples.batch, eventsPerFlush, samples.lone,
+                                               bench.nginx().url("/events"), bench.caFile());
+  const Dictionary record = firstRecord(samples.lone);
   BareRun bare{.events = options.batched,
                .eventsPerPost = eventsPerFlush,
                .url = bench.nginx().url("/events"),
                .caFile = bench.caFile(),
-               .record = &firstRecord(message)};
+               .record = &record};
   const double bareBatched = measureBare(bare, folder);
   bare.events = options.realtime;
   bare.eventsPerPost = 1;
