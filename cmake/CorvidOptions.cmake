@@ -6,6 +6,8 @@ option(CORVID_WERROR "Treat warnings as errors, as every preset does" OFF)
 option(CORVID_HARDEN "Build with the compiler's and the linker's protections" ON)
 option(CORVID_PCH "Use precompiled headers" ON)
 option(CORVID_TIDY "Run clang-tidy on everything that is compiled" OFF)
+set(CORVID_FLEET AUTO CACHE STRING "Build what receives from a fleet (gateway/): ON, OFF, or AUTO: where its libraries are installed")
+set_property(CACHE CORVID_FLEET PROPERTY STRINGS AUTO ON OFF)
 set(CORVID_SANITIZE "" CACHE STRING "Sanitizers to build with, such as address,undefined")
 
 function(corvid_refuse reason)
