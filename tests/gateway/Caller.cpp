@@ -1,0 +1,116 @@
+#include "tests/gateway/Caller.h"
+
+#include <arpa/inet.h>
+#include <fmt/format.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <zlib.h>
+
+#include <algorithm>
+#include <cctype>
+#include <stdexcept>
+
+#include "base/Reading.h"
+#include "base/Text.h"
+
+namespace corvid::fleet {
+
+Caller::Caller(std::uint16_t port) : _socket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (!_socket ||
+      connect(_socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+    throw std::runtime_error("cannot connect");
+}
+
+bool Caller::send(std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t count = ::send(_socket.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    if (count <= 0) return false;
+    bytes.remove_prefix(static_cast<std::size_t>(count));
+  }
+  return true;
+}
+
+void Caller::endWriting() { shutdown(_socket.get(), SHUT_WR); }
+
+bool Caller::fill(std::chrono::steady_clock::time_point deadline) {
+  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+      deadline - std::chrono::steady_clock::now());
+  pollfd ready{_socket.get(), POLLIN, 0};
+  if (left.count() < 0 || poll(&ready, 1, static_cast<int>(left.count())) <= 0) return false;
+  std::string piece(65536, '\0');
+  const ssize_t count = recv(_socket.get(), piece.data(), piece.size(), 0);
+  if (count <= 0) return false;
+  _read.append(piece, 0, static_cast<std::size_t>(count));
+  return true;
+}
+
+std::optional<Got> Caller::answer(std::chrono::milliseconds limit) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  std::size_t end;
+  while ((end = _read.find("\r\n\r\n")) == _read.npos)
+    if (!fill(deadline)) return std::nullopt;
+  Got got;
+  const std::string head = _read.substr(0, end);
+  _read.erase(0, end + 4);
+  for (const std::string_view line : split(head, '\n')) {
+    const std::size_t colon = line.find(':');
+    if (got.status == 0)
+      got.status = numberFrom<int>(line.substr(9, 3)).value_or(-1);
+    else if (colon != line.npos)
+      got.headers[lowerCased(line.substr(0, colon))] = trimmed(line.substr(colon + 1));
+  }
+  const auto length = numberFrom<std::size_t>(got.headers["content-length"]).value_or(0);
+  while (_read.size() < length)
+    if (!fill(deadline)) return std::nullopt;
+  got.body = _read.substr(0, length);
+  _read.erase(0, length);
+  return got;
+}
+
+bool Caller::isClosed(std::chrono::milliseconds limit) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (fill(deadline)) _read.clear();
+  return std::chrono::steady_clock::now() < deadline;
+}
+
+std::string request(std::string_view path, std::string_view body,
+                    const std::vector<std::string>& headers) {
+  std::string text =
+      fmt::format("POST {} HTTP/1.1\r\nHost: gateway\r\nContent-Length: {}\r\n", path, body.size());
+  for (const std::string& header : headers) text += header + "\r\n";
+  return text.append("\r\n").append(body);
+}
+
+std::optional<Got> post(std::uint16_t port, std::string_view path, std::string_view body,
+                        const std::vector<std::string>& headers) {
+  Caller caller(port);
+  caller.send(request(path, body, headers));
+  return caller.answer();
+}
+
+std::optional<Got> get(std::uint16_t port, std::string_view path) {
+  Caller caller(port);
+  caller.send(fmt::format("GET {} HTTP/1.1\r\nHost: gateway\r\n\r\n", path));
+  return caller.answer();
+}
+
+std::string gzip(std::string_view content) {
+  z_stream stream{};
+  deflateInit2(&stream, Z_BEST_COMPRESSION, Z_DEFLATED, MAX_WBITS + 16, 8, Z_DEFAULT_STRATEGY);
+  std::string packed(deflateBound(&stream, content.size()), '\0');
+  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(content.data()));
+  stream.avail_in = static_cast<uInt>(content.size());
+  stream.next_out = reinterpret_cast<Bytef*>(packed.data());
+  stream.avail_out = static_cast<uInt>(packed.size());
+  deflate(&stream, Z_FINISH);
+  packed.resize(stream.total_out);
+  deflateEnd(&stream);
+  return packed;
+}
+
+}  // namespace corvid::fleet
