@@ -46,7 +46,7 @@ constexpr std::array<RuleText, ruleCount> texts{{
     {Rule::clientTime, 429, "clientTime", "the requests of this client take too much time"},
     {Rule::logRefused, 422, "logRefused", "the log does not take this message"},
     {Rule::logUnanswered, 0, "logUnanswered", "the log does not answer"},
-    {Rule::memoryFull, 0, "memoryFull", "too much is waiting for the log"},
+    {Rule::memoryFull, 0, "memoryFull", "too many requests are under way"},
     {Rule::diskFull, 507, "diskFull", "the disk has no room for the file"},
     {Rule::diskFailed, 503, "diskFailed", "the file could not be written"},
 }};

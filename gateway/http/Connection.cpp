@@ -1,5 +1,6 @@
 #include "gateway/http/Connection.h"
 
+#include <algorithm>
 #include <boost/asio/post.hpp>
 #include <utility>
 
@@ -145,7 +146,8 @@ bool Connection::begin() {
     _deadline = Clock::now() + _worker.shared().hold;
     return false;
   }
-  return beginBody();
+  beginBody(_worker.shared().hold);
+  return true;
 }
 
 // To the client's share.
@@ -163,16 +165,15 @@ std::optional<Rule> Connection::admit() {
   return rule;
 }
 
-bool Connection::beginBody() {
+void Connection::beginBody(Time::duration hold) {
   _phase = Phase::body;
   _deadline = Clock::now() + _worker.inForce().settings.bodyTime;
   RequestHead& head = _parser->head();
   if (head.expectsContinue) _transport.write(goAhead);
-  _exchange = exchangeFor(std::move(head), _route, _worker, [weak = weak_from_this()] {
+  _exchange = exchangeFor(std::move(head), _route, _worker, hold, [weak = weak_from_this()] {
     const auto self = weak.lock();
     if (self && self->_phase == Phase::paused) self->goOn();
   });
-  return true;
 }
 
 void Connection::continueBody(std::string_view input) {
@@ -303,7 +304,7 @@ void Connection::close() {
 void Connection::look(Time now) {
   const auto self = shared_from_this();
   if (_phase == Phase::parked && !_worker.shared().budget.isTight()) {
-    beginBody();
+    beginBody(std::max(_deadline - now, Time::duration::zero()));
     return feed({});
   }
   if (_phase == Phase::body ? !bodyIsLate(now) : now < _deadline) return;

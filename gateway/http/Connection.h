@@ -59,7 +59,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
   void consume(std::string_view input);
   // False where the head was answered, or must wait.
   bool begin();
-  bool beginBody();
+  // `hold`: how long it may wait for the log; what it waited for room is taken off.
+  void beginBody(Time::duration hold);
   std::optional<Rule> admit();
   void continueBody(std::string_view input);
   void follow(Exchange::Wish wish);

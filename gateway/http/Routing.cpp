@@ -30,7 +30,8 @@ std::string receivedNow() {
   return fmt::format("{:.6f}", time.count());
 }
 
-std::unique_ptr<Exchange> postBody(RequestHead head, Route route, Worker& worker) {
+std::unique_ptr<Exchange> postBody(RequestHead head, Route route, Worker& worker,
+                                   std::chrono::steady_clock::duration hold) {
   PostBody::Headers headers{{"received", receivedNow()},
                             {"route", std::string(routeWords[static_cast<std::size_t>(route)])}};
   // A body holds no zero byte, so that nothing in it is taken for these.
@@ -48,7 +49,7 @@ std::unique_ptr<Exchange> postBody(RequestHead head, Route route, Worker& worker
           .length = head.length.value_or(0),
           .headers = std::move(headers),
           .client = std::move(client),
-          .hold = worker.shared().hold},
+          .hold = hold},
       worker.gunzips(), worker.shared().budget, worker.holding());
 }
 
@@ -77,8 +78,9 @@ std::optional<Rule> faultOf(const RequestHead& head, Route route, const Shared& 
 }
 
 std::unique_ptr<Exchange> exchangeFor(RequestHead head, Route route, Worker& worker,
+                                      std::chrono::steady_clock::duration hold,
                                       std::function<void()> goOn) {
-  if (route != Route::uploads) return postBody(std::move(head), route, worker);
+  if (route != Route::uploads) return postBody(std::move(head), route, worker, hold);
   Shared& shared = worker.shared();
   return std::make_unique<UploadBody>(
       UploadBody::Request{.query = *UploadQuery::parse(head.query()),

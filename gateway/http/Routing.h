@@ -1,6 +1,7 @@
 // From a request's head to what takes its body.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -19,8 +20,10 @@ Route routeOf(const RequestHead& head);
 // The rule that the head breaks, as far as it alone tells.
 std::optional<Rule> faultOf(const RequestHead& head, Route route, const Shared& shared);
 
-// What takes the body of a head without fault. `goOn`: see Exchange::Wish::pause.
+// What takes the body of a head without fault. `hold`: how long it may wait for the log. `goOn`:
+// see Exchange::Wish::pause.
 std::unique_ptr<Exchange> exchangeFor(RequestHead head, Route route, Worker& worker,
+                                      std::chrono::steady_clock::duration hold,
                                       std::function<void()> goOn);
 
 // What monitors and balancers ask: GET /healthz, and where `all`, GET /metrics. Nothing where the
