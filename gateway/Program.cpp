@@ -101,7 +101,7 @@ int stop(const Options& options, Gateway& gateway, boost::asio::io_context& loop
     loop.poll();
   const Ledger::Balance balance = gateway.balance();
   if (balance.held > 0) logWarning("gateway: Stopped with {} requests unanswered", balance.held);
-  return hasEnded || isForced ? 0 : failed;
+  return hasEnded ? 0 : failed;
 }
 
 int run(const Options& options, const MakeLog& makeLog) {

@@ -15,8 +15,8 @@ using MakeLog = std::function<std::unique_ptr<LogPublisher>(const std::string& u
 
 // SIGTERM and SIGINT: takes no more connections, finishes what was read, returns 0; a second one,
 // or
-// --stop-timeout, ends the wait. SIGHUP: reads the files of settings and certificate again; where
-// one is wrong, what was in force stays, and one error line says so.
+// --stop-timeout, ends the wait, and then 1 is returned. SIGHUP: reads the files of settings and
+// certificate again; where one is wrong, what was in force stays, and one error line says so.
 int runGateway(std::vector<std::string> arguments, const MakeLog& makeLog);
 
 }  // namespace corvid::fleet
