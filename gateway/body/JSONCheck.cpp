@@ -47,6 +47,11 @@ std::size_t endOfPlain(std::string_view text, std::size_t at) {
   return at;
 }
 
+// Whether a byte may stand in a number.
+bool isOfNumber(char c) {
+  return isDigit(c) || c == '.' || c == '-' || c == '+' || c == 'e' || c == 'E';
+}
+
 // The whole of it by the grammar of JSON's numbers.
 bool isNumber(std::string_view text) {
   std::size_t at = text.starts_with('-') ? 1 : 0;
@@ -73,7 +78,7 @@ bool isNumber(std::string_view text) {
 // Of a number by the grammar.
 bool isInRange(std::string_view text) {
   constexpr std::size_t digitsOfAnyDouble = 300;
-  const std::size_t exponent = text.find_first_of("eE");
+  const std::size_t exponent = text.find('e') != text.npos ? text.find('e') : text.find('E');
   if (exponent == text.npos && text.size() <= digitsOfAnyDouble) return true;
   if (exponent != text.npos) {
     const std::size_t digits = text.find_first_of("0123456789", exponent);
@@ -240,9 +245,7 @@ JSONCheck::Step JSONCheck::stringEnd() {
 JSONCheck::Step JSONCheck::number() {
   std::size_t end = _at;
   const std::size_t most = std::min(_text.size(), _at + limits::numberBytes + 1);
-  while (end < most && (isDigit(_text[end]) ||
-                        std::string_view("-+.eE").find(_text[end]) != std::string_view::npos))
-    ++end;
+  while (end < most && isOfNumber(_text[end])) ++end;
   if (end == _at) return refuse(_text[_at] == '\0' ? Rule::nul : Rule::noJSON);
   if (end - _at > limits::numberBytes) return refuse(Rule::number);
   if (end == _text.size() && !_isWhole) return Step::lacking;

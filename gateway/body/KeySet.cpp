@@ -54,13 +54,17 @@ std::uint64_t hashOf(std::string_view key) {
 
 }  // namespace
 
-KeySet::KeySet() { _keys.reserve(few); }
+KeySet::KeySet() {
+  _keys.reserve(few);
+  _tags.reserve(few);
+}
 
 void KeySet::add(std::string_view text, std::size_t at, std::size_t size, bool hasEscapes) {
   const std::string_view key = text.substr(at, size);
-  _keys.push_back({hasEscapes ? hashOf(unescaped(key)) : hashOf(key),
-                   static_cast<std::uint32_t>(at), static_cast<std::uint32_t>(size & 0x7fffffff),
-                   hasEscapes});
+  const std::uint64_t hash = hasEscapes ? hashOf(unescaped(key)) : hashOf(key);
+  _keys.push_back({hash, static_cast<std::uint32_t>(at),
+                   static_cast<std::uint32_t>(size & 0x7fffffff), hasEscapes});
+  _tags.push_back(static_cast<std::uint32_t>(hash));
 }
 
 std::optional<std::size_t> KeySet::closeObject(std::string_view text) {
@@ -69,6 +73,7 @@ std::optional<std::size_t> KeySet::closeObject(std::string_view text) {
       _keys.size() - first <= few ? twiceAmongFew(text, first) : twiceAmongMany(text, first);
   _firsts.pop_back();
   _keys.resize(first);
+  _tags.resize(first);
   return found;
 }
 
@@ -79,10 +84,19 @@ bool KeySet::areSame(std::string_view text, const Key& one, const Key& other) {
 }
 
 std::optional<std::size_t> KeySet::twiceAmongFew(std::string_view text, std::size_t first) const {
-  for (std::size_t later = first + 1; later < _keys.size(); ++later)
-    for (std::size_t earlier = first; earlier < later; ++earlier)
-      if (_keys[earlier].hash == _keys[later].hash && areSame(text, _keys[earlier], _keys[later]))
-        return _keys[later].at;
+  const std::uint32_t* const tags = _tags.data() + first;
+  const std::size_t count = _tags.size() - first;
+  for (std::size_t later = 1; later < count; ++later) {
+    // Without a branch, so that several are compared at once.
+    std::uint32_t matches = 0;
+    for (std::size_t earlier = 0; earlier < later; ++earlier)
+      matches |= static_cast<std::uint32_t>(tags[earlier] == tags[later]);
+    if (matches == 0) [[likely]]
+      continue;
+    for (std::size_t earlier = 0; earlier < later; ++earlier)
+      if (areSame(text, _keys[first + earlier], _keys[first + later]))
+        return _keys[first + later].at;
+  }
   return std::nullopt;
 }
 

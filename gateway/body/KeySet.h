@@ -11,7 +11,7 @@
 namespace corvid::fleet {
 
 // Keys are compared as the characters they mean: "\u0061" is "a". Exact, whatever the hashes. What
-// it remembers is 16 bytes a key of the objects that are open.
+// it remembers is 20 bytes a key of the objects that are open.
 //
 // Not synchronised.
 class KeySet {
@@ -39,6 +39,7 @@ class KeySet {
   std::optional<std::size_t> twiceAmongMany(std::string_view text, std::size_t first);
 
   std::vector<Key> _keys;
+  std::vector<std::uint32_t> _tags;  // of each key, from its hash: side by side for a quick look
   std::vector<std::size_t> _firsts;  // of each open object, in _keys
 };
 
