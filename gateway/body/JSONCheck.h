@@ -27,6 +27,8 @@ class JSONCheck {
 
   // That have begun so far.
   std::size_t events() const { return _events; }
+  // What it has of the memory beside itself, about.
+  std::size_t bytes() const { return _keys.bytes(); }
 
  private:
   enum class Expected {

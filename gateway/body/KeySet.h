@@ -22,6 +22,10 @@ class KeySet {
   // `at`: where the key stands in the text, without its quotation marks.
   void add(std::string_view text, std::size_t at, std::size_t size, bool hasEscapes);
   std::size_t membersOfInnermost() const { return _keys.size() - _firsts.back(); }
+  // What it has of the memory, about.
+  std::size_t bytes() const {
+    return _keys.capacity() * sizeof(Key) + _tags.capacity() * sizeof(std::uint32_t);
+  }
   // Where the later one of two same keys of the innermost object stands; nothing where all differ.
   // The object is forgotten.
   std::optional<std::size_t> closeObject(std::string_view text);

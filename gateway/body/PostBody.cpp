@@ -18,14 +18,18 @@ std::string bytes(std::size_t count) { return fmt::format("{} bytes", count); }
 
 PostBody::PostBody(Request request, Gunzips& gunzips, Budget& budget, Holding& holding)
     : _request(std::move(request)),
+      _gunzips(gunzips),
       _holding(holding),
       _charge(budget),
-      _gunzip(_request.isGzip ? gunzips.lend() : Gunzips::Lent(nullptr, {&gunzips})) {}
+      _gunzip(nullptr, {&gunzips}) {
+  if (_request.kind == Kind::events) _json.emplace();
+}
 
 Exchange::Wish PostBody::take(std::string_view piece) {
   _sent += piece.size();
   if (_sent > limits::sentBytes) return refuse(Rule::sentTooLarge, bytes(limits::sentBytes));
   if (_request.isGzip) {
+    if (!_gunzip && !beginUnpacking()) return refuse(Rule::memoryFull);
     const Wish wish = unpack(piece);
     if (wish == Wish::again) _packed = piece;
     return wish;
@@ -42,6 +46,12 @@ Exchange::Wish PostBody::work() {
   const Wish wish = unpack(packed);
   _packed.erase(0, _packed.size() - packed.size());
   return wish;
+}
+
+bool PostBody::beginUnpacking() {
+  if (!charge(0)) return false;
+  _gunzip = _gunzips.lend();
+  return true;
 }
 
 Exchange::Wish PostBody::unpack(std::string_view& packed) {
@@ -72,26 +82,33 @@ Exchange::Wish PostBody::unpack(std::string_view& packed) {
 
 Exchange::Wish PostBody::check(std::size_t checked, bool isWhole) {
   _digest.add(std::string_view(_body).substr(checked));
-  if (_request.kind == Kind::logData) return Wish::more;
-  const auto refusal = _json.advance(_body, isWhole);
-  return refusal ? refuse(refusal->rule, refusal->detail) : Wish::more;
+  if (!_json) return Wish::more;
+  if (const auto refusal = _json->advance(_body, isWhole))
+    return refuse(refusal->rule, refusal->detail);
+  return charge(_body.capacity()) ? Wish::more : refuse(Rule::memoryFull);
 }
 
 // Ahead of the growth, which doubles what there is.
 bool PostBody::makeRoom(std::size_t size) {
   if (size <= _body.capacity()) return true;
   const std::size_t capacity = std::max(size, 2 * _body.capacity());
-  if (!_charge.raiseTo(capacity)) return false;
+  if (!charge(capacity)) return false;
   _body.reserve(capacity);
   return true;
+}
+
+bool PostBody::charge(std::size_t capacity) {
+  return _charge.raiseTo(capacity + (_request.isGzip ? gunzipBytes : 0) +
+                         (_json ? _json->bytes() : 0));
 }
 
 void PostBody::finish(Done done) {
   if (auto refusal = end()) return done({.refusal = std::move(refusal)});
   LogMessage message = this->message();
-  Verdict stored{.events = _json.events()};
+  Verdict stored{.events = _json ? _json->events() : 0};
   if (_request.kind == Kind::logData) stored.body = fmt::format("logs/{}\n", message.id);
   _gunzip.reset();
+  _json.reset();
   _holding.hold(std::move(message), std::move(_charge),
                 std::chrono::steady_clock::now() + _request.hold,
                 [done = std::move(done), stored = std::move(stored)](std::optional<Rule> rule) {
@@ -101,7 +118,8 @@ void PostBody::finish(Done done) {
 }
 
 std::optional<Refusal> PostBody::end() {
-  if (_gunzip && _gunzip->state() != Gunzip::State::whole) return Refusal{Rule::damagedGzip};
+  if (_request.isGzip && (!_gunzip || _gunzip->state() != Gunzip::State::whole))
+    return Refusal{Rule::damagedGzip};
   if (_request.kind == Kind::logData) {
     if (isLogData(_body)) return std::nullopt;
     return Refusal{Rule::noLogData};

@@ -46,19 +46,26 @@ class PostBody final : public Exchange {
   // Of unpacked bytes, between two turns.
   static constexpr std::size_t turnBytes = std::size_t{256} << 10;
 
+  // What unpacking takes beside its result.
+  static constexpr std::size_t gunzipBytes = std::size_t{48} << 10;
+
+  bool beginUnpacking();
   Wish unpack(std::string_view& packed);
   // Takes what stands behind the first `checked` bytes of the body.
   Wish check(std::size_t checked, bool isWhole);
-  bool makeRoom(std::size_t bytes);
+  bool makeRoom(std::size_t size);
+  // For a body of this capacity and all that it takes to read it; false where there is no room.
+  bool charge(std::size_t capacity);
   std::optional<Refusal> end();
   LogMessage message();
 
   Request _request;
+  Gunzips& _gunzips;
   Holding& _holding;
   Budget::Charge _charge;
   Gunzips::Lent _gunzip;
   Digest _digest;
-  JSONCheck _json;
+  std::optional<JSONCheck> _json;
   std::size_t _sent = 0;
   std::string _packed;  // given and not unpacked yet
   std::string _body;

@@ -117,12 +117,12 @@ TEST_F(FullTest, WhoWaitedTooLongForMemoryIsToldSo) {
   options.hold = 1s;
   start();
   // Bodies that are not whole.
-  const std::string part = R"({"events":[)" + std::string(5 * limits::mebibyte, ' ');
+  const std::string part = R"({"events":[)" + std::string(3 * limits::mebibyte, ' ');
   while (gateway->memoryUsed() < 12 * limits::mebibyte) {
     const std::size_t before = gateway->memoryUsed();
     fillers.push_back(std::make_unique<Caller>(port));
     fillers.back()->send("POST /v1/events HTTP/1.1\r\nContent-Length: 6000000\r\n\r\n" + part);
-    ASSERT_TRUE(waitUntil([&] { return gateway->memoryUsed() > before + 5 * limits::mebibyte; }));
+    ASSERT_TRUE(waitUntil([&] { return gateway->memoryUsed() > before + 3 * limits::mebibyte; }));
   }
   const auto got = postEvents(onePost);
   EXPECT_EQ(got->status, 503);

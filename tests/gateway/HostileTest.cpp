@@ -8,6 +8,7 @@ namespace {
 
 class HostileTest : public GatewayTest {
  protected:
+  HostileTest() { inForce.settings.clientTime = 1'000'000; }
   // What is answered to bytes on a connection of their own.
   int statusOf(std::string_view bytes) {
     Caller caller(port);
@@ -88,6 +89,23 @@ TEST_F(HostileTest, ABombThatIsNoJSONIsRefusedAtItsFirstByte) {
   EXPECT_EQ(
       postEvents(gzip(std::string(65 * limits::mebibyte, 'x')), {"Content-Encoding: gzip"})->body,
       "the body is not JSON at byte 0\n");
+}
+
+TEST_F(HostileTest, WhatTheCheckForKeysRemembersIsWithinTheBudgetToo) {
+  options.memory = 16 * limits::mebibyte;
+  start();
+  // Objects that stay open, each with as many members as may be: 20 bytes are kept for each of
+  // them, and the text takes less than half of the budget.
+  std::string body = R"({"events":[)";
+  for (int level = 0; level < 8; ++level) {
+    body += '{';
+    for (std::size_t i = 0; i < limits::members - 1; ++i) body += fmt::format("\"{:x}\":0,", i);
+    body += "\"n\":";
+  }
+  const auto got = postEvents(gzip(body), {"Content-Encoding: gzip"});
+  ASSERT_TRUE(got);
+  EXPECT_EQ(got->status, 503);
+  EXPECT_EQ(settled(Rule::memoryFull), 1u);
 }
 
 TEST_F(HostileTest, ABodyThatIsTooLargeAsSentIsRefusedBeforeItIsRead) {
