@@ -11,6 +11,7 @@
 
 #include <cstdio>
 #include <fstream>
+#include <set>
 #include <stdexcept>
 #include <utility>
 
@@ -26,8 +27,14 @@ std::vector<char*> pointersTo(const std::vector<std::string>& texts) {
 }
 
 std::vector<std::string> environmentWith(std::vector<std::string> variables) {
+  std::set<std::string_view> named{"CORVID_ROOT"};
+  const std::vector<std::string> given = variables;
+  const auto nameOf = [](std::string_view variable) {
+    return variable.substr(0, variable.find('='));
+  };
+  for (const std::string& variable : given) named.insert(nameOf(variable));
   for (char** variable = environ; *variable != nullptr; ++variable)
-    if (!std::string_view(*variable).starts_with("CORVID_ROOT=")) variables.push_back(*variable);
+    if (!named.contains(nameOf(*variable))) variables.push_back(*variable);
   return variables;
 }
 

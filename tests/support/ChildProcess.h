@@ -24,7 +24,7 @@ class ChildProcess {
   struct Program {
     std::vector<std::string> command;        // the program, looked up in PATH, and its arguments
     std::array<int, 3> streams{0, 1, 2};     // its standard streams
-    std::vector<std::string> environment{};  // "NAME=VALUE", beside this process's variables
+    std::vector<std::string> environment{};  // "NAME=VALUE", instead of and beside this process's
     std::function<void()> prepare{};  // called in the child, just before: system calls and no more
   };
   // With the usual treatment of signals, and without CORVID_ROOT. A program that cannot be started

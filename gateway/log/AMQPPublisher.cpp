@@ -1,0 +1,193 @@
+#include "gateway/log/AMQPPublisher.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <stdexcept>
+#include <vector>
+
+#include "base/Log.h"
+
+namespace corvid::fleet {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr milliseconds firstBackOff{50};
+constexpr milliseconds longestBackOff{1000};
+// The longest that the worker sleeps, so that it keeps up the heartbeats.
+constexpr milliseconds longestWait{250};
+// A message that is older and not confirmed makes the log count as one that does not answer.
+constexpr std::chrono::seconds slowest{2};
+
+void sleepFor(const Wakeup& wakeup, milliseconds time, int socket = -1) {
+  std::array<pollfd, 2> waiting{{{wakeup.descriptor(), POLLIN, 0}, {socket, POLLIN, 0}}};
+  poll(waiting.data(), socket < 0 ? 1 : 2, static_cast<int>(time.count()));
+  wakeup.drain();
+}
+
+void publishOn(AMQPConnection& connection, const LogMessage& message) {
+  std::vector<amqp_table_entry_t> entries(message.headers.size());
+  for (std::size_t at = 0; at < entries.size(); ++at) {
+    entries[at].key = bytesOf(message.headers[at].first);
+    entries[at].value.kind = AMQP_FIELD_KIND_UTF8;
+    entries[at].value.value.bytes = bytesOf(message.headers[at].second);
+  }
+  constexpr std::uint8_t persistent = 2;
+  amqp_basic_properties_t properties{};
+  properties._flags =
+      AMQP_BASIC_DELIVERY_MODE_FLAG | AMQP_BASIC_MESSAGE_ID_FLAG | AMQP_BASIC_HEADERS_FLAG;
+  properties.delivery_mode = persistent;
+  properties.message_id = bytesOf(message.id);
+  properties.headers = {static_cast<int>(entries.size()), entries.data()};
+  // Mandatory: a queue that is gone is told, not confirmed.
+  constexpr amqp_boolean_t isMandatory = 1, isImmediate = 0;
+  AMQPConnection::check(amqp_basic_publish(connection.state(), AMQPConnection::channel,
+                                           amqp_empty_bytes, bytesOf(message.stream), isMandatory,
+                                           isImmediate, &properties, bytesOf(message.body)),
+                        "publishing");
+}
+
+}  // namespace
+
+AMQPPublisher::AMQPPublisher(AMQPAddress address, const Options& options)
+    : _address(std::move(address)),
+      _options(options),
+      _unconfirmed(options.patience, options.mostBytes),
+      _expiry([this](const std::stop_token& stop) { expireAll(stop); }),
+      _worker([this](const std::stop_token& stop) { run(stop); }) {}
+
+AMQPPublisher::~AMQPPublisher() {
+  _worker.request_stop();
+  _wakeup.wake();
+  // It may wait for a node that takes nothing.
+  if (const int socket = _socket; socket >= 0) shutdown(socket, SHUT_RDWR);
+  _worker.join();
+  _expiry.request_stop();
+  _expiryChanged.notify_all();
+  _expiry.join();
+  _unconfirmed.expire(Unconfirmed::Clock::time_point::max());
+}
+
+void AMQPPublisher::publish(LogMessage message, Completion completion) {
+  const bool hasRoom = _unconfirmed.add(std::move(message), std::move(completion));
+  if (hasRoom)
+    _wakeup.wake();
+  else
+    _expiryChanged.notify_all();
+}
+
+bool AMQPPublisher::isReady() const {
+  if (!_isConnected || _isBlocked) return false;
+  const auto since = _unconfirmed.waitingSince();
+  return !since || Unconfirmed::Clock::now() - *since < slowest;
+}
+
+void AMQPPublisher::expireAll(const std::stop_token& stop) {
+  while (!stop.stop_requested()) {
+    _unconfirmed.expire(Unconfirmed::Clock::now());
+    const MutexLock lock(_expiryMutex);
+    _expiryChanged.wait_for(_expiryMutex, longestWait);
+  }
+}
+
+void AMQPPublisher::run(const std::stop_token& stop) {
+  milliseconds backOff = firstBackOff;
+  for (std::size_t node = 0; !stop.stop_requested(); node = (node + 1) % _address.nodes.size()) {
+    const AMQPAddress::Node& named = _address.nodes[node];
+    try {
+      AMQPConnection connection(_address, named, _options.connecting, _options.heartbeat);
+      _socket = connection.socket();
+      _unconfirmed.beginConnection();
+      _isConnected = true;
+      backOff = firstBackOff;
+      logInfo("log: publishing through {}:{}", named.host, named.port);
+      serve(connection, stop);
+      _socket = -1;
+    } catch (const std::exception& error) {
+      _socket = -1;
+      logWarning("log: {}:{}: {}", named.host, named.port, error.what());
+    }
+    _isConnected = false;
+    _isBlocked = false;
+    if (stop.stop_requested()) return;
+    sleepFor(_wakeup, backOff);
+    backOff = std::min(2 * backOff, longestBackOff);
+  }
+}
+
+void AMQPPublisher::serve(AMQPConnection& connection, const std::stop_token& stop) {
+  amqp_confirm_select(connection.state(), AMQPConnection::channel);
+  AMQPConnection::check(amqp_get_rpc_reply(connection.state()), "asking for confirmations");
+  std::set<std::string> declared;
+  while (!stop.stop_requested()) {
+    sendWaiting(connection, declared);
+    receive(connection);
+    if (!amqp_frames_enqueued(connection.state()) && !amqp_data_in_buffer(connection.state()))
+      sleepFor(_wakeup, longestWait, connection.socket());
+  }
+}
+
+void AMQPPublisher::sendWaiting(AMQPConnection& connection, std::set<std::string>& declared) {
+  // Confirmations are looked at in between.
+  for (int count = 0; count < 64; ++count) {
+    const auto message = _unconfirmed.takeUnsent();
+    if (!message) return;
+    if (!declared.contains(message->stream)) {
+      connection.declareStream(message->stream);
+      declared.insert(message->stream);
+    }
+    publishOn(connection, *message);
+  }
+  _wakeup.wake();
+}
+
+void AMQPPublisher::receive(AMQPConnection& connection) {
+  const timeval now{0, 0};
+  for (;;) {
+    amqp_maybe_release_buffers(connection.state());
+    amqp_frame_t frame;
+    const int status = amqp_simple_wait_frame_noblock(connection.state(), &frame, &now);
+    if (status == AMQP_STATUS_TIMEOUT) return;
+    AMQPConnection::check(status, "waiting for confirmations");
+    take(connection, frame);
+  }
+}
+
+void AMQPPublisher::take(AMQPConnection& connection, const amqp_frame_t& frame) {
+  if (frame.frame_type != AMQP_FRAME_METHOD) return;
+  const amqp_method_t& method = frame.payload.method;
+  switch (method.id) {
+    case AMQP_BASIC_ACK_METHOD: {
+      const auto& ack = *static_cast<const amqp_basic_ack_t*>(method.decoded);
+      if (std::exchange(_hasReturned, false)) throw std::runtime_error("a queue is gone");
+      _unconfirmed.confirm(ack.delivery_tag, ack.multiple != 0, Published::stored);
+      return;
+    }
+    case AMQP_BASIC_NACK_METHOD: {
+      const auto& nack = *static_cast<const amqp_basic_nack_t*>(method.decoded);
+      _unconfirmed.sendAgain(nack.delivery_tag, nack.multiple != 0);
+      return;
+    }
+    case AMQP_BASIC_RETURN_METHOD: _hasReturned = true; return skipReturned(connection);
+    case AMQP_CONNECTION_BLOCKED_METHOD: _isBlocked = true; return;
+    case AMQP_CONNECTION_UNBLOCKED_METHOD: _isBlocked = false; return;
+    default: {
+      amqp_rpc_reply_t reply{};
+      reply.reply_type = AMQP_RESPONSE_SERVER_EXCEPTION;
+      reply.reply = method;
+      AMQPConnection::check(reply, "publishing");
+    }
+  }
+}
+
+void AMQPPublisher::skipReturned(AMQPConnection& connection) {
+  amqp_message_t message;
+  AMQPConnection::check(amqp_read_message(connection.state(), AMQPConnection::channel, &message, 0),
+                        "taking back a message");
+  amqp_destroy_message(&message);
+}
+
+}  // namespace corvid::fleet
