@@ -23,8 +23,11 @@ std::string_view takeUntil(std::string_view& text, char separator) {
 
 AMQPAddress::Node nodeFrom(std::string_view text) {
   AMQPAddress::Node node;
-  const std::size_t colon = text.find(':');
-  node.host = text.substr(0, colon);
+  const bool isBracketed = text.starts_with('[');
+  const std::size_t end = isBracketed ? text.find(']') : 0;
+  if (end == text.npos) throw std::invalid_argument(fmt::format("\"{}\" lacks a bracket", text));
+  const std::size_t colon = text.find(':', end);
+  node.host = isBracketed ? text.substr(1, end - 1) : text.substr(0, colon);
   if (node.host.empty()) throw std::invalid_argument("a node of the log lacks its host");
   if (colon == text.npos) return node;
   const auto port = numberFrom<std::uint16_t>(text.substr(colon + 1));
@@ -49,8 +52,9 @@ AMQPAddress amqpAddressFrom(std::string_view url) {
     address.user = percentDecoded(takeUntil(login, ':'));
     address.password = percentDecoded(login);
   }
+  const bool endsInComma = authority.ends_with(',');
   do address.nodes.push_back(nodeFrom(takeUntil(authority, ',')));
-  while (!authority.empty());
+  while (!authority.empty() || endsInComma);
   return address;
 }
 

@@ -26,27 +26,24 @@ std::string closeText(const amqp_method_t& method) {
 
 }  // namespace
 
-AMQPConnection::AMQPConnection(const AMQPAddress& address, const AMQPAddress::Node& node,
-                               std::chrono::seconds limit, std::chrono::seconds heartbeat)
+AMQPConnection::AMQPConnection(const AMQPAddress::Node& node, std::chrono::seconds limit)
     : _state(amqp_new_connection()) {
-  const auto release = [](amqp_connection_state_t state) { amqp_destroy_connection(state); };
-  std::unique_ptr<amqp_connection_state_t_, decltype(release)> owner(_state, release);
   timeval wait = timevalOf(limit);
-  amqp_socket_t* const socket = amqp_tcp_socket_new(_state);
+  amqp_socket_t* const socket = amqp_tcp_socket_new(state());
   if (socket == nullptr) throw std::runtime_error("no memory for a connection to the log");
   check(amqp_socket_open_noblock(socket, node.host.c_str(), node.port, &wait), "connecting");
-  amqp_set_handshake_timeout(_state, &wait);
-  amqp_set_rpc_timeout(_state, &wait);
-  check(amqp_login(_state, address.vhost.c_str(), 1, mostFrameBytes,
+  amqp_set_handshake_timeout(state(), &wait);
+  amqp_set_rpc_timeout(state(), &wait);
+}
+
+void AMQPConnection::logIn(const AMQPAddress& address, std::chrono::seconds heartbeat) {
+  check(amqp_login(state(), address.vhost.c_str(), 1, mostFrameBytes,
                    static_cast<int>(heartbeat.count()), AMQP_SASL_METHOD_PLAIN,
                    address.user.c_str(), address.password.c_str()),
         "logging in");
-  amqp_channel_open(_state, channel);
-  check(amqp_get_rpc_reply(_state), "opening a channel");
-  owner.release();
+  amqp_channel_open(state(), channel);
+  check(amqp_get_rpc_reply(state()), "opening a channel");
 }
-
-AMQPConnection::~AMQPConnection() { amqp_destroy_connection(_state); }
 
 void AMQPConnection::declareStream(const std::string& stream) {
   std::array<amqp_table_entry_t, 1> entries{};
@@ -55,9 +52,9 @@ void AMQPConnection::declareStream(const std::string& stream) {
   entries[0].value.value.bytes = bytesOf("quorum");
   const amqp_table_t arguments{static_cast<int>(entries.size()), entries.data()};
   constexpr amqp_boolean_t isPassive = 0, isDurable = 1, isExclusive = 0, deletesItself = 0;
-  amqp_queue_declare(_state, channel, bytesOf(stream), isPassive, isDurable, isExclusive,
+  amqp_queue_declare(state(), channel, bytesOf(stream), isPassive, isDurable, isExclusive,
                      deletesItself, arguments);
-  check(amqp_get_rpc_reply(_state), "declaring a queue");
+  check(amqp_get_rpc_reply(state()), "declaring a queue");
 }
 
 void AMQPConnection::check(int status, const char* what) {

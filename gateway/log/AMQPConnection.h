@@ -5,6 +5,7 @@
 #include <chrono>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "gateway/log/AMQPAddress.h"
 
@@ -16,16 +17,15 @@ class AMQPConnection {
  public:
   static constexpr amqp_channel_t channel = 1;
 
-  // Waits for the node up to `limit`. Where the node has said nothing for two `heartbeat`s, the
-  // connection counts as lost; it has to be used at least as often.
-  AMQPConnection(const AMQPAddress& address, const AMQPAddress::Node& node,
-                 std::chrono::seconds limit, std::chrono::seconds heartbeat);
-  ~AMQPConnection();
-  AMQPConnection(const AMQPConnection&) = delete;
-  AMQPConnection& operator=(const AMQPConnection&) = delete;
+  // Connects; each answer of the node is waited for up to `limit`.
+  AMQPConnection(const AMQPAddress::Node& node, std::chrono::seconds limit);
 
-  amqp_connection_state_t state() const { return _state; }
-  int socket() const { return amqp_get_sockfd(_state); }
+  amqp_connection_state_t state() const { return _state.get(); }
+  int socket() const { return amqp_get_sockfd(state()); }
+
+  // Has to be called first. Where the node has said nothing for two `heartbeat`s, the connection
+  // counts as lost; it has to be used at least as often.
+  void logIn(const AMQPAddress& address, std::chrono::seconds heartbeat);
 
   // Makes the queue of a stream where it is missing: each message on the disk of a majority of the
   // nodes before it is confirmed.
@@ -36,7 +36,10 @@ class AMQPConnection {
   static void check(const amqp_rpc_reply_t& reply, const char* what);
 
  private:
-  const amqp_connection_state_t _state;
+  struct Deleter {
+    void operator()(amqp_connection_state_t state) const { amqp_destroy_connection(state); }
+  };
+  const std::unique_ptr<amqp_connection_state_t_, Deleter> _state;
 };
 
 // Views of bytes, without copies.

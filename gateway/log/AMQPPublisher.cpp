@@ -21,11 +21,30 @@ constexpr milliseconds longestBackOff{1000};
 constexpr milliseconds longestWait{250};
 // A message that is older and not confirmed makes the log count as one that does not answer.
 constexpr std::chrono::seconds slowest{2};
+// Doubled each time that it did not help, so that a log with much to do is not given more.
+constexpr std::chrono::seconds firstStall{2};
+constexpr std::chrono::seconds longestStall{8};
+// Of one message, while others are confirmed.
+constexpr std::chrono::seconds longestUnconfirmed{10};
 
 void sleepFor(const Wakeup& wakeup, milliseconds time, int socket = -1) {
   std::array<pollfd, 2> waiting{{{wakeup.descriptor(), POLLIN, 0}, {socket, POLLIN, 0}}};
   poll(waiting.data(), socket < 0 ? 1 : 2, static_cast<int>(time.count()));
   wakeup.drain();
+}
+
+// A node ends the connection over what it does not take, and with it all that is under way.
+bool canBeSent(const LogMessage& message) {
+  constexpr std::size_t shortText = 255;
+  constexpr std::size_t mostHeaderBytes = 64 << 10;  // all of them stand in one frame
+  constexpr std::size_t mostBody = 128 << 20;        // what a node takes unless told otherwise
+  std::size_t bytes = 0;
+  for (const auto& [name, value] : message.headers) {
+    if (name.size() > shortText) return false;
+    bytes += name.size() + value.size() + 8;
+  }
+  return bytes <= mostHeaderBytes && message.id.size() <= shortText &&
+         message.stream.size() <= shortText && message.body.size() <= mostBody;
 }
 
 void publishOn(AMQPConnection& connection, const LogMessage& message) {
@@ -52,18 +71,34 @@ void publishOn(AMQPConnection& connection, const LogMessage& message) {
 
 }  // namespace
 
+// The socket of a connection, for its length, to whoever ends the publisher.
+class AMQPPublisher::Shown {
+ public:
+  Shown(AMQPPublisher& publisher, int socket) : _publisher(publisher) { _publisher.show(socket); }
+  ~Shown() { _publisher.show(-1); }
+  Shown(const Shown&) = delete;
+  Shown& operator=(const Shown&) = delete;
+
+ private:
+  AMQPPublisher& _publisher;
+};
+
 AMQPPublisher::AMQPPublisher(AMQPAddress address, const Options& options)
     : _address(std::move(address)),
       _options(options),
       _unconfirmed(options.patience, options.mostBytes),
+      _stall(firstStall),
       _expiry([this](const std::stop_token& stop) { expireAll(stop); }),
       _worker([this](const std::stop_token& stop) { run(stop); }) {}
 
 AMQPPublisher::~AMQPPublisher() {
   _worker.request_stop();
   _wakeup.wake();
-  // It may wait for a node that takes nothing.
-  if (const int socket = _socket; socket >= 0) shutdown(socket, SHUT_RDWR);
+  {
+    // It may wait for a node that takes nothing.
+    const MutexLock lock(_socketMutex);
+    if (_socket >= 0) shutdown(_socket, SHUT_RDWR);
+  }
   _worker.join();
   _expiry.request_stop();
   _expiryChanged.notify_all();
@@ -72,11 +107,11 @@ AMQPPublisher::~AMQPPublisher() {
 }
 
 void AMQPPublisher::publish(LogMessage message, Completion completion) {
-  const bool hasRoom = _unconfirmed.add(std::move(message), std::move(completion));
-  if (hasRoom)
-    _wakeup.wake();
-  else
-    _expiryChanged.notify_all();
+  if (!canBeSent(message))
+    _unconfirmed.answerLater(std::move(completion), Published::refused);
+  else if (_unconfirmed.add(std::move(message), std::move(completion)))
+    return _wakeup.wake();
+  _expiryChanged.notify_all();
 }
 
 bool AMQPPublisher::isReady() const {
@@ -98,33 +133,45 @@ void AMQPPublisher::run(const std::stop_token& stop) {
   for (std::size_t node = 0; !stop.stop_requested(); node = (node + 1) % _address.nodes.size()) {
     const AMQPAddress::Node& named = _address.nodes[node];
     try {
-      AMQPConnection connection(_address, named, _options.connecting, _options.heartbeat);
-      _socket = connection.socket();
-      _unconfirmed.beginConnection();
-      _isConnected = true;
-      backOff = firstBackOff;
-      logInfo("log: publishing through {}:{}", named.host, named.port);
-      serve(connection, stop);
-      _socket = -1;
+      connectTo(named, stop);
     } catch (const std::exception& error) {
-      _socket = -1;
-      logWarning("log: {}:{}: {}", named.host, named.port, error.what());
+      if (!stop.stop_requested())
+        logWarning("log: {}:{}: {}", named.host, named.port, error.what());
     }
-    _isConnected = false;
+    const bool wasConnected = _isConnected.exchange(false);
     _isBlocked = false;
-    if (stop.stop_requested()) return;
-    sleepFor(_wakeup, backOff);
+    if (wasConnected) backOff = firstBackOff;
+    if (!stop.stop_requested()) sleepFor(_wakeup, backOff);
     backOff = std::min(2 * backOff, longestBackOff);
   }
 }
 
-void AMQPPublisher::serve(AMQPConnection& connection, const std::stop_token& stop) {
+void AMQPPublisher::connectTo(const AMQPAddress::Node& node, const std::stop_token& stop) {
+  AMQPConnection connection(node, _options.connecting);
+  const Shown shown(*this, connection.socket());
+  if (stop.stop_requested()) return;
+  connection.logIn(_address, _options.heartbeat);
   amqp_confirm_select(connection.state(), AMQPConnection::channel);
   AMQPConnection::check(amqp_get_rpc_reply(connection.state()), "asking for confirmations");
+  _unconfirmed.beginConnection();
+  _hasReturned = false;
+  _confirmed = Unconfirmed::Clock::now();
+  _isConnected = true;
+  logInfo("log: publishing through {}:{}", node.host, node.port);
+  serve(connection, stop);
+}
+
+void AMQPPublisher::show(int socket) {
+  const MutexLock lock(_socketMutex);
+  _socket = socket;
+}
+
+void AMQPPublisher::serve(AMQPConnection& connection, const std::stop_token& stop) {
   std::set<std::string> declared;
   while (!stop.stop_requested()) {
     sendWaiting(connection, declared);
     receive(connection);
+    checkStall();
     if (!amqp_frames_enqueued(connection.state()) && !amqp_data_in_buffer(connection.state()))
       sleepFor(_wakeup, longestWait, connection.socket());
   }
@@ -164,6 +211,8 @@ void AMQPPublisher::take(AMQPConnection& connection, const amqp_frame_t& frame) 
       const auto& ack = *static_cast<const amqp_basic_ack_t*>(method.decoded);
       if (std::exchange(_hasReturned, false)) throw std::runtime_error("a queue is gone");
       _unconfirmed.confirm(ack.delivery_tag, ack.multiple != 0, Published::stored);
+      _confirmed = Unconfirmed::Clock::now();
+      _stall = firstStall;
       return;
     }
     case AMQP_BASIC_NACK_METHOD: {
@@ -181,6 +230,17 @@ void AMQPPublisher::take(AMQPConnection& connection, const amqp_frame_t& frame) 
       AMQPConnection::check(reply, "publishing");
     }
   }
+}
+
+void AMQPPublisher::checkStall() {
+  const auto since = _unconfirmed.waitingSince();
+  if (!since || _isBlocked) return;
+  const auto now = Unconfirmed::Clock::now();
+  if (now - std::max(*since, _confirmed) > _stall) {
+    _stall = std::min(2 * _stall, longestStall);
+    throw std::runtime_error("confirmations stay out");
+  }
+  if (now - *since > longestUnconfirmed) throw std::runtime_error("a confirmation stays out");
 }
 
 void AMQPPublisher::skipReturned(AMQPConnection& connection) {

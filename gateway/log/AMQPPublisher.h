@@ -17,7 +17,8 @@ namespace corvid::fleet {
 
 // Writes into quorum queues of RabbitMQ, one a stream, through one node at a time; the next one
 // when it is lost. What was not confirmed then is sent again, so that a message may stand in the
-// log twice, with one ID. `stored`: a majority of the nodes has synced it to its disk.
+// log twice, with one ID. `stored`: a majority of the nodes has synced it to its disk. `refused`:
+// it is larger than a node takes, or its names are.
 class AMQPPublisher final : public LogPublisher {
  public:
   struct Options {
@@ -36,7 +37,10 @@ class AMQPPublisher final : public LogPublisher {
   bool isReady() const override;
 
  private:
+  class Shown;
   void run(const std::stop_token& stop);
+  void connectTo(const AMQPAddress::Node& node, const std::stop_token& stop);
+  void show(int socket) EXCLUDES(_socketMutex);
   void expireAll(const std::stop_token& stop);
   // Until the connection is lost, which is a std::runtime_error, or `stop`.
   void serve(AMQPConnection& connection, const std::stop_token& stop);
@@ -45,16 +49,22 @@ class AMQPPublisher final : public LogPublisher {
   void receive(AMQPConnection& connection);
   void take(AMQPConnection& connection, const amqp_frame_t& frame);
   void skipReturned(AMQPConnection& connection);
+  // Throws where confirmations stay out: a node that knew the leader which died may wait for it to
+  // come back, and forward nothing to the new one.
+  void checkStall();
 
   const AMQPAddress _address;
   const Options _options;
   const Wakeup _wakeup;
   Unconfirmed _unconfirmed;
   std::atomic<bool> _isConnected{false};
-  std::atomic<bool> _isBlocked{false};  // the node takes nothing: it lacks memory or disk
-  std::atomic<int> _socket{-1};
+  std::atomic<bool> _isBlocked{false};        // the node takes nothing: it lacks memory or disk
+  Unconfirmed::Clock::time_point _confirmed;  // when the last confirmation came
+  std::chrono::seconds _stall;                // without one, until another node is tried
   bool _hasReturned = false;  // the next confirmation is of a message that no queue took
 
+  Mutex _socketMutex;
+  int _socket GUARDED_BY(_socketMutex) = -1;
   Mutex _expiryMutex;
   std::condition_variable_any _expiryChanged;
   std::jthread _expiry;

@@ -39,8 +39,9 @@ void AMQPReader::connect() {
   for (std::size_t tries = 0; !_connection && tries < _address.nodes.size(); ++tries) try {
       const AMQPAddress::Node& node = _address.nodes[_next];
       _next = (_next + 1) % _address.nodes.size();
-      _connection =
-          std::make_unique<AMQPConnection>(_address, node, _options.connecting, _options.heartbeat);
+      auto connection = std::make_unique<AMQPConnection>(node, _options.connecting);
+      connection->logIn(_address, _options.heartbeat);
+      _connection = std::move(connection);
     } catch (const std::runtime_error& error) {
       refusal = error.what();
     }

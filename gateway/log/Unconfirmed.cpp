@@ -14,8 +14,9 @@ std::size_t sizeOf(const LogMessage& message) {
   return size;
 }
 
-void completeAll(const std::vector<LogPublisher::Completion>& completions, Published outcome) {
-  for (const auto& completion : completions) completion(outcome);
+template <class Answers>
+void tell(const Answers& answers) {
+  for (const auto& [completion, outcome] : answers) completion(outcome);
 }
 
 }  // namespace
@@ -24,7 +25,7 @@ bool Unconfirmed::add(LogMessage message, LogPublisher::Completion completion) {
   const std::size_t size = sizeOf(message);
   const MutexLock lock(_mutex);
   if (_bytes + size > _most) {
-    _hadNoRoom.push_back(std::move(completion));
+    _answers.emplace_back(std::move(completion), Published::unanswered);
     return false;
   }
   _bytes += size;
@@ -34,6 +35,11 @@ bool Unconfirmed::add(LogMessage message, LogPublisher::Completion completion) {
                                    {}});
   _unsent.push_back(_added);
   return true;
+}
+
+void Unconfirmed::answerLater(LogPublisher::Completion completion, Published outcome) {
+  const MutexLock lock(_mutex);
+  _answers.emplace_back(std::move(completion), outcome);
 }
 
 std::shared_ptr<const LogMessage> Unconfirmed::takeUnsent() {
@@ -67,21 +73,21 @@ std::vector<Unconfirmed::Key> Unconfirmed::takeSent(std::uint64_t number, bool w
   return taken;
 }
 
-void Unconfirmed::remove(Key key, std::vector<LogPublisher::Completion>& completions) {
+void Unconfirmed::remove(Key key, Published outcome, std::vector<Answer>& answers) {
   const auto entry = _entries.find(key);
   if (entry == _entries.end()) return;
   _bytes -= sizeOf(*entry->second.message);
-  completions.push_back(std::move(entry->second.completion));
+  answers.emplace_back(std::move(entry->second.completion), outcome);
   _entries.erase(entry);
 }
 
 void Unconfirmed::confirm(std::uint64_t number, bool withEarlier, Published outcome) {
-  std::vector<LogPublisher::Completion> completions;
+  std::vector<Answer> answers;
   {
     const MutexLock lock(_mutex);
-    for (const Key key : takeSent(number, withEarlier)) remove(key, completions);
+    for (const Key key : takeSent(number, withEarlier)) remove(key, outcome, answers);
   }
-  completeAll(completions, outcome);
+  tell(answers);
 }
 
 void Unconfirmed::sendAgain(std::uint64_t number, bool withEarlier) {
@@ -90,18 +96,18 @@ void Unconfirmed::sendAgain(std::uint64_t number, bool withEarlier) {
 }
 
 Unconfirmed::Clock::time_point Unconfirmed::expire(Clock::time_point now) {
-  std::vector<LogPublisher::Completion> completions;
+  std::vector<Answer> answers;
   Clock::time_point next = Clock::time_point::max();
   {
     const MutexLock lock(_mutex);
-    completions.swap(_hadNoRoom);
+    answers.swap(_answers);
     // All have the same patience, so that the first added is the first to go.
     while (!_entries.empty() && _entries.begin()->second.deadline <= now)
-      remove(_entries.begin()->first, completions);
+      remove(_entries.begin()->first, Published::unanswered, answers);
     if (!_entries.empty()) next = _entries.begin()->second.deadline;
     while (!_unsent.empty() && !_entries.contains(_unsent.front())) _unsent.pop_front();
   }
-  completeAll(completions, Published::unanswered);
+  tell(answers);
   return next;
 }
 

@@ -2,12 +2,12 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <map>
 #include <memory>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "base/Mutex.h"
@@ -27,8 +27,11 @@ class Unconfirmed {
   Unconfirmed(std::chrono::milliseconds patience, std::size_t most)
       : _patience(patience), _most(most) {}
 
-  // False where there is no room: the next `expire` completes it as unanswered.
+  // False where there is no room: it is answered later as unanswered.
   bool add(LogMessage message, LogPublisher::Completion completion) EXCLUDES(_mutex);
+
+  // Has the next `expire` complete what was never added.
+  void answerLater(LogPublisher::Completion completion, Published outcome) EXCLUDES(_mutex);
 
   // The oldest that was not sent on this connection, which counts as sent from now on; null where
   // there is none.
@@ -55,16 +58,17 @@ class Unconfirmed {
     Clock::time_point sent;
   };
   using Key = std::uint64_t;  // counts what was added
+  using Answer = std::pair<LogPublisher::Completion, Published>;
 
   // The keys that a confirmation is about, which then are no more under way.
   std::vector<Key> takeSent(std::uint64_t number, bool withEarlier) REQUIRES(_mutex);
-  void remove(Key key, std::vector<LogPublisher::Completion>& completions) REQUIRES(_mutex);
+  void remove(Key key, Published outcome, std::vector<Answer>& answers) REQUIRES(_mutex);
 
   const std::chrono::milliseconds _patience;
   const std::size_t _most;
   mutable Mutex _mutex;
   std::map<Key, Entry> _entries GUARDED_BY(_mutex);
-  std::vector<LogPublisher::Completion> _hadNoRoom GUARDED_BY(_mutex);
+  std::vector<Answer> _answers GUARDED_BY(_mutex);
   std::deque<Key> _unsent GUARDED_BY(_mutex);
   std::deque<Key> _sent GUARDED_BY(_mutex);  // in the order of their numbers; 0: no more under way
   std::uint64_t _firstSent GUARDED_BY(_mutex) = 1;  // the number of the first of these

@@ -70,8 +70,8 @@ NatsPublisher::NatsPublisher(const std::string& url, std::chrono::milliseconds p
 NatsPublisher::~NatsPublisher() {
   _worker.request_stop();
   _worker.join();
-  jsCtx_Destroy(_stream);
   natsConnection_Close(_connection.get());
+  jsCtx_Destroy(_stream);
   for (auto& [id, entry] : _entries) entry.completion(Published::unanswered);
 }
 

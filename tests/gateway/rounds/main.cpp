@@ -98,7 +98,7 @@ int runRounds(const Options& options) {
         result.again ? result.again->count() : -1.0, secondsOf(result.sums.longestGap),
         result.sums.acknowledged, result.sums.lost, result.undelivered, result.sums.repeated,
         result.sums.late, result.sums.foreign, result.sums.unanswered,
-        result.isDead         ? ", the cluster is dead"
+        result.isDead         ? ", a node did not come back when started again either"
         : result.isWholeAgain ? ""
                               : ", a node did not come back");
     std::fflush(stdout);
@@ -111,7 +111,7 @@ int runRounds(const Options& options) {
   }
   fmt::print(
       "\n| fault | rounds | acknowledged | lost | undelivered | repeated | foreign | "
-      "unanswered | a node did not come back | cluster dead | again after, s, longest |\n"
+      "unanswered | a node did not come back | nor when started again | again after, s, longest |\n"
       "|---|---|---|---|---|---|---|---|---|---|---|\n");
   for (const auto& [kind, totals] : byKind) print(std::string(wordFor(kind)), totals);
   print("all", all);

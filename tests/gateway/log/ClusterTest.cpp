@@ -1,0 +1,169 @@
+// Publisher and reader before RabbitMQ's three real nodes.
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <set>
+
+#include "gateway/log/AMQPPublisher.h"
+#include "gateway/log/AMQPReader.h"
+#include "gateway/log/LogURL.h"
+#include "tests/gateway/engines/RabbitCluster.h"
+#include "tests/support/Waiting.h"
+
+namespace corvid::fleet {
+namespace {
+
+using namespace std::chrono_literals;
+
+class ClusterTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    _cluster = std::make_unique<RabbitCluster>();
+    ASSERT_TRUE(_cluster->awaitAll(120s)) << _cluster->lastWords(0);
+  }
+  static void TearDownTestSuite() { _cluster.reset(); }
+
+  // A stream of the case's own.
+  static std::string stream() {
+    return ::testing::UnitTest::GetInstance()->current_test_info()->name();
+  }
+  static LogMessage message(std::size_t number, std::string body = "{}") {
+    return {.stream = stream(),
+            .id = fmt::format("id-{}", number),
+            .headers = {{"received", "1795255262.334619"}, {"X-CVD-Sender", "ZH"}},
+            .body = std::move(body)};
+  }
+  // Publishes `count` messages and waits until each is stored.
+  static void store(LogPublisher& publisher, std::size_t count) {
+    std::atomic<std::size_t> stored{0};
+    for (std::size_t number = 0; number < count; ++number)
+      publisher.publish(message(number), [&](Published outcome) {
+        if (outcome == Published::stored) ++stored;
+      });
+    ASSERT_TRUE(waitUntil([&] { return stored == count; }));
+  }
+  // Reads until `count` messages have come, or for long.
+  static std::vector<LoggedMessage> readAll(LogReader& reader, std::size_t count) {
+    std::vector<LoggedMessage> all;
+    (void)waitUntil([&] {
+      for (LoggedMessage& one : reader.read(1000, 100ms)) all.push_back(std::move(one));
+      return all.size() >= count;
+    });
+    return all;
+  }
+  static std::set<std::string> idsOf(const std::vector<LoggedMessage>& messages) {
+    std::set<std::string> ids;
+    for (const LoggedMessage& one : messages) ids.insert(one.message.id);
+    return ids;
+  }
+
+  static inline std::unique_ptr<RabbitCluster> _cluster;
+};
+
+TEST_F(ClusterTest, MessagesComeBackAsTheyWerePublished) {
+  const auto publisher = makeLog(_cluster->url());
+  std::atomic<int> stored{0};
+  // Larger than a frame, and with every byte.
+  std::string body;
+  while (body.size() < 500'000) body += static_cast<char>(body.size() * 7);
+  publisher->publish(message(1, body), [&](Published outcome) {
+    if (outcome == Published::stored) ++stored;
+  });
+  ASSERT_TRUE(waitUntil([&] { return stored == 1; }));
+  EXPECT_TRUE(publisher->isReady());
+  const auto read = readAll(*makeLogReader(_cluster->url(), {stream()}), 1);
+  ASSERT_EQ(read.size(), 1U);
+  EXPECT_EQ(read[0].message.stream, stream());
+  EXPECT_EQ(read[0].message.id, "id-1");
+  EXPECT_EQ(read[0].message.headers, message(1).headers);
+  EXPECT_EQ(read[0].message.body, body);
+}
+
+TEST_F(ClusterTest, WhatIsReleasedIsGoneAndWhatIsNotComesAgain) {
+  store(*makeLog(_cluster->url()), 10);
+  {
+    const auto reader = makeLogReader(_cluster->url(), {stream()});
+    const auto read = readAll(*reader, 10);
+    ASSERT_EQ(read.size(), 10U);
+    reader->release(read[3].position);
+  }
+  const auto again = readAll(*makeLogReader(_cluster->url(), {stream()}), 6);
+  EXPECT_EQ(idsOf(again), (std::set<std::string>{"id-4", "id-5", "id-6", "id-7", "id-8", "id-9"}));
+}
+
+TEST_F(ClusterTest, ReadersShareAStream) {
+  const AMQPAddress address = amqpAddressFrom(_cluster->url());
+  AMQPReader one(address, {stream()}, {.ahead = 20});
+  AMQPReader other(address, {stream()}, {.ahead = 20});
+  store(*makeLog(_cluster->url()), 40);
+  const auto first = readAll(one, 20);
+  const auto second = readAll(other, 20);
+  EXPECT_EQ(first.size(), 20U);
+  EXPECT_EQ(second.size(), 20U);
+  std::set<std::string> all = idsOf(first);
+  all.merge(idsOf(second));
+  EXPECT_EQ(all.size(), 40U);
+}
+
+TEST_F(ClusterTest, WithoutAMajorityNothingIsStoredAndTheDeadlineHolds) {
+  AMQPPublisher publisher(amqpAddressFrom(_cluster->url()), {.patience = 3s});
+  store(publisher, 1);
+  _cluster->freeze(1);
+  _cluster->freeze(2);
+  std::atomic<int> unanswered{0};
+  std::atomic<int> stored{0};
+  publisher.publish(message(1), [&](Published outcome) {
+    ++(outcome == Published::stored ? stored : unanswered);
+  });
+  EXPECT_TRUE(waitUntil([&] { return unanswered == 1; }, 5s));
+  EXPECT_TRUE(waitUntil([&] { return !publisher.isReady(); }));
+  _cluster->thaw(1);
+  _cluster->thaw(2);
+  EXPECT_EQ(stored, 0);
+  // It may take the publisher another deadline to find a node that goes on.
+  EXPECT_TRUE(waitUntil(
+      [&] {
+        std::atomic<bool> isAnswered{false};
+        publisher.publish(message(2), [&](Published outcome) {
+          if (outcome == Published::stored) ++stored;
+          isAnswered = true;
+        });
+        return waitUntil([&] { return isAnswered.load(); }, 6s) && stored > 0;
+      },
+      60s));
+}
+
+// The last case: it leaves two nodes.
+TEST_F(ClusterTest, WhatWasStoredOutlivesItsLeaderAndPublishingGoesOn) {
+  const auto publisher = makeLog(_cluster->url());
+  store(*publisher, 1);
+  std::atomic<std::size_t> answered{1};
+  std::mutex mutex;
+  std::set<std::string> stored{"id-0"};
+  const auto leader = _cluster->leaderOf(stream());
+  ASSERT_TRUE(leader);
+  std::size_t number = 1;
+  const auto publishSome = [&] {
+    for (const std::size_t end = number + 200; number < end; ++number)
+      publisher->publish(message(number), [&, id = message(number).id](Published outcome) {
+        const std::lock_guard lock(mutex);
+        if (outcome == Published::stored) stored.insert(id);
+        ++answered;
+      });
+  };
+  publishSome();
+  _cluster->kill(*leader);
+  publishSome();
+  ASSERT_TRUE(waitUntil([&] { return answered == number; }, 40s));
+  EXPECT_EQ(stored.size(), number);
+  const auto reader = makeLogReader(_cluster->url(), {stream()});
+  std::set<std::string> found;
+  EXPECT_TRUE(waitUntil([&] {
+    for (const LoggedMessage& one : reader->read(1000, 100ms)) found.insert(one.message.id);
+    return std::ranges::includes(found, stored);
+  }));
+}
+
+}  // namespace
+}  // namespace corvid::fleet
