@@ -15,14 +15,16 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr milliseconds firstBackOff{50};
-constexpr milliseconds longestBackOff{1000};
+// Where a node died that led a stream, the others choose a leader first; what reaches them before
+// that may wait for the dead one.
+constexpr milliseconds firstBackOff{500};
+constexpr milliseconds longestBackOff{1500};
 // The longest that the worker sleeps, so that it keeps up the heartbeats.
 constexpr milliseconds longestWait{250};
 // A message that is older and not confirmed makes the log count as one that does not answer.
 constexpr std::chrono::seconds slowest{2};
 // Doubled each time that it did not help, so that a log with much to do is not given more.
-constexpr std::chrono::seconds firstStall{2};
+constexpr std::chrono::seconds firstStall{3};
 constexpr std::chrono::seconds longestStall{8};
 // Of one message, while others are confirmed.
 constexpr std::chrono::seconds longestUnconfirmed{10};
@@ -185,6 +187,7 @@ void AMQPPublisher::sendWaiting(AMQPConnection& connection, std::set<std::string
     if (!declared.contains(message->stream)) {
       connection.declareStream(message->stream);
       declared.insert(message->stream);
+      _confirmed = Unconfirmed::Clock::now();  // that takes its time
     }
     publishOn(connection, *message);
   }

@@ -1,0 +1,35 @@
+#include "gateway/loader/LoaderLedger.h"
+
+#include <fmt/format.h>
+
+#include <iterator>
+
+namespace corvid::fleet {
+
+void LoaderLedger::decided(const StoredCounts& counts) {
+  _stored += counts.stored;
+  _repeated += counts.repeated;
+  _rejected += counts.rejected;
+  _rows += counts.rows;
+  _held -= counts.stored + counts.repeated + counts.rejected;
+}
+
+std::string LoaderLedger::metrics() const {
+  std::string text;
+  const auto add = [&](const char* name, const char* type, const char* help, std::uint64_t value) {
+    fmt::format_to(std::back_inserter(text), "# TYPE {0} {1}\n# HELP {0} {2}\n{0}{3} {4}\n", name,
+                   type, help, type == std::string_view("counter") ? "_total" : "", value);
+  };
+  add("corvid_loader_received", "counter", "Messages that were read from the log.", _received);
+  add("corvid_loader_stored", "counter", "Of those, stored as rows.", _stored);
+  add("corvid_loader_repeated", "counter", "Of those, known by their ID.", _repeated);
+  add("corvid_loader_rejected", "counter", "Of those, kept apart with a reason.", _rejected);
+  add("corvid_loader_held", "gauge", "Of those, not decided yet.", _held);
+  add("corvid_loader_rows", "counter", "Rows of events and log data.", _rows);
+  add("corvid_loader_failures", "counter", "Times that the log or the database was lost.",
+      _failures);
+  add("corvid_loader_reading", "gauge", "1 where both answer.", _isReading ? 1 : 0);
+  return text + "# EOF\n";
+}
+
+}  // namespace corvid::fleet
