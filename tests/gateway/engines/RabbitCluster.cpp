@@ -91,11 +91,10 @@ std::optional<std::size_t> RabbitCluster::leaderOf(const std::string& stream) {
 bool RabbitCluster::serves(std::size_t node) {
   if (!isRunning(node) || !isOpen(_ports[node])) return false;
   const auto running = ask(node, "rabbit_mnesia cluster_nodes [running]");
-  for (std::size_t other = 0; running && other < size; ++other)
-    if (running->find(nodeName(other)) == running->npos) return false;
+  if (!running || running->find(nodeName(node)) == running->npos) return false;
   // Where its disk was full, a node goes on without what keeps its quorum queues.
   const auto writer = ask(node, "erlang whereis [ra_log_wal]");
-  return running && writer && writer->find("undefined") == writer->npos;
+  return writer && writer->find("undefined") == writer->npos;
 }
 
 }  // namespace corvid::fleet

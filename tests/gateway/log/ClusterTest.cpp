@@ -1,67 +1,17 @@
 // Publisher and reader before RabbitMQ's three real nodes.
-#include <fmt/format.h>
-#include <gmock/gmock.h>
-
+#include <algorithm>
 #include <atomic>
-#include <set>
+#include <mutex>
 
 #include "gateway/log/AMQPPublisher.h"
 #include "gateway/log/AMQPReader.h"
 #include "gateway/log/LogURL.h"
-#include "tests/gateway/engines/RabbitCluster.h"
-#include "tests/support/Waiting.h"
+#include "tests/gateway/log/ClusterFixture.h"
 
 namespace corvid::fleet {
 namespace {
 
 using namespace std::chrono_literals;
-
-class ClusterTest : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() {
-    _cluster = std::make_unique<RabbitCluster>();
-    ASSERT_TRUE(_cluster->awaitAll(120s)) << _cluster->lastWords(0);
-  }
-  static void TearDownTestSuite() { _cluster.reset(); }
-
-  // A stream of the case's own.
-  static std::string stream() {
-    return ::testing::UnitTest::GetInstance()->current_test_info()->name();
-  }
-  static LogMessage message(std::size_t number, std::string body = "{}") {
-    return {.stream = stream(),
-            .id = fmt::format("id-{}", number),
-            .headers = {{"received", "1795255262.334619"}, {"X-CVD-Sender", "ZH"}},
-            .body = std::move(body)};
-  }
-  // Publishes `count` messages and waits until each is stored.
-  static void store(LogPublisher& publisher, std::size_t count) {
-    std::atomic<std::size_t> stored{0};
-    for (std::size_t number = 0; number < count; ++number)
-      publisher.publish(message(number), [&](Published outcome) {
-        if (outcome == Published::stored) ++stored;
-      });
-    ASSERT_TRUE(waitUntil([&] { return stored == count; }));
-  }
-  // Reads until `count` messages have come, or for long. What came twice stands there once.
-  static std::vector<LoggedMessage> readAll(LogReader& reader, std::size_t count) {
-    std::vector<LoggedMessage> all;
-    std::set<std::string> ids;
-    (void)waitUntil([&] {
-      for (LoggedMessage& one : reader.read(1000, 100ms))
-        if (ids.insert(one.message.id).second) all.push_back(std::move(one));
-      return all.size() >= count;
-    });
-    return all;
-  }
-  static std::set<std::string> idsOf(const std::vector<LoggedMessage>& messages) {
-    std::set<std::string> ids;
-    for (const LoggedMessage& one : messages) ids.insert(one.message.id);
-    return ids;
-  }
-
-  static inline std::unique_ptr<RabbitCluster> _cluster;
-};
 
 TEST_F(ClusterTest, MessagesComeBackAsTheyWerePublished) {
   const auto publisher = makeLog(_cluster->url());
