@@ -12,9 +12,13 @@ std::variant<LoaderOptions, int> readLoaderOptions(std::vector<std::string> argu
   CLI::App app("Takes the messages of a fleet from the replicated log into PostgreSQL.",
                "corvid-loader");
   addCommonOptions(app, "corvid-loader " CORVID_VERSION);
-  app.add_option("--log-url", options.log, "Where the replicated log is")->type_name("URL");
+  // By their variables too: a command line is everybody's to read, and these have passwords.
+  app.add_option("--log-url", options.log, "Where the replicated log is")
+      ->type_name("URL")
+      ->envname("CORVID_LOG_URL");
   app.add_option("--database", options.database, "Connection string or URL of the database")
-      ->type_name("TARGET");
+      ->type_name("TARGET")
+      ->envname("CORVID_DATABASE");
   app.add_option("--streams", options.streams, "Streams that are read (events,logs)")
       ->type_name("NAMES")
       ->delimiter(',')

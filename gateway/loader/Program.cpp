@@ -78,7 +78,9 @@ int runLoader(std::vector<std::string> arguments) {
   if (const int* const status = std::get_if<int>(&read)) return *status;
   const auto& options = std::get<LoaderOptions>(read);
   if (options.database.empty() || (options.log.empty() && options.removedClient.empty())) {
-    fmt::print(stderr, "corvid-loader: --log-url and --database are needed\n");
+    fmt::print(
+        stderr,
+        "corvid-loader: --log-url and --database, or CORVID_LOG_URL and CORVID_DATABASE, are needed\n");
     return exitUsage;
   }
   if (options.checksConfig) return checkConfig(options);

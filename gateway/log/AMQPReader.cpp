@@ -69,7 +69,9 @@ std::vector<LoggedMessage> AMQPReader::read(std::size_t most, std::chrono::milli
   if (isSilent()) connect();
   std::vector<LoggedMessage> messages;
   const amqp_connection_state_t state = _connection->state();
-  while (messages.size() < most) {
+  std::size_t bytes = 0;
+  // What is not taken here stays in the socket, and the node stops sending.
+  while (messages.size() < most && bytes < _options.mostBytes) {
     amqp_maybe_release_buffers(state);
     amqp_envelope_t envelope;
     // What has arrived already is taken with the first.
@@ -81,6 +83,7 @@ std::vector<LoggedMessage> AMQPReader::read(std::size_t most, std::chrono::milli
       break;
     AMQPConnection::check(reply, "reading");
     messages.push_back(messageOf(envelope));
+    bytes += messages.back().message.body.size();
     amqp_destroy_envelope(&envelope);
   }
   if (!messages.empty()) {

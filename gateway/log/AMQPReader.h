@@ -17,7 +17,8 @@ namespace corvid::fleet {
 class AMQPReader final : public LogReader {
  public:
   struct Options {
-    std::uint16_t ahead = 1000;  // messages that are this reader's and not released
+    std::uint16_t ahead = 1000;        // messages that are this reader's and not released
+    std::size_t mostBytes = 32 << 20;  // of the bodies in one read; the last may go beyond
     std::chrono::seconds heartbeat{10};
     std::chrono::seconds connecting{3};
     // Where nothing has come for so long, another node is tried: one that has lost its queues may

@@ -1,7 +1,6 @@
 #include "tests/gateway/engines/RabbitCluster.h"
 
 #include <fmt/format.h>
-#include <fmt/ranges.h>
 #include <sys/stat.h>
 
 #include "tests/gateway/engines/FreePorts.h"

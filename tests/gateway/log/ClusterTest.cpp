@@ -58,6 +58,23 @@ TEST_F(ClusterTest, ReadersShareAStream) {
   EXPECT_EQ(all.size(), 40U);
 }
 
+TEST_F(ClusterTest, AReaderTakesNoMoreBytesAtOnceThanItMay) {
+  const auto publisher = makeLog(_cluster->url());
+  std::atomic<std::size_t> stored{0};
+  for (std::size_t number = 0; number < 6; ++number)
+    publisher->publish(message(number, std::string(1 << 20, 'x')),
+                       [&](Published outcome) { stored += outcome == Published::stored ? 1 : 0; });
+  ASSERT_TRUE(waitUntil([&] { return stored == 6; }));
+  AMQPReader reader(amqpAddressFrom(_cluster->url()), {stream()}, {.mostBytes = 2 << 20});
+  std::size_t read = 0;
+  EXPECT_TRUE(waitUntil([&] {
+    const auto messages = reader.read(100, 200ms);
+    EXPECT_LE(messages.size(), 2U);
+    read += messages.size();
+    return read == 6;
+  }));
+}
+
 TEST_F(ClusterTest, WithoutAMajorityNothingIsStoredAndTheDeadlineHolds) {
   AMQPPublisher publisher(amqpAddressFrom(_cluster->url()), {.patience = 3s});
   store(publisher, 1);

@@ -59,8 +59,8 @@ int measure(const std::string& name) {
   fmt::print(
       "| bytes | under way | messages/s | CPU of nodes, µs | CPU of publisher, µs | "
       "until acknowledged, ms | memory of nodes, MB |\n|---|---|---|---|---|---|---|\n");
-  for (const std::size_t bytes : {1024, 20480})
-    for (const std::size_t underWay : {1, 32, 512}) measureOne(*candidate, bytes, underWay);
+  for (const std::size_t bytes : {1024U, 20480U})
+    for (const std::size_t underWay : {1U, 32U, 512U}) measureOne(*candidate, bytes, underWay);
   return 0;
 }
 
