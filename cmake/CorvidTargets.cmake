@@ -79,6 +79,10 @@ function(corvid_add_project folder)
   get_property(programs DIRECTORY ${folder} PROPERTY BUILDSYSTEM_TARGETS)
   foreach(program IN LISTS programs)
     target_link_libraries(${program} PRIVATE corvid_flags)
+    # What clang's sanitizers need of C++ is not there for programs in C.
+    if(CORVID_SANITIZE)
+      set_target_properties(${program} PROPERTIES LINKER_LANGUAGE CXX)
+    endif()
   endforeach()
 endfunction()
 
