@@ -1,0 +1,15 @@
+# Builds for another machine with Debian's cross compiler: CORVID_CROSS is its triplet, its processor
+# as the kernel names it, and a folder with its packages. scripts/cross calls it so.
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES CORVID_CROSS)
+list(GET CORVID_CROSS 0 triplet)
+list(GET CORVID_CROSS 1 CMAKE_SYSTEM_PROCESSOR)
+list(GET CORVID_CROSS 2 CMAKE_SYSROOT)
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_C_COMPILER ${triplet}-gcc)
+set(CMAKE_CXX_COMPILER ${triplet}-g++)
+set(CMAKE_LIBRARY_ARCHITECTURE ${triplet})
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-${CMAKE_SYSTEM_PROCESSOR}-static -L ${CMAKE_SYSROOT})
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
