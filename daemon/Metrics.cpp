@@ -2,39 +2,19 @@
 
 #include <fmt/format.h>
 
-#include <iterator>
-#include <string_view>
+#include "base/MetricsText.h"
 
 namespace corvid {
 
 namespace {
 
-class Text {
+class Text : public MetricsText {
  public:
-  // What follows belongs to `name`.
-  void begin(std::string_view name, std::string_view type, std::string_view help) {
-    _name = name;
-    fmt::format_to(std::back_inserter(_text), "# TYPE {} {}\n# HELP {} {}\n", name, type, name,
-                   help);
-  }
-  void add(std::string_view ending, std::uint64_t value) {
-    fmt::format_to(std::back_inserter(_text), "{}{} {}\n", _name, ending, value);
-  }
-  void add(std::string_view ending, std::string_view label, std::string_view word,
-           std::uint64_t value) {
-    fmt::format_to(std::back_inserter(_text), "{}{}{{{}=\"{}\"}} {}\n", _name, ending, label, word,
-                   value);
-  }
   void addReasons(const std::array<std::uint64_t, reasonCount>& counts) {
     for (const ReasonText& text : reasonTexts)
       if (text.reason != Reason::reporting)
         add("_total", "reason", text.word, counts[static_cast<std::size_t>(text.reason)]);
   }
-  std::string end() && { return _text + "# EOF\n"; }
-
- private:
-  std::string _text;
-  std::string_view _name;
 };
 
 }  // namespace

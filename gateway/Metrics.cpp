@@ -1,29 +1,15 @@
 #include "gateway/Metrics.h"
 
-#include <fmt/format.h>
-
-#include <iterator>
 #include <span>
+
+#include "base/MetricsText.h"
 
 namespace corvid::fleet {
 
 namespace {
 
-class Text {
+class Text : public MetricsText {
  public:
-  // What follows belongs to `name`.
-  void begin(std::string_view name, std::string_view type, std::string_view help) {
-    _name = name;
-    fmt::format_to(std::back_inserter(_text), "# TYPE {} {}\n# HELP {} {}\n", name, type, name,
-                   help);
-  }
-  void add(std::string_view ending, std::uint64_t value) {
-    fmt::format_to(std::back_inserter(_text), "{}{} {}\n", _name, ending, value);
-  }
-  void add(std::string_view label, std::string_view word, std::uint64_t value) {
-    fmt::format_to(std::back_inserter(_text), "{}_total{{{}=\"{}\"}} {}\n", _name, label, word,
-                   value);
-  }
   void counter(std::string_view name, std::string_view help, std::uint64_t value) {
     begin(name, "counter", help);
     add("_total", value);
@@ -33,18 +19,13 @@ class Text {
     add("", value);
   }
   void routes(std::span<const std::uint64_t, routeCount> counts) {
-    for (std::size_t i = 0; i < routeCount; ++i) add("route", routeWords[i], counts[i]);
+    for (std::size_t i = 0; i < routeCount; ++i) add("_total", "route", routeWords[i], counts[i]);
   }
   void rules(std::span<const std::uint64_t, ruleCount> counts, bool clientsFault) {
     for (const RuleText& text : ruleTexts())
       if (isClientsFault(text.rule) == clientsFault)
-        add("reason", text.word, counts[static_cast<std::size_t>(text.rule)]);
+        add("_total", "reason", text.word, counts[static_cast<std::size_t>(text.rule)]);
   }
-  std::string end() && { return _text + "# EOF\n"; }
-
- private:
-  std::string _text;
-  std::string_view _name;
 };
 
 }  // namespace

@@ -93,29 +93,19 @@ TEST(BudgetTest, GivesNoMoreThanThereIsAndTakesBackWhatGoes) {
   EXPECT_EQ(budget.used(), 60u);
 }
 
-// ["a"] as a binary property list.
-std::string binaryList() {
-  std::string list(
-      "bplist00\xA1\x01\x51"
-      "a\x08\x0A",
-      14);
-  list.append(6, '\0').append("\x01\x01").append(7, '\0').append("\x02").append(15, '\0');
-  return list.append("\x0C");
-}
-
 TEST(LogDataTest, IsABinaryPropertyListOfAnArray) {
-  EXPECT_TRUE(isLogData(binaryList()));
-  std::string dictionary = binaryList();
+  EXPECT_TRUE(isLogData(logData()));
+  std::string dictionary = logData();
   dictionary[8] = '\xD0';
   EXPECT_FALSE(isLogData(dictionary));
   EXPECT_FALSE(isLogData(""));
   EXPECT_FALSE(isLogData("bplist00"));
-  EXPECT_FALSE(isLogData(binaryList().substr(1)));
+  EXPECT_FALSE(isLogData(logData().substr(1)));
   EXPECT_FALSE(isLogData("<plist version=\"1.0\"><array/></plist>"));
 }
 
 TEST(LogDataTest, HasATrailerThatPointsIntoIt) {
-  const std::string list = binaryList();
+  const std::string list = logData();
   const std::size_t trailer = list.size() - 32;
   for (std::size_t at = trailer + 6; at < list.size(); ++at) {
     std::string wrong = list;

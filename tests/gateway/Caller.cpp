@@ -113,4 +113,13 @@ std::string gzip(std::string_view content) {
   return packed;
 }
 
+std::string logData() {
+  std::string list(
+      "bplist00\xA1\x01\x51"
+      "a\x08\x0A",
+      14);
+  list.append(6, '\0').append("\x01\x01").append(7, '\0').append("\x02").append(15, '\0');
+  return list.append("\x0C");
+}
+
 }  // namespace corvid::fleet

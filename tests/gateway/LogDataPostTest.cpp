@@ -5,16 +5,6 @@ namespace {
 
 using LogDataPostTest = GatewayTest;
 
-// ["a"]: what a dashboard's client posts.
-std::string logData() {
-  std::string list(
-      "bplist00\xA1\x01\x51"
-      "a\x08\x0A",
-      14);
-  list.append(6, '\0').append("\x01\x01").append(7, '\0').append("\x02").append(15, '\0');
-  return list.append("\x0C");
-}
-
 TEST_F(LogDataPostTest, GoesIntoAStreamOfItsOwnAndIsToldWhere) {
   start();
   const auto got = post(port, "/v1/logs", logData(), {"Content-Type: application/octet-stream"});

@@ -38,6 +38,13 @@ class ProgramTest : public testing::Test {
         << said();
   }
   std::string said() const { return contentOf(folder.path("log")); }
+  // Waits until it holds a post.
+  bool holdsOne() const {
+    const std::uint16_t monitor = numberBehind(said(), "monitors at port ");
+    return waitUntil([&] {
+      return get(monitor, "/metrics")->body.find("corvid_gateway_held 1\n") != std::string::npos;
+    });
+  }
   bool awaitLine(std::string_view words) const {
     return waitUntil([&] { return said().find(words) != std::string::npos; });
   }
@@ -58,10 +65,7 @@ TEST_F(ProgramTest, FinishesWhatItHasReadAtSIGTERM) {
   start({"--hold", "1s"}, "fake:silent");
   Caller caller(port);
   caller.send(request("/v1/events", onePost));
-  const std::uint16_t monitor = numberBehind(said(), "monitors at port ");
-  ASSERT_TRUE(waitUntil([&] {
-    return get(monitor, "/metrics")->body.find("corvid_gateway_held 1\n") != std::string::npos;
-  }));
+  ASSERT_TRUE(holdsOne());
   process->signal(SIGTERM);
   EXPECT_EQ(caller.answer()->status, 503) << "the log never answers";
   EXPECT_TRUE(caller.isClosed());
@@ -72,10 +76,7 @@ TEST_F(ProgramTest, DoesNotWaitLongerThanItMay) {
   start({"--stop-timeout", "0"}, "fake:silent");
   Caller caller(port);
   caller.send(request("/v1/events", onePost));
-  const std::uint16_t monitor = numberBehind(said(), "monitors at port ");
-  ASSERT_TRUE(waitUntil([&] {
-    return get(monitor, "/metrics")->body.find("corvid_gateway_held 1\n") != std::string::npos;
-  }));
+  ASSERT_TRUE(holdsOne());
   process->signal(SIGTERM);
   EXPECT_EQ(process->waitForExit(), 1);
   EXPECT_NE(said().find("Stopped with 1 requests unanswered"), std::string::npos) << said();
