@@ -15,6 +15,7 @@
 #define GUARDED_BY(lock) CORVID_THREAD_ATTRIBUTE(guarded_by(lock))
 #define REQUIRES(...) CORVID_THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))
 #define ACQUIRE(...) CORVID_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
+#define TRY_ACQUIRE(...) CORVID_THREAD_ATTRIBUTE(try_acquire_capability(__VA_ARGS__))
 #define RELEASE(...) CORVID_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
 #define RETURN_CAPABILITY(lock) CORVID_THREAD_ATTRIBUTE(lock_returned(lock))
 #define EXCLUDES(...) CORVID_THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))
@@ -30,6 +31,8 @@ class CAPABILITY("mutex") BasicMutex {
   BasicMutex& operator=(const BasicMutex&) = delete;
 
   void lock() ACQUIRE() { _base.lock(); }
+  // Not by the thread that holds it.
+  bool try_lock() TRY_ACQUIRE(true) { return _base.try_lock(); }
   void unlock() RELEASE() { _base.unlock(); }
 
  private:

@@ -77,7 +77,16 @@ void DaemonLink::send(std::uint32_t question, const Parcel& parcel) {
 bool DaemonLink::takesMore() const { return _outputBytes < mostOutputBytes; }
 
 void DaemonLink::write(MessageBuilder& message, std::shared_ptr<UploadedFile> file) {
-  const std::string_view bytes = message.finished();
+  tellFinished();
+  queue(message.finished(), std::move(file));
+}
+
+void DaemonLink::tellFinished() {
+  _untoldAnswers = 0;
+  if (!_untold.empty()) queue(std::exchange(_untold, {}), nullptr);
+}
+
+void DaemonLink::queue(std::string_view bytes, std::shared_ptr<UploadedFile> file) {
   _outputBytes += bytes.size();
   // Small messages leave together; one with a file alone, so that it is clear whose that is.
   const bool joins =
@@ -121,18 +130,19 @@ bool DaemonLink::sendFirst() {
   return true;
 }
 
-void DaemonLink::flush() {
+bool DaemonLink::leaveNow() {
   while (!_output.empty() && sendFirst()) {
   }
+  return _output.empty();
 }
 
 void DaemonLink::turn(Session::Time until, bool hostIsBusy) {
-  flush();
+  leaveNow();
   if (isLost()) return;
   const short events = static_cast<short>(_output.empty() ? POLLIN : POLLIN | POLLOUT);
   pollfd ready[2] = {{_session.news().descriptor(), POLLIN, 0},
                      {hostIsBusy ? -1 : _socket.get(), events, 0}};
-  if (poll(ready, 2, millisecondsTo(until)) <= 0) return;
+  if (whileOthersSend([&] { return poll(ready, 2, millisecondsTo(until)); }) <= 0) return;
   if (ready[0].revents != 0) _session.news().drain();
   if ((ready[1].revents & (POLLIN | POLLHUP | POLLERR)) != 0) read();
 }
@@ -162,7 +172,7 @@ std::string_view DaemonLink::takeMessages(std::string_view bytes) {
   while (!isLost()) {
     const auto size = MessageReader::sizeOf(bytes, mostMessageBytes);
     if (!size || *size > bytes.size()) break;
-    received(MessageReader(bytes.substr(0, *size)).root());
+    received(MessageReader(bytes.substr(0, *size)).root(), *size);
     bytes.remove_prefix(*size);
   }
   return bytes;

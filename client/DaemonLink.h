@@ -39,21 +39,24 @@ class DaemonLink final : public Link {
 
   void send(std::uint32_t question, const Parcel& parcel) override;
   bool takesMore() const override;
-  void turn(Session::Time until, bool hostIsBusy) override;
+  bool leaveNow() override;
+  void turn(Session::Time until, bool hostIsBusy) override REQUIRES(_atWork);
 
   void write(wire::MessageBuilder& message, std::shared_ptr<UploadedFile> file = nullptr);
-  // As much as the socket takes.
-  void flush();
+  void tellFinished();
+  void queue(std::string_view bytes, std::shared_ptr<UploadedFile> file);
   bool sendFirst();
   void read();
   // Takes the whole messages at the beginning, and gives what is left.
   std::string_view takeMessages(std::string_view bytes);
 
-  void received(wire::MessageReader::Struct message);
+  void received(wire::MessageReader::Struct message, std::size_t bytes);
   void receivedCall(wire::MessageReader::Struct call);
-  void receivedReturn(wire::MessageReader::Struct answer);
+  void receivedReturn(wire::MessageReader::Struct answer, std::size_t bytes);
   void receivedBootstrap(std::uint32_t question);
-  void finish(std::uint32_t question);
+  // Tells the daemon that an answer of so many bytes has come, with the next call if it is small:
+  // alone that would wake the daemon for nothing.
+  void finish(std::uint32_t question, std::size_t bytes);
   // Whether the call was known.
   bool perform(wire::MessageReader::Struct call);
   void release(std::uint32_t id, std::uint32_t references);
@@ -61,11 +64,16 @@ class DaemonLink final : public Link {
   static constexpr std::uint32_t bootstrapQuestion = 0;
   static constexpr std::uint32_t ownObject = 0;
   static constexpr std::size_t readBytes = std::size_t{64} << 10;
+  // What the daemon keeps until it is told.
+  static constexpr std::size_t mostUntoldAnswers = 4;
+  static constexpr std::size_t mostUntoldBytes = 1024;
 
   const Descriptor _socket;
   std::deque<Outgoing> _output;
   std::size_t _outputBytes = 0;
-  std::size_t _firstSent = 0;                                 // bytes of the first
+  std::size_t _firstSent = 0;  // bytes of the first
+  std::string _untold;         // acknowledgements
+  std::size_t _untoldAnswers = 0;
   const std::unique_ptr<char[]> _space{new char[readBytes]};  // for what is read at once
   std::string _input;                                         // the beginning of a message
   std::map<std::uint32_t, Export> _exports;                   // files, by number

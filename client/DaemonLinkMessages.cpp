@@ -34,11 +34,11 @@ MessageBuilder::Struct initReturn(MessageBuilder& message, std::uint32_t questio
 
 }  // namespace
 
-void DaemonLink::received(MessageReader::Struct message) {
+void DaemonLink::received(MessageReader::Struct message, std::size_t bytes) {
   const auto content = message.structAt(rpc::Message::content);
   switch (message.get(rpc::Message::which)) {
     case rpc::Message::call: return receivedCall(content);
-    case rpc::Message::return_: return receivedReturn(content);
+    case rpc::Message::return_: return receivedReturn(content, bytes);
     case rpc::Message::bootstrap: return receivedBootstrap(content.get(rpc::Bootstrap::questionId));
     case rpc::Message::release:
       return release(content.get(rpc::Release::id), content.get(rpc::Release::referenceCount));
@@ -49,7 +49,7 @@ void DaemonLink::received(MessageReader::Struct message) {
   }
 }
 
-void DaemonLink::receivedReturn(MessageReader::Struct answer) {
+void DaemonLink::receivedReturn(MessageReader::Struct answer, std::size_t bytes) {
   const std::uint32_t question = answer.get(rpc::Return::answerId);
   const bool hasResults = answer.get(rpc::Return::which) == rpc::Return::isResults;
   if (question == bootstrapQuestion) {
@@ -61,7 +61,7 @@ void DaemonLink::receivedReturn(MessageReader::Struct answer) {
   if (const auto file = _fileOfQuestion.extract(question);
       !file.empty() && !answer.get(rpc::Return::keepParamCaps))
     release(file.mapped(), 1);
-  finish(question);
+  finish(question, bytes);
   if (!hasResults) {
     const bool isException = answer.get(rpc::Return::which) == rpc::Return::isException;
     const auto exception = answer.structAt(rpc::Return::exception);
@@ -77,12 +77,13 @@ void DaemonLink::receivedReturn(MessageReader::Struct answer) {
   this->answer(question, std::move(answers));
 }
 
-void DaemonLink::finish(std::uint32_t question) {
+void DaemonLink::finish(std::uint32_t question, std::size_t bytes) {
   MessageBuilder message;
   auto root = message.initRoot(rpc::Message::size);
   root.set(rpc::Message::which, rpc::Message::finish);
   root.initStruct(rpc::Message::content, rpc::Finish::size).set(rpc::Finish::questionId, question);
-  write(message);
+  _untold += message.finished();
+  if (++_untoldAnswers >= mostUntoldAnswers || bytes > mostUntoldBytes) tellFinished();
 }
 
 void DaemonLink::receivedBootstrap(std::uint32_t question) {

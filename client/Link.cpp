@@ -49,6 +49,7 @@ void Link::tellHost(Handler handler, Call call, std::size_t bytes) {
 }
 
 void Link::run(const Wishes& wishes, bool isFirst) {
+  const MutexLock lock(_atWork);
   _isFirst = isFirst;
   std::vector<SharedCall> told = wishes.calls();
   _wishesLeft = told.size();
@@ -57,6 +58,7 @@ void Link::run(const Wishes& wishes, bool isFirst) {
   while (!_isLost && !_session.isStopping()) {
     const bool isBusy = _session.hostIsBusy();
     if (!isBusy) sendWhatWaits();
+    failUnsent();
     if (_isLost) return;
     turn(expire(), isBusy);
   }
@@ -78,6 +80,21 @@ void Link::sendWhatWaits() {
   if (_underWay.empty()) _session.nothingUnderWay();
 }
 
+bool Link::sendMeanwhile() {
+  if (!_atWork.try_lock()) return false;
+  bool isDone = false;
+  try {
+    if (!_isLost && !_session.isStopping() && !_session.hostIsBusy()) {
+      sendWhatWaits();
+      isDone = leaveNow() && !_isLost && !_session.hasAnswerDeadline() &&
+               std::ranges::none_of(_underWay, &UnderWay::isUnsent);
+    }
+  } catch (const std::bad_alloc&) {
+  }
+  _atWork.unlock();
+  return isDone;
+}
+
 std::uint32_t Link::freeQuestion() const {
   // The first is the connection's own.
   for (std::uint32_t question = 1;; ++question)
@@ -91,7 +108,14 @@ void Link::start(Parcel parcel, bool isWish) {
   try {
     send(question, _underWay.back().parcel);
   } catch (const std::bad_alloc&) {
-    fail(question, CORVID_ERROR_NO_MEMORY);
+    _underWay.back().isUnsent = true;
+  }
+}
+
+void Link::failUnsent() {
+  for (auto place = _underWay.begin(); place != _underWay.end();) {
+    const UnderWay& each = *place++;
+    if (each.isUnsent) fail(each.question, CORVID_ERROR_NO_MEMORY);
   }
 }
 
@@ -200,13 +224,14 @@ void Link::tellStates(States states) {
 
 namespace {
 
-std::unique_ptr<Link> linkFor(Session& session, Descriptor socket) {
+std::shared_ptr<Link> linkFor(Session& session, Descriptor socket) {
   if (session.sink()) return session.sink()->link(session);
-  return std::make_unique<DaemonLink>(session, std::move(socket));
+  return std::make_shared<DaemonLink>(session, std::move(socket));
 }
 
 void serveConnection(Session& session, Session::Connection connection) {
-  std::unique_ptr<Link> link = linkFor(session, std::move(connection.socket));
+  std::shared_ptr<Link> link = linkFor(session, std::move(connection.socket));
+  session.offer(link);
   link->run(connection.wishes, connection.isFirst);
   const auto waiting = session.leave();
   const bool stopping = session.isStopping();

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "base/UnixAddress.h"
+#include "client/Link.h"
 #include "client/TestSink.h"
 #include "protocol/Limits.h"
 
@@ -109,9 +110,7 @@ bool Session::hasRoomFor(const Call& call) const {
   return _queue.size() < mostQueuedCalls && _queuedBytes + call.extent.bytes() <= mostQueuedBytes;
 }
 
-int Session::submit(SharedCall call) {
-  const Deadline until = deadline();
-  const MutexLock lock(_mutex);
+int Session::enqueue(SharedCall call, Deadline until) {
   for (;;) {
     if (const int result = awaitConnected(until); result != CORVID_OK) {
       if (result == CORVID_ERROR_NOT_CONNECTED) _wishes.note(call->request);
@@ -125,7 +124,19 @@ int Session::submit(SharedCall call) {
   if (_options.answerDeadline && call->completion.isHeard())
     call->expires = steady_clock::now() + *_options.answerDeadline;
   _queue.push_back(std::move(call));
-  if (std::exchange(_linkWaits, false)) _news.wake();
+  return CORVID_OK;
+}
+
+int Session::submit(SharedCall call) {
+  const Deadline until = deadline();
+  std::shared_ptr<Link> idle;
+  {
+    const MutexLock lock(_mutex);
+    const int result = enqueue(std::move(call), until);
+    if (result != CORVID_OK || !std::exchange(_linkWaits, false)) return result;
+    if (!_callsUnderWay && !_callbacks.runHere()) idle = _link;
+  }
+  if (!idle || !idle->sendMeanwhile()) _news.wake();
   return CORVID_OK;
 }
 
@@ -180,6 +191,11 @@ std::optional<Parcel> Session::next(bool eventsToo) {
   return parcel;
 }
 
+void Session::offer(std::shared_ptr<Link> link) {
+  const MutexLock lock(_mutex);
+  _link = std::move(link);
+}
+
 void Session::nothingUnderWay() {
   const MutexLock lock(_mutex);
   _callsUnderWay = false;
@@ -210,6 +226,7 @@ Session::Time Session::addExpired(Time now, std::vector<SharedCall>& expired) co
 std::deque<SharedCall> Session::leave() {
   const MutexLock lock(_mutex);
   if (_state == State::connected && !_new) _state = State::apart;
+  _link = nullptr;
   _queuedBytes = 0;
   _linkWaits = false;
   _callsUnderWay = false;

@@ -22,6 +22,7 @@
 
 namespace corvid::library {
 
+class Link;
 class TestSink;
 
 // Threads   connect, submit, dispatch and close: any. What serves the session runs on a thread of
@@ -72,6 +73,8 @@ class Session {
   };
   // As soon as there is one; nothing once the session is closed.
   std::optional<Connection> awaitConnection() EXCLUDES(_mutex);
+  // What may send calls on the threads that make them, until leave().
+  void offer(std::shared_ptr<Link> link) EXCLUDES(_mutex);
   // Woken when calls come after next() found none, when callbacks have room again, and when the
   // connection is to end. Any thread may wake it.
   const Wakeup& news() const { return _news; }
@@ -95,6 +98,7 @@ class Session {
   Deadline deadline() const { return std::chrono::steady_clock::now() + _options.deadline; }
   int awaitConnected(Deadline deadline) REQUIRES(_mutex);
   int connectWithin(Deadline deadline, Descriptor& socket) const;
+  int enqueue(SharedCall call, Deadline until) REQUIRES(_mutex);
   bool hasRoomFor(const Call& call) const REQUIRES(_mutex);
   // Until something changes; false at the deadline, and at once in a callback.
   bool await(Deadline deadline) REQUIRES(_mutex);
@@ -109,6 +113,7 @@ class Session {
   std::condition_variable_any _changed;
   State _state GUARDED_BY(_mutex) = State::apart;
   std::optional<Connection> _new GUARDED_BY(_mutex);  // connected, to be served
+  std::shared_ptr<Link> _link GUARDED_BY(_mutex);     // where there is one to be used here
   std::deque<SharedCall> _queue GUARDED_BY(_mutex);
   std::size_t _queuedBytes GUARDED_BY(_mutex) = 0;
   bool _linkWaits GUARDED_BY(_mutex) = false;  // it found the queue empty
