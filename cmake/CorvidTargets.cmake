@@ -54,7 +54,7 @@ function(corvid_library name)
   add_library(${name} STATIC ${arg_SOURCES})
   target_link_libraries(${name} PUBLIC ${arg_LINK} PRIVATE corvid_flags ${arg_PRIVATE_LINK})
   target_include_directories(${name} PUBLIC ${CMAKE_SOURCE_DIR})
-  corvid_precompile(${name})
+  corvid_precompile(${name} libraries)
 endfunction()
 
 # corvid_program(name SOURCES main.cpp ... LINK targets ...)
@@ -98,22 +98,30 @@ function(corvid_test name)
   endif()
   add_executable(${name} ${arg_SOURCES})
   target_link_libraries(${name} PRIVATE corvid_flags corvid_fakes corvid_test_support ${arg_LINK} GTest::gmock GTest::gtest_main)
-  corvid_precompile(${name} gtest/gtest.h)
+  corvid_precompile(${name} tests LINK GTest::gmock HEADERS <gtest/gtest.h>)
   include(GoogleTest)
   gtest_discover_tests(${name} PROPERTIES TIMEOUT ${arg_TIMEOUT} RUN_SERIAL ${arg_ALONE}
                        DISCOVERY_TIMEOUT 60)
 endfunction()
 
-function(corvid_precompile name)
+# corvid_precompile(name set [LINK targets ...] [HEADERS headers ...]): headers that nearly all sources
+# include, compiled once for all targets of the same set, which have the same flags.
+function(corvid_precompile name set)
   if(NOT CORVID_PCH)
     return()
   endif()
-  set(headers <atomic> <functional> <map> <memory> <optional> <string> <string_view> <vector>
-              <fmt/format.h>)
-  foreach(header IN LISTS ARGN)
-    list(APPEND headers <${header}>)
-  endforeach()
-  target_precompile_headers(${name} PRIVATE ${headers})
+  cmake_parse_arguments(arg "" "" "LINK;HEADERS" ${ARGN})
+  set(compiled corvid_headers_of_${set})
+  if(NOT TARGET ${compiled})
+    set(source ${CMAKE_BINARY_DIR}/${compiled}.cpp)
+    file(CONFIGURE OUTPUT ${source} CONTENT "" @ONLY)
+    add_library(${compiled} OBJECT ${source})
+    target_link_libraries(${compiled} PRIVATE corvid_flags fmt::fmt Threads::Threads ${arg_LINK})
+    target_precompile_headers(${compiled} PRIVATE
+      <atomic> <functional> <map> <memory> <optional> <string> <string_view> <vector>
+      <fmt/format.h> ${arg_HEADERS})
+  endif()
+  target_precompile_headers(${name} REUSE_FROM ${compiled})
 endfunction()
 
 # corvid_check_headers(name LINK targets ... FOLDERS ...): compiles each header of the folders alone.
