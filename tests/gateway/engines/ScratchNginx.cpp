@@ -54,8 +54,10 @@ std::string around(const std::string& folder) {
 
 }  // namespace
 
-ScratchNginx::ScratchNginx(const std::vector<std::uint16_t>& gateways)
-    : _identity(_scratch.path("identity")), _port(freePorts(1)[0]) {
+ScratchNginx::ScratchNginx(const std::vector<std::uint16_t>& gateways,
+                           const lab::TLSIdentity* identity)
+    : _identity(identity ? *identity : lab::TLSIdentity(_scratch.path("identity"))),
+      _port(freePorts(1)[0]) {
   _scratch.write("gateways.conf", filledIn(_port, _identity.server(), gateways));
   const std::string configuration = _scratch.write("nginx.conf", around(_scratch.path()));
   const std::string log = _scratch.write("nginx.log", "");

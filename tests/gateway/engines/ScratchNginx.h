@@ -21,7 +21,9 @@ namespace corvid::fleet {
 class ScratchNginx {
  public:
   // Passes posts on to gateways at these ports of this machine, which need not be there yet.
-  explicit ScratchNginx(const std::vector<std::uint16_t>& gateways);
+  // The certificate is that of `identity` where there is one.
+  explicit ScratchNginx(const std::vector<std::uint16_t>& gateways,
+                        const lab::TLSIdentity* identity = nullptr);
   ~ScratchNginx();
 
   std::uint16_t port() const { return _port; }

@@ -17,6 +17,15 @@
 namespace corvid::fleet {
 
 class ClusterTest : public ::testing::Test {
+ public:
+  // The nodes serve.
+  static RabbitCluster* sharedCluster() {
+    static RabbitCluster cluster;
+    static const bool isUp = cluster.awaitAll(std::chrono::seconds(120));
+    if (!isUp) throw std::runtime_error(cluster.lastWords(0));
+    return &cluster;
+  }
+
  protected:
   ClusterTest() : _cluster(sharedCluster()) {}
 
@@ -57,14 +66,6 @@ class ClusterTest : public ::testing::Test {
   }
 
   RabbitCluster* const _cluster;
-
- private:
-  static RabbitCluster* sharedCluster() {
-    static RabbitCluster cluster;
-    static const bool isUp = cluster.awaitAll(std::chrono::seconds(120));
-    if (!isUp) throw std::runtime_error(cluster.lastWords(0));
-    return &cluster;
-  }
 };
 
 }  // namespace corvid::fleet
