@@ -6,47 +6,18 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <zlib.h>
 
 #include <array>
 #include <stdexcept>
 #include <string_view>
+
+#include "bench/FleetBody.h"
 
 namespace corvid::bench {
 
 namespace {
 
 using Steady = std::chrono::steady_clock;
-
-std::string gzip(const std::string& content) {
-  z_stream stream{};
-  if (deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, MAX_WBITS + 16, 8,
-                   Z_DEFAULT_STRATEGY) != Z_OK)
-    throw std::runtime_error("no memory to compress with");
-  std::string packed(deflateBound(&stream, content.size()), '\0');
-  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(content.data()));
-  stream.avail_in = static_cast<uInt>(content.size());
-  stream.next_out = reinterpret_cast<Bytef*>(packed.data());
-  stream.avail_out = static_cast<uInt>(packed.size());
-  deflate(&stream, Z_FINISH);
-  packed.resize(stream.total_out);
-  deflateEnd(&stream);
-  return packed;
-}
-
-std::string eventOf(std::uint64_t number) {
-  const double time = 1795255260.0 + static_cast<double>(number % 100'000) / 7;
-  return fmt::format(
-      R"({{"action":"play-{:010}","title":"episode {:028}","position":{:.3f},"count":{},"bytes":{},)"
-      R"("account":"{:064x}","_startTS":1795255260,"_sender":"ZH","_clientVersion":3,)"
-      R"("_sessionID":"URjmgAZ/RKyN8cUmbbz2ww==","_eventNumber":{},"_method":7,"_status":{},)"
-      R"("_clientTS":{:.6f},"eventTime":{:.6f},"_productFamily":"Workbench",)"
-      R"("_productModel":"Workbench1,1","_osVersion":"12","_build":"6.1.0-28-amd64","_internal":0,)"
-      R"("_reportVers":"8.1","_timezoneOffset":0,"_clientName":"Player","_serviceName":"Evening Film"}})",
-      number * 2654435761u % 9'999'999'999u, number * 40503u, static_cast<double>(number % 911) / 3,
-      number % 7, number * 37, number * 0x9E3779B97F4A7C15u, number % 65536, number % 5, time,
-      time);
-}
 
 struct Peer {
   Descriptor socket;
@@ -78,21 +49,15 @@ std::vector<FleetPost> makeFleetPosts(std::size_t count, int eventsEach) {
   std::vector<FleetPost> posts(count);
   std::uint64_t number = 0;
   for (FleetPost& post : posts) {
-    post.body = fmt::format(
-        R"({{"postTime":{:.6f},"clientId":"DAE71BE7-ACC1-4DAE-8443-{:012X}","events":[)",
-        1795255262.334619 + static_cast<double>(number), number);
-    for (int i = 0; i < eventsEach; ++i) post.body += (i > 0 ? "," : "") + eventOf(++number);
-    post.body += "]}";
-    post.packed = gzip(post.body);
-    post.request =
-        fmt::format(
-            "POST /v1/events HTTP/1.1\r\nHost: collector.example\r\nX-Real-IP: 10.{}.{}.{}\r\n"
-            "X-CVD-Client-Name: Player\r\nX-CVD-Service-Name: Evening Film\r\n"
-            "User-Agent: Corvid/8.1 (Workbench1,1; 12)\r\nX-CVD-Client-Version: 3\r\n"
-            "X-CVD-Sender: ZH\r\nAccept: application/json\r\nContent-Type: application/json\r\n"
-            "Content-Encoding: gzip\r\nContent-Length: {}\r\n\r\n",
-            number / 65536 % 256, number / 256 % 256, number % 256, post.packed.size()) +
-        post.packed;
+    post.body = fleetBody({.client = fmt::format("DAE71BE7-ACC1-4DAE-8443-{:012X}", number),
+                           .first = number + 1,
+                           .count = eventsEach});
+    number += static_cast<std::uint64_t>(eventsEach);
+    post.packed = gzipped(post.body);
+    post.request = postRequest("/v1/events", "collector.example",
+                               fmt::format("X-Real-IP: 10.{}.{}.{}\r\n", number / 65536 % 256,
+                                           number / 256 % 256, number % 256),
+                               post.packed);
   }
   return posts;
 }

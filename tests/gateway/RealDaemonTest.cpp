@@ -7,6 +7,7 @@
 #include "tests/e2e/LabFixture.h"
 #include "tests/gateway/engines/ScratchFleet.h"
 #include "tests/gateway/log/ClusterFixture.h"
+#include "tests/support/ToolProcess.h"
 
 namespace corvid::fleet {
 namespace {
@@ -71,6 +72,49 @@ TEST_F(RealDaemonTest, ItsEventsBecomeRowsOnceUnderTheirTypes) {
                 "FROM corvid.event"),
             "1|1|1|4|4|\n");
   EXPECT_EQ(ask("SELECT count(*) FROM corvid.rejected"), "0|\n");
+}
+
+TEST_F(RealDaemonTest, ItsEventsArriveBesideThoseOfAThousandOtherDevices) {
+  ToolProcess others(CORVID_FLEET_PROGRAM, {_fleet.nginx().url("/v1/events"),
+                                            "--ca-file",
+                                            _fleet.nginx().caFile(),
+                                            "--devices",
+                                            "1000",
+                                            "--rate",
+                                            "250",
+                                            "--events",
+                                            "5",
+                                            "--seconds",
+                                            "4",
+                                            "--wrong",
+                                            "5",
+                                            "--dropped",
+                                            "5",
+                                            "--again",
+                                            "5",
+                                            "--slow",
+                                            "2",
+                                            "--database",
+                                            _fleet.postgres().target()});
+  TestClient client(_root.path());
+  ASSERT_EQ(client.configure({.clientType = uploadClient, .batches = true}).text(),
+            "httpPost,uploadServer");
+  constexpr int count = 200;
+  for (int i = 0; i < count; ++i) {
+    ASSERT_EQ(client.send("beside").text(), "none");
+    if (i % 20 == 19) {
+      ASSERT_EQ(client.flush().text(), "flushed");
+    }
+  }
+  EXPECT_EQ(others.finish(), 0) << others.errors();
+  EXPECT_THAT(others.output(),
+              ::testing::HasSubstr(" 0 lost, 0 twice, 0 of refused posts; 0 messages set apart"));
+  const auto stored = [&] {
+    return ask(
+        "SELECT count(*), count(DISTINCT event_number) FROM corvid.event "
+        "WHERE payload->>'mark' = 'beside'");
+  };
+  EXPECT_TRUE(waitUntil([&] { return stored() == "200|200|\n"; })) << stored();
 }
 
 TEST_F(RealDaemonTest, ItsFilesAreStoredAndThenRemoved) {

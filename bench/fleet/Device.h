@@ -1,0 +1,57 @@
+// A device that posts until the load is over.
+#pragma once
+
+#include <boost/asio/steady_timer.hpp>
+#include <functional>
+#include <memory>
+#include <random>
+
+#include "bench/fleet/DeviceConnection.h"
+#include "bench/fleet/DevicePosts.h"
+#include "bench/fleet/FleetRun.h"
+
+namespace corvid::bench {
+
+// Lives until its last post is through. The loop's thread.
+class Device : public std::enable_shared_from_this<Device> {
+ public:
+  // `finished` is called when it has ended.
+  Device(FleetRun& run, std::size_t number, std::function<void()> finished);
+
+  // Its first post begins at some moment within `spread`.
+  void start(std::chrono::microseconds spread);
+  // The load is over: sleeps no longer.
+  void wake() { _timer.cancel(); }
+
+ private:
+  enum class Cut { no, insideTheBody, beforeTheAnswer };
+
+  bool happens(std::int64_t ofAHundred);
+  void sleep(std::chrono::microseconds time);
+  void pause();  // until its next post
+  void beginPost();
+  void attempt();
+  void send();
+  void sendSlowly(std::size_t from);
+  void sent(DeviceConnection::Error error);
+  void answered(DeviceConnection::Error error, DeviceConnection::Answer answer);
+  void failed(DeviceConnection::Error error);
+
+  FleetRun& _run;
+  const std::size_t _number;
+  const std::function<void()> _finished;
+  std::mt19937_64 _random;
+  const bool _isSlow;
+  DevicePosts _posts;
+  DeviceConnection _connection;
+  boost::asio::steady_timer _timer;
+
+  // Of the post under way.
+  DevicePost _post;
+  Cut _cut = Cut::no;
+  bool _isAgain = false;   // it was acknowledged before
+  bool _isReused = false;  // the connection had another one before
+  Steady::time_point _begun;
+};
+
+}  // namespace corvid::bench

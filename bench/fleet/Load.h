@@ -1,0 +1,14 @@
+// A load of devices.
+#pragma once
+
+#include "bench/fleet/Setup.h"
+#include "bench/fleet/Tally.h"
+
+namespace corvid::bench {
+
+// Returns when each device has had the answer to its last post, a minute after the load's end at
+// the latest; SIGINT and SIGTERM end it. std::runtime_error where the URL or the authorities cannot
+// be used. Uses this thread only.
+Tally runLoad(const FleetSetup& setup);
+
+}  // namespace corvid::bench
