@@ -1,8 +1,8 @@
 // What corvid-fleet finds in a database.
 #include <gtest/gtest.h>
 
-#include "bench/fleet/DevicePosts.h"
-#include "bench/fleet/StoredCheck.h"
+#include "bench/devices/DevicePosts.h"
+#include "bench/devices/StoredCheck.h"
 #include "gateway/loader/Store.h"
 #include "tests/gateway/engines/ScratchPostgres.h"
 

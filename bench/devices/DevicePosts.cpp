@@ -1,4 +1,4 @@
-#include "bench/fleet/DevicePosts.h"
+#include "bench/devices/DevicePosts.h"
 
 #include <fmt/format.h>
 

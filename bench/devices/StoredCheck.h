@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-#include "bench/fleet/Tally.h"
+#include "bench/devices/Tally.h"
 #include "gateway/loader/Database.h"
 
 namespace corvid::bench {

@@ -1,4 +1,4 @@
-#include "bench/fleet/DeviceConnection.h"
+#include "bench/devices/DeviceConnection.h"
 
 #include <algorithm>
 #include <boost/asio/post.hpp>

@@ -8,8 +8,8 @@
 #include <cstddef>
 #include <string>
 
-#include "bench/fleet/Setup.h"
-#include "bench/fleet/Tally.h"
+#include "bench/devices/Setup.h"
+#include "bench/devices/Tally.h"
 
 namespace corvid::bench {
 

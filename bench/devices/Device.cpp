@@ -1,4 +1,4 @@
-#include "bench/fleet/Device.h"
+#include "bench/devices/Device.h"
 
 #include <algorithm>
 #include <optional>

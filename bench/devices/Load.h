@@ -1,8 +1,8 @@
 // A load of devices.
 #pragma once
 
-#include "bench/fleet/Setup.h"
-#include "bench/fleet/Tally.h"
+#include "bench/devices/Setup.h"
+#include "bench/devices/Tally.h"
 
 namespace corvid::bench {
 

@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "bench/fleet/FleetRun.h"
+#include "bench/devices/FleetRun.h"
 
 namespace corvid::bench {
 

@@ -6,7 +6,7 @@
 #include <variant>
 #include <vector>
 
-#include "bench/fleet/Setup.h"
+#include "bench/devices/Setup.h"
 
 namespace corvid::bench {
 

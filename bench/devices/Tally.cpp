@@ -1,4 +1,4 @@
-#include "bench/fleet/Tally.h"
+#include "bench/devices/Tally.h"
 
 #include <fmt/format.h>
 

@@ -4,9 +4,9 @@
 #include <cstdio>
 #include <exception>
 
-#include "bench/fleet/Load.h"
-#include "bench/fleet/Options.h"
-#include "bench/fleet/StoredCheck.h"
+#include "bench/devices/Load.h"
+#include "bench/devices/Options.h"
+#include "bench/devices/StoredCheck.h"
 
 int main(int argc, char** argv) {
   using namespace corvid::bench;

@@ -1,4 +1,4 @@
-#include "bench/fleet/Options.h"
+#include "bench/devices/Options.h"
 
 #include <utility>
 

@@ -6,9 +6,9 @@
 #include <memory>
 #include <random>
 
-#include "bench/fleet/DeviceConnection.h"
-#include "bench/fleet/DevicePosts.h"
-#include "bench/fleet/FleetRun.h"
+#include "bench/devices/DeviceConnection.h"
+#include "bench/devices/DevicePosts.h"
+#include "bench/devices/FleetRun.h"
 
 namespace corvid::bench {
 

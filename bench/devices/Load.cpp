@@ -1,4 +1,4 @@
-#include "bench/fleet/Load.h"
+#include "bench/devices/Load.h"
 
 #include <sys/resource.h>
 
@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "base/URL.h"
-#include "bench/fleet/Device.h"
-#include "bench/fleet/FleetRun.h"
+#include "bench/devices/Device.h"
+#include "bench/devices/FleetRun.h"
 
 namespace corvid::bench {
 

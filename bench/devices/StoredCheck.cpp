@@ -1,10 +1,10 @@
-#include "bench/fleet/StoredCheck.h"
+#include "bench/devices/StoredCheck.h"
 
 #include <fmt/format.h>
 
 #include <thread>
 
-#include "bench/fleet/DevicePosts.h"
+#include "bench/devices/DevicePosts.h"
 
 namespace corvid::bench {
 
