@@ -13,8 +13,10 @@
 
 #include "base/CommandLine.h"
 #include "platform/data/JSON.h"
+#include "tools/CommandShapes.h"
 #include "tools/lab/Lab.h"
 #include "tools/lab/Received.h"
+#include "tools/lab/conform/Conformance.h"
 
 namespace {
 
@@ -24,7 +26,10 @@ constexpr const char* description =
     "dashboard that acknowledges packets. Writes below DIR what `corvidd --root DIR` needs, prints one\n"
     "line of JSON with its addresses when it is ready, and appends what it receives to\n"
     "DIR/lab/received.jsonl. With --web, shows it all on a page for a browser at the \"web\" address and\n"
-    "plans faults there. Ends on SIGINT or SIGTERM.";
+    "plans faults there. Ends on SIGINT or SIGTERM.\n"
+    "\n"
+    "With --conform it is the other side: it posts what devices post, and what nobody should, to any\n"
+    "collector, and says which rules for collectors that breaks.";
 
 constexpr const char* footer =
     "POST a JSON object to the \"control\" address to plan a fault:\n"
@@ -34,7 +39,8 @@ constexpr const char* footer =
     "\"seed\":1} (also duplicate, corrupt, reorder, late, from 0 to 1; delay in seconds).\n"
     "times is 1 unless given, -1 lasts until told otherwise.\n"
     "\n"
-    "Exit status: 0 done, 1 it did not work (standard error says why), 64 wrong usage.";
+    "Exit status: 0 done, 1 it did not work (standard error says why) or a collector breaks a rule,\n"
+    "64 wrong usage.";
 
 // A lab writes keys, entitlements and hosts that the machine's own daemon would believe.
 std::string faultOfRoot(const std::string& root) {
@@ -76,6 +82,19 @@ int serve(const std::string& root, const corvid::lab::Lab::Options& options) {
   return 0;
 }
 
+// Tries somebody's collector, a line for each rule.
+int conform(const corvid::lab::conform::Collector& collector) {
+  signal(SIGPIPE, SIG_IGN);
+  const auto print = [](const std::string& line) {
+    std::printf("%s\n", line.c_str());
+    std::fflush(stdout);
+  };
+  const auto summary = corvid::lab::conform::tryCollector(
+      collector, [&](const corvid::lab::conform::Finding& found) { print(found.line); });
+  print(summary.text());
+  return summary.broken == 0 ? 0 : 1;
+}
+
 int run(std::vector<std::string> arguments) {
   CLI::App app(description, "corvid-lab");
   corvid::addCommonOptions(app, "corvid-lab " CORVID_VERSION);
@@ -83,9 +102,9 @@ int run(std::vector<std::string> arguments) {
   std::string root;
   corvid::lab::Lab::Options options;
   bool shows = false;
-  corvid::addFolder(app, "--root", root, "Folder that the daemon's files lie below")
-      ->required()
-      ->check(CLI::Validator(faultOfRoot, ""));
+  CLI::Option* const rootOption =
+      corvid::addFolder(app, "--root", root, "Folder that the daemon's files lie below")
+          ->check(CLI::Validator(faultOfRoot, ""));
   const auto addPort = [&](const char* name, std::uint16_t& port, const char* help) {
     corvid::addNumber(app, name, port, 0, 65535, help);
   };
@@ -98,7 +117,36 @@ int run(std::vector<std::string> arguments) {
   app.add_flag("--web", options.hasPage, "Serve a page to watch the lab with");
   addPort("--web-port", options.pagePort, "Port of that page, which is then served (a free one)");
   app.add_flag("--show", shows, "Print what has been received so far, for people, and exit");
+  std::string url, paths, caFile, shell;
+  CLI::Option* const conformOption =
+      app.add_option("--conform", url, "Say which rules the collector at this URL breaks, and exit")
+          ->type_name("URL")
+          ->excludes(rootOption);
+  app.add_option("--paths", paths,
+                 "What that collector takes, and where below the URL\n"
+                 "(events=/v1/events,realtime=/v1/realtime,uploads=/v1/uploads,logs=/v1/logs)")
+      ->type_name("NAME=PATH,...")
+      ->needs(conformOption);
+  app.add_option("--ca", caFile, "PEM file of whom to trust for that collector (the system's)")
+      ->type_name("FILE")
+      ->needs(conformOption);
+  CLI::App& completion = *app.add_subcommand(
+      "completion", "Print the completion script of a shell: bash, zsh or fish");
+  corvid::addCommonOptions(completion, "corvid-lab " CORVID_VERSION);
+  completion.add_option("SHELL", shell, "bash, zsh or fish")->required()->type_name("");
+  corvid::lab::conform::Collector collector;
+  app.callback([&] {
+    if (root.empty() && url.empty() && shell.empty()) throw CLI::RequiredError("--root");
+    if (url.empty()) return;
+    try {
+      collector = corvid::lab::conform::collectorAt(url, paths, caFile);
+    } catch (const corvid::tools::InputError& error) {
+      throw CLI::ValidationError("--conform", error.what());
+    }
+  });
   if (const auto status = corvid::readCommandLine(app, std::move(arguments))) return *status;
+  if (!shell.empty()) return corvid::tools::printCompletion(shell, app);
+  if (!url.empty()) return conform(collector);
   options.hasPage |= app.count("--web-port") > 0;
   return shows ? show(root) : serve(root, options);
 }

@@ -53,7 +53,7 @@ bool isOurs(fleet::Rule rule) {
 
 void checkJSON(std::string_view text) {
   const auto whole = checkWhole(text);
-  for (const std::size_t piece : {1, 3, 16}) {
+  for (const std::size_t piece : {1u, 3u, 16u}) {
     const auto cut = checkInPieces(text, piece);
     fuzz::require(cut.has_value() == whole.has_value());
     if (whole) fuzz::require(cut->rule == whole->rule && cut->detail == whole->detail);

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 
+#include "base/Reading.h"
 #include "base/Text.h"
 #include "base/URL.h"
 #include "platform/data/Crypto.h"
@@ -39,6 +40,19 @@ Dictionary describedFile(const std::string& content) {
 
 constexpr const char* noGzip = "the body is not gzip";
 
+// Of a post, unpacked: devices have no more, and this machine shall not take what others send.
+constexpr std::size_t postLimit = std::size_t{64} << 20;
+
+// What a message lacks of being a post; empty where it is one.
+std::string faultOfPost(const Value& message) {
+  const Dictionary* const object = message.dictionary();
+  if (object == nullptr) return "the body is no JSON object";
+  const Array* const events = arrayAt(*object, "events");
+  if (events == nullptr) return "the object has no array \"events\"";
+  const auto isObject = [](const Value& event) { return event.dictionary() != nullptr; };
+  return std::ranges::all_of(*events, isObject) ? "" : "an event is no object";
+}
+
 }  // namespace
 
 Answer Collectors::collect(const std::string& server, std::string_view what, const Request& request,
@@ -63,14 +77,15 @@ Answer Collectors::events(const std::string& server, const Request& request,
     std::optional<std::string> text = request.body;
     const std::string encoding = request.header("Content-Encoding").value_or("identity");
     if (equalsIgnoringCase(encoding, "gzip"))
-      text = gunzip(request.body);
+      text = gunzip(request.body, postLimit);
     else if (!equalsIgnoringCase(encoding, "identity"))
       return "the body is encoded as " + encoding + ", which nobody reads here";
-    if (!text) return noGzip;
+    if (!text) return fmt::format("{} of {} MiB at most", noGzip, postLimit >> 20);
     Result<Value> message = parseJSON(*text);
     if (!message) return "the body is not JSON: " + message.failure().message;
+    std::string fault = faultOfPost(message.value());
     entry.set("message", std::move(message).value());
-    return {};
+    return fault;
   });
 }
 

@@ -28,7 +28,8 @@ class Collectors {
   // `log` is borrowed.
   explicit Collectors(ReceivedLog& log) : _log(log) {}
 
-  // A JSON message, gzip or plain: "message":{…}. `server` is the name in the log.
+  // A JSON object with an array of objects "events", gzip of 64 MiB at most or plain:
+  // "message":{…}, which is logged too where it is other JSON. `server` is the name in the log.
   Answer events(const std::string& server, const Request& request,
                 Dictionary* entry = nullptr) const;
   // A property list that holds an array: "logData":[…], dates and data in the JSON forms that

@@ -35,7 +35,7 @@ enum class ConnectionFault {
 // Threads   Every operation from any thread but those that run the handler.
 // Limits    A head over 64 KiB and a body over 512 MiB are refused with 431 and 413.
 // Errors    The constructor throws std::runtime_error where it cannot listen or cannot use the
-//           certificate. A request that cannot be read is answered 400 (501 where its body is
+//           certificate. A request that cannot be read is answered 400 (411 where its body is
 //           chunked), and its connection ends.
 // Stop      Breaks every connection and joins all threads; waits at most for running handlers.
 //           A second stop does nothing. The destructor stops.

@@ -115,7 +115,8 @@ bool HTTPServerConnection::readHead(std::string& head) {
 }
 
 bool HTTPServerConnection::readBody(Request& request) {
-  if (request.header("Transfer-Encoding")) return refuse(501);
+  if (request.header("Transfer-Encoding")) return refuse(411);
+  if (request.headerCount("Content-Length") > 1) return refuse(400);
   std::size_t length = 0;
   if (const auto text = request.header("Content-Length")) {
     const auto [end, error] = std::from_chars(text->data(), text->data() + text->size(), length);

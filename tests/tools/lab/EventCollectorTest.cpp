@@ -24,6 +24,8 @@ class EventCollectorTest : public LabFixture {
   }
 };
 
+constexpr const char* emptyPost = R"({"events":[]})";
+
 // The same as a client would compress it.
 std::string gzipped(const std::string& text) {
   const auto stream = Compressor().gzipDeflate(text);
@@ -48,8 +50,8 @@ TEST_F(EventCollectorTest, WritesDownAPlainPost) {
 }
 
 TEST_F(EventCollectorTest, BatchAndRealtimePostsAreToldApart) {
-  EXPECT_EQ(peer.post(address("events"), "{}").status, 200);
-  EXPECT_EQ(peer.post(address("realtime"), "{}").status, 200);
+  EXPECT_EQ(peer.post(address("events"), emptyPost).status, 200);
+  EXPECT_EQ(peer.post(address("realtime"), emptyPost).status, 200);
   const auto entries = received();
   ASSERT_EQ(entries.size(), 2u);
   EXPECT_EQ(*stringAt(entries[0], "server"), "events");
@@ -57,34 +59,35 @@ TEST_F(EventCollectorTest, BatchAndRealtimePostsAreToldApart) {
 }
 
 TEST_F(EventCollectorTest, CompressedPostsAreWrittenDownDecoded) {
-  const std::string body = gzipped("{\"n\":[" + std::string(50'000, ' ') + "5]}");
+  const std::string body = gzipped("{\"events\":[" + std::string(50'000, ' ') + "{}]}");
   EXPECT_EQ(peer.post(address("events"), body, {"Content-Encoding: gzip"}).status, 200);
   const Dictionary written = entry();
-  EXPECT_EQ(*written.find("message"), Value(Dictionary{{"n", Array{5}}}));
+  EXPECT_EQ(*written.find("message"), Value(Dictionary{{"events", Array{Dictionary{}}}}));
   EXPECT_EQ(integerAt(written, "bytes"), static_cast<std::int64_t>(body.size()));
 }
 
 TEST_F(EventCollectorTest, EncodingsAreNamedInWhateverCase) {
-  EXPECT_EQ(peer.post(address("events"), gzipped("{}"), {"Content-Encoding: GZip"}).status, 200);
-  EXPECT_EQ(peer.post(address("events"), "{}", {"Content-Encoding: Identity"}).status, 200);
-  EXPECT_EQ(peer.post(address("events"), "{}", {"Content-Encoding: br"}).status, 400);
+  EXPECT_EQ(peer.post(address("events"), gzipped(emptyPost), {"Content-Encoding: GZip"}).status,
+            200);
+  EXPECT_EQ(peer.post(address("events"), emptyPost, {"Content-Encoding: Identity"}).status, 200);
+  EXPECT_EQ(peer.post(address("events"), emptyPost, {"Content-Encoding: br"}).status, 400);
   EXPECT_EQ(*stringAt(received().at(2), "error"),
             "the body is encoded as br, which nobody reads here");
 }
 
 TEST_F(EventCollectorTest, ABodyThatIsNoGzipIsRefusedAndWrittenDown) {
-  const std::string whole = gzipped("{\"a\":1}");
+  const std::string whole = gzipped(emptyPost);
   std::string damaged = whole;
   damaged[whole.size() / 2] ^= 1;
   for (const std::string& body :
-       {std::string("{}"), std::string(), whole.substr(0, 12), damaged, whole + "x"}) {
+       {std::string(emptyPost), std::string(), whole.substr(0, 12), damaged, whole + "x"}) {
     const Got got = peer.post(address("events"), body, {"Content-Encoding: gzip"});
     EXPECT_EQ(got.status, 400);
-    EXPECT_EQ(got.body, "the body is not gzip\n");
+    EXPECT_EQ(got.body, "the body is not gzip of 64 MiB at most\n");
   }
   ASSERT_EQ(received().size(), 5u);
   for (const Dictionary& written : received()) {
-    EXPECT_EQ(*stringAt(written, "error"), "the body is not gzip");
+    EXPECT_EQ(*stringAt(written, "error"), "the body is not gzip of 64 MiB at most");
     EXPECT_FALSE(written.contains("message"));
   }
 }
@@ -98,6 +101,35 @@ TEST_F(EventCollectorTest, ABodyThatIsNotJSONIsRefusedAndWrittenDown) {
   EXPECT_EQ(integerAt(written, "bytes"), 6);
 }
 
+TEST_F(EventCollectorTest, JSONThatIsNoPostIsRefusedAndWrittenDown) {
+  const std::vector<std::pair<std::string, std::string>> bodies{
+      {"[]", "the body is no JSON object"},
+      {"{}", "the object has no array \"events\""},
+      {R"({"events":{}})", "the object has no array \"events\""},
+      {R"({"events":[{},1]})", "an event is no object"},
+  };
+  for (const auto& [body, line] : bodies) {
+    const Got got = peer.post(address("events"), body);
+    EXPECT_EQ(got.status, 400) << body;
+    EXPECT_EQ(got.body, line + "\n");
+    const Dictionary written = received().back();
+    EXPECT_EQ(*stringAt(written, "error"), line);
+    EXPECT_EQ(*written.find("message"), parseJSON(body).value());
+  }
+}
+
+TEST_F(EventCollectorTest, APostThatUnpacksToMoreThanDevicesHaveIsRefused) {
+  const std::string padding((std::size_t{64} << 20) - 20, ' ');
+  EXPECT_EQ(peer.post(address("events"), gzipped("{\"events\":[" + padding + "]}"),
+                      {"Content-Encoding: gzip"})
+                .status,
+            200);
+  EXPECT_EQ(peer.post(address("events"), gzipped("{\"events\":[]," + padding + "       \"a\":1}"),
+                      {"Content-Encoding: gzip"})
+                .status,
+            400);
+}
+
 TEST_F(EventCollectorTest, AnythingButPOSTIsRefusedAndNotWrittenDown) {
   EXPECT_EQ(peer.get(address("events")).status, 405);
   EXPECT_TRUE(received().empty());
@@ -109,7 +141,7 @@ TEST_F(EventCollectorTest, OtherTargetsAreNotFound) {
 }
 
 TEST_F(EventCollectorTest, WhatJSONCannotHoldIsSaidInItsPlace) {
-  EXPECT_EQ(peer.post(address("events"), "{}", {"X-Odd: \xff"}).status, 200);
+  EXPECT_EQ(peer.post(address("events"), emptyPost, {"X-Odd: \xff"}).status, 200);
   EXPECT_EQ(*stringAt(entry(), "error"), "received something that JSON cannot hold");
 }
 
@@ -123,7 +155,7 @@ TEST_F(EventCollectorTest, PostsThatComeAtOnceAreWrittenDownWhole) {
   for (const char letter : std::string("abcdefgh")) {
     const std::string text(30'000, letter);
     expected[text] = rounds;
-    connections.emplace_back([&collectors, body = "{\"long\":\"" + text + "\"}"] {
+    connections.emplace_back([&collectors, body = "{\"events\":[],\"long\":\"" + text + "\"}"] {
       for (int round = 0; round < rounds; ++round)
         EXPECT_EQ(collectors.events("events", {.method = "POST", .body = body}).status, 200);
     });

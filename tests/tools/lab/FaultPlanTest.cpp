@@ -17,7 +17,9 @@ class FaultPlanTest : public LabFixture {
     EXPECT_EQ(got.status, 200) << got.body;
     EXPECT_EQ(got.body, "planned\n");
   }
-  Got post(const std::string& server = "events") { return peer.post(address(server), "{}"); }
+  Got post(const std::string& server = "events") {
+    return peer.post(address(server), R"({"events":[]})");
+  }
   Got bag() { return peer.get(bagURL("lumen")); }
 
   Peer control{""};

@@ -284,7 +284,9 @@ TEST(HTTPServerRequestTest, RefusesWhatItCannotRead) {
   EXPECT_EQ(statusFor("GET / HTTP/1.1\r\nno colon\r\n\r\n"), "HTTP/1.1 400");
   EXPECT_EQ(statusFor("POST / HTTP/1.1\r\nContent-Length: x\r\n\r\n"), "HTTP/1.1 400");
   EXPECT_EQ(statusFor("POST / HTTP/1.1\r\nContent-Length: 999999999999\r\n\r\n"), "HTTP/1.1 413");
-  EXPECT_EQ(statusFor("POST / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n"), "HTTP/1.1 501");
+  EXPECT_EQ(statusFor("POST / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n"), "HTTP/1.1 411");
+  EXPECT_EQ(statusFor("POST / HTTP/1.1\r\nContent-Length: 1\r\nContent-Length: 2\r\n\r\nxx"),
+            "HTTP/1.1 400");
   EXPECT_EQ(statusFor("GET / HTTP/1.1\r\nX: " + std::string(70'000, 'x')), "HTTP/1.1 431");
   EXPECT_EQ(server.requestsReceived(), 0u);
 }
