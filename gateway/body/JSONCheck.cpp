@@ -7,6 +7,7 @@
 #include <charconv>
 #include <cstdint>
 #include <cstring>
+#include <limits>
 #include <string>
 
 #include "base/Reading.h"
@@ -79,10 +80,15 @@ bool isNumber(std::string_view text) {
 bool isInRange(std::string_view text) {
   constexpr std::size_t digitsOfAnyDouble = 300;
   const std::size_t exponent = text.find('e') != text.npos ? text.find('e') : text.find('E');
+  constexpr int mostExponent = std::numeric_limits<double>::max_exponent10;
   if (exponent == text.npos && text.size() <= digitsOfAnyDouble) return true;
   if (exponent != text.npos) {
     const std::size_t digits = text.find_first_of("0123456789", exponent);
     if (text.size() - digits > limits::exponentDigits) return false;
+    // Many readers look at the exponent first: 0e309 is too large for them, which is 0 for others.
+    const bool isLarge = numberFrom<int>(text.substr(digits)).value_or(0) > mostExponent;
+    const bool isOfZero = text.substr(0, exponent).find_first_of("123456789") == text.npos;
+    if (isOfZero && isLarge && text[digits - 1] != '-') return false;
   }
   return numberFrom<double>(text).has_value();
 }

@@ -9,6 +9,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "base/Reading.h"
+
 namespace corvid::fleet {
 
 namespace {
@@ -25,11 +27,11 @@ class PostHandler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, PostH
       : _body(body), _stream(stream) {}
 
   bool Default() { return isNoEvent(); }
-  bool Int(int number) { return whole(number); }
-  bool Uint(unsigned number) { return whole(number); }
-  bool Int64(std::int64_t number) { return whole(number); }
-  bool Uint64(std::uint64_t number) { return real(static_cast<double>(number)); }
-  bool Double(double number) { return real(number); }
+  // As it is written: the library's own reading refuses numbers that a double holds, such as 0e999.
+  bool RawNumber(const char* text, Size length, bool) {
+    if (isInEvent()) takeNumber({text, length});
+    return isNoEvent();
+  }
 
   bool String(const char* text, Size length, bool) {
     if (_depth == root && _key == "clientId") {
@@ -94,8 +96,7 @@ class PostHandler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, PostH
   // Else something that is no object stands in the array of events.
   bool isNoEvent() const { return !_isInEvents || _depth != events; }
 
-  bool whole(std::int64_t number) {
-    if (!isInEvent()) return isNoEvent();
+  void takeNumber(std::string_view text) {
     PostedEvent& event = _post.events.back();
     const std::array<std::pair<std::string_view, std::optional<std::int64_t>*>, 4> numbers{
         {{"_method", &event.method},
@@ -103,12 +104,8 @@ class PostHandler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, PostH
          {"_eventNumber", &event.number},
          {"_clientVersion", &event.version}}};
     for (const auto& [key, target] : numbers)
-      if (key == _key) *target = number;
-    return real(static_cast<double>(number));
-  }
-  bool real(double number) {
-    if (isInEvent() && _key == "eventTime") _post.events.back().time = number;
-    return isNoEvent();
+      if (key == _key) *target = numberFrom<std::int64_t>(text);
+    if (_key == "eventTime") event.time = numberFrom<double>(text);
   }
 
   const std::string_view _body;
@@ -129,7 +126,8 @@ Post postFrom(std::string_view body) {
   rapidjson::MemoryStream stream(body.data(), body.size());
   PostHandler handler(body, stream);
   rapidjson::Reader reader;
-  constexpr unsigned flags = rapidjson::kParseValidateEncodingFlag;
+  constexpr unsigned flags =
+      rapidjson::kParseValidateEncodingFlag | rapidjson::kParseNumbersAsStringsFlag;
   const rapidjson::ParseResult result = reader.Parse<flags>(stream, handler);
   if (result.Code() == rapidjson::kParseErrorTermination)
     throw std::invalid_argument("\"events\" holds something else than objects, or is too deep");

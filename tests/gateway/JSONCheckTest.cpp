@@ -150,6 +150,7 @@ const std::vector<Case> cases{
     {"Underflow", inEvent("1e-400"), "number"},
     {"HugeExponent", inEvent("1e99999999999999999999"), "number"},
     {"HugeExponentOfZero", inEvent("0e99999"), "number"},
+    {"LargeExponentOfZero", inEvent("-0.00e+309"), "number"},
     {"FourHundredDigits", inEvent(std::string(400, '9')), "number"},
     {"EndlessDigits", inEvent("0." + std::string(limits::numberBytes, '1')), "number"},
 };

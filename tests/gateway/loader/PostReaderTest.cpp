@@ -38,6 +38,20 @@ TEST(PostReader, CountsFieldsOfAnotherTypeAsMissing) {
   EXPECT_FALSE(post.events[0].method || post.events[0].status || post.events[0].sender);
 }
 
+TEST(PostReader, TakesEachNumberThatADoubleHoldsHoweverItIsWritten) {
+  const Post post = postFrom(
+      R"({"clientId":"C","postTime":0e308,"events":[{"eventTime":0.0e308,"_method":-0,"_status":7e0,)"
+      R"("_clientVersion":9223372036854775807,"_eventNumber":9223372036854775808,"x":)" +
+      std::string(400, '0').replace(0, 1, "1").insert(1, ".") + "e300},{\"eventTime\":2e-320}]}");
+  ASSERT_EQ(post.events.size(), 2U);
+  const PostedEvent& event = post.events[0];
+  EXPECT_EQ(event.time, 0.0);
+  EXPECT_EQ(event.method, 0);
+  EXPECT_EQ(event.version, 9223372036854775807);
+  EXPECT_FALSE(event.status || event.number) << "not whole, and beyond 64 bits";
+  EXPECT_EQ(post.events[1].time, 2e-320);
+}
+
 TEST(PostReader, RefusesWhatIsNoPost) {
   for (const char* const body :
        {"", "[]", "{}", R"({"clientId":"C"})", R"({"events":[]})", R"({"clientId":7,"events":[]})",

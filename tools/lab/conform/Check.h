@@ -60,7 +60,7 @@ std::optional<Breach> tryAll(const Collector& collector, const std::vector<Trial
 using MakeTrials = std::vector<Trial> (*)(Device& device);
 Check checkOf(std::string_view name, Address address, std::string_view rule, MakeTrials make);
 
-// The last answer on the connection that is not an interim one; nothing where it is as expected.
+// What is wrong with a reply to what was sent; nothing where it is as expected.
 std::optional<Breach> breachOf(const Reply& reply, Expected expected, std::string sent);
 
 }  // namespace corvid::lab::conform
