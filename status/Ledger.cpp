@@ -325,13 +325,13 @@ void Shipment::noteUnwritable(std::size_t at, std::string_view key) {
   verdict->keys = std::make_shared<const KeysChanged>(std::move(keys));
 }
 
-void Shipment::showRecords(const std::vector<Dictionary>& records) {
+void Shipment::showRecords(const std::function<Dictionary(std::size_t at)>& record) {
   if (!_account || !_account->_ledger->recordsAreWatched()) return;
   Ledger& ledger = *_account->_ledger;
   const MutexLock lock(ledger._mutex);
-  for (std::size_t i = 0; i < std::min(records.size(), _marks.size()); ++i)
+  for (std::size_t i = 0; i < _marks.size(); ++i)
     if (Verdict* const verdict = ledger.verdictAt(_marks[i], _account->_backend))
-      verdict->record = std::make_shared<const Dictionary>(records[i]);
+      verdict->record = std::make_shared<const Dictionary>(record(i));
 }
 
 void Shipment::beginPost(std::string host, std::uint64_t bytes) {

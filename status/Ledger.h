@@ -172,7 +172,7 @@ class Shipment {
   // JSON could not hold a value of the `at`th record.
   void noteUnwritable(std::size_t at, std::string_view key);
   // What leaves, in the order of the events, for those who watch records.
-  void showRecords(const std::vector<Dictionary>& records);
+  void showRecords(const std::function<Dictionary(std::size_t at)>& record);
   // A post with `bytes` of body begins.
   void beginPost(std::string host, std::uint64_t bytes);
 

@@ -72,6 +72,12 @@ FilterAction EventFilters::actionFor(std::string_view key, std::int32_t method,
   return FilterAction::keep;
 }
 
+bool EventFilters::mention(const Dictionary& keys) const {
+  return std::ranges::any_of(keys, [&](const Dictionary::Entry& entry) {
+    return filtersFor(entry.key) != _filters.end();
+  });
+}
+
 bool EventFilters::ignoreMethodsFor(const Dictionary& keys) const {
   return std::ranges::none_of(keys, [&](const Dictionary::Entry& entry) {
     const auto found = filtersFor(entry.key);
@@ -82,10 +88,13 @@ bool EventFilters::ignoreMethodsFor(const Dictionary& keys) const {
 }
 
 void EventFilters::apply(Dictionary& record, KeysChanged* changed) const {
-  if (_numberOfFilters == 0) return;
-  const std::int32_t method = int32At(record, "_method");
-  const std::int32_t status = int32At(record, "_status");
-  record.transformEntries([&](const std::string& key, Value& value) {
+  apply(record, int32At(record, "_method"), int32At(record, "_status"), changed);
+}
+
+void EventFilters::apply(Dictionary& part, std::int32_t method, std::int32_t status,
+                         KeysChanged* changed) const {
+  if (_filters.empty()) return;
+  part.transformEntries([&](const std::string& key, Value& value) {
     const FilterAction action = actionFor(key, method, status);
     if (action == FilterAction::digest) {
       const std::string* text = value.string();

@@ -42,6 +42,8 @@ class EventFilters {
   // As many as the array had items.
   std::size_t numberOfFilters() const { return _numberOfFilters; }
 
+  // Whether a filter is about one of these keys.
+  bool mention(const Dictionary& keys) const;
   // Whether what becomes of these keys is the same in records of every method and status.
   bool ignoreMethodsFor(const Dictionary& keys) const;
 
@@ -49,6 +51,9 @@ class EventFilters {
   // which filters apply; they are 0 where they are missing.
   // `changed` hears which keys, and may be null.
   void apply(Dictionary& record, KeysChanged* changed = nullptr) const;
+  // The same to a part of a record, whose method and status are these.
+  void apply(Dictionary& part, std::int32_t method, std::int32_t status,
+             KeysChanged* changed) const;
 
  private:
   struct FoldingHash {

@@ -12,7 +12,7 @@
 #include "base/URL.h"
 #include "config/Environment.h"
 #include "platform/Platform.h"
-#include "platform/data/JSON.h"
+#include "platform/data/JSONText.h"
 #include "protocol/Keys.h"
 #include "protocol/LogReason.h"
 
@@ -41,6 +41,24 @@ void applyValueRules(Dictionary& record, Shipment& events, std::size_t at) {
         return false;
     }
   });
+}
+
+// The message of these records at that time; nothing where it cannot be written.
+std::optional<std::string> written(const std::vector<EventRecord>& records, double time,
+                                   const std::optional<std::string>& clientID,
+                                   std::size_t expected) {
+  JSONText text(expected);
+  text.beginObject();
+  text.add("postTime", time);
+  if (clientID) {
+    text.add("clientId", *clientID);
+    text.key("events");
+    text.beginArray();
+    for (const EventRecord& record : records) record.writeTo(text);
+    text.endArray();
+  }
+  text.endObject();
+  return text.take();
 }
 
 // A text that a client or a file gave, as a header's value: what would end the header, or is no
@@ -115,14 +133,14 @@ EventPoster::EventPoster(Platform& platform, std::string backendName, SharedIden
       _gate(std::make_shared<ExchangeGate>(platform.clock(), platform.budgets, nobody)) {}
 
 std::optional<EventPoster::Message> EventPoster::createMessageForPostAndLogging(
-    std::vector<Dictionary> records, std::optional<std::string> clientID, Shipment& events) const {
+    std::vector<EventRecord> records, std::optional<std::string> clientID, Shipment& events) const {
   // What is made of a message at once: it and its compressed form, or it, the text for the log and
   // two copies of that.
   constexpr std::size_t formsAtOnce = 4;
   constexpr std::size_t besidesRecords = 1024;
   const std::size_t count = records.size();
   std::size_t expected = besidesRecords;
-  for (const Dictionary& record : records) expected += mostJSONBytes(record) + 1;
+  for (const EventRecord& record : records) expected += record.mostJSONBytes() + 1;
   if (expected > mostMessageBytes) {
     const auto why = loggingReason(Reason::unwritable);
     logError(
@@ -142,16 +160,11 @@ std::optional<EventPoster::Message> EventPoster::createMessageForPostAndLogging(
     return std::nullopt;
   }
 
-  Dictionary message;
-  message.set("postTime", finiteOrMinusOne(_platform.clock().now().asDouble()));
-  for (std::size_t at = 0; at < count; ++at) applyValueRules(records[at], events, at);
-  events.showRecords(records);
-  if (clientID) {
-    message.set("clientId", *std::move(clientID));
-    message.set("events", Array(std::make_move_iterator(records.begin()),
-                                std::make_move_iterator(records.end())));
-  }
-  std::optional<std::string> text = writeJSON(message, expected);
+  for (std::size_t at = 0; at < count; ++at)
+    applyValueRules(records[at].fieldsToCheck(), events, at);
+  events.showRecords([&](std::size_t at) { return records[at].copy(); });
+  const double now = finiteOrMinusOne(_platform.clock().now().asDouble());
+  std::optional<std::string> text = written(records, now, clientID, expected);
   if (!text) {
     const auto why = loggingReason(Reason::unwritable);
     logError(

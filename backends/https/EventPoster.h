@@ -10,6 +10,7 @@
 
 #include "backends/CorvidBackend.h"
 #include "backends/ExchangeGate.h"
+#include "backends/https/EventRecord.h"
 #include "base/Value.h"
 #include "platform/HTTPClient.h"
 #include "status/Ledger.h"
@@ -58,7 +59,7 @@ class EventPoster {
   // The message of these records, which are those of `events`: nothing, logged, where it cannot be
   // written or is too long, or where there is no memory for it within a minute; the events are then
   // dropped. An absent `clientID` leaves the time alone in it.
-  std::optional<Message> createMessageForPostAndLogging(std::vector<Dictionary> records,
+  std::optional<Message> createMessageForPostAndLogging(std::vector<EventRecord> records,
                                                         std::optional<std::string> clientID,
                                                         Shipment& events) const;
 

@@ -1,91 +1,52 @@
 #include "backends/https/EventRecord.h"
 
-#include <fmt/format.h>
-
-#include <string_view>
-
-#include "base/Describe.h"
-#include "config/DeviceInformation.h"
-#include "config/Environment.h"
-#include "platform/Platform.h"
+#include "base/Reading.h"
+#include "platform/data/JSON.h"
 
 namespace corvid {
 
-namespace {
-
-constexpr std::size_t addedKeyCount = 20;
-
-// The start of a session as records tell it: whole minutes.
-std::int64_t startMinute(double startTimeStamp) {
-  return static_cast<std::int64_t>(startTimeStamp) / 60 * 60;
+std::int32_t EventRecord::method() const {
+  return _frame ? _numbers.method : int32At(_own, "_method");
 }
 
-// Client types whose internal sessions are known by number instead of by combined ID.
-bool reportsNumericSessionID(std::int32_t clientType) {
-  return clientType == 7 || clientType == 11 || clientType == 13;
+std::size_t EventRecord::footprint() const {
+  return corvid::footprint(_own) + (_frame ? _frame->bytes() : 0);
 }
 
-void setIfPresent(Dictionary& record, std::string_view key,
-                  const std::optional<std::string>& text) {
-  if (text) record.set(std::string(key), *text);
+std::size_t EventRecord::mostJSONBytes() const {
+  return corvid::mostJSONBytes(_own) + (_frame ? _frame->mostBytesWritten() : 0);
 }
 
-Value numberOrMinusOne(const std::optional<double>& number) {
-  return number ? Value(*number) : Value(-1);
+void EventRecord::writeTo(JSONText& text) const {
+  text.beginObject();
+  text.addEntries(_own);
+  if (_frame) _frame->writeTo(text, _numbers);
+  text.endObject();
 }
 
-void addStopEventSummary(Dictionary& record, const RecordContext& context) {
-  record.set("Opt", static_cast<std::int32_t>(context.policy.dnuType));
-  record.set("SamplingThreshold", numberOrMinusOne(context.samplingThreshold));
-  record.set("OverrideSampling", numberOrMinusOne(context.policy.overrideSampling));
-  record.set("Batch", context.policy.batchEvents ? 1 : 0);
-}
-
-}  // namespace
-
-Dictionary createEventDictfromPayload(const Event& event, const RecordContext& context) {
-  const BackendIdentity& identity = context.identity;
-  const std::int64_t start = startMinute(identity.startTimeStamp);
-  // Relative to the minute that the session is said to have started in.
-  const double clientTime = finiteOrMinusOne(
-      static_cast<double>(start) + (event.timestamp.asDouble() - identity.startTimeStamp));
-
-  Dictionary record;
-  // Room for the user info twice: a flush asks for it again.
-  record.reserve((event.payload ? event.payload->size() : 0) + addedKeyCount +
-                 (context.userInfo ? 2 * context.userInfo->size() : 0));
-  if (event.payload != nullptr) {
-    record.addEntriesFrom(*event.payload);
-    if (event.isSessionStop()) addStopEventSummary(record, context);
-  }
-  record.set("_startTS", start);
-  record.set("_sender", clientTagForClientType(identity.compType));
-  record.set("_clientVersion", identity.clientVersion);
-  if (identity.isInternal && reportsNumericSessionID(identity.compType))
-    record.set("_sessionID", identity.sessionID);
-  else
-    setIfPresent(record, "_sessionID", context.combinedSessionID);
-  record.set("_eventNumber", context.eventID);
-  record.set("_method", event.method);
-  record.set("_status", event.respCode);
-  record.set("_clientTS", clientTime);
-  record.set("eventTime", clientTime);
-  setIfPresent(record, "_productFamily", identity.productFamily);
-  setIfPresent(record, "_productModel", identity.hardwareType);
-  setIfPresent(record, "_osVersion", identity.productVersion);
-  setIfPresent(record, "_build", identity.buildVersion);
-  record.set("_internal", isInternalBuild() ? 1 : 0);
-  record.set("_reportVers",
-             fmt::format("{}.{}", identity.selfVersionMajor, identity.selfVersionMinor));
-  record.set("_timezoneOffset",
-             context.platform.locale().secondsFromGMT(context.platform.clock().now()));
+Dictionary EventRecord::copy() const {
+  Dictionary record = _own;
+  if (_frame) _frame->addTo(record, _numbers);
   return record;
 }
 
-void prepareEventForMessage(Dictionary& record, const Dictionary* userInfo,
-                            const EventFilters& filters, KeysChanged& changed) {
-  if (userInfo != nullptr) record.addEntriesFrom(*userInfo);
-  filters.apply(record, &changed);
+Dictionary& EventRecord::whole() {
+  if (const auto frame = std::exchange(_frame, nullptr)) frame->addTo(_own, _numbers);
+  return _own;
+}
+
+EventRecord makeEventRecord(const Event& event, const RecordContext& context,
+                            const std::shared_ptr<const RecordFrame>& frame, KeysChanged& changed) {
+  const EventFilters& filters = *context.policy.filters;
+  const EventNumbers numbers = numbersOf(event, context);
+  Dictionary payload = payloadOf(event, context);
+  if (frame->fits(payload)) {
+    filters.apply(payload, numbers.method, numbers.status, &changed);
+    return {std::move(payload), frame, numbers};
+  }
+  Dictionary record = createEventDictfromPayload(std::move(payload), numbers, context);
+  prepareEventForMessage(record, context.userInfo.get(), filters, changed);
+  return record;
 }
 
 }  // namespace corvid

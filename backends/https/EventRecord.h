@@ -1,45 +1,52 @@
-// Event records: what an event becomes before it is posted or held.
+// A record: what leaves the device of an event.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
-#include <optional>
-#include <string>
+#include <memory>
+#include <utility>
 
-#include "backends/BackendIdentity.h"
-#include "backends/https/ClientPolicy.h"
-#include "base/TimeValue.h"
+#include "backends/https/RecordFields.h"
+#include "backends/https/RecordFrame.h"
 #include "base/Value.h"
+#include "platform/data/JSONText.h"
+#include "status/Decision.h"
 
 namespace corvid {
 
-// An event as a session hands it over. `payload` may be null.
-struct Event {
-  const Dictionary* payload;
-  const TimeValue& timestamp;
-  std::uint16_t method;
-  std::uint16_t respCode;
+// Kept as a payload in a frame that it shares with others, where it can be; in one piece otherwise.
+// Nobody who looks can tell.
+class EventRecord {
+ public:
+  EventRecord() = default;
+  // Of one piece.
+  EventRecord(Dictionary record) : _own(std::move(record)) {}
+  // The frame fits the payload that this one was before the filters.
+  EventRecord(Dictionary payload, std::shared_ptr<const RecordFrame> frame,
+              const EventNumbers& numbers)
+      : _own(std::move(payload)), _frame(std::move(frame)), _numbers(numbers) {}
 
-  // The one that ends a session; its record sums up how the session was sampled.
-  bool isSessionStop() const { return respCode == 1; }
+  // "_method" of it, 0 where it has none.
+  std::int32_t method() const;
+  // As `footprint` and `mostJSONBytes` say it of the whole.
+  std::size_t footprint() const;
+  std::size_t mostJSONBytes() const;
+  void writeTo(JSONText& text) const;
+
+  Dictionary copy() const;
+  // To be changed; it is of one piece from then on.
+  Dictionary& whole();
+  // Those of its fields whose values may be none of JSON's; they may be changed and erased.
+  Dictionary& fieldsToCheck() { return _own; }
+
+ private:
+  Dictionary _own;                            // what the frame does not have
+  std::shared_ptr<const RecordFrame> _frame;  // null: nothing
+  EventNumbers _numbers{};
 };
 
-// Of the backend, at the time of the event.
-struct RecordContext {
-  Platform& platform;
-  const BackendIdentity& identity;
-  const ClientPolicy& policy;
-  const std::optional<double>& samplingThreshold;
-  const std::optional<std::string>& combinedSessionID;
-  std::uint16_t eventID;
-  const Dictionary* userInfo;  // null where there is none
-};
-
-// The payload and what the backend adds to it; user info and filters are still to come.
-Dictionary createEventDictfromPayload(const Event& event, const RecordContext& context);
-
-// Adds the user info, whose values win, and applies the filters to all; `changed` hears which keys
-// they changed.
-void prepareEventForMessage(Dictionary& record, const Dictionary* userInfo,
-                            const EventFilters& filters, KeysChanged& changed);
+// The record of the event, filtered. The frame is that of the context.
+EventRecord makeEventRecord(const Event& event, const RecordContext& context,
+                            const std::shared_ptr<const RecordFrame>& frame, KeysChanged& changed);
 
 }  // namespace corvid

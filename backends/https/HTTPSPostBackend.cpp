@@ -130,7 +130,7 @@ std::optional<std::string> HTTPSPostBackend::sendMessage(const Dictionary* paylo
       logError("HTTPSPostBackend(sendMessage): SESSION_TYPE_STOP message dictionary is nil");
   }
   const bool realtime = isRealtime(flag);
-  Dictionary record;
+  EventRecord record;
   bool atOnce = false;
   bool flushFirst = false;
   bool held = false;
@@ -153,7 +153,7 @@ std::optional<std::string> HTTPSPostBackend::sendMessage(const Dictionary* paylo
              (realtime || !_policy.batchEvents) && !lacksUserInfo();
     flushFirst = now == BackendState::sending && realtime && _batchedEvents;
     if (atOnce) {
-      leaving.events = _account->ship(_offered, _keysChanged, shown(record));
+      leaving.events = _account->ship(_offered, _keysChanged, pointerTo(shown(record)));
     } else {
       logDebug("HTTPSPostBackend(sendMessage): Batching {}, {}, {}", static_cast<int>(now),
                static_cast<int>(_policy.batchEvents), static_cast<int>(identity().requireUserInfo));
@@ -169,18 +169,17 @@ std::optional<std::string> HTTPSPostBackend::sendMessage(const Dictionary* paylo
   return std::nullopt;
 }
 
-Dictionary HTTPSPostBackend::recordOf(const Event& event) {
-  Dictionary record =
-      createEventDictfromPayload(event, {.platform = _platform,
-                                         .identity = identity(),
-                                         .policy = _policy,
-                                         .samplingThreshold = _samplingThreshold,
-                                         .combinedSessionID = _combinedSessionIDString,
-                                         .eventID = _eventID.load(),
-                                         .userInfo = _userInfoDict.get()});
+EventRecord HTTPSPostBackend::recordOf(const Event& event) {
+  const RecordContext context{.platform = _platform,
+                              .identity = identity(),
+                              .policy = _policy,
+                              .samplingThreshold = _samplingThreshold,
+                              .combinedSessionID = _combinedSessionIDString,
+                              .eventID = _eventID.load(),
+                              .userInfo = _userInfoDict};
+  if (!_frame || !_frame->isOf(context)) _frame = std::make_shared<const RecordFrame>(context);
   _keysChanged.clear();
-  prepareEventForMessage(record, _userInfoDict.get(), *_policy.filters, _keysChanged);
-  return record;
+  return makeEventRecord(event, context, _frame, _keysChanged);
 }
 
 std::optional<std::string> HTTPSPostBackend::sendAtOnce(Leaving leaving, const Event& event,
@@ -204,11 +203,11 @@ std::optional<std::string> HTTPSPostBackend::sendAtOnce(Leaving leaving, const E
   return std::move(message->logText);
 }
 
-bool HTTPSPostBackend::batchEvent(Dictionary& record, Leaving& displaced) {
-  const std::int32_t method = int32At(record, "_method");
+bool HTTPSPostBackend::batchEvent(EventRecord& record, Leaving& displaced) {
+  const std::int32_t method = record.method();
   if (!_batchedEvents) _batchedEvents.emplace(_poster.memoryToHold(), _account);
   if (_eventMethodCounts.of(method) > _policy.eventThreshold) return false;
-  const std::size_t bytes = footprint(record);
+  const std::size_t bytes = record.footprint();
   const auto moveToDisplaced = [&]() REQUIRES(_lock) {
     logDebug("HTTPSPostBackend(batchEvent): Flushing all batched events as the batch is full");
     takeBatch(displaced);
@@ -221,8 +220,8 @@ bool HTTPSPostBackend::batchEvent(Dictionary& record, Leaving& displaced) {
   return true;
 }
 
-std::optional<std::string> HTTPSPostBackend::flushAtThreshold(Dictionary record) {
-  const std::int32_t method = int32At(record, "_method");
+std::optional<std::string> HTTPSPostBackend::flushAtThreshold(EventRecord record) {
+  const std::int32_t method = record.method();
   {
     const auto why = loggingReason(Reason::batchFull);
     logDebug(
@@ -233,7 +232,7 @@ std::optional<std::string> HTTPSPostBackend::flushAtThreshold(Dictionary record)
   const MutexLock lock(_lock);
   // A flush leaves no batch, except where it refuses; the event that forced it goes with the batch.
   if (_batchedEvents) {
-    const std::size_t bytes = footprint(record);
+    const std::size_t bytes = record.footprint();
     hold(std::move(record), bytes);
   } else {
     _account->drop(_offered, Reason::batchFull);
@@ -242,7 +241,7 @@ std::optional<std::string> HTTPSPostBackend::flushAtThreshold(Dictionary record)
   return text;
 }
 
-void HTTPSPostBackend::hold(Dictionary record, std::size_t bytes) {
+void HTTPSPostBackend::hold(EventRecord record, std::size_t bytes) {
   if (!_batchedEvents) _batchedEvents.emplace(_poster.memoryToHold(), _account);
   const bool droppedBefore = _batchedEvents->dropped() > 0;
   const Standing now = standing();
@@ -250,7 +249,7 @@ void HTTPSPostBackend::hold(Dictionary record, std::size_t bytes) {
   const Reason reason = !reports          ? now.reason
                         : lacksUserInfo() ? Reason::waitingForUserInfo
                                           : Reason::reporting;
-  _account->hold(_offered, reason, _keysChanged, shown(record));
+  _account->hold(_offered, reason, _keysChanged, pointerTo(shown(record)));
   _batchedEvents->add(std::move(record), bytes, {_userInfoDict, _policy.filters}, _offered);
   if (_batchedEvents->exceedsMemory() && !mayPostBatch()) _batchedEvents->dropOldest();
   const auto why = loggingReason(Reason::overLimit);

@@ -82,7 +82,7 @@ class HTTPSPostBackend final : public CorvidBackend {
  private:
   // Records that leave the batch, or never were in it, and their events.
   struct Leaving {
-    std::vector<Dictionary> records;
+    std::vector<EventRecord> records;
     Shipment events;
   };
   // A message, and what the log shows of it, where it is to.
@@ -101,23 +101,23 @@ class HTTPSPostBackend final : public CorvidBackend {
   bool lacksUserInfo() const REQUIRES(_lock) {
     return identity().requireUserInfo && !_userInfoDict;
   }
-  Dictionary recordOf(const Event& event) REQUIRES(_lock);
-  // What watchers of records see of one; null where there are none.
-  const Dictionary* shown(const Dictionary& record) const {
-    return account().ledger().recordsAreWatched() ? &record : nullptr;
+  EventRecord recordOf(const Event& event) REQUIRES(_lock);
+  // What watchers of records see of one; nothing where there are none.
+  std::optional<Dictionary> shown(const EventRecord& record) const {
+    return account().ledger().recordsAreWatched() ? std::optional(record.copy()) : std::nullopt;
   }
   std::optional<std::string> sendAtOnce(Leaving leaving, const Event& event, MessageFlag flag,
                                         bool flushFirst);
   // Holds the record; false, leaving it, where its method has reached the threshold. Where the
   // batch is full and may be posted, its records move to `displaced` first.
-  bool batchEvent(Dictionary& record, Leaving& displaced) REQUIRES(_lock);
+  bool batchEvent(EventRecord& record, Leaving& displaced) REQUIRES(_lock);
   // Posts the batch that is in the way of a record, which itself is lost with it.
-  std::optional<std::string> flushAtThreshold(Dictionary record);
+  std::optional<std::string> flushAtThreshold(EventRecord record);
   bool mayPostBatch() const REQUIRES(_lock) {
     return state() == BackendState::sending && !lacksUserInfo();
   }
   // Adds to the batch, which drops its oldest records where it is full.
-  void hold(Dictionary record, std::size_t bytes) REQUIRES(_lock);
+  void hold(EventRecord record, std::size_t bytes) REQUIRES(_lock);
   // Forgets the batch, having said what it dropped.
   void closeBatch() REQUIRES(_lock);
   // Moves the batch behind what is leaving, with the filtered user info added, or says why not.
@@ -149,7 +149,8 @@ class HTTPSPostBackend final : public CorvidBackend {
   ClientPolicy _policy GUARDED_BY(_lock);
   Reason _decidedReason GUARDED_BY(_lock) = Reason::notConfigured;
   std::optional<std::size_t> _entry GUARDED_BY(_lock);
-  KeysChanged _keysChanged GUARDED_BY(_lock);  // of the record made last
+  KeysChanged _keysChanged GUARDED_BY(_lock);                   // of the record made last
+  std::shared_ptr<const RecordFrame> _frame GUARDED_BY(_lock);  // of that one too
   // Absent between a flush and the next batched event.
   std::optional<HeldRecords> _batchedEvents GUARDED_BY(_lock);
   // How many events of each method the batch has got.

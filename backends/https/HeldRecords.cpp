@@ -6,7 +6,8 @@ namespace corvid {
 
 HeldRecords::~HeldRecords() { _account->dropHeld(takeEvents(), Reason::notFlushed); }
 
-void HeldRecords::add(Dictionary record, std::size_t bytes, const Making& making, EventMark event) {
+void HeldRecords::add(EventRecord record, std::size_t bytes, const Making& making,
+                      EventMark event) {
   while (overflowsWith(bytes)) dropOldest();
   (void)hasMemoryFor(_bytes + bytes);
   if (_records.empty()) {
@@ -21,7 +22,7 @@ void HeldRecords::add(Dictionary record, std::size_t bytes, const Making& making
 
 void HeldRecords::setForAll(const char* key, const Value& value) {
   _isUniform = false;
-  for (Held& held : _records) held.record.set(key, value);
+  for (Held& held : _records) held.record.whole().set(key, value);
 }
 
 void HeldRecords::addUserInfo(const Making& making) {
@@ -31,7 +32,7 @@ void HeldRecords::addUserInfo(const Making& making) {
   making.filters->apply(userInfo);
   const std::size_t growth = footprint(userInfo);
   while (_records.size() > 1 && _bytes + _records.size() * growth > messageByteLimit) dropOldest();
-  for (Held& held : _records) held.record.addEntriesFrom(userInfo);
+  for (Held& held : _records) held.record.whole().addEntriesFrom(userInfo);
 }
 
 void HeldRecords::dropOldest() {
@@ -41,7 +42,7 @@ void HeldRecords::dropOldest() {
   ++_dropped;
 }
 
-Shipment HeldRecords::takeInto(std::vector<Dictionary>& records) {
+Shipment HeldRecords::takeInto(std::vector<EventRecord>& records) {
   records.reserve(records.size() + _records.size());
   for (Held& held : _records) records.push_back(std::move(held.record));
   return _account->shipHeld(takeEvents());

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "backends/https/EventFilters.h"
+#include "backends/https/EventRecord.h"
 #include "base/Value.h"
 #include "platform/SharedBudget.h"
 #include "status/Ledger.h"
@@ -50,14 +51,14 @@ class HeldRecords {
   // Whether a single record is held without memory for it.
   bool exceedsMemory() const { return _bytes > _memory.amount(); }
   // `event` has been booked as held.
-  void add(Dictionary record, std::size_t bytes, const Making& making, EventMark event);
+  void add(EventRecord record, std::size_t bytes, const Making& making, EventMark event);
   void setForAll(const char* key, const Value& value);
   // Gives each record the user info, filtered, whose values win; a record that has just this one
   // already stays as it is. Where all would grow past `messageByteLimit` the oldest are dropped.
   void addUserInfo(const Making& making);
   void dropOldest();
   // Moves all behind `records`; their events are now on their way.
-  Shipment takeInto(std::vector<Dictionary>& records);
+  Shipment takeInto(std::vector<EventRecord>& records);
 
   // How many records were dropped so far.
   std::size_t dropped() const { return _dropped; }
@@ -66,7 +67,7 @@ class HeldRecords {
 
  private:
   struct Held {
-    Dictionary record;
+    EventRecord record;
     std::size_t bytes;
     EventMark event;
   };

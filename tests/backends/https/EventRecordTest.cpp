@@ -184,6 +184,21 @@ TEST_F(EventRecordTest, NumbersOfAnEventKeepTheirWholeRange) {
   EXPECT_EQ(*record.find("_status"), Value(65534));
 }
 
+TEST_F(EventRecordTest, EachRecordHasWhatHoldsAtItsTime) {
+  const auto backend = makeFor(openEntry());
+  const Dictionary first = recordOf(*backend, {{"open", 1}});
+  EXPECT_EQ(*first.find("_sessionID"), Value("TOP.OWN"));
+  platform.locale->offset = -12600;
+  EXPECT_EQ(*recordOf(*backend).find("_timezoneOffset"), Value(-12600));
+  backend->setCorrelatedSessionID("OTHER.OWN");
+  EXPECT_EQ(*recordOf(*backend).find("_sessionID"), Value("OTHER.OWN"));
+  backend->setUserInfoDict(shared(Dictionary{{"_clientName", "renamed"}}));
+  const Dictionary record = recordOf(*backend, {{"open", 1}});
+  EXPECT_EQ(*record.find("_clientName"), Value("renamed"));
+  EXPECT_FALSE(record.contains("_serviceName"));
+  EXPECT_EQ(*record.find("_eventNumber"), Value(4));
+}
+
 // Preparation
 
 TEST_F(EventRecordTest, UserInfoWinsOverEqualKeys) {

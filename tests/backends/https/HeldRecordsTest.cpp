@@ -23,8 +23,10 @@ using Numbers = std::vector<std::int64_t>;
 const HeldRecords::Making noUserInfo{nullptr, std::make_shared<const EventFilters>()};
 
 std::vector<Dictionary> takenFrom(HeldRecords& held) {
+  std::vector<EventRecord> taken;
+  held.takeInto(taken);
   std::vector<Dictionary> records;
-  held.takeInto(records);
+  for (const EventRecord& record : taken) records.push_back(record.copy());
   return records;
 }
 
@@ -197,7 +199,7 @@ TEST_F(HeldRecordsTest, WhatIsPushedOutAndWhatIsLeftBehindIsBooked) {
     held.dropOldest();
     EXPECT_EQ(dropped(Reason::overLimit), 1u);
     EXPECT_EQ(account->balance().held, 3u);
-    std::vector<Dictionary> records;
+    std::vector<EventRecord> records;
     const Shipment taken = held.takeInto(records);
     EXPECT_EQ(taken.size(), 3u);
     EXPECT_EQ(account->balance().underWay, 3u);
