@@ -90,6 +90,7 @@ AMQPPublisher::AMQPPublisher(AMQPAddress address, const Options& options)
       _options(options),
       _unconfirmed(options.patience, options.mostBytes),
       _stall(firstStall),
+      _backOff(firstBackOff),
       _expiry([this](const std::stop_token& stop) { expireAll(stop); }),
       _worker([this](const std::stop_token& stop) { run(stop); }) {}
 
@@ -131,7 +132,6 @@ void AMQPPublisher::expireAll(const std::stop_token& stop) {
 }
 
 void AMQPPublisher::run(const std::stop_token& stop) {
-  milliseconds backOff = firstBackOff;
   for (std::size_t node = 0; !stop.stop_requested(); node = (node + 1) % _address.nodes.size()) {
     const AMQPAddress::Node& named = _address.nodes[node];
     try {
@@ -140,12 +140,19 @@ void AMQPPublisher::run(const std::stop_token& stop) {
       if (!stop.stop_requested())
         logWarning("log: {}:{}: {}", named.host, named.port, error.what());
     }
-    const bool wasConnected = _isConnected.exchange(false);
+    _isConnected = false;
     _isBlocked = false;
-    if (wasConnected) backOff = firstBackOff;
-    if (!stop.stop_requested()) sleepFor(_wakeup, backOff);
-    backOff = std::min(2 * backOff, longestBackOff);
+    backOff(stop);
   }
+}
+
+void AMQPPublisher::backOff(const std::stop_token& stop) {
+  // Each message that is published wakes it, too.
+  const auto end = Unconfirmed::Clock::now() + _backOff;
+  for (auto now = Unconfirmed::Clock::now(); now < end && !stop.stop_requested();
+       now = Unconfirmed::Clock::now())
+    sleepFor(_wakeup, std::chrono::ceil<milliseconds>(end - now));
+  _backOff = std::min(2 * _backOff, longestBackOff);
 }
 
 void AMQPPublisher::connectTo(const AMQPAddress::Node& node, const std::stop_token& stop) {
@@ -216,13 +223,12 @@ void AMQPPublisher::take(AMQPConnection& connection, const amqp_frame_t& frame) 
       _unconfirmed.confirm(ack.delivery_tag, ack.multiple != 0, Published::stored);
       _confirmed = Unconfirmed::Clock::now();
       _stall = firstStall;
+      _backOff = firstBackOff;
       return;
     }
-    case AMQP_BASIC_NACK_METHOD: {
-      const auto& nack = *static_cast<const amqp_basic_nack_t*>(method.decoded);
-      _unconfirmed.sendAgain(nack.delivery_tag, nack.multiple != 0);
-      return;
-    }
+    // A channel whose first message of a stream came while the node still took a dead one for the
+    // leader refuses every one that follows; only another channel asks anew who leads.
+    case AMQP_BASIC_NACK_METHOD: throw std::runtime_error("the node takes no messages");
     case AMQP_BASIC_RETURN_METHOD: _hasReturned = true; return skipReturned(connection);
     case AMQP_CONNECTION_BLOCKED_METHOD: _isBlocked = true; return;
     case AMQP_CONNECTION_UNBLOCKED_METHOD: _isBlocked = false; return;

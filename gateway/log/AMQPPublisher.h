@@ -39,6 +39,7 @@ class AMQPPublisher final : public LogPublisher {
  private:
   class Shown;
   void run(const std::stop_token& stop);
+  void backOff(const std::stop_token& stop);
   void connectTo(const AMQPAddress::Node& node, const std::stop_token& stop);
   void show(int socket) EXCLUDES(_socketMutex);
   void expireAll(const std::stop_token& stop);
@@ -61,6 +62,7 @@ class AMQPPublisher final : public LogPublisher {
   std::atomic<bool> _isBlocked{false};        // the node takes nothing: it lacks memory or disk
   Unconfirmed::Clock::time_point _confirmed;  // when the last confirmation came
   std::chrono::seconds _stall;                // without one, until another node is tried
+  std::chrono::milliseconds _backOff;         // before the next connection
   bool _hasReturned = false;  // the next confirmation is of a message that no queue took
 
   Mutex _socketMutex;

@@ -90,11 +90,6 @@ void Unconfirmed::confirm(std::uint64_t number, bool withEarlier, Published outc
   tell(answers);
 }
 
-void Unconfirmed::sendAgain(std::uint64_t number, bool withEarlier) {
-  const MutexLock lock(_mutex);
-  for (const Key key : takeSent(number, withEarlier)) _unsent.push_back(key);
-}
-
 Unconfirmed::Clock::time_point Unconfirmed::expire(Clock::time_point now) {
   std::vector<Answer> answers;
   Clock::time_point next = Clock::time_point::max();

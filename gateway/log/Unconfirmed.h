@@ -40,8 +40,6 @@ class Unconfirmed {
   void beginConnection() EXCLUDES(_mutex);
   // The `number`th that was sent, from 1, or all up to it.
   void confirm(std::uint64_t number, bool withEarlier, Published outcome) EXCLUDES(_mutex);
-  // As if they were added last and not sent.
-  void sendAgain(std::uint64_t number, bool withEarlier) EXCLUDES(_mutex);
 
   // Completes what is over its deadline. Gives the time of the next one.
   Clock::time_point expire(Clock::time_point now) EXCLUDES(_mutex);

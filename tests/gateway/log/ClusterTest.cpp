@@ -1,5 +1,7 @@
 // Publisher and reader before RabbitMQ's three real nodes.
+#include <algorithm>
 #include <atomic>
+#include <mutex>
 
 #include "gateway/log/AMQPPublisher.h"
 #include "gateway/log/AMQPReader.h"
@@ -99,6 +101,39 @@ TEST_F(ClusterTest, WithoutAMajorityNothingIsStoredAndTheDeadlineHolds) {
         return waitUntil([&] { return isAnswered.load(); }, 6s) && stored > 0;
       },
       60s));
+}
+
+// The last case: it leaves two nodes.
+TEST_F(ClusterTest, WhatWasStoredOutlivesItsLeaderAndPublishingGoesOn) {
+  // A node that stood still may have left the others for a while.
+  ASSERT_TRUE(_cluster->awaitAll(60s));
+  const auto publisher = makeLog(_cluster->url());
+  store(*publisher, 1);
+  std::atomic<std::size_t> answered{1};
+  std::mutex mutex;
+  std::set<std::string> stored{"id-0"};
+  const auto leader = _cluster->leaderOf(stream());
+  ASSERT_TRUE(leader);
+  std::size_t number = 1;
+  const auto publishSome = [&] {
+    for (const std::size_t end = number + 200; number < end; ++number)
+      publisher->publish(message(number), [&, id = message(number).id](Published outcome) {
+        const std::lock_guard lock(mutex);
+        if (outcome == Published::stored) stored.insert(id);
+        ++answered;
+      });
+  };
+  publishSome();
+  _cluster->kill(*leader);
+  publishSome();
+  ASSERT_TRUE(waitUntil([&] { return answered == number; }, 40s));
+  EXPECT_EQ(stored.size(), number);
+  const auto reader = makeLogReader(_cluster->url(), {stream()});
+  std::set<std::string> found;
+  EXPECT_TRUE(waitUntil([&] {
+    for (const LoggedMessage& one : reader->read(1000, 100ms)) found.insert(one.message.id);
+    return std::ranges::includes(found, stored);
+  }));
 }
 
 }  // namespace

@@ -48,16 +48,6 @@ TEST_F(UnconfirmedTest, IsSentAgainOnTheNextConnectionInItsOrder) {
   EXPECT_THAT(_stored, ElementsAre("b", "c"));
 }
 
-TEST_F(UnconfirmedTest, IsSentAgainBehindTheOthersWhereANodeDidNotTakeIt) {
-  for (const char* const id : {"a", "b"}) add(id);
-  EXPECT_EQ(sent(), "ab");
-  _messages.sendAgain(1, false);
-  add("c");
-  EXPECT_EQ(sent(), "ac");
-  _messages.confirm(4, true, Published::stored);
-  EXPECT_THAT(_stored, ElementsAre("b", "a", "c"));
-}
-
 TEST_F(UnconfirmedTest, IsUnansweredOncePastItsDeadlineWhateverComesLater) {
   add("a");
   EXPECT_EQ(sent(), "a");
