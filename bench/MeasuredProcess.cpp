@@ -28,20 +28,20 @@ double inMB(std::size_t bytes) { return static_cast<double>(bytes) / (1 << 20); 
 
 }  // namespace
 
+std::chrono::nanoseconds cpuTimeOf(pid_t process) {
+  clockid_t clock{};
+  timespec time{};
+  if (clock_getcpuclockid(process, &clock) != 0 || clock_gettime(clock, &time) != 0)
+    throw std::runtime_error("the process has ended");
+  return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+}
+
 MeasuredProcess::MeasuredProcess(const std::vector<std::string>& command, const std::string& log)
     : _started(std::chrono::steady_clock::now()), _process(start(command, log)) {}
 
 MeasuredProcess::~MeasuredProcess() {
   _process.signal(SIGTERM);
   (void)_process.waitForExit(std::chrono::seconds(30));
-}
-
-std::chrono::nanoseconds MeasuredProcess::cpuTime() const {
-  clockid_t clock{};
-  timespec time{};
-  if (clock_getcpuclockid(pid(), &clock) != 0 || clock_gettime(clock, &time) != 0)
-    throw std::runtime_error("the process has ended");
-  return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
 }
 
 std::size_t MeasuredProcess::sleeps() const {

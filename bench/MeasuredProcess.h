@@ -14,6 +14,9 @@ struct Memory {
   double proportionalMB = 0;
 };
 
+// User and system time of a process so far, all threads; std::runtime_error where it has ended.
+std::chrono::nanoseconds cpuTimeOf(pid_t process);
+
 // Ends its process (SIGTERM, then SIGKILL) when it goes. One thread.
 class MeasuredProcess {
  public:
@@ -24,8 +27,7 @@ class MeasuredProcess {
   pid_t pid() const { return _process.pid(); }
   bool isRunning() { return _process.isRunning(); }
   std::chrono::steady_clock::time_point started() const { return _started; }
-  // User and system time of the process so far, all threads.
-  std::chrono::nanoseconds cpuTime() const;
+  std::chrono::nanoseconds cpuTime() const { return cpuTimeOf(pid()); }
   // How often its threads, those that run now, have gone to sleep.
   std::size_t sleeps() const;
   Memory memory() const;

@@ -3,10 +3,7 @@
 // The program under test stands before a log that takes everything at once, so that what is
 // measured is the gateway's own. Beside it, on the same bytes, what the parts cost alone.
 #include <fmt/format.h>
-#include <rapidjson/memorystream.h>
-#include <rapidjson/reader.h>
 #include <sys/resource.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,12 +14,10 @@
 #include <vector>
 
 #include "base/Reading.h"
+#include "bench/GatewayParts.h"
 #include "bench/GatewayPosts.h"
 #include "bench/MeasuredProcess.h"
 #include "bench/Program.h"
-#include "gateway/body/Digest.h"
-#include "gateway/body/Gunzip.h"
-#include "gateway/body/JSONCheck.h"
 #include "tests/support/Scratch.h"
 #include "tests/support/Waiting.h"
 
@@ -83,17 +78,6 @@ struct Served {
   const std::uint16_t port;
 };
 
-// Of this thread: other programs may want the processors too.
-std::chrono::nanoseconds threadTime() {
-  timespec time{};
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
-  return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
-}
-
-double inMicros(std::chrono::nanoseconds time) {
-  return std::chrono::duration<double, std::micro>(time).count();
-}
-
 void measurePosts(const std::string& folder, const Setup& setup, int events) {
   const auto posts = makeFleetPosts(256, events);
   Served served(folder, fmt::format("posts{}", events), setup.threads);
@@ -112,49 +96,6 @@ void measurePosts(const std::string& folder, const Setup& setup, int events) {
       "{} connections; answer after {:.0f} us (median), {:.0f} (99 of 100)\n",
       events, posts[0].body.size(), posts[0].packed.size(), micros / count / events, micros / count,
       count / posting.seconds, setup.connections, middle, *late);
-}
-
-template <class Work>
-void measureAlone(std::string_view name, const std::vector<FleetPost>& posts, int events,
-                  Work work) {
-  std::vector<double> rounds;
-  for (int round = 0; round < 7; ++round) {
-    const auto start = threadTime();
-    for (const FleetPost& post : posts) work(post);
-    rounds.push_back(inMicros(threadTime() - start) / static_cast<double>(posts.size()));
-  }
-  const double micros = median(rounds);
-  fmt::print("    {:<10} alone: {:7.2f} us an event, {:8.1f} a post\n", name, micros / events,
-             micros);
-}
-
-void measureParts(int events) {
-  const auto posts = makeFleetPosts(256, events);
-  std::string room(posts[0].body.size() * 2, '\0');
-  fleet::Gunzip gunzip;
-  measureAlone("inflate", posts, events, [&](const FleetPost& post) {
-    gunzip.reset();
-    std::string_view packed = post.packed;
-    if (gunzip.unpack(packed, room) != post.body.size()) throw std::runtime_error("not unpacked");
-  });
-  measureAlone("JSON check", posts, events, [&](const FleetPost& post) {
-    fleet::JSONCheck check;
-    if (check.advance(post.body, true)) throw std::runtime_error("not taken");
-  });
-  // What a reader from a library takes that checks less: for comparison.
-  measureAlone("RapidJSON", posts, events, [&](const FleetPost& post) {
-    using namespace rapidjson;
-    MemoryStream stream(post.body.data(), post.body.size());
-    BaseReaderHandler<UTF8<>> nothing;
-    Reader reader;
-    constexpr unsigned flags = kParseValidateEncodingFlag | kParseNumbersAsStringsFlag;
-    if (!reader.Parse<flags>(stream, nothing)) throw std::runtime_error("not read");
-  });
-  measureAlone("SHA-256", posts, events, [&](const FleetPost& post) {
-    fleet::Digest digest;
-    digest.add(post.body);
-    if (digest.hexadecimal().size() != 64) throw std::runtime_error("not digested");
-  });
 }
 
 void measureIdle(const std::string& folder, const Setup& setup) {
@@ -204,7 +145,7 @@ int main(int argc, char** argv) {
                   [&](const std::string& folder) {
                     for (const int events : {usualBatch, 1}) {
                       measurePosts(folder, setup, events);
-                      measureParts(events);
+                      measureGatewayParts(events);
                     }
                     measureIdle(folder, setup);
                   }},

@@ -43,20 +43,37 @@ bool Device::happens(std::int64_t ofAHundred) {
   return static_cast<std::int64_t>(_random() % 100) < ofAHundred;
 }
 
-void Device::start(microseconds spread) {
-  sleep(microseconds(_random() % static_cast<std::uint64_t>(spread.count() + 1)));
+microseconds Device::within(microseconds time) {
+  return microseconds(_random() % static_cast<std::uint64_t>(time.count() + 1));
 }
 
-void Device::sleep(microseconds time) {
-  _timer.expires_at(std::min(Steady::now() + time, _run.end));
-  _timer.async_wait([self = shared_from_this()](const auto&) { self->beginPost(); });
+microseconds Device::meanPause() const {
+  const FleetSetup& setup = _run.setup;
+  return microseconds(setup.rate == 0 ? 0 : setup.devices * 1'000'000 / setup.rate);
+}
+
+template <class Then>
+void Device::sleepUntil(Steady::time_point time, Then then) {
+  _timer.expires_at(std::min(time, _run.end));
+  _timer.async_wait([self = shared_from_this(), then](const auto&) { (self.get()->*then)(); });
+}
+
+void Device::start() {
+  const auto before = std::chrono::duration_cast<microseconds>(_run.start - Steady::now());
+  sleepUntil(_run.start - within(before), &Device::connectEarly);
+}
+
+void Device::connectEarly() {
+  _connection.open(patience, [self = shared_from_this()](auto error) {
+    if (error) self->_connection.close();
+    self->sleepUntil(self->_run.start + self->within(self->meanPause()), &Device::beginPost);
+  });
 }
 
 void Device::pause() {
-  if (_run.setup.rate == 0) return beginPost();
-  const std::int64_t mean = _run.setup.devices * 1'000'000 / _run.setup.rate;
-  sleep(microseconds(mean / 2 +
-                     static_cast<std::int64_t>(_random() % static_cast<std::uint64_t>(mean + 1))));
+  const microseconds mean = meanPause();
+  if (mean.count() == 0) return beginPost();
+  sleepUntil(Steady::now() + mean / 2 + within(mean), &Device::beginPost);
 }
 
 void Device::beginPost() {
@@ -137,7 +154,7 @@ void Device::failed(DeviceConnection::Error error) {
   // The collector may have closed a connection on which nothing happened, as HTTP clients know.
   if (_isReused) return attempt();
   if (!_isAgain) _run.tally.failed({_number, _post.first}, error.message());
-  sleep(afterFailure);
+  sleepUntil(Steady::now() + afterFailure, &Device::beginPost);
 }
 
 }  // namespace corvid::bench

@@ -18,8 +18,8 @@ class Device : public std::enable_shared_from_this<Device> {
   // `finished` is called when it has ended.
   Device(FleetRun& run, std::size_t number, std::function<void()> finished);
 
-  // Its first post begins at some moment within `spread`.
-  void start(std::chrono::microseconds spread);
+  // Connects at some moment before `run.start`, and posts from then on.
+  void start();
   // The load is over: sleeps no longer.
   void wake() { _timer.cancel(); }
 
@@ -27,7 +27,11 @@ class Device : public std::enable_shared_from_this<Device> {
   enum class Cut { no, insideTheBody, beforeTheAnswer };
 
   bool happens(std::int64_t ofAHundred);
-  void sleep(std::chrono::microseconds time);
+  std::chrono::microseconds within(std::chrono::microseconds time);  // some moment of it
+  std::chrono::microseconds meanPause() const;
+  template <class Then>
+  void sleepUntil(Steady::time_point time, Then then);
+  void connectEarly();
   void pause();  // until its next post
   void beginPost();
   void attempt();

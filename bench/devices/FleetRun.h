@@ -23,7 +23,7 @@ struct FleetRun {
   std::string authority, host, target;  // "HOST:PORT", "HOST", "/PATH"
   bool usesTLS = false;
   Tally tally;
-  Steady::time_point end;  // no post begins later
+  Steady::time_point start, end;  // no post begins before, or later
 
   bool isOver() const { return Steady::now() >= end; }
 };

@@ -2,7 +2,6 @@
 
 #include <sys/resource.h>
 
-#include <algorithm>
 #include <boost/asio/signal_set.hpp>
 #include <csignal>
 #include <memory>
@@ -51,13 +50,8 @@ void takeAuthorities(FleetRun& run) {
   SSL_CTX_set_mode(run.tls.native_handle(), SSL_MODE_RELEASE_BUFFERS);
 }
 
-// As long as the mean time between a device's posts, and for handshakes long enough.
-std::chrono::microseconds spreadOf(const FleetSetup& setup) {
-  const std::int64_t handshakes = setup.devices * 1000;
-  const std::int64_t mean = setup.rate == 0 ? 0 : setup.devices * 1'000'000 / setup.rate;
-  return std::chrono::microseconds(
-      std::min(std::max(handshakes, mean), setup.seconds * 1'000'000 / 2));
-}
+// For one connection after the other, with a handshake each.
+constexpr std::chrono::milliseconds timeToConnect{1};
 
 }  // namespace
 
@@ -70,8 +64,8 @@ Tally runLoad(const FleetSetup& setup) {
   run.tally.run = DevicePosts::newRun();
   run.tally.eventsEach = static_cast<int>(setup.events);
 
-  const auto start = Steady::now();
-  run.end = start + std::chrono::seconds(setup.seconds);
+  run.start = Steady::now() + setup.devices * timeToConnect;
+  run.end = run.start + std::chrono::seconds(setup.seconds);
   asio::signal_set signals(run.loop, SIGINT, SIGTERM);
   std::vector<std::shared_ptr<Device>> devices;
   std::size_t posting = static_cast<std::size_t>(setup.devices);
@@ -84,10 +78,10 @@ Tally runLoad(const FleetSetup& setup) {
     devices.push_back(std::make_shared<Device>(run, i, [&] {
       if (--posting == 0) signals.cancel();
     }));
-    devices.back()->start(spreadOf(setup));
+    devices.back()->start();
   }
   run.loop.run();
-  run.tally.seconds = std::chrono::duration<double>(Steady::now() - start).count();
+  run.tally.seconds = std::chrono::duration<double>(Steady::now() - run.start).count();
   return std::move(run.tally);
 }
 

@@ -51,7 +51,7 @@ bool LogCluster::awaitAll(std::chrono::seconds limit) {
   return waitUntil(
       [this] {
         for (std::size_t node = 0; node < size; ++node)
-          if (!serves(node)) return false;
+          if (_nodes[node] && !serves(node)) return false;
         return true;
       },
       limit, std::chrono::milliseconds(50));
@@ -73,6 +73,7 @@ bool LogCluster::repair() {
 std::chrono::nanoseconds LogCluster::cpuTime() const {
   std::chrono::nanoseconds sum{};
   for (const auto& node : _nodes) {
+    if (!node) continue;
     // Behind the name, which may hold anything, the times are the 12th and 13th field.
     std::ifstream file(fmt::format("/proc/{}/stat", node->pid()));
     std::string text;
@@ -89,7 +90,7 @@ std::chrono::nanoseconds LogCluster::cpuTime() const {
 
 std::size_t LogCluster::residentBytes() const {
   std::size_t sum = 0;
-  for (const auto& node : _nodes) sum += node->memory("VmRSS:");
+  for (const auto& node : _nodes) sum += node ? node->memory("VmRSS:") : 0;
   return sum;
 }
 

@@ -43,7 +43,7 @@ class LogCluster {
   void freeze(std::size_t node) { _nodes[node]->freeze(); }
   void thaw(std::size_t node) { _nodes[node]->signal(SIGCONT); }
   bool isRunning(std::size_t node) { return _nodes[node] && _nodes[node]->isRunning(); }
-  // False where one does not serve in time.
+  // False where one that was started does not serve in time.
   [[nodiscard]] bool awaitAll(std::chrono::seconds limit);
   // Starts those that do not serve once more, as an operator would; false where that does not help.
   [[nodiscard]] bool repair();

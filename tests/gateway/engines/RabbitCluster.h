@@ -11,8 +11,8 @@ namespace corvid::fleet {
 // (epmd), a cookie and a home of their own. Streams are quorum queues.
 class RabbitCluster final : public LogCluster {
  public:
-  // Starts the nodes; use awaitAll().
-  explicit RabbitCluster(Disks disks = Disks::shared);
+  // Starts the nodes, all or the first ones; use awaitAll().
+  explicit RabbitCluster(Disks disks = Disks::shared, std::size_t nodes = size);
   ~RabbitCluster() override;
 
   std::string url() const override;
@@ -24,6 +24,7 @@ class RabbitCluster final : public LogCluster {
   // Answers of a running node to a call of a function, `call`: "module function [arguments]".
   std::optional<std::string> ask(std::size_t node, const std::string& call) const;
 
+  const std::size_t _count;
   const std::vector<std::uint16_t> _ports;  // clients' of each node, between nodes, the register's
   const ChildProcess _register;
 };

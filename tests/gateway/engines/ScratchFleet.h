@@ -37,6 +37,7 @@ class ScratchFleet {
   [[nodiscard]] bool stop();
 
   ScratchNginx& nginx() { return *_nginx; }
+  const ScratchNginx& nginx() const { return *_nginx; }
   ScratchPostgres& postgres() { return _postgres; }
   Service& gateway(std::size_t number) { return _gateways.at(number); }
   Service& loader(std::size_t number) { return _loaders.at(number); }

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <fstream>
 #include <stdexcept>
 #include <string_view>
 
@@ -78,6 +79,13 @@ ScratchNginx::~ScratchNginx() {
 
 std::string ScratchNginx::url(const std::string& path) const {
   return fmt::format("https://localhost:{}{}", _port, path);
+}
+
+std::vector<pid_t> ScratchNginx::processes() const {
+  std::vector<pid_t> all{_process->pid()};
+  std::ifstream children(fmt::format("/proc/{0}/task/{0}/children", _process->pid()));
+  for (pid_t child = 0; children >> child;) all.push_back(child);
+  return all;
 }
 
 std::string ScratchNginx::lastWords() const {

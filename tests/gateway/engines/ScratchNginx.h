@@ -36,6 +36,8 @@ class ScratchNginx {
   // once.
   void reload() { _process->signal(SIGHUP); }
   bool isRunning() { return _process->isRunning(); }
+  // The master and its workers.
+  std::vector<pid_t> processes() const;
   // The last lines that it wrote, for messages of what went wrong.
   std::string lastWords() const;
 
