@@ -11,6 +11,7 @@
 
 #include "base/KeyedHash.h"
 #include "base/Mutex.h"
+#include "gateway/Budget.h"
 #include "gateway/Rule.h"
 #include "gateway/Settings.h"
 
@@ -31,6 +32,8 @@ class Client {
   // What a request took. More than there is left stands against the next request.
   void spend(const Settings& settings, Time now, std::size_t bytes, std::chrono::nanoseconds worked)
       EXCLUDES(_mutex);
+  // What its requests have of the budget.
+  Budget::Share& memory() { return _memory; }
   // Whether nothing would be lost if it were forgotten.
   bool isRested(Time now) EXCLUDES(_mutex);
 
@@ -40,6 +43,7 @@ class Client {
 
   void pay(Kind kind, Time now, double amount, std::size_t rate) REQUIRES(_mutex);
 
+  Budget::Share _memory;
   Mutex _mutex;
   std::size_t _connections GUARDED_BY(_mutex) = 0;
   std::size_t _exchanges GUARDED_BY(_mutex) = 0;

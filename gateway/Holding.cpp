@@ -5,7 +5,8 @@
 namespace corvid::fleet {
 
 void Holding::hold(LogMessage message, Budget::Charge charge, Time deadline, Done done) {
-  if (!charge.raiseTo(charge.bytes() + message.body.size())) return done(Rule::memoryFull);
+  if (!charge.raiseTo(charge.bytes() + message.body.size()))
+    return done(charge.isBeyondShare() ? Rule::clientMemory : Rule::memoryFull);
   const std::uint64_t number = ++_last;
   Held& held =
       _held.emplace(number, Held{std::move(message), std::move(charge), deadline, std::move(done)})

@@ -37,7 +37,8 @@ class Holding {
   Holding& operator=(const Holding&) = delete;
 
   // `done` hears once what became of it: nothing, logRefused, logUnanswered at `deadline`, or
-  // memoryFull at once where the charge cannot be raised for the copy that the log has.
+  // memoryFull or clientMemory at once where the charge cannot be raised for the copy that the log
+  // has.
   void hold(LogMessage message, Budget::Charge charge, Time deadline, Done done);
   // Publishes what waits, and gives up what has waited too long. To be called often.
   void look(Time now);

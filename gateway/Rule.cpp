@@ -44,6 +44,7 @@ constexpr std::array<RuleText, ruleCount> texts{{
     {Rule::clientRequests, 429, "clientRequests", "too many requests of this client"},
     {Rule::clientBytes, 429, "clientBytes", "too many bytes of this client"},
     {Rule::clientTime, 429, "clientTime", "the requests of this client take too much time"},
+    {Rule::clientMemory, 429, "clientMemory", "the requests of this client take too much memory"},
     {Rule::logRefused, 422, "logRefused", "the log does not take this message"},
     {Rule::logUnanswered, 0, "logUnanswered", "the log does not answer"},
     {Rule::memoryFull, 0, "memoryFull", "too many requests are under way"},

@@ -45,6 +45,7 @@ enum class Rule : std::uint8_t {
   clientRequests,
   clientBytes,
   clientTime,
+  clientMemory,
   logRefused,
   // The gateway's own: failed.
   logUnanswered,

@@ -25,7 +25,7 @@ struct Settings {
   std::size_t clientTime = 250;
 
   // How long a connection may be idle, a head and a body take; a body has a second more for each
-  // `bodyRate` bytes that have come of it.
+  // `bodyRate` bytes that have come of it, and no pause of more than `bodyTime`.
   std::chrono::milliseconds idleTime = std::chrono::seconds(75);
   std::chrono::milliseconds headTime = std::chrono::seconds(10);
   std::chrono::milliseconds bodyTime = std::chrono::seconds(20);

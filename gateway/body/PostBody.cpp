@@ -20,7 +20,7 @@ PostBody::PostBody(Request request, Gunzips& gunzips, Budget& budget, Holding& h
     : _request(std::move(request)),
       _gunzips(gunzips),
       _holding(holding),
-      _charge(budget),
+      _charge(budget, _request.share),
       _gunzip(nullptr, {&gunzips}) {
   if (_request.kind == Kind::events) _json.emplace();
 }
@@ -29,14 +29,14 @@ Exchange::Wish PostBody::take(std::string_view piece) {
   _sent += piece.size();
   if (_sent > limits::sentBytes) return refuse(Rule::sentTooLarge, bytes(limits::sentBytes));
   if (_request.isGzip) {
-    if (!_gunzip && !beginUnpacking()) return refuse(Rule::memoryFull);
+    if (!_gunzip && !beginUnpacking()) return refuseForMemory();
     const Wish wish = unpack(piece);
     if (wish == Wish::again) _packed = piece;
     return wish;
   }
   const std::size_t checked = _body.size();
   if (!makeRoom(std::max(checked + piece.size(), std::min(_request.length, turnBytes))))
-    return refuse(Rule::memoryFull);
+    return refuseForMemory();
   _body += piece;
   return check(checked, false);
 }
@@ -65,7 +65,7 @@ Exchange::Wish PostBody::unpack(std::string_view& packed) {
     const std::size_t checked = _body.size();
     const std::size_t room =
         std::clamp((std::max(packed.size(), _request.length) * usualRatio), leastRoom, turn);
-    if (!makeRoom(checked + room)) return refuse(Rule::memoryFull);
+    if (!makeRoom(checked + room)) return refuseForMemory();
     _body.resize(checked + room);
     const std::size_t made = _gunzip->unpack(packed, std::span(_body).subspan(checked));
     _body.resize(checked + made);
@@ -85,7 +85,7 @@ Exchange::Wish PostBody::check(std::size_t checked, bool isWhole) {
   if (!_json) return Wish::more;
   if (const auto refusal = _json->advance(_body, isWhole))
     return refuse(refusal->rule, refusal->detail);
-  return charge(_body.capacity()) ? Wish::more : refuse(Rule::memoryFull);
+  return charge(_body.capacity()) ? Wish::more : refuseForMemory();
 }
 
 // Ahead of the growth, which doubles what there is.

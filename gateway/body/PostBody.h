@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -33,6 +34,7 @@ class PostBody final : public Exchange {
     Headers headers;
     std::string client;
     std::chrono::steady_clock::duration hold;  // how long it may wait for the log
+    std::shared_ptr<Budget::Share> share{};    // of the client; none: whatever there is
   };
 
   // All are borrowed, but the request.
@@ -50,6 +52,9 @@ class PostBody final : public Exchange {
   static constexpr std::size_t gunzipBytes = std::size_t{48} << 10;
 
   bool beginUnpacking();
+  Wish refuseForMemory() {
+    return refuse(_charge.isBeyondShare() ? Rule::clientMemory : Rule::memoryFull);
+  }
   Wish unpack(std::string_view& packed);
   // Takes what stands behind the first `checked` bytes of the body.
   Wish check(std::size_t checked, bool isWhole);

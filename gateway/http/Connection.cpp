@@ -150,13 +150,17 @@ bool Connection::begin() {
     refuse(*rule);
     return false;
   }
-  if (_worker.shared().budget.isTight()) {
+  if (mustWaitOutside()) {
     _phase = Phase::parked;
     _deadline = Clock::now() + _worker.shared().hold;
     return false;
   }
   beginBody(_worker.shared().hold);
   return true;
+}
+
+bool Connection::mustWaitOutside() const {
+  return _worker.shared().budget.isTight(_client->memory().used() == 0);
 }
 
 // To the client's share.
@@ -176,13 +180,15 @@ std::optional<Rule> Connection::admit() {
 
 void Connection::beginBody(Time::duration hold) {
   _phase = Phase::body;
-  _deadline = Clock::now() + _worker.inForce().settings.bodyTime;
+  _heard = Clock::now();
+  _deadline = _heard + _worker.inForce().settings.bodyTime;
   RequestHead& head = _parser->head();
   if (head.expectsContinue) _transport.write(goAhead);
-  _exchange = exchangeFor(std::move(head), _route, _worker, hold, [weak = weak_from_this()] {
-    const auto self = weak.lock();
-    if (self && self->_phase == Phase::paused) self->goOn();
-  });
+  _exchange = exchangeFor(std::move(head), _route, _worker, hold, {_client, &_client->memory()},
+                          [weak = weak_from_this()] {
+                            const auto self = weak.lock();
+                            if (self && self->_phase == Phase::paused) self->goOn();
+                          });
 }
 
 void Connection::continueBody(std::string_view input) {
@@ -208,6 +214,7 @@ void Connection::follow(Exchange::Wish wish) {
     case Exchange::Wish::more: break;
   }
   _phase = Phase::body;
+  _heard = Clock::now();
   if (_parser->isWhole()) return finish();
   _transport.hasBuffered() ? read() : waitForReadable();
 }
@@ -312,7 +319,7 @@ void Connection::close() {
 
 void Connection::look(Time now) {
   const auto self = shared_from_this();
-  if (_phase == Phase::parked && !_worker.shared().budget.isTight()) {
+  if (_phase == Phase::parked && !mustWaitOutside()) {
     beginBody(std::max(_deadline - now, Time::duration::zero()));
     return feed({});
   }
@@ -332,7 +339,9 @@ void Connection::look(Time now) {
 }
 
 bool Connection::bodyIsLate(Time now) const {
-  return now >= _deadline + std::chrono::seconds(_bytes / _worker.inForce().settings.bodyRate);
+  const Settings& settings = _worker.inForce().settings;
+  return now >= _deadline + std::chrono::seconds(_bytes / settings.bodyRate) ||
+         now >= _heard + settings.bodyTime;
 }
 
 }  // namespace corvid::fleet

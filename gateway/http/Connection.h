@@ -62,6 +62,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // `hold`: how long it may wait for the log; what it waited for room is taken off.
   void beginBody(Time::duration hold);
   std::optional<Rule> admit();
+  bool mustWaitOutside() const;
   void continueBody(std::string_view input);
   void follow(Exchange::Wish wish);
   void goOn();
@@ -84,6 +85,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   Phase _phase = Phase::head;
   Time _deadline{};
+  Time _heard{};  // of a body, last
   bool _isWaiting = false;
   bool _closes = false;
   std::string _pending;  // read and not taken yet

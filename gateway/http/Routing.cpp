@@ -31,7 +31,8 @@ std::string receivedNow() {
 }
 
 std::unique_ptr<Exchange> postBody(RequestHead head, Route route, Worker& worker,
-                                   std::chrono::steady_clock::duration hold) {
+                                   std::chrono::steady_clock::duration hold,
+                                   std::shared_ptr<Budget::Share> share) {
   PostBody::Headers headers{{"received", receivedNow()},
                             {"route", std::string(routeWords[static_cast<std::size_t>(route)])}};
   // A body holds no zero byte, so that nothing in it is taken for these.
@@ -49,7 +50,8 @@ std::unique_ptr<Exchange> postBody(RequestHead head, Route route, Worker& worker
           .length = head.length.value_or(0),
           .headers = std::move(headers),
           .client = std::move(client),
-          .hold = hold},
+          .hold = hold,
+          .share = std::move(share)},
       worker.gunzips(), worker.shared().budget, worker.holding());
 }
 
@@ -79,14 +81,17 @@ std::optional<Rule> faultOf(const RequestHead& head, Route route, const Shared& 
 
 std::unique_ptr<Exchange> exchangeFor(RequestHead head, Route route, Worker& worker,
                                       std::chrono::steady_clock::duration hold,
+                                      std::shared_ptr<Budget::Share> share,
                                       std::function<void()> goOn) {
-  if (route != Route::uploads) return postBody(std::move(head), route, worker, hold);
+  if (route != Route::uploads)
+    return postBody(std::move(head), route, worker, hold, std::move(share));
   Shared& shared = worker.shared();
   return std::make_unique<UploadBody>(
       UploadBody::Request{.query = *UploadQuery::parse(head.query()),
                           .length = head.length.value_or(0),
                           .freeSpace = worker.inForce().settings.freeSpace,
-                          .goOn = std::move(goOn)},
+                          .goOn = std::move(goOn),
+                          .share = std::move(share)},
       *shared.uploads, shared.disk, shared.budget, worker.mailbox());
 }
 

@@ -22,7 +22,7 @@ double secondsSince1970() {
 UploadBody::UploadBody(Request request, UploadStore& store, DiskThread& disk, Budget& budget,
                        std::shared_ptr<Mailbox> mailbox)
     : _goOn(std::move(request.goOn)),
-      _charge(budget),
+      _charge(budget, std::move(request.share)),
       _disk(disk),
       _mailbox(std::move(mailbox)),
       _work(std::make_shared<Work>(
@@ -32,7 +32,8 @@ Exchange::Wish UploadBody::take(std::string_view piece) {
   _sent += piece.size();
   if (_sent > limits::sentFileBytes) return fault(Rule::sentTooLarge);
   // What is collected, what the disk has, and what unpacking takes.
-  if (!_charge.raiseTo(3 * pieceBytes)) return fault(Rule::memoryFull);
+  if (!_charge.raiseTo(3 * pieceBytes))
+    return fault(_charge.isBeyondShare() ? Rule::clientMemory : Rule::memoryFull);
   _collected += piece;
   return work();
 }

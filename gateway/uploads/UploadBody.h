@@ -24,6 +24,7 @@ class UploadBody final : public Exchange {
     std::size_t freeSpace = 0;  // to be left on the disk
     // Called on the mailbox's thread where a pause is over.
     std::function<void()> goOn;
+    std::shared_ptr<Budget::Share> share{};  // of the client; none: whatever there is
   };
 
   // All are borrowed, but the request.

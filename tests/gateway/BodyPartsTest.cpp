@@ -85,12 +85,34 @@ TEST(BudgetTest, GivesNoMoreThanThereIsAndTakesBackWhatGoes) {
     EXPECT_TRUE(other.raiseTo(40));
     EXPECT_TRUE(other.raiseTo(10)) << "has more already";
     EXPECT_EQ(budget.used(), 100u);
-    EXPECT_TRUE(budget.isTight());
+    EXPECT_TRUE(budget.isTight(true));
   }
   EXPECT_EQ(budget.used(), 60u);
-  EXPECT_FALSE(budget.isTight());
+  EXPECT_FALSE(budget.isTight(false));
   const Budget::Charge moved(std::move(one));
   EXPECT_EQ(budget.used(), 60u);
+}
+
+TEST(BudgetTest, AClientLeavesAThirdOfWhatIsThereToOthers) {
+  Budget budget(90);
+  const auto one = std::make_shared<Budget::Share>();
+  Budget::Charge first(budget, one);
+  Budget::Charge second(budget, one);
+  EXPECT_TRUE(first.raiseTo(50));
+  EXPECT_FALSE(second.raiseTo(11));
+  EXPECT_TRUE(second.isBeyondShare());
+  EXPECT_TRUE(second.raiseTo(10));
+  EXPECT_EQ(one->used(), 60u);
+  Budget::Charge other(budget, std::make_shared<Budget::Share>());
+  EXPECT_FALSE(other.raiseTo(21)) << "of 30 that are left";
+  EXPECT_TRUE(other.raiseTo(20));
+  EXPECT_TRUE(budget.isTight(false));
+  EXPECT_FALSE(budget.isTight(true));
+  Budget::Charge nobody(budget);
+  EXPECT_FALSE(nobody.raiseTo(11));
+  EXPECT_FALSE(nobody.isBeyondShare());
+  first.release();
+  EXPECT_EQ(one->used(), 10u);
 }
 
 TEST(LogDataTest, IsABinaryPropertyListOfAnArray) {

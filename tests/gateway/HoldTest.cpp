@@ -83,16 +83,21 @@ class FullTest : public GatewayTest {
  protected:
   FullTest() {
     options.memory = 16 * limits::mebibyte;
+    inForce.proxies = {*AddressRange::parse("127.0.0.1")};
     log.setMode(FakeLog::Mode::silent);
   }
-  // Posts whose memory is more than three quarters of what there is.
+  static std::string client(std::size_t number) {
+    return fmt::format("X-Real-IP: 192.0.2.{}", number);
+  }
+  // Posts of clients 0, 1, … whose memory is more than three quarters of what there is.
   void fill() {
-    const std::string blanks(3 * limits::mebibyte, ' ');
+    const std::string blanks(limits::mebibyte, ' ');
     while (gateway->memoryUsed() < 12 * limits::mebibyte) {
       const std::size_t published = log.published();
       fillers.push_back(std::make_unique<Caller>(port));
-      fillers.back()->send(request(
-          "/v1/events", fmt::format(R"({{"n":{},"events":[]}}{})", fillers.size(), blanks)));
+      fillers.back()->send(
+          request("/v1/events", fmt::format(R"({{"n":{},"events":[]}}{})", fillers.size(), blanks),
+                  {client(fillers.size() - 1)}));
       ASSERT_TRUE(waitUntil([&] { return log.published() == published + 1; }));
     }
   }
@@ -104,7 +109,7 @@ TEST_F(FullTest, ABodyIsNotReadWhileMemoryIsShortAndIsTakenLater) {
   fill();
   Caller caller(port);
   const std::size_t before = gateway->memoryUsed();
-  caller.send(request("/v1/events", onePost));
+  caller.send(request("/v1/events", onePost, {client(0)}));
   ASSERT_TRUE(waitUntil([&] { return gateway->balance().held == fillers.size() + 1; }));
   EXPECT_FALSE(caller.answer(100ms));
   EXPECT_EQ(gateway->memoryUsed(), before);
@@ -121,23 +126,60 @@ TEST_F(FullTest, WhoWaitedTooLongForMemoryIsToldSo) {
   while (gateway->memoryUsed() < 12 * limits::mebibyte) {
     const std::size_t before = gateway->memoryUsed();
     fillers.push_back(std::make_unique<Caller>(port));
-    fillers.back()->send("POST /v1/events HTTP/1.1\r\nContent-Length: 6000000\r\n\r\n" + part);
+    fillers.back()->send(
+        fmt::format("POST /v1/events HTTP/1.1\r\nContent-Length: 6000000\r\n{}\r\n\r\n{}",
+                    client(fillers.size()), part));
     ASSERT_TRUE(waitUntil([&] { return gateway->memoryUsed() > before + 3 * limits::mebibyte; }));
   }
-  const auto got = postEvents(onePost);
+  const auto got = postEvents(onePost, {client(1)});
   EXPECT_EQ(got->status, 503);
   EXPECT_EQ(got->body, "too many requests are under way\n");
   EXPECT_EQ(settled(Rule::memoryFull), 1u);
   fillers.clear();
 }
 
+TEST_F(FullTest, WhoHasNothingYetNeedNotWaitForThoseWhoFillTheMemory) {
+  start();
+  fill();
+  Caller caller(port);
+  const std::size_t published = log.published();
+  caller.send(request("/v1/events", onePost, {client(200)}));
+  EXPECT_TRUE(waitUntil([&] { return log.published() == published + 1; }));
+  log.setMode(FakeLog::Mode::stores);
+  EXPECT_EQ(caller.answer()->status, 200);
+}
+
+TEST_F(FullTest, OneClientLeavesMemoryToOthers) {
+  start();
+  // Bodies that are not whole, of one client, until it may have no more.
+  const std::string part = R"({"events":[)" + std::string(2 * limits::mebibyte, ' ');
+  while (settled(Rule::clientMemory) == 0) {
+    ASSERT_LT(fillers.size(), 20u);
+    const std::size_t before = gateway->memoryUsed();
+    fillers.push_back(std::make_unique<Caller>(port));
+    fillers.back()->send(fmt::format(
+        "POST /v1/events HTTP/1.1\r\nContent-Length: 6000000\r\n{}\r\n\r\n{}", client(1), part));
+    ASSERT_TRUE(waitUntil([&] {
+      return gateway->memoryUsed() > before + 2 * limits::mebibyte ||
+             settled(Rule::clientMemory) > 0;
+    }));
+  }
+  EXPECT_EQ(fillers.back()->answer()->body, "the requests of this client take too much memory\n");
+  EXPECT_LE(gateway->memoryUsed(), options.memory / 3 * 2);
+  log.setMode(FakeLog::Mode::stores);
+  EXPECT_EQ(postEvents(onePost, {client(2)})->status, 200);
+  fillers.clear();
+}
+
 TEST_F(FullTest, WhatCannotGrowAnyMoreIsGivenUp) {
   start();
+  fill();
   const std::string large = gzip(R"({"events":[]})" + std::string(30 * limits::mebibyte, ' '));
-  const auto got = postEvents(large, {"Content-Encoding: gzip"});
+  const auto got = postEvents(large, {"Content-Encoding: gzip", client(200)});
   ASSERT_TRUE(got);
   EXPECT_EQ(got->status, 503);
   EXPECT_EQ(settled(Rule::memoryFull), 1u);
+  fillers.clear();
 }
 
 using StopTest = GatewayTest;

@@ -104,8 +104,8 @@ TEST_F(HostileTest, WhatTheCheckForKeysRemembersIsWithinTheBudgetToo) {
   }
   const auto got = postEvents(gzip(body), {"Content-Encoding: gzip"});
   ASSERT_TRUE(got);
-  EXPECT_EQ(got->status, 503);
-  EXPECT_EQ(settled(Rule::memoryFull), 1u);
+  EXPECT_EQ(got->status, 429);
+  EXPECT_EQ(settled(Rule::clientMemory), 1u);
 }
 
 TEST_F(HostileTest, ABodyThatIsTooLargeAsSentIsRefusedBeforeItIsRead) {
@@ -202,6 +202,17 @@ TEST_F(HostileTest, SlowHeadersAndBodiesRunOutOfTime) {
   EXPECT_EQ(head.answer()->status, 408);
   EXPECT_EQ(body.answer()->status, 408);
   EXPECT_EQ(settled(Rule::slowHead), 1u);
+  EXPECT_EQ(settled(Rule::slowBody), 1u);
+}
+
+TEST_F(HostileTest, ABodyThatPausesForTooLongIsGivenUpWhateverHasCome) {
+  inForce.settings.bodyTime = std::chrono::milliseconds(200);
+  inForce.settings.bodyRate = 1;  // a second more for each byte
+  start();
+  Caller body(port);
+  body.send("POST /v1/events HTTP/1.1\r\nContent-Length: 1000000\r\n\r\n{" +
+            std::string(500'000, ' '));
+  EXPECT_EQ(body.answer()->status, 408);
   EXPECT_EQ(settled(Rule::slowBody), 1u);
 }
 
