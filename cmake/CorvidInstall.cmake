@@ -76,6 +76,16 @@ install(FILES packaging/man/corvidd.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 install(FILES packaging/systemd/corvidd.service packaging/systemd/corvidd.socket
         DESTINATION lib/systemd/system)
 install(FILES packaging/sysusers/corvidd.conf DESTINATION lib/sysusers.d)
+if(CORVID_BUILD_FLEET)
+  install(TARGETS corvid-gateway corvid-loader RUNTIME DESTINATION sbin)
+  install(FILES packaging/man/corvid-gateway.8 packaging/man/corvid-loader.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+  install(FILES packaging/systemd/corvid-gateway.service packaging/systemd/corvid-loader.service
+          DESTINATION lib/systemd/system)
+  install(FILES packaging/sysusers/corvid-gateway.conf packaging/sysusers/corvid-loader.conf DESTINATION lib/sysusers.d)
+  install(FILES packaging/examples/gateway.conf packaging/examples/corvid-gateway.default
+          DESTINATION share/doc/corvid-gateway/examples)
+  install(FILES packaging/examples/corvid-loader.default DESTINATION share/doc/corvid-loader/examples)
+endif()
 # A folder that is missing when the daemon enters its sandbox stays out of its reach.
 foreach(folder entitlements.d keys.d)
   install(DIRECTORY DESTINATION ../etc/corvid/${folder})

@@ -66,7 +66,10 @@ std::variant<Options, int> readOptions(std::vector<std::string> arguments) {
   addAddress(app, "--listen", options.listen, "Where devices or proxies connect (127.0.0.1:8470)");
   addAddress(app, "--monitor", options.monitor,
              "Where /metrics and /healthz are asked (127.0.0.1:8471)");
-  app.add_option("--log-url", options.log, "Where the replicated log is")->type_name("URL");
+  // By its variable too: a command line is everybody's to read, and this has a password.
+  app.add_option("--log-url", options.log, "Where the replicated log is")
+      ->type_name("URL")
+      ->envname("CORVID_LOG_URL");
   addFolder(app, "--uploads", options.uploads, "Store files of clients here (none are taken)");
   app.add_option("--config", options.config, "File of limits, which SIGHUP has read again")
       ->type_name("FILE");
