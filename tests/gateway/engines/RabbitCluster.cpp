@@ -10,18 +10,23 @@ namespace corvid::fleet {
 namespace {
 
 constexpr const char* cookie = "scratch";
-constexpr std::size_t registerPort = 2 * LogCluster::size;
 
-std::string nodeName(std::size_t node) { return fmt::format("corvid{}@localhost", node); }
+std::string shortName(std::size_t node) { return fmt::format("corvid{}", node); }
+std::string nodeName(std::size_t node) { return shortName(node) + "@localhost"; }
 
 }  // namespace
 
 RabbitCluster::RabbitCluster(Disks disks, std::size_t nodes)
-    : LogCluster(disks),
-      _count(nodes),
-      _ports(freePorts(registerPort + 1)),
-      _register({.command = {"epmd", "-port", std::to_string(_ports[registerPort]), "-address",
-                             "127.0.0.1"}}) {
+    : LogCluster(disks), _count(nodes), _ports(freePorts(3 * size)) {
+  _registers.reserve(_count);
+  for (std::size_t node = 0; node < _count; ++node) {
+    _registers.emplace_back(_ports[registerPorts + node]);
+    for (std::size_t other = 0; other < _count; ++other) {
+      if (other == node) continue;
+      _relays[node][other] = std::make_unique<Relay>(_ports[size + other]);
+      _registers[node].announce(shortName(other), _relays[node][other]->port());
+    }
+  }
   std::string peers;
   for (std::size_t node = 0; node < _count; ++node)
     peers +=
@@ -60,8 +65,8 @@ ChildProcess::Program RabbitCluster::program(std::size_t node) const {
                       "RABBITMQ_ENABLED_PLUGINS_FILE=" + config + "/plugins",
                       "RABBITMQ_PID_FILE=" + config + "/pid",
                       fmt::format("RABBITMQ_DIST_PORT={}", _ports[size + node]),
-                      fmt::format("ERL_EPMD_PORT={}", _ports[registerPort]),
-                      "ERL_EPMD_ADDRESS=127.0.0.1",
+                      fmt::format("ERL_EPMD_PORT={}", _registers[node].port()),
+                      "ERL_EPMD_ADDRESS=127.0.0.1", "ERL_CRASH_DUMP_BYTES=0",
                       "RABBITMQ_SERVER_ADDITIONAL_ERL_ARGS=-start_epmd false"
                       " -kernel inet_dist_use_interface {127,0,0,1} -kernel net_ticktime 8"},
   };
@@ -77,7 +82,7 @@ std::string RabbitCluster::url() const {
 std::optional<std::string> RabbitCluster::ask(std::size_t node, const std::string& call) const {
   return outputOf(
       {.command = {"erl_call", "-c", cookie, "-n", nodeName(node), "-timeout", "2", "-a", call},
-       .environment = {fmt::format("ERL_EPMD_PORT={}", _ports[registerPort])}});
+       .environment = {fmt::format("ERL_EPMD_PORT={}", _registers[node].port())}});
 }
 
 std::optional<std::size_t> RabbitCluster::leaderOf(const std::string& stream) {
@@ -97,6 +102,22 @@ bool RabbitCluster::serves(std::size_t node) {
   // Where its disk was full, a node goes on without what keeps its quorum queues.
   const auto writer = ask(node, "erlang whereis [ra_log_wal]");
   return writer && writer->find("undefined") == writer->npos;
+}
+
+void RabbitCluster::cutOff(std::size_t node) {
+  for (std::size_t other = 0; other < _count; ++other) {
+    if (other == node) continue;
+    _relays[node][other]->cut();
+    _relays[other][node]->cut();
+  }
+}
+
+void RabbitCluster::joinAgain(std::size_t node) {
+  for (std::size_t other = 0; other < _count; ++other) {
+    if (other == node) continue;
+    _relays[node][other]->mend();
+    _relays[other][node]->mend();
+  }
 }
 
 }  // namespace corvid::fleet
