@@ -65,10 +65,10 @@ long statusOf(CURL* handle, const std::string& body) {
 Device::Device(Options options)
     : _options(std::move(options)), _thread([this](const std::stop_token& stop) { run(stop); }) {}
 
-std::string Device::bodyOf(std::size_t post) const {
+std::string Device::bodyOf(const std::string& client, std::size_t post) {
   // A gateway does not ask for "clientId", and a loader has no row without it.
   std::string body = fmt::format(R"({{"postTime":1795255260.5,"{}":"{}","events":[)",
-                                 isUnloadable(post) ? "client" : "clientId", _options.client);
+                                 isUnloadable(post) ? "client" : "clientId", client);
   for (std::size_t event = 0; event < eventsOfPost; ++event)
     body += fmt::format(
         R"({}{{"post":{},"_method":7,"_sessionID":"root.child","_build":"6.1","_eventNumber":{}}})",
@@ -84,7 +84,7 @@ void Device::run(const std::stop_token& stop) {
     return Clock::now() < _end;
   };
   for (std::size_t number = 0; !stop.stop_requested(); ++number) {
-    const std::string body = gzip(bodyOf(number));
+    const std::string body = gzip(bodyOf(_options.client, number));
     {
       const std::lock_guard lock(_mutex);
       ++_sums.posts;

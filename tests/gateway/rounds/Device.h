@@ -17,13 +17,16 @@ class Device {
  public:
   using Clock = std::chrono::steady_clock;
   static constexpr std::size_t eventsOfPost = 3;
+  // Whether a post is one that gateways take and that fits no row.
+  static bool isUnloadable(std::size_t post) { return post % 16 == 15; }
+  // What a device of this name posts.
+  static std::string bodyOf(const std::string& client, std::size_t post);
 
   struct Options {
     std::string url;
     std::string caFile;
     std::string client;                      // nobody else's
     std::chrono::milliseconds interval{20};  // between two posts
-    std::size_t unloadable = 16;             // each so many-th post passes gateways and fits no row
   };
   // Begins at once.
   explicit Device(Options options);
@@ -34,7 +37,6 @@ class Device {
   void await();
 
   const std::string& client() const { return _options.client; }
-  bool isUnloadable(std::size_t post) const { return (post + 1) % _options.unloadable == 0; }
 
   struct Sums {
     std::size_t posts = 0;         // made, each counted once
@@ -51,7 +53,6 @@ class Device {
 
  private:
   void run(const std::stop_token& stop);
-  std::string bodyOf(std::size_t post) const;
   void count(long status);
 
   const Options _options;

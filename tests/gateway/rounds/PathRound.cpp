@@ -59,7 +59,10 @@ Clock::duration longestGap(const Devices& devices) {
 
 Stored storedOfAll(const Devices& devices, const std::string& target) {
   Stored stored;
-  for (const Device& device : devices) stored += storedOf(device, target);
+  for (const Device& device : devices) {
+    const Device::Sums sums = device.sums();
+    stored += storedOf({device.client(), sums.posts, sums.acknowledged}, target);
+  }
   return stored;
 }
 

@@ -5,6 +5,7 @@
 
 #include "base/Reading.h"
 #include "gateway/loader/Database.h"
+#include "tests/gateway/rounds/Device.h"
 
 namespace corvid::fleet {
 
@@ -53,21 +54,20 @@ Stored& Stored::operator+=(const Stored& other) {
   return *this;
 }
 
-Stored storedOf(const Device& device, const std::string& target) {
-  const Device::Sums sums = device.sums();
-  Posts posts = postsOf(device.client(), target);
+Stored storedOf(const Sent& sent, const std::string& target) {
+  Posts posts = postsOf(sent.client, target);
   Stored stored;
-  for (std::size_t post = 0; post < sums.acknowledged; ++post) {
+  for (std::size_t post = 0; post < sent.acknowledged; ++post) {
     const Found& found = posts[post];
     const bool isThere =
-        device.isUnloadable(post) ? found.rejections > 0 : found.events == Device::eventsOfPost;
+        Device::isUnloadable(post) ? found.rejections > 0 : found.events == Device::eventsOfPost;
     if (!isThere) ++stored.lost;
   }
   for (const auto& [post, found] : posts) {
     if (found.rows > found.events || found.rejections > 1) ++stored.twice;
     if (found.rejections > 0) ++stored.rejected;
-    const bool isRight = post < sums.posts && found.reasons == found.rejections &&
-                         (device.isUnloadable(post) ? found.rows : found.rejections) == 0;
+    const bool isRight = post < sent.posts && found.reasons == found.rejections &&
+                         (Device::isUnloadable(post) ? found.rows : found.rejections) == 0;
     if (!isRight) ++stored.wrong;
   }
   return stored;

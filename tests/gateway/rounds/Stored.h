@@ -4,13 +4,18 @@
 #include <cstddef>
 #include <string>
 
-#include "tests/gateway/rounds/Device.h"
-
 namespace corvid::fleet {
 
-// Asked by SQL, about every post of one device: posts that fit rows are to stand in corvid.event,
-// an event a row, those that fit none in corvid.rejected, once and with a reason, and nothing else
-// anywhere.
+// What a device sent: `posts`, of which the first `acknowledged` were.
+struct Sent {
+  std::string client;
+  std::size_t posts = 0;
+  std::size_t acknowledged = 0;
+};
+
+// Asked by SQL, about every post of one device, made as Device makes them: posts that fit rows are
+// to stand in corvid.event, an event a row, those that fit none in corvid.rejected, once and with a
+// reason, and nothing else anywhere.
 struct Stored {
   std::size_t lost = 0;      // posts that were acknowledged and are not there, or not whole
   std::size_t twice = 0;     // posts of which something stands there more than once
@@ -21,6 +26,6 @@ struct Stored {
 };
 
 // `target`: what libpq takes. DatabaseError where it does not answer.
-Stored storedOf(const Device& device, const std::string& target);
+Stored storedOf(const Sent& sent, const std::string& target);
 
 }  // namespace corvid::fleet
