@@ -18,7 +18,7 @@ using std::chrono::milliseconds;
 // Where a node died that led a stream, the others choose a leader first; what reaches them before
 // that may wait for the dead one.
 constexpr milliseconds firstBackOff{500};
-constexpr milliseconds longestBackOff{1500};
+constexpr milliseconds longestBackOff{1000};
 // The longest that the worker sleeps, so that it keeps up the heartbeats.
 constexpr milliseconds longestWait{250};
 // A message that is older and not confirmed makes the log count as one that does not answer.
@@ -132,6 +132,7 @@ void AMQPPublisher::expireAll(const std::stop_token& stop) {
 }
 
 void AMQPPublisher::run(const std::stop_token& stop) {
+  std::size_t refusals = 0;  // in a row
   for (std::size_t node = 0; !stop.stop_requested(); node = (node + 1) % _address.nodes.size()) {
     const AMQPAddress::Node& named = _address.nodes[node];
     try {
@@ -140,9 +141,11 @@ void AMQPPublisher::run(const std::stop_token& stop) {
       if (!stop.stop_requested())
         logWarning("log: {}:{}: {}", named.host, named.port, error.what());
     }
-    _isConnected = false;
+    const bool wasConnected = _isConnected.exchange(false);
     _isBlocked = false;
-    backOff(stop);
+    refusals = wasConnected ? 0 : refusals + 1;
+    // Of nodes that do not run, each is asked at once, so that the one that runs again is found.
+    if (refusals % _address.nodes.size() == 0) backOff(stop);
   }
 }
 

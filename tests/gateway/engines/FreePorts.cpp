@@ -5,7 +5,9 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <random>
 #include <system_error>
+#include <utility>
 
 #include "base/Descriptor.h"
 
@@ -26,18 +28,23 @@ sockaddr_in loopback(std::uint16_t port) {
 }  // namespace
 
 std::vector<std::uint16_t> freePorts(std::size_t count) {
+  // Below those that the system gives to clients: one of these would take the port of an engine
+  // that is down for a while.
+  std::uniform_int_distribution<int> drawn(16384, 32767);
+  std::random_device random;
   // All are held until the last is found, so that none comes twice.
   std::vector<Descriptor> held;
   std::vector<std::uint16_t> ports;
-  while (ports.size() < count) {
-    held.push_back(openSocket());
-    sockaddr_in address = loopback(0);
-    socklen_t length = sizeof address;
-    auto* const generic = reinterpret_cast<sockaddr*>(&address);
-    if (bind(held.back().get(), generic, length) != 0 ||
-        getsockname(held.back().get(), generic, &length) != 0)
+  for (int tries = 0; ports.size() < count; ++tries) {
+    const auto port = static_cast<std::uint16_t>(drawn(random));
+    Descriptor socket = openSocket();
+    const sockaddr_in address = loopback(port);
+    if (bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+      held.push_back(std::move(socket));
+      ports.push_back(port);
+    } else if (tries > 1000) {
       throw std::system_error(errno, std::generic_category(), "no free port");
-    ports.push_back(ntohs(address.sin_port));
+    }
   }
   return ports;
 }

@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "tests/gateway/engines/LogCluster.h"
@@ -33,6 +34,7 @@ class RabbitCluster final : public LogCluster {
   using Relays = std::array<std::array<std::unique_ptr<Relay>, size>, size>;
 
   ChildProcess::Program program(std::size_t node) const override;
+  std::string configuration(std::size_t node) const;
   // Answers of a running node to a call of a function, `call`: "module function [arguments]".
   std::optional<std::string> ask(std::size_t node, const std::string& call) const;
 

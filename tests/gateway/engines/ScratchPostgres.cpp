@@ -5,6 +5,7 @@
 #include <grp.h>
 #include <pwd.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -68,6 +69,8 @@ ChildProcess::Program ScratchPostgres::asUser(std::vector<std::string> command) 
         if (geteuid() == 0 && (setgroups(0, nullptr) != 0 || setgid(gid) != 0 || setuid(uid) != 0))
           _exit(126);
         if (chdir("/") != 0) _exit(126);
+        // Another user's process does not inherit that. SIGQUIT ends its children, too.
+        prctl(PR_SET_PDEATHSIG, SIGQUIT);
       }};
 }
 

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <deque>
 #include <iterator>
 #include <stdexcept>
@@ -57,6 +58,14 @@ Clock::duration longestGap(const Devices& devices) {
   return longest;
 }
 
+void tellOfLateNodes(RabbitCluster& cluster) {
+  for (std::size_t node = 0; node < LogCluster::size; ++node)
+    if (!cluster.serves(node))
+      fmt::print(stderr, "node {} {}:\n{}\n", node,
+                 cluster.isRunning(node) ? "does not serve" : "does not run",
+                 cluster.lastWords(node));
+}
+
 Stored storedOfAll(const Devices& devices, const std::string& target) {
   Stored stored;
   for (const Device& device : devices) {
@@ -106,7 +115,10 @@ PathRoundResult runPathRound(const Path& path, PathFaultKind kind, const std::st
 
   const bool wasFull = kind == PathFaultKind::fullDisk;
   result.isWholeAgain = path.cluster.awaitAll(wasFull ? limitAfterFullDisk : nodeLimit);
-  if (!result.isWholeAgain) result.isDead = !path.cluster.repair();
+  if (!result.isWholeAgain) {
+    tellOfLateNodes(path.cluster);
+    result.isDead = !path.cluster.repair();
+  }
   for (Device& device : devices) device.finish(Clock::now() + recoveryLimit);
   for (Device& device : devices) device.await();
   for (const Device& device : devices) {
