@@ -45,12 +45,12 @@ std::string RabbitCluster::configuration(std::size_t node) const {
   return fmt::format(
       "[{{rabbit, [{{tcp_listeners, [{{\"127.0.0.1\", {}}}]}},\n"
       "  {{cluster_formation, [{{peer_discovery_backend, rabbit_peer_discovery_classic_config}}]}},\n"
-      "  {{cluster_nodes, {{['{}', '{}', '{}'], disc}}}},\n"
+      "  {{cluster_nodes, {{[{}], disc}}}},\n"
       "  {{cluster_partition_handling, pause_minority}},\n"
       "  {{disk_free_limit, 32000000}}]}},\n"
       // Small, so that short runs go through more than one.
       " {{ra, [{{wal_max_size_bytes, 16777216}}]}}].\n",
-      _ports[node], nodeName(0), nodeName(1), nodeName(2));
+      _ports[node], peers);
 }
 
 RabbitCluster::~RabbitCluster() { stopAll(); }
@@ -71,7 +71,7 @@ ChildProcess::Program RabbitCluster::program(std::size_t node) const {
                       "RABBITMQ_PID_FILE=" + config + "/pid", "ERL_CRASH_DUMP=" + config + "/crash",
                       fmt::format("RABBITMQ_DIST_PORT={}", _ports[size + node]),
                       fmt::format("ERL_EPMD_PORT={}", _registers[node].port()),
-                      "ERL_EPMD_ADDRESS=127.0.0.1", "ERL_CRASH_DUMP_BYTES=0",
+                      "ERL_EPMD_ADDRESS=127.0.0.1",
                       "RABBITMQ_SERVER_ADDITIONAL_ERL_ARGS=-start_epmd false"
                       " -kernel inet_dist_use_interface {127,0,0,1} -kernel net_ticktime 8"},
   };
