@@ -47,9 +47,9 @@ Bench::Bench(const std::string& folder, NginxSink::Connections connections)
   _root.writeDeployment(_storebagServer->port(), _identity.caFile());
   writeStorebag("lumen", _nginx->url("/events"));
   writeStorebag("orrery", fmt::format("https://localhost:{}/events", _localSink->port()));
-  writeStorebag("cadence", _nginx->url("/events"), 0);
-  writeStorebag("quill", _nginx->url("/events"), 1);
-  writeStorebag("ledger", _nginx->url("/events"), 2);
+  int level = 0;
+  for (const char* name : {"quill", "ledger", "folio", "reel", "tessel", "parlor", "cadence"})
+    writeStorebag(name, _nginx->url("/events"), ++level);
 }
 
 void Bench::writeStorebag(const std::string& name, const std::string& url, int hierarchy) const {

@@ -23,8 +23,8 @@ namespace corvid::bench {
 // Client types: what they post goes to nginx, or to the sink in this process.
 inline constexpr int nginxClient = 5;  // storebag "lumen"
 inline constexpr int localClient = 8;  // storebag "orrery"
-// The same to nginx, on levels 0 to 2 of a chain: storebags "cadence", "quill", "ledger".
-inline constexpr std::array<int, 3> chainClients{9, 10, 12};
+// The same to nginx, by the level of a chain.
+inline constexpr std::array<int, 8> chainClients{nginxClient, 10, 12, 16, 17, 6, 7, 9};
 
 // What the sink in this process got.
 struct Arrival {

@@ -1,15 +1,11 @@
 #include "bench/MeasuredProcess.h"
 
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <signal.h>
 #include <time.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
 #include <stdexcept>
-#include <string_view>
 
 #include "base/Descriptor.h"
 #include "tests/support/ChildProcess.h"
@@ -42,18 +38,6 @@ MeasuredProcess::MeasuredProcess(const std::vector<std::string>& command, const 
 MeasuredProcess::~MeasuredProcess() {
   _process.signal(SIGTERM);
   (void)_process.waitForExit(std::chrono::seconds(30));
-}
-
-std::size_t MeasuredProcess::sleeps() const {
-  constexpr std::string_view field = "voluntary_ctxt_switches:";
-  std::size_t sum = 0;
-  for (const auto& thread :
-       std::filesystem::directory_iterator(fmt::format("/proc/{}/task", pid()))) {
-    std::ifstream lines(thread.path() / "status");
-    for (std::string line; std::getline(lines, line);)
-      if (line.starts_with(field)) sum += std::stoul(line.substr(field.size()));
-  }
-  return sum;
 }
 
 Memory MeasuredProcess::memory() const {

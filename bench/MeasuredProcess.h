@@ -29,7 +29,7 @@ class MeasuredProcess {
   std::chrono::steady_clock::time_point started() const { return _started; }
   std::chrono::nanoseconds cpuTime() const { return cpuTimeOf(pid()); }
   // How often its threads, those that run now, have gone to sleep.
-  std::size_t sleeps() const;
+  std::size_t sleeps() const { return _process.sleeps(); }
   Memory memory() const;
   // The highest resident size so far.
   double peakMB() const;

@@ -43,6 +43,7 @@ class DaemonProcess {
   // The memory that it has resident, and the most that it ever had, in bytes.
   std::size_t residentMemory() const { return _process.memory("VmRSS:"); }
   std::size_t peakMemory() const { return _process.memory("VmHWM:"); }
+  std::size_t sleeps() const { return _process.sleeps(); }
   // Until the daemon has reported that it serves; false when it ended or did not in time.
   bool waitUntilReady();
   // What its status line says now.

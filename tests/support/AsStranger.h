@@ -13,14 +13,14 @@ namespace corvid {
 // connects is that user's for good. Only the superuser can.
 class AsStranger {
  public:
+  static constexpr uid_t stranger = 65534;
+
   AsStranger() { become(stranger); }
   ~AsStranger() { become(getuid()); }
   AsStranger(const AsStranger&) = delete;
   AsStranger& operator=(const AsStranger&) = delete;
 
  private:
-  static constexpr uid_t stranger = 65534;
-
   // The thread, and it alone.
   static void become(uid_t user) {
     if (syscall(SYS_setresuid, -1, user, -1) != 0) std::abort();

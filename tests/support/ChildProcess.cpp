@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <set>
 #include <stdexcept>
@@ -24,6 +25,14 @@ std::vector<char*> pointersTo(const std::vector<std::string>& texts) {
   for (const std::string& text : texts) pointers.push_back(const_cast<char*>(text.c_str()));
   pointers.push_back(nullptr);
   return pointers;
+}
+
+// In a file of /proc.
+std::optional<std::size_t> numberBehind(std::string_view field, const std::string& file) {
+  std::ifstream lines(file);
+  for (std::string line; std::getline(lines, line);)
+    if (line.starts_with(field)) return std::stoul(line.substr(field.size()));
+  return std::nullopt;
 }
 
 std::vector<std::string> environmentWith(std::vector<std::string> variables) {
@@ -116,10 +125,16 @@ std::optional<int> ChildProcess::waitForExit(std::chrono::milliseconds limit) {
 }
 
 std::size_t ChildProcess::memory(std::string_view field, std::string_view file) const {
-  std::ifstream lines(fmt::format("/proc/{}/{}", _pid, file));
-  for (std::string line; std::getline(lines, line);)
-    if (line.starts_with(field)) return std::stoul(line.substr(field.size())) * 1024;
+  if (const auto kilobytes = numberBehind(field, fmt::format("/proc/{}/{}", _pid, file)))
+    return *kilobytes * 1024;
   throw std::runtime_error(fmt::format("process {} tells no {}", _pid, field));
+}
+
+std::size_t ChildProcess::sleeps() const {
+  std::size_t sum = 0;
+  for (const auto& thread : std::filesystem::directory_iterator(fmt::format("/proc/{}/task", _pid)))
+    sum += numberBehind("voluntary_ctxt_switches:", thread.path() / "status").value_or(0);
+  return sum;
 }
 
 std::optional<int> inChild(const std::function<int()>& work) {

@@ -48,6 +48,8 @@ class ChildProcess {
 
   // The bytes behind a field, such as "VmRSS:", in its file "status" or another one in /proc.
   std::size_t memory(std::string_view field, std::string_view file = "status") const;
+  // How often its threads, those that run now, have gone to sleep.
+  std::size_t sleeps() const;
 
  private:
   void start(const std::function<void()>& run);
