@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <system_error>
@@ -205,8 +206,9 @@ void IPCConnection::run() {
     kj::WaitScope scope(loop);
     _outbox->start(port);
     KJ_DEFER(_outbox->stop());
-    Serving serving(*this, port);
-    serving.run(scope);
+    // Not on the stack, where all of its receive buffer would be cleared, and so take memory.
+    const auto serving = std::make_unique<Serving>(*this, port);
+    serving->run(scope);
   } catch (const std::exception& exception) {
     logError("IPCConnection: {} ends by an exception: {}", _description, exception.what());
   }

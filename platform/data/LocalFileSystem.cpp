@@ -139,16 +139,16 @@ Result<std::string> readRegularFile(const std::string& path, std::size_t limit) 
   if (!S_ISREG(status.st_mode)) return Failure{fmt::format("{}: Not a regular file", path), EINVAL};
 
   // The size is no help: the kernel's own files say 0 or a page.
+  constexpr std::size_t leastPiece = 4096;
   std::string content;
-  for (;;) {
-    char buffer[16384];
-    const ssize_t count = read(file.get(), buffer, sizeof buffer);
-    if (count == 0) return content;
+  for (std::size_t size = 0;;) {
+    content.resize(size + std::max(size, leastPiece));
+    const ssize_t count = read(file.get(), content.data() + size, content.size() - size);
     if (count < 0 && errno == EINTR) continue;
     if (count < 0) return failure(errno);
-    content.append(buffer, static_cast<std::size_t>(count));
-    if (content.size() > limit)
-      return Failure{fmt::format("{}: Longer than {} bytes", path, limit), EFBIG};
+    content.resize(size += static_cast<std::size_t>(count));
+    if (count == 0) return content;
+    if (size > limit) return Failure{fmt::format("{}: Longer than {} bytes", path, limit), EFBIG};
   }
 }
 
