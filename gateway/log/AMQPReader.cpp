@@ -1,5 +1,6 @@
 #include "gateway/log/AMQPReader.h"
 
+#include <random>
 #include <stdexcept>
 
 namespace corvid::fleet {
@@ -27,7 +28,12 @@ LoggedMessage messageOf(const amqp_envelope_t& envelope) {
 
 AMQPReader::AMQPReader(const AMQPAddress& address, const std::vector<std::string>& streams,
                        const Options& options)
-    : _address(address), _streams(streams), _options(options) {
+    : _address(address),
+      _streams(streams),
+      _options(options),
+      // Readers spread over the nodes, and one that is made anew does not stay at a node that logs
+      // it in and then says nothing more.
+      _next(std::random_device()() % address.nodes.size()) {
   connect();
 }
 
@@ -39,25 +45,28 @@ void AMQPReader::connect() {
   for (std::size_t tries = 0; !_connection && tries < _address.nodes.size(); ++tries) try {
       const AMQPAddress::Node& node = _address.nodes[_next];
       _next = (_next + 1) % _address.nodes.size();
-      auto connection = std::make_unique<AMQPConnection>(node, _options.connecting);
-      connection->logIn(_address, _options.heartbeat);
-      _connection = std::move(connection);
+      _connection = readingFrom(node);
     } catch (const std::runtime_error& error) {
       refusal = error.what();
     }
   if (!_connection) throw std::runtime_error(refusal);
+}
 
-  const amqp_connection_state_t state = _connection->state();
+std::unique_ptr<AMQPConnection> AMQPReader::readingFrom(const AMQPAddress::Node& node) const {
+  auto connection = std::make_unique<AMQPConnection>(node, _options.connecting);
+  connection->logIn(_address, _options.heartbeat);
+  const amqp_connection_state_t state = connection->state();
   constexpr amqp_channel_t channel = AMQPConnection::channel;
   constexpr amqp_boolean_t isGlobal = 0, isNoLocal = 0, needsNoRelease = 0, isExclusive = 0;
   amqp_basic_qos(state, channel, 0, _options.ahead, isGlobal);
   AMQPConnection::check(amqp_get_rpc_reply(state), "limiting what is read ahead");
   for (const std::string& stream : _streams) {
-    _connection->declareStream(stream);
+    connection->declareStream(stream);
     amqp_basic_consume(state, channel, bytesOf(stream), amqp_empty_bytes, isNoLocal, needsNoRelease,
                        isExclusive, amqp_empty_table);
     AMQPConnection::check(amqp_get_rpc_reply(state), "reading a stream");
   }
+  return connection;
 }
 
 bool AMQPReader::isSilent() const {

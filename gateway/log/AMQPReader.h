@@ -11,7 +11,7 @@
 
 namespace corvid::fleet {
 
-// Reads quorum queues of RabbitMQ, through the first node that answers. Any number of readers share
+// Reads quorum queues of RabbitMQ, through any node that lets it. Any number of readers share
 // a stream: each message goes to one of them. `read` keeps the connection alive, and has to be
 // called every few seconds.
 class AMQPReader final : public LogReader {
@@ -25,7 +25,7 @@ class AMQPReader final : public LogReader {
     // go on without them.
     std::chrono::seconds silence{10};
   };
-  // std::runtime_error where no node answers.
+  // std::runtime_error where no node lets it.
   AMQPReader(const AMQPAddress& address, const std::vector<std::string>& streams,
              const Options& options);
   AMQPReader(const AMQPAddress& address, const std::vector<std::string>& streams)
@@ -35,14 +35,15 @@ class AMQPReader final : public LogReader {
   void release(std::uint64_t position) override;
 
  private:
-  // To the next node that answers.
+  // To the next node that lets every stream be read.
   void connect();
+  std::unique_ptr<AMQPConnection> readingFrom(const AMQPAddress::Node& node) const;
   bool isSilent() const;
 
   const AMQPAddress _address;
   const std::vector<std::string> _streams;
   const Options _options;
-  std::size_t _next = 0;  // of the nodes
+  std::size_t _next;  // of the nodes
   std::unique_ptr<AMQPConnection> _connection;
   std::chrono::steady_clock::time_point _heard;
   std::uint64_t _read = 0;  // the last position
