@@ -3,15 +3,14 @@
 
 #include "bench/devices/DevicePosts.h"
 #include "bench/devices/StoredCheck.h"
-#include "gateway/loader/Store.h"
-#include "tests/gateway/engines/ScratchPostgres.h"
+#include "tests/gateway/loader/LoaderFixture.h"
 
 namespace corvid::bench {
 namespace {
 
 constexpr int eventsEach = 3;
 
-class StoredCheckTest : public testing::Test {
+class StoredCheckTest : public fleet::LoaderFixture {
  protected:
   StoredCheckTest() {
     _tally.run = DevicePosts::newRun();
@@ -19,7 +18,7 @@ class StoredCheckTest : public testing::Test {
   }
 
   // A message as a gateway makes it of the device's post that begins with that number.
-  fleet::LoggedMessage message(std::uint64_t first, const std::string& id) {
+  fleet::LoggedMessage posted(std::uint64_t first, const std::string& id) const {
     const std::string now = std::to_string(time(nullptr)) + ".000000";
     fleet::LoggedMessage logged;
     logged.message = {
@@ -30,12 +29,11 @@ class StoredCheckTest : public testing::Test {
             {.client = DevicePosts::client(_tally.run, 7), .first = first, .count = eventsEach})};
     return logged;
   }
-  void store(std::uint64_t first, const std::string& id) { _store.store({message(first, id)}); }
+  void store(std::uint64_t first, const std::string& id) { _store.store({posted(first, id)}); }
   void sent(std::uint64_t first, int status) { _tally.answered({7, first}, false, status); }
-  Stored found() const { return findStored(_tally, _postgres.target(), std::chrono::seconds(0)); }
+  Stored found() const { return findStored(_tally, _server->target(), std::chrono::seconds(0)); }
 
-  fleet::ScratchPostgres _postgres;
-  fleet::Store _store{_postgres.target()};
+  fleet::Store _store{_server->target()};
   Tally _tally;
 };
 
