@@ -19,6 +19,8 @@ inline constexpr std::size_t sentFileBytes = fileBytes + mebibyte;
 inline constexpr std::size_t nesting = 32;
 // Of one object. It bounds what the check for keys that stand twice remembers.
 inline constexpr std::size_t members = 65536;
+// Of one post; each becomes a row, which is larger than the least event.
+inline constexpr std::size_t events = 65536;
 // Of a number's text, and of its exponent. What is within both fits databases too.
 inline constexpr std::size_t numberBytes = 1024;
 inline constexpr std::size_t exponentDigits = 4;

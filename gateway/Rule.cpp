@@ -33,6 +33,7 @@ constexpr std::array<RuleText, ruleCount> texts{{
     {Rule::eventNoObject, 400, "eventNoObject", "an event is no object"},
     {Rule::duplicateKey, 400, "duplicateKey", "a key stands twice in one object"},
     {Rule::members, 400, "members", "an object has more than 65536 members"},
+    {Rule::tooManyEvents, 400, "tooManyEvents", "the post has more than 65536 events"},
     {Rule::header, 400, "header",
      "an X-CVD header came twice, is too long or holds control characters"},
     {Rule::query, 400, "query",

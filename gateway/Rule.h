@@ -36,6 +36,7 @@ enum class Rule : std::uint8_t {
   eventNoObject,
   duplicateKey,
   members,
+  tooManyEvents,
   header,
   query,
   emptyFile,

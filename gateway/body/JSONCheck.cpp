@@ -155,7 +155,7 @@ JSONCheck::Step JSONCheck::value() {
   if (_valueIsEvents && c != '[') return refuse(Rule::eventsNoArray);
   if (_isInEvents && _depth == 2) {
     if (c != '{') return refuse(Rule::eventNoObject);
-    ++_events;
+    if (++_events > limits::events) return refuse(Rule::tooManyEvents);
   }
   switch (c) {
     case '{': return open(true);

@@ -1,8 +1,9 @@
 #include "gateway/loader/LoaderLedger.h"
 
-#include <fmt/format.h>
+#include <string_view>
+#include <utility>
 
-#include <iterator>
+#include "base/MetricsText.h"
 
 namespace corvid::fleet {
 
@@ -15,10 +16,11 @@ void LoaderLedger::decided(const StoredCounts& counts) {
 }
 
 std::string LoaderLedger::metrics() const {
-  std::string text;
-  const auto add = [&](const char* name, const char* type, const char* help, std::uint64_t value) {
-    fmt::format_to(std::back_inserter(text), "# TYPE {0} {1}\n# HELP {0} {2}\n{0}{3} {4}\n", name,
-                   type, help, type == std::string_view("counter") ? "_total" : "", value);
+  MetricsText text;
+  const auto add = [&](std::string_view name, std::string_view type, std::string_view help,
+                       std::uint64_t value) {
+    text.begin(name, type, help);
+    text.add(type == "counter" ? "_total" : "", value);
   };
   add("corvid_loader_received", "counter", "Messages that were read from the log.", _received);
   add("corvid_loader_stored", "counter", "Of those, stored as rows.", _stored);
@@ -29,7 +31,7 @@ std::string LoaderLedger::metrics() const {
   add("corvid_loader_failures", "counter", "Times that the log or the database was lost.",
       _failures);
   add("corvid_loader_reading", "gauge", "1 where both answer.", _isReading ? 1 : 0);
-  return text + "# EOF\n";
+  return std::move(text).end();
 }
 
 }  // namespace corvid::fleet

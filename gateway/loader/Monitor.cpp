@@ -8,6 +8,7 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <memory>
 #include <stdexcept>
@@ -44,9 +45,10 @@ Descriptor listenOn(const std::string& address) {
 std::string requestLine(int client) {
   std::string request;
   std::array<char, 1024> piece{};
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(patience.tv_sec);
   while (request.find("\r\n\r\n") == request.npos && request.size() < mostRequestBytes) {
     const ssize_t length = recv(client, piece.data(), piece.size(), 0);
-    if (length <= 0) return {};
+    if (length <= 0 || std::chrono::steady_clock::now() > deadline) return {};
     request.append(piece.data(), static_cast<std::size_t>(length));
   }
   return request.substr(0, request.find("\r\n"));

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "base/Reading.h"
+#include "gateway/Limits.h"
 
 namespace corvid::fleet {
 
@@ -17,6 +18,9 @@ namespace {
 
 // Deeper texts would take the stack.
 constexpr int deepest = 100;
+
+// What stands in each row may not make many of a few bytes.
+constexpr std::size_t mostClientBytes = 1024;
 
 // Follows the reader, and takes from the root, and from each object of its array "events", what is
 // asked for.
@@ -56,6 +60,7 @@ class PostHandler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, PostH
   bool StartObject() {
     if (_depth == 0) _isObject = true;
     if (_depth == events && _isInEvents) {
+      if (_post.events.size() == limits::events) return false;
       _post.events.emplace_back();
       _begin = _stream.Tell() - 1;
     }
@@ -84,6 +89,9 @@ class PostHandler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, PostH
   Post take() {
     if (!_isObject || !_hasEvents) throw std::invalid_argument("there is no array \"events\"");
     if (!_hasClient) throw std::invalid_argument("there is no text \"clientId\"");
+    if (_post.client.size() > mostClientBytes)
+      throw std::invalid_argument(
+          fmt::format("\"clientId\" has more than {} bytes", mostClientBytes));
     return std::move(_post);
   }
 
@@ -130,7 +138,9 @@ Post postFrom(std::string_view body) {
       rapidjson::kParseValidateEncodingFlag | rapidjson::kParseNumbersAsStringsFlag;
   const rapidjson::ParseResult result = reader.Parse<flags>(stream, handler);
   if (result.Code() == rapidjson::kParseErrorTermination)
-    throw std::invalid_argument("\"events\" holds something else than objects, or is too deep");
+    throw std::invalid_argument(
+        fmt::format("\"events\" holds something else than objects, more than {}, or is too deep",
+                    limits::events));
   if (result.IsError())
     throw std::invalid_argument(
         fmt::format("{} (byte {})", rapidjson::GetParseError_En(result.Code()), result.Offset()));

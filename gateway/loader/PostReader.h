@@ -28,7 +28,8 @@ struct Post {
 
 // A key of another type than it has to be counts as missing; so does a number that is not whole
 // where it has to be. std::invalid_argument with one line where the text is no post: no JSON, or
-// without a text "clientId" or an array of objects "events".
+// without a text "clientId" of 1024 bytes at most or an array of limits::events objects "events" at
+// most.
 Post postFrom(std::string_view body);
 
 }  // namespace corvid::fleet

@@ -88,8 +88,8 @@ void checkLoader(const fleet::LogMessage& message, std::uint64_t events) {
       fuzz::require(event.payload.starts_with('{') && event.payload.ends_with('}'));
     rows = fleet::appendEventLines(lines, message, fleet::timesOf(message));
   } catch (const std::invalid_argument& fault) {
-    // The gateway does not ask for that.
-    fuzz::require(fault.what() == std::string_view("there is no text \"clientId\""));
+    // Which the gateway does not look at.
+    fuzz::require(std::string_view(fault.what()).find("\"clientId\"") != std::string_view::npos);
     fuzz::require(lines.empty());
     return;
   }

@@ -183,6 +183,13 @@ TEST(JSONCheck, CountsEventsAndNothingElse) {
   EXPECT_EQ(check.events(), 2u);
 }
 
+TEST(JSONCheck, TakesSoManyEventsAndNoMore) {
+  std::string text = R"({"events":[{})";
+  for (std::size_t i = 1; i < limits::events; ++i) text += ",{}";
+  EXPECT_EQ(checkWhole(text + "]}"), "taken");
+  EXPECT_EQ(checkWhole(text + ",{}]}"), "tooManyEvents");
+}
+
 TEST(JSONCheck, RefusesBeforeTheTextIsWhole) {
   JSONCheck check;
   EXPECT_TRUE(check.advance(R"({"events":[7)", false));

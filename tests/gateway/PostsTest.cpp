@@ -120,13 +120,14 @@ TEST_F(PostsTest, AClientThatAsksFirstIsToldToGoOn) {
 TEST_F(PostsTest, ALargePostIsTakenByteForByte) {
   start();
   std::string body = R"({"events":[)";
-  for (int i = 0; i < 200'000; ++i)
-    body += R"({"number":)" + std::to_string(i) + R"(,"text":"Grüße aus dem Feld"},)";
+  for (int i = 0; i < 60'000; ++i)
+    body += R"({"number":)" + std::to_string(i) +
+            R"(,"text":"Grüße aus dem Feld, aus Wald und Flur und von der Heide, wo es blüht"},)";
   body.back() = ']';
   body += '}';
   EXPECT_EQ(postEvents(gzip(body), {"Content-Encoding: gzip"})->status, 200);
   EXPECT_TRUE(log.messages().at(0).body == body);
-  EXPECT_EQ(gateway->balance().events, 200'000u);
+  EXPECT_EQ(gateway->balance().events, 60'000u);
 }
 
 TEST_F(PostsTest, WhatTheLogRefusesForGoodIsNoFaultOfTheGateway) {

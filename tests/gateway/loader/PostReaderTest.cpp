@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 
+#include "gateway/Limits.h"
 #include "gateway/loader/PostReader.h"
 
 namespace corvid::fleet {
@@ -61,6 +62,17 @@ TEST(PostReader, RefusesWhatIsNoPost) {
         R"({"clientId":"C","events":[{])", "{\"clientId\":\"\xff\",\"events\":[]}",
         R"({"x":{"clientId":"C","events":[]}})"})
     EXPECT_THROW(postFrom(body), std::invalid_argument) << body;
+}
+
+TEST(PostReader, RefusesWhatWouldBecomeManyTimesAsMuch) {
+  std::string events = "{}";
+  for (std::size_t i = 1; i < limits::events; ++i) events += ",{}";
+  EXPECT_EQ(postFrom(R"({"clientId":"C","events":[)" + events + "]}").events.size(),
+            limits::events);
+  EXPECT_THROW(postFrom(R"({"clientId":"C","events":[{},)" + events + "]}"), std::invalid_argument);
+  const std::string client(1024, 'x');
+  EXPECT_EQ(postFrom(R"({"clientId":")" + client + R"(","events":[]})").client, client);
+  EXPECT_THROW(postFrom(R"({"clientId":"x)" + client + R"(","events":[]})"), std::invalid_argument);
 }
 
 TEST(PostReader, RefusesDepthsThatWouldTakeTheStack) {
