@@ -75,6 +75,21 @@ TEST_F(ClusterTest, AReaderTakesNoMoreBytesAtOnceThanItMay) {
   }));
 }
 
+TEST_F(ClusterTest, AReaderLeavesANodeThatLogsItInAndThenSaysNothing) {
+  store(*makeLog(_cluster->url()), 1);
+  const auto leader = _cluster->leaderOf(stream());
+  ASSERT_TRUE(leader);
+  const std::size_t parted = (*leader + 1) % LogCluster::size;
+  AMQPAddress address = amqpAddressFrom(_cluster->url());
+  address.nodes = {address.nodes[parted], address.nodes[*leader]};
+  _cluster->cutOff(parted);
+  // Each begins at one of the two.
+  for (int count = 0; count < 4; ++count)
+    EXPECT_NO_THROW(AMQPReader(address, {stream()}, {.connecting = 1s}));
+  _cluster->joinAgain(parted);
+  EXPECT_TRUE(_cluster->awaitAll(60s));
+}
+
 TEST_F(ClusterTest, WithoutAMajorityNothingIsStoredAndTheDeadlineHolds) {
   AMQPPublisher publisher(amqpAddressFrom(_cluster->url()), {.patience = 3s});
   store(publisher, 1);
