@@ -64,7 +64,7 @@ ChildProcess::Program RabbitCluster::program(std::size_t node) const {
                       "RUNNING_UNDER_SYSTEMD=true", "RABBITMQ_CONF_ENV_FILE=/dev/null",
                       "RABBITMQ_NODENAME=" + nodeName(node),
                       "RABBITMQ_MNESIA_BASE=" + folder(node) + "/data",
-                      "RABBITMQ_LOG_BASE=" + config + "/log",
+                      "RABBITMQ_LOG_BASE=" + config + "/log", "RABBITMQ_LOGS=-",
                       "RABBITMQ_CONFIG_FILE=" + config + "/rabbitmq.config",
                       "RABBITMQ_ADVANCED_CONFIG_FILE=" + config + "/advanced.config",
                       "RABBITMQ_ENABLED_PLUGINS_FILE=" + config + "/plugins",

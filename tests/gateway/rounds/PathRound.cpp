@@ -23,7 +23,7 @@ using Clock = Device::Clock;
 constexpr std::size_t deviceCount = 8;
 // More than is accepted, for each of: posts that are acknowledged again, nodes that serve again,
 // and the silence after which what is not stored counts as lost.
-constexpr std::chrono::seconds recoveryLimit = 60s, nodeLimit = 60s, silence = 40s;
+constexpr std::chrono::seconds recoveryLimit = 60s, nodeLimit = 180s, silence = 40s;
 // Where a disk was full, a node goes on without its queues, as long as it is not started again.
 constexpr std::chrono::seconds limitAfterFullDisk = 15s;
 
