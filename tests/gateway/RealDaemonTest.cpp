@@ -106,7 +106,7 @@ TEST_F(RealDaemonTest, ItsEventsArriveBesideThoseOfAThousandOtherDevices) {
       ASSERT_EQ(client.flush().text(), "flushed");
     }
   }
-  EXPECT_EQ(others.finish(), 0) << others.errors();
+  EXPECT_EQ(others.finish(), 0) << others.output() << others.errors();
   EXPECT_THAT(others.output(),
               ::testing::HasSubstr(" 0 lost, 0 twice, 0 of refused posts; 0 messages set apart"));
   const auto stored = [&] {
