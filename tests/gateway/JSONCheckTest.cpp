@@ -165,7 +165,7 @@ TEST_P(JSONCheckTest, SaysTheSameOfATextThatComesInPieces) {
   const std::string& text = GetParam().text;
   // The time for a text in pieces of one byte grows with its length only where it is looked at
   // anew.
-  for (const std::size_t piece : {1, 2, 3, 7, 64})
+  for (const std::size_t piece : {1u, 2u, 3u, 7u, 64u})
     EXPECT_EQ(checkInPieces(text, piece), GetParam().verdict) << piece << " bytes a piece";
 }
 
