@@ -18,7 +18,7 @@ namespace corvid::fleet {
 namespace {
 
 void run(const std::vector<std::string>& command) {
-  ChildProcess program({.command = command});
+  ChildProcess program(ChildProcess::Program{.command = command});
   const auto status = program.waitForExit();
   if (status != 0) throw std::runtime_error(fmt::format("{}: status {}", command[0], *status));
 }
