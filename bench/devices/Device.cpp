@@ -55,25 +55,26 @@ microseconds Device::meanPause() const {
 template <class Then>
 void Device::sleepUntil(Steady::time_point time, Then then) {
   _timer.expires_at(std::min(time, _run.end));
-  _timer.async_wait([self = shared_from_this(), then](const auto&) { (self.get()->*then)(); });
+  _timer.async_wait([self = shared_from_this(), then](const auto&) { then(*self); });
+}
+
+void Device::connect(microseconds time, std::function<void()> done) {
+  sleepUntil(Steady::now() + within(time), [done = std::move(done)](Device& device) {
+    device._connection.open(patience, [self = device.shared_from_this(), done](auto error) {
+      if (error) self->_connection.close();
+      done();
+    });
+  });
 }
 
 void Device::start() {
-  const auto before = std::chrono::duration_cast<microseconds>(_run.start - Steady::now());
-  sleepUntil(_run.start - within(before), &Device::connectEarly);
-}
-
-void Device::connectEarly() {
-  _connection.open(patience, [self = shared_from_this()](auto error) {
-    if (error) self->_connection.close();
-    self->sleepUntil(self->_run.start + self->within(self->meanPause()), &Device::beginPost);
-  });
+  sleepUntil(Steady::now() + within(meanPause()), std::mem_fn(&Device::beginPost));
 }
 
 void Device::pause() {
   const microseconds mean = meanPause();
   if (mean.count() == 0) return beginPost();
-  sleepUntil(Steady::now() + mean / 2 + within(mean), &Device::beginPost);
+  sleepUntil(Steady::now() + mean / 2 + within(mean), std::mem_fn(&Device::beginPost));
 }
 
 void Device::beginPost() {
@@ -154,7 +155,7 @@ void Device::failed(DeviceConnection::Error error) {
   // The collector may have closed a connection on which nothing happened, as HTTP clients know.
   if (_isReused) return attempt();
   if (!_isAgain) _run.tally.failed({_number, _post.first}, error.message());
-  sleepUntil(Steady::now() + afterFailure, &Device::beginPost);
+  sleepUntil(Steady::now() + afterFailure, std::mem_fn(&Device::beginPost));
 }
 
 }  // namespace corvid::bench

@@ -18,7 +18,9 @@ class Device : public std::enable_shared_from_this<Device> {
   // `finished` is called when it has ended.
   Device(FleetRun& run, std::size_t number, std::function<void()> finished);
 
-  // Connects at some moment before `run.start`, and posts from then on.
+  // Connects at some moment within `time`; `done` is called when it has, or cannot.
+  void connect(std::chrono::microseconds time, std::function<void()> done);
+  // Posts until `run.end`.
   void start();
   // The load is over: sleeps no longer.
   void wake() { _timer.cancel(); }
@@ -30,9 +32,8 @@ class Device : public std::enable_shared_from_this<Device> {
   std::chrono::microseconds within(std::chrono::microseconds time);  // some moment of it
   std::chrono::microseconds meanPause() const;
   template <class Then>
-  void sleepUntil(Steady::time_point time, Then then);
-  void connectEarly();
-  void pause();  // until its next post
+  void sleepUntil(Steady::time_point time, Then then);  // or until the end
+  void pause();                                         // until its next post
   void beginPost();
   void attempt();
   void send();

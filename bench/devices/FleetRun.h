@@ -23,7 +23,8 @@ struct FleetRun {
   std::string authority, host, target;  // "HOST:PORT", "HOST", "/PATH"
   bool usesTLS = false;
   Tally tally;
-  Steady::time_point start, end;  // no post begins before, or later
+  Steady::time_point start;                            // when all had connected
+  Steady::time_point end = Steady::time_point::max();  // no post begins later
 
   bool isOver() const { return Steady::now() >= end; }
 };

@@ -2,6 +2,7 @@
 
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <boost/asio/signal_set.hpp>
 #include <csignal>
 #include <memory>
@@ -50,7 +51,7 @@ void takeAuthorities(FleetRun& run) {
   SSL_CTX_set_mode(run.tls.native_handle(), SSL_MODE_RELEASE_BUFFERS);
 }
 
-// For one connection after the other, with a handshake each.
+// On average, so that not all shake hands at once.
 constexpr std::chrono::milliseconds timeToConnect{1};
 
 }  // namespace
@@ -64,8 +65,6 @@ Tally runLoad(const FleetSetup& setup) {
   run.tally.run = DevicePosts::newRun();
   run.tally.eventsEach = static_cast<int>(setup.events);
 
-  run.start = Steady::now() + setup.devices * timeToConnect;
-  run.end = run.start + std::chrono::seconds(setup.seconds);
   asio::signal_set signals(run.loop, SIGINT, SIGTERM);
   std::vector<std::shared_ptr<Device>> devices;
   std::size_t posting = static_cast<std::size_t>(setup.devices);
@@ -74,11 +73,18 @@ Tally runLoad(const FleetSetup& setup) {
     run.end = Steady::now();
     for (const auto& device : devices) device->wake();
   });
+  std::size_t connecting = posting;
+  const auto connected = [&] {
+    if (--connecting > 0) return;
+    run.start = Steady::now();
+    run.end = std::min(run.end, run.start + std::chrono::seconds(setup.seconds));
+    for (const auto& device : devices) device->start();
+  };
   for (std::size_t i = 0; i < static_cast<std::size_t>(setup.devices); ++i) {
     devices.push_back(std::make_shared<Device>(run, i, [&] {
       if (--posting == 0) signals.cancel();
     }));
-    devices.back()->start();
+    devices.back()->connect(setup.devices * timeToConnect, connected);
   }
   run.loop.run();
   run.tally.seconds = std::chrono::duration<double>(Steady::now() - run.start).count();

@@ -14,7 +14,7 @@ struct FleetSetup {
   // Posts a second of all together; 0: each device posts as soon as it was answered.
   std::int64_t rate = 0;
   std::int64_t events = 50;   // of a post
-  std::int64_t seconds = 10;  // beside a millisecond a device, in which they connect
+  std::int64_t seconds = 10;  // from when all have connected
   std::int64_t seed = 1;
   // Of a hundred posts: how many are cut off by the device, have a wrong body, are sent once more
   // when they were acknowledged; and of a hundred devices, how many are on slow links.
