@@ -76,12 +76,15 @@ ChildProcess::Program ScratchPostgres::asUser(std::vector<std::string> command) 
 
 void ScratchPostgres::start() {
   const std::string folder = _scratch.path("postgres");
-  _server = std::make_unique<ChildProcess>(
-      asUser({_programs + "/postgres", "-D", folder + "/data", "-k", folder, "-c",
-              "listen_addresses=", "-c", "shared_buffers=32MB"}));
   const std::string socket = folder + "/.s.PGSQL.5432";
+  _server = nullptr;
   const bool answers = waitUntil(
       [&] {
+        // It ends at once while children of one that was killed still have its memory.
+        if (!_server || !_server->isRunning())
+          _server = std::make_unique<ChildProcess>(
+              asUser({_programs + "/postgres", "-D", folder + "/data", "-k", folder, "-c",
+                      "listen_addresses=", "-c", "shared_buffers=32MB"}));
         return fs::exists(socket) &&
                ChildProcess(asUser({_programs + "/pg_isready", "-q", "-h", folder}))
                        .waitForExit() == 0;
