@@ -15,7 +15,7 @@ class AsStranger {
  public:
   static constexpr uid_t stranger = 65534;
 
-  AsStranger() { become(stranger); }
+  explicit AsStranger(uid_t user = stranger) { become(user); }
   ~AsStranger() { become(getuid()); }
   AsStranger(const AsStranger&) = delete;
   AsStranger& operator=(const AsStranger&) = delete;
