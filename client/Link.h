@@ -76,6 +76,9 @@ class Link {
   bool isLost() const { return _isLost; }
 
   Session& _session;
+  // Held by whoever touches what follows, until the connection is lost or the session stops; from
+  // then on that is the session's thread's alone.
+  Mutex _atWork;
 
  private:
   struct UnderWay {
@@ -100,9 +103,6 @@ class Link {
   template <class Handler, class Call>
   void tellHost(Handler handler, Call call, std::size_t bytes = 0);
 
-  // Held by whoever touches the rest, until the connection is lost or the session stops; from then
-  // on the rest is the session's thread's alone.
-  Mutex _atWork;
   std::list<UnderWay> _underWay;  // in order
   std::vector<SharedCall> _withheld;
   std::size_t _batchesUnderWay = 0;

@@ -78,11 +78,14 @@ install(FILES packaging/systemd/corvidd.service packaging/systemd/corvidd.socket
 install(FILES packaging/sysusers/corvidd.conf DESTINATION lib/sysusers.d)
 if(CORVID_BUILD_FLEET)
   install(TARGETS corvid-gateway corvid-loader RUNTIME DESTINATION sbin)
+  install(TARGETS corvid-fleet RUNTIME)
+  install(FILES packaging/man/corvid-fleet.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
   install(FILES packaging/man/corvid-gateway.8 packaging/man/corvid-loader.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
   install(FILES packaging/systemd/corvid-gateway.service packaging/systemd/corvid-loader.service
           DESTINATION lib/systemd/system)
   install(FILES packaging/sysusers/corvid-gateway.conf packaging/sysusers/corvid-loader.conf DESTINATION lib/sysusers.d)
   install(FILES packaging/examples/gateway.conf packaging/examples/corvid-gateway.default
+                packaging/examples/nginx-gateway.conf
           DESTINATION share/doc/corvid-gateway/examples)
   install(FILES packaging/examples/corvid-loader.default DESTINATION share/doc/corvid-loader/examples)
 endif()
