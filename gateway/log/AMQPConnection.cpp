@@ -1,6 +1,10 @@
 #include "gateway/log/AMQPConnection.h"
 
+#if __has_include(<rabbitmq-c/tcp_socket.h>)
+#include <rabbitmq-c/tcp_socket.h>
+#else
 #include <amqp_tcp_socket.h>
+#endif
 #include <fmt/format.h>
 #include <sys/socket.h>
 #include <sys/time.h>

@@ -1,6 +1,11 @@
 #pragma once
 
+// Since 0.12 the library has its headers in a folder of its own, and warns of the others.
+#if __has_include(<rabbitmq-c/amqp.h>)
+#include <rabbitmq-c/amqp.h>
+#else
 #include <amqp.h>
+#endif
 
 #include <chrono>
 #include <memory>
