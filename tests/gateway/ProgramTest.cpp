@@ -120,6 +120,17 @@ TEST(CheckConfigTest, SaysWhatIsWrongAndChangesNothing) {
   EXPECT_EQ(sound.output, "ok\n");
 }
 
+TEST(CheckConfigTest, TheLogIsThatOfTheEnvironmentUnlessAnOptionNamesOne) {
+  const auto check = [](std::vector<std::string> arguments) {
+    return runTool("env", std::move(arguments)).output;
+  };
+  EXPECT_EQ(check({"CORVID_LOG_URL=no:log", CORVID_GATEWAY, "--check-config"}),
+            "WRONG --log-url: \"no:log\" is no fake log\n");
+  EXPECT_EQ(check({"CORVID_LOG_URL=no:log", CORVID_GATEWAY, "--check-config", "--log-url",
+                   "fake:stores"}),
+            "ok\n");
+}
+
 TEST(UsageTest, AWrongCommandLineEndsTheProgramWithOneLine) {
   const std::vector<std::pair<std::vector<std::string>, std::string>> wrong{
       {{"--hold", "soon"}, "--hold: takes seconds from 0 to 3600, such as 20s, not \"soon\""},

@@ -1,6 +1,13 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
+#include <chrono>
+#include <stdexcept>
+#include <thread>
+
+#include "base/Descriptor.h"
 #include "gateway/loader/LoaderLedger.h"
 #include "gateway/loader/Monitor.h"
 #include "tests/support/ToolProcess.h"
@@ -9,6 +16,17 @@ namespace corvid::fleet {
 namespace {
 
 using ::testing::HasSubstr;
+
+Descriptor connectTo(std::uint16_t port) {
+  Descriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+    throw std::runtime_error("no monitor");
+  return socket;
+}
 
 std::string ask(const Monitor& monitor, const std::string& path) {
   return runTool("curl", {"-s", "-m", "5", "-w", " %{http_code}",
@@ -32,6 +50,23 @@ TEST(Monitor, TellsTheLedgerAndWhetherItIsReady) {
   ledger.setReading(true);
   EXPECT_EQ(ask(monitor, "/healthz"), "ready\n 200");
   EXPECT_THAT(ask(monitor, "/other"), HasSubstr(" 404"));
+}
+
+TEST(Monitor, ACallerWhoNeverEndsItsRequestHoldsTheNextUpForSecondsOnly) {
+  const Monitor monitor("127.0.0.1:0", {.metrics = [] { return std::string("# EOF\n"); },
+                                        .isReady = [] { return true; }});
+  const Descriptor slow = connectTo(monitor.port());
+  std::jthread trickle([&](const std::stop_token& stop) {
+    while (!stop.stop_requested() && send(slow.get(), "x", 1, MSG_NOSIGNAL) == 1)
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  });
+  const auto asked = std::chrono::steady_clock::now();
+  EXPECT_EQ(ask(monitor, "/healthz"), "ready\n 200");
+  EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::milliseconds(4500));
+  trickle.request_stop();
+  trickle.join();
+  char byte = 0;
+  EXPECT_LE(recv(slow.get(), &byte, 1, 0), 0) << "it got an answer";
 }
 
 TEST(Monitor, SaysWhatIsNoAddress) {
