@@ -9,6 +9,7 @@
 #include "base/Reading.h"
 #include "bench/BareRun.h"
 #include "bench/Bench.h"
+#include "bench/HandOver.h"
 #include "bench/Program.h"
 #include "bench/Reference.h"
 #include "bench/Samples.h"
@@ -176,6 +177,7 @@ Latency measureLatency(Bench& bench, const Options& options) {
 
 struct BareMicros {
   double batched = 0, realtime = 0;  // CPU of the bare program, an event
+  Percentiles handOver;              // of what an answer's way takes by itself
 };
 
 void print(const Throughput& batched, const Throughput& realtime, const Latency& latency,
@@ -204,6 +206,8 @@ void print(const Throughput& batched, const Throughput& realtime, const Latency&
   fmt::print("JSON writer, a record             {:>12.2f} us\n", reference.jsonMicros);
   fmt::print("bare blocking curl POST, CPU      {:>12.2f} us\n", reference.postMicros);
   fmt::print("bare blocking curl POST, p50      {:>12.0f} us\n", reference.postLatencyMicros);
+  fmt::print("bare hand-over and back, p50 / p99    {:>8.0f} / {:.0f} us\n", bare.handOver.p50,
+             bare.handOver.p99);
   const double batchedFloor =
       reference.gzipBatchMicros + reference.jsonMicros + reference.postMicros / eventsPerFlush;
   const double realtimeFloor =
@@ -224,6 +228,7 @@ void measure(Options options, const std::string& folder) {
   const Throughput batched = measureBatched(bench, options);
   const Throughput realtime = measureRealtime(bench, options);
   const Latency latency = measureLatency(bench, options);
+  const Percentiles handOver = percentiles(measureHandOvers(options.latencySeconds * 200));
   const Reference reference = measureReference(samples.batch, eventsPerFlush, samples.lone,
                                                bench.nginx().url("/events"), bench.caFile());
   const Dictionary record = firstRecord(samples.lone);
@@ -235,7 +240,7 @@ void measure(Options options, const std::string& folder) {
   const double bareBatched = measureBare(bare, folder);
   bare.events = options.realtime;
   bare.eventsPerPost = 1;
-  print(batched, realtime, latency, reference, {bareBatched, measureBare(bare, folder)});
+  print(batched, realtime, latency, reference, {bareBatched, measureBare(bare, folder), handOver});
 }
 
 }  // namespace
