@@ -13,6 +13,13 @@
 #include "platform/http/ServerTrust.h"
 
 namespace corvid {
+
+namespace {
+
+constexpr auto curleTooLarge = static_cast<CURLcode>(100);  // CURLE_TOO_LARGE of libcurl 8.6
+
+}  // namespace
+
 Transfer::Transfer(KeptConnections& keptConnections)
     : _keptConnections(keptConnections), _handle(curl().easy_init()) {
   CURL* const handle = _handle.get();
@@ -130,8 +137,8 @@ HTTPError Transfer::errorFor(CURLcode result) const {
     case Refusal::none:
     case Refusal::closedConnection: break;
   }
-  // libcurl has a limit of its own for a line and calls it a lack of memory.
-  if (result == CURLE_OUT_OF_MEMORY && _wasSent && !_hasWholeHead)
+  // libcurl has limits of its own for lines and heads: up to 8.5 it calls that a lack of memory.
+  if ((result == CURLE_OUT_OF_MEMORY || result == curleTooLarge) && _wasSent && !_hasWholeHead)
     return error(CURLE_FILESIZE_EXCEEDED, "the head of the answer is too large");
   if (result == CURLE_FILESIZE_EXCEEDED) return error(result, "the answer is too large");
   return error(result, _errorText[0] ? _errorText.data() : curl().easy_strerror(result));

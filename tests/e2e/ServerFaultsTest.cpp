@@ -26,6 +26,7 @@ using lab::Answer;
 using lab::ConnectionFault;
 using lab::HTTPServer;
 using lab::Request;
+using testing::AnyOf;
 using testing::HasSubstr;
 
 constexpr std::string_view postError = "HTTPSPostBackend(postJsonMessage): post error: ";
@@ -143,7 +144,8 @@ TEST_F(ServerFaults, WithoutTrustNothingIsPosted) {
 TEST_F(ServerFaults, BrokenConnectionsAreErrorsOfTheFlush) {
   admitClient();
   serveConnections(ConnectionFault::hangUp);
-  EXPECT_THAT(flushError(), HasSubstr("SSL_connect"));
+  // libcurl's words, which differ by release.
+  EXPECT_THAT(flushError(), AnyOf(HasSubstr("SSL_connect"), HasSubstr("Broken pipe")));
   serveConnections(ConnectionFault::resets);
   EXPECT_THAT(flushError(), HasSubstr("Connection reset by peer"));
   serveConnections(ConnectionFault::garbage);
@@ -162,7 +164,7 @@ TEST_F(ServerFaults, BrokenAnswersAreErrorsOfTheFlushThoughTheEventsArrived) {
   serveAnswers([](Answer) { return Answer{.body = "0123456789", .cutHeadAfter = 20}; });
   EXPECT_NE(flushError(), "");
   serveAnswers([](Answer) { return Answer{.body = "0123456789", .cutBodyAfter = 5}; });
-  EXPECT_THAT(flushError(), HasSubstr("5 bytes remaining"));
+  EXPECT_THAT(flushError(), AnyOf(HasSubstr("5 bytes remaining"), HasSubstr("unexpected eof")));
   serveAnswers([](Answer) { return Answer{.raw = "I am no server\r\n\r\n"}; });
   EXPECT_THAT(flushError(), HasSubstr("HTTP/0.9"));
   serveAnswers([](Answer) { return Answer{.raw = ""}; });
