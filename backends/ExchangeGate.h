@@ -7,7 +7,6 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -63,7 +62,7 @@ class ExchangeGate : public std::enable_shared_from_this<ExchangeGate> {
   const std::uint32_t _user;
   const std::size_t _byteLimit;
   mutable Mutex _lock;
-  std::condition_variable_any _left;
+  Condition _left;
   std::size_t _bytesOut GUARDED_BY(_lock) = 0;
 };
 

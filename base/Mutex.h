@@ -1,8 +1,12 @@
-// std::recursive_mutex and std::mutex under clang's thread-safety analysis, which cannot follow
-// the standard ones. Members are marked GUARDED_BY, operations REQUIRES or EXCLUDES.
+// std::recursive_mutex, std::mutex and std::condition_variable under clang's thread-safety
+// analysis, which cannot follow the standard ones. Members are marked GUARDED_BY, operations
+// REQUIRES or EXCLUDES.
 #pragma once
 
+#include <chrono>
+#include <condition_variable>
 #include <mutex>
+#include <utility>
 
 #if defined(__clang__)
 #define CORVID_THREAD_ATTRIBUTE(x) __attribute__((x))
@@ -36,6 +40,7 @@ class CAPABILITY("mutex") BasicMutex {
   void unlock() RELEASE() { _base.unlock(); }
 
  private:
+  friend class Condition;
   Base _base;
 };
 
@@ -43,7 +48,7 @@ using Mutex = BasicMutex<std::mutex>;
 // May be locked again by the thread that holds it.
 using RecursiveMutex = BasicMutex<std::recursive_mutex>;
 
-// Holds a mutex for a scope. For waiting, use std::condition_variable_any on the mutex itself.
+// Holds a mutex for a scope.
 template <class M>
 class SCOPED_CAPABILITY BasicLock {
  public:
@@ -58,5 +63,57 @@ class SCOPED_CAPABILITY BasicLock {
 
 using MutexLock = BasicLock<Mutex>;
 using RecursiveLock = BasicLock<RecursiveMutex>;
+
+// Waiting with a mutex held, which is released meanwhile. std::condition_variable_any would do, but
+// has a lock of its own, on which a woken thread waits once more for the one that wakes it.
+class Condition {
+ public:
+  // Best without the mutex, for the same reason.
+  void notify_one() noexcept { _base.notify_one(); }
+  void notify_all() noexcept { _base.notify_all(); }
+
+  // As those of std::condition_variable.
+  void wait(Mutex& mutex) REQUIRES(mutex) {
+    const Held held(mutex);
+    _base.wait(*held);
+  }
+  template <class Predicate>
+  void wait(Mutex& mutex, Predicate isDone) REQUIRES(mutex) {
+    while (!isDone()) wait(mutex);
+  }
+  template <class TimePoint>
+  std::cv_status wait_until(Mutex& mutex, const TimePoint& deadline) REQUIRES(mutex) {
+    const Held held(mutex);
+    return _base.wait_until(*held, deadline);
+  }
+  template <class TimePoint, class Predicate>
+  bool wait_until(Mutex& mutex, const TimePoint& deadline, Predicate isDone) REQUIRES(mutex) {
+    while (!isDone())
+      if (wait_until(mutex, deadline) == std::cv_status::timeout) return isDone();
+    return true;
+  }
+  template <class Duration>
+  std::cv_status wait_for(Mutex& mutex, const Duration& time) REQUIRES(mutex) {
+    return wait_until(mutex, std::chrono::steady_clock::now() + time);
+  }
+  template <class Duration, class Predicate>
+  bool wait_for(Mutex& mutex, const Duration& time, Predicate isDone) REQUIRES(mutex) {
+    return wait_until(mutex, std::chrono::steady_clock::now() + time, std::move(isDone));
+  }
+
+ private:
+  // The standard lock that it asks for, of a mutex that stays locked when that goes.
+  class Held {
+   public:
+    explicit Held(Mutex& mutex) : _lock(mutex._base, std::adopt_lock) {}
+    ~Held() { _lock.release(); }
+    std::unique_lock<std::mutex>& operator*() const { return _lock; }
+
+   private:
+    mutable std::unique_lock<std::mutex> _lock;
+  };
+
+  std::condition_variable _base;
+};
 
 }  // namespace corvid

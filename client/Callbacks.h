@@ -3,7 +3,6 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstddef>
 #include <deque>
 #include <functional>
@@ -72,7 +71,7 @@ class Callbacks {
   std::optional<Wakeup> _ready;
   std::atomic<std::thread::id> _runningOn{};
   mutable Mutex _mutex;
-  std::condition_variable_any _changed;
+  Condition _changed;
   std::deque<Waiting> _waiting GUARDED_BY(_mutex);
   std::size_t _bytes GUARDED_BY(_mutex) = 0;
   bool _ended GUARDED_BY(_mutex) = false;

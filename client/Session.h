@@ -4,7 +4,6 @@
 #include <sys/types.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <deque>
 #include <memory>
@@ -110,7 +109,7 @@ class Session {
   Callbacks _callbacks;
 
   mutable Mutex _mutex;
-  std::condition_variable_any _changed;
+  Condition _changed;
   State _state GUARDED_BY(_mutex) = State::apart;
   std::optional<Connection> _new GUARDED_BY(_mutex);  // connected, to be served
   std::shared_ptr<Link> _link GUARDED_BY(_mutex);     // where there is one to be used here

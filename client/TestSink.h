@@ -3,7 +3,6 @@
 
 #include <array>
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <deque>
 #include <functional>
@@ -74,7 +73,7 @@ class TestSink : public std::enable_shared_from_this<TestSink> {
   };
 
   mutable Mutex _mutex;
-  mutable std::condition_variable_any _called;
+  mutable Condition _called;
   bool _isReachable GUARDED_BY(_mutex) = true;
   std::vector<SharedCall> _calls GUARDED_BY(_mutex);
   std::array<Plans, operations> _plans GUARDED_BY(_mutex);

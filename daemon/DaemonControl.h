@@ -1,7 +1,6 @@
 // The daemon as the control socket shows it.
 #pragma once
 
-#include <condition_variable>
 #include <memory>
 #include <optional>
 #include <string>
@@ -31,7 +30,7 @@ class TemporaryLogLevel {
 
   Mutex _callMutex;
   Mutex _mutex;
-  std::condition_variable_any _ended;
+  Condition _ended;
   bool _ends GUARDED_BY(_mutex) = false;
   std::optional<LogLevel> _before;
   std::thread _thread;

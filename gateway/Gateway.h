@@ -2,7 +2,6 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -46,7 +45,7 @@ class Gateway {
  private:
   Shared _shared;
   Mutex _mutex;
-  std::condition_variable_any _ended;
+  Condition _ended;
   std::size_t _running GUARDED_BY(_mutex) = 0;
   std::vector<std::unique_ptr<Worker>> _workers;
   std::shared_ptr<Listener> _devices;

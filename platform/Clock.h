@@ -2,7 +2,6 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 
 #include "base/Mutex.h"
 #include "base/TimeValue.h"
@@ -23,9 +22,9 @@ class Clock {
   virtual std::chrono::nanoseconds sleepTowards(TimePoint deadline) = 0;
 
   // Waits on `condition`, with `mutex` held, until `isDone` or the deadline; the last isDone().
-  template <class M, class Predicate>
-  bool waitUntil(std::condition_variable_any& condition, M& mutex, TimePoint deadline,
-                 Predicate isDone) REQUIRES(mutex) {
+  template <class Predicate>
+  bool waitUntil(Condition& condition, Mutex& mutex, TimePoint deadline, Predicate isDone)
+      REQUIRES(mutex) {
     while (!isDone()) {
       const auto left = sleepTowards(deadline);
       if (left.count() <= 0) return false;

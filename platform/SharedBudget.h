@@ -1,7 +1,6 @@
 // A bounded amount of something that the daemon's users share, such as bytes of memory.
 #pragma once
 
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -71,7 +70,7 @@ class SharedBudget : public std::enable_shared_from_this<SharedBudget> {
 
   const std::size_t _capacity;
   mutable Mutex _mutex;
-  std::condition_variable_any _freed;
+  Condition _freed;
   std::size_t _held GUARDED_BY(_mutex) = 0;
   std::map<std::uint32_t, std::size_t> _users GUARDED_BY(_mutex);  // who hold something
 };

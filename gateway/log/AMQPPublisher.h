@@ -2,11 +2,11 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <set>
 #include <string>
 #include <thread>
 
+#include "base/Mutex.h"
 #include "base/Wakeup.h"
 #include "gateway/log/AMQPAddress.h"
 #include "gateway/log/AMQPConnection.h"
@@ -68,7 +68,7 @@ class AMQPPublisher final : public LogPublisher {
   Mutex _socketMutex;
   int _socket GUARDED_BY(_socketMutex) = -1;
   Mutex _expiryMutex;
-  std::condition_variable_any _expiryChanged;
+  Condition _expiryChanged;
   std::jthread _expiry;
   std::jthread _worker;
 };

@@ -1,7 +1,6 @@
 // A thread for what waits for disks.
 #pragma once
 
-#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <stop_token>
@@ -30,7 +29,7 @@ class DiskThread {
   void loop() EXCLUDES(_mutex);
 
   Mutex _mutex;
-  std::condition_variable_any _changed;
+  Condition _changed;
   std::deque<std::function<void()>> _queue GUARDED_BY(_mutex);
   bool _isEnding GUARDED_BY(_mutex) = false;
   std::thread _thread;

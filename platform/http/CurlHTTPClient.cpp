@@ -27,11 +27,7 @@ HTTPOutcome failed(const Exchange& exchange, CURLcode code, std::string_view why
 CurlHTTPClient::CurlHTTPClient(std::shared_ptr<Clock> clock, Options options)
     : _clock(std::move(clock)),
       _options(std::move(options)),
-      _heartbeat("HTTP",
-                 [this] {
-                   const MutexLock lock(_mutex);
-                   wake();
-                 }),
+      _heartbeat("HTTP", [this] { wake(); }),
       _allowsInsecureHTTP(_options.allowInsecureHTTP),
       _queue({.exchanges = mostWaitingExchanges,
               .bytes = mostWaitingBytes,
@@ -44,9 +40,9 @@ CurlHTTPClient::~CurlHTTPClient() {
   {
     const MutexLock lock(_mutex);
     _stopping = true;
-    wake();
     thread.swap(_thread);
   }
+  wake();
   if (thread.joinable()) thread.join();
 }
 
@@ -67,7 +63,10 @@ void CurlHTTPClient::start(HTTPRequest request, HTTPCompletion completion) {
     return;
   }
   made.value().completion = std::move(completion);
-  if (auto refusal = enqueue(made.value())) made.value().completion(std::move(*refusal));
+  if (auto refusal = enqueue(made.value()))
+    made.value().completion(std::move(*refusal));
+  else
+    wake();
 }
 
 std::optional<HTTPOutcome> CurlHTTPClient::enqueue(Exchange& exchange) {
@@ -92,7 +91,6 @@ std::optional<HTTPOutcome> CurlHTTPClient::enqueue(Exchange& exchange) {
   ++_underWay;
   _queue.add(std::move(exchange));
   _hasNews = true;
-  wake();
   return std::nullopt;
 }
 
@@ -110,8 +108,16 @@ bool CurlHTTPClient::awaitRoom(Exchange& exchange) {
 }
 
 void CurlHTTPClient::wake() {
-  _hasWork.notify_one();
-  if (std::exchange(_sleepsInTransfer, false)) _multi->wake();
+  bool sleepsInTransfer;
+  {
+    const MutexLock lock(_mutex);
+    sleepsInTransfer = std::exchange(_sleepsInTransfer, false);
+  }
+  // Without the mutex, or the client's thread would wake only to wait for that.
+  if (sleepsInTransfer)
+    _multi->wake();
+  else
+    _hasWork.notify_one();
 }
 
 std::map<std::string, HTTPClient::Load> CurlHTTPClient::loads() const {

@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <functional>
 #include <map>
@@ -97,7 +96,8 @@ class CurlHTTPClient final : public HTTPClient {
   std::optional<HTTPOutcome> enqueue(Exchange& exchange) EXCLUDES(_mutex);
   // False where there is no room in good time.
   bool awaitRoom(Exchange& exchange) REQUIRES(_mutex);
-  void wake() REQUIRES(_mutex);
+  // After a change to what its thread looks at.
+  void wake() EXCLUDES(_mutex);
 
   // The client's thread.
 
@@ -125,8 +125,8 @@ class CurlHTTPClient final : public HTTPClient {
 
   // Shared between callers and the client's thread.
   mutable Mutex _mutex;
-  std::condition_variable_any _hasWork;
-  std::condition_variable_any _hasRoom;
+  Condition _hasWork;
+  Condition _hasRoom;
   ExchangeQueue _queue GUARDED_BY(_mutex);
   // By users for whom there is no room: since there was some last.
   std::map<User, std::size_t> _refusedWithoutRoom GUARDED_BY(_mutex);

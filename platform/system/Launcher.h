@@ -3,7 +3,6 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <string>
@@ -96,7 +95,7 @@ class Launcher final : public KeepAlive {
   const bool _isSocketActivated;
 
   Mutex _mutex;
-  std::condition_variable_any _news;  // no transactions any more, a status, or the end
+  Condition _news;  // no transactions any more, a status, or the end
   unsigned _transactions GUARDED_BY(_mutex) = 0;
   bool _isEnding GUARDED_BY(_mutex) = false;
   bool _statusChanged GUARDED_BY(_mutex) = false;

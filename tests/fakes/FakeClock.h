@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <condition_variable>
 #include <set>
 
 #include "base/Mutex.h"
@@ -47,7 +46,7 @@ class FakeClock final : public Clock {
   std::atomic<std::int64_t> _microseconds{1'700'000'000'000'000};  // 2023-11-14 22:13:20
   std::atomic<std::int64_t> _wallAhead{0};
   Mutex _mutex;
-  std::condition_variable_any _slept;
+  Condition _slept;
   std::set<TimePoint> _awaited GUARDED_BY(_mutex);
 };
 

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -65,7 +64,7 @@ class Feed {
   const std::string _run;  // tells the ids of this process from those of one before it
 
   Mutex _mutex;
-  std::condition_variable_any _changed;
+  Condition _changed;
   std::deque<std::string> _entries GUARDED_BY(_mutex);
   std::uint64_t _lastEntry GUARDED_BY(_mutex) = 0;
   std::size_t _bytes GUARDED_BY(_mutex) = 0;

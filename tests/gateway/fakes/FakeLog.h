@@ -1,7 +1,6 @@
 // A log that does as it is told.
 #pragma once
 
-#include <condition_variable>
 #include <cstddef>
 #include <deque>
 #include <set>
@@ -49,7 +48,7 @@ class FakeLog final : public LogPublisher {
 
   const bool _keepsBodies;
   mutable Mutex _mutex;
-  std::condition_variable_any _changed;
+  Condition _changed;
   Mode _mode GUARDED_BY(_mutex);
   bool _isReady GUARDED_BY(_mutex) = true;
   bool _isEnding GUARDED_BY(_mutex) = false;
