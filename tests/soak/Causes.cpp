@@ -28,6 +28,8 @@ List wordsOfCollector(FaultKind kind) {
     case hang:
       return {"failed.timeout", "failed.closed",    "failed.connect",    "failed.other",
               "failed.tls",     "failed.queueFull", "dropped.lostAtStop"};
+    // A stop waits ten seconds, in which it answers no more than two hundred posts.
+    case slow: return {"dropped.lostAtStop"};
     case reset:
     case hangUp:
     case garbage: return {"failed.connect", "failed.closed", "failed.other", "failed.tls"};

@@ -210,6 +210,17 @@ TEST_F(OracleTest, ALossAtAStopNeedsAServerThatFailedThen) {
   EXPECT_THAT(complaints(), IsEmpty());
 }
 
+// Seed 1, after an hour.
+TEST_F(OracleTest, AStopLosesWhatASlowServerHasNotAnsweredInItsTime) {
+  kill(60'000);
+  history.lives.front().ending = Life::Ending::stopped;
+  answered("one", "realtime", 49'000);
+  EXPECT_THAT(complaints(), ElementsAre(HasSubstr("one (realtime) was answered")));
+  fault(FaultKind::slow, "live", 48'000, 60'000);
+  history.lives.front().lostAtStop = 1;
+  EXPECT_THAT(complaints(), IsEmpty());
+}
+
 TEST_F(OracleTest, ALedgerThatDoesNotAddUpOrHoldsSomethingAtRestIsFound) {
   arrived("one");
   ledger().accepted = 2;
