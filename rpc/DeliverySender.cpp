@@ -47,7 +47,7 @@ void DeliverySender::acknowledged() {
 }
 
 void DeliverySender::flushIfClientReads() {
-  if (!_guard.isWriting() && _network.getCurrentQueueCount() <= 1) flush();
+  if (_guard.hasWrittenAll(_network)) flush();
 }
 
 }  // namespace corvid

@@ -88,8 +88,7 @@ class IPCConnection::Serving {
   }
 
   void messageIsWritten() {
-    // The message that was just written still counts.
-    if (_network.getCurrentQueueCount() <= 1) _account.answersAreTaken();
+    if (_guard.hasWrittenAll(_network)) _account.answersAreTaken();
     flushIfClientReads();
   }
 

@@ -12,6 +12,7 @@
 // Threads: the event loop's.
 #pragma once
 
+#include <capnp/rpc-twoparty.h>
 #include <capnp/rpc.capnp.h>
 #include <capnp/serialize-async.h>
 
@@ -45,7 +46,8 @@ class PeerGuard final : public capnp::MessageStream {
 
   // The client broke a rule that only the reader of a call can see.
   void fail(std::string rule);
-  bool isWriting() const { return _writing; }
+  // Whether the socket has taken all that the network over this stream was given to write.
+  bool hasWrittenAll(capnp::TwoPartyVatNetwork& network) const;
 
   kj::Promise<kj::Maybe<capnp::MessageReaderAndFds>> tryReadMessage(
       kj::ArrayPtr<kj::AutoCloseFd> descriptorSpace, capnp::ReaderOptions options,
@@ -65,6 +67,8 @@ class PeerGuard final : public capnp::MessageStream {
   kj::Promise<Incoming> refuse(std::string rule);
   std::optional<std::string> breachOf(capnp::rpc::Message::Reader message);
   std::optional<std::string> begin(std::uint32_t question);
+  kj::Promise<void> write(kj::ArrayPtr<const int> descriptors,
+                          kj::ArrayPtr<const kj::ArrayPtr<const capnp::word>> segments);
   void inspectOutgoing(capnp::rpc::Message::Reader message);
   // Ends, with a breach, when a large answer has waited too long.
   kj::Promise<void> answerIsLate();
@@ -79,7 +83,7 @@ class PeerGuard final : public capnp::MessageStream {
   std::size_t _unanswered = 0;          // calls begun less calls returned
   std::set<std::uint32_t> _unfinished;  // questions of calls that the client has not finished with
   std::set<std::uint32_t> _bootstraps;  // of those, the questions for the session
-  bool _writing = false;
+  std::size_t _toWrite = 0;             // messages given to write that the socket has not taken
   kj::Own<kj::PromiseFulfiller<void>> _gate;  // of a read that is held back
 };
 

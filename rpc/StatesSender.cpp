@@ -75,7 +75,7 @@ void StatesSender::acknowledged() {
 }
 
 void StatesSender::flushIfClientReads() {
-  if (!_guard.isWriting() && _network.getCurrentQueueCount() <= 1) flush();
+  if (_guard.hasWrittenAll(_network)) flush();
 }
 
 }  // namespace corvid
