@@ -23,6 +23,9 @@ inline const lab::StorebagSigner& strangeSigner() {
   return signer;
 }
 
+// What is said of an envelope without one.
+inline constexpr std::string_view signatureMissing = "fetchStorebagWithName: Signature is missing";
+
 // A whole envelope: XML outside, the storebag as XML inside.
 inline std::string enveloped(const lab::StorebagSigner& signer, const Dictionary& storebag) {
   return signer.envelope(writeXMLPropertyList(storebag));

@@ -24,8 +24,6 @@ std::optional<Dictionary> storebagFromEnvelope(std::string_view envelope, std::s
   return std::move(opened.storebag);
 }
 
-constexpr std::string_view signatureMissing = "fetchStorebagWithName: Signature is missing";
-
 struct StorebagEnvelope : testing::Test {
   std::optional<Dictionary> open(const Dictionary& fields) {
     return open(writeXMLPropertyList(fields));

@@ -18,13 +18,12 @@ namespace corvid {
 namespace {
 
 constexpr std::string_view base = "https://storebags.corvid.invalid/bags/birch";
-const Dictionary storebag{{"release", Dictionary{}}, {"version", "7.1"}};
-const std::string signatureMissing = "fetchStorebagWithName: Signature is missing";
+const Dictionary served{{"release", Dictionary{}}, {"version", "7.1"}};
 
 struct StorebagFetch : testing::Test {
   StorebagFetch() {
     platform.files->files[paths.publicKeyFile] = {trustedSigner().publicKeyDER(), {}};
-    answer(200, enveloped(trustedSigner(), storebag));
+    answer(200, enveloped(trustedSigner(), served));
   }
   void answer(int status, std::string body, HTTPHeaders headers = {}) {
     platform.http->answerWith(
@@ -97,7 +96,7 @@ TEST_F(StorebagFetch, TheServerIsChosenOncePerProcess) {
 TEST_F(StorebagFetch, AsksByNameAndVersionAndReturnsTheVerifiedStorebag) {
   platform.files->files[paths.infoFile] = {
       writeXMLPropertyList(Dictionary{{"BundleVersion", "12.4.1"}}), {}};
-  EXPECT_EQ(fetch(), storebag);
+  EXPECT_EQ(fetch(), served);
   const auto requests = platform.http->requests();
   ASSERT_EQ(requests.size(), 1u);
   EXPECT_EQ(requests[0].method, "GET");
@@ -115,14 +114,14 @@ TEST_F(StorebagFetch, AsksByNameAndVersionAndReturnsTheVerifiedStorebag) {
 }
 
 TEST_F(StorebagFetch, EveryFetchAsksTheServerHoweverFreshTheLastAnswer) {
-  answer(200, enveloped(trustedSigner(), storebag), {{"Cache-Control", "max-age=86400"}});
+  answer(200, enveloped(trustedSigner(), served), {{"Cache-Control", "max-age=86400"}});
   EXPECT_TRUE(fetch());
   EXPECT_TRUE(fetch());
   EXPECT_EQ(platform.http->requests().size(), 2u);
 }
 
 TEST_F(StorebagFetch, AnAbsentNameStandsAsNullInTheURL) {
-  EXPECT_EQ(fetch(std::nullopt), storebag);
+  EXPECT_EQ(fetch(std::nullopt), served);
   EXPECT_EQ(requestedURL(), std::string(base) + "/(null)?version=8.0");
 }
 
@@ -185,7 +184,7 @@ TEST_F(StorebagFetch, AnAbsentNameHasNoFallback) {
 }
 
 TEST_F(StorebagFetch, MaxAgeComesFromCacheControl) {
-  const std::string body = enveloped(trustedSigner(), storebag);
+  const std::string body = enveloped(trustedSigner(), served);
   answer(200, body, {{"Cache-Control", "max-age=600"}});
   EXPECT_TRUE(fetch());
   EXPECT_EQ(fetched.maxAge, 600);
@@ -248,8 +247,8 @@ TEST_F(StorebagFetch, WithoutLastModifiedAnEmptyBodyIsNeverUnchanged) {
 
 TEST_F(StorebagFetch, ANewLastModifiedReplacesTheOldOne) {
   lastModified = "before";
-  answer(200, enveloped(trustedSigner(), storebag), {{"Last-Modified", "after"}});
-  EXPECT_EQ(fetch(), storebag);
+  answer(200, enveloped(trustedSigner(), served), {{"Last-Modified", "after"}});
+  EXPECT_EQ(fetch(), served);
   EXPECT_EQ(fetched.lastModified, "after");
   EXPECT_FALSE(fetched.notModified);
   EXPECT_EQ(platform.log.texts(LogLevel::debug).back(),
@@ -265,13 +264,13 @@ TEST_F(StorebagFetch, ALaterFailureKeepsTheNewLastModified) {
 
 TEST_F(StorebagFetch, TheStatusCodeIsNotExamined) {
   for (const int status : {0, 204, 206, 301, 304, 400, 401, 404, 500, 503, 999}) {
-    answer(status, enveloped(trustedSigner(), storebag));
-    EXPECT_EQ(fetch(), storebag) << status;
+    answer(status, enveloped(trustedSigner(), served));
+    EXPECT_EQ(fetch(), served) << status;
   }
 }
 
 TEST_F(StorebagFetch, AForgedStorebagIsRefused) {
-  answer(200, enveloped(strangeSigner(), storebag));
+  answer(200, enveloped(strangeSigner(), served));
   EXPECT_FALSE(fetch());
   const auto errors = platform.log.texts(LogLevel::error);
   ASSERT_EQ(errors.size(), 1u);
@@ -343,9 +342,9 @@ TEST_F(StorebagFetch, BlocksItsCallerUntilTheExchangeEnds) {
   std::thread caller([&] { fetch(); });
   ASSERT_TRUE(waitUntil([&] { return platform.http->exchangesUnderWay() == 1; }));
   platform.http->completeNext(
-      FakeHTTPClient::response(200, enveloped(trustedSigner(), storebag), {}));
+      FakeHTTPClient::response(200, enveloped(trustedSigner(), served), {}));
   caller.join();
-  EXPECT_EQ(fetched.storebag, storebag);
+  EXPECT_EQ(fetched.storebag, served);
 }
 
 }  // namespace

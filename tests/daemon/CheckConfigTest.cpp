@@ -22,7 +22,7 @@ using Kind = ConfigFinding::Kind;
 constexpr std::string_view profile = "usr/share/corvid/sandbox/com.halcyon.corvidd.plist";
 constexpr std::string_view deployment = "etc/corvid/deployment.plist";
 constexpr std::string_view publicKey = "usr/share/corvid/publicKey.der";
-constexpr std::string_view info = "usr/share/corvid/Info.plist";
+constexpr std::string_view infoFile = "usr/share/corvid/Info.plist";
 constexpr std::string_view entitlements = "etc/corvid/entitlements.d";
 constexpr std::string_view device = "etc/corvid/device.plist";
 constexpr std::string_view preferences = "var/lib/corvidd/Preferences";
@@ -34,7 +34,7 @@ class CheckConfig : public testing::Test {
     for (const char* name : {"LC_ALL", "LC_MESSAGES", "LANG", "TZ"}) unsetenv(name);
     writeList(deployment, Dictionary{{"ProductionStorebagHost", "bags.example:8443"}});
     root.write(publicKey, trustedSigner().publicKeyDER());
-    writeList(info, Dictionary{{"BundleVersion", "8.1"}});
+    writeList(infoFile, Dictionary{{"BundleVersion", "8.1"}});
     root.entitleThisUser();
     writeList(device, Dictionary{{"DeviceName", "Robin"}, {"SerialNumber", ""}});
     writePreferences("com.halcyon.corvid", Dictionary{{"environmentType", 4}});
@@ -125,7 +125,7 @@ TEST_F(CheckConfig, FindsNothingWrongWhereEverythingIsInPlace) {
 TEST_F(CheckConfig, SaysWhatItFound) {
   EXPECT_EQ(finding(profile), "right: a sandbox profile");
   EXPECT_EQ(finding(publicKey), "right: an RSA public key");
-  EXPECT_EQ(finding(info), "right: version 8.1");
+  EXPECT_EQ(finding(infoFile), "right: version 8.1");
   EXPECT_EQ(entitlementFinding(), "right: lets those connect who match");
   EXPECT_EQ(finding(device), "right: answers for 2 keys");
   EXPECT_EQ(finding("var/lib/corvidd/Preferences/com.halcyon.corvid.plist"),
@@ -135,11 +135,11 @@ TEST_F(CheckConfig, SaysWhatItFound) {
 
 TEST_F(CheckConfig, TakesWhatIsOptionalAsANote) {
   root.remove(deployment);
-  root.remove(info);
+  root.remove(infoFile);
   root.remove(device);
   root.remove(preferences);
   EXPECT_EQ(finding(deployment), "note: missing: no storebag server is reached");
-  EXPECT_EQ(finding(info), "note: missing: the version is 8.0");
+  EXPECT_EQ(finding(infoFile), "note: missing: the version is 8.0");
   EXPECT_EQ(finding(device), "note: missing: the machine answers, and is no internal build");
   EXPECT_EQ(finding(preferences), "note: missing: made when the first preference is set");
   EXPECT_TRUE(isRight());
@@ -147,7 +147,7 @@ TEST_F(CheckConfig, TakesWhatIsOptionalAsANote) {
 
 TEST_F(CheckConfig, FindsADamagedFileWrong) {
   for (const std::string_view path :
-       {deployment, info, device, std::string_view("etc/corvid/entitlements.d/test.plist"),
+       {deployment, infoFile, device, std::string_view("etc/corvid/entitlements.d/test.plist"),
         std::string_view("var/lib/corvidd/Preferences/com.halcyon.corvid.plist")}) {
     SCOPED_TRACE(path);
     root.write(path, "{ damaged");
@@ -157,9 +157,9 @@ TEST_F(CheckConfig, FindsADamagedFileWrong) {
 }
 
 TEST_F(CheckConfig, FindsAListThatIsNoDictionaryWrong) {
-  root.write(info, writeXMLPropertyList(Array{1}));
+  root.write(infoFile, writeXMLPropertyList(Array{1}));
   EXPECT_EQ(
-      finding(info),
+      finding(infoFile),
       "wrong: not a dictionary; make it a property list with a dictionary that the daemon may read");
 }
 
@@ -200,8 +200,8 @@ TEST_F(CheckConfig, KnowsHowLongEachFileMayBe) {
   root.write(publicKey, trustedSigner().publicKeyDER() + std::string(20'000, '\0'));
   EXPECT_TRUE(finding(publicKey).starts_with("wrong: Longer than 16384 bytes"));
   const Dictionary version{{"BundleVersion", "8.1"}, {"filler", std::string(300'000, 'x')}};
-  writeList(info, version);
-  EXPECT_TRUE(finding(info).starts_with("wrong: longer than 262144 bytes"));
+  writeList(infoFile, version);
+  EXPECT_TRUE(finding(infoFile).starts_with("wrong: longer than 262144 bytes"));
   const Dictionary filler{{"uuid:name:service", std::string(3'000'000, 'x')}};
   writeList("var/lib/corvidd/Preferences/com.halcyon.corvid.plist", filler);
   EXPECT_EQ(finding("var/lib/corvidd/Preferences/com.halcyon.corvid.plist"),
@@ -227,8 +227,9 @@ TEST_F(CheckConfig, FindsAJitterBelow0OrAbove0Point5Wrong) {
 }
 
 TEST_F(CheckConfig, NeedsAVersionThatIsAText) {
-  writeList(info, Dictionary{{"BundleVersion", 8}});
-  EXPECT_EQ(finding(info), "wrong: no text under BundleVersion, so the version is 8.0; add one");
+  writeList(infoFile, Dictionary{{"BundleVersion", 8}});
+  EXPECT_EQ(finding(infoFile),
+            "wrong: no text under BundleVersion, so the version is 8.0; add one");
 }
 
 TEST_F(CheckConfig, LooksIntoTheCertificatesThatTheDeploymentNames) {
@@ -471,12 +472,12 @@ TEST_F(CheckConfig, NamesTheSourceOfEachDeviceAnswer) {
 }
 
 TEST_F(CheckConfig, PrintsALineForEachFindingAndTheirNumber) {
-  root.remove(info);
+  root.remove(infoFile);
   root.write(publicKey, "garbage\n");
   const Findings found = checkConfig(Paths(root.path()));
   const std::string text = found.text();
   EXPECT_TRUE(text.ends_with("\n1 wrong, 1 notes\n")) << text;
-  EXPECT_NE(text.find("\nnote  " + root.path(info) + ": missing"), std::string::npos) << text;
+  EXPECT_NE(text.find("\nnote  " + root.path(infoFile) + ": missing"), std::string::npos) << text;
   EXPECT_NE(text.find("\nWRONG " + root.path(publicKey) + ": no RSA"), std::string::npos) << text;
   const auto json = parseJSON(found.json());
   ASSERT_TRUE(json);

@@ -22,16 +22,13 @@ class Hierarchy : public AgentTest {
   }
 };
 
-constexpr LogLevel error = LogLevel::error;
-constexpr LogLevel info = LogLevel::info;
-constexpr LogLevel debug = LogLevel::debug;
-
 // Joining
 
 TEST_F(Hierarchy, ASessionWithoutUserInfoJoinsNoGroup) {
   CorviddSession& session = connectAs(7, 8);
   agent->userInfoUpdatedForSession(session);
-  EXPECT_TRUE(log.has(info, "userInfoUpdatedForSession: No user info found for session 7"));
+  EXPECT_TRUE(
+      log.has(LogLevel::info, "userInfoUpdatedForSession: No user info found for session 7"));
   connect("next");
   EXPECT_TRUE(log.anyContains("1(0) connections."));
 }
@@ -39,14 +36,15 @@ TEST_F(Hierarchy, ASessionWithoutUserInfoJoinsNoGroup) {
 TEST_F(Hierarchy, ASessionJoinsTheGroupOfItsLowerCasedNames) {
   CorviddSession& session = connectAs(7, 8, userInfo("PLAYER", "FeeD"));
   agent->userInfoUpdatedForSession(session);
-  EXPECT_TRUE(log.has(
-      debug, "userInfoUpdatedForSession: Adding session 7 to list for userInfoKey player:feed"));
+  EXPECT_TRUE(
+      log.has(LogLevel::debug,
+              "userInfoUpdatedForSession: Adding session 7 to list for userInfoKey player:feed"));
 }
 
 TEST_F(Hierarchy, AbsentNamesAreEmptyInTheKey) {
   agent->userInfoUpdatedForSession(connectAs(7, 8, Dictionary{}));
-  EXPECT_TRUE(
-      log.has(debug, "userInfoUpdatedForSession: Adding session 7 to list for userInfoKey :"));
+  EXPECT_TRUE(log.has(LogLevel::debug,
+                      "userInfoUpdatedForSession: Adding session 7 to list for userInfoKey :"));
 }
 
 TEST_F(Hierarchy, NamesThatDifferInCaseOnlyShareAGroup) {
@@ -134,8 +132,9 @@ TEST_F(Hierarchy, TheParentIDReadsFromTheTopToTheImmediateParent) {
             a.sessionIDString() + "." + b.sessionIDString());
   EXPECT_EQ(agent->parentSessionIDStringForSession(d),
             a.sessionIDString() + "." + b.sessionIDString() + "." + c.sessionIDString());
-  EXPECT_TRUE(log.has(
-      debug, "parentSessionIDStringForSession: Checking userInfoKey 'player:feed' for session 4"));
+  EXPECT_TRUE(
+      log.has(LogLevel::debug,
+              "parentSessionIDStringForSession: Checking userInfoKey 'player:feed' for session 4"));
 }
 
 TEST_F(Hierarchy, WithoutItsImmediateParentASessionHasNoParentID) {
@@ -144,7 +143,7 @@ TEST_F(Hierarchy, WithoutItsImmediateParentASessionHasNoParentID) {
   log.clear();
   EXPECT_EQ(agent->parentSessionIDStringForSession(grandchild), std::nullopt);
   EXPECT_EQ(
-      log.texts(info),
+      log.texts(LogLevel::info),
       std::vector<std::string>{
           "parentSessionIDStringForSession: Found a gap in hierarchy (one of parents missing): incomplete parentSessionID is '(null)'"});
 }
@@ -155,7 +154,7 @@ TEST_F(Hierarchy, AGapAboveTheParentCutsTheParentID) {
   log.clear();
   EXPECT_EQ(agent->parentSessionIDStringForSession(grandchild), child.sessionIDString());
   EXPECT_EQ(
-      log.texts(info),
+      log.texts(LogLevel::info),
       std::vector<std::string>{fmt::format(
           "parentSessionIDStringForSession: Found a gap in hierarchy (one of parents missing): incomplete parentSessionID is '{}'",
           child.sessionIDString())});
@@ -176,7 +175,7 @@ TEST_F(Hierarchy, AMissingGroupIsAnError) {
   EXPECT_EQ(agent->parentSessionIDStringForSession(child), std::nullopt);
   EXPECT_EQ(parentOf(child), nullptr);
   EXPECT_EQ(
-      log.texts(error),
+      log.texts(LogLevel::error),
       (std::vector<std::string>{
           "parentSessionIDStringForSession: ERROR: No sessions found for user info key nobody:here",
           "parentSessionForChild: ERROR: No sessions found for user info key nobody:here"}));
@@ -189,7 +188,7 @@ TEST_F(Hierarchy, AnEmptyGroupIsAsGoodAsNone) {
   log.clear();
   EXPECT_EQ(agent->parentSessionIDStringForSession(child), std::nullopt);
   EXPECT_TRUE(log.has(
-      error,
+      LogLevel::error,
       "parentSessionIDStringForSession: ERROR: No sessions found for user info key recorder:feed"));
 }
 
@@ -201,7 +200,7 @@ TEST_F(Hierarchy, ASessionOutsideItsGroupIsAnError) {
   EXPECT_EQ(agent->parentSessionIDStringForSession(child), std::nullopt);
   EXPECT_EQ(parentOf(child), nullptr);
   EXPECT_EQ(
-      log.texts(error),
+      log.texts(LogLevel::error),
       (std::vector<std::string>{
           "parentSessionIDStringForSession: ERROR: Session 2 not found for user info key recorder:feed",
           "parentSessionForChild: ERROR: Session 2 not found for user info key recorder:feed"}));
@@ -215,7 +214,7 @@ TEST_F(Hierarchy, TheParentIsOneLevelUp) {
   CorviddSession& grandchild = join(3, 2);
   log.clear();
   EXPECT_EQ(parentOf(grandchild), &child);
-  EXPECT_EQ(log.texts(debug),
+  EXPECT_EQ(log.texts(LogLevel::debug),
             std::vector<std::string>{
                 "parentSessionForChild: Checking userInfoKey 'player:feed' for session 3"});
 }
@@ -226,7 +225,7 @@ TEST_F(Hierarchy, AMissingParentIsLogged) {
   log.clear();
   EXPECT_EQ(parentOf(grandchild), nullptr);
   EXPECT_EQ(
-      log.texts(info),
+      log.texts(LogLevel::info),
       std::vector<std::string>{
           "parentSessionForChild: Unable to find session with hierarchy of 1 for userInfoKey 'player:feed'"});
 }
@@ -244,8 +243,8 @@ TEST_F(Hierarchy, ANegativeLevelHasNoParent) {
 TEST_F(Hierarchy, WithoutUserInfoThereIsNoAncestor) {
   CorviddSession& session = connectAs(7, 8);
   EXPECT_EQ(aggregatorOf(session), nullptr);
-  EXPECT_TRUE(
-      log.has(info, "getAncestorWithAggregatorForSession: No user info found for session 7"));
+  EXPECT_TRUE(log.has(LogLevel::info,
+                      "getAncestorWithAggregatorForSession: No user info found for session 7"));
 }
 
 TEST_F(Hierarchy, TheTopmostAggregatorIsPreferred) {
@@ -316,7 +315,8 @@ TEST_F(Downstream, NothingHappensWithoutUserInfo) {
   log.clear();
   agent->updateDownstreamSessions(session);
   EXPECT_EQ(log.lines().size(), 1u);
-  EXPECT_TRUE(log.has(info, "updateDownstreamSessions: No user info found for session 7"));
+  EXPECT_TRUE(
+      log.has(LogLevel::info, "updateDownstreamSessions: No user info found for session 7"));
 }
 
 TEST_F(Downstream, EveryDescendantIsUpdatedInOrderOfJoining) {
@@ -328,7 +328,7 @@ TEST_F(Downstream, EveryDescendantIsUpdatedInOrderOfJoining) {
   log.clear();
   agent->updateDownstreamSessions(top);
   std::vector<std::string> lines;
-  for (const std::string& line : log.texts(debug))
+  for (const std::string& line : log.texts(LogLevel::debug))
     if (line.starts_with("update")) lines.push_back(line);
   const std::string topID = top.sessionIDString();
   const std::string childID = topID + "." + child.sessionIDString();
@@ -342,10 +342,11 @@ TEST_F(Downstream, TheChangedSessionIsUpdatedFirst) {
   CorviddSession& child = join(2, 1);
   log.clear();
   agent->updateDownstreamSessions(child);
-  EXPECT_TRUE(log.has(debug, combined(2, top.sessionIDString() + "." + child.sessionIDString())));
-  EXPECT_FALSE(log.has(debug, updating(2)));
   EXPECT_TRUE(
-      log.has(debug, "parentSessionForChild: Checking userInfoKey 'player:feed' for session 2"));
+      log.has(LogLevel::debug, combined(2, top.sessionIDString() + "." + child.sessionIDString())));
+  EXPECT_FALSE(log.has(LogLevel::debug, updating(2)));
+  EXPECT_TRUE(log.has(LogLevel::debug,
+                      "parentSessionForChild: Checking userInfoKey 'player:feed' for session 2"));
 }
 
 TEST_F(Downstream, ATopThatAggregatesEndsTheAggregationOfAChildThatCameFirst) {
@@ -376,7 +377,7 @@ TEST_F(Downstream, UnderAnAggregatingAncestorEvenASessionWithoutAggregatorIsShut
   CorviddSession& child = join(2, 1);
   log.clear();
   agent->updateDownstreamSessions(child);
-  EXPECT_EQ(log.count(debug, shutDown(2)), 1);
+  EXPECT_EQ(log.count(LogLevel::debug, shutDown(2)), 1);
 }
 
 TEST_F(Downstream, DescendantsOfAShutDownSessionLoseTheirAggregationToo) {
@@ -389,8 +390,8 @@ TEST_F(Downstream, DescendantsOfAShutDownSessionLoseTheirAggregationToo) {
   log.clear();
   agent->updateDownstreamSessions(child);
   EXPECT_FALSE(grandchild.hasAggregator());
-  EXPECT_EQ(log.count(debug, shutDown(grandchild.sessionID())), 1);
-  EXPECT_EQ(log.count(debug, shutDown(silent.sessionID())), 0);
+  EXPECT_EQ(log.count(LogLevel::debug, shutDown(grandchild.sessionID())), 1);
+  EXPECT_EQ(log.count(LogLevel::debug, shutDown(silent.sessionID())), 0);
 }
 
 TEST_F(Downstream, WithoutAnyAggregatorAboveADescendantKeepsItsOwn) {

@@ -53,10 +53,6 @@ class StorebagCache : public AgentTest {
   CorviddSession& session = connectAs(7, lumen);
 };
 
-constexpr LogLevel error = LogLevel::error;
-constexpr LogLevel info = LogLevel::info;
-constexpr LogLevel debug = LogLevel::debug;
-
 TEST_F(StorebagCache, TheFirstRequestFetches) {
   serve("one", 600);
   log.clear();
@@ -64,7 +60,7 @@ TEST_F(StorebagCache, TheFirstRequestFetches) {
   ASSERT_EQ(fetches.size(), 1u);
   EXPECT_EQ(fetches[0].clientType, lumen);
   EXPECT_EQ(fetches[0].lastModified, std::nullopt);
-  EXPECT_EQ(log.texts(debug),
+  EXPECT_EQ(log.texts(LogLevel::debug),
             (std::vector<std::string>{
                 "storebagForSession: Retrieving storebag for session 7 with client type 5",
                 "fetchAndCacheStorebag: Fetching storebag for client type 5",
@@ -80,7 +76,7 @@ TEST_F(StorebagCache, AFreshStorebagIsServedWithoutAFetch) {
   log.clear();
   EXPECT_EQ(storebag(), bag("one"));
   EXPECT_EQ(fetches.size(), 1u);
-  EXPECT_EQ(log.texts(debug),
+  EXPECT_EQ(log.texts(LogLevel::debug),
             (std::vector<std::string>{
                 "storebagForSession: Retrieving storebag for session 7 with client type 5",
                 "storebagForSession: Cached storebag found for client type 5"}));
@@ -148,10 +144,10 @@ TEST_F(StorebagCache, AFailedFetchIsAnErrorAndYieldsNothing) {
   log.clear();
   EXPECT_EQ(storebag(), std::nullopt);
   EXPECT_EQ(version(), std::nullopt);
-  EXPECT_EQ(log.texts(error),
+  EXPECT_EQ(log.texts(LogLevel::error),
             std::vector<std::string>{
                 "fetchAndCacheStorebag: Unable to fetch storebag for client type 5"});
-  EXPECT_TRUE(log.has(debug, "fetchAndCacheStorebag: Storebag max age: 0 seconds"));
+  EXPECT_TRUE(log.has(LogLevel::debug, "fetchAndCacheStorebag: Storebag max age: 0 seconds"));
 }
 
 TEST_F(StorebagCache, AfterAFailureNothingIsFetchedFor900Seconds) {
@@ -163,7 +159,7 @@ TEST_F(StorebagCache, AfterAFailureNothingIsFetchedFor900Seconds) {
   EXPECT_EQ(storebag(), std::nullopt);
   EXPECT_EQ(fetches.size(), 1u);
   EXPECT_EQ(
-      log.texts(info),
+      log.texts(LogLevel::info),
       std::vector<std::string>{
           "storebagForSession: Not fetching storebag for client type 5 - must wait 900 seconds between attempts"});
 }
@@ -230,17 +226,18 @@ TEST_F(StorebagCache, WhileAFailureLastsTheOlderStorebagIsServedWithTheWaitLogge
   log.clear();
   EXPECT_EQ(storebag(), bag("one"));
   EXPECT_EQ(
-      log.texts(info),
+      log.texts(LogLevel::info),
       std::vector<std::string>{
           "storebagForSession: Not fetching storebag for client type 5 - must wait 900 seconds between attempts"});
-  EXPECT_FALSE(log.has(debug, "storebagForSession: Cached storebag found for client type 5"));
+  EXPECT_FALSE(
+      log.has(LogLevel::debug, "storebagForSession: Cached storebag found for client type 5"));
 }
 
 TEST_F(StorebagCache, NotModifiedWithoutAnEarlierStorebagIsASuccessWithNothing) {
   answerNotModified(600);
   log.clear();
   EXPECT_EQ(storebag(), std::nullopt);
-  EXPECT_TRUE(log.texts(error).empty());
+  EXPECT_TRUE(log.texts(LogLevel::error).empty());
   EXPECT_EQ(storebag(), std::nullopt);
   EXPECT_EQ(fetches.size(), 1u);
 }
@@ -253,8 +250,8 @@ TEST_F(StorebagCache, NotModifiedKeepsTheStorebagAndRestartsItsFreshness) {
   log.clear();
   EXPECT_EQ(storebag(), bag("one"));
   EXPECT_EQ(version(), "version of one");
-  EXPECT_TRUE(log.texts(error).empty());
-  EXPECT_TRUE(log.has(debug, "fetchAndCacheStorebag: Storebag max age: 300 seconds"));
+  EXPECT_TRUE(log.texts(LogLevel::error).empty());
+  EXPECT_TRUE(log.has(LogLevel::debug, "fetchAndCacheStorebag: Storebag max age: 300 seconds"));
 
   platform.clock->advance(seconds(299));
   storebag();
@@ -275,7 +272,8 @@ TEST_F(StorebagCache, NotModifiedEndsAFailure) {
   storebag();
   log.clear();
   EXPECT_EQ(storebag(), bag("one"));
-  EXPECT_TRUE(log.has(debug, "storebagForSession: Cached storebag found for client type 5"));
+  EXPECT_TRUE(
+      log.has(LogLevel::debug, "storebagForSession: Cached storebag found for client type 5"));
 }
 
 TEST_F(StorebagCache, LastModifiedIsReplacedOnlyByANewOne) {
@@ -363,7 +361,7 @@ TEST_F(StorebagCache, AfterAFailureTypesWithoutANamePauseForThatUser) {
   EXPECT_EQ(agent->storebagForSession(connectAs(2, 18)).value(), std::nullopt);
   EXPECT_TRUE(fetches.empty());
   EXPECT_TRUE(
-      log.has(info,
+      log.has(LogLevel::info,
               "storebagForSession: Not fetching storebag for client type 18 - must wait 900 "
               "seconds between attempts"));
   EXPECT_EQ(storebag(), std::nullopt);
@@ -420,7 +418,7 @@ TEST_F(StorebagCache, AStorebagWithoutAVersionFailsTheRequestAndLeavesTheRecordA
   serveWithoutVersion();
   log.clear();
   EXPECT_FALSE(agent->storebagForSession(session));
-  EXPECT_EQ(log.texts(debug),
+  EXPECT_EQ(log.texts(LogLevel::debug),
             (std::vector<std::string>{
                 "storebagForSession: Retrieving storebag for session 7 with client type 5",
                 "fetchAndCacheStorebag: Fetching storebag for client type 5"}));
@@ -457,7 +455,8 @@ TEST_F(StorebagCache, WithoutAnInjectedFetchTheConfigurationServerIsAsked) {
   EXPECT_EQ(real->storebagForSession(session).value(), std::nullopt);
   ASSERT_EQ(platform.http->requests().size(), 1u);
   EXPECT_NE(platform.http->requests()[0].url.find("/lumen?version="), std::string::npos);
-  EXPECT_TRUE(log.has(error, "fetchAndCacheStorebag: Unable to fetch storebag for client type 5"));
+  EXPECT_TRUE(log.has(LogLevel::error,
+                      "fetchAndCacheStorebag: Unable to fetch storebag for client type 5"));
 }
 
 TEST_F(StorebagCache, ClientType0AsksNoServer) {

@@ -11,12 +11,12 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* address =
+constexpr const char* uploadPath =
     "/v1/uploads?uuid=ea5af&sequence=44&description=Parley%20log&filename=call%20log.txt.gz&raw=true";
 
 class UploadsTest : public GatewayTest {
  protected:
-  std::optional<Got> upload(std::string_view body, std::string_view to = address) {
+  std::optional<Got> upload(std::string_view body, std::string_view to = uploadPath) {
     return post(port, to, body,
                 {"Content-Type: application/octet-stream", "Content-Encoding: gzip"});
   }
@@ -122,7 +122,7 @@ TEST_F(UploadsTest, AnUploadThatBreaksOffLeavesNothing) {
   start();
   {
     Caller caller(port);
-    caller.send(fmt::format("POST {} HTTP/1.1\r\nContent-Length: 900000\r\n\r\n", address));
+    caller.send(fmt::format("POST {} HTTP/1.1\r\nContent-Length: 900000\r\n\r\n", uploadPath));
     caller.send(gzip("content").substr(0, 10));
     caller.send(std::string(400'000, '\0'));
     ASSERT_TRUE(waitUntil([&] { return gateway->balance().received[2] == 1; }));

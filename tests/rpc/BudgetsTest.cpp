@@ -15,8 +15,6 @@
 namespace corvid {
 namespace {
 
-constexpr std::size_t mebibyte = std::size_t{1} << 20;
-
 std::string largeEvent(std::uint32_t question) {
   return call(question, 4, [](capnp::rpc::Payload::Builder parameters) {
     auto event = parameters.getContent()

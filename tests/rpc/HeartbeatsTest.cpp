@@ -1,12 +1,11 @@
 // The loops that accept answer who watches them.
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 
 #include <atomic>
 
-#include "base/UnixAddress.h"
 #include "rpc/ControlService.h"
 #include "tests/rpc/ServiceFixture.h"
+#include "tests/rpc/WireClient.h"
 
 namespace corvid {
 namespace {
@@ -15,12 +14,6 @@ using std::chrono::milliseconds;
 
 bool answers(const Heartbeat& heartbeat, milliseconds limit = patience) {
   return waitUntil([&] { return heartbeat.hasAnswered(); }, limit);
-}
-
-Descriptor connectTo(const std::string& path) {
-  Descriptor client(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  EXPECT_EQ(UnixAddress(path).connect(client.get()), 0);
-  return client;
 }
 
 class Heartbeats : public ServiceFixture {

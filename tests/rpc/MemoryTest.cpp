@@ -13,8 +13,7 @@
 namespace corvid {
 namespace {
 
-constexpr std::size_t mebibyte = std::size_t{1} << 20;
-constexpr std::uint16_t flush = 5;
+constexpr std::uint16_t flushMethod = 5;
 
 std::size_t bytesInUse() {
   const struct mallinfo2 info = mallinfo2();
@@ -23,7 +22,7 @@ std::size_t bytesInUse() {
 
 // A flush whose message holds a mebibyte that none of its parameters points at.
 std::string largeFlush(std::uint32_t question) {
-  return call(question, flush, [](capnp::rpc::Payload::Builder parameters) {
+  return call(question, flushMethod, [](capnp::rpc::Payload::Builder parameters) {
     auto content = parameters.getContent().initAs<wire::ClientSession::FlushParams>();
     content.setReplyWanted(true);
     capnp::Orphanage::getForMessageContaining(content).newOrphan<capnp::Data>(mebibyte);

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <string>
@@ -20,6 +21,8 @@
 #include "tests/support/Waiting.h"
 
 namespace corvid {
+
+inline constexpr std::size_t mebibyte = std::size_t{1} << 20;
 
 // Answers each call as the test says; by default as a session without backends would.
 class RecordingSession : public ClientSessionInterface {

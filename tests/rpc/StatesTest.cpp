@@ -34,9 +34,9 @@ std::string textOf(wire::StatesReport::Reader report) {
   return text;
 }
 
-class HearingClient final : public wire::ClientSessionReply::Server {
+class WatchingClient final : public wire::ClientSessionReply::Server {
  public:
-  explicit HearingClient(std::vector<std::string>& heard) : _heard(heard) {}
+  explicit WatchingClient(std::vector<std::string>& heard) : _heard(heard) {}
   kj::Promise<void> statesChanged(StatesChangedContext context) override {
     _heard.push_back(textOf(context.getParams().getReport()));
     if (!acknowledges) return kj::NEVER_DONE;
@@ -76,7 +76,7 @@ class States : public ServiceFixture {
 
 TEST_F(States, AClientThatWishedItHearsOfAChange) {
   start();
-  WireClient client(path, kj::heap<HearingClient>(heard));
+  WireClient client(path, kj::heap<WatchingClient>(heard));
   describe(client, true);
   change(sending);
   hear(client, 1);
@@ -90,7 +90,7 @@ TEST_F(States, AClientThatWishedItHearsOfAChange) {
 
 TEST_F(States, AreNotToldAgainWhereTheyAreTheSame) {
   start();
-  WireClient client(path, kj::heap<HearingClient>(heard));
+  WireClient client(path, kj::heap<WatchingClient>(heard));
   describe(client, true);
   change(sending);
   hear(client, 1);
@@ -104,7 +104,7 @@ TEST_F(States, ThatAnAnswerTellsAreNotToldBesides) {
     session.states = Array{"httpPost"};
   };
   start();
-  WireClient client(path, kj::heap<HearingClient>(heard));
+  WireClient client(path, kj::heap<WatchingClient>(heard));
   describe(client, true);
   change(sending);
   hear(client, 1);
@@ -122,7 +122,7 @@ TEST_F(States, ThatAnAnswerTellsAreNotToldBesides) {
 
 TEST_F(States, ThatChangeWhileTheClientIsSilentAreToldOnceAndAsTheyAreInTheEnd) {
   start();
-  auto silent = kj::heap<HearingClient>(heard);
+  auto silent = kj::heap<WatchingClient>(heard);
   silent->acknowledges = false;
   WireClient client(path, kj::mv(silent));
   describe(client, true);
@@ -140,7 +140,7 @@ TEST_F(States, ThatChangeWhileTheClientIsSilentAreToldOnceAndAsTheyAreInTheEnd) 
 
 TEST_F(States, ThatChangeInAStormLeaveTheClientWithTheLatest) {
   start();
-  WireClient client(path, kj::heap<HearingClient>(heard));
+  WireClient client(path, kj::heap<WatchingClient>(heard));
   describe(client, true);
   std::thread storm([&] {
     for (int n = 0; n < 5000; ++n) change(n % 2 == 0 ? sampledOut : sending);
@@ -157,7 +157,7 @@ TEST_F(States, ThatChangeInAStormLeaveTheClientWithTheLatest) {
 
 TEST_F(States, AClientThatWishesNothingHearsNothing) {
   start();
-  WireClient client(path, kj::heap<HearingClient>(heard));
+  WireClient client(path, kj::heap<WatchingClient>(heard));
   describe(client, false);
   change(sending);
   settle(client);

@@ -7,7 +7,7 @@
 namespace corvid {
 namespace {
 
-constexpr auto limit = static_cast<std::int32_t>(MethodCounts::limit);
+constexpr auto mostMethods = static_cast<std::int32_t>(MethodCounts::limit);
 
 TEST(MethodCounts, CountsEachMethodFromNothing) {
   MethodCounts counts;
@@ -27,7 +27,7 @@ TEST(MethodCounts, CountsEachMethodFromNothing) {
 TEST(MethodCounts, HasRoomForEveryMethodOfAnEvent) {
   MethodCounts counts;
   for (int round = 0; round < 2; ++round)
-    for (std::int32_t method = 0; method < limit; ++method) counts.increment(method);
+    for (std::int32_t method = 0; method < mostMethods; ++method) counts.increment(method);
   EXPECT_EQ(counts.of(0), 2);
   EXPECT_EQ(counts.of(std::numeric_limits<std::uint16_t>::max()), 2);
 }
@@ -35,13 +35,13 @@ TEST(MethodCounts, HasRoomForEveryMethodOfAnEvent) {
 TEST(MethodCounts, PastTheLimitAllBeginAnew) {
   for (const bool byIncrement : {true, false}) {
     MethodCounts counts;
-    for (std::int32_t method = 0; method < limit; ++method) counts.increment(method);
-    EXPECT_EQ(counts.of(limit), 0);
+    for (std::int32_t method = 0; method < mostMethods; ++method) counts.increment(method);
+    EXPECT_EQ(counts.of(mostMethods), 0);
     EXPECT_EQ(counts.of(0), 1) << "asking takes no room";
-    byIncrement ? counts.increment(limit) : counts.set(limit, 1);
-    EXPECT_EQ(counts.of(limit), 1);
+    byIncrement ? counts.increment(mostMethods) : counts.set(mostMethods, 1);
+    EXPECT_EQ(counts.of(mostMethods), 1);
     EXPECT_EQ(counts.of(0), 0);
-    EXPECT_EQ(counts.of(limit - 1), 0);
+    EXPECT_EQ(counts.of(mostMethods - 1), 0);
   }
 }
 

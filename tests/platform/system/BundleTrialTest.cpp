@@ -6,16 +6,13 @@
 
 #include "platform/system/BundleTrial.h"
 #include "tests/fakes/CapturedLog.h"
+#include "tests/platform/system/BundlePath.h"
 
 namespace corvid {
 namespace {
 
 using testing::AnyOf;
 using testing::HasSubstr;
-
-std::string pathOf(const std::string& bundle) {
-  return std::string(CORVID_BUNDLES_FOLDER) + "/" + bundle + ".so";
-}
 
 class BundleTrialTest : public testing::Test {
  protected:
@@ -26,11 +23,11 @@ class BundleTrialTest : public testing::Test {
   static std::optional<std::string> tried(
       const std::string& bundle, std::chrono::milliseconds patience = std::chrono::seconds(20)) {
     const BundleTrial trial = tryBundle(
-        pathOf(bundle), "MetrixAdaptor", [] { return true; }, patience);
+        bundlePath(bundle), "MetrixAdaptor", [] { return true; }, patience);
     if (trial.fault)
       EXPECT_EQ(trial.passed, std::nullopt);
     else
-      EXPECT_EQ(trial.passed, FileStamp::of(pathOf(bundle)));
+      EXPECT_EQ(trial.passed, FileStamp::of(bundlePath(bundle)));
     return trial.fault;
   }
 
@@ -42,7 +39,7 @@ TEST_F(BundleTrialTest, ASoundBundleDoesWell) { EXPECT_EQ(tried("Sound"), std::n
 TEST_F(BundleTrialTest, AnAbsentBundleIsNotTried) {
   bool entered = false;
   const BundleTrial trial =
-      tryBundle(pathOf("Absent"), "MetrixAdaptor", [&] { return entered = true; });
+      tryBundle(bundlePath("Absent"), "MetrixAdaptor", [&] { return entered = true; });
   EXPECT_EQ(trial.passed, std::nullopt);
   EXPECT_EQ(trial.fault, std::nullopt);
   EXPECT_FALSE(entered);
@@ -86,7 +83,7 @@ TEST_F(BundleTrialTest, ABundleThatCannotBeUsedDoesNotPassAndTheReasonIsTheFault
 }
 
 TEST_F(BundleTrialTest, NothingIsLoadedOutsideTheSandbox) {
-  EXPECT_EQ(tryBundle(pathOf("CrashesAtLoad"), "MetrixAdaptor", [] { return false; }).fault,
+  EXPECT_EQ(tryBundle(bundlePath("CrashesAtLoad"), "MetrixAdaptor", [] { return false; }).fault,
             "the sandbox to try it in could not be entered");
 }
 

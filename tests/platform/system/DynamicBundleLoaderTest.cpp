@@ -8,6 +8,7 @@
 #include "platform/data/PropertyList.h"
 #include "platform/system/DynamicBundleLoader.h"
 #include "tests/fakes/CapturedLog.h"
+#include "tests/platform/system/BundlePath.h"
 #include "tests/support/Scratch.h"
 
 namespace corvid {
@@ -19,14 +20,10 @@ using testing::IsEmpty;
 
 constexpr std::string_view forward = "sendMessageWithMethod:respCode:dict:";
 
-std::string pathOf(const std::string& bundle) {
-  return std::string(CORVID_BUNDLES_FOLDER) + "/" + bundle + ".so";
-}
-
 class DynamicBundleLoaderTest : public testing::Test {
  protected:
   static DynamicBundleLoader loaderOf(const std::string& bundle) {
-    return {pathOf(bundle), FileStamp::of(pathOf(bundle))};
+    return {bundlePath(bundle), FileStamp::of(bundlePath(bundle))};
   }
   // An adaptor of a bundle that has been loaded.
   std::unique_ptr<BundleObject> adaptorOf(const std::string& bundle) {
@@ -36,7 +33,7 @@ class DynamicBundleLoaderTest : public testing::Test {
   }
   template <class Function>
   static Function functionOf(const std::string& bundle, const char* name) {
-    void* const library = dlopen(pathOf(bundle).c_str(), RTLD_NOW | RTLD_NOLOAD);
+    void* const library = dlopen(bundlePath(bundle).c_str(), RTLD_NOW | RTLD_NOLOAD);
     return library ? reinterpret_cast<Function>(dlsym(library, name)) : nullptr;
   }
   std::vector<std::string> errors() { return log.texts(LogLevel::error); }
@@ -91,7 +88,7 @@ TEST_F(DynamicBundleLoaderTest, AnAbsentBundleIsNothingToTalkAbout) {
 }
 
 TEST_F(DynamicBundleLoaderTest, OneThatMustNotBeUsedIsNotLoaded) {
-  EXPECT_EQ(DynamicBundleLoader(pathOf("CrashesAtLoad"), std::nullopt).performanceBundle(),
+  EXPECT_EQ(DynamicBundleLoader(bundlePath("CrashesAtLoad"), std::nullopt).performanceBundle(),
             nullptr);
   EXPECT_THAT(errors(), IsEmpty());
 }
@@ -99,7 +96,7 @@ TEST_F(DynamicBundleLoaderTest, OneThatMustNotBeUsedIsNotLoaded) {
 class ReplacedBundles : public DynamicBundleLoaderTest {
  protected:
   void install(const std::string& bundle) {
-    std::filesystem::copy_file(pathOf(bundle), path + ".new");
+    std::filesystem::copy_file(bundlePath(bundle), path + ".new");
     std::filesystem::rename(path + ".new", path);
   }
   void expectOneWarning() {
@@ -134,7 +131,7 @@ TEST_F(ReplacedBundles, OneInThePlaceOfTheOneThatWasTriedIsNotLoaded) {
 TEST_F(ReplacedBundles, OneThatWasWrittenAnewIsNotLoaded) {
   install("Sound");
   DynamicBundleLoader loader(path, FileStamp::of(path));
-  std::filesystem::copy_file(pathOf("CrashesAtLoad"), path,
+  std::filesystem::copy_file(bundlePath("CrashesAtLoad"), path,
                              std::filesystem::copy_options::overwrite_existing);
   EXPECT_EQ(loader.performanceBundle(), nullptr);
   expectOneWarning();
@@ -159,7 +156,7 @@ TEST_P(UnusableBundles, GiveNothingAndSayWhy) {
   DynamicBundleLoader loader = loaderOf(GetParam().name);
   EXPECT_EQ(loader.performanceBundle(), nullptr);
   EXPECT_THAT(errors(),
-              ElementsAre(AllOf(HasSubstr("Bundle: cannot use " + pathOf(GetParam().name)),
+              ElementsAre(AllOf(HasSubstr("Bundle: cannot use " + bundlePath(GetParam().name)),
                                 HasSubstr(GetParam().reason))));
 }
 INSTANTIATE_TEST_SUITE_P(
