@@ -72,7 +72,7 @@ void Stand::begin(const Fault& fault) {
     case FaultKind::clockStep: return _clock.set(fault.begin % 2 == 0 ? hours(3) : hours(-5));
     case FaultKind::clockWrong: return _clock.set(hours(24 * 365 * 20));
     case FaultKind::fullDisk: return _disk->fill();
-    case FaultKind::freezeDaemon: return _daemon->freeze();
+    case FaultKind::freezeDaemon: _isFrozen = true; return _daemon->freeze();
     case FaultKind::reload: return _daemon->signal(SIGHUP);
     default: return;
   }
@@ -85,7 +85,11 @@ void Stand::end(const Fault& fault) {
     case FaultKind::clockStep: return _clock.set(std::chrono::seconds(0));
     case FaultKind::clockWrong: _clock.set(std::chrono::seconds(0)); return refresh();
     case FaultKind::fullDisk: return _disk->unfill();
-    case FaultKind::freezeDaemon: return _daemon->signal(SIGCONT);
+    case FaultKind::freezeDaemon:
+      _daemon->signal(SIGCONT);
+      _isFrozen = false;
+      if (_refreshIsDue) refresh();
+      return;
     default: return;
   }
 }
@@ -113,6 +117,7 @@ void Stand::mendStorebags() {
 }
 
 bool Stand::startDaemon() {
+  _isFrozen = _refreshIsDue = false;
   _daemon.reset();
   _daemon.emplace(_root, std::vector<std::string>{"--log", "stderr", "--log-level", "warning"},
                   std::nullopt, DaemonProcess::giveUpFileRights, _clock.environment());
@@ -126,7 +131,10 @@ std::optional<Dictionary> Stand::status() const {
   return *status.value().dictionary();
 }
 
-void Stand::refresh() const { (void)_operator.ctl({"refresh"}); }
+void Stand::refresh() {
+  _refreshIsDue = _isFrozen;
+  if (!_isFrozen) (void)_operator.ctl({"refresh"});
+}
 
 std::vector<std::string> Stand::takeLog() {
   const std::string all = _daemon->standardError();

@@ -40,8 +40,8 @@ class Stand {
   DaemonProcess& daemon() { return *_daemon; }
   // What `corvidctl status` says; nothing where it says nothing.
   std::optional<Dictionary> status() const;
-  // Storebags are fetched anew.
-  void refresh() const;
+  // Storebags are fetched anew, by a daemon that is frozen once it goes on.
+  void refresh();
 
   // Lines of the daemons' log, and records that arrived, that were not taken before.
   std::vector<std::string> takeLog();
@@ -73,6 +73,8 @@ class Stand {
   std::vector<std::unique_ptr<Collector>> _collectors;
   Operator _operator{_root.path()};
   std::optional<DaemonProcess> _daemon;
+  bool _isFrozen = false;
+  bool _refreshIsDue = false;  // once it is not
   std::size_t _logRead = 0;
 };
 
