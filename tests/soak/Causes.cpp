@@ -146,6 +146,8 @@ Words allowedWords(const Event& event, const Session& session, const Life& life,
       if (metSession) add(words, wordsThatLast(fault.kind));
     }
   }
+  // A daemon says at its stop when it loses something.
+  if (life.lostAtStop == 0) words.erase("dropped.lostAtStop");
   return words;
 }
 

@@ -217,6 +217,7 @@ TEST_F(OracleTest, AStopLosesWhatASlowServerHasNotAnsweredInItsTime) {
   answered("one", "realtime", 49'000);
   EXPECT_THAT(complaints(), ElementsAre(HasSubstr("one (realtime) was answered")));
   fault(FaultKind::slow, "live", 48'000, 60'000);
+  EXPECT_THAT(complaints(), ElementsAre(HasSubstr("one (realtime) was answered"))) << "unsaid";
   history.lives.front().lostAtStop = 1;
   EXPECT_THAT(complaints(), IsEmpty());
 }
