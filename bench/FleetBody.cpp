@@ -1,10 +1,8 @@
 #include "bench/FleetBody.h"
 
 #include <fmt/format.h>
-#include <zlib.h>
 
 #include <iterator>
-#include <stdexcept>
 
 namespace corvid::bench {
 
@@ -37,22 +35,6 @@ std::string fleetBody(const FleetEvents& events) {
     appendEvent(body, events, events.first + static_cast<std::uint64_t>(i));
   }
   return body += "]}";
-}
-
-std::string gzipped(const std::string& content) {
-  z_stream stream{};
-  if (deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, MAX_WBITS + 16, 8,
-                   Z_DEFAULT_STRATEGY) != Z_OK)
-    throw std::runtime_error("no memory to compress with");
-  std::string packed(deflateBound(&stream, content.size()), '\0');
-  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(content.data()));
-  stream.avail_in = static_cast<uInt>(content.size());
-  stream.next_out = reinterpret_cast<Bytef*>(packed.data());
-  stream.avail_out = static_cast<uInt>(packed.size());
-  deflate(&stream, Z_FINISH);
-  packed.resize(stream.total_out);
-  deflateEnd(&stream);
-  return packed;
 }
 
 std::string postRequest(std::string_view target, std::string_view host, std::string_view headers,

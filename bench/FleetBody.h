@@ -19,8 +19,6 @@ struct FleetEvents {
 
 // The body of a post.
 std::string fleetBody(const FleetEvents& events);
-// As gzip, at zlib's usual level.
-std::string gzipped(const std::string& content);
 // A request with its body. `headers` are further lines, each with its end.
 std::string postRequest(std::string_view target, std::string_view host, std::string_view headers,
                         std::string_view packed);

@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "bench/FleetBody.h"
+#include "tools/Gzip.h"
 
 namespace corvid::bench {
 
@@ -53,7 +54,7 @@ std::vector<FleetPost> makeFleetPosts(std::size_t count, int eventsEach) {
                            .first = number + 1,
                            .count = eventsEach});
     number += static_cast<std::uint64_t>(eventsEach);
-    post.packed = gzipped(post.body);
+    post.packed = gzip(post.body);
     post.request = postRequest("/v1/events", "collector.example",
                                fmt::format("X-Real-IP: 10.{}.{}.{}\r\n", number / 65536 % 256,
                                            number / 256 % 256, number % 256),

@@ -3,7 +3,6 @@
 #include <curl/curl.h>
 #include <fmt/format.h>
 #include <time.h>
-#include <zlib.h>
 
 #include <algorithm>
 #include <chrono>
@@ -13,6 +12,7 @@
 
 #include "base/Reading.h"
 #include "platform/data/JSON.h"
+#include "tools/Gzip.h"
 
 namespace corvid::bench {
 
@@ -29,20 +29,6 @@ double microsEach(int rounds, const std::function<void()>& round) {
   const double before = threadMicros();
   for (int i = 0; i < rounds; ++i) round();
   return (threadMicros() - before) / rounds;
-}
-
-std::string gzip(const std::string& text) {
-  z_stream stream{};
-  deflateInit2(&stream, -1, Z_DEFLATED, 31, 8, Z_DEFAULT_STRATEGY);
-  std::string result(deflateBound(&stream, text.size()), '\0');
-  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
-  stream.avail_in = static_cast<uInt>(text.size());
-  stream.next_out = reinterpret_cast<Bytef*>(result.data());
-  stream.avail_out = static_cast<uInt>(result.size());
-  deflate(&stream, Z_FINISH);
-  result.resize(stream.total_out);
-  deflateEnd(&stream);
-  return result;
 }
 
 void measurePosts(Reference& reference, const std::string& body, const std::string& url,

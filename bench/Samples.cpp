@@ -7,7 +7,7 @@
 
 #include "base/Reading.h"
 #include "platform/data/JSON.h"
-#include "tools/lab/Collectors.h"
+#include "tools/Gzip.h"
 
 namespace corvid::bench {
 
@@ -26,7 +26,7 @@ Samples takeSamples(Bench& bench, const std::string& corvidd, int eventsOfBatch)
   const std::vector<Arrival> arrivals = bench.takeArrivals();
   if (arrivals.size() != 2) throw std::runtime_error("the sample posts did not arrive");
   const auto plain = [](const Arrival& arrival) {
-    return lab::gunzip(arrival.body).value_or(arrival.body);
+    return gunzip(arrival.body).value_or(arrival.body);
   };
   return {plain(arrivals[0]), plain(arrivals[1])};
 }

@@ -14,7 +14,7 @@
 #include "bench/Reference.h"
 #include "bench/Samples.h"
 #include "platform/data/JSON.h"
-#include "tools/lab/Collectors.h"
+#include "tools/Gzip.h"
 
 #ifndef CORVID_DAEMON
 #error "CORVID_DAEMON names the daemon to measure"
@@ -162,7 +162,7 @@ Latency measureLatency(Bench& bench, const Options& options) {
   std::vector<double> replies, sinks;
   for (const Call& call : calls) replies.push_back(micros(call.replied - call.made));
   for (const Arrival& arrival : bench.takeArrivals()) {
-    const auto text = lab::gunzip(arrival.body);
+    const auto text = gunzip(arrival.body);
     const Result<Value> message = parseJSON(text ? *text : arrival.body);
     const Array* events = message ? arrayAt(*message.value().dictionary(), "events") : nullptr;
     if (!events || events->size() != 1) throw std::runtime_error("an unexpected post arrived");

@@ -7,6 +7,8 @@
 #include <string_view>
 #include <utility>
 
+#include "tools/Gzip.h"
+
 namespace corvid::bench {
 
 namespace {
@@ -67,7 +69,7 @@ DevicePost DevicePosts::posted(const std::string& packed, bool isWrong) {
   return {postRequest(_target, _host, "", packed), first, isWrong};
 }
 
-DevicePost DevicePosts::next() { return posted(gzipped(nextBody()), false); }
+DevicePost DevicePosts::next() { return posted(gzip(nextBody()), false); }
 
 DevicePost DevicePosts::nextWrong(std::mt19937_64& random) {
   const std::string sound = nextBody();
@@ -84,7 +86,7 @@ DevicePost DevicePosts::nextWrong(std::mt19937_64& random) {
       withEvent(R"("number":1e999)"),
   };
   const std::size_t kind = random() % (wrong.size() + 1);
-  return posted(kind < wrong.size() ? gzipped(wrong[kind]) : damaged(gzipped(sound)), true);
+  return posted(kind < wrong.size() ? gzip(wrong[kind]) : damaged(gzip(sound)), true);
 }
 
 }  // namespace corvid::bench

@@ -19,7 +19,7 @@
 #include "gateway/loader/PostReader.h"
 #include "gateway/loader/Rows.h"
 #include "tests/fuzz/Require.h"
-#include "tools/lab/conform/GzipWriter.h"
+#include "tools/Gzip.h"
 
 namespace {
 
@@ -105,7 +105,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const Kind kind = (data[0] & 4u) != 0 ? Kind::logData : Kind::events;
   const bool isPacked = data[0] % 4 == 1;
   const bool isGzip = isPacked || data[0] % 4 == 2;
-  const std::string sent = isPacked ? lab::conform::gzip(content) : std::string(content);
+  const std::string sent = isPacked ? gzip(content) : std::string(content);
   const Result whole = sendInPieces(sent, kind, isGzip, std::max<std::size_t>(sent.size(), 1));
   const Result cut = sendInPieces(sent, kind, isGzip, 1u + data[0] / 8u);
   fuzz::require(whole.message.has_value() == cut.message.has_value());

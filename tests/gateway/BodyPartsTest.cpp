@@ -9,6 +9,7 @@
 #include "gateway/body/LogData.h"
 #include "gateway/uploads/UploadQuery.h"
 #include "tests/gateway/Caller.h"
+#include "tools/Gzip.h"
 
 namespace corvid::fleet {
 namespace {

@@ -5,7 +5,6 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <zlib.h>
 
 #include <algorithm>
 #include <cctype>
@@ -97,20 +96,6 @@ std::optional<Got> get(std::uint16_t port, std::string_view path) {
   Caller caller(port);
   caller.send(fmt::format("GET {} HTTP/1.1\r\nHost: gateway\r\n\r\n", path));
   return caller.answer();
-}
-
-std::string gzip(std::string_view content) {
-  z_stream stream{};
-  deflateInit2(&stream, Z_BEST_COMPRESSION, Z_DEFLATED, MAX_WBITS + 16, 8, Z_DEFAULT_STRATEGY);
-  std::string packed(deflateBound(&stream, content.size()), '\0');
-  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(content.data()));
-  stream.avail_in = static_cast<uInt>(content.size());
-  stream.next_out = reinterpret_cast<Bytef*>(packed.data());
-  stream.avail_out = static_cast<uInt>(packed.size());
-  deflate(&stream, Z_FINISH);
-  packed.resize(stream.total_out);
-  deflateEnd(&stream);
-  return packed;
 }
 
 std::string logData() {

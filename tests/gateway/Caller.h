@@ -51,7 +51,6 @@ std::optional<Got> post(std::uint16_t port, std::string_view path, std::string_v
                         const std::vector<std::string>& headers = {});
 std::optional<Got> get(std::uint16_t port, std::string_view path);
 
-std::string gzip(std::string_view content);
 // What a dashboard's client posts: ["a"] as a binary property list.
 std::string logData();
 

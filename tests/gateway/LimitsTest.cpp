@@ -5,6 +5,7 @@
 #include "gateway/http/AddressRange.h"
 #include "gateway/http/Endpoint.h"
 #include "tests/gateway/GatewayFixture.h"
+#include "tools/Gzip.h"
 
 namespace corvid::fleet {
 namespace {

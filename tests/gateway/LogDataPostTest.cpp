@@ -1,4 +1,5 @@
 #include "tests/gateway/GatewayFixture.h"
+#include "tools/Gzip.h"
 
 namespace corvid::fleet {
 namespace {

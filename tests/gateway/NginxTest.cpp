@@ -9,6 +9,7 @@
 #include "tests/gateway/engines/FreePorts.h"
 #include "tests/gateway/engines/ScratchNginx.h"
 #include "tests/support/ToolProcess.h"
+#include "tools/Gzip.h"
 
 namespace corvid::fleet {
 namespace {

@@ -2,6 +2,7 @@
 
 #include "base/Text.h"
 #include "tests/gateway/GatewayFixture.h"
+#include "tools/Gzip.h"
 
 namespace corvid::fleet {
 namespace {

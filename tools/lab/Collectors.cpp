@@ -1,10 +1,8 @@
 #include "tools/lab/Collectors.h"
 
 #include <fmt/format.h>
-#include <zlib.h>
 
 #include <algorithm>
-#include <array>
 
 #include "base/Reading.h"
 #include "base/Text.h"
@@ -12,6 +10,7 @@
 #include "platform/data/Crypto.h"
 #include "platform/data/JSON.h"
 #include "platform/data/PropertyList.h"
+#include "tools/Gzip.h"
 #include "tools/JSONValues.h"
 
 namespace corvid::lab {
@@ -116,26 +115,6 @@ Answer Collectors::upload(const Request& request, Dictionary* logged) const {
     answer.body = "{\"success\":true}\n";
   }
   return answer;
-}
-
-std::optional<std::string> gunzip(std::string_view stream, std::size_t limit) {
-  z_stream inflater{};
-  if (inflateInit2(&inflater, 31) != Z_OK) return std::nullopt;
-  inflater.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(stream.data()));
-  inflater.avail_in = static_cast<uInt>(stream.size());
-  std::string content;
-  std::array<Bytef, 16384> piece;
-  int result = Z_OK;
-  do {
-    inflater.next_out = piece.data();
-    inflater.avail_out = piece.size();
-    result = inflate(&inflater, Z_NO_FLUSH);
-    content.append(reinterpret_cast<const char*>(piece.data()), piece.size() - inflater.avail_out);
-  } while (result == Z_OK && content.size() <= limit);
-  const bool isWhole = result == Z_STREAM_END && inflater.avail_in == 0;
-  inflateEnd(&inflater);
-  if (!isWhole || content.size() > limit) return std::nullopt;
-  return content;
 }
 
 }  // namespace corvid::lab

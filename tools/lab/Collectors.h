@@ -49,9 +49,4 @@ class Collectors {
   std::atomic<std::uint64_t> _logDataStored = 0;
 };
 
-// The content of one whole gzip stream; nothing when it is damaged, cut off, followed by
-// something else or over `limit` bytes.
-std::optional<std::string> gunzip(std::string_view stream,
-                                  std::size_t limit = std::size_t{1} << 30);
-
 }  // namespace corvid::lab

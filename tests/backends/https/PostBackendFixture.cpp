@@ -1,11 +1,10 @@
 #include "tests/backends/https/PostBackendFixture.h"
 
-#include <zlib.h>
-
 #include "backends/BackendSet.h"
 #include "base/Describe.h"
 #include "base/Reading.h"
 #include "platform/data/JSON.h"
+#include "tools/Gzip.h"
 
 namespace corvid {
 
@@ -65,23 +64,9 @@ std::optional<std::string> PostBackendFixture::send(HTTPSPostBackend& backend,
 
 std::string PostBackendFixture::messageOf(const HTTPRequest& request) {
   if (headerOf(request, "Content-Encoding") != "gzip") return request.body;
-  constexpr int gzipWindow = 31;
-  z_stream stream{};
-  EXPECT_EQ(inflateInit2(&stream, gzipWindow), Z_OK);
-  std::string output;
-  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(request.body.data()));
-  stream.avail_in = static_cast<uInt>(request.body.size());
-  int status = Z_OK;
-  while (status == Z_OK) {
-    output.resize(2 * output.size() + (std::size_t{1} << 20));
-    stream.next_out = reinterpret_cast<Bytef*>(output.data()) + stream.total_out;
-    stream.avail_out = static_cast<uInt>(output.size() - stream.total_out);
-    status = inflate(&stream, Z_NO_FLUSH);
-  }
-  EXPECT_EQ(status, Z_STREAM_END);
-  output.resize(stream.total_out);
-  inflateEnd(&stream);
-  return output;
+  const auto message = gunzip(request.body);
+  EXPECT_TRUE(message);
+  return message.value_or("");
 }
 
 std::optional<std::string> PostBackendFixture::headerOf(const HTTPRequest& request,

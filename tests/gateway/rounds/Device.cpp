@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "tests/gateway/Caller.h"
+#include "tools/Gzip.h"
 
 namespace corvid::fleet {
 

@@ -7,6 +7,7 @@
 #include "platform/Compressor.h"
 #include "tests/support/Scratch.h"
 #include "tests/tools/lab/LabFixture.h"
+#include "tools/Gzip.h"
 #include "tools/lab/Collectors.h"
 
 namespace corvid::lab {

@@ -18,8 +18,8 @@
 #include "tests/daemon/AgentFixture.h"
 #include "tests/fakes/RecordedReply.h"
 #include "tests/tools/storebag/RandomPolicies.h"
+#include "tools/Gzip.h"
 #include "tools/JSONValues.h"
-#include "tools/lab/Collectors.h"
 #include "tools/storebag/policy/Verdict.h"
 
 namespace corvid {
@@ -216,7 +216,7 @@ class DaemonSide final : public AgentTest {
       HTTPResponse headers{.headers = request.headers};
       const bool isSmaller = headers.header("Content-Encoding").has_value();
       const Value message =
-          parseJSON(isSmaller ? lab::gunzip(request.body).value() : request.body).value();
+          parseJSON(isSmaller ? gunzip(request.body).value() : request.body).value();
       for (const Value& each : *arrayAt(*message.dictionary(), "events"))
         if (integerAt(*each.dictionary(), "_eventNumber") == 2)
           return {request.url, lasting(*each.dictionary())};

@@ -1,7 +1,7 @@
 #include <fmt/format.h>
 
+#include "tools/Gzip.h"
 #include "tools/lab/conform/Checks.h"
-#include "tools/lab/conform/GzipWriter.h"
 
 namespace corvid::lab::conform {
 

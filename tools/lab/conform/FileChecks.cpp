@@ -1,9 +1,9 @@
 #include <fmt/format.h>
 
 #include "platform/data/PropertyList.h"
+#include "tools/Gzip.h"
 #include "tools/lab/conform/Checks.h"
 #include "tools/lab/conform/Connection.h"
-#include "tools/lab/conform/GzipWriter.h"
 
 namespace corvid::lab::conform {
 

@@ -1,15 +1,18 @@
-// Gzip streams, those too whose content nobody would keep in memory.
+// Gzip streams of other makers than the daemon: of the lab, of loads and of tests.
 #pragma once
 
 #include <zlib.h>
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 
-namespace corvid::lab::conform {
+namespace corvid {
 
-// Not synchronised.
+// Writes a stream in pieces, so that its content need not be in memory. At zlib's usual level.
+//
+// Threads   not synchronised.
 class GzipWriter {
  public:
   // Throws std::bad_alloc where there is no memory for it.
@@ -32,4 +35,9 @@ class GzipWriter {
 
 inline std::string gzip(std::string_view content) { return GzipWriter().add(content).finish(); }
 
-}  // namespace corvid::lab::conform
+// The content of one whole stream; nothing when it is damaged, cut off, followed by something else
+// or over `limit` bytes.
+std::optional<std::string> gunzip(std::string_view stream,
+                                  std::size_t limit = std::size_t{1} << 30);
+
+}  // namespace corvid
