@@ -1,7 +1,6 @@
 // The real daemon's log in a journal. Each daemon has a /run of its own, so that the machine's
 // journal hears nothing.
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <sys/mount.h>
 #include <unistd.h>
 
@@ -17,6 +16,7 @@
 #include "tests/e2e/LabFixture.h"
 #include "tests/fakes/FakeJournal.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/Disks.h"
 #include "tests/support/Waiting.h"
 
 namespace corvid {
@@ -66,9 +66,7 @@ class JournalLog : public LabFixture {
 
   // For a child: shows it the folder in place of /run. False where the machine lets nobody do that.
   static bool showAsRun(const char* folder) {
-    return unshare(CLONE_NEWNS) == 0 &&
-           mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           mount(folder, "/run", nullptr, MS_BIND, nullptr) == 0;
+    return takeOwnMounts() && mount(folder, "/run", nullptr, MS_BIND, nullptr) == 0;
   }
   bool canShowRun() const {
     return inChild([&] { return showAsRun(_run.c_str()) ? 0 : 1; }) == 0;

@@ -6,25 +6,18 @@
 
 namespace corvid::soak {
 
-// In memory, and seen by this process and its children only. Before any other thread runs the
-// process must have had becomeAlone().
+// In memory, for a process that has mounts of its own (tests/support/Disks.h).
 class SmallDisk {
  public:
-  // Gives the process mounts of its own; false where the system does not let it.
-  static bool becomeAlone();
-
   // `folder` is made where it is missing; std::runtime_error where it cannot be.
   SmallDisk(std::string folder, std::size_t bytes);
   ~SmallDisk();
   SmallDisk(const SmallDisk&) = delete;
   SmallDisk& operator=(const SmallDisk&) = delete;
 
-  void fill() const;
-  void unfill() const;
+  const std::string& folder() const { return _folder; }
 
  private:
-  std::string filler() const { return _folder + "/filler"; }
-
   const std::string _folder;
 };
 

@@ -12,6 +12,7 @@
 #include "platform/data/JSON.h"
 #include "platform/data/PropertyList.h"
 #include "tests/soak/Kinds.h"
+#include "tests/support/Disks.h"
 #include "tests/support/Scratch.h"
 
 namespace corvid::soak {
@@ -71,7 +72,7 @@ void Stand::begin(const Fault& fault) {
     // An odd begin has it jump back.
     case FaultKind::clockStep: return _clock.set(fault.begin % 2 == 0 ? hours(3) : hours(-5));
     case FaultKind::clockWrong: return _clock.set(hours(24 * 365 * 20));
-    case FaultKind::fullDisk: return _disk->fill();
+    case FaultKind::fullDisk: return fillDisk(_disk->folder());
     case FaultKind::freezeDaemon: _isFrozen = true; return _daemon->freeze();
     case FaultKind::reload: return _daemon->signal(SIGHUP);
     default: return;
@@ -84,7 +85,7 @@ void Stand::end(const Fault& fault) {
   switch (fault.kind) {
     case FaultKind::clockStep: return _clock.set(std::chrono::seconds(0));
     case FaultKind::clockWrong: _clock.set(std::chrono::seconds(0)); return refresh();
-    case FaultKind::fullDisk: return _disk->unfill();
+    case FaultKind::fullDisk: return unfillDisk(_disk->folder());
     case FaultKind::freezeDaemon:
       _daemon->signal(SIGCONT);
       _isFrozen = false;

@@ -3,8 +3,8 @@
 #include <cstdlib>
 #include <exception>
 
-#include "tests/soak/SmallDisk.h"
 #include "tests/soak/Soak.h"
+#include "tests/support/Disks.h"
 
 int main(int count, char** arguments) {
   if (count != 3 || std::atof(arguments[1]) <= 0) {
@@ -13,7 +13,7 @@ int main(int count, char** arguments) {
   }
   try {
     // While there is one thread.
-    const bool hasSmallDisk = corvid::soak::SmallDisk::becomeAlone();
+    const bool hasSmallDisk = corvid::takeOwnMounts();
     const std::chrono::seconds time(static_cast<long>(std::atof(arguments[1]) * 60));
     corvid::soak::Soak soak(std::strtoull(arguments[2], nullptr, 10), time, hasSmallDisk);
     return soak.run() ? 0 : 1;

@@ -1,10 +1,8 @@
 #include "tests/gateway/engines/NodeDisk.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include <array>
 #include <filesystem>
 #include <stdexcept>
 #include <utility>
@@ -12,6 +10,7 @@
 
 #include "base/Descriptor.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/Disks.h"
 
 namespace corvid::fleet {
 
@@ -50,14 +49,9 @@ void NodeDisk::mount() const { run({"mount", "-o", "loop,nosuid,nodev", _image, 
 
 void NodeDisk::unmount() const { run({"umount", _folder}); }
 
-void NodeDisk::fill() const {
-  const Descriptor file(open((_folder + "/filler").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
-  std::array<char, 65536> piece{};
-  while (write(file.get(), piece.data(), piece.size()) > 0) continue;
-  while (write(file.get(), piece.data(), 1) > 0) continue;
-}
+void NodeDisk::fill() const { fillDisk(_folder); }
 
-void NodeDisk::unfill() const { unlink((_folder + "/filler").c_str()); }
+void NodeDisk::unfill() const { unfillDisk(_folder); }
 
 void NodeDisk::takePicture() { run({"cp", "--sparse=always", _image, _picture}); }
 

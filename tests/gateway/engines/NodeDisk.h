@@ -10,7 +10,7 @@ namespace corvid::fleet {
 
 // A folder that is a file system of its own, ext4 on an image in memory: it can be full, and can
 // lose what was not yet written through to it. For processes that have mounts of their own
-// (soak::SmallDisk::becomeAlone), as the superuser; only these and their children see it.
+// (takeOwnMounts), as the superuser; only these and their children see it.
 class NodeDisk {
  public:
   // `folder` is made. std::runtime_error where there is no file system to be had.

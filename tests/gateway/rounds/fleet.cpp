@@ -13,7 +13,7 @@
 #include "base/CommandLine.h"
 #include "gateway/loader/Database.h"
 #include "tests/gateway/rounds/PathRound.h"
-#include "tests/soak/SmallDisk.h"
+#include "tests/support/Disks.h"
 
 namespace corvid::fleet {
 
@@ -161,7 +161,7 @@ int main(int count, char** arguments) {
   try {
     const auto full = fleet::wordFor(fleet::PathFaultKind::fullDisk);
     const bool needsDisks = options.faults.empty() || std::ranges::count(options.faults, full) > 0;
-    options.hasDisks = needsDisks && geteuid() == 0 && soak::SmallDisk::becomeAlone();
+    options.hasDisks = needsDisks && geteuid() == 0 && takeOwnMounts();
     return fleet::runRounds(options);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "fleet_rounds: %s\n", error.what());

@@ -14,7 +14,7 @@
 #include "base/CommandLine.h"
 #include "tests/gateway/rounds/Measure.h"
 #include "tests/gateway/rounds/Round.h"
-#include "tests/soak/SmallDisk.h"
+#include "tests/support/Disks.h"
 
 namespace corvid::fleet {
 
@@ -71,7 +71,7 @@ std::unique_ptr<Candidate> makeWithStream(const std::string& name, const std::st
 }
 
 int runRounds(const Options& options) {
-  if (!soak::SmallDisk::becomeAlone())
+  if (!takeOwnMounts())
     throw std::runtime_error("only the superuser can give the nodes disks of their own");
   std::mt19937_64 random(static_cast<std::uint64_t>(options.seed));
   const std::string stream = "events";
