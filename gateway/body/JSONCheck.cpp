@@ -53,8 +53,9 @@ bool isOfNumber(char c) {
   return isDigit(c) || c == '.' || c == '-' || c == '+' || c == 'e' || c == 'E';
 }
 
-// The whole of it by the grammar of JSON's numbers.
-bool isNumber(std::string_view text) {
+// The whole of it by the grammar of JSON's numbers. `exponent`: where its "e" stands, if it has
+// one.
+bool isNumber(std::string_view text, std::optional<std::size_t>& exponent) {
   std::size_t at = text.starts_with('-') ? 1 : 0;
   const auto digits = [&] {
     const std::size_t from = at;
@@ -69,7 +70,7 @@ bool isNumber(std::string_view text) {
     if (digits() == 0) return false;
   }
   if (at < text.size() && (text[at] == 'e' || text[at] == 'E')) {
-    ++at;
+    exponent = at++;
     if (at < text.size() && (text[at] == '+' || text[at] == '-')) ++at;
     if (digits() == 0) return false;
   }
@@ -77,17 +78,16 @@ bool isNumber(std::string_view text) {
 }
 
 // Of a number by the grammar.
-bool isInRange(std::string_view text) {
+bool isInRange(std::string_view text, std::optional<std::size_t> exponent) {
   constexpr std::size_t digitsOfAnyDouble = 300;
-  const std::size_t exponent = text.find('e') != text.npos ? text.find('e') : text.find('E');
   constexpr int mostExponent = std::numeric_limits<double>::max_exponent10;
-  if (exponent == text.npos && text.size() <= digitsOfAnyDouble) return true;
-  if (exponent != text.npos) {
-    const std::size_t digits = text.find_first_of("0123456789", exponent);
+  if (!exponent && text.size() <= digitsOfAnyDouble) return true;
+  if (exponent) {
+    const std::size_t digits = text.find_first_of("0123456789", *exponent);
     if (text.size() - digits > limits::exponentDigits) return false;
     // Many readers look at the exponent first: 0e309 is too large for them, which is 0 for others.
     const bool isLarge = numberFrom<int>(text.substr(digits)).value_or(0) > mostExponent;
-    const bool isOfZero = text.substr(0, exponent).find_first_of("123456789") == text.npos;
+    const bool isOfZero = text.substr(0, *exponent).find_first_of("123456789") == text.npos;
     if (isOfZero && isLarge && text[digits - 1] != '-') return false;
   }
   return numberFrom<double>(text).has_value();
@@ -128,15 +128,11 @@ JSONCheck::Step JSONCheck::step() {
     case Expected::key: return keyStart();
     case Expected::colon:
       if (c != ':') return refuse(Rule::noJSON);
-      ++_at;
-      _expected = Expected::value;
-      return Step::done;
+      return stepOver(':', Expected::value);
     case Expected::commaOrEnd:
       if (c == (isInnermostObject() ? '}' : ']')) return close();
       if (c != ',') return refuse(Rule::noJSON);
-      ++_at;
-      _expected = isInnermostObject() ? Expected::key : Expected::value;
-      return Step::done;
+      return stepOverComma();
     case Expected::nothing: return refuse(Rule::trailing);
   }
   return refuse(Rule::noJSON);
@@ -164,7 +160,7 @@ JSONCheck::Step JSONCheck::value() {
       _isInString = true;
       _isKey = _hasEscapes = false;
       _stringStart = ++_at;
-      return Step::done;
+      return string();
     case 't':
     case 'f':
     case 'n': return literal();
@@ -178,7 +174,7 @@ JSONCheck::Step JSONCheck::keyStart() {
   _isInString = _isKey = true;
   _hasEscapes = false;
   _stringStart = ++_at;
-  return Step::done;
+  return string();
 }
 
 JSONCheck::Step JSONCheck::string() {
@@ -245,7 +241,7 @@ JSONCheck::Step JSONCheck::stringEnd() {
     _hasEvents |= _valueIsEvents;
   }
   _expected = Expected::colon;
-  return Step::done;
+  return stepOver(':', Expected::value);
 }
 
 JSONCheck::Step JSONCheck::number() {
@@ -256,8 +252,9 @@ JSONCheck::Step JSONCheck::number() {
   if (end - _at > limits::numberBytes) return refuse(Rule::number);
   if (end == _text.size() && !_isWhole) return Step::lacking;
   const std::string_view text = _text.substr(_at, end - _at);
-  if (!isNumber(text)) return refuse(Rule::noJSON);
-  if (!isInRange(text)) return refuse(Rule::number);
+  std::optional<std::size_t> exponent;
+  if (!isNumber(text, exponent)) return refuse(Rule::noJSON);
+  if (!isInRange(text, exponent)) return refuse(Rule::number);
   _at = end;
   return afterValue();
 }
@@ -296,6 +293,19 @@ JSONCheck::Step JSONCheck::close() {
 
 JSONCheck::Step JSONCheck::afterValue() {
   _expected = Expected::commaOrEnd;
+  return stepOverComma();
+}
+
+JSONCheck::Step JSONCheck::stepOverComma() {
+  return stepOver(',', isInnermostObject() ? Expected::key : Expected::value);
+}
+
+// Where it comes next, as it mostly does.
+JSONCheck::Step JSONCheck::stepOver(char separator, Expected next) {
+  if (_at < _text.size() && _text[_at] == separator) {
+    ++_at;
+    _expected = next;
+  }
   return Step::done;
 }
 

@@ -56,6 +56,8 @@ class JSONCheck {
   Step open(bool isObject);
   Step close();
   Step afterValue();
+  Step stepOverComma();
+  Step stepOver(char separator, Expected next);
   Step refuse(Rule rule, std::optional<std::size_t> at = {});
   // Where the text goes on past what is there.
   Step lacking() { return _isWhole ? refuse(Rule::noJSON) : Step::lacking; }

@@ -4,6 +4,7 @@
 #include <array>
 #include <cstring>
 #include <random>
+#include <utility>
 
 #include "base/Reading.h"
 #include "base/Text.h"
@@ -35,20 +36,30 @@ std::uint64_t mixed(std::uint64_t a, std::uint64_t b) {
   return static_cast<std::uint64_t>(product) ^ static_cast<std::uint64_t>(product >> 64);
 }
 
+template <class Word>
+std::uint64_t load(const char* from) {
+  Word word;
+  std::memcpy(&word, from, sizeof word);
+  return word;
+}
+
+// All of at most 16 bytes, some of them twice.
+std::pair<std::uint64_t, std::uint64_t> ends(const char* from, std::size_t size) {
+  if (size >= 8) return {load<std::uint64_t>(from), load<std::uint64_t>(from + size - 8)};
+  if (size >= 4) return {load<std::uint32_t>(from), load<std::uint32_t>(from + size - 4)};
+  if (size == 0) return {0, 0};
+  return {load<std::uint8_t>(from) << 8 | load<std::uint8_t>(from + size / 2),
+          load<std::uint8_t>(from + size - 1)};
+}
+
 std::uint64_t hashOf(std::string_view key) {
   const Seed& secret = seed();
-  const auto load = [](const char* from, std::size_t size) {
-    std::uint64_t word = 0;
-    std::memcpy(&word, from, size);
-    return word;
-  };
   std::uint64_t hash = secret.a ^ key.size();
   const char* from = key.data();
   std::size_t left = key.size();
   for (; left > 16; from += 16, left -= 16)
-    hash = mixed(load(from, 8) ^ secret.b, load(from + 8, 8) ^ hash);
-  const std::uint64_t low = load(from, std::min<std::size_t>(left, 8));
-  const std::uint64_t high = left > 8 ? load(from + 8, left - 8) : 0;
+    hash = mixed(load<std::uint64_t>(from) ^ secret.b, load<std::uint64_t>(from + 8) ^ hash);
+  const auto [low, high] = ends(from, left);
   return mixed(mixed(low ^ secret.b, high ^ hash), secret.a);
 }
 
