@@ -179,6 +179,11 @@ void Oracle::judgeStop(const Life& life) {
   if (!hadCause)
     complain(
         fmt::format("{} events are lost at a stop, and every server was there", life.lostAtStop));
+  const auto& missing = _missing[&life];
+  const auto onlyThere = missing.find({"dropped.lostAtStop"});
+  if (onlyThere != missing.end() && onlyThere->second > life.lostAtStop)
+    complain(fmt::format("{} events can only be lost at the stop, where the daemon said {}",
+                         onlyThere->second, life.lostAtStop));
 }
 
 void Oracle::judgeLog() {

@@ -220,6 +220,8 @@ TEST_F(OracleTest, AStopLosesWhatASlowServerHasNotAnsweredInItsTime) {
   EXPECT_THAT(complaints(), ElementsAre(HasSubstr("one (realtime) was answered"))) << "unsaid";
   history.lives.front().lostAtStop = 1;
   EXPECT_THAT(complaints(), IsEmpty());
+  answered("two", "realtime", 49'000);
+  EXPECT_THAT(complaints(), ElementsAre(HasSubstr("2 events can only be lost at the stop")));
 }
 
 TEST_F(OracleTest, ALedgerThatDoesNotAddUpOrHoldsSomethingAtRestIsFound) {
