@@ -4,11 +4,11 @@
 
 namespace corvid {
 
-ExchangeGate::Pass ExchangeGate::enter(std::chrono::milliseconds patience, std::size_t bytes,
+ExchangeGate::Pass ExchangeGate::enter(std::chrono::milliseconds longest, std::size_t bytes,
                                        SharedBudget::Share memory) {
   {
     MutexLock lock(_lock);
-    _clock.waitUntil(_left, _lock, _clock.steadyNow() + patience, [&]() NO_THREAD_SAFETY_ANALYSIS {
+    _clock.waitUntil(_left, _lock, _clock.steadyNow() + longest, [&]() NO_THREAD_SAFETY_ANALYSIS {
       return _bytesOut == 0 || _bytesOut + bytes <= _byteLimit;
     });
     _bytesOut += bytes;

@@ -38,18 +38,18 @@ class ExchangeGate : public std::enable_shared_from_this<ExchangeGate> {
         _byteLimit(byteLimit) {}
 
   // Memory for a message that is going to be written; nothing where there is none within
-  // `patience`.
-  std::optional<SharedBudget::Share> memoryToWrite(std::chrono::milliseconds patience,
+  // `longest`.
+  std::optional<SharedBudget::Share> memoryToWrite(std::chrono::milliseconds longest,
                                                    std::size_t bytes) {
-    return _outgoing->take(_user, bytes, _clock, _clock.steadyNow() + patience);
+    return _outgoing->take(_user, bytes, _clock, _clock.steadyNow() + longest);
   }
   // Memory for events that are held, none yet.
   SharedBudget::Share memoryToHold() { return _kept->none(_user); }
 
   // Waits until the `bytes` that the exchange keeps fit beside those of the others, or there are no
-  // others; at most `patience`. After that the pass is given all the same, so that a stuck exchange
+  // others; at most `longest`. After that the pass is given all the same, so that a stuck exchange
   // costs its owner time and never an event. The pass keeps `memory`.
-  Pass enter(std::chrono::milliseconds patience, std::size_t bytes, SharedBudget::Share memory = {})
+  Pass enter(std::chrono::milliseconds longest, std::size_t bytes, SharedBudget::Share memory = {})
       EXCLUDES(_lock);
   std::size_t bytesOut() const EXCLUDES(_lock);
 

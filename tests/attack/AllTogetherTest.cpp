@@ -24,9 +24,6 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 using std::chrono::steady_clock;
 
-constexpr int uploadClient = 16;
-constexpr int unknownType = 999;
-
 class AllTogether : public AttackFixture {
  protected:
   void SetUp() override {

@@ -18,9 +18,6 @@ namespace corvid {
 
 namespace {
 
-// Sanitizers take several times as much memory and time.
-constexpr std::size_t slowness = hasSanitizer ? 8 : 1;
-
 constexpr std::uint16_t setSessionInfo = 0;
 constexpr std::uint16_t startConfig = 1;
 constexpr std::uint16_t sendMessages = 4;

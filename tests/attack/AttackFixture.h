@@ -45,6 +45,10 @@ class AttackFixture : public LabFixture {
   static constexpr uid_t attacker = 65534;
   static constexpr uid_t secondAttacker = 65533;
   static constexpr int attackersType = 5;
+  static constexpr int uploadClient = 16;
+  static constexpr int unknownType = 999;
+  // Sanitizers take several times as much memory and time.
+  static constexpr unsigned slowness = hasSanitizer ? 8 : 1;
   static constexpr std::size_t mebibyte = std::size_t{1} << 20;
 
   void SetUp() override;

@@ -16,8 +16,6 @@
 namespace corvid {
 namespace {
 
-constexpr int uploadClient = 16;
-
 // A grant whose removal is never answered.
 class SilentGrant final : public wire::FileGrant::Server {
  public:

@@ -17,9 +17,8 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 using std::chrono::steady_clock;
 
-constexpr int unknownType = 999;
 constexpr int namelessType = 2;
-constexpr std::size_t clients = 4;
+constexpr std::size_t clientsThatFetch = 4;
 
 class FetchAttacks : public AttackFixture {
  protected:
@@ -33,7 +32,7 @@ class FetchAttacks : public AttackFixture {
 
   // Each has its client configured again and again.
   void flood() {
-    for (std::size_t i = 0; i < clients; ++i)
+    for (std::size_t i = 0; i < clientsThatFetch; ++i)
       start(attacker, [this, i](WireClient& client) {
         for (;;) {
           configure(client, i % 2 ? unknownType : namelessType);

@@ -18,9 +18,6 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-// Under a sanitizer everything takes several times as long.
-constexpr int slowness = hasSanitizer ? 8 : 1;
-
 using PaceAttacks = AttackFixture;
 
 TEST_F(PaceAttacks, KeysMadeToCollideCostNoMoreThanOthers) {

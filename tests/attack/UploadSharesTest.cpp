@@ -18,8 +18,6 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr int uploadClient = 16;
-
 class UploadShares : public AttackFixture {
  protected:
   void SetUp() override {

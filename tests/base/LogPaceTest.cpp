@@ -16,9 +16,9 @@ using std::chrono::seconds;
 
 constexpr int burst = 20;
 const LogPace::Time start{minutes(1000)};
-constexpr const char* text = "text";
+constexpr const char* line = "text";
 constexpr const char* otherText = "other";
-constexpr LogPace::Kind kind{1000, text};
+constexpr LogPace::Kind kind{1000, line};
 
 class LogPaceTest : public testing::Test {
  protected:
@@ -66,17 +66,17 @@ TEST_F(LogPaceTest, EachUserAndEachTextHasABurstOfItsOwn) {
   passBurst();
   pace.next(kind, start);
   EXPECT_EQ(pace.next(kind, start), std::nullopt);
-  passBurst({1001, text});
+  passBurst({1001, line});
   passBurst({1000, otherText});
 }
 
 TEST_F(LogPaceTest, KindsBeyondTheLimitShareOne) {
-  for (std::uint32_t user = 1; user <= LogPace::mostKinds; ++user) pace.next({user, text}, start);
+  for (std::uint32_t user = 1; user <= LogPace::mostKinds; ++user) pace.next({user, line}, start);
   int lines = 0;
   for (std::uint32_t user = 0; user < 1000; ++user)
-    lines += pace.next({1'000'000 + user, text}, start).has_value();
+    lines += pace.next({1'000'000 + user, line}, start).has_value();
   EXPECT_EQ(lines, burst + 1);
-  EXPECT_EQ(pace.next({1, text}, start), "");
+  EXPECT_EQ(pace.next({1, line}, start), "");
 }
 
 TEST(LogOfAUser, TellsOfOneComplaintOnlySoOften) {

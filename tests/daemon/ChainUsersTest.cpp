@@ -11,7 +11,7 @@ namespace corvid {
 namespace {
 
 constexpr std::uint32_t victim = 1000;
-constexpr std::uint32_t other = 1001;
+constexpr std::uint32_t otherUser = 1001;
 
 class ChainUsers : public AgentTest {
  protected:
@@ -27,7 +27,7 @@ class ChainUsers : public AgentTest {
 };
 
 TEST_F(ChainUsers, AnotherUsersAggregatorGetsNothing) {
-  becomeUser(other);
+  becomeUser(otherUser);
   CorviddSession& listener = join(1, 0, true);
   becomeUser(victim);
   CorviddSession& session = join(2, 1);
@@ -40,7 +40,7 @@ TEST_F(ChainUsers, AnotherUsersSessionSilencesNobody) {
   becomeUser(victim);
   CorviddSession& top = join(1, 0, true);
   CorviddSession& child = join(2, 1, true);
-  becomeUser(other);
+  becomeUser(otherUser);
   join(3, 0, true);
   agent->updateDownstreamSessions(join(4, 0, true));
   EXPECT_TRUE(top.hasAggregator());
@@ -50,7 +50,7 @@ TEST_F(ChainUsers, AnotherUsersSessionSilencesNobody) {
 }
 
 TEST_F(ChainUsers, AnEarlierSessionOfAnotherUserIsNobodysParent) {
-  becomeUser(other);
+  becomeUser(otherUser);
   join(1, 0);
   becomeUser(victim);
   CorviddSession& mine = join(2, 0);
@@ -63,7 +63,7 @@ TEST_F(ChainUsers, BothPeersNeedTheEntitlement) {
   for (const bool parentHasIt : {false, true}) {
     for (const bool childHasIt : {false, true}) {
       const std::string name = fmt::format("Player {}{}", parentHasIt, childHasIt);
-      becomeUser(other, parentHasIt);
+      becomeUser(otherUser, parentHasIt);
       CorviddSession& parent = join(1, 0, true, name);
       becomeUser(victim, childHasIt);
       CorviddSession& child = join(2, 1, false, name);
@@ -83,7 +83,7 @@ TEST_F(ChainUsers, OneUsersSessionsMeetWhateverTheyAreEntitledTo) {
 }
 
 TEST_F(ChainUsers, AnEntitlementThatIsNoBooleanIsNone) {
-  becomeUser(other, true);
+  becomeUser(otherUser, true);
   join(1, 0);
   becomeUser(victim);
   const auto connection = newConnection();

@@ -20,7 +20,7 @@ namespace {
 using Kind = ConfigFinding::Kind;
 
 constexpr std::string_view profile = "usr/share/corvid/sandbox/com.halcyon.corvidd.plist";
-constexpr std::string_view deployment = "etc/corvid/deployment.plist";
+constexpr std::string_view deploymentFile = "etc/corvid/deployment.plist";
 constexpr std::string_view publicKey = "usr/share/corvid/publicKey.der";
 constexpr std::string_view infoFile = "usr/share/corvid/Info.plist";
 constexpr std::string_view entitlements = "etc/corvid/entitlements.d";
@@ -32,7 +32,7 @@ class CheckConfig : public testing::Test {
   // Everything in place.
   CheckConfig() {
     for (const char* name : {"LC_ALL", "LC_MESSAGES", "LANG", "TZ"}) unsetenv(name);
-    writeList(deployment, Dictionary{{"ProductionStorebagHost", "bags.example:8443"}});
+    writeList(deploymentFile, Dictionary{{"ProductionStorebagHost", "bags.example:8443"}});
     root.write(publicKey, trustedSigner().publicKeyDER());
     writeList(infoFile, Dictionary{{"BundleVersion", "8.1"}});
     root.entitleThisUser();
@@ -130,15 +130,15 @@ TEST_F(CheckConfig, SaysWhatItFound) {
   EXPECT_EQ(finding(device), "right: answers for 2 keys");
   EXPECT_EQ(finding("var/lib/corvidd/Preferences/com.halcyon.corvid.plist"),
             "right: 1 preferences");
-  EXPECT_NE(finding(deployment).find("bags.example:8443"), std::string::npos);
+  EXPECT_NE(finding(deploymentFile).find("bags.example:8443"), std::string::npos);
 }
 
 TEST_F(CheckConfig, TakesWhatIsOptionalAsANote) {
-  root.remove(deployment);
+  root.remove(deploymentFile);
   root.remove(infoFile);
   root.remove(device);
   root.remove(preferences);
-  EXPECT_EQ(finding(deployment), "note: missing: no storebag server is reached");
+  EXPECT_EQ(finding(deploymentFile), "note: missing: no storebag server is reached");
   EXPECT_EQ(finding(infoFile), "note: missing: the version is 8.0");
   EXPECT_EQ(finding(device), "note: missing: the machine answers, and is no internal build");
   EXPECT_EQ(finding(preferences), "note: missing: made when the first preference is set");
@@ -147,7 +147,7 @@ TEST_F(CheckConfig, TakesWhatIsOptionalAsANote) {
 
 TEST_F(CheckConfig, FindsADamagedFileWrong) {
   for (const std::string_view path :
-       {deployment, infoFile, device, std::string_view("etc/corvid/entitlements.d/test.plist"),
+       {deploymentFile, infoFile, device, std::string_view("etc/corvid/entitlements.d/test.plist"),
         std::string_view("var/lib/corvidd/Preferences/com.halcyon.corvid.plist")}) {
     SCOPED_TRACE(path);
     root.write(path, "{ damaged");
@@ -209,21 +209,23 @@ TEST_F(CheckConfig, KnowsHowLongEachFileMayBe) {
 }
 
 TEST_F(CheckConfig, FindsADeploymentOfTheWrongTypesWrong) {
-  writeList(deployment, Dictionary{{"ProductionStorebagHost", 5}, {"AllowInsecureHTTP", "yes"}});
-  EXPECT_EQ(findings(deployment).front(), "wrong: \"ProductionStorebagHost\" is of the wrong type");
-  EXPECT_EQ(findings(deployment).size(), 3u);
+  writeList(deploymentFile,
+            Dictionary{{"ProductionStorebagHost", 5}, {"AllowInsecureHTTP", "yes"}});
+  EXPECT_EQ(findings(deploymentFile).front(),
+            "wrong: \"ProductionStorebagHost\" is of the wrong type");
+  EXPECT_EQ(findings(deploymentFile).size(), 3u);
 }
 
 TEST_F(CheckConfig, FindsAJitterBelow0OrAbove0Point5Wrong) {
   for (const double jitter : {-0.1, 0.51}) {
-    writeList(deployment, Dictionary{{"RefreshJitter", jitter}});
-    EXPECT_TRUE(std::ranges::any_of(findings(deployment), [](const std::string& found) {
+    writeList(deploymentFile, Dictionary{{"RefreshJitter", jitter}});
+    EXPECT_TRUE(std::ranges::any_of(findings(deploymentFile), [](const std::string& found) {
       return found.starts_with(
           "wrong: \"RefreshJitter\" takes a number from 0 to 0.5, and counts as 0");
     })) << jitter;
   }
-  writeList(deployment, Dictionary{{"RefreshJitter", 0.5}});
-  EXPECT_EQ(finding(deployment).find("wrong: "), std::string::npos);
+  writeList(deploymentFile, Dictionary{{"RefreshJitter", 0.5}});
+  EXPECT_EQ(finding(deploymentFile).find("wrong: "), std::string::npos);
 }
 
 TEST_F(CheckConfig, NeedsAVersionThatIsAText) {
@@ -233,7 +235,7 @@ TEST_F(CheckConfig, NeedsAVersionThatIsAText) {
 }
 
 TEST_F(CheckConfig, LooksIntoTheCertificatesThatTheDeploymentNames) {
-  writeList(deployment, Dictionary{{"CAFile", root.path("ca.pem")}});
+  writeList(deploymentFile, Dictionary{{"CAFile", root.path("ca.pem")}});
   EXPECT_TRUE(finding("ca.pem").starts_with("wrong: "));
   root.write("ca.pem", "no certificate");
   EXPECT_TRUE(finding("ca.pem").starts_with("wrong: no certificate in PEM form"));
@@ -242,16 +244,16 @@ TEST_F(CheckConfig, LooksIntoTheCertificatesThatTheDeploymentNames) {
 }
 
 TEST_F(CheckConfig, NotesThatPlainHTTPIsLetThrough) {
-  writeList(deployment, Dictionary{{"AllowInsecureHTTP", true}});
-  ASSERT_EQ(findings(deployment).size(), 2u);
-  EXPECT_TRUE(findings(deployment)[1].starts_with("note: AllowInsecureHTTP"));
+  writeList(deploymentFile, Dictionary{{"AllowInsecureHTTP", true}});
+  ASSERT_EQ(findings(deploymentFile).size(), 2u);
+  EXPECT_TRUE(findings(deploymentFile)[1].starts_with("note: AllowInsecureHTTP"));
 }
 
 TEST_F(CheckConfig, TellsThePortsThatServersAreReachedAt) {
-  writeList(deployment,
+  writeList(deploymentFile,
             Dictionary{{"ProductionStorebagHost", "bags.example:8443"}, {"TCPPorts", Array{8080}}});
-  ASSERT_EQ(findings(deployment).size(), 2u);
-  EXPECT_EQ(findings(deployment)[1],
+  ASSERT_EQ(findings(deploymentFile).size(), 2u);
+  EXPECT_EQ(findings(deploymentFile)[1],
             "note: TCPPorts: servers are reached at the ports 53, 443, 8080, 8443 only");
 }
 
@@ -296,16 +298,17 @@ TEST_F(CheckConfig, FindsADeviceAnswerThatIsNoTextWrong) {
 }
 
 TEST_F(CheckConfig, FindsUnknownKeysWrongAndNamesTheRightOne) {
-  writeList(deployment, Dictionary{{"ProductionStoreBagHost", "bags.example"}});
-  EXPECT_EQ(findings(deployment).front(),
+  writeList(deploymentFile, Dictionary{{"ProductionStoreBagHost", "bags.example"}});
+  EXPECT_EQ(findings(deploymentFile).front(),
             "wrong: \"ProductionStoreBagHost\" is nothing that corvidd reads; it reads "
             "\"ProductionStorebagHost\"");
-  EXPECT_EQ(command(deployment),
+  EXPECT_EQ(command(deploymentFile),
             "sed -i 's|<key>ProductionStoreBagHost</key>|<key>ProductionStorebagHost</key>|' " +
-                root.path(deployment));
-  writeList(deployment, Dictionary{{"ProductionStorebagHost", "bags.example"}, {"Colour", "red"}});
-  EXPECT_EQ(findings(deployment).front(), "wrong: \"Colour\" is nothing that corvidd reads");
-  EXPECT_EQ(command(deployment), "");
+                root.path(deploymentFile));
+  writeList(deploymentFile,
+            Dictionary{{"ProductionStorebagHost", "bags.example"}, {"Colour", "red"}});
+  EXPECT_EQ(findings(deploymentFile).front(), "wrong: \"Colour\" is nothing that corvidd reads");
+  EXPECT_EQ(command(deploymentFile), "");
   writeList(device, Dictionary{{"DeviceNmae", "Robin"}});
   EXPECT_TRUE(finds(device, "wrong: \"DeviceNmae\" is nothing that corvidd reads"));
   writeList("etc/corvid/entitlements.d/test.plist",
@@ -322,12 +325,13 @@ TEST_F(CheckConfig, FindsAHostWithASchemeOrAPathWrong) {
   for (const char* host : {"https://bags.example", "bags.example/bags", "https://bags.example/bags",
                            "user@bags.example", "bags.example:", "bags.example:0",
                            "bags.example:65536", "bags example", ":8443"}) {
-    writeList(deployment, Dictionary{{"ProductionStorebagHost", host}});
-    EXPECT_TRUE(finds(deployment, "wrong: \"ProductionStorebagHost\" takes a host, or host:port"))
+    writeList(deploymentFile, Dictionary{{"ProductionStorebagHost", host}});
+    EXPECT_TRUE(
+        finds(deploymentFile, "wrong: \"ProductionStorebagHost\" takes a host, or host:port"))
         << host;
   }
   for (const char* host : {"bags.example", "bags.example:8443", "127.0.0.1:1", "[::1]:8443"}) {
-    writeList(deployment, Dictionary{{"ProductionStorebagHost", host}});
+    writeList(deploymentFile, Dictionary{{"ProductionStorebagHost", host}});
     EXPECT_TRUE(isRight()) << host;
   }
 }
@@ -411,7 +415,7 @@ TEST_F(CheckConfig, FindsAPreferenceThatNobodyReadsOrThatCannotBeMeantWrong) {
 
 TEST_F(CheckConfig, FindsWhatOthersCanWriteWrong) {
   for (const std::string_view path :
-       {deployment, publicKey, entitlements, device, profile, std::string_view("etc"),
+       {deploymentFile, publicKey, entitlements, device, profile, std::string_view("etc"),
         std::string_view("var/lib/corvidd")}) {
     struct stat before {};
     ASSERT_EQ(stat(root.path(path).c_str(), &before), 0);
@@ -427,11 +431,11 @@ TEST_F(CheckConfig, FindsWhatOthersCanWriteWrong) {
 
 TEST_F(CheckConfig, FindsWhatBelongsToSomebodyElseWrong) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can give files away";
-  ASSERT_EQ(chown(root.path(deployment).c_str(), 4711, 0), 0);
-  EXPECT_TRUE(finds(deployment, "wrong: belongs to user 4711"));
-  ASSERT_EQ(chown(root.path(deployment).c_str(), 0, 4711), 0);
-  setMode(deployment, 0664);
-  EXPECT_TRUE(finds(deployment, "wrong: its group can write it"));
+  ASSERT_EQ(chown(root.path(deploymentFile).c_str(), 4711, 0), 0);
+  EXPECT_TRUE(finds(deploymentFile, "wrong: belongs to user 4711"));
+  ASSERT_EQ(chown(root.path(deploymentFile).c_str(), 0, 4711), 0);
+  setMode(deploymentFile, 0664);
+  EXPECT_TRUE(finds(deploymentFile, "wrong: its group can write it"));
 }
 
 TEST_F(CheckConfig, FindsAKeyThatIsTooShortOrOfAnotherKindWrong) {

@@ -20,7 +20,7 @@ using std::chrono::seconds;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr std::int32_t lumen = 5;
+constexpr std::int32_t lumenType = 5;
 constexpr std::int32_t parlor = 7;
 constexpr std::uint32_t user = 1000;
 
@@ -53,7 +53,7 @@ class KeptStorebag : public testing::Test {
               .envelope = enveloped(trustedSigner(), {{"release", section}, {"version", mark}})};
   }
   void goAway() { answer = {.fault = StorebagFault{Reason::storebagUnreachable, "away"}}; }
-  std::optional<std::string> request(std::int32_t clientType = lumen) {
+  std::optional<std::string> request(std::int32_t clientType = lumenType) {
     const auto storebag = cache->storebag(clientType, user);
     EXPECT_TRUE(storebag);
     return cache->version(clientType);
@@ -74,7 +74,7 @@ TEST_F(KeptStorebag, InsideItsAgeARestartAsksNobody) {
   EXPECT_EQ(request(), "one");
   platform.clock->advance(seconds(599));
   startAnew();
-  EXPECT_FALSE(cache->wouldFetch(lumen, user));
+  EXPECT_FALSE(cache->wouldFetch(lumenType, user));
   EXPECT_EQ(request(), "one");
   EXPECT_THAT(asked, IsEmpty());
   EXPECT_EQ(board->of("lumen").version, "one");

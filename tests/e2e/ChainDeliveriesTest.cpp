@@ -15,7 +15,7 @@
 namespace corvid {
 namespace {
 
-constexpr std::uint16_t category = 7;
+constexpr std::uint16_t chainCategory = 7;
 
 const Dictionary shutdownSignal{{"event", "message"}, {"message", Value()}, {"timestamp", 0},
                                 {"category", 0},      {"type", 0},          {"payload", Value()}};
@@ -157,7 +157,7 @@ TEST_F(ChainDeliveries, ReachTheBlockOfACPlusPlusClientAndItsShutdownSignal) {
   const Heard::Delivery event = heard.all().back();
   EXPECT_TRUE(event.hasMessage && event.hasPayload);
   EXPECT_GT(event.timestamp, 1.6e9);
-  EXPECT_EQ(event.category, category);
+  EXPECT_EQ(event.category, chainCategory);
   EXPECT_EQ(event.type, 2);
   EXPECT_EQ(event.sessionID, integerAt(grandchild.sessionInfo(), "SessionID"));
   EXPECT_EQ(event.mark, "event");

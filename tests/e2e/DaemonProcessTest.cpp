@@ -30,7 +30,7 @@ Descriptor listenAt(const std::string& path) {
 }
 
 // Empty when nobody listens.
-Descriptor connectTo(const std::string& path) {
+Descriptor clientAt(const std::string& path) {
   Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (UnixAddress(path).connect(socket.get()) != 0) return Descriptor();
   const timeval limit{patience.count(), 0};
@@ -60,7 +60,7 @@ TEST_F(DaemonProcessTest, ListensInItsSandboxAndReportsReadiness) {
   DaemonProcess daemon(root, {"--log", "stderr"});
   ASSERT_TRUE(daemon.waitUntilReady()) << daemon.standardError();
   EXPECT_TRUE(daemon.waitForLog(listening));
-  EXPECT_TRUE(connectTo(socketPath()));
+  EXPECT_TRUE(clientAt(socketPath()));
 }
 
 TEST_F(DaemonProcessTest, TellsOfItsStartAtInfoAndNothingElse) {
@@ -92,7 +92,7 @@ TEST_F(DaemonProcessTest, LetsEverybodyTryTheSocket) {
 TEST_F(DaemonProcessTest, RefusesAClientWithoutTheEntitlement) {
   DaemonProcess daemon(root, logging());
   ASSERT_TRUE(daemon.waitUntilReady()) << daemon.standardError();
-  const Descriptor client = connectTo(socketPath());
+  const Descriptor client = clientAt(socketPath());
   ASSERT_TRUE(client);
   EXPECT_TRUE(isClosed(client));
   EXPECT_TRUE(
@@ -104,7 +104,7 @@ TEST_F(DaemonProcessTest, AcceptsAClientWithTheEntitlementAndFollowsItsEnd) {
   DaemonProcess daemon(root, logging());
   ASSERT_TRUE(daemon.waitUntilReady()) << daemon.standardError();
   {
-    const Descriptor client = connectTo(socketPath());
+    const Descriptor client = clientAt(socketPath());
     ASSERT_TRUE(client);
     EXPECT_TRUE(daemon.waitForLog("as it has proper entitlement, 0(0) connections."));
   }
@@ -117,9 +117,9 @@ TEST_F(DaemonProcessTest, ReadsEntitlementsAtEachConnection) {
   root.write("etc/corvid/entitlements.d/README", "");
   DaemonProcess daemon(root, logging());
   ASSERT_TRUE(daemon.waitUntilReady()) << daemon.standardError();
-  EXPECT_TRUE(isClosed(connectTo(socketPath())));
+  EXPECT_TRUE(isClosed(clientAt(socketPath())));
   root.entitleThisUser();
-  const Descriptor client = connectTo(socketPath());
+  const Descriptor client = clientAt(socketPath());
   EXPECT_TRUE(daemon.waitForLog("as it has proper entitlement"));
 }
 
@@ -127,7 +127,7 @@ TEST_F(DaemonProcessTest, ServesASocketThatItWasStartedWith) {
   root.entitleThisUser();
   const std::string path = root.path("activation");
   const Descriptor listener = listenAt(path);
-  const Descriptor client = connectTo(path);
+  const Descriptor client = clientAt(path);
   DaemonProcess daemon(root, logging(), listener.get());
   ASSERT_TRUE(daemon.waitUntilReady()) << daemon.standardError();
   EXPECT_TRUE(daemon.waitForLog("as it has proper entitlement, 0(0) connections."));
@@ -138,7 +138,7 @@ TEST_F(DaemonProcessTest, EndsWhenIdle) {
   DaemonProcess daemon(root, logging({"--idle-exit", "1"}));
   ASSERT_TRUE(daemon.waitUntilReady()) << daemon.standardError();
   EXPECT_EQ(daemon.waitForExit(), 0) << daemon.standardError();
-  EXPECT_FALSE(connectTo(socketPath()));
+  EXPECT_FALSE(clientAt(socketPath()));
 }
 
 TEST_F(DaemonProcessTest, AClientKeepsTheIdleProcessAlive) {
@@ -146,7 +146,7 @@ TEST_F(DaemonProcessTest, AClientKeepsTheIdleProcessAlive) {
   DaemonProcess daemon(root, logging({"--idle-exit", "1"}));
   ASSERT_TRUE(daemon.waitUntilReady()) << daemon.standardError();
   {
-    const Descriptor client = connectTo(socketPath());
+    const Descriptor client = clientAt(socketPath());
     ASSERT_TRUE(daemon.waitForLog("as it has proper entitlement"));
     EXPECT_EQ(daemon.waitForExit(std::chrono::milliseconds(1300)), std::nullopt);
   }
@@ -175,7 +175,7 @@ TEST_F(DaemonProcessTest, WithoutASandboxItWarnsAndRuns) {
   root.remove(profileFile);
   DaemonProcess daemon(root, logging({"--sandbox", "off"}));
   ASSERT_TRUE(daemon.waitUntilReady()) << daemon.standardError();
-  EXPECT_TRUE(connectTo(socketPath()));
+  EXPECT_TRUE(clientAt(socketPath()));
   EXPECT_EQ(daemon.timesLogged(" warning corvidd["), 1u) << daemon.standardError();
   EXPECT_EQ(
       daemon.timesLogged(": main: The sandbox is off: corvidd may do whatever its user may\n"), 1u);
@@ -188,7 +188,7 @@ TEST_F(DaemonProcessTest, ASecondDaemonLeavesTheFirstAlone) {
   EXPECT_EQ(second.waitForExit(), 1);
   EXPECT_EQ(second.timesLogged(" error corvidd["), 1u);
   EXPECT_EQ(second.timesLogged(": main: Cannot listen for clients: "), 1u);
-  EXPECT_TRUE(connectTo(socketPath()));
+  EXPECT_TRUE(clientAt(socketPath()));
 }
 
 TEST_F(DaemonProcessTest, AStaleSocketIsReplaced) {
@@ -196,7 +196,7 @@ TEST_F(DaemonProcessTest, AStaleSocketIsReplaced) {
   listenAt(socketPath());  // closed at once, the file stays
   DaemonProcess daemon(root, logging());
   ASSERT_TRUE(daemon.waitUntilReady()) << daemon.standardError();
-  EXPECT_TRUE(connectTo(socketPath()));
+  EXPECT_TRUE(clientAt(socketPath()));
 }
 
 TEST_F(DaemonProcessTest, AFileInTheSocketsPlaceIsNotTouched) {

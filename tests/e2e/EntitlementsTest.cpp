@@ -18,7 +18,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr uid_t stranger = 4712;
+constexpr uid_t strangerUser = 4712;
 constexpr std::string_view accepting = "listener: Accepting new IPC connection";
 constexpr std::string_view tookBack = ": an entitlement was taken back";
 
@@ -91,11 +91,11 @@ TEST_F(EntitlementChanges, AFolderThatIsReplacedClosesOpenConnections) {
 TEST_F(EntitlementChanges, LeaveOtherUsersConnected) {
   if (getuid() != 0) GTEST_SKIP() << "takes root, to become another user";
   chmod(_root.path().c_str(), 0755);
-  write("20-stranger.plist", stranger, true);
+  write("20-stranger.plist", strangerUser, true);
   WireClient client(socketPath());
   EXPECT_EQ(sendEvent(client, 1, 1), "none");
-  RawClient other = connected(stranger);
-  write("zz-deny.plist", stranger, false);
+  RawClient other = connected(strangerUser);
+  write("zz-deny.plist", strangerUser, false);
   EXPECT_TRUE(other.awaitClosed());
   EXPECT_TRUE(waitUntil([&] { return timesLogged(tookBack) == 1; }));
   EXPECT_EQ(sendEvent(client, 1, 1), "none");

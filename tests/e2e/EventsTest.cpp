@@ -25,7 +25,7 @@ using testing::Pair;
 
 constexpr const char* describe =
     R"({"call":"setSessionInfo","sessionInfo":{"ClientType":5,"ClientVersion":3,"SessionID":42,"RequireUserInfo":true,"BatchEvent":true},"userInfo":{"_clientName":"Player","_serviceName":"Film"}})";
-constexpr const char* start = R"({"call":"startConfig"})";
+constexpr const char* startConfig = R"({"call":"startConfig"})";
 constexpr const char* flush = R"({"call":"flush"})";
 constexpr const char* play =
     R"({"call":"sendMessage","category":7,"type":2,"payload":{"action":"play","account":"alice","secret":"hidden"}})";
@@ -42,7 +42,7 @@ class Events : public LabFixture {
 
 TEST_F(Events, ABatchArrivesFilteredWithStartAndEndMessages) {
   startDaemon();
-  const auto lines = session({describe, start, play, flush});
+  const auto lines = session({describe, startConfig, play, flush});
   EXPECT_EQ(lines, (std::vector<std::string>{R"({"call":"setSessionInfo"})",
                                              R"({"call":"startConfig","states":["httpPost"]})",
                                              R"({"call":"sendMessage","result":null})",
@@ -64,7 +64,7 @@ TEST_F(Events, ABatchArrivesFilteredWithStartAndEndMessages) {
 
 TEST_F(Events, ARealtimeEventOvertakesNothing) {
   startDaemon();
-  session({describe, start, play,
+  session({describe, startConfig, play,
            R"({"call":"sendMessageWithDictionary","message":{"Category":8,"Type":2,"Flag":1}})"});
   ASSERT_TRUE(waitUntil([&] { return records().size() == 4; }));
   // Posts may cross on their way; each says when it was made.
@@ -84,7 +84,7 @@ TEST_F(Events, ARealtimeEventOvertakesNothing) {
 TEST_F(Events, AServerErrorDisablesTheBackend) {
   startDaemon();
   plan("events", {{"status", 503}});
-  const auto lines = session({describe, start, play, flush, play, flush});
+  const auto lines = session({describe, startConfig, play, flush, play, flush});
   ASSERT_EQ(lines.size(), 6u);
   EXPECT_EQ(lines[3],
             R"({"call":"flush","result":null,"error":{"domain":"com.halcyon.corvid.error",)"
@@ -95,7 +95,7 @@ TEST_F(Events, AServerErrorDisablesTheBackend) {
 TEST_F(Events, ATamperedStorebagIsRefusedAndNothingLeaves) {
   plan("storebags", {{"times", -1}, {"corrupt", true}});
   startDaemon();
-  const auto lines = session({describe, start, play});
+  const auto lines = session({describe, startConfig, play});
   ASSERT_EQ(lines.size(), 3u);
   EXPECT_EQ(lines[1], R"({"call":"startConfig","states":null})");
   EXPECT_EQ(lines[2], R"({"call":"sendMessage","result":null})");
@@ -106,9 +106,9 @@ TEST_F(Events, ATamperedStorebagIsRefusedAndNothingLeaves) {
 TEST_F(Events, AFailedFetchIsNotRepeatedAtOnce) {
   plan("storebags", {{"times", -1}, {"status", 500}});
   startDaemon();
-  session({describe, start});
+  session({describe, startConfig});
   const std::size_t asked = _lab.storebags().requestsReceived();
-  session({describe, start});
+  session({describe, startConfig});
   EXPECT_EQ(_lab.storebags().requestsReceived(), asked);
   EXPECT_TRUE(_daemon->waitForLog(
       "storebagForSession: Not fetching storebag for client type 5 - must wait 900 seconds"));
@@ -116,8 +116,8 @@ TEST_F(Events, AFailedFetchIsNotRepeatedAtOnce) {
 
 TEST_F(Events, ASecondSessionUsesTheCachedStorebag) {
   startDaemon();
-  session({describe, start});
-  session({describe, start});
+  session({describe, startConfig});
+  session({describe, startConfig});
   EXPECT_EQ(_lab.storebags().requestsReceived(), 1u);
   EXPECT_TRUE(_daemon->waitForLog("storebagForSession: Cached storebag found for client type 5"));
 }
@@ -161,7 +161,7 @@ TEST_F(Events, AClientOutsideTheCountryListReportsNothing) {
   ASSERT_EQ(setenv("LANG", "de_DE.UTF-8", 1), 0);
   startDaemon();
   unsetenv("LANG");
-  const auto lines = session({describe, start, play, flush});
+  const auto lines = session({describe, startConfig, play, flush});
   EXPECT_EQ(lines.at(1), R"({"call":"startConfig","states":[]})");
   EXPECT_TRUE(_daemon->waitForLog(
       "HTTPSPostBackend(updateBackendState): (DE) isn't in country code list []"));

@@ -20,18 +20,18 @@ namespace corvid {
 namespace {
 
 constexpr std::string_view preferences = "var/lib/corvidd/Preferences/com.halcyon.corvid.plist";
-constexpr std::string_view deployment = "etc/corvid/deployment.plist";
+constexpr std::string_view spoiltDeployment = "etc/corvid/deployment.plist";
 constexpr std::string_view device = "etc/corvid/device.plist";
 constexpr std::string_view entitlements = "etc/corvid/entitlements.d/lab.plist";
-constexpr std::string_view info = "usr/share/corvid/Info.plist";
+constexpr std::string_view spoiltInfo = "usr/share/corvid/Info.plist";
 constexpr std::string_view publicKey = "usr/share/corvid/publicKey.der";
-constexpr std::string_view profile = "usr/share/corvid/sandbox/com.halcyon.corvidd.plist";
+constexpr std::string_view spoiltProfile = "usr/share/corvid/sandbox/com.halcyon.corvidd.plist";
 
 enum class Damage { damaged, empty, noDictionary, huge, unreadable, folder };
 constexpr Damage allDamages[] = {Damage::damaged, Damage::empty,      Damage::noDictionary,
                                  Damage::huge,    Damage::unreadable, Damage::folder};
 
-std::string nameOf(const testing::TestParamInfo<Damage>& test) {
+std::string nameOfDamage(const testing::TestParamInfo<Damage>& test) {
   constexpr const char* names[] = {"Damaged", "Empty",      "NoDictionary",
                                    "Huge",    "Unreadable", "Folder"};
   return names[static_cast<std::size_t>(test.param)];
@@ -95,7 +95,7 @@ class FileFaults : public LabFixture, public testing::WithParamInterface<Damage>
  private:
   int _sent = 0;
 };
-INSTANTIATE_TEST_SUITE_P(Files, FileFaults, testing::ValuesIn(allDamages), nameOf);
+INSTANTIATE_TEST_SUITE_P(Files, FileFaults, testing::ValuesIn(allDamages), nameOfDamage);
 
 TEST_P(FileFaults, PreferencesAreSetAsideOrLeftAndCountAsAbsent) {
   publish("lumen", storebagPostingTo(urlOf("events")));
@@ -110,10 +110,10 @@ TEST_P(FileFaults, PreferencesAreSetAsideOrLeftAndCountAsAbsent) {
 }
 
 TEST_P(FileFaults, WithoutADeploymentNoStorebagServerIsReached) {
-  spoil(deployment);
-  EXPECT_TRUE(checkFindsWrong(deployment));
+  spoil(spoiltDeployment);
+  EXPECT_TRUE(checkFindsWrong(spoiltDeployment));
   startDaemon();
-  EXPECT_EQ(errorsAbout(deployment), 1u) << _daemon->standardError();
+  EXPECT_EQ(errorsAbout(spoiltDeployment), 1u) << _daemon->standardError();
   EXPECT_EQ(timesLogged("main: The deployment cannot be used, so no storebag server is reached: "),
             1u);
   TestClient client(_root.path());
@@ -149,8 +149,8 @@ TEST_P(FileFaults, WithoutEntitlementsNobodyConnectsUntilTheyAreMended) {
 
 TEST_P(FileFaults, WithoutAVersionItIsTheOldest) {
   publish("lumen", storebagPostingTo(urlOf("events")));
-  spoil(info);
-  EXPECT_TRUE(checkFindsWrong(info));
+  spoil(spoiltInfo);
+  EXPECT_TRUE(checkFindsWrong(spoiltInfo));
   startDaemon();
   expectReports();
   EXPECT_EQ(*stringAt(records().back(), "_reportVers"), "8.0");
@@ -165,22 +165,22 @@ TEST_P(FileFaults, WithoutAKeyNoStorebagIsTaken) {
 }
 
 TEST_P(FileFaults, WithoutASandboxProfileItDoesNotStart) {
-  spoil(profile);
-  EXPECT_TRUE(checkFindsWrong(profile));
+  spoil(spoiltProfile);
+  EXPECT_TRUE(checkFindsWrong(spoiltProfile));
   _daemon.emplace(_root, std::vector<std::string>{"--log", "stderr"});
   EXPECT_EQ(_daemon->waitForExit(), 255);
-  EXPECT_EQ(errorsAbout(profile), 1u) << _daemon->standardError();
+  EXPECT_EQ(errorsAbout(spoiltProfile), 1u) << _daemon->standardError();
 }
 
 class WrongTypes : public FileFaults {};
 
 TEST_F(WrongTypes, OfTheDeploymentArePassedOverAndNamed) {
-  _root.write(deployment,
+  _root.write(spoiltDeployment,
               writeXMLPropertyList(Dictionary{
                   {"ProductionStorebagHost", 5}, {"CAFile", true}, {"AllowInsecureHTTP", "yes"}}));
-  EXPECT_TRUE(checkFindsWrong(deployment));
+  EXPECT_TRUE(checkFindsWrong(spoiltDeployment));
   startDaemon();
-  EXPECT_EQ(errorsAbout(deployment), 3u) << _daemon->standardError();
+  EXPECT_EQ(errorsAbout(spoiltDeployment), 3u) << _daemon->standardError();
   TestClient client(_root.path());
   EXPECT_EQ(client.configure({.clientType = 5}).text(), "none");
 }

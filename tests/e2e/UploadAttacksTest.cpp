@@ -28,7 +28,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int uploadClient = 16;
+constexpr int uploadingClient = 16;
 
 class UploadAttacks : public LabFixture {
  protected:
@@ -42,7 +42,7 @@ class UploadAttacks : public LabFixture {
     EXPECT_EQ(uploads(), rightful);
     EXPECT_TRUE(fs::exists(secret));
     TestClient honest(_root.path());
-    EXPECT_EQ(honest.configure({.clientType = uploadClient}).text(), "httpPost,uploadServer");
+    EXPECT_EQ(honest.configure({.clientType = uploadingClient}).text(), "httpPost,uploadServer");
     EXPECT_EQ(honest.upload(write("honest")).text(), "accepted");
     EXPECT_EQ(uploads(), rightful + 1);
     EXPECT_FALSE(fs::exists(_root.path("files/honest")));
@@ -64,7 +64,7 @@ class UploadAttacks : public LabFixture {
   // A client without the client library, ready to upload.
   static void configure(WireClient& client) {
     auto info = client.session.setSessionInfoRequest();
-    fill(info.initSessionInfo(2), {{"ClientType", uploadClient}, {"SessionID", 66}});
+    fill(info.initSessionInfo(2), {{"ClientType", uploadingClient}, {"SessionID", 66}});
     info.send().wait(client.scope);
     client.session.startConfigRequest().send().wait(client.scope);
   }
@@ -100,7 +100,7 @@ TEST_F(UploadAttacks, WhatIsNoRegularFileIsRefused) {
   fs::create_symlink("/etc/passwd", _root.path("files/passwd"));
   ASSERT_EQ(mkfifo(_root.path("files/pipe").c_str(), 0600), 0);
   TestClient client(_root.path());
-  ASSERT_EQ(client.configure({.clientType = uploadClient}).text(), "httpPost,uploadServer");
+  ASSERT_EQ(client.configure({.clientType = uploadingClient}).text(), "httpPost,uploadServer");
   for (const std::string& path :
        {_root.path("files/link"), _root.path("files/passwd"), _root.path("files/pipe"),
         _root.path("files"), _root.path("files/../files/link"), _root.path("files/missing"),

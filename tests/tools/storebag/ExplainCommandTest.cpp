@@ -13,7 +13,7 @@ namespace {
 
 using testing::HasSubstr;
 
-constexpr const char* storebag = R"({"version":"1","release":{
+constexpr const char* explainedBag = R"({"version":"1","release":{
   "httpPost":{"clients":[
     {"client":"Reader","post_url":"https://c.example/reader"},
     {"client":"Player","post_url":"https://c.example/p","realtime_post_url":"https://c.example/now",
@@ -21,7 +21,7 @@ constexpr const char* storebag = R"({"version":"1","release":{
      "filters":[{"key":"secret","action":"remove"},{"key":"account","action":"sha256"}]}]},
   "uploadServer":{"post_url":"https://u.example/"}}})";
 
-constexpr const char* player = R"("productFamily":"Bench","country":"DE","consent":true,
+constexpr const char* playerFacts = R"("productFamily":"Bench","country":"DE","consent":true,
   "sessionInfo":{"RequireUserInfo":true,"BatchEvent":true},"userInfo":{"_clientName":"Player"})";
 
 class ExplainCommand : public testing::Test {
@@ -37,7 +37,7 @@ class ExplainCommand : public testing::Test {
     return *parseJSON(printedBy(words)).value().dictionary();
   }
   static std::string playerWith(const std::string& more) {
-    return fmt::format("{{{}{}}}", player, more);
+    return fmt::format("{{{}{}}}", playerFacts, more);
   }
   // Of the backend httpPost.
   static Dictionary first(const Dictionary& in) {
@@ -49,7 +49,7 @@ class ExplainCommand : public testing::Test {
   }
 
   const ScratchFolder _folder;
-  const std::string _file = _folder.write("storebag", storebag);
+  const std::string _file = _folder.write("storebag", explainedBag);
 };
 
 TEST_F(ExplainCommand, TellsOfEachBackendAllThatDecides) {

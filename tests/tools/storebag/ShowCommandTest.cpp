@@ -10,7 +10,7 @@
 namespace corvid {
 namespace {
 
-const Dictionary storebag{{"version", "1"},
+const Dictionary shownBag{{"version", "1"},
                           {"secret", Data{"\x01\xff"}},
                           {"since", Date{12}},
                           {"release", Dictionary{{"weights", Array{1, 0.5, true}}}}};
@@ -29,22 +29,22 @@ class ShowCommand : public testing::Test {
 };
 
 TEST_F(ShowCommand, PrintsWhatEveryFormHoldsAsAPropertyList) {
-  const std::string expected = writeXMLPropertyList(storebag);
-  const std::string json = *writeJSON(*tools::jsonFromValue(storebag).dictionary());
+  const std::string expected = writeXMLPropertyList(shownBag);
+  const std::string json = *writeJSON(*tools::jsonFromValue(shownBag).dictionary());
   EXPECT_EQ(shown(expected), expected);
-  EXPECT_EQ(shown(writeBinaryPropertyList(storebag)), expected);
+  EXPECT_EQ(shown(writeBinaryPropertyList(shownBag)), expected);
   EXPECT_EQ(shown("\n " + json), expected);
 }
 
 TEST_F(ShowCommand, LooksIntoAnEnvelope) {
   const Dictionary envelope{{"signature", "c29tZQ=="},
-                            {"bag", base64Encode(writeBinaryPropertyList(storebag))}};
-  EXPECT_EQ(shown(writeXMLPropertyList(envelope)), writeXMLPropertyList(storebag));
+                            {"bag", base64Encode(writeBinaryPropertyList(shownBag))}};
+  EXPECT_EQ(shown(writeXMLPropertyList(envelope)), writeXMLPropertyList(shownBag));
 }
 
 TEST_F(ShowCommand, PrintsJSONThatMeansTheSame) {
-  EXPECT_EQ(shownAsJSON(writeXMLPropertyList(storebag)), storebag);
-  EXPECT_EQ(shownAsJSON(writeBinaryPropertyList(storebag)), storebag);
+  EXPECT_EQ(shownAsJSON(writeXMLPropertyList(shownBag)), shownBag);
+  EXPECT_EQ(shownAsJSON(writeBinaryPropertyList(shownBag)), shownBag);
 }
 
 TEST_F(ShowCommand, SaysWhatIsWrongWithWhatItCannotRead) {

@@ -13,7 +13,7 @@ namespace {
 using testing::EndsWith;
 using testing::HasSubstr;
 
-constexpr const char* storebag = R"({"version":"1","release":{"httpPost":{"clients":[
+constexpr const char* tested = R"({"version":"1","release":{"httpPost":{"clients":[
   {"client":"Player","post_url":"https://c.example/p","locale_whitelist":["DE"],
    "sampling_threshold":0.5,"event_threshold":0,"filters":[{"key":"secret","action":"remove"}]}]}}})";
 
@@ -52,7 +52,7 @@ class TestCommand : public testing::Test {
   }
 
   const ScratchFolder _folder;
-  const std::string _file = _folder.write("storebag", storebag);
+  const std::string _file = _folder.write("storebag", tested);
 };
 
 TEST_F(TestCommand, PassesWhereTheStorebagDoesWhatIsExpected) {
