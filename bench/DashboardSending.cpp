@@ -1,6 +1,5 @@
 #include "bench/DashboardSending.h"
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <pthread.h>
 #include <sys/socket.h>
@@ -16,10 +15,10 @@
 #include <vector>
 
 #include "backends/dashboard/DashboardBackend.h"
-#include "base/Descriptor.h"
 #include "base/Thread.h"
 #include "bench/Program.h"
 #include "platform/Platform.h"
+#include "tests/support/Loopback.h"
 #include "tools/corvidctl/Commands.h"
 
 namespace corvid::bench {
@@ -54,28 +53,20 @@ class Counter {
 // Receives on loopback and, where told, sends each packet's header back. An empty packet ends it.
 class Server {
  public:
-  Server() : _socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    auto* const generic = reinterpret_cast<sockaddr*>(&address);
-    if (!_socket || ::bind(_socket.get(), generic, size) != 0 ||
-        ::getsockname(_socket.get(), generic, &size) != 0)
-      throw std::runtime_error("there is no socket to receive packets on");
-    _address = address;
+  Server() {
     _thread = startThread("bench-server", [this] { serve(); });
     pthread_getcpuclockid(_thread.native_handle(), &_clock);
   }
   ~Server() {
-    ::sendto(_socket.get(), nullptr, 0, 0, reinterpret_cast<const sockaddr*>(&_address),
-             sizeof _address);
+    const sockaddr_in address = loopbackAddress(port());
+    ::sendto(_bound.socket.get(), nullptr, 0, 0, reinterpret_cast<const sockaddr*>(&address),
+             sizeof address);
     _thread.join();
   }
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
 
-  std::uint16_t port() const { return ntohs(_address.sin_port); }
+  std::uint16_t port() const { return _bound.port; }
   std::chrono::nanoseconds cpuTime() const { return timeOf(_clock); }
   const Counter& arrivals() const { return _arrivals; }
   void setAcknowledges(bool acknowledges) { _acknowledges = acknowledges; }
@@ -87,15 +78,15 @@ class Server {
     auto* const peer = reinterpret_cast<sockaddr*>(&from);
     for (;;) {
       socklen_t size = sizeof from;
-      if (::recvfrom(_socket.get(), packet.data(), packet.size(), 0, peer, &size) <= 0) return;
+      if (::recvfrom(_bound.socket.get(), packet.data(), packet.size(), 0, peer, &size) <= 0)
+        return;
       if (_acknowledges)
-        ::sendto(_socket.get(), packet.data(), TagReportingPacketHeader::size, 0, peer, size);
+        ::sendto(_bound.socket.get(), packet.data(), TagReportingPacketHeader::size, 0, peer, size);
       _arrivals.add();
     }
   }
 
-  const Descriptor _socket;
-  sockaddr_in _address{};
+  const BoundSocket _bound = bindOnLoopback(SOCK_DGRAM);
   Counter _arrivals;
   std::atomic<bool> _acknowledges = false;
   clockid_t _clock{};

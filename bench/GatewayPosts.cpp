@@ -1,6 +1,5 @@
 #include "bench/GatewayPosts.h"
 
-#include <arpa/inet.h>
 #include <fmt/format.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -12,6 +11,7 @@
 #include <string_view>
 
 #include "bench/FleetBody.h"
+#include "tests/support/Loopback.h"
 #include "tools/Gzip.h"
 
 namespace corvid::bench {
@@ -64,15 +64,9 @@ std::vector<FleetPost> makeFleetPosts(std::size_t count, int eventsEach) {
 }
 
 Descriptor connectTo(std::uint16_t port) {
-  Descriptor connection(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  Descriptor connection = connectOnLoopback(port);
   const int on = 1;
-  if (!connection ||
-      connect(connection.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-      setsockopt(connection.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) != 0)
+  if (!connection || setsockopt(connection.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) != 0)
     throw std::runtime_error("cannot connect to the gateway");
   return connection;
 }

@@ -1,53 +1,19 @@
 #include "bench/NginxSink.h"
 
-#include <arpa/inet.h>
 #include <fmt/format.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <fstream>
 #include <stdexcept>
 #include <thread>
 
+#include "tests/support/Loopback.h"
 #include "tests/support/Waiting.h"
 
 namespace corvid::bench {
 
-namespace {
-
-sockaddr_in loopback(std::uint16_t port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
-}
-
-std::uint16_t freePort() {
-  const int probe = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address = loopback(0);
-  socklen_t size = sizeof address;
-  bind(probe, reinterpret_cast<sockaddr*>(&address), size);
-  getsockname(probe, reinterpret_cast<sockaddr*>(&address), &size);
-  close(probe);
-  return ntohs(address.sin_port);
-}
-
-bool accepts(std::uint16_t port) {
-  const int probe = socket(AF_INET, SOCK_STREAM, 0);
-  const sockaddr_in address = loopback(port);
-  const bool connected =
-      connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-  close(probe);
-  return connected;
-}
-
-}  // namespace
-
 NginxSink::NginxSink(const std::string& folder, const lab::TLSCertificate& certificate,
                      Connections connections)
-    : _folder(folder), _port(freePort()) {
+    : _folder(folder), _port(freePorts(1).front()) {
   const std::string configuration = _folder + "/nginx.conf";
   std::ofstream(configuration) << fmt::format(
       R"(daemon off; master_process off; error_log {0}/nginx-error.log; pid {0}/nginx.pid;
@@ -72,7 +38,7 @@ http {{
       std::vector<std::string>{"nginx", "-c", configuration, "-p", _folder, "-e",
                                _folder + "/nginx-error.log"},
       _folder + "/nginx-stderr.log");
-  if (waitUntil([&] { return accepts(_port) || !_process->isRunning(); }) && _process->isRunning())
+  if (waitUntil([&] { return isOpen(_port) || !_process->isRunning(); }) && _process->isRunning())
     return;
   throw std::runtime_error("nginx did not come up; is nginx-light installed? See " + _folder +
                            "/nginx-error.log");

@@ -1,8 +1,6 @@
 #include "tests/gateway/Caller.h"
 
-#include <arpa/inet.h>
 #include <fmt/format.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -12,17 +10,12 @@
 
 #include "base/Reading.h"
 #include "base/Text.h"
+#include "tests/support/Loopback.h"
 
 namespace corvid::fleet {
 
-Caller::Caller(std::uint16_t port) : _socket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (!_socket ||
-      connect(_socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-    throw std::runtime_error("cannot connect");
+Caller::Caller(std::uint16_t port) : _socket(connectOnLoopback(port)) {
+  if (!_socket) throw std::runtime_error("cannot connect");
 }
 
 bool Caller::send(std::string_view bytes) {

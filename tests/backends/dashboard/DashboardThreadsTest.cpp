@@ -1,5 +1,4 @@
 // A dashboard backend on the real network: threads that race, and no owner left.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -22,6 +21,7 @@
 #include "platform/network/SystemNetwork.h"
 #include "tests/fakes/TestIdentity.h"
 #include "tests/fakes/TestPlatform.h"
+#include "tests/support/Loopback.h"
 #include "tests/support/Waiting.h"
 
 namespace corvid {
@@ -32,20 +32,14 @@ using namespace std::chrono_literals;
 // Sends every packet's header back, at once, from a thread of its own.
 class EchoServer {
  public:
-  EchoServer() : _socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    EXPECT_EQ(::bind(_socket.get(), reinterpret_cast<sockaddr*>(&address), size), 0);
-    ::getsockname(_socket.get(), reinterpret_cast<sockaddr*>(&address), &size);
-    port = ntohs(address.sin_port);
+  EchoServer() {
     const timeval soon{0, 20'000};
-    ::setsockopt(_socket.get(), SOL_SOCKET, SO_RCVTIMEO, &soon, sizeof soon);
+    ::setsockopt(_bound.socket.get(), SOL_SOCKET, SO_RCVTIMEO, &soon, sizeof soon);
     _thread = std::jthread([this](std::stop_token stop) { serve(stop); });
   }
 
-  std::uint16_t port = 0;
+  std::uint16_t port() const { return _bound.port; }
+
   std::atomic<bool> isSilent = false;
   std::atomic<int> received = 0;
 
@@ -56,13 +50,13 @@ class EchoServer {
       sockaddr_in from{};
       socklen_t size = sizeof from;
       auto* const peer = reinterpret_cast<sockaddr*>(&from);
-      if (::recvfrom(_socket.get(), packet, sizeof packet, 0, peer, &size) < 64) continue;
+      if (::recvfrom(_bound.socket.get(), packet, sizeof packet, 0, peer, &size) < 64) continue;
       ++received;
-      if (!isSilent) ::sendto(_socket.get(), packet, 64, 0, peer, size);
+      if (!isSilent) ::sendto(_bound.socket.get(), packet, 64, 0, peer, size);
     }
   }
 
-  const Descriptor _socket;
+  const BoundSocket _bound = bindOnLoopback(SOCK_DGRAM);
   std::jthread _thread;
 };
 
@@ -95,7 +89,7 @@ class DashboardThreadsTest : public testing::Test {
   // With this period in milliseconds of the fast clock. What delivers its packets lives as long as
   // an object in `deliveries`.
   std::shared_ptr<DashboardBackend> make(int period) {
-    const Dictionary profile{{"ip", "127.0.0.1"}, {"port", server.port}, {"reliable", period}};
+    const Dictionary profile{{"ip", "127.0.0.1"}, {"port", server.port()}, {"reliable", period}};
     const auto kept = std::make_shared<int>();
     deliveries.push_back(kept);
     return DashboardBackend::initWithName(

@@ -2,7 +2,7 @@
 
 #include <fmt/format.h>
 
-#include "tests/gateway/engines/FreePorts.h"
+#include "tests/support/Loopback.h"
 
 namespace corvid::fleet {
 

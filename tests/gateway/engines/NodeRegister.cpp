@@ -1,13 +1,11 @@
 #include "tests/gateway/engines/NodeRegister.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <array>
 #include <stdexcept>
 
-#include "tests/gateway/engines/FreePorts.h"
+#include "tests/support/Loopback.h"
 #include "tests/support/Waiting.h"
 
 namespace corvid::fleet {
@@ -43,19 +41,15 @@ NodeRegister::NodeRegister(std::uint16_t port)
 }
 
 void NodeRegister::announce(const std::string& name, std::uint16_t port) {
-  Descriptor connection(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(_port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  Descriptor connection = connectOnLoopback(_port);
   const std::string request = registration(name, port);
   // ALIVE2_RESP or its longer form, and the result: 0.
   std::array<char, 2> answer{};
-  const bool isTaken =
-      connect(connection.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
-      send(connection.get(), request.data(), request.size(), MSG_NOSIGNAL) ==
-          static_cast<ssize_t>(request.size()) &&
-      recv(connection.get(), answer.data(), answer.size(), MSG_WAITALL) == 2 && answer[1] == 0;
+  const bool isTaken = connection &&
+                       send(connection.get(), request.data(), request.size(), MSG_NOSIGNAL) ==
+                           static_cast<ssize_t>(request.size()) &&
+                       recv(connection.get(), answer.data(), answer.size(), MSG_WAITALL) == 2 &&
+                       answer[1] == 0;
   if (!isTaken) throw std::runtime_error("epmd does not take " + name);
   _announced[name] = std::move(connection);
 }

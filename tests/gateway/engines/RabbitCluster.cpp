@@ -3,7 +3,7 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 
-#include "tests/gateway/engines/FreePorts.h"
+#include "tests/support/Loopback.h"
 
 namespace corvid::fleet {
 

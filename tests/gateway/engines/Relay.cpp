@@ -8,8 +8,9 @@
 
 #include <array>
 #include <cerrno>
-#include <system_error>
 #include <utility>
+
+#include "tests/support/Loopback.h"
 
 namespace corvid::fleet {
 
@@ -21,14 +22,6 @@ Descriptor openSocket() {
   return Descriptor(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
 }
 
-sockaddr_in loopback(std::uint16_t port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
-}
-
 void sendAtOnce(const Descriptor& socket) {
   const int on = 1;
   setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
@@ -36,14 +29,10 @@ void sendAtOnce(const Descriptor& socket) {
 
 }  // namespace
 
-Relay::Relay(std::uint16_t target) : _target(target), _listener(openSocket()) {
-  sockaddr_in address = loopback(0);
-  socklen_t length = sizeof address;
-  auto* const generic = reinterpret_cast<sockaddr*>(&address);
-  if (bind(_listener.get(), generic, length) != 0 || listen(_listener.get(), 64) != 0 ||
-      getsockname(_listener.get(), generic, &length) != 0)
-    throw std::system_error(errno, std::generic_category(), "relay");
-  _port = ntohs(address.sin_port);
+Relay::Relay(std::uint16_t target) : _target(target) {
+  BoundSocket bound = listenOnLoopback(SOCK_STREAM | SOCK_NONBLOCK);
+  _listener = std::move(bound.socket);
+  _port = bound.port;
   _thread = std::jthread([this](const std::stop_token& stop) { run(stop); });
 }
 
@@ -88,7 +77,7 @@ void Relay::accept() {
   Descriptor near(accept4(_listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
   Descriptor far = openSocket();
   if (!near || !far) return;
-  const sockaddr_in address = loopback(_target);
+  const sockaddr_in address = loopbackAddress(_target);
   if (connect(far.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 &&
       errno != EINPROGRESS)
     return;

@@ -38,7 +38,7 @@ class Relay {
   static bool move(Link& link, std::size_t from, short events);
 
   const std::uint16_t _target;
-  const Descriptor _listener;
+  Descriptor _listener;
   std::uint16_t _port = 0;
   const Wakeup _wakeup;
   std::atomic<bool> _isCut{false};

@@ -1,6 +1,4 @@
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -8,6 +6,7 @@
 #include <string>
 
 #include "tests/gateway/engines/Relay.h"
+#include "tests/support/Loopback.h"
 #include "tests/support/Waiting.h"
 
 namespace corvid::fleet {
@@ -16,27 +15,14 @@ namespace {
 // A server behind a relay, and a client before it.
 class RelayTest : public ::testing::Test {
  protected:
-  RelayTest() : _listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address = loopback(0);
-    socklen_t length = sizeof address;
-    auto* const generic = reinterpret_cast<sockaddr*>(&address);
-    EXPECT_EQ(bind(_listener.get(), generic, length), 0);
-    EXPECT_EQ(listen(_listener.get(), 16), 0);
-    EXPECT_EQ(getsockname(_listener.get(), generic, &length), 0);
-    _relay.emplace(ntohs(address.sin_port));
-  }
-  static sockaddr_in loopback(std::uint16_t port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
+  RelayTest() {
+    BoundSocket bound = listenOnLoopback();
+    _listener = std::move(bound.socket);
+    _relay.emplace(bound.port);
   }
   Descriptor connected() const {
-    Descriptor client(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const sockaddr_in address = loopback(_relay->port());
-    EXPECT_EQ(connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address),
-              0);
+    Descriptor client = connectOnLoopback(_relay->port());
+    EXPECT_TRUE(client);
     return client;
   }
   Descriptor accepted() const {
@@ -64,7 +50,7 @@ class RelayTest : public ::testing::Test {
     return text;
   }
 
-  const Descriptor _listener;
+  Descriptor _listener;
   std::optional<Relay> _relay;
 };
 

@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <stdexcept>
 
-#include "tests/gateway/engines/FreePorts.h"
+#include "tests/support/Loopback.h"
 
 namespace corvid::fleet {
 

@@ -11,7 +11,7 @@
 #include <string_view>
 
 #include "base/Descriptor.h"
-#include "tests/gateway/engines/FreePorts.h"
+#include "tests/support/Loopback.h"
 #include "tests/support/Waiting.h"
 
 namespace corvid::fleet {

@@ -6,8 +6,8 @@
 
 #include "gateway/loader/PostReader.h"
 #include "tests/gateway/GatewayFixture.h"
-#include "tests/gateway/engines/FreePorts.h"
 #include "tests/gateway/engines/ScratchNginx.h"
+#include "tests/support/Loopback.h"
 #include "tests/support/ToolProcess.h"
 
 namespace corvid::fleet {

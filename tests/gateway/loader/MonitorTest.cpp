@@ -1,6 +1,5 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <chrono>
@@ -10,6 +9,7 @@
 #include "base/Descriptor.h"
 #include "gateway/loader/LoaderLedger.h"
 #include "gateway/loader/Monitor.h"
+#include "tests/support/Loopback.h"
 #include "tests/support/ToolProcess.h"
 
 namespace corvid::fleet {
@@ -18,13 +18,8 @@ namespace {
 using ::testing::HasSubstr;
 
 Descriptor connectTo(std::uint16_t port) {
-  Descriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-    throw std::runtime_error("no monitor");
+  Descriptor socket = connectOnLoopback(port);
+  if (!socket) throw std::runtime_error("no monitor");
   return socket;
 }
 

@@ -3,9 +3,9 @@
 
 #include "gateway/loader/Database.h"
 #include "gateway/log/LogURL.h"
-#include "tests/gateway/engines/FreePorts.h"
 #include "tests/gateway/engines/ScratchPostgres.h"
 #include "tests/gateway/log/ClusterFixture.h"
+#include "tests/support/Loopback.h"
 #include "tests/support/ToolProcess.h"
 
 namespace corvid::fleet {

@@ -1,14 +1,11 @@
 // A log that nobody answers for.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 
 #include <atomic>
 
-#include "base/Descriptor.h"
 #include "gateway/log/AMQPPublisher.h"
 #include "gateway/log/LogURL.h"
+#include "tests/support/Loopback.h"
 #include "tests/support/Waiting.h"
 
 namespace corvid::fleet {
@@ -23,20 +20,10 @@ LogMessage message(std::size_t bytes = 10) {
 // Connections stand, and nobody ever reads from them.
 class DeafServer {
  public:
-  DeafServer() : _socket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    _address.sin_family = AF_INET;
-    _address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof _address;
-    auto* const generic = reinterpret_cast<sockaddr*>(&_address);
-    EXPECT_EQ(bind(_socket.get(), generic, length), 0);
-    EXPECT_EQ(listen(_socket.get(), 16), 0);
-    EXPECT_EQ(getsockname(_socket.get(), generic, &length), 0);
-  }
-  std::uint16_t port() const { return ntohs(_address.sin_port); }
+  std::uint16_t port() const { return _bound.port; }
 
  private:
-  const Descriptor _socket;
-  sockaddr_in _address{};
+  const BoundSocket _bound = listenOnLoopback();
 };
 
 TEST(AMQPPublisher, AnswersByItsDeadlineWhereTheLogIsDeaf) {

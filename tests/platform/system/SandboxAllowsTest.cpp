@@ -38,6 +38,7 @@
 #include "platform/system/SystemLog.h"
 #include "tests/fakes/FakeJournal.h"
 #include "tests/platform/system/SandboxFixture.h"
+#include "tests/support/Loopback.h"
 
 namespace corvid {
 namespace {
@@ -47,24 +48,6 @@ class SandboxAllows : public SandboxFixture {};
 template <class Address>
 const sockaddr* generic(const Address& address) {
   return reinterpret_cast<const sockaddr*>(&address);
-}
-
-sockaddr_in loopback() {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
-}
-
-// A socket bound to a free port of the loopback, and its address.
-Descriptor boundSocket(int type, sockaddr_in& address) {
-  address = loopback();
-  Descriptor bound(socket(AF_INET, type, 0));
-  socklen_t size = sizeof address;
-  if (bind(bound.get(), generic(address), size) != 0 ||
-      getsockname(bound.get(), reinterpret_cast<sockaddr*>(&address), &size) != 0)
-    return Descriptor();
-  return bound;
 }
 
 TEST_F(SandboxAllows, Threads) {
@@ -200,9 +183,8 @@ TEST_F(SandboxAllows, CertificatesToBeRead) {
 }
 
 TEST_F(SandboxAllows, TCPConnections) {
-  sockaddr_in address{};
-  const Descriptor listener = boundSocket(SOCK_STREAM, address);
-  ASSERT_EQ(listen(listener.get(), 1), 0);
+  const BoundSocket listener = listenOnLoopback();
+  const sockaddr_in address = loopbackAddress(listener.port);
   EXPECT_EQ(inSandbox([&] {
               const Descriptor client(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
               return errorOf(connect(client.get(), generic(address), sizeof address));
@@ -212,14 +194,12 @@ TEST_F(SandboxAllows, TCPConnections) {
 
 TEST_F(SandboxAllows, Datagrams) {
   EXPECT_EQ(inSandbox([] {
-              sockaddr_in address{};
-              const Descriptor server = boundSocket(SOCK_DGRAM, address);
-              sockaddr_in clientAddress{};
-              const Descriptor client = boundSocket(SOCK_DGRAM, clientAddress);
-              if (connect(client.get(), generic(address), sizeof address) != 0) return 1;
+              const BoundSocket server = bindOnLoopback(SOCK_DGRAM);
+              const Descriptor client = connectOnLoopback(server.port, SOCK_DGRAM);
+              if (!client) return 1;
               if (send(client.get(), "packet", 6, 0) != 6) return 2;
               char packet[16];
-              return recv(server.get(), packet, sizeof packet, 0) == 6 ? 0 : 3;
+              return recv(server.socket.get(), packet, sizeof packet, 0) == 6 ? 0 : 3;
             }),
             0);
 }
@@ -227,7 +207,7 @@ TEST_F(SandboxAllows, Datagrams) {
 // The rest of what stays open, as docs/security.md says.
 TEST_F(SandboxAllows, DatagramPortsToBeBound) {
   EXPECT_EQ(inSandbox([] {
-              sockaddr_in address = loopback();
+              const sockaddr_in address = loopbackAddress(0);
               const Descriptor bound(socket(AF_INET, SOCK_DGRAM, 0));
               return errorOf(bind(bound.get(), generic(address), sizeof address));
             }),
@@ -253,13 +233,12 @@ TEST_F(SandboxAllows, CommandLinesOfOtherProcessesToBeRead) {
 
 TEST_F(SandboxAllows, TheNetworkThreadToSendAndToBeAnswered) {
   EXPECT_EQ(inSandbox([] {
-              sockaddr_in address{};
-              const Descriptor server = boundSocket(SOCK_DGRAM, address);
+              const BoundSocket server = bindOnLoopback(SOCK_DGRAM);
               SystemNetwork network(std::make_shared<SystemClock>());
               const auto queue = network.createQueue("sandboxed");
               const auto socket = std::move(network.openDatagramSocket()).value();
               if (socket->bindToAnyPort() != 0) return 1;
-              if (socket->connect(INADDR_LOOPBACK, ntohs(address.sin_port)) != 0) return 2;
+              if (socket->connect(INADDR_LOOPBACK, server.port) != 0) return 2;
               std::promise<bool> answered;
               const auto source = queue->createReadSource(
                   *socket,
@@ -272,11 +251,13 @@ TEST_F(SandboxAllows, TheNetworkThreadToSendAndToBeAnswered) {
                   std::chrono::milliseconds(1), [&] { socket->send("packet"); }, nullptr);
               timer->setArmed(true);
               char packet[16];
-              socklen_t size = sizeof address;
-              auto* const client = reinterpret_cast<sockaddr*>(&address);
-              if (recvfrom(server.get(), packet, sizeof packet, 0, client, &size) != 6) return 3;
+              sockaddr_in from{};
+              socklen_t size = sizeof from;
+              auto* const client = reinterpret_cast<sockaddr*>(&from);
+              if (recvfrom(server.socket.get(), packet, sizeof packet, 0, client, &size) != 6)
+                return 3;
               timer->setArmed(false);
-              if (sendto(server.get(), packet, 6, 0, client, size) != 6) return 4;
+              if (sendto(server.socket.get(), packet, 6, 0, client, size) != 6) return 4;
               auto outcome = answered.get_future();
               if (outcome.wait_for(std::chrono::seconds(10)) != std::future_status::ready) return 5;
               return outcome.get() ? 0 : 6;
@@ -421,20 +402,20 @@ void serveNames(int server) {
 }
 
 TEST_F(SandboxAllows, NamesToBeLookedUpWithAServer) {
-  EXPECT_EQ(inSandbox([] {
-              sockaddr_in address{};
-              Descriptor server = boundSocket(SOCK_DGRAM, address);
-              std::thread([descriptor = server.release()] { serveNames(descriptor); }).detach();
-              if (res_init() != 0) return 1;
-              _res.nscount = 1;
-              _res.nsaddr_list[0] = address;
-              _res.dnsrch[0] = nullptr;
-              sockaddr_in found{};
-              if (lookUp("known.test", found) != 0) return 2;
-              if (found.sin_addr.s_addr != htonl(0x7f000007)) return 3;
-              return lookUp("unknown.test", found) == EAI_NONAME ? 0 : 4;
-            }),
-            0);
+  EXPECT_EQ(
+      inSandbox([] {
+        BoundSocket server = bindOnLoopback(SOCK_DGRAM);
+        std::thread([descriptor = server.socket.release()] { serveNames(descriptor); }).detach();
+        if (res_init() != 0) return 1;
+        _res.nscount = 1;
+        _res.nsaddr_list[0] = loopbackAddress(server.port);
+        _res.dnsrch[0] = nullptr;
+        sockaddr_in found{};
+        if (lookUp("known.test", found) != 0) return 2;
+        if (found.sin_addr.s_addr != htonl(0x7f000007)) return 3;
+        return lookUp("unknown.test", found) == EAI_NONAME ? 0 : 4;
+      }),
+      0);
 }
 
 #ifdef __SANITIZE_ADDRESS__

@@ -33,6 +33,7 @@
 #include "platform/system/Sandbox.h"
 #include "tests/platform/system/SandboxFixture.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/Loopback.h"
 
 namespace corvid {
 namespace {
@@ -195,16 +196,7 @@ class SandboxOfNamedPorts : public SandboxFixture {
  protected:
   using Reach = std::function<int(int socket, const sockaddr_in& address)>;
 
-  SandboxOfNamedPorts() {
-    const Descriptor& listener = _listener;
-    socklen_t size = sizeof address;
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(bind(listener.get(), reinterpret_cast<sockaddr*>(&address), size), 0);
-    EXPECT_EQ(getsockname(listener.get(), reinterpret_cast<sockaddr*>(&address), &size), 0);
-    EXPECT_EQ(listen(listener.get(), 16), 0);
-  }
-  std::uint16_t port() const { return ntohs(address.sin_port); }
+  std::uint16_t port() const { return _listener.port; }
 
   std::optional<int> errorOfReaching(const Reach& reach) {
     return inSandbox([&] { return reach(socket(AF_INET, SOCK_STREAM, 0), address); });
@@ -213,10 +205,8 @@ class SandboxOfNamedPorts : public SandboxFixture {
     return errorOf(connect(socket, reinterpret_cast<const sockaddr*>(&to), sizeof to));
   }
 
-  sockaddr_in address{};
-
- private:
-  const Descriptor _listener{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+  const BoundSocket _listener = listenOnLoopback();
+  sockaddr_in address = loopbackAddress(port());
 };
 
 TEST_F(SandboxOfNamedPorts, RefusesToConnectToAnother) {

@@ -1,6 +1,4 @@
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <future>
@@ -9,6 +7,7 @@
 
 #include "backends/dashboard/TagReportingPacket.h"
 #include "base/Reading.h"
+#include "tests/support/Loopback.h"
 #include "tests/support/Waiting.h"
 #include "tools/Arguments.h"
 #include "tools/lab/DashboardServer.h"
@@ -27,12 +26,7 @@ std::string packet(std::uint16_t event, const Dictionary& payload = {}) {
 
 class DashboardServerTest : public testing::Test {
  protected:
-  DashboardServerTest() : _socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(server.port());
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(::connect(_socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  DashboardServerTest() {
     const timeval patience{20, 0};
     ::setsockopt(_socket.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
   }
@@ -63,7 +57,7 @@ class DashboardServerTest : public testing::Test {
       [this](const Dictionary& entry) { _notice.change([&] { _entries.push_back(entry); }); }};
 
  private:
-  const Descriptor _socket;
+  const Descriptor _socket = connectOnLoopback(server.port(), SOCK_DGRAM);
 };
 
 TEST_F(DashboardServerTest, AcknowledgesAPacketWithItsHeader) {

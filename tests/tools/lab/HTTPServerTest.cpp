@@ -1,7 +1,5 @@
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <future>
@@ -9,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/Loopback.h"
 #include "tests/support/Scratch.h"
 #include "tests/support/Waiting.h"
 #include "tests/tools/lab/Peer.h"
@@ -258,20 +257,14 @@ TEST_P(HTTPServerTest, StopEndsWhateverIsUnderWay) {
 
 // Bytes that no client library would send.
 std::string exchangeRaw(std::uint16_t port, std::string_view bytes) {
-  const int socket = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const Descriptor socket = connectOnLoopback(port);
   std::string answer;
-  if (::connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-      ::send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
-          static_cast<ssize_t>(bytes.size())) {
+  if (::send(socket.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
+      static_cast<ssize_t>(bytes.size())) {
     char buffer[1024];
-    for (ssize_t count; (count = ::recv(socket, buffer, sizeof buffer, 0)) > 0;)
+    for (ssize_t count; (count = ::recv(socket.get(), buffer, sizeof buffer, 0)) > 0;)
       answer.append(buffer, static_cast<std::size_t>(count));
   }
-  ::close(socket);
   return answer;
 }
 

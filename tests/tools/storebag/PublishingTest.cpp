@@ -1,18 +1,16 @@
 // Storebags at nginx, with the configuration that is shipped as an example.
-#include <arpa/inet.h>
 #include <fmt/format.h>
 #include <gmock/gmock.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <memory>
 
-#include "base/Descriptor.h"
 #include "config/StorebagFetch.h"
 #include "platform/http/CurlHTTPClient.h"
 #include "platform/system/SystemClock.h"
+#include "tests/support/Loopback.h"
 #include "tests/support/Waiting.h"
 #include "tests/tools/storebag/SigningFolder.h"
 #include "tools/lab/TLSIdentity.h"
@@ -22,22 +20,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using testing::HasSubstr;
-
-// A socket on loopback: bound to a free port where `port` is 0, else connected to it.
-Descriptor loopbackSocket(std::uint16_t& port) {
-  Descriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  auto* const generic = reinterpret_cast<sockaddr*>(&address);
-  const bool done = port == 0 ? bind(socket.get(), generic, size) == 0 &&
-                                    getsockname(socket.get(), generic, &size) == 0
-                              : connect(socket.get(), generic, size) == 0;
-  port = ntohs(address.sin_port);
-  return done ? std::move(socket) : Descriptor();
-}
 
 // `text` with the only `old` in it replaced.
 std::string with(std::string text, const std::string& old, const std::string& another) {
@@ -49,7 +31,6 @@ std::string with(std::string text, const std::string& old, const std::string& an
 class Nginx : public testing::Test, protected SigningFolder {
  protected:
   void SetUp() override {
-    loopbackSocket(_port);
     std::string server = contentOf(CORVID_EXAMPLE_NGINX);
     server = with(server, "443", fmt::format("127.0.0.1:{}", _port));
     server = with(server, "/etc/ssl/certs/storebags.example.com.pem",
@@ -67,7 +48,7 @@ class Nginx : public testing::Test, protected SigningFolder {
     fs::create_directory(folder.path("srv"));
     _process.emplace("/usr/sbin/nginx",
                      std::vector<std::string>{"-c", file, "-p", folder.path(), "-e", "stderr"});
-    ASSERT_TRUE(waitUntil([&] { return static_cast<bool>(loopbackSocket(_port)); }))
+    ASSERT_TRUE(waitUntil([&] { return isOpen(_port); }))
         << "nginx did not come up; scripts/setup installs it";
     publish();
   }
@@ -88,7 +69,7 @@ class Nginx : public testing::Test, protected SigningFolder {
     return answerTo(storebagRequest(url(), lastModified));
   }
 
-  std::uint16_t _port = 0;
+  const std::uint16_t _port = freePorts(1).front();
   const std::string _published = folder.path("srv/tessel");
   const lab::TLSIdentity _identity{folder.path("tls")};
   CurlHTTPClient _client{std::make_shared<SystemClock>(), {.caFile = _identity.caFile()}};

@@ -1,8 +1,6 @@
 #include "tests/tools/lab/conform/CannedServer.h"
 
-#include <arpa/inet.h>
 #include <fmt/format.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <array>
@@ -12,6 +10,7 @@
 
 #include "base/Reading.h"
 #include "base/Text.h"
+#include "tests/support/Loopback.h"
 
 namespace corvid::lab::conform {
 
@@ -55,18 +54,10 @@ std::optional<CannedServer::Request> next(int socket, std::string& bytes) {
 }  // namespace
 
 CannedServer::CannedServer(Handler handler, Service service)
-    : _handler(std::move(handler)),
-      _service(service),
-      _listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  auto* const generic = reinterpret_cast<sockaddr*>(&address);
-  if (bind(_listener.get(), generic, size) != 0 || listen(_listener.get(), 64) != 0 ||
-      getsockname(_listener.get(), generic, &size) != 0)
-    throw std::runtime_error("cannot listen");
-  _port = ntohs(address.sin_port);
+    : _handler(std::move(handler)), _service(service) {
+  BoundSocket bound = listenOnLoopback();
+  _listener = std::move(bound.socket);
+  _port = bound.port;
   _acceptor = std::thread([this] { accept(); });
 }
 

@@ -1,13 +1,11 @@
 // The page as people see it: small and large, light and dark. Where CORVID_SCREENSHOTS names a
 // folder, the pictures that are taken here are kept in it.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 
 #include <cstdlib>
 #include <fstream>
 
 #include "backends/dashboard/TagReportingPacket.h"
+#include "tests/support/Loopback.h"
 #include "tests/tools/lab/page/PageFixture.h"
 #include "tests/tools/lab/page/Picture.h"
 
@@ -158,13 +156,8 @@ class PageLooksTest : public PageFixture, public testing::WithParamInterface<Loo
     header.sessionID = 42;
     const Dictionary payload{{"formula", "a=b"}, {"count", 4}};
     const TagReportingPacket packet(header, &payload);
-    const Descriptor socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    to.sin_port = htons(lab->dashboard().port());
-    ::sendto(socket.get(), packet.datagram().data(), packet.datagram().size(), 0,
-             reinterpret_cast<sockaddr*>(&to), sizeof to);
+    const Descriptor socket = connectOnLoopback(lab->dashboard().port(), SOCK_DGRAM);
+    ::send(socket.get(), packet.datagram().data(), packet.datagram().size(), 0);
   }
 
   std::string problems(const std::string& script) {

@@ -1,11 +1,9 @@
 // What the page shows of what arrives, and how people find their way in it.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 
 #include <filesystem>
 
 #include "backends/dashboard/TagReportingPacket.h"
+#include "tests/support/Loopback.h"
 #include "tests/tools/lab/page/PageFixture.h"
 
 namespace corvid::lab {
@@ -20,13 +18,8 @@ using testing::SizeIs;
 class PageTest : public PageFixture {
  protected:
   void sendPacket(std::string_view datagram) {
-    const Descriptor socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    to.sin_port = htons(lab->dashboard().port());
-    ::sendto(socket.get(), datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr*>(&to),
-             sizeof to);
+    const Descriptor socket = connectOnLoopback(lab->dashboard().port(), SOCK_DGRAM);
+    ::send(socket.get(), datagram.data(), datagram.size(), 0);
   }
 };
 
